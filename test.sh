@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Builds the test configuration (AddressSanitizer + UndefinedBehaviorSanitizer)
+# and runs every test with CTest. Exit status: CTest's.
+#   FUZZ=1 ./test.sh   also runs the 60-second fuzz targets (label "fuzz")
+#   LOAD=1 ./test.sh   also runs the long load tests (label "load")
+set -euo pipefail
+cd "$(dirname "$0")"
+scripts/bootstrap
+build=build/test
+exclude=()
+labels=()
+[[ "${FUZZ:-0}" == 1 ]] || labels+=(fuzz)
+[[ "${LOAD:-0}" == 1 ]] || labels+=(load)
+if [[ ${#labels[@]} -gt 0 ]]; then
+  exclude=(-LE "^($(IFS='|'; echo "${labels[*]}"))$")
+fi
+fuzz=OFF
+[[ "${FUZZ:-0}" == 1 ]] && fuzz=ON
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" -DZENTIQ_SANITIZE=ON \
+  -DZENTIQ_FUZZ="$fuzz" >/dev/null
+scripts/build-locked "$build"
+cd "$build"
+exec ctest --output-on-failure -j"$(nproc)" "${exclude[@]}"
