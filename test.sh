@@ -16,7 +16,7 @@ if [[ ${#labels[@]} -gt 0 ]]; then
 fi
 fuzz=OFF
 [[ "${FUZZ:-0}" == 1 ]] && fuzz=ON
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" -DZENTIQ_SANITIZE=ON \
+flock /tmp/zentiq-build.lock cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" -DZENTIQ_SANITIZE=ON \
   -DZENTIQ_FUZZ="$fuzz" >/dev/null
 scripts/build-locked "$build"
 cd "$build"
