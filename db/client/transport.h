@@ -1,0 +1,81 @@
+// The client side of the shared-memory transport to the TAVRIN server.
+//
+// One process holds at most one transport: the named objects, the two mapped
+// views and the watch on the server process are process-wide and live in
+// transport.cpp. DBcomm_init sets them up, DBhandshake asks the server for a
+// channel, DBclient_write/DBclient_read move one request and its answer in
+// packets of at most 10000 bytes, each packet as one chunk through the
+// message area. "TavrinDB_Mutex" is taken by the write and released by the
+// read once the answer is complete, so a whole exchange is exclusive among all
+// clients. Building requests is reqbuf's business, the connection record and
+// the connection-level commands are connect's.
+#pragma once
+
+#include <cstdint>
+
+// Size of the message area "TavrinDB_Shared_Memory" and its layout.
+enum : int {
+  DBCOMM_AREA_SIZE = 10020,    // what DBcomm_init is called with
+  DBCOMM_PAYLOAD_SIZE = 10012, // bytes from offset 8 to the end of the area
+  DBCOMM_PACKET_MAX = 10000,   // message bytes that still go in one packet
+  DBCOMM_FIRST_DATA = 9992,    // message bytes in a full first packet
+  DBCOMM_NEXT_DATA = 9996,     // message bytes in a full further packet
+};
+
+// The version the client announces in the handshake.
+#define DBCOMM_VERSION "2.0.1"
+
+// Results of DBhandshake other than a channel number.
+enum : int {
+  DBHS_TIMEOUT = -1,
+  DBHS_SYSTEM = -2,
+  DBHS_VERSION = -10,
+};
+
+// Creates or opens the message area (`size` bytes) and the owner word, opens
+// "TavrinDB_Server" (which only a running server provides), creates or opens
+// the other events and the mutex. Returns 1 on success. On failure prints
+// "Tavrin database not found!" when no server runs, then the system's text of
+// the error, releases whatever was already set up and returns 0. A transport
+// that was already set up is closed first.
+int DBcomm_init(int size);
+
+// Asks the server for a channel, announcing DBCOMM_VERSION; waits at most
+// timeout_ms for the mutex and for the answer. Returns the channel (>= 0),
+// DBHS_TIMEOUT, DBHS_SYSTEM or DBHS_VERSION. On success the server process
+// is watched from now on and the mutex is free again; the failures keep the
+// mutex if they had taken it (DBcomm_close releases it).
+int DBhandshake(int timeout_ms);
+// The same announcing another version text (used to check how a server
+// treats clients of other versions).
+int DBhandshake_version(int timeout_ms, const char *version);
+
+// Sends one message of `length` bytes on `channel`: takes the exchange (the
+// mutex, with the owner word free or this channel's), then writes the packets.
+// Returns 1 when the whole message is out, 0 on failure. The mutex stays held
+// on success, until DBclient_read has read the answer or DBclient_release
+// gives it back; when the server process has ended it is released at once.
+int DBclient_write(int channel, const void *data, int length);
+
+// Reads one answer on `channel` into `buffer` of `size` bytes, following the
+// server's parking notice and re-activation. When the answer is longer than
+// `size` and alloc_buffer/alloc_length are given, the answer goes into a new
+// malloc'd buffer of exactly its length, handed to the caller who frees it
+// with free(); when the answer fits, *alloc_buffer is set to null and
+// *alloc_length to -1. Returns the answer length (mutex released), 0 or -1 when
+// nothing (more) could be read (server ended, bad packet, too big without
+// allocation: -1), -2 on a failure of the mutex.
+int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buffer,
+                  int *alloc_length);
+
+// Releases "TavrinDB_Mutex" if this process holds it through the transport.
+// Returns 1 on success or when it was not held, 0 if the release failed.
+int DBclient_release();
+
+// 1 when DBcomm_init has set up the transport and DBcomm_close has not yet
+// closed it.
+int DBcomm_ready();
+
+// Closes every object and unmaps both views; the server-process watch only
+// if one is held; releases the mutex if this process still holds it.
+void DBcomm_close();
