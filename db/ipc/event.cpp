@@ -1,0 +1,145 @@
+// Auto-reset events on a shared futex word (see event.h).
+#include "db/ipc/event.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <ctime>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace ipc {
+
+namespace {
+
+// The bytes of an event object. Zero bytes are a clear event.
+struct EventWord {
+  std::atomic<uint32_t> state;   // 1 set, 0 clear
+  std::atomic<uint32_t> waiters; // sleepers that want a futex wake
+};
+static_assert(sizeof(EventWord) == 8);
+static_assert(std::atomic<uint32_t>::is_always_lock_free);
+
+constexpr size_t kEventSize = 64;
+
+// The process-wide spin limit of waits.
+std::atomic<int> g_spin_us{50};
+
+inline void cpu_relax() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield");
+#endif
+}
+
+int64_t now_ns() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+inline EventWord *word_of(const Section &s) { return static_cast<EventWord *>(s.data()); }
+
+// Takes the 1 if it is there.
+inline bool try_consume(EventWord *w) {
+  uint32_t one = 1;
+  return w->state.load(std::memory_order_relaxed) == 1 &&
+         w->state.compare_exchange_strong(one, 0, std::memory_order_acq_rel);
+}
+
+void futex_wait(std::atomic<uint32_t> *addr, uint32_t expected, int64_t ns) {
+  struct timespec ts = {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
+  syscall(SYS_futex, reinterpret_cast<uint32_t *>(addr), FUTEX_WAIT, expected,
+          ns >= 0 ? &ts : nullptr, nullptr, 0);
+}
+
+void futex_wake(std::atomic<uint32_t> *addr, int n) {
+  syscall(SYS_futex, reinterpret_cast<uint32_t *>(addr), FUTEX_WAKE, n, nullptr, nullptr, 0);
+}
+
+} // namespace
+
+void set_spin_limit_us(int us) { g_spin_us.store(us < 0 ? 0 : us); }
+int spin_limit_us() { return g_spin_us.load(); }
+
+bool Event::create_or_open(const char *name) { return sec_.create_or_open(name, kEventSize); }
+
+bool Event::open_live(const char *name) {
+  if (!sec_.open_existing(name, sizeof(EventWord))) return false;
+  if (!sec_.held_by_live_owner()) {
+    sec_.close();
+    errno = ENOENT;
+    return false;
+  }
+  return true;
+}
+
+bool Event::create_owned(const char *name) {
+  if (!sec_.create_or_open(name, kEventSize)) return false;
+  if (!sec_.lock_exclusive()) {
+    int e = errno;
+    sec_.close();
+    errno = e;
+    return false;
+  }
+  return true;
+}
+
+void Event::set() {
+  EventWord *w = word_of(sec_);
+  // Store, then look for sleepers; a waiter registers, then looks at the
+  // state. With both sequentially consistent one of them sees the other.
+  w->state.store(1, std::memory_order_seq_cst);
+  if (w->waiters.load(std::memory_order_seq_cst) != 0) futex_wake(&w->state, 1);
+}
+
+void Event::reset() { word_of(sec_)->state.store(0); }
+
+bool Event::is_set() const { return word_of(sec_)->state.load() == 1; }
+
+WaitResult Event::wait(int timeout_ms, const Process *proc) {
+  EventWord *w = word_of(sec_);
+  if (try_consume(w)) return WaitResult::Signalled;
+  if (timeout_ms == 0) return WaitResult::Timeout;
+
+  const int64_t start = now_ns();
+  // Bounded spin: the other side of an exchange usually answers at once.
+  const int64_t spin_end = start + int64_t(g_spin_us.load(std::memory_order_relaxed)) * 1000;
+  while (now_ns() < spin_end) {
+    for (int k = 0; k < 32; ++k) {
+      if (try_consume(w)) return WaitResult::Signalled;
+      cpu_relax();
+    }
+  }
+
+  const int64_t deadline = timeout_ms > 0 ? start + int64_t(timeout_ms) * 1000000 : -1;
+  constexpr int64_t kSlice = 20 * 1000000; // process checks at least this often
+  w->waiters.fetch_add(1, std::memory_order_seq_cst);
+  WaitResult result;
+  for (;;) {
+    if (try_consume(w)) {
+      result = WaitResult::Signalled;
+      break;
+    }
+    if (proc && !proc->alive()) {
+      result = WaitResult::ProcessEnded;
+      break;
+    }
+    int64_t sleep_ns = proc ? kSlice : -1;
+    if (deadline >= 0) {
+      int64_t left = deadline - now_ns();
+      if (left <= 0) {
+        result = WaitResult::Timeout;
+        break;
+      }
+      if (sleep_ns < 0 || left < sleep_ns) sleep_ns = left;
+    }
+    futex_wait(&w->state, 0, sleep_ns);
+  }
+  w->waiters.fetch_sub(1, std::memory_order_seq_cst);
+  return result;
+}
+
+} // namespace ipc

@@ -1,0 +1,54 @@
+// Named auto-reset events shared between processes.
+//
+// An event is a shared section holding a 32-bit state word and a count of
+// sleeping waiters. Setting stores 1 and wakes one sleeper; a wait consumes
+// the 1, so one waiter passes per set, and sets while the event is set do not
+// accumulate. A wait first spins for a short, bounded time (the other side
+// usually answers within microseconds), then sleeps on the futex of the word.
+// A wait that also watches a process sleeps in slices of at most 20 ms and
+// ends when the process has ended. Which events exist and what they mean is
+// the protocol's business (db/client/transport, server/).
+#pragma once
+
+#include "db/ipc/named.h"
+#include "db/ipc/process.h"
+
+namespace ipc {
+
+class Event {
+public:
+  // Creates the event (clear) or opens the existing one. False with errno.
+  bool create_or_open(const char *name);
+  // Opens an existing event only if a live process holds its liveness lock
+  // (a server's own event); a leftover of a dead owner counts as missing
+  // (ENOENT).
+  bool open_live(const char *name);
+  // Creates or opens the event and takes its liveness lock for the life of
+  // this object. False (EWOULDBLOCK) if a live process holds it already.
+  bool create_owned(const char *name);
+
+  // Sets the event and wakes one waiter.
+  void set();
+  // Clears the event.
+  void reset();
+  // Waits until the event is set and consumes it. timeout_ms < 0 waits
+  // without limit, 0 only tests. With `proc`, the end of that process ends
+  // the wait (ProcessEnded). Returns Signalled, Timeout, ProcessEnded.
+  WaitResult wait(int timeout_ms, const Process *proc = nullptr);
+  // True when the event is set (does not consume it).
+  bool is_set() const;
+
+  void close() { sec_.close(); }
+  bool is_open() const { return sec_.is_open(); }
+  Section &section() { return sec_; }
+
+private:
+  Section sec_;
+};
+
+// The bounded spin of every wait, in microseconds (default 50; 0 disables
+// spinning). Process-wide.
+void set_spin_limit_us(int us);
+int spin_limit_us();
+
+} // namespace ipc

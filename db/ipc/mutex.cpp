@@ -1,0 +1,102 @@
+// Robust process-shared mutexes (see mutex.h).
+#include "db/ipc/mutex.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <ctime>
+#include <pthread.h>
+
+namespace ipc {
+
+namespace {
+
+// The bytes of a mutex object. All zero: not yet initialised.
+struct MutexBlock {
+  std::atomic<uint32_t> state; // 0 fresh, 1 being initialised, 2 ready
+  uint32_t pad;
+  pthread_mutex_t mutex;
+};
+
+constexpr size_t kMutexSize = 128;
+static_assert(sizeof(MutexBlock) <= kMutexSize);
+
+// Initialises the mutex if nobody has; waits up to one second for another
+// initialiser. Returns false (errno set) if the mutex never became ready.
+bool make_ready(MutexBlock *b) {
+  uint32_t fresh = 0;
+  if (b->state.compare_exchange_strong(fresh, 1)) {
+    pthread_mutexattr_t a;
+    pthread_mutexattr_init(&a);
+    pthread_mutexattr_setpshared(&a, PTHREAD_PROCESS_SHARED);
+    pthread_mutexattr_setrobust(&a, PTHREAD_MUTEX_ROBUST);
+    pthread_mutexattr_settype(&a, PTHREAD_MUTEX_ERRORCHECK);
+    int r = pthread_mutex_init(&b->mutex, &a);
+    pthread_mutexattr_destroy(&a);
+    if (r != 0) {
+      b->state.store(0);
+      errno = r;
+      return false;
+    }
+    b->state.store(2);
+    return true;
+  }
+  for (int i = 0; i < 1000 && b->state.load() != 2; ++i) {
+    struct timespec ts = {0, 1000000};
+    nanosleep(&ts, nullptr);
+  }
+  if (b->state.load() == 2) return true;
+  errno = ETIMEDOUT;
+  return false;
+}
+
+} // namespace
+
+bool Mutex::create_or_open(const char *name) {
+  if (!sec_.create_or_open(name, kMutexSize)) return false;
+  if (!make_ready(static_cast<MutexBlock *>(sec_.data()))) {
+    int e = errno;
+    sec_.close();
+    errno = e;
+    return false;
+  }
+  return true;
+}
+
+WaitResult Mutex::lock(int timeout_ms) {
+  auto *b = static_cast<MutexBlock *>(sec_.data());
+  int r;
+  if (timeout_ms < 0) {
+    r = pthread_mutex_lock(&b->mutex);
+  } else {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    ts.tv_sec += timeout_ms / 1000;
+    ts.tv_nsec += long(timeout_ms % 1000) * 1000000;
+    if (ts.tv_nsec >= 1000000000) {
+      ts.tv_sec += 1;
+      ts.tv_nsec -= 1000000000;
+    }
+    r = pthread_mutex_timedlock(&b->mutex, &ts);
+  }
+  switch (r) {
+  case 0:
+    return WaitResult::Signalled;
+  case EOWNERDEAD:
+    pthread_mutex_consistent(&b->mutex);
+    return WaitResult::Abandoned;
+  case ETIMEDOUT:
+    return WaitResult::Timeout;
+  default:
+    errno = r;
+    return WaitResult::Failed;
+  }
+}
+
+bool Mutex::unlock() {
+  int r = pthread_mutex_unlock(&static_cast<MutexBlock *>(sec_.data())->mutex);
+  if (r != 0) errno = r;
+  return r == 0;
+}
+
+} // namespace ipc
