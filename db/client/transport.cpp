@@ -1,0 +1,397 @@
+// The client side of the shared-memory transport (see transport.h).
+//
+// All state of the transport is process-wide and lives in g_tp below: the
+// named objects, the watch on the server process, whether this process holds
+// "TavrinDB_Mutex", and the rest of a chunk that did not fit the reader.
+#include "db/client/transport.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <unistd.h>
+
+#include "base/msg.h"
+#include "db/ipc/event.h"
+#include "db/ipc/mutex.h"
+#include "db/ipc/named.h"
+#include "db/ipc/process.h"
+
+namespace {
+
+using ipc::WaitResult;
+
+// Offsets in the message area.
+constexpr size_t kChannelAt = 0;
+constexpr size_t kLengthAt = 4;
+constexpr size_t kPayloadAt = 8;
+
+struct Transport {
+  ipc::Section area;  // "TavrinDB_Shared_Memory"
+  ipc::Section owner; // "TavrinDB_Shared_Memory_Socket"
+  ipc::Event server;  // client -> server: a chunk is in the area
+  ipc::Event client;  // server -> client: a chunk for a client is in the area
+  ipc::Event server_ack;
+  ipc::Event client_ack;
+  ipc::Event activate;
+  ipc::Mutex mutex;
+  ipc::Process server_proc; // set by the handshake, forgotten when it ended
+  size_t payload = 0;       // bytes from offset 8 to the end of the area
+  bool ready = false;
+  bool mutex_held = false;
+  // A chunk longer than the reader wanted: its rest waits at offset 8 and
+  // is taken by the next chunk read without waiting for a new signal.
+  bool partial_pending = false;
+  // One packet of an answer; a packet is at most 10008 bytes.
+  std::array<unsigned char, DBCOMM_PAYLOAD_SIZE> packet;
+};
+
+Transport g_tp;
+
+unsigned char *area() { return static_cast<unsigned char *>(g_tp.area.data()); }
+
+uint32_t get32(const unsigned char *p) {
+  uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+
+void put32(unsigned char *p, uint32_t v) { std::memcpy(p, &v, 4); }
+
+int32_t owner_word() {
+  return static_cast<int32_t>(
+      __atomic_load_n(static_cast<uint32_t *>(g_tp.owner.data()), __ATOMIC_SEQ_CST));
+}
+
+void set_owner_word(int32_t v) {
+  __atomic_store_n(static_cast<uint32_t *>(g_tp.owner.data()), static_cast<uint32_t>(v),
+                   __ATOMIC_SEQ_CST);
+}
+
+void sleep_1ms() {
+  struct timespec ts = {0, 1000000};
+  nanosleep(&ts, nullptr);
+}
+
+// Releases the mutex if held. Returns false if the release failed.
+bool release_mutex() {
+  if (!g_tp.mutex_held) return true;
+  if (!g_tp.mutex.unlock()) return false;
+  g_tp.mutex_held = false;
+  return true;
+}
+
+// Locks the mutex. Returns false on a wait result other than signalled or
+// abandoned. No signal meant for this process can be pending when it starts
+// an exchange; a leftover of a broken exchange (an owner that died, a reply
+// that came after a time-out) is cleared here so that it is not taken for
+// data.
+bool lock_mutex(int timeout_ms) {
+  WaitResult r = g_tp.mutex.lock(timeout_ms);
+  if (r != WaitResult::Signalled && r != WaitResult::Abandoned) return false;
+  g_tp.mutex_held = true;
+  g_tp.client.reset();
+  g_tp.client_ack.reset();
+  g_tp.partial_pending = false;
+  return true;
+}
+
+// The server process ended while this process waited for it: forget the
+// watch and give the exchange up, so that other clients are not blocked.
+void server_ended() {
+  g_tp.server_proc.close();
+  release_mutex();
+}
+
+// Takes the exchange: the mutex with the owner word free (or, with
+// own_channel >= 0, naming that channel). Returns false on a failure of the
+// mutex; a lock wait that times out counts as failure.
+bool take_exchange(int own_channel, int timeout_ms) {
+  for (;;) {
+    if (!lock_mutex(timeout_ms)) return false;
+    int32_t o = owner_word();
+    if (o == -1 || (own_channel >= 0 && o == own_channel)) return true;
+    if (!release_mutex()) return false;
+    sleep_1ms();
+  }
+}
+
+// Sends one chunk made of head (hn bytes) and body (bn bytes). Returns the
+// chunk length, or -1 when the server process ended first.
+int send_chunk(int channel, const unsigned char *head, size_t hn, const unsigned char *body,
+               size_t bn) {
+  unsigned char *a = area();
+  put32(a + kChannelAt, static_cast<uint32_t>(channel));
+  put32(a + kLengthAt, static_cast<uint32_t>(hn + bn));
+  if (hn) std::memcpy(a + kPayloadAt, head, hn);
+  if (bn) std::memcpy(a + kPayloadAt + hn, body, bn);
+  g_tp.server.set();
+  if (g_tp.client_ack.wait(-1, &g_tp.server_proc) != WaitResult::Signalled) {
+    server_ended();
+    return -1;
+  }
+  return static_cast<int>(hn + bn);
+}
+
+// Sends one packet: an 8- or 4-byte header (its first word the packet
+// length) followed by the rest of the packet's bytes from body, in chunks that fit the area.
+// Returns the bytes sent, or the first chunk result of 0 or less.
+int send_packet(int channel, const unsigned char *head, size_t hn, const unsigned char *body) {
+  const size_t total = get32(head);
+  size_t sent = 0;
+  while (sent < total) {
+    // The part of [head | body] from `sent`, at most one area's payload.
+    size_t n = std::min(total - sent, g_tp.payload);
+    size_t h = sent < hn ? std::min(hn - sent, n) : 0;
+    const unsigned char *hp = head + std::min(sent, hn);
+    const unsigned char *bp = body + (sent + h - std::min(sent + h, hn));
+    int r = send_chunk(channel, hp, h, bp, n - h);
+    if (r <= 0) return r;
+    sent += static_cast<size_t>(r);
+  }
+  return static_cast<int>(sent);
+}
+
+// Reads one chunk of at most max bytes into buf, following a parking notice
+// and the re-activation. Returns the bytes taken, -1 when the server ended
+// (or sent a chunk longer than the area), -2 on a failure of the mutex.
+int read_chunk(int channel, unsigned char *buf, int max) {
+  unsigned char *a = area();
+  for (;;) {
+    if (!g_tp.partial_pending) {
+      if (g_tp.client.wait(-1, &g_tp.server_proc) != WaitResult::Signalled) {
+        server_ended();
+        return -1;
+      }
+    }
+    uint32_t n = get32(a + kLengthAt);
+    if (n > g_tp.payload) {
+      msg_print("client read: Chunk length %u out of range\n", n);
+      g_tp.partial_pending = false;
+      return -1;
+    }
+    if (!g_tp.partial_pending && n == 9 && a[16] == '-') {
+      // Parked: the server answers later. Give the exchange up and wait
+      // until the server hands it back to this channel.
+      g_tp.server_ack.set();
+      if (!release_mutex()) return -2;
+      for (;;) {
+        if (g_tp.activate.wait(-1, &g_tp.server_proc) != WaitResult::Signalled) {
+          server_ended();
+          return -1;
+        }
+        if (owner_word() == channel) {
+          if (!lock_mutex(-1)) return -2;
+          set_owner_word(-1);
+          break;
+        }
+        // Meant for another parked client: pass it on.
+        g_tp.activate.set();
+        sleep_1ms();
+      }
+      continue;
+    }
+    if (static_cast<int64_t>(n) > max) {
+      size_t m = static_cast<size_t>(max);
+      std::memcpy(buf, a + kPayloadAt, m);
+      put32(a + kLengthAt, static_cast<uint32_t>(n - m));
+      std::memmove(a + kPayloadAt, a + kPayloadAt + m, n - m);
+      g_tp.partial_pending = true;
+      return max;
+    }
+    std::memcpy(buf, a + kPayloadAt, n);
+    g_tp.partial_pending = false;
+    g_tp.server_ack.set();
+    return static_cast<int>(n);
+  }
+}
+
+// Reads one packet into g_tp.packet. Returns the bytes received (at least 4),
+// or the first chunk result of 0 or less.
+int read_packet(int channel) {
+  unsigned char *pkt = g_tp.packet.data();
+  const int cap = static_cast<int>(g_tp.packet.size());
+  int got = 0;
+  while (got < 4) {
+    int r = read_chunk(channel, pkt + got, cap - got);
+    if (r <= 0) return r;
+    got += r;
+  }
+  uint32_t plen = get32(pkt);
+  if (plen > static_cast<uint32_t>(cap)) {
+    msg_print("client read: Packet length %u out of range\n", plen);
+    return -1;
+  }
+  if (got > static_cast<int>(plen))
+    msg_print("dbread client error: More received than sent %d/%d\n", got, static_cast<int>(plen));
+  while (got < static_cast<int>(plen)) {
+    int r = read_chunk(channel, pkt + got, static_cast<int>(plen) - got);
+    if (r <= 0) return r;
+    got += r;
+  }
+  return got;
+}
+
+} // namespace
+
+int DBcomm_init(int size) {
+  DBcomm_close();
+  msg_at_fatal(DBcomm_close);
+  bool not_found = false;
+  bool ok = size > static_cast<int>(kPayloadAt) &&
+            g_tp.area.create_or_open("TavrinDB_Shared_Memory", static_cast<size_t>(size)) &&
+            g_tp.owner.create_or_open("TavrinDB_Shared_Memory_Socket", 4);
+  if (ok && !g_tp.server.open_live("TavrinDB_Server")) {
+    not_found = true;
+    ok = false;
+  }
+  ok = ok && g_tp.client.create_or_open("TavrinDB_Client") &&
+       g_tp.server_ack.create_or_open("TavrinDB_Server_Ack") &&
+       g_tp.client_ack.create_or_open("TavrinDB_Client_Ack") &&
+       g_tp.activate.create_or_open("TavrinDB_Client_Activate") &&
+       g_tp.mutex.create_or_open("TavrinDB_Mutex");
+  if (!ok) {
+    int e = size > static_cast<int>(kPayloadAt) ? errno : EINVAL;
+    if (not_found) msg_print("Tavrin database not found!\n");
+    msg_print("%s\n", std::strerror(e));
+    DBcomm_close();
+    return 0;
+  }
+  g_tp.payload = std::min(static_cast<size_t>(size) - kPayloadAt, size_t{DBCOMM_PAYLOAD_SIZE});
+  g_tp.ready = true;
+  return 1;
+}
+
+int DBcomm_ready() { return g_tp.ready ? 1 : 0; }
+
+void DBcomm_close() {
+  if (g_tp.mutex_held && g_tp.mutex.is_open()) g_tp.mutex.unlock();
+  g_tp.mutex_held = false;
+  g_tp.partial_pending = false;
+  g_tp.ready = false;
+  g_tp.server_proc.close();
+  g_tp.mutex.close();
+  g_tp.activate.close();
+  g_tp.client_ack.close();
+  g_tp.server_ack.close();
+  g_tp.client.close();
+  g_tp.server.close();
+  g_tp.owner.close();
+  g_tp.area.close();
+}
+
+int DBhandshake(int timeout_ms) { return DBhandshake_version(timeout_ms, DBCOMM_VERSION); }
+
+int DBhandshake_version(int timeout_ms, const char *version) {
+  if (!g_tp.ready || !version) return DBHS_SYSTEM;
+  if (!take_exchange(-1, timeout_ms)) return DBHS_SYSTEM;
+  unsigned char *a = area();
+  put32(a + kChannelAt, 0xFFFFFFFFu);
+  put32(a + kLengthAt, static_cast<uint32_t>(getpid()));
+  size_t n = std::min(std::strlen(version), g_tp.payload - 1);
+  std::memcpy(a + kPayloadAt, version, n);
+  a[kPayloadAt + n] = 0;
+  g_tp.server.set();
+  WaitResult r = g_tp.client.wait(timeout_ms);
+  if (r == WaitResult::Timeout) return DBHS_TIMEOUT;
+  if (r != WaitResult::Signalled) return DBHS_SYSTEM;
+  int32_t channel = static_cast<int32_t>(get32(a + kChannelAt));
+  if (channel < 0) return DBHS_VERSION;
+  if (!g_tp.server_proc.open(static_cast<pid_t>(get32(a + kLengthAt)))) return DBHS_SYSTEM;
+  if (!release_mutex()) return DBHS_SYSTEM;
+  return channel;
+}
+
+int DBclient_write(int channel, const void *data, int length) {
+  if (!g_tp.ready || length < 0 || (length > 0 && !data)) return 0;
+  if (!take_exchange(channel, -1)) return 0;
+  const auto *p = static_cast<const unsigned char *>(data);
+  const uint32_t total = static_cast<uint32_t>(length);
+  unsigned char head[8];
+  if (total <= DBCOMM_PACKET_MAX) {
+    put32(head, total + 8);
+    put32(head + 4, total);
+    int w = send_packet(channel, head, 8, p);
+    if (w != static_cast<int>(total + 8)) {
+      msg_print("client write: Data missing (expected %d written %d)\n", int(total + 8), w);
+      return 0;
+    }
+    return 1;
+  }
+  put32(head, DBCOMM_PACKET_MAX);
+  put32(head + 4, total);
+  int w = send_packet(channel, head, 8, p);
+  if (w != DBCOMM_PACKET_MAX) {
+    msg_print("client write: Data missing (expected %d written %d)\n", DBCOMM_PACKET_MAX, w);
+    return 0;
+  }
+  uint32_t done = DBCOMM_FIRST_DATA;
+  while (done < total) {
+    uint32_t n = std::min<uint32_t>(total - done, DBCOMM_NEXT_DATA);
+    put32(head, n + 4);
+    w = send_packet(channel, head, 4, p + done);
+    if (w != static_cast<int>(n + 4)) {
+      msg_print("client write: Data missing (expected %d written %d)\n", int(n + 4), w);
+      return 0;
+    }
+    done += n;
+  }
+  return 1;
+}
+
+int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buffer,
+                  int *alloc_length) {
+  if (!g_tp.ready) return -1;
+  int got = read_packet(channel);
+  if (got <= 0) return got;
+  if (got < 8) {
+    msg_print("client read: Message length data missing (received %d)\n", got);
+    return -1;
+  }
+  const unsigned char *pkt = g_tp.packet.data();
+  uint32_t total = get32(pkt + 4);
+  bool allocate = alloc_buffer && alloc_length;
+  unsigned char *dst;
+  if (static_cast<int64_t>(total) <= size) {
+    if (allocate) {
+      *alloc_buffer = nullptr;
+      *alloc_length = -1;
+    }
+    dst = static_cast<unsigned char *>(buffer);
+  } else if (allocate && total <= static_cast<uint32_t>(INT_MAX)) {
+    dst = static_cast<unsigned char *>(std::malloc(total));
+    if (!dst) {
+      msg_print("client read: Out of memory (len %d)\n", static_cast<int>(total));
+      return -1;
+    }
+  } else {
+    msg_print("client read: Message too big (len %d / buffersize = %d)\n", static_cast<int>(total),
+              size);
+    return -1;
+  }
+  // The first packet's message bytes, then the further packets' bytes after
+  // their 4-byte header, cut at the message length.
+  uint32_t have = std::min<uint32_t>(static_cast<uint32_t>(got - 8), total);
+  std::memcpy(dst, pkt + 8, have);
+  while (have < total) {
+    int r = read_packet(channel);
+    if (r <= 0) {
+      if (dst != buffer) std::free(dst);
+      return r;
+    }
+    uint32_t n = std::min<uint32_t>(static_cast<uint32_t>(r - 4), total - have);
+    std::memcpy(dst + have, pkt + 4, n);
+    have += n;
+  }
+  if (dst != buffer) {
+    *alloc_buffer = dst;
+    *alloc_length = static_cast<int>(total);
+  }
+  if (!release_mutex()) return -2;
+  return static_cast<int>(total);
+}
+
+int DBclient_release() { return release_mutex() ? 1 : 0; }
