@@ -1,0 +1,723 @@
+// The Varne compressed-data format: encoder, decoder and their process-wide
+// contexts (see varne.h for the stream layout).
+//
+// Encoder strategy. Input is collected in 1 MiB blocks; each block is coded
+// on its own because repeats may not reach into an earlier block. The rank
+// table is fixed from the byte counts when the first block is coded (for a
+// short input: the whole input), so later blocks can be written out at once.
+// Every token has a known exact cost in bits (literal 3/6/7/8/11 by rank, run
+// 11 + count width + byte code, repeat 11 + distance width + length width), so
+// all decisions compare "bits saved": the literal cost of the bytes a token
+// covers (a prefix sum over the block) minus the token's cost.
+//  - Matches are found with hash chains over 5-byte prefixes. The two search
+//    buffers are the hash heads and the chain links (a ring over the most
+//    recent positions); their size, Comp_Cache KiB each, bounds the window.
+//    The previous repeat's distance is tried first, then the chain is walked
+//    nearest first up to a depth limit, keeping the candidate that saves most
+//    bits (a nearer shorter match can beat a farther longer one).
+//  - At each position a run of the same byte is weighed against the best
+//    repeat; runs cover 3..4098 bytes at 14..34 bits and usually win on
+//    stretches of one byte.
+//  - Lazy evaluation: before taking a token, the next two positions are
+//    searched too; a literal plus a better token there is preferred.
+//  - Each repeat gets the smallest escape class whose distance (8..20 bits)
+//    and length (4, 5 or 8 bits) fields hold it; longer repeats are split.
+//
+// Decoder. Tokens are decoded with a 2048-entry table over the next 11 bits
+// (literal byte and code length, or the escape number). Input words past the
+// end of the stream read as zero bits that are counted; a token that used any
+// of them is a truncated stream. Every distance and length is checked against
+// the block before a byte is copied.
+#include "base/varne.h"
+
+#include "base/msg.h"
+
+#include <algorithm>
+#include <bit>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+constexpr char kMagic[9] = {'z', '0', '1', 'm', 'o', 'r', 'l', 'e', 't'};
+constexpr size_t kInputBuffer = 1114111; // a block plus slack for word loads
+constexpr size_t kWorkBytes = 65532;     // staging of bit-stream words
+constexpr size_t kWorkWords = kWorkBytes / 4;
+constexpr size_t kOutputStep = 10000;
+constexpr int kEndEscape = 14;
+constexpr uint32_t kMaxRun = 4095 + 3;
+constexpr uint32_t kMaxDistance = (1u << 20) - 1;
+
+struct FreeDeleter {
+  void operator()(void *p) const { std::free(p); }
+};
+template <class T> using Buffer = std::unique_ptr<T[], FreeDeleter>;
+
+template <class T> Buffer<T> allocate(size_t count) {
+  return Buffer<T>(static_cast<T *>(std::calloc(count, sizeof(T))));
+}
+
+inline uint32_t load32(const uint8_t *p) {
+  uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+inline uint64_t load64(const uint8_t *p) {
+  uint64_t v;
+  std::memcpy(&v, p, 8);
+  return v;
+}
+inline uint32_t load_le32(const uint8_t *p) {
+  return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+inline void store_le32(uint8_t *p, uint32_t v) {
+  p[0] = uint8_t(v);
+  p[1] = uint8_t(v >> 8);
+  p[2] = uint8_t(v >> 16);
+  p[3] = uint8_t(v >> 24);
+}
+
+// The literal code (class bits and value) of rank table entry r.
+struct Code {
+  uint32_t bits;
+  uint32_t len;
+};
+Code literal_code(int r) {
+  if (r >= 252) return {uint32_t(255 - r), 3};
+  if (r >= 244) return {(4u << 3) | uint32_t(251 - r), 6};
+  if (r >= 228) return {(5u << 4) | uint32_t(243 - r), 7};
+  if (r >= 196) return {(6u << 5) | uint32_t(227 - r), 8};
+  return {(7u << 8) | uint32_t(195 - r), 11};
+}
+inline uint32_t escape_code(int k) { return (7u << 8) | uint32_t(196 + k); }
+
+inline uint32_t distance_bits(uint32_t dist) {
+  return std::max<uint32_t>(8, uint32_t(std::bit_width(dist)));
+}
+inline uint32_t length_select(uint32_t stored) { return stored < 16 ? 0 : stored < 32 ? 1 : 2; }
+constexpr uint32_t kLengthBits[3] = {4, 5, 8};
+
+// ---------------------------------------------------------------------------
+// Compressor
+
+// Tuning of the match search.
+constexpr int kMaxChain = 48;      // chain steps per search
+constexpr uint32_t kNiceLen = 96;  // a match this long ends the search
+constexpr uint32_t kLazyLen = 40;  // matches this long are taken without lazy look
+constexpr uint32_t kHashBits = 17; // at most 2^17 hash heads are used
+
+struct Compressor {
+  FILE *file = nullptr;
+  uint32_t comp_min = 5;
+  uint32_t max_token = 260; // longest repeat one token codes
+  uint32_t window_mask = 0;
+  uint32_t max_dist = 0;
+  uint32_t hash_shift = 0;
+  uint32_t hash_size = 0;
+
+  Buffer<uint8_t> block; // input block
+  size_t fill = 0;
+  Buffer<uint32_t> work; // bit-stream words not yet in the output
+  size_t work_len = 0;
+  Buffer<uint32_t> head;  // search buffer 1: hash heads (position + 1)
+  Buffer<uint32_t> chain; // search buffer 2: previous position + 1, by position
+  Buffer<uint32_t> cum;   // literal cost prefix sums over the block
+
+  Buffer<uint8_t> out; // output not yet written to the file (or all of it)
+  size_t out_len = 0, out_cap = 0;
+
+  uint64_t counts[256] = {};
+  bool ranked = false;
+  Code lit[256] = {};    // literal code by byte value
+  bool run_ok[256] = {}; // byte can be the byte of a run token
+  uint32_t litcost[256] = {};
+
+  uint64_t acc = 0; // bit writer
+  uint32_t nacc = 0;
+
+  bool failed = false, ended = false, taken = false;
+  size_t inserted = 0; // next block position to enter into the hash chains
+  uint32_t last_dist = 0;
+};
+
+// The one compression of the process (null before the first Compress_Init).
+std::unique_ptr<Compressor> g_comp;
+
+bool out_reserve(Compressor &c, size_t extra) {
+  size_t need = c.out_len + extra;
+  if (need <= c.out_cap) return true;
+  // Grow in steps of 10000 bytes, by at least half the size so that long
+  // in-memory streams are not copied over and over.
+  size_t cap = std::max(need, c.out_cap + c.out_cap / 2);
+  cap = (cap + kOutputStep - 1) / kOutputStep * kOutputStep;
+  void *p = std::realloc(c.out.get(), cap);
+  if (!p) return false;
+  (void)c.out.release();
+  c.out.reset(static_cast<uint8_t *>(p));
+  c.out_cap = cap;
+  return true;
+}
+
+bool flush_work(Compressor &c) {
+  if (!out_reserve(c, c.work_len * 4)) return false;
+  uint8_t *dst = c.out.get() + c.out_len;
+  for (size_t i = 0; i < c.work_len; ++i) store_le32(dst + 4 * i, c.work[i]);
+  c.out_len += c.work_len * 4;
+  c.work_len = 0;
+  return true;
+}
+
+// Writes the pending output to the file (FILE output only).
+bool flush_file(Compressor &c) {
+  if (!c.file || c.out_len == 0) return true;
+  if (std::fwrite(c.out.get(), 1, c.out_len, c.file) != c.out_len) return false;
+  c.out_len = 0;
+  return true;
+}
+
+// Appends the n low bits of v (n <= 32) to the bit stream.
+inline void put_bits(Compressor &c, uint32_t v, uint32_t n) {
+  c.acc = (c.acc << n) | v;
+  c.nacc += n;
+  if (c.nacc >= 32) {
+    c.nacc -= 32;
+    c.work[c.work_len++] = uint32_t(c.acc >> c.nacc);
+    if (c.work_len == kWorkWords && !flush_work(c)) c.failed = true;
+  }
+}
+
+// Fixes the rank table from the counts so far and derives the codes.
+void make_ranks(Compressor &c) {
+  uint8_t order[256];
+  for (int i = 0; i < 256; ++i) order[i] = uint8_t(i);
+  std::stable_sort(order, order + 256,
+                   [&](uint8_t a, uint8_t b) { return c.counts[a] < c.counts[b]; });
+  std::memcpy(c.out.get() + 13, order, 256);
+  for (int r = 0; r < 256; ++r) {
+    uint8_t b = order[r];
+    c.lit[b] = literal_code(r);
+    c.litcost[b] = c.lit[b].len;
+    c.run_ok[b] = r != 0; // class 7 value 195 is not accepted inside a run
+  }
+  c.ranked = true;
+}
+
+inline uint32_t hash5(const uint8_t *p, uint32_t shift) {
+  return uint32_t(((load64(p) << 24) * 0xcf1bbcdcb7a56463ull) >> shift);
+}
+
+inline uint32_t match_length(const uint8_t *a, const uint8_t *b, uint32_t limit) {
+  uint32_t len = 0;
+  while (len + 8 <= limit) {
+    uint64_t x = load64(a + len) ^ load64(b + len);
+    if (x) return len + uint32_t(std::countr_zero(x) >> 3);
+    len += 8;
+  }
+  while (len < limit && a[len] == b[len]) ++len;
+  return len;
+}
+
+// One coding choice at a position: a repeat (dist > 0), a run (dist 0, len
+// >= 3) or nothing (len 0). gain is the number of bits saved against literals.
+struct Choice {
+  int32_t gain = 0;
+  uint32_t len = 0;
+  uint32_t dist = 0;
+};
+
+inline int32_t repeat_cost(const Compressor &c, uint32_t len, uint32_t dist) {
+  return int32_t(11 + distance_bits(dist) + kLengthBits[length_select(len - c.comp_min)]);
+}
+inline int32_t run_cost(const Compressor &c, uint32_t len, uint8_t b) {
+  return int32_t(11 + std::max<uint32_t>(3, uint32_t(std::bit_width(len - 3))) + c.litcost[b]);
+}
+
+inline void insert_position(Compressor &c, const uint8_t *src, size_t p) {
+  uint32_t h = hash5(src + p, c.hash_shift);
+  c.chain[p & c.window_mask] = c.head[h];
+  c.head[h] = uint32_t(p + 1);
+}
+
+// Enters every position before p into the hash chains, then searches the
+// best choice at p (and enters p). n is the block length.
+Choice best_at(Compressor &c, const uint8_t *src, size_t n, size_t p) {
+  const size_t last_start = n >= 5 ? n - 5 : 0; // positions with 5 bytes left
+  if (n >= 5)
+    for (size_t q = c.inserted; q < p && q <= last_start; ++q) insert_position(c, src, q);
+  c.inserted = std::max(c.inserted, p);
+
+  Choice best;
+  const uint32_t *cum = c.cum.get();
+  const uint8_t *cur = src + p;
+  const uint32_t remain = uint32_t(n - p);
+
+  // A run of the byte at p.
+  if (remain >= 3 && cur[1] == cur[0] && cur[2] == cur[0] && c.run_ok[cur[0]]) {
+    uint32_t limit = std::min(remain, kMaxRun);
+    uint32_t len = 3;
+    while (len < limit && cur[len] == cur[0]) ++len;
+    int32_t gain = int32_t(cum[p + len] - cum[p]) - run_cost(c, len, cur[0]);
+    if (gain > 0) best = {gain, len, 0};
+  }
+
+  if (p > last_start || n < 5) return best;
+  const uint32_t maxlen = std::min(remain, c.max_token);
+  uint32_t best_len = c.comp_min - 1;
+
+  auto consider = [&](uint32_t cand) {
+    uint32_t len = match_length(src + cand, cur, maxlen);
+    if (len <= best_len) return;
+    best_len = len;
+    uint32_t dist = uint32_t(p - cand);
+    int32_t gain = int32_t(cum[p + len] - cum[p]) - repeat_cost(c, len, dist);
+    if (gain > best.gain) best = {gain, len, dist};
+  };
+
+  // The previous distance first: repeated records keep their distance.
+  if (c.last_dist && c.last_dist <= p && c.last_dist <= c.max_dist)
+    consider(uint32_t(p - c.last_dist));
+
+  const uint32_t limit = p > c.max_dist ? uint32_t(p - c.max_dist) : 0;
+  const uint32_t h = hash5(cur, c.hash_shift);
+  uint32_t hv = c.head[h];
+  const uint32_t first4 = load32(cur);
+  int depth = kMaxChain;
+  if (best_len >= kNiceLen) depth = 0;
+  while (hv != 0 && depth-- > 0 && best_len < maxlen) {
+    uint32_t cand = hv - 1;
+    if (cand < limit) break;
+    if (src[cand + best_len] == cur[best_len] && load32(src + cand) == first4) {
+      consider(cand);
+      if (best_len >= kNiceLen) break;
+    }
+    uint32_t next = c.chain[cand & c.window_mask];
+    if (next == 0 || next - 1 >= cand) break;
+    hv = next;
+  }
+  c.chain[p & c.window_mask] = c.head[h];
+  c.head[h] = uint32_t(p + 1);
+  c.inserted = p + 1;
+  return best;
+}
+
+inline void emit_literal(Compressor &c, uint8_t b) { put_bits(c, c.lit[b].bits, c.lit[b].len); }
+
+void emit_choice(Compressor &c, const uint8_t *src, size_t p, const Choice &ch) {
+  if (ch.dist == 0) {
+    uint32_t count = ch.len - 3;
+    uint32_t width = std::max<uint32_t>(3, uint32_t(std::bit_width(count)));
+    put_bits(c, escape_code(int(12 - width)), 11);
+    put_bits(c, count, width);
+    emit_literal(c, src[p]);
+    return;
+  }
+  uint32_t stored = ch.len - c.comp_min;
+  uint32_t dbits = distance_bits(ch.dist);
+  uint32_t sel = length_select(stored);
+  put_bits(c, escape_code(int(21 + 3 * (dbits - 8) + sel)), 11);
+  put_bits(c, ch.dist, dbits);
+  put_bits(c, stored, kLengthBits[sel]);
+  c.last_dist = ch.dist;
+}
+
+// Codes src[0..n) as one block. Returns false when the output cannot grow.
+bool compress_block(Compressor &c, const uint8_t *src, size_t n) {
+  if (!c.ranked) make_ranks(c);
+  std::memset(c.head.get(), 0, sizeof(uint32_t) * c.hash_size);
+  c.inserted = 0;
+  c.last_dist = 0;
+  uint32_t *cum = c.cum.get();
+  cum[0] = 0;
+  for (size_t i = 0; i < n; ++i) cum[i + 1] = cum[i] + c.litcost[src[i]];
+
+  size_t p = 0;
+  while (p < n && !c.failed) {
+    Choice ch = best_at(c, src, n, p);
+    if (ch.len == 0) {
+      emit_literal(c, src[p++]);
+      continue;
+    }
+    // Lazy look: a literal here and a better token at the next position.
+    for (int step = 0; step < 2 && ch.len < kLazyLen && p + 1 < n; ++step) {
+      Choice next = best_at(c, src, n, p + 1);
+      if (next.gain <= ch.gain) break;
+      emit_literal(c, src[p++]);
+      ch = next;
+    }
+    emit_choice(c, src, p, ch);
+    p += ch.len;
+  }
+  return !c.failed && flush_work(c);
+}
+
+// ---------------------------------------------------------------------------
+// Decompressor
+
+constexpr size_t kReadChunk = 262144; // FILE input is read in pieces of this size
+constexpr uint16_t kEscapeFlag = 0x8000;
+
+struct Decompressor {
+  // The input buffer is kept and only grown across runs.
+  Buffer<uint8_t> in;
+  size_t in_cap = 0, in_len = 0, in_pos = 0;
+  FILE *file = nullptr;
+  bool file_done = false;
+
+  Buffer<uint8_t> out; // one output block plus slack for 8-byte copies
+  size_t out_len = 0, out_pos = 0;
+
+  int64_t comp_min = 5;
+  uint16_t table[2048] = {}; // by the next 11 bits: literal (len << 8 | byte) or escape
+
+  uint64_t bits = 0;  // left-aligned bit buffer
+  uint32_t nbits = 0; // valid bits in it
+  uint64_t pad = 0;   // zero bits appended past the end of the input
+
+  bool ready = false, failed = false, end_seen = false;
+};
+
+// The one decompression of the process.
+Decompressor g_dec;
+
+bool in_reserve(Decompressor &d, size_t need) {
+  if (need <= d.in_cap) return true;
+  size_t cap = std::max(need, d.in_cap + d.in_cap / 2);
+  void *p = std::realloc(d.in.get(), cap);
+  if (!p) return false;
+  (void)d.in.release();
+  d.in.reset(static_cast<uint8_t *>(p));
+  d.in_cap = cap;
+  return true;
+}
+
+// Reads more of a FILE input behind the unread bytes. Returns false when
+// nothing more comes.
+bool fetch_input(Decompressor &d) {
+  if (!d.file || d.file_done) return false;
+  size_t keep = d.in_len - d.in_pos;
+  if (d.in_pos > 0) {
+    std::memmove(d.in.get(), d.in.get() + d.in_pos, keep);
+    d.in_pos = 0;
+    d.in_len = keep;
+  }
+  if (!in_reserve(d, keep + kReadChunk)) return false;
+  size_t got = std::fread(d.in.get() + d.in_len, 1, kReadChunk, d.file);
+  if (got == 0) {
+    d.file_done = true;
+    return false;
+  }
+  d.in_len += got;
+  return true;
+}
+
+// Loads the next input word; past the end of the input a zero word that is
+// counted in pad.
+[[gnu::noinline]] uint32_t next_word_slow(Decompressor &d) {
+  while (d.in_len - d.in_pos < 4)
+    if (!fetch_input(d)) {
+      d.pad += 32;
+      return 0;
+    }
+  uint32_t w = load_le32(d.in.get() + d.in_pos);
+  d.in_pos += 4;
+  return w;
+}
+
+// Makes at least 33 bits available.
+inline void refill(Decompressor &d) {
+  while (d.nbits <= 32) {
+    uint32_t w;
+    if (d.in_len - d.in_pos >= 4) [[likely]] {
+      w = load_le32(d.in.get() + d.in_pos);
+      d.in_pos += 4;
+    } else {
+      w = next_word_slow(d);
+    }
+    d.bits |= uint64_t(w) << (32 - d.nbits);
+    d.nbits += 32;
+  }
+}
+
+inline uint32_t take(Decompressor &d, uint32_t n) {
+  uint32_t v = uint32_t(d.bits >> (64 - n));
+  d.bits <<= n;
+  d.nbits -= n;
+  return v;
+}
+// True when the bits consumed so far reach into the padding past the input.
+inline bool overdrawn(const Decompressor &d) { return d.pad > d.nbits; }
+
+void build_table(Decompressor &d, const uint8_t *rank) {
+  for (uint32_t idx = 0; idx < 2048; ++idx) {
+    uint32_t cls = idx >> 8;
+    int r;
+    uint32_t len;
+    if (cls < 4) {
+      r = 255 - int(cls), len = 3;
+    } else if (cls == 4) {
+      r = 251 - int((idx >> 5) & 7), len = 6;
+    } else if (cls == 5) {
+      r = 243 - int((idx >> 4) & 15), len = 7;
+    } else if (cls == 6) {
+      r = 227 - int((idx >> 3) & 31), len = 8;
+    } else {
+      uint32_t v = idx & 255;
+      if (v >= 196) {
+        d.table[idx] = uint16_t(kEscapeFlag | (v - 196));
+        continue;
+      }
+      r = 195 - int(v), len = 11;
+    }
+    d.table[idx] = uint16_t(len << 8 | rank[r]);
+  }
+}
+
+// Decodes the next block into d.out. Returns false on a damaged stream.
+bool decode_block(Decompressor &d) {
+  uint8_t *out = d.out.get();
+  size_t o = 0;
+  d.out_len = d.out_pos = 0;
+  while (o < VARNE_BLOCK) {
+    refill(d);
+    uint16_t e = d.table[d.bits >> 53];
+    if (!(e & kEscapeFlag)) [[likely]] {
+      // Up to three literals fit into the 33 bits at hand.
+      d.bits <<= e >> 8;
+      d.nbits -= e >> 8;
+      if (overdrawn(d)) return false;
+      out[o++] = uint8_t(e);
+      if (o + 2 > VARNE_BLOCK) continue;
+      e = d.table[d.bits >> 53];
+      if (e & kEscapeFlag || (e >> 8) > d.nbits) continue;
+      d.bits <<= e >> 8;
+      d.nbits -= e >> 8;
+      if (overdrawn(d)) return false;
+      out[o++] = uint8_t(e);
+      e = d.table[d.bits >> 53];
+      if (e & kEscapeFlag || (e >> 8) > d.nbits) continue;
+      d.bits <<= e >> 8;
+      d.nbits -= e >> 8;
+      if (overdrawn(d)) return false;
+      out[o++] = uint8_t(e);
+      continue;
+    }
+    uint32_t k = e & 0xff;
+    take(d, 11);
+    if (k == kEndEscape) {
+      if (overdrawn(d)) return false;
+      d.end_seen = true;
+      break;
+    }
+    refill(d);
+    if (k <= 9) {
+      uint32_t count = take(d, 12 - k);
+      uint32_t idx = uint32_t(d.bits >> 53);
+      uint16_t b = d.table[idx];
+      // The run byte: no escape, and class 7 only below 195.
+      if (b & kEscapeFlag || (idx >> 8 == 7 && (idx & 255) == 195)) return false;
+      take(d, b >> 8);
+      if (overdrawn(d)) return false;
+      size_t n = count + 3;
+      if (n > VARNE_BLOCK - o) return false;
+      std::memset(out + o, uint8_t(b), n);
+      o += n;
+    } else if (k >= 21 && k <= 59) {
+      uint32_t j = k - 21;
+      uint32_t dist = take(d, 8 + j / 3);
+      int64_t len = int64_t(take(d, kLengthBits[j % 3])) + d.comp_min;
+      if (overdrawn(d)) return false;
+      if (dist == 0 || dist > o || len < 0 || uint64_t(len) > VARNE_BLOCK - o) return false;
+      uint8_t *dst = out + o;
+      const uint8_t *src = dst - dist;
+      size_t n = size_t(len);
+      if (dist >= 8) {
+        // 8-byte steps may write up to 7 bytes past the repeat: the buffer
+        // has slack and those bytes are overwritten later.
+        for (size_t i = 0; i < n; i += 8) std::memcpy(dst + i, src + i, 8);
+      } else {
+        for (size_t i = 0; i < n; ++i) dst[i] = src[i];
+      }
+      o += n;
+    } else {
+      return false; // escapes 10..13 and 15..20
+    }
+  }
+  d.out_len = o;
+  return true;
+}
+
+// Checks the header at d.in[0..in_len) and prepares the decoding.
+int start_decoding(Decompressor &d) {
+  d.ready = false;
+  if (d.in_len < sizeof kMagic || std::memcmp(d.in.get(), kMagic, sizeof kMagic) != 0) {
+    std::fputs("(Uncompress_Init) Not in Varne-format!\n", stderr);
+    return 0;
+  }
+  if (d.in_len < VARNE_HEADER) return 0;
+  if (!d.out) {
+    d.out = allocate<uint8_t>(VARNE_BLOCK + 16);
+    if (!d.out) return 0;
+  }
+  const uint8_t *h = d.in.get();
+  d.comp_min = int32_t(load_le32(h + 9));
+  build_table(d, h + 13);
+  d.in_pos = VARNE_HEADER;
+  d.bits = 0;
+  d.nbits = 0;
+  d.pad = 0;
+  d.out_len = d.out_pos = 0;
+  d.failed = d.end_seen = false;
+  d.ready = true;
+  return 1;
+}
+
+} // namespace
+
+int Compress_Init(FILE *output, int comp_min, int comp_cache) {
+  g_comp.reset();
+  if (comp_min < 5 || comp_min > 256) {
+    msg_print("(Compress_Init) Warning: Comp_Min = %d invalid (must be between 5 and 256) -> "
+              "using 5.\n",
+              comp_min);
+    comp_min = 5;
+  }
+  if (comp_cache < 5 || comp_cache > 4096) {
+    msg_print("(Compress_Init) Warning: Comp_Cache = %d invalid (must be between 5 and 4096) -> "
+              "using 256.\n",
+              comp_cache);
+    comp_cache = 5;
+  }
+  auto c = std::unique_ptr<Compressor>(new (std::nothrow) Compressor);
+  if (!c) return 0;
+  const size_t entries = size_t(comp_cache) * 1024 / sizeof(uint32_t);
+  c->block = allocate<uint8_t>(kInputBuffer);
+  c->work = allocate<uint32_t>(kWorkWords);
+  c->head = allocate<uint32_t>(entries);
+  c->chain = allocate<uint32_t>(entries);
+  c->cum = allocate<uint32_t>(VARNE_BLOCK + 1);
+  if (!c->block || !c->work || !c->head || !c->chain || !c->cum) return 0;
+
+  c->file = output;
+  c->comp_min = uint32_t(comp_min);
+  c->max_token = c->comp_min + 255;
+  // The chain ring and the hash heads use the largest power of two of
+  // entries that fits their buffer.
+  const uint32_t window = std::bit_floor(uint32_t(entries));
+  c->window_mask = window - 1;
+  c->max_dist = std::min(window - 1, kMaxDistance);
+  const uint32_t hash_bits = std::min<uint32_t>(kHashBits, uint32_t(std::bit_width(window)) - 1);
+  c->hash_size = 1u << hash_bits;
+  c->hash_shift = 64 - hash_bits;
+
+  if (!out_reserve(*c, VARNE_HEADER)) return 0;
+  uint8_t *h = c->out.get();
+  std::memcpy(h, kMagic, sizeof kMagic);
+  store_le32(h + 9, uint32_t(comp_min));
+  for (int i = 0; i < 256; ++i) h[13 + i] = uint8_t(i);
+  c->out_len = VARNE_HEADER;
+  g_comp = std::move(c);
+  return 1;
+}
+
+int Compress_Write(const void *data, size_t length) {
+  if (!g_comp) msg_fatal("(Compress_Write) No compression started\n");
+  Compressor &c = *g_comp;
+  if (c.ended) msg_fatal("(Compress_Write) Compression already ended\n");
+  if (c.failed) return 0;
+  const uint8_t *src = static_cast<const uint8_t *>(data);
+  while (length > 0) {
+    size_t n = std::min(length, VARNE_BLOCK - c.fill);
+    std::memcpy(c.block.get() + c.fill, src, n);
+    for (size_t i = 0; i < n; ++i) ++c.counts[src[i]];
+    c.fill += n;
+    src += n;
+    length -= n;
+    if (c.fill == VARNE_BLOCK) {
+      if (!compress_block(c, c.block.get(), c.fill) || !flush_file(c)) {
+        c.failed = true;
+        return 0;
+      }
+      c.fill = 0;
+    }
+  }
+  return 1;
+}
+
+int Compress_End() {
+  if (!g_comp) msg_fatal("(Compress_End) No compression started\n");
+  Compressor &c = *g_comp;
+  if (c.ended) msg_fatal("(Compress_End) Compression already ended\n");
+  c.ended = true;
+  if (c.failed) return 0;
+  if ((c.fill > 0 || !c.ranked) && !compress_block(c, c.block.get(), c.fill)) {
+    c.failed = true;
+    return 0;
+  }
+  c.fill = 0;
+  put_bits(c, escape_code(kEndEscape), 11);
+  if (c.nacc > 0) put_bits(c, 0, 32 - c.nacc);
+  if (c.failed || !flush_work(c) || !flush_file(c) || (c.file && std::fflush(c.file) != 0)) {
+    c.failed = true;
+    return 0;
+  }
+  return 1;
+}
+
+unsigned char *Compress_Take(size_t *length) {
+  if (!g_comp) return nullptr;
+  Compressor &c = *g_comp;
+  if (c.file || !c.ended || c.failed || c.taken) return nullptr;
+  c.taken = true;
+  *length = c.out_len;
+  c.out_len = c.out_cap = 0;
+  return c.out.release();
+}
+
+int Uncompress_Init(const void *data, size_t length) {
+  Decompressor &d = g_dec;
+  d.ready = false;
+  d.file = nullptr;
+  d.file_done = true;
+  if (!in_reserve(d, std::max<size_t>(length, 1))) return 0;
+  if (length > 0) std::memcpy(d.in.get(), data, length);
+  d.in_len = length;
+  d.in_pos = 0;
+  return start_decoding(d);
+}
+
+int Uncompress_Open(FILE *input) {
+  Decompressor &d = g_dec;
+  d.ready = false;
+  d.file = input;
+  d.file_done = false;
+  d.in_len = d.in_pos = 0;
+  while (d.in_len < VARNE_HEADER && fetch_input(d)) {
+  }
+  return start_decoding(d);
+}
+
+long Uncompress_Read(void *buffer, size_t length) {
+  Decompressor &d = g_dec;
+  if (!d.ready || d.failed) return -1;
+  length = std::min<size_t>(length, size_t(LONG_MAX));
+  uint8_t *dst = static_cast<uint8_t *>(buffer);
+  size_t done = 0;
+  while (done < length) {
+    if (d.out_pos == d.out_len) {
+      if (d.end_seen) break;
+      if (!decode_block(d)) {
+        d.failed = true;
+        return -1;
+      }
+      if (d.out_len == 0) break;
+    }
+    size_t n = std::min(length - done, d.out_len - d.out_pos);
+    std::memcpy(dst + done, d.out.get() + d.out_pos, n);
+    d.out_pos += n;
+    done += n;
+  }
+  return long(done);
+}
