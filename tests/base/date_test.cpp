@@ -1,0 +1,321 @@
+// Dates, times and timestamps: text forms, validity, arithmetic, day counts
+// and the timestamp difference.
+#include "base/date.h"
+#include "base/msg.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+std::string g_out;
+void collect(const char *text) { g_out += text; }
+
+struct Capture {
+  MsgHandler old;
+  Capture() : old(msg_set_handler(collect)) { g_out.clear(); }
+  ~Capture() { msg_set_handler(old); }
+};
+
+std::string iso(const DATE &d) {
+  char buf[DATE_BUFSIZE];
+  DATE_ToIsoString(&d, buf);
+  return buf;
+}
+
+DATE date(const char *text) {
+  DATE d{0, 0, 0};
+  EXPECT_EQ(DATE_FromString(&d, text, DA_DEFAULT), 1) << text;
+  return d;
+}
+
+TEST(DateText, FormatsForEveryDattyp) {
+  Capture c;
+  DATE d{2003, 7, 5};
+  char buf[DATE_BUFSIZE];
+  const char *want[] = {"", "030705", "20030705", "05073", "05.07.2003", "2003"};
+  for (int t = 1; t <= 5; ++t) {
+    DATE_ToStr(&d, buf, t);
+    EXPECT_STREQ(buf, want[t]);
+  }
+  DATE_ToStr(&d, buf, DA_DEFAULT);
+  EXPECT_STREQ(buf, "2003.07.05");
+  EXPECT_EQ(g_out, "");
+  EXPECT_EQ(DATE_ToStr(&d, buf, 7), 1);
+  EXPECT_STREQ(buf, "2003.07.05");
+  EXPECT_EQ(g_out, "(DATE_ToStr) Invalid dattyp (7) -> using default.\n");
+  // Any record fits the documented buffer size.
+  DATE wild{-32768, 255, 255};
+  DATE_ToStr(&wild, buf, DA_DEFAULT);
+  EXPECT_STREQ(buf, "-32768.255.255");
+}
+
+TEST(DateText, ParsingAcceptsTheTwoDefaultFormsOnly) {
+  Capture c;
+  EXPECT_EQ(iso(date("2003-07-12")), "2003-07-12");
+  EXPECT_EQ(iso(date("2003.07.12")), "2003-07-12");
+  EXPECT_EQ(iso(date("1900-02-29")), "1900-02-29"); // no century rule
+  DATE d{2000, 1, 1};
+  EXPECT_EQ(DATE_FromString(&d, "20030712", DA_YYYYMMDD), 1);
+  EXPECT_EQ(iso(d), "2003-07-12");
+  g_out.clear();
+
+  DATE keep{2000, 1, 1};
+  EXPECT_EQ(DATE_FromString(&keep, "2003-07-12x", DA_DEFAULT), 0);
+  EXPECT_EQ(g_out, "(DATE_FromString) Warning: Invalid DATE-string\n");
+  g_out.clear();
+  EXPECT_EQ(DATE_FromString(&keep, "2003-02-29", DA_DEFAULT), 0); // impossible: silent
+  EXPECT_EQ(DATE_FromString(&keep, "1799-12-31", DA_DEFAULT), 0);
+  EXPECT_EQ(DATE_FromString(&keep, "2801-01-01", DA_DEFAULT), 0);
+  EXPECT_EQ(g_out, "");
+  EXPECT_EQ(iso(keep), "2000-01-01"); // untouched by failures
+
+  EXPECT_EQ(DATE_FromString(&keep, "29.02.2003", DA_DDMMYYYY), 0);
+  EXPECT_EQ(g_out, "(DATE_FromString) Format DA_DDMMYYYY not yet implemented!\n"
+                   "(DATE_FromString) Warning: Invalid DATE-string\n");
+  g_out.clear();
+  EXPECT_EQ(DATE_FromString(&keep, "2003-07-12", 0), 1);
+  EXPECT_EQ(g_out, "(DATE_FromString) Invalid dattyp (0) -> using default.\n");
+}
+
+TEST(DateRules, ValidityAndLeapYears) {
+  Capture c;
+  DATE ok[] = {{1800, 1, 1}, {2800, 12, 31}, {2004, 2, 29}, {1900, 2, 29}, {2003, 4, 30}};
+  for (const DATE &d : ok) EXPECT_EQ(DATE_IsValid(&d), 1) << iso(d);
+  DATE bad[] = {{1799, 12, 31}, {2801, 1, 1}, {2003, 2, 29}, {2003, 4, 31},
+                {2003, 13, 1},  {2003, 0, 1}, {2003, 1, 0}};
+  for (const DATE &d : bad) EXPECT_EQ(DATE_IsValid(&d), 0) << iso(d);
+  EXPECT_EQ(DATE_LeapYear(2100), 1);
+  EXPECT_EQ(DATE_LeapYear(2003), 0);
+  EXPECT_EQ(DATE_IsNull(&ok[0]), 1);
+  EXPECT_EQ(DATE_IsNull(&ok[1]), 0);
+}
+
+// Tests several years that lie outside 1970..2036, printing to stderr
+// between two markers, and exits.
+void leap_years_then_exit() {
+  msg_set_handler([](const char *t) { std::fputs(t, stderr); });
+  std::fputs("<", stderr);
+  DATE_LeapYear(2000);
+  DATE_LeapYear(1900);
+  DATE_LeapYear(2100);
+  DATE d{1800, 1, 1};
+  DATE_IsValid(&d);
+  std::fputs(">", stderr);
+  std::exit(1);
+}
+
+TEST(DateRulesDeathTest, LeapYearWarningOncePerRun) {
+  // A fresh process, so that no earlier test has used up the warning.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(leap_years_then_exit(), ::testing::ExitedWithCode(1),
+              "<\\(DATE_LeapYear\\) Warning: Only 4 year regularity implemented!\n>");
+}
+
+TEST(DateArithmetic, DaysMonthsAndUltimo) {
+  DATE d = date("2003-12-31");
+  DATE_AddDays(&d, 1);
+  EXPECT_EQ(iso(d), "2004-01-01");
+  d = date("2004-03-01");
+  DATE_AddDays(&d, -1);
+  EXPECT_EQ(iso(d), "2004-02-29");
+  d = date("2003-07-12");
+  DATE_AddDays(&d, 1000);
+  EXPECT_EQ(iso(d), "2006-04-07");
+  DATE_AddDays(&d, -1000);
+  EXPECT_EQ(iso(d), "2003-07-12");
+  EXPECT_EQ(DATE_DayOfYear(&d), 193);
+  DATE e = date("2004-12-31");
+  EXPECT_EQ(DATE_DayOfYear(&e), 366);
+
+  d = date("2003-01-31");
+  DATE_AddMonths(&d, 1);
+  EXPECT_EQ(iso(d), "2003-02-28");
+  d = date("2003-11-15");
+  DATE_AddMonths(&d, 3);
+  EXPECT_EQ(iso(d), "2004-02-15");
+  DATE_AddMonths(&d, -14);
+  EXPECT_EQ(iso(d), "2002-12-15");
+
+  d = date("2004-01-31");
+  EXPECT_EQ(DATE_AddMonthsUltimo(&d, 1), 1);
+  EXPECT_EQ(iso(d), "2004-02-29");
+  d = date("2003-02-28");
+  DATE_AddMonthsUltimo(&d, 1);
+  EXPECT_EQ(iso(d), "2003-03-31");
+  d = date("2003-03-30"); // not the last day: stays the 30th
+  DATE_AddMonthsUltimo(&d, 1);
+  EXPECT_EQ(iso(d), "2003-04-30");
+  DATE_AddMonthsUltimo(&d, -2); // 30 April is the ultimo
+  EXPECT_EQ(iso(d), "2003-02-28");
+
+  EXPECT_EQ(DATE_DaysInMonth(&d), 28);
+  d = date("2004-02-10");
+  EXPECT_EQ(DATE_GetUltimo(&d, "MONA"), 1);
+  EXPECT_EQ(iso(d), "2004-02-29");
+  Capture c;
+  d = date("2004-04-10");
+  EXPECT_EQ(DATE_GetUltimo(&d, "JAHR"), 0);
+  EXPECT_EQ(iso(d), "2004-04-10");
+  EXPECT_EQ(g_out, "(DATE_GetUltimo) Not yet implemented for mode 'JAHR'!\n");
+}
+
+TEST(DateArithmetic, LeapDaysBetweenDates) {
+  DATE a = date("2003-01-01"), b = date("2009-01-01");
+  EXPECT_EQ(DATE_LeapDays(&a, &b), 2);
+  EXPECT_EQ(DATE_LeapDays(&b, &a), 0);
+  a = date("2004-02-29"), b = date("2008-02-29"); // both ends excluded
+  EXPECT_EQ(DATE_LeapDays(&a, &b), 0);
+  a = date("2004-01-01"), b = date("2004-03-01");
+  EXPECT_EQ(DATE_LeapDays(&a, &b), 1);
+  a = date("2004-03-01"), b = date("2008-03-01");
+  EXPECT_EQ(DATE_LeapDays(&a, &b), 1);
+}
+
+TEST(DateDiff, ThirtyThreeSixtyRules) {
+  Capture c;
+  DATE a = date("2003-01-31"), b = date("2003-03-01");
+  EXPECT_EQ(DATE_Diff2(&a, &b, "30  "), 31);
+  EXPECT_EQ(DATE_Diff2(&b, &a, "30  "), -31);
+  a = date("2003-01-28"), b = date("2003-02-10");
+  EXPECT_EQ(DATE_Diff2(&a, &b, "30  "), 10); // the 28th becomes 30 next to February
+  EXPECT_EQ(DATE_Diff2(&a, &b, "30"), 12);   // the adjustment needs the exact code
+  EXPECT_EQ(DATE_Diff2(&a, &a, "30  "), 0);
+  EXPECT_EQ(DATE_Diff2(&a, &a, "KAL "), 0);
+  a = date("2002-11-15"), b = date("2004-03-20");
+  EXPECT_EQ(DATE_Diff2(&a, &b, "XXXX"), 15 + 30 + 360 + 60 + 20);
+  EXPECT_EQ(g_out, "");
+  EXPECT_EQ(DATE_Diff2(&a, &b, "30E "), DATE_Diff2(&a, &b, "30  "));
+  EXPECT_EQ(g_out, "(DATE_Diff2) Mode '30E ' not yet implemented ('30' is used)!\n");
+}
+
+TEST(DateDiff, CalendarDaysAgreeWithAddDays) {
+  const char *pairs[][2] = {{"2003-07-12", "2003-07-30"}, {"2003-01-31", "2003-03-01"},
+                            {"2003-12-31", "2006-03-01"}, {"2004-02-29", "2005-02-28"},
+                            {"2001-05-17", "2012-11-02"}, {"2003-01-01", "2004-01-01"}};
+  for (auto &p : pairs) {
+    DATE a = date(p[0]), b = date(p[1]);
+    int n = DATE_Diff2(&a, &b, "KAL ");
+    EXPECT_EQ(DATE_Diff2(&b, &a, "KAL "), -n);
+    DATE_AddDays(&a, n);
+    EXPECT_EQ(iso(a), p[1]) << p[0] << " + " << n;
+  }
+}
+
+TEST(TimeText, ParsingAndMessages) {
+  Capture c;
+  TIME t{1, 1, 1};
+  EXPECT_EQ(TIME_FromString(&t, "12:34:56"), 1);
+  EXPECT_EQ(t.hour, 12);
+  EXPECT_EQ(t.second, 56);
+  EXPECT_EQ(TIME_FromString(&t, "1:2:3"), 0);
+  EXPECT_EQ(TIME_FromString(&t, "24:00:00"), 0);
+  EXPECT_EQ(TIME_FromString(&t, "ab:cd:ef"), 0);
+  EXPECT_EQ(g_out, "(TIME_FromString) Invalid time (1:2:3)\n"
+                   "(TIME_FromString) Invalid timestamp (24:00:00)\n"
+                   "(TIME_FromString) Invalid timestamp (ab:cd:ef)\n");
+  EXPECT_EQ(t.minute, 34); // failures leave the time
+  g_out.clear();
+  EXPECT_EQ(TIME_IsValidString("23:59:59"), 1);
+  EXPECT_EQ(TIME_IsValidString("23:60:00"), 0);
+  EXPECT_EQ(TIME_IsValidString("123456"), 0);
+  EXPECT_EQ(g_out, "");
+  TIME a{10, 0, 0}, b{9, 59, 59};
+  EXPECT_EQ(TIME_Compare(&a, &b), 1);
+  EXPECT_EQ(TIME_Compare(&b, &a), -1);
+  char buf[12];
+  TIME_ToString(&b, buf);
+  EXPECT_STREQ(buf, "09:59:59");
+}
+
+TEST(DatiText, ParsingFormattingAndOrder) {
+  Capture c;
+  DATI d{};
+  EXPECT_EQ(DATI_FromString(&d, "2003-07-12-10.20.30.000450"), 1);
+  char buf[DATI_BUFSIZE];
+  DATI_ToString(&d, buf, DATI_DEFAULT);
+  EXPECT_STREQ(buf, "2003-07-12-10.20.30.000450");
+  EXPECT_EQ(g_out, "");
+  DATI_ToString(&d, buf, 3);
+  EXPECT_STREQ(buf, "2003-07-12-10.20.30.000450");
+  EXPECT_EQ(g_out, "(DATI_ToString) Invalid datityp (3) -> using default.\n");
+  g_out.clear();
+
+  EXPECT_EQ(DATI_FromString(&d, "2003-07-12-10.20.30.00045"), 0);   // 25 characters
+  EXPECT_EQ(DATI_FromString(&d, "2003-07-12-10.20.30.0004500"), 0); // 27 characters
+  EXPECT_EQ(DATI_FromString(&d, "2003-02-29-10.20.30.000450"), 0);
+  EXPECT_EQ(g_out, "(DATI_FromString) Invalid timestamp (2003-07-12-10.20.30.00045)\n"
+                   "(DATI_FromString) Invalid timestamp (2003-07-12-10.20.30.0004500)\n"
+                   "(DATI_FromString) Invalid timestamp (2003-02-29-10.20.30.000450)\n");
+  EXPECT_EQ(d.usec, 450);
+  g_out.clear();
+  EXPECT_EQ(DATI_IsValidString("2003-07-12-24.00.00.000000"), 0);
+  EXPECT_EQ(DATI_IsValidString("1800-01-01-00.00.00.000000"), 1);
+  EXPECT_EQ(g_out, "");
+
+  DATI e = d;
+  e.usec = 451;
+  EXPECT_EQ(DATI_Compare(&d, &e), -1);
+  EXPECT_EQ(DATI_Compare(&e, &d), 1);
+  e.usec = 1000000;
+  EXPECT_EQ(DATI_Compare(&d, &e), 0);
+  EXPECT_EQ(g_out, "(DATI_Compare) Invalid timestamp\n");
+}
+
+double diff(const char *a, const char *b, int *rc = nullptr) {
+  DATI x{}, y{};
+  EXPECT_EQ(DATI_FromString(&x, a), 1);
+  EXPECT_EQ(DATI_FromString(&y, b), 1);
+  double s1 = -1, s2 = -1;
+  int r = DATI_Diff(&x, &y, &s1);
+  EXPECT_EQ(DATI_Diff(&y, &x, &s2), r);
+  EXPECT_EQ(s1, s2); // the order of the operands does not matter
+  if (rc) *rc = r;
+  return s1;
+}
+
+TEST(DatiDiff, TimeOfDayOnlyWithWrappingProducts) {
+  Capture c;
+  int rc = -1;
+  EXPECT_DOUBLE_EQ(diff("2003-07-12-10.00.00.500000", "2003-07-13-10.00.01.250000", &rc), 0.75);
+  EXPECT_EQ(rc, 1);
+  EXPECT_EQ(g_out, "");
+  EXPECT_DOUBLE_EQ(diff("2003-07-31-23.59.59.000000", "2003-08-01-00.00.01.000000", &rc), 2.0);
+  EXPECT_EQ(rc, 0);
+  EXPECT_EQ(g_out, "(DATI_Diff) Warning: Inaccurate time-duration, because duration is too "
+                   "long!\n"
+                   "(DATI_Diff) Warning: Inaccurate time-duration, because duration is too "
+                   "long!\n"); // once per order of the operands
+  g_out.clear();
+  EXPECT_DOUBLE_EQ(diff("2003-07-12-10.00.00.000000", "2003-07-12-10.35.00.000000"), 2100.0);
+  // From 36 minutes on the 32-bit minute product wraps around.
+  EXPECT_DOUBLE_EQ(diff("2003-07-12-10.00.00.000000", "2003-07-12-10.36.00.000000"),
+                   (2160000000.0 - 4294967296.0) / 1e6);
+  EXPECT_DOUBLE_EQ(diff("2003-07-12-10.00.00.000000", "2003-07-12-11.00.00.000000"),
+                   (3600000000.0 - 4294967296.0) / 1e6);
+}
+
+TEST(DateSlots, CurrentDateAndTime) {
+  DATE d{2003, 7, 12};
+  DATE_Set(&d);
+  EXPECT_EQ(iso(DATE_Get()), "2003-07-12");
+  DATE_SetNull();
+  DATE n = DATE_Get();
+  EXPECT_EQ(DATE_IsNull(&n), 1);
+  TIME t{1, 2, 3};
+  TIME_Set(&t);
+  EXPECT_EQ(TIME_Get().minute, 2);
+  TIME_SetNull();
+  EXPECT_EQ(TIME_Get().hour, 0);
+  DATE today;
+  TIME now;
+  DATE_Today(&today);
+  TIME_Now(&now);
+  EXPECT_EQ(DATE_IsValid(&today), 1);
+  EXPECT_EQ(TIME_IsValid(&now), 1);
+}
+
+} // namespace

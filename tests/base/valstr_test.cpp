@@ -1,0 +1,196 @@
+// Value strings: texts of typed values, null markers, the reducing helpers
+// and the temporary-string register.
+#include "base/valstr.h"
+#include "base/msg.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+namespace {
+
+std::string g_out;
+void collect(const char *text) { g_out += text; }
+
+struct Capture {
+  MsgHandler old;
+  Capture() : old(msg_set_handler(collect)) { g_out.clear(); }
+  ~Capture() { msg_set_handler(old); }
+};
+
+void to_stderr() {
+  msg_set_handler([](const char *t) { std::fputs(t, stderr); });
+}
+
+// Every test brackets its strings, as callers do.
+class ValueStrings : public ::testing::Test {
+protected:
+  void SetUp() override { Hold_ValueStrings(); }
+  void TearDown() override {
+    Set_ValueDecimals(-1);
+    Release_ValueStrings();
+  }
+};
+
+TEST_F(ValueStrings, QuotedValuesForSql) {
+  EXPECT_STREQ(Make_ValueString("O'Neil", 10), "O\\'Neil");
+  EXPECT_STREQ(Make_ValueString("a\"b'", 4), "a\\\"b\\'");
+  EXPECT_STREQ(Make_ValueString("", 0), "");
+  EXPECT_STREQ(Make_TempString("x'y"), "x'y");
+}
+
+TEST(ValueStringsDeathTest, BadLengthsEndTheProgram) {
+  EXPECT_EXIT((to_stderr(), Make_ValueString("twelve chars", 10)), ::testing::ExitedWithCode(1),
+              "\\(Make_ValueString\\) Error: Size of string 'twelve chars' is invalid \\(10 "
+              "characters expected\\)");
+  EXPECT_EXIT((to_stderr(), Make_ValueString("x", -1)), ::testing::ExitedWithCode(1),
+              "\\(Make_ValueString\\) Error: Stringsize '-1' of type is invalid \\('x'\\)");
+}
+
+TEST_F(ValueStrings, CalendarValuesAndTheirNulls) {
+  TIME t{9, 5, 0};
+  DATE d{2003, 7, 5};
+  DATI x{2003, 7, 5, 9, 5, 0, 42};
+  EXPECT_STREQ(Make_TimeString(&t), "09:05:00");
+  EXPECT_STREQ(Make_ZeitString(&t), "09:05:00");
+  EXPECT_STREQ(Make_DateString(&d), "2003-07-05");
+  EXPECT_STREQ(Make_DatumString(&d), "2003.07.05");
+  EXPECT_STREQ(Make_DatiString(&x), "2003-07-05-09.05.00.000042");
+  EXPECT_STREQ(Make_TimestampString(&x), "2003-07-05-09.05.00.000042");
+  EXPECT_STREQ(Make_GermanDateString(&d), "5.7.2003");
+  EXPECT_STREQ(Make_GermanDatiString(&x), "5.7.2003 09:05:00 (000042)");
+
+  // SQL forms always show the value; display forms hide the null markers.
+  EXPECT_STREQ(Make_TimeString(&NULL_TIME), "00:00:00");
+  EXPECT_STREQ(Make_ZeitString(&NULL_TIME), "");
+  EXPECT_STREQ(Make_DateString(&NULL_DATE), "1800-01-01");
+  EXPECT_STREQ(Make_DatumString(&NULL_DATE), "");
+  EXPECT_STREQ(Make_DatiString(&NULL_DATI), "1800-01-01-00.00.00.000000");
+  EXPECT_STREQ(Make_TimestampString(&NULL_DATI), "");
+  EXPECT_STREQ(Make_GermanDateString(&NULL_DATE), "");
+  EXPECT_STREQ(Make_GermanDatiString(&NULL_DATI), "");
+}
+
+TEST_F(ValueStrings, Durations) {
+  DURA d{0, 0, 2, 3, 0, 5, 250};
+  EXPECT_STREQ(Make_DurationString(&d), "2 Tage 3 Stunden 5,000250 Sekunden");
+  DURA full{1, 2, 3, 4, 5, 6, 7};
+  EXPECT_STREQ(Make_DurationString(&full),
+               "1 Jahre 2 Monate 3 Tage 4 Stunden 5 Minuten 6,000007 Sekunden");
+  DURA zero{0, 0, 0, 0, 0, 0, 0};
+  EXPECT_STREQ(Make_DurationString(&zero), "0,000000 Sekunden");
+  EXPECT_STREQ(Make_DurationString(&NULL_DATI), "");
+}
+
+TEST_F(ValueStrings, LogicalCharBinary) {
+  EXPECT_STREQ(Make_LogicalString(0), "Nein");
+  EXPECT_STREQ(Make_LogicalString('0'), "Nein");
+  EXPECT_STREQ(Make_LogicalString(1), "Ja");
+  EXPECT_STREQ(Make_LogicalString('1'), "Ja");
+  EXPECT_STREQ(Make_CharString('Q'), "Q");
+  EXPECT_STREQ(Make_CharString('\0'), "");
+  unsigned char bin[4] = {3, 0, 'a', 'b'};
+  EXPECT_STREQ(Make_BinaryString(bin), "<binary value>");
+  bin[0] = 0;
+  EXPECT_STREQ(Make_BinaryString(bin), "");
+}
+
+TEST(ValueStringsDeathTest, InvalidLogicalEndsTheProgram) {
+  EXPECT_EXIT((to_stderr(), Make_LogicalString('x')), ::testing::ExitedWithCode(1),
+              "\\(Make_LogicalString\\) Error: Invalid logical value 'x'!");
+}
+
+TEST_F(ValueStrings, NumbersAndDecimalPlaces) {
+  EXPECT_STREQ(Make_ShortString(-5), "-5");
+  EXPECT_STREQ(Make_ShortString(NULL_SHORT), "");
+  EXPECT_STREQ(Make_LongString(-2147483647 - 1), "-2147483648"); // not the marker
+  EXPECT_STREQ(Make_LongString(NULL_LONG), "");
+  EXPECT_STREQ(Make_DoubleString(2.5), "2.5");
+  EXPECT_STREQ(Make_DoubleString(3.0), "3");
+  EXPECT_STREQ(Make_DoubleString(NULL_DOUBLE), "");
+  EXPECT_STREQ(Make_BetragString(3.0), "3.00");
+  EXPECT_STREQ(Make_BetragString(1.999), "2.00");
+  EXPECT_STREQ(Make_BetragString(-1e20), "");
+  EXPECT_STREQ(Make_Double0String(3.7), "4");
+  EXPECT_STREQ(Make_Double0String(NULL_DOUBLE), "");
+  EXPECT_EQ(DOUBLE_IsNull(static_cast<double>(NULL_FLOAT)), 0); // widened float is not the marker
+
+  EXPECT_EQ(Get_ValueDecimals(), -1);
+  Set_ValueDecimals(3); // amounts: cut, not rounded; doubles: below 6 ignored
+  EXPECT_STREQ(Make_BetragString(1.23456), "1.234");
+  EXPECT_STREQ(Make_BetragString(2.0), "2.000");
+  EXPECT_STREQ(Make_DoubleString(1.1234567), "1.123457");
+  Set_ValueDecimals(8);
+  EXPECT_STREQ(Make_DoubleString(1.123456789), "1.12345678");
+  EXPECT_STREQ(Make_DoubleString(2.5), "2.5");
+  Set_ValueDecimals(1);
+  EXPECT_STREQ(Make_BetragString(1.23456), "1.23");
+}
+
+TEST_F(ValueStrings, ReducingTexts) {
+  EXPECT_STREQ(Reduce_String("ab c  "), "ab c");
+  EXPECT_STREQ(Reduce_NumString("2.500 "), "2.5");
+  EXPECT_STREQ(Reduce_NumString("3,0"), "3");
+  EXPECT_STREQ(Reduce_NumString("100"), "100"); // no separator: zeros stay
+  EXPECT_STREQ(Reduce_String0("000"), "0");
+  EXPECT_STREQ(Reduce_String0("0012"), "12");
+  EXPECT_STREQ(Reduce_String0("00 "), "0");
+  EXPECT_STREQ(Reduce_NumString0("0012.50"), "12.5");
+  EXPECT_STREQ(Reduce_String0("   "), "");
+  EXPECT_STREQ(Reduce_String0Dash("   "), "-");
+  EXPECT_STREQ(Reduce_String0Dash("007 "), "7");
+  EXPECT_STREQ(Reduce_NumString0Dash(".000"), "-");
+}
+
+TEST_F(ValueStrings, HtmlTexts) {
+  EXPECT_STREQ(Make_HtmlString("first\n   second  "),
+               "first<br><spacer type=horizontal size=30>second");
+  EXPECT_STREQ(Make_HtmlString("a\nb\n\n c"), "a<br>b<br><br><spacer type=horizontal size=10>c");
+  EXPECT_STREQ(Make_HtmlString("   "), "-");
+  EXPECT_STREQ(Make_HtmlString(""), "-");
+}
+
+TEST(FixedCopy, TrailingBlanksAndTooLongTexts) {
+  Capture c;
+  char field[6] = "-----";
+  EXPECT_EQ(my_strncpy(field, "abc    ", 5), 1);
+  EXPECT_STREQ(field, "abc");
+  EXPECT_EQ(g_out, "");
+  EXPECT_EQ(my_strncpy(field, "abcdefgh  ", 5), 0);
+  EXPECT_STREQ(field, "abcde");
+  EXPECT_EQ(g_out, "(my_strncpy): String too long (strlen = 8; size = 5)!\n");
+}
+
+TEST(TempRegister, NestedHoldsKeepStringsAndTheLimitWarnsOnce) {
+  Hold_ValueStrings();
+  Hold_ValueStrings();
+  char *s = Make_TempString("kept");
+  Release_ValueStrings(); // inner release: nothing freed (ASan would see it)
+  EXPECT_STREQ(s, "kept");
+
+  Capture c;
+  for (int i = 1; i < 9999; ++i) Make_TempString("x");
+  EXPECT_EQ(g_out, "");
+  char *last = Make_TempString("over"); // the 10000th registration
+  EXPECT_STREQ(last, "over");
+  EXPECT_EQ(g_out, "(Make_ValueString) Warning: Limit for temporary strings reached - memory is "
+                   "wasted (limit = 10000)\n");
+  g_out.clear();
+  Make_TempString("more");
+  EXPECT_EQ(g_out, "");
+  Release_ValueStrings();
+  // After the outermost release the register is empty again, but the warning
+  // stays used up for the run.
+  Hold_ValueStrings();
+  for (int i = 0; i < 10001; ++i) Make_TempString("y");
+  EXPECT_EQ(g_out, "");
+  Release_ValueStrings();
+}
+
+TEST(TempRegisterDeathTest, ReleaseWithoutHoldEndsTheProgram) {
+  EXPECT_EXIT((to_stderr(), Release_ValueStrings()), ::testing::ExitedWithCode(1),
+              "\\(Release_ValueStrings\\) Error: No corresponding Hold_ValueStrings!");
+}
+
+} // namespace
