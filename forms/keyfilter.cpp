@@ -1,0 +1,236 @@
+// The keyboard filter (see keyfilter.h). Its state (the filter object, the
+// installed handlers) is process-wide: there is one keyboard per program.
+#include "forms/keyfilter.h"
+
+#include "forms/dialogs.h"
+#include "forms/popup.h"
+
+#include <QApplication>
+#include <QKeyEvent>
+#include <QWidget>
+
+#include <memory>
+
+namespace {
+
+FL_TAB_HANDLER g_tab_handler = nullptr;
+FL_KEY_HOOK g_key_hook = nullptr;
+
+// A key designation's parts: the key's code and the modifiers it needs.
+bool matches_one(const char *&s, int key, int control, int alt) {
+  int want_ctrl = 0, want_alt = 0, want_key = 0;
+  if (*s == '^' && s[1]) {
+    want_ctrl = 1;
+    want_key = static_cast<unsigned char>(s[1]);
+    s += 2;
+    if (want_key == '[') { // Control-[ is Escape
+      want_ctrl = 0;
+      want_key = FL_KEY_ESCAPE;
+    }
+  } else if (*s == '#' && s[1]) {
+    want_alt = 1;
+    want_key = static_cast<unsigned char>(s[1]);
+    s += 2;
+  } else if (*s == '&' && s[1] >= '0' && s[1] <= '9') {
+    int n = 0;
+    ++s;
+    while (*s >= '0' && *s <= '9') n = n * 10 + (*s++ - '0');
+    if (n < 1 || n > 35) return false;
+    want_key = FL_KEY_F1 + n - 1;
+  } else {
+    want_key = static_cast<unsigned char>(*s);
+    ++s;
+  }
+  return key == want_key && (control != 0) == (want_ctrl != 0) && (alt != 0) == (want_alt != 0);
+}
+
+// The form's covering help button: type 3, with a callback, larger than the
+// form less 10 pixels each way.
+FL_OBJECT *help_button(FL_FORM *form) {
+  for (FL_OBJECT *obj : form->objects)
+    if (obj->objclass == FL_BUTTON && obj->type == FL_HIDDEN_BUTTON && obj->callback &&
+        obj->w > form->w - 10 && obj->h > form->h - 10)
+      return obj;
+  return nullptr;
+}
+
+int modifier_code(int qtkey) {
+  switch (qtkey) {
+  case Qt::Key_Shift:
+    return FL_KEY_SHIFT;
+  case Qt::Key_Control:
+    return FL_KEY_CONTROL;
+  case Qt::Key_Alt:
+  case Qt::Key_AltGr:
+    return FL_KEY_ALT;
+  default:
+    return 0;
+  }
+}
+
+class KeyFilter : public QObject {
+protected:
+  bool eventFilter(QObject *watched, QEvent *event) override {
+    QEvent::Type t = event->type();
+    if (t != QEvent::KeyPress && t != QEvent::KeyRelease) return false;
+    if (!watched->isWidgetType()) return false;
+    auto *w = static_cast<QWidget *>(watched);
+    // A key that a child ignored travels on to its parents; it was handled
+    // at the focused widget already.
+    QWidget *focus = QApplication::focusWidget();
+    if (focus && focus != w && w->isAncestorOf(focus)) return false;
+    FL_FORM *form = fl_form_of_widget(w);
+    if (!form) return false;
+    return handle(form, w, static_cast<QKeyEvent *>(event), t == QEvent::KeyPress);
+  }
+
+private:
+  bool handle(FL_FORM *form, QWidget *w, QKeyEvent *e, bool pressed) {
+    // The release of the key that closed a message or question box reaches
+    // the form after the box is gone: skip it. A new press ends the wait.
+    if (fl_box_key_pending()) {
+      fl_clear_box_key();
+      if (!pressed) return true;
+    }
+    int qtkey = e->key();
+    bool ctrl = e->modifiers() & Qt::ControlModifier;
+    bool alt = e->modifiers() & Qt::AltModifier;
+    // 1. Tab and Shift-Tab.
+    if (qtkey == Qt::Key_Tab || qtkey == Qt::Key_Backtab) {
+      if (!pressed) {
+        bool back = qtkey == Qt::Key_Backtab || (e->modifiers() & Qt::ShiftModifier);
+        FL_FORM *cur = fl_get_current_form() ? fl_get_current_form() : form;
+        if (!(g_tab_handler && g_tab_handler(cur, back ? 1 : 0)))
+          fl_focus_next_object(cur, back ? 1 : 0);
+      }
+      return true;
+    }
+    // 2. Escape.
+    if (qtkey == Qt::Key_Escape && !fl_popup_is_open()) {
+      if (!pressed && !e->isAutoRepeat()) {
+        if (fl_close_form(form)) fl_send_deactivation(form);
+      }
+      return true;
+    }
+    // 3. F1, the help key.
+    if (qtkey == Qt::Key_F1 && !fl_popup_is_open()) {
+      FL_FORM *cur = fl_get_current_form() ? fl_get_current_form() : form;
+      if (pressed)
+        if (FL_OBJECT *help = help_button(cur)) {
+          help->last_key = FL_KEY_HELP;
+          fl_call_object_callback(help);
+        }
+      return true;
+    }
+    // 4. Every other key.
+    int key = fl_key_code(e);
+    FL_OBJECT *focus = fl_object_of_widget(w);
+    if (focus && key) focus->last_key = key;
+    if (int mod = modifier_code(qtkey)) {
+      if (form->raw_key_handler && !e->isAutoRepeat())
+        form->raw_key_handler(form, mod, pressed ? 0 : 1);
+    }
+    if (g_key_hook && key && g_key_hook(form, focus, key, pressed ? 1 : 0)) return true;
+    if (pressed && key && form->has_shortcuts) {
+      for (FL_OBJECT *obj : form->objects) {
+        if (obj->shortcut.empty() || !obj->active) continue;
+        if (!fl_shortcut_matches(obj->shortcut.c_str(), key, ctrl, alt)) continue;
+        obj->last_key = FL_KEY_ACTIVATE;
+        if (obj->objclass == FL_CHECKBUTTON) fl_set_button(obj, fl_get_button(obj) ? 0 : 1);
+        fl_call_object_callback(obj);
+        return true;
+      }
+    }
+    return false;
+  }
+};
+
+std::unique_ptr<KeyFilter> g_filter;
+
+} // namespace
+
+void fl_install_keyboard_filter() {
+  if (g_filter || !QCoreApplication::instance()) return;
+  g_filter = std::make_unique<KeyFilter>();
+  QCoreApplication::instance()->installEventFilter(g_filter.get());
+}
+
+void fl_remove_keyboard_filter() {
+  if (!g_filter) return;
+  if (QCoreApplication::instance()) QCoreApplication::instance()->removeEventFilter(g_filter.get());
+  g_filter.reset();
+}
+
+int fl_keyboard_filter_installed() { return g_filter ? 1 : 0; }
+
+int fl_key_code(const QKeyEvent *e) {
+  int k = e->key();
+  switch (k) {
+  case Qt::Key_Backspace:
+    return FL_KEY_BACKSPACE;
+  case Qt::Key_Tab:
+  case Qt::Key_Backtab:
+    return FL_KEY_TAB;
+  case Qt::Key_Return:
+  case Qt::Key_Enter:
+    return FL_KEY_RETURN;
+  case Qt::Key_Escape:
+    return FL_KEY_ESCAPE;
+  case Qt::Key_Home:
+    return FL_KEY_HOME;
+  case Qt::Key_Left:
+    return FL_KEY_LEFT;
+  case Qt::Key_Up:
+    return FL_KEY_UP;
+  case Qt::Key_Right:
+    return FL_KEY_RIGHT;
+  case Qt::Key_Down:
+    return FL_KEY_DOWN;
+  case Qt::Key_PageUp:
+    return FL_KEY_PAGE_UP;
+  case Qt::Key_PageDown:
+    return FL_KEY_PAGE_DOWN;
+  case Qt::Key_End:
+    return FL_KEY_END;
+  case Qt::Key_Insert:
+    return FL_KEY_INSERT;
+  case Qt::Key_Delete:
+    return FL_KEY_DELETE;
+  default:
+    break;
+  }
+  if (k >= Qt::Key_F1 && k <= Qt::Key_F35) return FL_KEY_F1 + (k - Qt::Key_F1);
+  if (int mod = modifier_code(k)) return mod;
+  bool ctrl = e->modifiers() & Qt::ControlModifier;
+  bool shift = e->modifiers() & Qt::ShiftModifier;
+  // With Control the text is a control character: take the key's letter in
+  // the case that Shift gives.
+  if (ctrl || e->text().isEmpty()) {
+    if (k >= Qt::Key_A && k <= Qt::Key_Z) return (shift ? 'A' : 'a') + (k - Qt::Key_A);
+    if (k >= 0x20 && k <= 0xFF) return k;
+    return 0;
+  }
+  QChar c = e->text().at(0);
+  if (c.unicode() >= 0x20 && c.unicode() <= 0xFF && c.unicode() != 0x7F) return c.unicode();
+  return 0;
+}
+
+int fl_shortcut_matches(const char *shortcut, int key, int control, int alt) {
+  if (!shortcut) return 0;
+  const char *s = shortcut;
+  while (*s)
+    if (matches_one(s, key, control, alt)) return 1;
+  return 0;
+}
+
+FL_TAB_HANDLER fl_set_tab_handler(FL_TAB_HANDLER handler) {
+  FL_TAB_HANDLER old = g_tab_handler;
+  g_tab_handler = handler;
+  return old;
+}
+
+FL_KEY_HOOK fl_set_key_hook(FL_KEY_HOOK hook) {
+  FL_KEY_HOOK old = g_key_hook;
+  g_key_hook = hook;
+  return old;
+}
