@@ -226,9 +226,6 @@ TEST(TimeText, ParsingAndMessages) {
   TIME a{10, 0, 0}, b{9, 59, 59};
   EXPECT_EQ(TIME_Compare(&a, &b), 1);
   EXPECT_EQ(TIME_Compare(&b, &a), -1);
-  char buf[12];
-  TIME_ToString(&b, buf);
-  EXPECT_STREQ(buf, "09:59:59");
 }
 
 TEST(DatiText, ParsingFormattingAndOrder) {
@@ -296,26 +293,6 @@ TEST(DatiDiff, TimeOfDayOnlyWithWrappingProducts) {
                    (2160000000.0 - 4294967296.0) / 1e6);
   EXPECT_DOUBLE_EQ(diff("2003-07-12-10.00.00.000000", "2003-07-12-11.00.00.000000"),
                    (3600000000.0 - 4294967296.0) / 1e6);
-}
-
-TEST(DateSlots, CurrentDateAndTime) {
-  DATE d{2003, 7, 12};
-  DATE_Set(&d);
-  EXPECT_EQ(iso(DATE_Get()), "2003-07-12");
-  DATE_SetNull();
-  DATE n = DATE_Get();
-  EXPECT_EQ(DATE_IsNull(&n), 1);
-  TIME t{1, 2, 3};
-  TIME_Set(&t);
-  EXPECT_EQ(TIME_Get().minute, 2);
-  TIME_SetNull();
-  EXPECT_EQ(TIME_Get().hour, 0);
-  DATE today;
-  TIME now;
-  DATE_Today(&today);
-  TIME_Now(&now);
-  EXPECT_EQ(DATE_IsValid(&today), 1);
-  EXPECT_EQ(TIME_IsValid(&now), 1);
 }
 
 } // namespace
