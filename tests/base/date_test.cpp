@@ -250,7 +250,7 @@ TEST(DatiText, ParsingFormattingAndOrder) {
   EXPECT_EQ(d.usec, 450);
   g_out.clear();
   EXPECT_EQ(DATI_IsValidString("2003-07-12-24.00.00.000000"), 0);
-  EXPECT_EQ(DATI_IsValidString("1800-01-01-00.00.00.000000"), 1);
+  EXPECT_EQ(DATI_IsValidString("1999-12-31-23.59.59.999999"), 1);
   EXPECT_EQ(g_out, "");
 
   DATI e = d;
