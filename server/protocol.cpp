@@ -1,0 +1,459 @@
+// The server side of the TAVRIN shared-memory protocol (see protocol.h).
+#include "server/protocol.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <ctime>
+#include <unistd.h>
+
+#include "base/msg.h"
+#include "db/client/transport.h"
+
+namespace tavrind {
+
+namespace {
+
+constexpr size_t kChannelAt = 0;
+constexpr size_t kLengthAt = 4;
+constexpr size_t kPayloadAt = 8;
+constexpr size_t kPayload = DBCOMM_PAYLOAD_SIZE;
+constexpr uint32_t kMaxPacket = DBCOMM_PACKET_MAX + 8; // single packet of 10000 bytes
+constexpr uint32_t kMaxRequest = 1u << 30;
+constexpr int64_t kCheckInterval = 100 * 1000000LL; // client processes, ns
+
+const char *const kObjects[] = {"TavrinDB_Shared_Memory", "TavrinDB_Shared_Memory_Socket",
+                                "TavrinDB_Client",        "TavrinDB_Server_Ack",
+                                "TavrinDB_Client_Ack",    "TavrinDB_Client_Activate",
+                                "TavrinDB_Mutex",         "TavrinDB_Server"};
+
+uint32_t get32(const unsigned char *p) {
+  uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+
+void put32(unsigned char *p, uint32_t v) { std::memcpy(p, &v, 4); }
+
+int64_t now_ns() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+} // namespace
+
+std::unique_ptr<ChannelContext> RequestHandler::channel_opened(ProtocolServer &, int, pid_t) {
+  return nullptr;
+}
+void RequestHandler::channel_closed(ProtocolServer &, int, ChannelContext *) {}
+void RequestHandler::idle(ProtocolServer &) {}
+
+ProtocolServer::ProtocolServer(RequestHandler &handler) : handler_(handler) {}
+
+ProtocolServer::~ProtocolServer() { shutdown(); }
+
+unsigned char *ProtocolServer::area() const { return static_cast<unsigned char *>(area_.data()); }
+
+int32_t ProtocolServer::owner_word() const {
+  return static_cast<int32_t>(
+      __atomic_load_n(static_cast<uint32_t *>(owner_.data()), __ATOMIC_SEQ_CST));
+}
+
+void ProtocolServer::set_owner_word(int32_t v) {
+  __atomic_store_n(static_cast<uint32_t *>(owner_.data()), static_cast<uint32_t>(v),
+                   __ATOMIC_SEQ_CST);
+}
+
+ProtocolServer::Channel *ProtocolServer::channel_at(int channel) {
+  if (channel < 0 || size_t(channel) >= channels_.size() || !channels_[size_t(channel)].used)
+    return nullptr;
+  return &channels_[size_t(channel)];
+}
+
+const ProtocolServer::Channel *ProtocolServer::channel_at(int channel) const {
+  return const_cast<ProtocolServer *>(this)->channel_at(channel);
+}
+
+bool ProtocolServer::start() {
+  if (started_) return true;
+  // The liveness lock first: while another server lives, touch nothing.
+  if (!server_.create_owned("TavrinDB_Server")) {
+    if (errno == EWOULDBLOCK)
+      msg_print("(tavrind) A server is already running in namespace '%s'\n",
+                ipc::object_name("").c_str() + 1);
+    else
+      msg_print("(tavrind) Cannot create %s: %s\n", "TavrinDB_Server", std::strerror(errno));
+    return false;
+  }
+  struct Item {
+    bool ok;
+    const char *name;
+  };
+  const Item items[] = {
+      {area_.create_or_open("TavrinDB_Shared_Memory", DBCOMM_AREA_SIZE), "TavrinDB_Shared_Memory"},
+      {owner_.create_or_open("TavrinDB_Shared_Memory_Socket", 4), "TavrinDB_Shared_Memory_Socket"},
+      {client_.create_or_open("TavrinDB_Client"), "TavrinDB_Client"},
+      {server_ack_.create_or_open("TavrinDB_Server_Ack"), "TavrinDB_Server_Ack"},
+      {client_ack_.create_or_open("TavrinDB_Client_Ack"), "TavrinDB_Client_Ack"},
+      {activate_.create_or_open("TavrinDB_Client_Activate"), "TavrinDB_Client_Activate"},
+      {mutex_.create_or_open("TavrinDB_Mutex"), "TavrinDB_Mutex"},
+  };
+  for (const Item &it : items) {
+    if (!it.ok) {
+      msg_print("(tavrind) Cannot create %s: %s\n", it.name, std::strerror(errno));
+      area_.close();
+      owner_.close();
+      client_.close();
+      server_ack_.close();
+      client_ack_.close();
+      activate_.close();
+      mutex_.close();
+      server_.close();
+      return false;
+    }
+  }
+  // A leftover of a dead server may name a parked channel of its own, and
+  // may hold an acknowledgement that no chunk of ours has earned.
+  set_owner_word(-1);
+  server_ack_.reset();
+  activate_.reset();
+  started_ = true;
+  stop_ = 0;
+  last_check_ns_ = now_ns();
+  return true;
+}
+
+void ProtocolServer::shutdown() {
+  if (!started_) return;
+  for (size_t i = 0; i < channels_.size(); ++i)
+    if (channels_[i].used) channels_[i].dead = true;
+  close_dead_channels();
+  activations_.clear();
+  activating_ = -1;
+  // Unlink while the liveness lock is still held: a starting server cannot
+  // have taken the names over yet.
+  for (const char *name : kObjects) ipc::unlink_object(name);
+  area_.close();
+  owner_.close();
+  client_.close();
+  server_ack_.close();
+  client_ack_.close();
+  activate_.close();
+  mutex_.close();
+  server_.close();
+  started_ = false;
+}
+
+void ProtocolServer::run() {
+  while (!stop_) poll(100);
+}
+
+void ProtocolServer::poll(int timeout_ms) {
+  if (!started_) return;
+  if (activating_ < 0) start_activation();
+  if (activating_ >= 0 && owner_word() == -1) finish_activation();
+  // While a parked client takes the exchange back, look at the owner word
+  // every millisecond.
+  int wait_ms = activating_ >= 0 ? std::min(timeout_ms, 1) : timeout_ms;
+  if (server_.wait(wait_ms) == ipc::WaitResult::Signalled) handle_chunk();
+  if (activating_ >= 0 && owner_word() == -1) finish_activation();
+  if (now_ns() - last_check_ns_ >= kCheckInterval) check_clients();
+  close_dead_channels();
+  handler_.idle(*this);
+  close_dead_channels();
+}
+
+// Reads the chunk in the message area. The bytes are copied out before the
+// acknowledgement, since the client may write its next chunk right after it.
+void ProtocolServer::handle_chunk() {
+  unsigned char *a = area();
+  int32_t channel = static_cast<int32_t>(get32(a + kChannelAt));
+  if (channel == -1) {
+    handshake();
+    return;
+  }
+  uint32_t n = get32(a + kLengthAt);
+  Channel *ch = channel_at(channel);
+  std::vector<int> complete;
+  if (n > kPayload) {
+    msg_print("(tavrind) Chunk of %u bytes on channel %d is longer than the message area\n", n,
+              channel);
+  } else if (!ch) {
+    msg_print("(tavrind) Chunk for unknown channel %d ignored\n", channel);
+  } else {
+    feed(channel, a + kPayloadAt, n, complete);
+  }
+  // Every chunk is acknowledged, so no client waits for ever on a chunk that
+  // was refused.
+  client_ack_.set();
+  for (int c : complete) dispatch(c);
+}
+
+void ProtocolServer::handshake() {
+  unsigned char *a = area();
+  pid_t pid = static_cast<pid_t>(get32(a + kLengthAt));
+  const auto *version = reinterpret_cast<const char *>(a + kPayloadAt);
+  bool version_ok = std::memchr(version, 0, kPayload) && std::strcmp(version, kClientVersion) == 0;
+  int32_t answer = -1;
+  if (!version_ok) {
+    msg_print("(tavrind) Client %d refused: version '%.40s' is not %s\n", int(pid),
+              std::memchr(version, 0, 41) ? version : "?", kClientVersion);
+  } else {
+    int free_slot = -1;
+    for (size_t i = 0; i < channels_.size(); ++i)
+      if (!channels_[i].used) {
+        free_slot = int(i);
+        break;
+      }
+    if (free_slot < 0 && int(channels_.size()) < max_channels_) {
+      channels_.emplace_back();
+      free_slot = int(channels_.size()) - 1;
+    }
+    ipc::Process proc;
+    if (free_slot < 0) {
+      msg_print("(tavrind) Client %d refused: all %d channels in use\n", int(pid), max_channels_);
+      answer = -2;
+    } else if (!proc.open(pid)) {
+      msg_print("(tavrind) Client %d refused: no such process\n", int(pid));
+      answer = -3;
+    } else {
+      Channel &ch = channels_[size_t(free_slot)];
+      ch = Channel{};
+      ch.used = true;
+      ch.proc = std::move(proc);
+      answer = free_slot;
+    }
+  }
+  put32(a + kChannelAt, static_cast<uint32_t>(answer));
+  put32(a + kLengthAt, static_cast<uint32_t>(getpid()));
+  client_.set();
+  if (answer >= 0) channels_[size_t(answer)].ctx = handler_.channel_opened(*this, answer, pid);
+}
+
+// Appends chunk bytes to the channel's packet; every complete packet goes
+// into the request being reassembled. Channels whose request became complete
+// are added to `complete`. A packet that breaks the framing drops the
+// channel's partial request.
+void ProtocolServer::feed(int channel, const unsigned char *bytes, size_t n,
+                          std::vector<int> &complete) {
+  Channel &ch = channels_[size_t(channel)];
+  while (n > 0) {
+    // First the length word, then the rest of the packet.
+    size_t want = 4;
+    if (ch.packet.size() >= 4) want = get32(ch.packet.data());
+    size_t take = std::min(n, want - ch.packet.size());
+    ch.packet.insert(ch.packet.end(), bytes, bytes + take);
+    bytes += take;
+    n -= take;
+    if (ch.packet.size() < 4) continue;
+    uint32_t plen = get32(ch.packet.data());
+    uint32_t min_len = ch.in_message ? 5 : 8;
+    if (plen < min_len || plen > kMaxPacket) {
+      msg_print("(tavrind) Packet length %u on channel %d out of range\n", plen, channel);
+      ch.packet.clear();
+      ch.message.clear();
+      ch.in_message = false;
+      return;
+    }
+    if (ch.packet.size() < plen) continue;
+    const unsigned char *data;
+    size_t dn;
+    if (!ch.in_message) {
+      uint32_t total = get32(ch.packet.data() + 4);
+      if (total > kMaxRequest) {
+        msg_print("(tavrind) Request of %u bytes on channel %d too long\n", total, channel);
+        ch.packet.clear();
+        return;
+      }
+      ch.message_length = total;
+      ch.message.clear();
+      ch.message.reserve(total);
+      ch.in_message = true;
+      data = ch.packet.data() + 8;
+      dn = plen - 8;
+    } else {
+      data = ch.packet.data() + 4;
+      dn = plen - 4;
+    }
+    if (ch.message.size() + dn > ch.message_length) {
+      msg_print("(tavrind) More request bytes than announced on channel %d\n", channel);
+      ch.packet.clear();
+      ch.message.clear();
+      ch.in_message = false;
+      return;
+    }
+    ch.message.insert(ch.message.end(), data, data + dn);
+    ch.packet.clear();
+    if (ch.message.size() == ch.message_length) {
+      ch.in_message = false;
+      complete.push_back(channel);
+    }
+  }
+}
+
+void ProtocolServer::dispatch(int channel) {
+  Channel *ch = channel_at(channel);
+  if (!ch || ch->dead) return;
+  std::vector<unsigned char> request;
+  request.swap(ch->message);
+  current_ = channel;
+  current_done_ = false;
+  handler_.request(*this, channel, ch->ctx.get(), request.data(), request.size());
+  current_ = -1;
+  // Keep the memory of small requests for the next one.
+  ch = channel_at(channel);
+  if (ch && request.capacity() <= (1u << 20)) {
+    request.clear();
+    ch->message.swap(request);
+  }
+}
+
+bool ProtocolServer::answer(int channel, const void *data, size_t length) {
+  Channel *ch = channel_at(channel);
+  if (!ch || ch->dead) return false;
+  if (length > size_t(INT_MAX) || (length == 1 && *static_cast<const char *>(data) == '-'))
+    return false;
+  const auto *bytes = static_cast<const unsigned char *>(data);
+  if (channel == current_ && !current_done_) {
+    current_done_ = true;
+    return send_message(channel, bytes, length);
+  }
+  if (ch->parked && !ch->answer_ready) {
+    ch->pending.assign(bytes, bytes + length);
+    ch->answer_ready = true;
+    activations_.push_back(channel);
+    return true;
+  }
+  return false;
+}
+
+bool ProtocolServer::park(int channel) {
+  Channel *ch = channel_at(channel);
+  if (!ch || ch->dead || channel != current_ || current_done_) return false;
+  current_done_ = true;
+  static const unsigned char notice[9] = {9, 0, 0, 0, 1, 0, 0, 0, '-'};
+  if (!send_chunk(channel, notice, sizeof notice, nullptr, 0)) return false;
+  ch->parked = true;
+  return true;
+}
+
+bool ProtocolServer::is_parked(int channel) const {
+  const Channel *ch = channel_at(channel);
+  return ch && ch->parked;
+}
+
+bool ProtocolServer::channel_open(int channel) const {
+  const Channel *ch = channel_at(channel);
+  return ch && !ch->dead;
+}
+
+pid_t ProtocolServer::client_pid(int channel) const {
+  const Channel *ch = channel_at(channel);
+  return ch ? ch->proc.pid() : 0;
+}
+
+int ProtocolServer::open_channels() const {
+  int n = 0;
+  for (const Channel &ch : channels_) n += ch.used && !ch.dead;
+  return n;
+}
+
+// Puts one chunk (head then body) into the area for `channel` and waits
+// until the client has taken it. Returns false, marking the channel dead,
+// when the client ended first (or the server is stopping).
+bool ProtocolServer::send_chunk(int channel, const unsigned char *head, size_t hn,
+                                const unsigned char *body, size_t bn) {
+  Channel &ch = channels_[size_t(channel)];
+  unsigned char *a = area();
+  put32(a + kChannelAt, static_cast<uint32_t>(channel));
+  put32(a + kLengthAt, static_cast<uint32_t>(hn + bn));
+  if (hn) std::memcpy(a + kPayloadAt, head, hn);
+  if (bn) std::memcpy(a + kPayloadAt + hn, body, bn);
+  client_.set();
+  for (;;) {
+    ipc::WaitResult r = server_ack_.wait(200, &ch.proc);
+    if (r == ipc::WaitResult::Signalled) return true;
+    if (r != ipc::WaitResult::Timeout || stop_) {
+      ch.dead = true;
+      return false;
+    }
+  }
+}
+
+// Sends a whole answer in packets of at most 10000 message bytes, each
+// packet as one chunk. Returns false if the client ended on the way.
+bool ProtocolServer::send_message(int channel, const unsigned char *data, size_t length) {
+  unsigned char head[8];
+  const uint32_t total = static_cast<uint32_t>(length);
+  if (total <= DBCOMM_PACKET_MAX) {
+    put32(head, total + 8);
+    put32(head + 4, total);
+    return send_chunk(channel, head, 8, data, total);
+  }
+  put32(head, DBCOMM_PACKET_MAX);
+  put32(head + 4, total);
+  if (!send_chunk(channel, head, 8, data, DBCOMM_FIRST_DATA)) return false;
+  uint32_t done = DBCOMM_FIRST_DATA;
+  while (done < total) {
+    uint32_t n = std::min<uint32_t>(total - done, DBCOMM_NEXT_DATA);
+    put32(head, n + 4);
+    if (!send_chunk(channel, head, 4, data + done, n)) return false;
+    done += n;
+  }
+  return true;
+}
+
+// Hands the exchange to the next parked channel whose answer is ready.
+void ProtocolServer::start_activation() {
+  while (!activations_.empty()) {
+    int channel = activations_.front();
+    activations_.pop_front();
+    Channel *ch = channel_at(channel);
+    if (!ch || ch->dead || !ch->answer_ready) continue;
+    activating_ = channel;
+    set_owner_word(channel);
+    activate_.set();
+    return;
+  }
+}
+
+// The activated client has the mutex again and has set the owner word back
+// to free: it now waits for its answer.
+void ProtocolServer::finish_activation() {
+  int channel = activating_;
+  activating_ = -1;
+  Channel *ch = channel_at(channel);
+  if (!ch || ch->dead) return;
+  std::vector<unsigned char> pending;
+  pending.swap(ch->pending);
+  ch->parked = false;
+  ch->answer_ready = false;
+  send_message(channel, pending.data(), pending.size());
+}
+
+void ProtocolServer::check_clients() {
+  last_check_ns_ = now_ns();
+  for (Channel &ch : channels_)
+    if (ch.used && !ch.dead && !ch.proc.alive()) ch.dead = true;
+  // Nobody is being handed the exchange: a set activation event is stale
+  // (parked clients would pass it on to each other for ever).
+  if (activating_ < 0 && activate_.is_set()) activate_.reset();
+}
+
+void ProtocolServer::close_dead_channels() {
+  for (size_t i = 0; i < channels_.size(); ++i) {
+    Channel &ch = channels_[i];
+    if (!ch.used || !ch.dead) continue;
+    int channel = int(i);
+    if (activating_ == channel) {
+      if (owner_word() == channel) set_owner_word(-1);
+      activating_ = -1;
+    }
+    handler_.channel_closed(*this, channel, ch.ctx.get());
+    ch = Channel{};
+  }
+}
+
+} // namespace tavrind

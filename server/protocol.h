@@ -1,0 +1,159 @@
+// The server side of the TAVRIN shared-memory protocol.
+//
+// ProtocolServer owns the named objects of a server (it creates them and
+// holds the liveness lock on "TavrinDB_Server" for its whole life), answers
+// handshakes (version "2.0.1" only), gives out channels and watches each
+// client's process, reassembles requests from chunks and packets, and sends
+// answers in packets and chunks. It runs on one thread: run() or poll() waits
+// for the next chunk and calls the RequestHandler for every complete request.
+//
+// The handler decides what a request means. For each request it answers now
+// (answer), parks the client (park: the client gets the one-byte "-" notice,
+// lets other clients go on, and waits), or sends nothing (one-way requests
+// such as '2' and 'W'). A parked client is answered later with answer(): the
+// server hands the exchange back to it through the owner word and
+// "TavrinDB_Client_Activate" as soon as no other exchange is running. The
+// handler keeps per-channel state in a ChannelContext of its own and hears
+// when a client has ended. Executing statements is the handler's business.
+#pragma once
+
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <sys/types.h>
+#include <vector>
+
+#include "db/ipc/event.h"
+#include "db/ipc/mutex.h"
+#include "db/ipc/named.h"
+#include "db/ipc/process.h"
+
+namespace tavrind {
+
+// The only client version the server accepts.
+inline constexpr const char *kClientVersion = "2.0.1";
+
+class ProtocolServer;
+
+// What a handler keeps for one channel; destroyed when the channel ends.
+struct ChannelContext {
+  virtual ~ChannelContext() = default;
+};
+
+class RequestHandler {
+public:
+  virtual ~RequestHandler() = default;
+  // A client process `pid` was given `channel`. The context returned (may be
+  // null) is handed to every request of the channel.
+  virtual std::unique_ptr<ChannelContext> channel_opened(ProtocolServer &srv, int channel,
+                                                         pid_t pid);
+  // One complete request of `length` bytes (valid during the call only).
+  virtual void request(ProtocolServer &srv, int channel, ChannelContext *ctx,
+                       const unsigned char *data, size_t length) = 0;
+  // The client of `channel` has ended. Called once, before the context is
+  // destroyed and the channel number given out again; an answer still
+  // outstanding for it is dropped.
+  virtual void channel_closed(ProtocolServer &srv, int channel, ChannelContext *ctx);
+  // Called at the end of every turn of the server loop (at least every
+  // 100 ms), e.g. to answer parked clients whose wait is over.
+  virtual void idle(ProtocolServer &srv);
+};
+
+class ProtocolServer {
+public:
+  explicit ProtocolServer(RequestHandler &handler);
+  // Shuts down (see shutdown()).
+  ~ProtocolServer();
+  ProtocolServer(const ProtocolServer &) = delete;
+  ProtocolServer &operator=(const ProtocolServer &) = delete;
+
+  // Creates or opens the named objects of the current TAVRIN_NAMESPACE and
+  // takes the liveness lock. Returns false, with the reason printed, when a
+  // live server already holds the namespace or an object cannot be made; the
+  // server is then not started and touched no object of the other server.
+  bool start();
+  // Serves until request_stop(). start() must have succeeded.
+  void run();
+  // One turn: waits at most timeout_ms for a chunk and handles it, hands
+  // the exchange to a parked client whose answer is ready, notices clients
+  // that ended, calls the handler's idle().
+  void poll(int timeout_ms);
+  // Makes run() return after its current turn. Safe in a signal handler.
+  void request_stop() { stop_ = 1; }
+  bool stop_requested() const { return stop_ != 0; }
+  // Removes the named objects and closes them; the server no longer exists
+  // for clients. Channels are closed with channel_closed().
+  void shutdown();
+
+  // Answers `channel`: during its request() call the answer goes out at once;
+  // for a parked channel it is kept and sent when the client has the
+  // exchange again. Returns false if the channel has no request waiting for
+  // an answer, the answer is the one byte "-" (which the client would take
+  // for a parking notice) or longer than 2^31 - 1 bytes, or the client ended
+  // while it was sent.
+  bool answer(int channel, const void *data, size_t length);
+  // Parks `channel` during its request() call: sends the parking notice.
+  // Returns false outside the channel's request() call or if the client
+  // ended.
+  bool park(int channel);
+
+  bool is_parked(int channel) const;
+  bool channel_open(int channel) const;
+  pid_t client_pid(int channel) const;
+  int open_channels() const;
+  // The highest number of channels given out at once (default 1024).
+  void set_max_channels(int n) { max_channels_ = n; }
+
+private:
+  struct Channel {
+    bool used = false;
+    bool dead = false;
+    bool parked = false;
+    bool answer_ready = false;
+    ipc::Process proc;
+    std::unique_ptr<ChannelContext> ctx;
+    std::vector<unsigned char> packet;  // the packet being received
+    std::vector<unsigned char> message; // the request being reassembled
+    uint32_t message_length = 0;
+    bool in_message = false;
+    std::vector<unsigned char> pending; // the answer of a parked request
+  };
+
+  void handle_chunk();
+  void handshake();
+  void feed(int channel, const unsigned char *bytes, size_t n, std::vector<int> &complete);
+  void dispatch(int channel);
+  bool send_message(int channel, const unsigned char *data, size_t length);
+  bool send_chunk(int channel, const unsigned char *head, size_t hn, const unsigned char *body,
+                  size_t bn);
+  void start_activation();
+  void finish_activation();
+  void check_clients();
+  void close_dead_channels();
+  Channel *channel_at(int channel);
+  const Channel *channel_at(int channel) const;
+  unsigned char *area() const;
+  int32_t owner_word() const;
+  void set_owner_word(int32_t v);
+
+  RequestHandler &handler_;
+  bool started_ = false;
+  volatile sig_atomic_t stop_ = 0;
+  int max_channels_ = 1024;
+
+  ipc::Event server_;
+  ipc::Section area_, owner_;
+  ipc::Event client_, server_ack_, client_ack_, activate_;
+  ipc::Mutex mutex_;
+
+  std::vector<Channel> channels_;
+  int current_ = -1;          // channel whose request() runs
+  bool current_done_ = false; // it was answered or parked
+  std::deque<int> activations_;
+  int activating_ = -1; // channel handed the exchange, not yet answered
+  int64_t last_check_ns_ = 0;
+};
+
+} // namespace tavrind
