@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <functional>
+#include <poll.h>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -37,6 +38,21 @@ inline int join(pid_t pid) {
   return 128 + WTERMSIG(st);
 }
 
+// Waits at most timeout_ms for the child; kills it when it is still running
+// then. Returns like join(), or -2 when it had to be killed.
+inline int join_within(pid_t pid, int timeout_ms) {
+  for (int waited = 0; waited < timeout_ms; waited += 5) {
+    int st = 0;
+    pid_t r = waitpid(pid, &st, WNOHANG);
+    if (r == pid) return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+    if (r < 0) return -1;
+    usleep(5000);
+  }
+  kill(pid, SIGKILL);
+  join(pid);
+  return -2;
+}
+
 // A pipe used to let a child tell the parent it has reached a point.
 struct Gate {
   int fd[2] = {-1, -1};
@@ -46,9 +62,11 @@ struct Gate {
     if (fd[1] >= 0) close(fd[1]);
   }
   void open_gate() { (void)!write(fd[1], "x", 1); }
-  // True when the gate was opened; false on end of file (the other side is
-  // gone) or error.
-  bool pass() {
+  // True when the gate was opened; false after timeout_ms, on end of file
+  // or error (the other side is gone).
+  bool pass(int timeout_ms = 20000) {
+    struct pollfd p = {fd[0], POLLIN, 0};
+    if (poll(&p, 1, timeout_ms) != 1) return false;
     char c;
     return read(fd[0], &c, 1) == 1;
   }
