@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr int FL_NORMAL_SIZE_UNITS = 10;
+
 struct FontSpec {
   const char *face;
   int points;
@@ -57,6 +59,10 @@ QFont fl_style_font(int style, int size) {
   bool fixed = (face & 4) != 0;
   bool bold = (face & 1) != 0 || (style & 2048) != 0;
   bool italic = (face & 2) != 0;
-  if (size <= 0) size = 10;
-  return make_font(fixed ? "Courier New" : "Helvetica", size, bold, italic);
+  if (size <= 0) size = FL_NORMAL_SIZE_UNITS;
+  QFont f = make_font(fixed ? "Courier New" : "Helvetica", 10, bold, italic);
+  // Label sizes are the toolkit's units, 1.1 pixels each: the forms' geometry
+  // is laid out for labels of that height.
+  f.setPixelSize(static_cast<int>(size * 1.1 + 0.5));
+  return f;
 }

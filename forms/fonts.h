@@ -29,7 +29,9 @@ void fl_delete_fonts();
 // One of the eight fonts; creates them on first use. index out of range gives
 // the default form font.
 const QFont &fl_get_font(int index);
-// The font for a label style (FL_*_STYLE) and size in points: Courier New for
-// the fixed styles, Helvetica otherwise; bold for the bold styles and for the
-// embossed heading style; italic for the italic styles.
+// The font for a label style (FL_*_STYLE) and label size: Courier New for the
+// fixed styles, Helvetica otherwise; bold for the bold styles and for the
+// embossed heading style; italic for the italic styles. Label sizes (10, 12,
+// 14) are the toolkit's units of 1.1 pixels, so that labels fit the geometry
+// the forms give them.
 QFont fl_style_font(int style, int size);

@@ -128,7 +128,7 @@ enum {
   FL_EMBOSSED_STYLE = 2048, // headings: drawn bold with a light relief
 };
 
-// Label sizes in points.
+// Label sizes (units of 1.1 pixels, see fl_style_font).
 enum { FL_SMALL_SIZE = 8, FL_NORMAL_SIZE = 10, FL_MEDIUM_SIZE = 12, FL_LARGE_SIZE = 14 };
 
 // Reporting modes of inputs: when the input's callback runs (see
