@@ -1,0 +1,64 @@
+// DBexec and the prebuilt-request variant (see exec.h).
+#include "db/client/exec.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "base/msg.h"
+#include "db/client/answer.h"
+#include "db/client/parser.h"
+#include "db/client/reqbuf.h"
+
+namespace {
+
+// Answers up to this size are read into a buffer on the stack; longer ones
+// arrive in an allocation of their exact length.
+constexpr int ANSWER_BUFFER = 10000;
+
+struct FreeDeleter {
+  void operator()(unsigned char *p) const { std::free(p); }
+};
+
+bool usable(const DBCONN *conn) { return conn && conn->status == DBCONN_OK; }
+
+// Sends the request buffer, receives the answer and decodes it into a new
+// result. A transport failure is fatal: DBsend/DBrecv have printed why.
+DBRESULT *exchange(DBCONN *conn) {
+  if (!DBsend(conn)) msg_exit_fatal();
+  unsigned char buffer[ANSWER_BUFFER];
+  int length = 0;
+  unsigned char *big = nullptr;
+  int big_length = -1;
+  if (!DBrecv(conn, buffer, sizeof buffer, &length, &big, &big_length)) msg_exit_fatal();
+  std::unique_ptr<unsigned char, FreeDeleter> owned(big);
+  DBRESULT *res = DBresult_new();
+  if (big)
+    DBanswer_decode(big, static_cast<size_t>(big_length), res);
+  else
+    DBanswer_decode(buffer, static_cast<size_t>(length), res);
+  return res;
+}
+
+} // namespace
+
+DBRESULT *DBexec(DBCONN *conn, const char *statement) {
+  if (!usable(conn) || !statement) return nullptr;
+  // The parser upper-cases words in place: it works on a copy.
+  std::string text(statement);
+  if (text.empty() || text.back() != ';') text += ';';
+  DBreq_reset();
+  DBRESULT *res = DBresult_new();
+  if (!DBexec_encode(text.data(), res->message)) {
+    res->status = DBRES_SYNTAX;
+    return res;
+  }
+  DBclear(res);
+  return exchange(conn);
+}
+
+DBRESULT *DBexec_request(DBCONN *conn) {
+  if (!usable(conn)) return nullptr;
+  return exchange(conn);
+}

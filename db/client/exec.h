@@ -1,0 +1,25 @@
+// Statement execution of the TAVRIN client: DBexec parses and encodes one SQL
+// statement, sends the request on a connection, receives the answer and
+// decodes it into a statement result.
+//
+// The grammar and the bytes are the parser's (parser.h), the wire the
+// transport's (connect.h), the answer envelope answer.h's and the result
+// RESDATA's (resdata.h).
+#pragma once
+
+#include "db/client/connect.h"
+#include "db/client/resdata.h"
+
+// Runs `statement` on `conn`. The text is copied (never modified) and gets a
+// ";" appended when it does not end with one; the request buffer is reset
+// first. Returns a result owned by the caller (DBclear): status 5 with the
+// parser's message when the statement does not parse (nothing is sent),
+// otherwise the decoded answer. Returns null, sending nothing, for a null
+// connection or statement or a connection that is not open (its message
+// says why). A send or receive failure ends the process with exit status 1.
+DBRESULT *DBexec(DBCONN *conn, const char *statement);
+
+// Sends the request already built in the request buffer (by the encoding
+// primitives of reqbuf.h, without parsing) and decodes its answer like
+// DBexec. Null for a null or not open connection.
+DBRESULT *DBexec_request(DBCONN *conn);

@@ -1,0 +1,587 @@
+// Result data (see resdata.h): storage of cells, the accessors, the
+// conversion of values to text and the binary escape.
+#include "db/client/resdata.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "base/date.h"
+#include "base/msg.h"
+
+namespace {
+
+constexpr uint32_t NO_TEXT = 0xFFFFFFFFu;
+constexpr unsigned char SECTION = 0xA7; // the escape byte of binary runs
+
+[[noreturn]] void out_of_memory() { msg_fatal("(TAVRIN) Out of memory!\n"); }
+
+// Bytes of a value of a fixed-size type; 0 for CHARACTER, BINARY and
+// unknown codes.
+size_t fixed_size(unsigned char type) {
+  switch (type) {
+  case DBTYPE_SMALLINT:
+    return 2;
+  case DBTYPE_INTEGER:
+    return 4;
+  case DBTYPE_FLOAT:
+    return 8;
+  case DBTYPE_DATE:
+    return sizeof(DATE);
+  case DBTYPE_TIME:
+    return sizeof(TIME);
+  case DBTYPE_TIMESTAMP:
+    return sizeof(DATI);
+  default:
+    return 0;
+  }
+}
+
+template <typename T> T load(const unsigned char *p) {
+  T v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
+uint16_t load16(const unsigned char *p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
+
+// The slot of a cell in a chunked table (rows of `cols` references).
+uint32_t &slot(std::vector<std::unique_ptr<uint32_t[]>> &table, int cols, int row, int col) {
+  size_t r = static_cast<size_t>(row);
+  return table[r / RESDATA_ROW_STEP][(r % RESDATA_ROW_STEP) * cols + col];
+}
+
+// Makes sure the row table has a chunk for `row`.
+void ensure_row(RESDATA *d, int row) {
+  size_t chunk = static_cast<size_t>(row) / RESDATA_ROW_STEP;
+  while (d->cells.size() <= chunk) {
+    size_t n = RESDATA_ROW_STEP * d->types.size();
+    std::unique_ptr<uint32_t[]> c(new (std::nothrow) uint32_t[n]);
+    if (!c) out_of_memory();
+    d->cells.push_back(std::move(c));
+  }
+}
+
+// The text-cache slot of a cell, allocating its chunk on first use.
+uint32_t &text_slot(RESDATA *d, int row, int col) {
+  size_t chunk = static_cast<size_t>(row) / RESDATA_ROW_STEP;
+  if (d->texts.size() <= chunk) d->texts.resize(chunk + 1);
+  if (!d->texts[chunk]) {
+    size_t n = RESDATA_ROW_STEP * d->types.size();
+    d->texts[chunk].reset(new (std::nothrow) uint32_t[n]);
+    if (!d->texts[chunk]) out_of_memory();
+    std::fill_n(d->texts[chunk].get(), n, NO_TEXT);
+  }
+  return slot(d->texts, static_cast<int>(d->types.size()), row, col);
+}
+
+// Forgets the cached text of a cell (after it was replaced).
+void drop_text(RESDATA *d, int row, int col) {
+  size_t chunk = static_cast<size_t>(row) / RESDATA_ROW_STEP;
+  if (chunk < d->texts.size() && d->texts[chunk])
+    slot(d->texts, static_cast<int>(d->types.size()), row, col) = NO_TEXT;
+}
+
+uint32_t store_text(RESDATA *d, const char *text) {
+  size_t n = std::strlen(text) + 1;
+  // A text cell is at least as long as the column's binary form so that no
+  // typed reader of a mixed data set can read past it.
+  size_t room = std::max(n, fixed_size(d->types[d->fill_col]));
+  uint32_t ref;
+  unsigned char *p = d->store.reserve(room, &ref);
+  std::memcpy(p, text, n);
+  if (room > n) std::memset(p + n, 0, room - n);
+  return ref;
+}
+
+// Stores one binary value of column `col`. Fixed-size values shorter than
+// their type are padded with zero bytes, a BINARY value's own length is cut
+// to the bytes that came, so that typed readers never read past a cell.
+// A CHARACTER value without zero byte: fatal (fatal_on_string) or returns
+// false having printed `string_msg`.
+bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length,
+                  bool fatal_on_string, uint32_t *ref) {
+  unsigned char type = d->types[col];
+  // In a text data set every cell must read as a zero-terminated text.
+  size_t tail = d->kind == RESDATA::TEXT ? 1 : 0;
+  unsigned char *p;
+  if (type == DBTYPE_CHARACTER) {
+    const void *zero = length ? std::memchr(bytes, 0, length) : nullptr;
+    if (!zero) {
+      if (fatal_on_string)
+        msg_fatal("(RESDATA_Fill_Binary) String too long ('%.*s[...]')\n",
+                  static_cast<int>(std::min<size_t>(length, 1000)), bytes);
+      msg_print("(RESDATA_XY_Fill_Binary) String too long\n");
+      return false;
+    }
+    size_t n = static_cast<size_t>(static_cast<const unsigned char *>(zero) - bytes) + 1;
+    p = d->store.reserve(n, ref);
+    std::memcpy(p, bytes, n);
+  } else if (type == DBTYPE_BINARY) {
+    size_t own = length >= 2 ? load16(bytes) : 0;
+    if (length < 2 || own > length - 2) own = length >= 2 ? length - 2 : 0;
+    p = d->store.reserve(own + 2 + tail, ref);
+    p[0] = static_cast<unsigned char>(own);
+    p[1] = static_cast<unsigned char>(own >> 8);
+    if (own) std::memcpy(p + 2, bytes + 2, own);
+    if (tail) p[own + 2] = 0;
+  } else {
+    size_t fixed = fixed_size(type);
+    // Unknown types keep their bytes and get a zero byte after them.
+    size_t room = fixed ? std::max(length, fixed) : length + 1;
+    room += tail;
+    p = d->store.reserve(room, ref);
+    if (length) std::memcpy(p, bytes, length);
+    std::memset(p + length, 0, room - length);
+  }
+  return true;
+}
+
+// Places a stored cell at the fill position and advances it.
+void place(RESDATA *d, uint32_t ref) {
+  if (d->fill_col == 0) ensure_row(d, d->stored_rows);
+  slot(d->cells, static_cast<int>(d->types.size()), d->stored_rows, d->fill_col) = ref;
+  if (++d->fill_col == static_cast<int>(d->types.size())) {
+    d->fill_col = 0;
+    ++d->stored_rows;
+    ++d->rows;
+  }
+}
+
+bool cell_exists(const RESDATA *d, int row, int col) {
+  return row >= 0 && row < d->stored_rows && col >= 0 && col < static_cast<int>(d->types.size());
+}
+
+const unsigned char *cell(const RESDATA *d, int row, int col) {
+  size_t r = static_cast<size_t>(row);
+  uint32_t ref = d->cells[r / RESDATA_ROW_STEP][(r % RESDATA_ROW_STEP) * d->types.size() + col];
+  return d->store.at(ref);
+}
+
+// ---- Value to text --------------------------------------------------------
+
+// Writes v with `digits` digits (at most 2) as "%0<digits>d" would for any
+// int; returns the end.
+char *put_uint(char *out, unsigned v, int digits) {
+  char tmp[12];
+  int n = 0;
+  do {
+    tmp[n++] = static_cast<char>('0' + v % 10);
+    v /= 10;
+  } while (v);
+  while (n < digits) tmp[n++] = '0';
+  while (n) *out++ = tmp[--n];
+  return out;
+}
+
+// printf's "%0<w>d" for a signed value.
+char *put_int(char *out, long v, int width) {
+  if (v < 0) {
+    *out++ = '-';
+    return put_uint(out, static_cast<unsigned>(-v), width - 1);
+  }
+  return put_uint(out, static_cast<unsigned>(v), width);
+}
+
+// FLOAT by the size of its rounded magnitude: 14 decimals below 1, one less
+// for every power of ten up to 1 decimal from 1e12 on; then trailing zeros,
+// and a decimal point left at the end, are removed.
+size_t float_text(double v, char *out, size_t size) {
+  double r = std::round(std::fabs(v));
+  int decimals = 14;
+  for (double limit = 1; decimals > 1 && r >= limit; limit *= 10) --decimals;
+  // std::to_chars writes what printf's "%.<n>f" writes, but always with ".".
+  auto res = std::to_chars(out, out + size - 1, v, std::chars_format::fixed, decimals);
+  char *end = res.ptr;
+  if (std::memchr(out, '.', static_cast<size_t>(end - out))) {
+    while (end > out && end[-1] == '0') --end;
+    if (end > out && (end[-1] == '.' || end[-1] == ',')) --end;
+  }
+  if (end == out) *end++ = '0';
+  *end = '\0';
+  return static_cast<size_t>(end - out);
+}
+
+// The text of a non-character, non-binary value; returns its length.
+size_t value_text(unsigned char type, const unsigned char *p, char *out, size_t size) {
+  char *o = out;
+  switch (type) {
+  case DBTYPE_SMALLINT:
+    o = put_int(o, load<int16_t>(p), 1);
+    break;
+  case DBTYPE_INTEGER:
+    o = put_int(o, load<int32_t>(p), 1);
+    break;
+  case DBTYPE_FLOAT:
+    return float_text(load<double>(p), out, size);
+  case DBTYPE_DATE: {
+    DATE d = load<DATE>(p);
+    o = put_int(o, d.year, 4);
+    *o++ = '-';
+    o = put_uint(o, d.month, 2);
+    *o++ = '-';
+    o = put_uint(o, d.day, 2);
+    break;
+  }
+  case DBTYPE_TIME: {
+    TIME t = load<TIME>(p);
+    o = put_uint(o, t.hour, 2);
+    *o++ = ':';
+    o = put_uint(o, t.minute, 2);
+    *o++ = ':';
+    o = put_uint(o, t.second, 2);
+    break;
+  }
+  case DBTYPE_TIMESTAMP: {
+    DATI t = load<DATI>(p);
+    o = put_int(o, t.year, 4);
+    *o++ = '-';
+    o = put_uint(o, t.month, 2);
+    *o++ = '-';
+    o = put_uint(o, t.day, 2);
+    *o++ = '-';
+    o = put_uint(o, t.hour, 2);
+    *o++ = '.';
+    o = put_uint(o, t.minute, 2);
+    *o++ = '.';
+    o = put_uint(o, t.second, 2);
+    *o++ = '.';
+    o = put_int(o, t.usec, 6);
+    break;
+  }
+  default:
+    return static_cast<size_t>(std::snprintf(out, size, "<datatype unknown>"));
+  }
+  *o = '\0';
+  return static_cast<size_t>(o - out);
+}
+
+bool printable(unsigned char c) { return (c >= 32 && c <= 126) || c == SECTION; }
+
+// The escaped text of n binary bytes into out (at least 3 * n + 3 bytes):
+// printable bytes as they are ("$" and 0xA7 doubled), one non-printable byte
+// as "$" and two hex digits, a run of several as 0xA7, their hex pairs, 0xA7.
+size_t escape_binary(const unsigned char *b, size_t n, char *out) {
+  static const char hex[] = "0123456789ABCDEF";
+  char *o = out;
+  size_t i = 0;
+  while (i < n) {
+    unsigned char c = b[i];
+    if (printable(c)) {
+      *o++ = static_cast<char>(c);
+      if (c == '$' || c == SECTION) *o++ = static_cast<char>(c);
+      ++i;
+      continue;
+    }
+    size_t run = i;
+    while (run < n && !printable(b[run])) ++run;
+    if (run - i == 1) {
+      *o++ = '$';
+      *o++ = hex[c >> 4];
+      *o++ = hex[c & 15];
+    } else {
+      *o++ = static_cast<char>(SECTION);
+      for (size_t k = i; k < run; ++k) {
+        *o++ = hex[b[k] >> 4];
+        *o++ = hex[b[k] & 15];
+      }
+      *o++ = static_cast<char>(SECTION);
+    }
+    i = run;
+  }
+  *o = '\0';
+  return static_cast<size_t>(o - out);
+}
+
+// The cached text of a cell, converting it on first use.
+const char *cached_text(RESDATA *d, int row, int col, const unsigned char *p) {
+  // The slot lives in a chunk that never moves; the text store is separate.
+  uint32_t &s = text_slot(d, row, col);
+  if (s != NO_TEXT) return reinterpret_cast<const char *>(d->text_store.at(s));
+  unsigned char type = d->types[col];
+  uint32_t ref;
+  char *out;
+  size_t used;
+  if (type == DBTYPE_BINARY) {
+    size_t n = load16(p);
+    size_t room = 3 * n + 3;
+    out = reinterpret_cast<char *>(d->text_store.reserve(room, &ref));
+    used = escape_binary(p + 2, n, out) + 1;
+    d->text_store.shrink_last(room - used);
+  } else {
+    char buf[400];
+    used = value_text(type, p, buf, sizeof buf) + 1;
+    out = reinterpret_cast<char *>(d->text_store.reserve(used, &ref));
+    std::memcpy(out, buf, used);
+  }
+  s = ref;
+  return out;
+}
+
+} // namespace
+
+namespace resdata_detail {
+
+unsigned char *Arena::reserve(size_t n, uint32_t *ref) {
+  if (blocks_.empty() || capacity_ - used_ < n) {
+    if (blocks_.size() >= max_blocks_) {
+      if (report_max_)
+        msg_fatal("(RESDATA) Out of memory (max = %d)\n", static_cast<int>(max_blocks_));
+      out_of_memory();
+    }
+    size_t size = std::max(n, RESDATA_BLOCK_SIZE);
+    std::unique_ptr<unsigned char[]> b(new (std::nothrow) unsigned char[size]);
+    if (!b) out_of_memory();
+    blocks_.push_back(std::move(b));
+    capacity_ = size;
+    used_ = 0;
+    allocated_ += size;
+  }
+  // A block larger than the standard size holds one value at offset 0, so
+  // the 18-bit offset always suffices.
+  *ref = static_cast<uint32_t>((blocks_.size() - 1) << 18 | used_);
+  unsigned char *p = blocks_.back().get() + used_;
+  used_ += n;
+  return p;
+}
+
+} // namespace resdata_detail
+
+RESDATA::RESDATA()
+    : store(RESDATA_MAX_BLOCKS, true),
+      // The text cache is bounded only by the reference width.
+      text_store((1u << 14) - 1, false) {}
+
+DBRESULT *DBresult_new() {
+  auto *res = new (std::nothrow) DBRESULT;
+  if (!res) out_of_memory();
+  return res;
+}
+
+void DBclear(DBRESULT *res) { delete res; }
+
+int DBresult_status(const DBRESULT *res) { return res ? res->status : 0; }
+
+const char *DBresult_error(DBRESULT *res) {
+  if (!res) return "";
+  size_t n = strnlen(res->message, DB_MSG_SIZE - 1);
+  res->message[n] = '\0';
+  if (n > 0 && res->message[n - 1] != '\n') {
+    if (n == DB_MSG_SIZE - 1) --n;
+    res->message[n] = '\n';
+    res->message[n + 1] = '\0';
+  }
+  return res->message;
+}
+
+int DBntuples(const DBRESULT *res) { return res ? res->data.rows : -1; }
+int DBnfields(const DBRESULT *res) { return res ? static_cast<int>(res->data.types.size()) : -1; }
+
+const char *DBfieldname(const DBRESULT *res, int column) {
+  if (!res || column < 0 || column >= static_cast<int>(res->data.names.size())) return nullptr;
+  return res->data.names[column].c_str();
+}
+
+int DBfieldtype(const DBRESULT *res, int column) {
+  if (!res || column < 0 || column >= static_cast<int>(res->data.types.size())) return -1;
+  switch (res->data.types[column]) {
+  case DBTYPE_CHARACTER:
+    return DBFT_CHARACTER;
+  case DBTYPE_BINARY:
+    return DBFT_BINARY;
+  case DBTYPE_SMALLINT:
+    return DBFT_SMALLINT;
+  case DBTYPE_INTEGER:
+    return DBFT_INTEGER;
+  case DBTYPE_FLOAT:
+    return DBFT_FLOAT;
+  case DBTYPE_TIME:
+    return DBFT_TIME;
+  case DBTYPE_DATE:
+    return DBFT_DATE;
+  case DBTYPE_TIMESTAMP:
+    return DBFT_TIMESTAMP;
+  default:
+    return -1;
+  }
+}
+
+int DBfieldsize(const DBRESULT *res, int column) {
+  if (!res || column < 0 || column >= static_cast<int>(res->data.sizes.size())) return -1;
+  return res->data.sizes[column];
+}
+
+const char *DBgetvalue(DBRESULT *res, int row, int column) {
+  if (!res || !cell_exists(&res->data, row, column)) return nullptr;
+  RESDATA *d = &res->data;
+  const unsigned char *p = cell(d, row, column);
+  unsigned char type = d->types[column];
+  if (d->kind == RESDATA::TEXT || type == DBTYPE_CHARACTER)
+    return reinterpret_cast<const char *>(p);
+  if (type == DBTYPE_BINARY || d->text_wanted) return cached_text(d, row, column, p);
+  return reinterpret_cast<const char *>(p);
+}
+
+const void *DBgetrawvalue(const DBRESULT *res, int row, int column) {
+  if (!res || !cell_exists(&res->data, row, column)) return nullptr;
+  return cell(&res->data, row, column);
+}
+
+int DBfillbinary(const DBRESULT *res, void *destination, int row, int column) {
+  if (!res || !destination || !cell_exists(&res->data, row, column)) return 0;
+  const RESDATA *d = &res->data;
+  const unsigned char *p = cell(d, row, column);
+  unsigned char type =
+      d->kind == RESDATA::TEXT ? static_cast<unsigned char>(DBTYPE_CHARACTER) : d->types[column];
+  auto *dest = static_cast<unsigned char *>(destination);
+  switch (type) {
+  case DBTYPE_BINARY:
+    std::memcpy(dest, p, load16(p) + 2u);
+    return 1;
+  case DBTYPE_CHARACTER:
+    if (d->sizes[column] == 2) {
+      // A one-character column holds a flag: 0 and 1 become "0" and "1".
+      dest[0] = p[0] == 0 ? '0' : p[0] == 1 ? '1' : p[0];
+    } else {
+      std::strcpy(reinterpret_cast<char *>(dest), reinterpret_cast<const char *>(p));
+    }
+    return 1;
+  case DBTYPE_SMALLINT:
+  case DBTYPE_INTEGER:
+  case DBTYPE_FLOAT:
+  case DBTYPE_DATE:
+  case DBTYPE_TIME:
+  case DBTYPE_TIMESTAMP:
+    std::memcpy(dest, p, fixed_size(type));
+    return 1;
+  default:
+    msg_print("(DBfillbinary) Unknown datatype!\n");
+    return 0;
+  }
+}
+
+int RESDATA_Header_Data(RESDATA *data, const char *name, int type, int size) {
+  if (data->kind != RESDATA::EMPTY || data->stored_rows > 0 || data->fill_col > 0) {
+    msg_print("(RESDATA_Header_Data) Inkonsistent header definition\n");
+    return 0;
+  }
+  data->names.emplace_back(name ? name : "");
+  data->types.push_back(static_cast<unsigned char>(type));
+  data->sizes.push_back(size);
+  return 1;
+}
+
+int RESDATA_Fill_Binary(RESDATA *data, const void *bytes, size_t length) {
+  if (data->kind == RESDATA::TEXT || data->types.empty()) {
+    msg_print("(RESDATA_Fill_Binary) Inkonsistent binary definition\n");
+    if (data->types.empty()) return 0;
+  } else {
+    data->kind = RESDATA::BINARY;
+  }
+  uint32_t ref;
+  store_binary(data, data->fill_col, static_cast<const unsigned char *>(bytes), length, true, &ref);
+  place(data, ref);
+  return 1;
+}
+
+int RESDATA_Fill(RESDATA *data, const char *text) {
+  if (data->kind == RESDATA::BINARY || data->types.empty()) {
+    msg_print("(RESDATA_Fill) Inkonsistent binary definition\n");
+    return 0;
+  }
+  data->kind = RESDATA::TEXT;
+  place(data, store_text(data, text ? text : ""));
+  return 1;
+}
+
+int RESDATA_XY_Fill(RESDATA *data, int row, int column, const char *text) {
+  int cols = static_cast<int>(data->types.size());
+  // The row after the last complete one may be added, unless a row is
+  // being filled cell by cell.
+  bool new_row = row == data->stored_rows && data->fill_col == 0;
+  if (column < 0 || column >= cols || row < 0 || (row >= data->stored_rows && !new_row)) {
+    msg_print("(RESDATA_XY_Fill) Invalid Row/Column\n");
+    return 0;
+  }
+  if (data->kind == RESDATA::BINARY) {
+    msg_print("(RESDATA_XY_Fill) Inkonsistent binary definition\n");
+    return 0;
+  }
+  data->kind = RESDATA::TEXT;
+  if (new_row)
+    for (int c = 0; c < cols; ++c) place(data, store_text(data, ""));
+  // store_text sizes the cell by the fill column; point it at this one.
+  int saved = data->fill_col;
+  data->fill_col = column;
+  uint32_t ref = store_text(data, text ? text : "");
+  data->fill_col = saved;
+  slot(data->cells, cols, row, column) = ref;
+  drop_text(data, row, column);
+  return 1;
+}
+
+int RESDATA_XY_Fill_Binary(RESDATA *data, int row, int column, const void *bytes, size_t length) {
+  if (!cell_exists(data, row, column)) {
+    msg_print("(RESDATA_XY_Fill_Binary) Invalid Row/Column\n");
+    return 0;
+  }
+  if (data->kind == RESDATA::TEXT) {
+    msg_print("(RESDATA_XY_Fill_Binary) Inkonsistent binary definition\n");
+    return 0;
+  }
+  uint32_t ref;
+  if (!store_binary(data, column, static_cast<const unsigned char *>(bytes), length, false, &ref))
+    return 0;
+  slot(data->cells, static_cast<int>(data->types.size()), row, column) = ref;
+  drop_text(data, row, column);
+  return 1;
+}
+
+int RESDATA_DelRow(RESDATA *data, int row) {
+  if (row < 0 || row >= data->stored_rows) {
+    msg_print("(RESDATA) Invalid row-parameter in RESDATA_DelRow\n");
+    return 0;
+  }
+  int cols = static_cast<int>(data->types.size());
+  // The row being filled (if any) moves up with the complete ones.
+  int last = data->stored_rows + (data->fill_col > 0 ? 1 : 0);
+  for (int r = row; r + 1 < last; ++r) {
+    int n = r + 1 == data->stored_rows ? data->fill_col : cols;
+    for (int c = 0; c < n; ++c) {
+      slot(data->cells, cols, r, c) = slot(data->cells, cols, r + 1, c);
+      size_t from = static_cast<size_t>(r + 1) / RESDATA_ROW_STEP;
+      uint32_t t = from < data->texts.size() && data->texts[from]
+                       ? slot(data->texts, cols, r + 1, c)
+                       : NO_TEXT;
+      if (t != NO_TEXT)
+        text_slot(data, r, c) = t;
+      else
+        drop_text(data, r, c);
+    }
+  }
+  // The vacated row keeps no cached texts for the cells filled there later.
+  for (int c = 0; c < cols; ++c) drop_text(data, last - 1, c);
+  --data->stored_rows;
+  --data->rows;
+  return 1;
+}
+
+void RESDATA_Set_Count(RESDATA *data, int count) { data->rows = count; }
+
+size_t RESDATA_Memory(const RESDATA *data) {
+  size_t bytes = data->store.allocated();
+  bytes += data->cells.size() * RESDATA_ROW_STEP * data->types.size() * sizeof(uint32_t);
+  for (const auto &n : data->names) bytes += n.capacity() + sizeof n;
+  bytes += data->types.capacity() + data->sizes.capacity() * sizeof(int32_t);
+  return bytes;
+}
+
+size_t RESDATA_Text_Memory(const RESDATA *data) {
+  size_t bytes = data->text_store.allocated();
+  for (const auto &t : data->texts)
+    if (t) bytes += RESDATA_ROW_STEP * data->types.size() * sizeof(uint32_t);
+  return bytes;
+}

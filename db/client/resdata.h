@@ -1,0 +1,185 @@
+// Result data of the TAVRIN client: the statement result (status, message,
+// tuples) and its container RESDATA, which keeps the cells of an answer in
+// the server's binary form and turns them into text on request, converting
+// each cell once.
+//
+// Storage: cells live packed in storage blocks of 200000 bytes (at most 1000
+// of them); the row table holds one 32-bit block reference per cell and grows
+// by 5000 rows at a time; texts made from cells go into a cache of the same
+// shape, allocated on first use. Cells are stored unaligned: read raw values
+// with memcpy or DBfillbinary. Decoding answers is answer.h's business,
+// running statements exec.h's.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "db/client/tokenizer.h"
+
+// Column type codes on the wire (the statement encoder's type tokens).
+enum : unsigned char {
+  DBTYPE_CHARACTER = '0',
+  DBTYPE_SMALLINT = '1',
+  DBTYPE_INTEGER = '2',
+  DBTYPE_FLOAT = '3',
+  DBTYPE_DATE = '4',
+  DBTYPE_TIME = '5',
+  DBTYPE_TIMESTAMP = '6',
+  DBTYPE_BINARY = 0xA6,
+};
+
+// Application type numbers of a column (DBfieldtype). TIME and DATE are
+// numbered the other way round from their wire codes.
+enum : int {
+  DBFT_CHARACTER = 0,
+  DBFT_BINARY = 1,
+  DBFT_SMALLINT = 2,
+  DBFT_INTEGER = 3,
+  DBFT_FLOAT = 4,
+  DBFT_TIME = 5,
+  DBFT_DATE = 6,
+  DBFT_TIMESTAMP = 7,
+};
+
+// Statuses of a statement result.
+enum : int {
+  DBRES_DONE = 1,      // done (initial)
+  DBRES_TUPLES = 2,    // tuples
+  DBRES_TUPLES2 = 3,   // tuples, second kind
+  DBRES_ERROR = 4,     // server error or undecodable answer
+  DBRES_SYNTAX = 5,    // refused by the client's parser
+  DBRES_TRANSPORT = 6, // send or receive failed
+};
+
+constexpr size_t RESDATA_ROW_STEP = 5000;     // rows added to the row table at a time
+constexpr size_t RESDATA_BLOCK_SIZE = 200000; // bytes of a storage block
+constexpr size_t RESDATA_MAX_BLOCKS = 1000;   // storage blocks of one data set
+
+namespace resdata_detail {
+
+// Blocks of packed bytes addressed by 32-bit references (block index in the
+// high bits, offset in the low 18 bits). Blocks never move, so pointers into
+// them stay valid until the arena is destroyed.
+class Arena {
+public:
+  // max_blocks: how many blocks may be opened; one more ends the process
+  // with "(RESDATA) Out of memory (max = <max_blocks>)\n" (report_max) or
+  // "(TAVRIN) Out of memory!\n".
+  Arena(size_t max_blocks, bool report_max) : max_blocks_(max_blocks), report_max_(report_max) {}
+  // Room for n bytes; returns where to write and sets *ref. May end the
+  // process when the arena is full or memory runs out.
+  unsigned char *reserve(size_t n, uint32_t *ref);
+  // Gives back the unused tail of the last reserve (used <= reserved).
+  void shrink_last(size_t unused) { used_ -= unused; }
+  unsigned char *at(uint32_t ref) const {
+    return blocks_[ref >> 18].get() + (ref & ((1u << 18) - 1));
+  }
+  size_t allocated() const { return allocated_; }
+
+private:
+  std::vector<std::unique_ptr<unsigned char[]>> blocks_;
+  size_t used_ = 0;     // used bytes of the last block
+  size_t capacity_ = 0; // size of the last block
+  size_t allocated_ = 0;
+  size_t max_blocks_;
+  bool report_max_;
+};
+
+} // namespace resdata_detail
+
+// The tuples of a result. Made empty; filled by RESDATA_Header_Data and the
+// fill operations; released with its owner.
+struct RESDATA {
+  RESDATA();
+  RESDATA(const RESDATA &) = delete;
+  RESDATA &operator=(const RESDATA &) = delete;
+
+  // When set (the default), non-character values are handed out as text.
+  int text_wanted = 1;
+
+  // What follows is the container's own state; use the functions below.
+  enum Kind { EMPTY, BINARY, TEXT } kind = EMPTY;
+  std::vector<unsigned char> types;
+  std::vector<int32_t> sizes;
+  std::vector<std::string> names;
+  int rows = 0;                                   // complete rows; a count answer's number
+  int stored_rows = 0;                            // complete rows that have cells
+  int fill_col = 0;                               // next column of the row being filled
+  std::vector<std::unique_ptr<uint32_t[]>> cells; // RESDATA_ROW_STEP rows per chunk
+  std::vector<std::unique_ptr<uint32_t[]>> texts; // same shape, allocated on first use
+  resdata_detail::Arena store;
+  resdata_detail::Arena text_store;
+};
+
+// A statement result, made by DBexec (or DBresult_new) and freed by DBclear.
+struct DBRESULT {
+  int status = DBRES_DONE;
+  char message[DB_MSG_SIZE] = {};
+  RESDATA data;
+};
+
+// A new result: status 1, empty message, no tuples. Owned by the caller
+// (DBclear). Running out of memory prints "(TAVRIN) Out of memory!\n" and
+// ends the process.
+DBRESULT *DBresult_new();
+// Frees a result and everything handed out from it (null allowed).
+void DBclear(DBRESULT *res);
+
+// The status; 0 (no information) for a null result.
+int DBresult_status(const DBRESULT *res);
+// The message with a line feed appended (in place) when it does not end with
+// one; "" for an empty message or a null result.
+const char *DBresult_error(DBRESULT *res);
+
+// Row count (or a count answer's number), column count. -1 for a null result.
+int DBntuples(const DBRESULT *res);
+int DBnfields(const DBRESULT *res);
+// Column name, null when the column does not exist.
+const char *DBfieldname(const DBRESULT *res, int column);
+// Application type number (DBFT_...), -1 for an unknown code or column.
+int DBfieldtype(const DBRESULT *res, int column);
+// Column size from the answer, -1 when the column does not exist.
+int DBfieldsize(const DBRESULT *res, int column);
+
+// The value of a cell: text for CHARACTER and BINARY (escaped) cells and,
+// when text conversion is wanted, for all others; otherwise the raw cell.
+// Null when the cell does not exist. The text belongs to the result.
+const char *DBgetvalue(DBRESULT *res, int row, int column);
+// The stored cell in the server's binary form (unaligned), null when the
+// cell does not exist.
+const void *DBgetrawvalue(const DBRESULT *res, int row, int column);
+// Copies the raw value into the caller's variable by the column's type:
+// BINARY length + 2 bytes, CHARACTER the text (a one-character column as the
+// character "0"/"1" for the bytes 0/1), SMALLINT 2, INTEGER 4, FLOAT 8, DATE
+// 4, TIME 3, TIMESTAMP 12 bytes. Returns 1, or 0 for a missing cell or an
+// unknown type ("(DBfillbinary) Unknown datatype!\n").
+int DBfillbinary(const DBRESULT *res, void *destination, int row, int column);
+
+// Defines the next column. Returns 1; 0 with "(RESDATA_Header_Data)
+// Inkonsistent header definition\n" once cells have been filled.
+int RESDATA_Header_Data(RESDATA *data, const char *name, int type, int size);
+// Appends the next cell (row by row, column by column) from `length` bytes
+// in the server's binary form of its column's type. Returns 1, 0 when no
+// column is defined. A CHARACTER value without its zero byte ends the
+// process; so does a 1001st storage block.
+int RESDATA_Fill_Binary(RESDATA *data, const void *bytes, size_t length);
+// Appends the next cell of a data set filled with texts. Returns 1 or 0.
+int RESDATA_Fill(RESDATA *data, const char *text);
+// Sets the text of a cell of a text data set; the row after the last one
+// appends a row of empty texts. Returns 1 or 0.
+int RESDATA_XY_Fill(RESDATA *data, int row, int column, const char *text);
+// Replaces a cell of a binary data set (as RESDATA_Fill_Binary, but a
+// CHARACTER value without zero byte is refused). Returns 1 or 0.
+int RESDATA_XY_Fill_Binary(RESDATA *data, int row, int column, const void *bytes, size_t length);
+// Removes a complete row; later rows move up. Returns 1 or 0.
+int RESDATA_DelRow(RESDATA *data, int row);
+// Stores a count answer's number as the row count (no cells).
+void RESDATA_Set_Count(RESDATA *data, int count);
+
+// Bytes held for the cells, the row table and the column headers; and bytes
+// held by the text cache.
+size_t RESDATA_Memory(const RESDATA *data);
+size_t RESDATA_Text_Memory(const RESDATA *data);

@@ -1,0 +1,136 @@
+// The answer envelope decoder: every kind of answer, and answers that are
+// short or malformed.
+#include "db/client/answer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+#include "answer_support.h"
+#include "base/msg.h"
+
+namespace {
+
+using namespace ans;
+
+TEST(Answer, EnvelopeKinds) {
+  DBRESULT *r = decode(Answer('1').b);
+  EXPECT_EQ(DBresult_status(r), DBRES_DONE);
+  EXPECT_STREQ(DBresult_error(r), "");
+  DBclear(r);
+
+  Answer err('0');
+  err.b.push_back('b');
+  err.u16(14).raw(text("no such table"));
+  r = decode(err.b);
+  EXPECT_EQ(DBresult_status(r), DBRES_ERROR);
+  EXPECT_STREQ(DBresult_error(r), "no such table\n");
+  DBclear(r);
+
+  r = decode(Answer('3').i32(42).b);
+  EXPECT_EQ(DBresult_status(r), DBRES_DONE);
+  EXPECT_EQ(DBntuples(r), 42);
+  EXPECT_EQ(DBgetvalue(r, 0, 0), nullptr);
+  DBclear(r);
+
+  // Tuples of both kinds; values come row by row.
+  for (char kind : {'2', '4'}) {
+    Answer a(kind);
+    a.i32(2).i32(2).column("NR", DBTYPE_INTEGER, 4).column("NAME", DBTYPE_CHARACTER, 21);
+    a.value(bin(int32_t(7))).value(text("Bolzen")).value(bin(int32_t(-1))).value(text(""));
+    int ok = 0;
+    r = decode(a.b, &ok);
+    EXPECT_EQ(ok, 1);
+    EXPECT_EQ(DBresult_status(r), kind == '2' ? DBRES_TUPLES : DBRES_TUPLES2);
+    EXPECT_EQ(DBntuples(r), 2);
+    EXPECT_EQ(DBnfields(r), 2);
+    EXPECT_STREQ(DBfieldname(r, 1), "NAME");
+    EXPECT_EQ(DBfieldsize(r, 1), 21);
+    EXPECT_STREQ(DBgetvalue(r, 0, 0), "7");
+    EXPECT_STREQ(DBgetvalue(r, 0, 1), "Bolzen");
+    EXPECT_STREQ(DBgetvalue(r, 1, 0), "-1");
+    EXPECT_STREQ(DBgetvalue(r, 1, 1), "");
+    DBclear(r);
+  }
+
+  // Without rows the headers are not read at all.
+  r = decode(Answer('2').i32(3).i32(0).b);
+  EXPECT_EQ(DBresult_status(r), DBRES_TUPLES);
+  EXPECT_EQ(DBntuples(r), 0);
+  EXPECT_EQ(DBnfields(r), 0);
+  EXPECT_EQ(DBfieldname(r, 0), nullptr);
+  DBclear(r);
+
+  // Kinds this client does not know leave the result as it was.
+  r = decode(Answer('Z').b);
+  EXPECT_EQ(DBresult_status(r), DBRES_DONE);
+  DBclear(r);
+}
+
+// The message and status of a decoding that must fail.
+std::string failure(const Bytes &answer, int expect_rows = -1) {
+  int ok = 1;
+  DBRESULT *r = decode(answer, &ok);
+  std::string out =
+      std::to_string(ok) + "/" + std::to_string(DBresult_status(r)) + ": " + r->message;
+  if (expect_rows >= 0) {
+    EXPECT_EQ(DBntuples(r), expect_rows);
+  }
+  DBclear(r);
+  return out;
+}
+
+TEST(Answer, ShortAndMalformedAnswers) {
+  const std::string missing = "0/4: (DBreset) Result error message missing\n";
+  EXPECT_EQ(failure(Bytes{}), "0/4: Syntax error: %s expected (unexpected end of query)");
+  EXPECT_EQ(failure(Answer('0').b), missing);
+  EXPECT_EQ(failure(Answer('0').raw({'a', 2, 0, 'x', 0}).b), missing);
+  EXPECT_EQ(failure(Answer('0').raw({'b', 9, 0, 'x', 0}).b), missing);
+  EXPECT_EQ(failure(Answer('3').raw({1, 2}).b),
+            "0/4: Syntax error: <integer value> expected (unexpected end of query)");
+  EXPECT_EQ(failure(Answer('2').i32(1).b),
+            "0/4: Syntax error: <integer value> expected (unexpected end of query)");
+  EXPECT_EQ(failure(Answer('2').i32(1).i32(1).u16(5).raw({'A', 0}).b),
+            "0/4: Syntax error: <name> expected (unexpected end of query)");
+  EXPECT_EQ(failure(Answer('2').i32(1).i32(1).u16(2).raw({'A', 0}).b),
+            "0/4: Syntax error: %s expected (unexpected end of query)");
+  EXPECT_EQ(failure(Answer('2').i32(1).i32(1).u16(2).raw({'A', 0, '2', 4, 0}).b),
+            "0/4: Syntax error: <integer value> expected (unexpected end of query)");
+  // More columns announced than carried.
+  EXPECT_EQ(failure(Answer('2').i32(1000000).i32(1).column("A", '2', 4).b),
+            "0/4: Syntax error: <name> expected (unexpected end of query)");
+  // More rows announced than carried: the complete rows stay readable.
+  Answer rows('2');
+  rows.i32(1).i32(2000000000).column("A", DBTYPE_INTEGER, 4);
+  rows.value(bin(int32_t(1))).value(bin(int32_t(2))).u16(4).raw({1, 0});
+  EXPECT_EQ(failure(rows.b, 2),
+            "0/4: Syntax error: <string value> expected (unexpected end of query)");
+  // Values shorter than their type read as zero-padded, never past the cell.
+  DBRESULT *r = column_of(DBTYPE_FLOAT, {Bytes{}, bin(1.5)});
+  EXPECT_STREQ(DBgetvalue(r, 0, 0), "0");
+  EXPECT_STREQ(DBgetvalue(r, 1, 0), "1.5");
+  DBclear(r);
+  r = column_of(DBTYPE_SMALLINT, {Bytes{5}});
+  EXPECT_STREQ(DBgetvalue(r, 0, 0), "5");
+  DBclear(r);
+  // A binary value whose own length exceeds its cell is cut to the cell.
+  r = column_of(DBTYPE_BINARY, {Bytes{200, 0, 'a', 'b'}, Bytes{5}});
+  EXPECT_STREQ(DBgetvalue(r, 0, 0), "ab");
+  EXPECT_STREQ(DBgetvalue(r, 1, 0), "");
+  DBclear(r);
+}
+
+TEST(AnswerDeathTest, CharacterValueWithoutZeroByteIsFatal) {
+  Answer a('2');
+  a.i32(1).i32(1).column("A", DBTYPE_CHARACTER, 4).value({'a', 'b', 'c'});
+  EXPECT_EXIT(
+      {
+        msg_set_handler([](const char *t) { std::fputs(t, stderr); });
+        decode(a.b);
+      },
+      ::testing::ExitedWithCode(1),
+      "\\(RESDATA_Fill_Binary\\) String too long \\('abc\\[\\.\\.\\.\\]'\\)\n");
+}
+
+} // namespace
