@@ -1,0 +1,1208 @@
+// The statement executor of tavrind on SQLite.
+//
+// Statements are decoded (request.h), their names resolved against the open
+// database's schema, translated into SQLite statements with every value bound
+// as a parameter, run, and their rows written in the wire forms (answer.h,
+// types.h). Errors travel inside as exceptions and leave as '0' answers.
+#include "server/executor.h"
+
+#include "server/answer.h"
+#include "server/request.h"
+#include "server/types.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <optional>
+#include <unordered_map>
+
+namespace {
+
+// An error answer's text, thrown inside the executor.
+struct ExecError {
+  std::string text;
+};
+// Another channel holds the lock a statement needs.
+struct WouldBlock {};
+
+struct StmtDeleter {
+  void operator()(sqlite3_stmt *s) const { sqlite3_finalize(s); }
+};
+using StmtPtr = std::unique_ptr<sqlite3_stmt, StmtDeleter>;
+
+struct DbDeleter {
+  void operator()(sqlite3 *db) const { sqlite3_close_v2(db); }
+};
+using DbPtr = std::unique_ptr<sqlite3, DbDeleter>;
+
+struct ColumnInfo {
+  std::string name;
+  ColType type;
+  bool not_null = false;
+};
+
+struct TableInfo {
+  std::string name; // as stored
+  std::vector<ColumnInfo> cols;
+  bool is_static = false;
+};
+
+struct IndexInfo {
+  std::string name;
+  std::string table;
+  bool unique = false;
+  std::vector<std::string> cols;
+};
+
+std::string upper(std::string s) {
+  for (char &c : s)
+    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+  return s;
+}
+
+std::string quote(const std::string &name) {
+  std::string r = "\"";
+  for (char c : name) {
+    if (c == '"') r += '"';
+    r += c;
+  }
+  return r + "\"";
+}
+
+// Prefix of the triggers that make a table static.
+const char *const STATIC_PREFIX = "_static_";
+const char *const STATIC_MESSAGE = "TAVRIN_STATIC ";
+
+// Most parameters one statement may bind (SQLite allows 32766).
+constexpr size_t MAX_PARAMS = 30000;
+// Prepared statements kept per channel.
+constexpr size_t STMT_CACHE = 64;
+
+} // namespace
+
+// A declared cursor: its running statement and its columns.
+struct Cursor {
+  StmtPtr stmt;
+  std::vector<AnswerColumn> cols;
+  bool done = false;
+};
+
+struct ChannelState {
+  DbPtr db;
+  std::map<std::string, Cursor> cursors;
+  int schema_version = -1;
+  std::map<std::string, TableInfo> tables;  // key: upper-case name
+  std::map<std::string, IndexInfo> indexes; // key: upper-case name
+  std::unordered_map<std::string, StmtPtr> cache;
+};
+
+Channel::Channel(Executor &e, int i) : ex(e), id(i), st(std::make_unique<ChannelState>()) {}
+
+bool Channel::in_transaction() const { return st->db && !sqlite3_get_autocommit(st->db.get()); }
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// SQLite helpers
+
+// Throws the error that an SQLite failure means for the client.
+[[noreturn]] void raise_sqlite(ChannelState &st, int rc) {
+  sqlite3 *db = st.db.get();
+  int ext = db ? sqlite3_extended_errcode(db) : rc;
+  std::string msg = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
+  if ((rc & 0xFF) == SQLITE_BUSY || (rc & 0xFF) == SQLITE_LOCKED) {
+    if (ext == SQLITE_BUSY_SNAPSHOT) throw ExecError{answer_errtext(505, {})};
+    throw WouldBlock{};
+  }
+  if ((rc & 0xFF) == SQLITE_CONSTRAINT) {
+    if (ext == SQLITE_CONSTRAINT_TRIGGER && msg.rfind(STATIC_MESSAGE, 0) == 0)
+      throw ExecError{answer_errtext(306, {msg.substr(strlen(STATIC_MESSAGE))})};
+    if (ext == SQLITE_CONSTRAINT_NOTNULL) {
+      size_t dot = msg.rfind('.');
+      throw ExecError{answer_errtext(402, {dot == std::string::npos ? msg : msg.substr(dot + 1)})};
+    }
+    if (ext == SQLITE_CONSTRAINT_UNIQUE || ext == SQLITE_CONSTRAINT_PRIMARYKEY) {
+      // "UNIQUE constraint failed: T.A, T.B": find the index over these.
+      std::string list = msg.substr(msg.find(':') == std::string::npos ? 0 : msg.find(':') + 2);
+      std::vector<std::string> cols;
+      std::string table;
+      size_t p = 0;
+      while (p < list.size()) {
+        size_t comma = list.find(", ", p);
+        std::string item =
+            list.substr(p, comma == std::string::npos ? std::string::npos : comma - p);
+        size_t dot = item.find('.');
+        table = upper(item.substr(0, dot));
+        cols.push_back(upper(dot == std::string::npos ? item : item.substr(dot + 1)));
+        if (comma == std::string::npos) break;
+        p = comma + 2;
+      }
+      std::string index = table + "(" + list + ")";
+      for (const auto &[k, ix] : st.indexes) {
+        std::vector<std::string> ic;
+        for (const auto &c : ix.cols) ic.push_back(upper(c));
+        if (ix.unique && upper(ix.table) == table && ic == cols) index = ix.name;
+      }
+      throw ExecError{answer_errtext(405, {index})};
+    }
+  }
+  throw ExecError{answer_errtext(901, {utf8_to_latin1(msg)})};
+}
+
+// Runs SQL without results (transaction control, DDL). Throws on failure.
+void exec_sql(ChannelState &st, const std::string &sql) {
+  int rc = sqlite3_exec(st.db.get(), sql.c_str(), nullptr, nullptr, nullptr);
+  if (rc != SQLITE_OK) raise_sqlite(st, rc);
+}
+
+// A prepared statement from the channel's cache, reset and unbound again
+// when the use ends.
+class CachedStmt {
+public:
+  CachedStmt(ChannelState &st, const std::string &sql) {
+    auto it = st.cache.find(sql);
+    if (it == st.cache.end()) {
+      if (st.cache.size() >= STMT_CACHE) st.cache.clear();
+      sqlite3_stmt *s = nullptr;
+      int rc =
+          sqlite3_prepare_v2(st.db.get(), sql.c_str(), static_cast<int>(sql.size()), &s, nullptr);
+      if (rc != SQLITE_OK) {
+        sqlite3_finalize(s);
+        raise_sqlite(st, rc);
+      }
+      it = st.cache.emplace(sql, StmtPtr(s)).first;
+    }
+    s_ = it->second.get();
+  }
+  ~CachedStmt() {
+    sqlite3_reset(s_);
+    sqlite3_clear_bindings(s_);
+  }
+  CachedStmt(const CachedStmt &) = delete;
+  CachedStmt &operator=(const CachedStmt &) = delete;
+  sqlite3_stmt *get() const { return s_; }
+
+private:
+  sqlite3_stmt *s_ = nullptr;
+};
+
+void bind_all(ChannelState &st, sqlite3_stmt *s, const std::vector<SqlValue> &params) {
+  for (size_t i = 0; i < params.size(); ++i) {
+    int rc = type_bind(s, static_cast<int>(i + 1), params[i]);
+    if (rc != SQLITE_OK) raise_sqlite(st, rc);
+  }
+}
+
+// Runs a statement without result rows; returns the number of changed rows.
+int run_change(ChannelState &st, const std::string &sql, const std::vector<SqlValue> &params) {
+  CachedStmt s(st, sql);
+  bind_all(st, s.get(), params);
+  int rc = sqlite3_step(s.get());
+  if (rc != SQLITE_DONE && rc != SQLITE_ROW) raise_sqlite(st, rc);
+  return sqlite3_changes(st.db.get());
+}
+
+// ---------------------------------------------------------------------------
+// Schema of the open database
+
+void load_schema(ChannelState &st) {
+  st.tables.clear();
+  st.indexes.clear();
+  std::vector<std::pair<std::string, std::string>> objects; // type, name
+  {
+    CachedStmt s(st, "SELECT type, name FROM sqlite_schema WHERE type IN ('table','trigger')");
+    int rc;
+    while ((rc = sqlite3_step(s.get())) == SQLITE_ROW)
+      objects.emplace_back(reinterpret_cast<const char *>(sqlite3_column_text(s.get(), 0)),
+                           reinterpret_cast<const char *>(sqlite3_column_text(s.get(), 1)));
+    if (rc != SQLITE_DONE) raise_sqlite(st, rc);
+  }
+  std::vector<std::string> statics;
+  for (const auto &[type, name] : objects) {
+    if (type == "trigger") {
+      if (name.rfind(STATIC_PREFIX, 0) == 0 && name.size() > 10 &&
+          name.compare(name.size() - 2, 2, "_i") == 0)
+        statics.push_back(upper(name.substr(8, name.size() - 10)));
+      continue;
+    }
+    if (name.empty() || name[0] == '_' || upper(name).rfind("SQLITE_", 0) == 0) continue;
+    TableInfo t;
+    t.name = name;
+    {
+      CachedStmt s(st, "SELECT name, type, \"notnull\" FROM pragma_table_info(?)");
+      sqlite3_bind_text(s.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
+      int rc;
+      while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
+        ColumnInfo c;
+        c.name = reinterpret_cast<const char *>(sqlite3_column_text(s.get(), 0));
+        const unsigned char *decl = sqlite3_column_text(s.get(), 1);
+        c.type = type_from_declaration(decl ? reinterpret_cast<const char *>(decl) : "");
+        c.not_null = sqlite3_column_int(s.get(), 2) != 0;
+        t.cols.push_back(std::move(c));
+      }
+      if (rc != SQLITE_DONE) raise_sqlite(st, rc);
+    }
+    {
+      CachedStmt s(st, "SELECT il.name, il.\"unique\", ii.name FROM pragma_index_list(?1) il, "
+                       "pragma_index_info(il.name) ii WHERE il.origin = 'c' "
+                       "ORDER BY il.name, ii.seqno");
+      sqlite3_bind_text(s.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
+      int rc;
+      while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
+        std::string iname = reinterpret_cast<const char *>(sqlite3_column_text(s.get(), 0));
+        IndexInfo &ix = st.indexes[upper(iname)];
+        ix.name = iname;
+        ix.table = name;
+        ix.unique = sqlite3_column_int(s.get(), 1) != 0;
+        const unsigned char *cn = sqlite3_column_text(s.get(), 2);
+        ix.cols.push_back(cn ? reinterpret_cast<const char *>(cn) : "");
+      }
+      if (rc != SQLITE_DONE) raise_sqlite(st, rc);
+    }
+    st.tables[upper(name)] = std::move(t);
+  }
+  for (const auto &n : statics) {
+    auto it = st.tables.find(n);
+    if (it != st.tables.end()) it->second.is_static = true;
+  }
+}
+
+// Brings the schema up to date when the database's schema changed.
+void refresh_schema(ChannelState &st) {
+  int version = -1;
+  {
+    CachedStmt s(st, "PRAGMA schema_version");
+    int rc = sqlite3_step(s.get());
+    if (rc != SQLITE_ROW) raise_sqlite(st, rc);
+    version = sqlite3_column_int(s.get(), 0);
+  }
+  if (version != st.schema_version) {
+    load_schema(st);
+    st.schema_version = version;
+  }
+}
+
+const TableInfo &find_table(ChannelState &st, const std::string &name) {
+  auto it = st.tables.find(upper(name));
+  if (it == st.tables.end()) throw ExecError{answer_errtext(301, {name})};
+  return it->second;
+}
+
+const ColumnInfo *find_column(const TableInfo &t, const std::string &name) {
+  std::string u = upper(name);
+  for (const auto &c : t.cols)
+    if (upper(c.name) == u) return &c;
+  return nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Translation of queries and conditions into SQLite statements
+
+// The tables of one SELECT (or of the table of an UPDATE/DELETE), with the
+// enclosing query's scope for correlated subqueries.
+struct Scope {
+  struct Entry {
+    std::string user; // the name the statement uses: alias, else table name
+    std::string table_name;
+    const TableInfo *t;
+    std::string sql_alias;
+  };
+  const Scope *outer = nullptr;
+  std::vector<Entry> entries;
+};
+
+struct Resolved {
+  std::string sql;
+  const ColumnInfo *col;
+};
+
+struct Generated {
+  std::string sql;
+  std::vector<AnswerColumn> cols;
+};
+
+class Translator {
+public:
+  explicit Translator(ChannelState &st) : st_(st) {}
+
+  std::vector<SqlValue> params;
+
+  Generated select(const Select &s, const Scope *outer) {
+    Scope scope;
+    scope.outer = outer;
+    std::string from;
+    for (const TableRef &tr : s.from) {
+      const TableInfo &t = find_table(st_, tr.name);
+      std::string user = tr.alias.empty() ? tr.name : tr.alias;
+      for (const auto &e : scope.entries)
+        if (e.user == user) throw ExecError{answer_errtext(311, {user})};
+      std::string alias = "t" + std::to_string(next_alias_++);
+      scope.entries.push_back({user, upper(t.name), &t, alias});
+      if (!from.empty()) from += ", ";
+      from += quote(t.name) + " AS " + alias;
+    }
+    Generated g;
+    std::string list;
+    auto add = [&](const std::string &sql, const std::string &name, ColType type) {
+      if (!list.empty()) list += ", ";
+      list += sql;
+      g.cols.push_back({name, type});
+    };
+    for (const SelectItem &it : s.items) {
+      switch (it.kind) {
+      case SelectItem::All:
+        for (const auto &e : scope.entries)
+          for (const auto &c : e.t->cols) add(e.sql_alias + "." + quote(c.name), c.name, c.type);
+        break;
+      case SelectItem::TableAll: {
+        const Scope::Entry *e = nullptr;
+        for (const auto &x : scope.entries)
+          if (x.user == it.attr.qualifier || (x.table_name == it.attr.qualifier && !e)) e = &x;
+        if (!e) throw ExecError{answer_errtext(310, {it.attr.qualifier})};
+        for (const auto &c : e->t->cols) add(e->sql_alias + "." + quote(c.name), c.name, c.type);
+        break;
+      }
+      case SelectItem::Column: {
+        Resolved r = resolve(it.attr, scope);
+        add(r.sql, r.col->name, r.col->type);
+        break;
+      }
+      case SelectItem::Count:
+        add("count(*)", "COUNT(*)", type_make(TYPE_INTEGER, 0));
+        break;
+      case SelectItem::Min:
+      case SelectItem::Max: {
+        Resolved r = resolve(it.attr, scope);
+        std::string f = it.kind == SelectItem::Min ? "min" : "max";
+        std::string arg = r.sql + (r.col->type.code == TYPE_CHARACTER ? " COLLATE TAVRIN" : "");
+        add(f + "(" + arg + ")", upper(f) + "(" + r.col->name + ")", r.col->type);
+        break;
+      }
+      }
+    }
+    g.sql = std::string("SELECT ") + (s.distinct ? "DISTINCT " : "") + list + " FROM " + from;
+    if (s.where) g.sql += " WHERE " + expr(*s.where, scope);
+    if (!s.order.empty()) {
+      g.sql += " ORDER BY ";
+      for (size_t i = 0; i < s.order.size(); ++i) {
+        Resolved r = resolve(s.order[i].attr, scope);
+        if (i) g.sql += ", ";
+        g.sql += r.sql;
+        if (r.col->type.code == TYPE_CHARACTER) g.sql += " COLLATE TAVRIN";
+        if (s.order[i].desc) g.sql += " DESC";
+      }
+    }
+    check_params();
+    return g;
+  }
+
+  // The condition of an UPDATE or DELETE on table t (alias t0).
+  std::string condition(const Expr &e, const TableInfo &t) {
+    Scope scope;
+    scope.entries.push_back({upper(t.name), upper(t.name), &t, "t0"});
+    std::string sql = expr(e, scope);
+    check_params();
+    return sql;
+  }
+
+  void check_params() const {
+    if (params.size() > MAX_PARAMS)
+      throw ExecError{
+          answer_errtext(507, {std::to_string(params.size()), std::to_string(MAX_PARAMS)})};
+  }
+
+private:
+  // Resolves an attribute: in the innermost query first, then outwards. A
+  // qualifier names an alias or, failing that, a table of the query.
+  Resolved resolve(const AttrRef &a, const Scope &scope) {
+    bool qualifier_seen = false;
+    for (const Scope *sc = &scope; sc; sc = sc->outer) {
+      std::vector<std::pair<const Scope::Entry *, const ColumnInfo *>> hits;
+      for (const auto &e : sc->entries) {
+        if (!a.qualifier.empty()) {
+          if (e.user != a.qualifier && e.table_name != a.qualifier) continue;
+          qualifier_seen = true;
+        }
+        if (const ColumnInfo *c = find_column(*e.t, a.name)) hits.emplace_back(&e, c);
+      }
+      if (hits.size() > 1 && !a.qualifier.empty()) {
+        // "T.A" with an alias T and a table T elsewhere: the alias wins.
+        decltype(hits) by_alias;
+        for (const auto &h : hits)
+          if (h.first->user == a.qualifier) by_alias.push_back(h);
+        if (!by_alias.empty()) hits = by_alias;
+      }
+      if (hits.size() == 1)
+        return {hits[0].first->sql_alias + "." + quote(hits[0].second->name), hits[0].second};
+      if (hits.size() > 1) {
+        std::string tables;
+        for (const auto &h : hits) tables += (tables.empty() ? "" : ", ") + h.first->user;
+        throw ExecError{answer_errtext(304, {a.name, tables})};
+      }
+      if (qualifier_seen) break;
+    }
+    if (!a.qualifier.empty() && !qualifier_seen)
+      throw ExecError{answer_errtext(310, {a.qualifier})};
+    return throw_unknown(a);
+  }
+
+  [[noreturn]] static Resolved throw_unknown(const AttrRef &a) {
+    throw ExecError{
+        answer_errtext(303, {a.qualifier.empty() ? a.name : a.qualifier + "." + a.name})};
+  }
+
+  // The declared type of a value node, if it has one.
+  std::optional<ColType> type_of(const Expr &e, const Scope &scope) {
+    if (e.kind == Expr::Column) return resolve(e.attr, scope).col->type;
+    if (e.kind == Expr::Subquery) {
+      Translator probe(st_);
+      probe.next_alias_ = next_alias_;
+      Generated g = probe.select(*e.sub, &scope);
+      if (!g.cols.empty()) return g.cols[0].type;
+    }
+    return std::nullopt;
+  }
+
+  // A literal as parameter: in the stored form of type t when it is a valid
+  // value of it (so '2003.07.12' finds the date 2003-07-12 and '' the null
+  // marker), else as it is.
+  std::string param(const Literal &l, std::optional<ColType> t) {
+    SqlValue v;
+    std::string err;
+    if (!(t && type_check_value(*t, l, v, err))) {
+      if (l.kind == Literal::INT)
+        v = static_cast<int64_t>(l.i);
+      else if (l.kind == Literal::FLOAT)
+        v = l.f;
+      else
+        v = latin1_to_utf8(l.s);
+    }
+    params.push_back(std::move(v));
+    return "?";
+  }
+
+  std::string value(const Expr &e, const Scope &scope, std::optional<ColType> t) {
+    switch (e.kind) {
+    case Expr::Column:
+      return resolve(e.attr, scope).sql;
+    case Expr::Value:
+      return param(e.lit, t);
+    case Expr::Subquery: {
+      Generated g = select(*e.sub, &scope);
+      if (g.cols.size() != 1) throw ExecError{answer_errtext(506, {})};
+      return "(" + g.sql + ")";
+    }
+    default:
+      return expr(e, scope);
+    }
+  }
+
+  bool is_text(const Expr &e, std::optional<ColType> t) const {
+    if (t) return t->code == TYPE_CHARACTER;
+    return e.kind == Expr::Value && e.lit.kind == Literal::STRING;
+  }
+
+  std::string expr(const Expr &e, const Scope &scope) {
+    switch (e.kind) {
+    case Expr::Column:
+    case Expr::Value:
+    case Expr::Subquery:
+      return "(" + value(e, scope, std::nullopt) + ")";
+    case Expr::Exists:
+      return "EXISTS (" + select(*e.sub, &scope).sql + ")";
+    case Expr::And:
+    case Expr::Or: {
+      // Parameters are numbered in the order of the text: left side first.
+      std::string left = expr(*e.args[0], scope);
+      std::string right = expr(*e.args[1], scope);
+      return "(" + left + (e.kind == Expr::And ? " AND " : " OR ") + right + ")";
+    }
+    case Expr::Not:
+      return "(NOT " + expr(*e.args[0], scope) + ")";
+    case Expr::Compare: {
+      const Expr &l = *e.args[0], &r = *e.args[1];
+      std::optional<ColType> t = type_of(l, scope);
+      if (!t) t = type_of(r, scope);
+      if (e.op == 'L') {
+        std::string ls = value(l, scope, std::nullopt);
+        std::string rs = value(r, scope, std::nullopt);
+        return "(" + ls + " LIKE " + rs + ")";
+      }
+      bool text = is_text(l, t) || (!t && is_text(r, t));
+      std::string ls = value(l, scope, t);
+      std::string rs = value(r, scope, t);
+      const char *op = e.op == '<'   ? "<"
+                       : e.op == '>' ? ">"
+                       : e.op == 'l' ? "<="
+                       : e.op == 'g' ? ">="
+                       : e.op == '=' ? "="
+                                     : "<>";
+      std::string coll;
+      if (text) coll = (e.op == '=' || e.op == '!') ? " COLLATE RTRIM" : " COLLATE TAVRIN";
+      return "(" + ls + coll + " " + op + " " + rs + ")";
+    }
+    case Expr::Between: {
+      std::optional<ColType> t = type_of(*e.args[0], scope);
+      bool text = is_text(*e.args[0], t) || (!t && is_text(*e.args[1], t));
+      std::string a = value(*e.args[0], scope, t);
+      std::string lo = value(*e.args[1], scope, t);
+      std::string hi = value(*e.args[2], scope, t);
+      return "(" + a + (text ? " COLLATE TAVRIN" : "") + " BETWEEN " + lo + " AND " + hi + ")";
+    }
+    case Expr::InList: {
+      std::optional<ColType> t = type_of(*e.args[0], scope);
+      bool text = is_text(*e.args[0], t) || (!t && is_text(*e.args[1], t));
+      std::string sql =
+          "(" + value(*e.args[0], scope, t) + (text ? " COLLATE RTRIM" : "") + " IN (";
+      for (size_t i = 1; i < e.args.size(); ++i) {
+        if (i > 1) sql += ", ";
+        sql += value(*e.args[i], scope, t);
+      }
+      return sql + "))";
+    }
+    case Expr::InSelect: {
+      std::optional<ColType> t = type_of(*e.args[0], scope);
+      std::string a = value(*e.args[0], scope, t);
+      Generated g = select(*e.args[1]->sub, &scope);
+      if (g.cols.size() != 1) throw ExecError{answer_errtext(506, {})};
+      bool text = t ? t->code == TYPE_CHARACTER : g.cols[0].type.code == TYPE_CHARACTER;
+      return "(" + a + (text ? " COLLATE RTRIM" : "") + " IN (" + g.sql + "))";
+    }
+    }
+    return "NULL";
+  }
+
+  ChannelState &st_;
+  int next_alias_ = 0;
+};
+
+// ---------------------------------------------------------------------------
+// Statements
+
+struct Ctx {
+  Channel &ch;
+  ChannelState &st;
+  std::vector<unsigned char> &out;
+};
+
+void need_db(Ctx &c) {
+  if (!c.st.db) throw ExecError{answer_errtext(201, {})};
+  refresh_schema(c.st);
+}
+
+void log_line(Channel &ch, const std::string &text) {
+  if (ch.ex.log) ch.ex.log("channel " + std::to_string(ch.id) + " [" + ch.database + "]: " + text);
+}
+
+// Runs f as one change: its own transaction outside BEGIN ... COMMIT, a
+// savepoint inside one, so that a failing or blocked statement leaves nothing
+// behind.
+template <class F> void as_change(Ctx &c, F f) {
+  bool own = !c.ch.in_transaction();
+  exec_sql(c.st, own ? "BEGIN IMMEDIATE" : "SAVEPOINT tavrin_stmt");
+  try {
+    f();
+    if (own) {
+      int rc = sqlite3_exec(c.st.db.get(), "COMMIT", nullptr, nullptr, nullptr);
+      if (rc != SQLITE_OK) raise_sqlite(c.st, rc);
+    } else {
+      exec_sql(c.st, "RELEASE tavrin_stmt");
+    }
+  } catch (...) {
+    sqlite3 *db = c.st.db.get();
+    if (own) {
+      if (!sqlite3_get_autocommit(db)) sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    } else {
+      sqlite3_exec(db, "ROLLBACK TO tavrin_stmt; RELEASE tavrin_stmt", nullptr, nullptr, nullptr);
+    }
+    c.st.schema_version = -1;
+    throw;
+  }
+}
+
+const TableInfo &changeable_table(Ctx &c, const std::string &name) {
+  const TableInfo &t = find_table(c.st, name);
+  if (t.is_static) throw ExecError{answer_errtext(306, {t.name})};
+  return t;
+}
+
+// Is v the null marker of type t? (TIME has none apart from an empty text.)
+bool is_null_value(ColType t, const SqlValue &v) {
+  if (std::holds_alternative<std::monostate>(v)) return true;
+  switch (t.code) {
+  case TYPE_CHARACTER:
+    return std::get<std::string>(v).find_first_not_of(' ') == std::string::npos;
+  case TYPE_SMALLINT:
+    return std::get<int64_t>(v) == NULL_SMALLINT;
+  case TYPE_INTEGER:
+    return std::get<int64_t>(v) == NULL_INTEGER;
+  case TYPE_FLOAT:
+    return std::get<double>(v) == NULL_FLOAT;
+  case TYPE_DATE:
+    return std::get<std::string>(v) == "1800-01-01";
+  case TYPE_TIMESTAMP:
+    return std::get<std::string>(v) == "1800-01-01-00.00.00.000000";
+  case TYPE_BINARY:
+    return std::get<SqlBlob>(v).bytes.empty();
+  default:
+    return false;
+  }
+}
+
+// Checks lit for attribute col; returns the value to store.
+SqlValue checked_value(const ColumnInfo &col, const Literal &lit) {
+  SqlValue v;
+  std::string err;
+  if (!type_check_value(col.type, lit, v, err))
+    throw ExecError{answer_errtext(401, {col.name, err})};
+  bool empty_text =
+      lit.kind == Literal::STRING && lit.s.find_first_not_of(' ') == std::string::npos;
+  if (col.not_null && (empty_text || is_null_value(col.type, v)))
+    throw ExecError{answer_errtext(402, {col.name})};
+  return v;
+}
+
+void do_insert(Ctx &c, const Request &q) {
+  const TableInfo &t = changeable_table(c, q.name);
+  std::vector<const ColumnInfo *> cols;
+  if (!q.attrs.empty()) {
+    for (const auto &a : q.attrs) {
+      const ColumnInfo *col = find_column(t, a);
+      if (!col) throw ExecError{answer_errtext(303, {a})};
+      if (std::find(cols.begin(), cols.end(), col) != cols.end())
+        throw ExecError{answer_errtext(305, {a})};
+      cols.push_back(col);
+    }
+    if (q.attrs.size() != q.values.size())
+      throw ExecError{
+          answer_errtext(403, {std::to_string(q.attrs.size()), std::to_string(q.values.size())})};
+  } else {
+    if (q.values.size() > t.cols.size())
+      throw ExecError{answer_errtext(
+          404, {t.name, std::to_string(t.cols.size()), std::to_string(q.values.size())})};
+    for (size_t i = 0; i < q.values.size(); ++i) cols.push_back(&t.cols[i]);
+  }
+  for (const auto &col : t.cols)
+    if (col.not_null && std::find(cols.begin(), cols.end(), &col) == cols.end())
+      throw ExecError{answer_errtext(402, {col.name})};
+  std::vector<SqlValue> params;
+  std::string names, marks;
+  for (size_t i = 0; i < cols.size(); ++i) {
+    params.push_back(checked_value(*cols[i], q.values[i]));
+    names += (i ? ", " : "") + quote(cols[i]->name);
+    marks += i ? ", ?" : "?";
+  }
+  std::string sql = "INSERT INTO " + quote(t.name) +
+                    (cols.empty() ? " DEFAULT VALUES" : " (" + names + ") VALUES (" + marks + ")");
+  if (c.ch.ex.verbose) log_line(c.ch, sql);
+  int n = 0;
+  as_change(c, [&] { n = run_change(c.st, sql, params); });
+  answer_count(c.out, n);
+}
+
+void do_update(Ctx &c, const Request &q) {
+  const TableInfo &t = changeable_table(c, q.name);
+  Translator tr(c.st);
+  std::string sets;
+  std::vector<const ColumnInfo *> seen;
+  for (const auto &a : q.assigns) {
+    const ColumnInfo *col = find_column(t, a.attr);
+    if (!col) throw ExecError{answer_errtext(303, {a.attr})};
+    if (std::find(seen.begin(), seen.end(), col) != seen.end())
+      throw ExecError{answer_errtext(305, {a.attr})};
+    seen.push_back(col);
+    tr.params.push_back(checked_value(*col, a.value));
+    sets += (sets.empty() ? "" : ", ") + quote(col->name) + " = ?";
+  }
+  std::string sql = "UPDATE " + quote(t.name) + " AS t0 SET " + sets;
+  if (q.where) sql += " WHERE " + tr.condition(*q.where, t);
+  if (c.ch.ex.verbose) log_line(c.ch, sql);
+  int n = 0;
+  as_change(c, [&] { n = run_change(c.st, sql, tr.params); });
+  answer_count(c.out, n);
+}
+
+void do_delete(Ctx &c, const Request &q) {
+  const TableInfo &t = changeable_table(c, q.name);
+  Translator tr(c.st);
+  std::string sql = "DELETE FROM " + quote(t.name) + " AS t0";
+  if (q.where) sql += " WHERE " + tr.condition(*q.where, t);
+  if (c.ch.ex.verbose) log_line(c.ch, sql);
+  int n = 0;
+  as_change(c, [&] { n = run_change(c.st, sql, tr.params); });
+  answer_count(c.out, n);
+}
+
+// Prepares a query with its parameters bound; the caller owns the statement.
+StmtPtr prepare_query(Ctx &c, const Generated &g, const std::vector<SqlValue> &params) {
+  sqlite3_stmt *s = nullptr;
+  int rc =
+      sqlite3_prepare_v2(c.st.db.get(), g.sql.c_str(), static_cast<int>(g.sql.size()), &s, nullptr);
+  StmtPtr p(s);
+  if (rc != SQLITE_OK) raise_sqlite(c.st, rc);
+  bind_all(c.st, s, params);
+  return p;
+}
+
+// Steps s and appends up to limit rows (0: all) to a tuples answer. Returns
+// false when the statement has no more rows.
+bool append_rows(Ctx &c, sqlite3_stmt *s, const std::vector<AnswerColumn> &cols, int64_t limit) {
+  int64_t n = 0;
+  while (limit == 0 || n < limit) {
+    int rc = sqlite3_step(s);
+    if (rc == SQLITE_DONE) return false;
+    if (rc != SQLITE_ROW) {
+      if ((rc & 0xFF) == SQLITE_BUSY && n > 0) return true;
+      raise_sqlite(c.st, rc);
+    }
+    for (size_t i = 0; i < cols.size(); ++i)
+      type_append_value(c.out, cols[i].type, s, static_cast<int>(i));
+    answer_row(c.out);
+    ++n;
+  }
+  return true;
+}
+
+void do_select(Ctx &c, const Request &q) {
+  Translator tr(c.st);
+  Generated g = tr.select(*q.select, nullptr);
+  if (c.ch.ex.verbose) log_line(c.ch, g.sql);
+  CachedStmt s(c.st, g.sql);
+  bind_all(c.st, s.get(), tr.params);
+  answer_tuples_begin(c.out, '2', g.cols);
+  append_rows(c, s.get(), g.cols, c.ch.max_rows);
+}
+
+void do_declare(Ctx &c, const Request &q) {
+  if (c.st.cursors.count(q.name)) throw ExecError{answer_errtext(503, {q.name})};
+  Translator tr(c.st);
+  Generated g = tr.select(*q.select, nullptr);
+  if (c.ch.ex.verbose) log_line(c.ch, "DECLARE " + q.name + " CURSOR FOR " + g.sql);
+  Cursor cur;
+  cur.stmt = prepare_query(c, g, tr.params);
+  cur.cols = g.cols;
+  c.st.cursors.emplace(q.name, std::move(cur));
+  answer_done(c.out);
+}
+
+void do_fetch(Ctx &c, const Request &q) {
+  auto it = c.st.cursors.find(q.name);
+  if (it == c.st.cursors.end()) throw ExecError{answer_errtext(502, {q.name})};
+  Cursor &cur = it->second;
+  answer_tuples_begin(c.out, '4', cur.cols);
+  if (cur.done) return;
+  int64_t limit = q.all ? 0 : (c.ch.max_rows > 0 ? c.ch.max_rows : 1);
+  if (!append_rows(c, cur.stmt.get(), cur.cols, limit)) cur.done = true;
+}
+
+void do_create_table(Ctx &c, const Request &q) {
+  if (c.st.tables.count(q.name)) throw ExecError{answer_errtext(302, {q.name})};
+  if (c.st.indexes.count(q.name)) throw ExecError{answer_errtext(308, {q.name})};
+  if (q.name.rfind("SQLITE_", 0) == 0) throw ExecError{answer_errtext(105, {q.name})};
+  std::string sql = "CREATE TABLE " + quote(q.name) + " (";
+  for (size_t i = 0; i < q.columns.size(); ++i) {
+    for (size_t j = 0; j < i; ++j)
+      if (q.columns[j].name == q.columns[i].name)
+        throw ExecError{answer_errtext(305, {q.columns[i].name})};
+    sql += (i ? ", " : "") + quote(q.columns[i].name) + " " +
+           type_declaration(q.columns[i].type, q.columns[i].not_null);
+  }
+  sql += ")";
+  if (c.ch.ex.verbose) log_line(c.ch, sql);
+  as_change(c, [&] { exec_sql(c.st, sql); });
+  answer_done(c.out);
+}
+
+void do_drop_table(Ctx &c, const Request &q) {
+  const TableInfo &t = changeable_table(c, q.name);
+  std::string sql = "DROP TABLE " + quote(t.name);
+  if (c.ch.ex.verbose) log_line(c.ch, sql);
+  as_change(c, [&] { exec_sql(c.st, sql); });
+  answer_done(c.out);
+}
+
+void do_create_index(Ctx &c, const Request &q) {
+  if (c.st.tables.count(q.name) || c.st.indexes.count(q.name) || q.name.rfind("SQLITE_", 0) == 0)
+    throw ExecError{answer_errtext(308, {q.name})};
+  const TableInfo &t = find_table(c.st, q.table);
+  std::string cols;
+  std::vector<const ColumnInfo *> seen;
+  for (const auto &a : q.attrs) {
+    const ColumnInfo *col = find_column(t, a);
+    if (!col) throw ExecError{answer_errtext(303, {a})};
+    if (std::find(seen.begin(), seen.end(), col) != seen.end())
+      throw ExecError{answer_errtext(305, {a})};
+    seen.push_back(col);
+    cols += (cols.empty() ? "" : ", ") + quote(col->name);
+  }
+  std::string sql = std::string("CREATE ") + (q.unique ? "UNIQUE " : "") + "INDEX " +
+                    quote(q.name) + " ON " + quote(t.name) + " (" + cols + ")";
+  if (c.ch.ex.verbose) log_line(c.ch, sql);
+  std::string table = t.name;
+  as_change(c, [&] {
+    int rc = sqlite3_exec(c.st.db.get(), sql.c_str(), nullptr, nullptr, nullptr);
+    if ((rc & 0xFF) == SQLITE_CONSTRAINT) throw ExecError{answer_errtext(406, {q.name, table})};
+    if (rc != SQLITE_OK) raise_sqlite(c.st, rc);
+  });
+  answer_done(c.out);
+}
+
+void do_drop_index(Ctx &c, const Request &q) {
+  auto it = c.st.indexes.find(q.name);
+  if (it == c.st.indexes.end()) throw ExecError{answer_errtext(307, {q.name})};
+  std::string sql = "DROP INDEX " + quote(it->second.name);
+  if (c.ch.ex.verbose) log_line(c.ch, sql);
+  as_change(c, [&] { exec_sql(c.st, sql); });
+  answer_done(c.out);
+}
+
+void do_set_static(Ctx &c, const Request &q, bool make_static) {
+  const TableInfo &t = find_table(c.st, q.name);
+  std::string base = std::string(STATIC_PREFIX) + upper(t.name);
+  std::string sql;
+  if (make_static && !t.is_static) {
+    std::string raise =
+        "BEGIN SELECT RAISE(ABORT, '" + std::string(STATIC_MESSAGE) + t.name + "'); END;";
+    sql = "CREATE TRIGGER " + quote(base + "_i") + " BEFORE INSERT ON " + quote(t.name) + " " +
+          raise + "CREATE TRIGGER " + quote(base + "_u") + " BEFORE UPDATE ON " + quote(t.name) +
+          " " + raise + "CREATE TRIGGER " + quote(base + "_d") + " BEFORE DELETE ON " +
+          quote(t.name) + " " + raise;
+  } else if (!make_static && t.is_static) {
+    sql = "DROP TRIGGER IF EXISTS " + quote(base + "_i") + "; DROP TRIGGER IF EXISTS " +
+          quote(base + "_u") + "; DROP TRIGGER IF EXISTS " + quote(base + "_d") + ";";
+  }
+  if (!sql.empty()) {
+    if (c.ch.ex.verbose) log_line(c.ch, sql);
+    as_change(c, [&] { exec_sql(c.st, sql); });
+  }
+  answer_done(c.out);
+}
+
+// SHOW: answers built from the catalog and the schema.
+void do_show(Ctx &c, const Request &q) {
+  auto text = [](int n) { return type_make(TYPE_CHARACTER, n); };
+  auto yes_no = [](bool b) { return std::string(b ? "JA" : "NEIN"); };
+  if (q.show == Request::Databases) {
+    answer_tuples_begin(c.out, '2', {{"DATABASE", text(20)}});
+    for (const auto &n : catalog_list(c.ch.ex.catalog)) {
+      answer_value_text(c.out, n);
+      answer_row(c.out);
+    }
+    return;
+  }
+  need_db(c);
+  switch (q.show) {
+  case Request::Tables:
+    answer_tuples_begin(
+        c.out, '2',
+        {{"TABLE_NAME", text(32)}, {"ATTRIBUTES", type_make(TYPE_SMALLINT, 0)}, {"MODE", text(7)}});
+    for (const auto &[k, t] : c.st.tables) {
+      answer_value_text(c.out, t.name);
+      answer_value_smallint(c.out, static_cast<int16_t>(t.cols.size()));
+      answer_value_text(c.out, t.is_static ? "STATIC" : "SECURE");
+      answer_row(c.out);
+    }
+    break;
+  case Request::Table: {
+    const TableInfo &t = find_table(c.st, q.table);
+    answer_tuples_begin(c.out, '2',
+                        {{"ATTRIBUTE", text(32)},
+                         {"TYPE", text(10)},
+                         {"SIZE", type_make(TYPE_INTEGER, 0)},
+                         {"NOT_NULL", text(5)}});
+    for (const auto &col : t.cols) {
+      answer_value_text(c.out, col.name);
+      answer_value_text(c.out, type_name(col.type.code));
+      answer_value_integer(c.out, col.type.size);
+      answer_value_text(c.out, yes_no(col.not_null));
+      answer_row(c.out);
+    }
+    break;
+  }
+  case Request::Indices:
+  case Request::IndicesOnTable: {
+    std::string table;
+    if (q.show == Request::IndicesOnTable) table = upper(find_table(c.st, q.table).name);
+    answer_tuples_begin(c.out, '2',
+                        {{"INDEX_NAME", text(32)},
+                         {"TABLE_NAME", text(32)},
+                         {"UNIQUE_INDEX", text(5)},
+                         {"ATTRIBUTES", text(1024)}});
+    for (const auto &[k, ix] : c.st.indexes) {
+      if (!table.empty() && upper(ix.table) != table) continue;
+      std::string cols;
+      for (const auto &col : ix.cols) cols += (cols.empty() ? "" : ",") + col;
+      answer_value_text(c.out, ix.name);
+      answer_value_text(c.out, ix.table);
+      answer_value_text(c.out, yes_no(ix.unique));
+      answer_value_text(c.out, cols);
+      answer_row(c.out);
+    }
+    break;
+  }
+  case Request::Index: {
+    auto it = c.st.indexes.find(q.name);
+    if (it == c.st.indexes.end()) throw ExecError{answer_errtext(307, {q.name})};
+    const IndexInfo &ix = it->second;
+    answer_tuples_begin(c.out, '2',
+                        {{"INDEX_NAME", text(32)},
+                         {"TABLE_NAME", text(32)},
+                         {"UNIQUE_INDEX", text(5)},
+                         {"POSITION", type_make(TYPE_SMALLINT, 0)},
+                         {"ATTRIBUTE", text(32)}});
+    for (size_t i = 0; i < ix.cols.size(); ++i) {
+      answer_value_text(c.out, ix.name);
+      answer_value_text(c.out, ix.table);
+      answer_value_text(c.out, yes_no(ix.unique));
+      answer_value_smallint(c.out, static_cast<int16_t>(i + 1));
+      answer_value_text(c.out, ix.cols[i]);
+      answer_row(c.out);
+    }
+    break;
+  }
+  default:
+    break;
+  }
+}
+
+// Closes the channel's database: rolls back an open transaction (or commits
+// it when commit is set; a commit that fails throws and leaves the database
+// open), ends the cursors.
+void close_database(Channel &ch, bool commit) {
+  ChannelState &st = *ch.st;
+  if (!st.db) return;
+  if (ch.in_transaction()) {
+    if (commit) {
+      int rc = sqlite3_exec(st.db.get(), "COMMIT", nullptr, nullptr, nullptr);
+      if (rc != SQLITE_OK) raise_sqlite(st, rc);
+    } else {
+      sqlite3_exec(st.db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+  }
+  st.cursors.clear();
+  st.cache.clear();
+  st.tables.clear();
+  st.indexes.clear();
+  st.schema_version = -1;
+  st.db.reset();
+  auto it = ch.ex.catalog.users.find(ch.database);
+  if (it != ch.ex.catalog.users.end() && --it->second <= 0) ch.ex.catalog.users.erase(it);
+  ch.database.clear();
+}
+
+// Makes name the channel's database. An open transaction of the previous
+// database is committed first. With create the database is made new.
+void switch_database(Channel &ch, const std::string &name, bool create) {
+  Catalog &cat = ch.ex.catalog;
+  if (!catalog_valid_name(name)) throw ExecError{answer_errtext(105, {name})};
+  bool exists = catalog_exists(cat, name);
+  if (create && exists) throw ExecError{answer_errtext(203, {name})};
+  if (!create && !exists) throw ExecError{answer_errtext(202, {name})};
+  std::string err;
+  DbPtr db(catalog_open(cat, name, create, err));
+  if (!db) throw ExecError{answer_errtext(206, {name, err})};
+  close_database(ch, true);
+  ch.st->db = std::move(db);
+  ch.database = name;
+  ++cat.users[name];
+}
+
+void do_drop_database(Ctx &c, const Request &q) {
+  Catalog &cat = c.ch.ex.catalog;
+  std::string name = q.has_name ? q.name : c.ch.database;
+  if (name.empty()) throw ExecError{answer_errtext(201, {})};
+  if (!catalog_valid_name(name) || !catalog_exists(cat, name))
+    throw ExecError{answer_errtext(202, {name})};
+  if (name == CATALOG_SYSTEM_DB) throw ExecError{answer_errtext(205, {name})};
+  int others = cat.users.count(name) ? cat.users[name] : 0;
+  if (name == c.ch.database) --others;
+  if (others > 0) throw ExecError{answer_errtext(204, {name, std::to_string(others)})};
+  if (name == c.ch.database) close_database(c.ch, false);
+  std::string err;
+  if (!catalog_drop(cat, name, err)) throw ExecError{answer_errtext(206, {name, err})};
+  answer_done(c.out);
+}
+
+const char *kind_name(ReqKind k) {
+  switch (k) {
+  case ReqKind::Open:
+    return "OPEN";
+  case ReqKind::Close:
+    return "CLOSE DATABASE";
+  case ReqKind::Create:
+    return "CREATE DATABASE";
+  case ReqKind::Drop:
+    return "DROP DATABASE";
+  case ReqKind::Message:
+    return "MESSAGE";
+  case ReqKind::Notice:
+    return "NOTICE";
+  case ReqKind::Begin:
+    return "BEGIN";
+  case ReqKind::Commit:
+    return "COMMIT";
+  case ReqKind::Abort:
+    return "ABORT";
+  case ReqKind::Fetch:
+    return "FETCH";
+  case ReqKind::CloseCursor:
+    return "CLOSE";
+  case ReqKind::SetStatic:
+    return "SET TABLE STATIC";
+  case ReqKind::SetSecure:
+    return "SET TABLE SECURE";
+  case ReqKind::Save:
+    return "SAVE DATABASE";
+  case ReqKind::Show:
+    return "SHOW";
+  case ReqKind::Max:
+    return "MAX";
+  case ReqKind::Stop:
+    return "STOP";
+  case ReqKind::SetDatabase:
+    return "SET DATABASE";
+  default:
+    return "";
+  }
+}
+
+int execute(Ctx &c, const Request &q) {
+  Channel &ch = c.ch;
+  ChannelState &st = c.st;
+  if (ch.ex.verbose && kind_name(q.kind)[0])
+    log_line(ch, std::string(kind_name(q.kind)) + (q.name.empty() ? "" : " " + q.name));
+  switch (q.kind) {
+  case ReqKind::Open:
+  case ReqKind::SetDatabase:
+    switch_database(ch, q.name, false);
+    answer_done(c.out);
+    return EXEC_ANSWER;
+  case ReqKind::Create:
+    switch_database(ch, q.name, true);
+    answer_done(c.out);
+    return EXEC_ANSWER;
+  case ReqKind::Close:
+    close_database(ch, false);
+    return EXEC_NO_ANSWER;
+  case ReqKind::Notice:
+    return EXEC_NO_ANSWER;
+  case ReqKind::Message:
+    if (ch.ex.log) log_line(ch, "message: " + q.text);
+    answer_done(c.out);
+    return EXEC_ANSWER;
+  case ReqKind::Drop:
+    do_drop_database(c, q);
+    return EXEC_ANSWER;
+  case ReqKind::Show:
+    do_show(c, q);
+    return EXEC_ANSWER;
+  case ReqKind::Max:
+    ch.max_rows = q.max_none ? 0 : q.max;
+    answer_done(c.out);
+    return EXEC_ANSWER;
+  case ReqKind::Stop:
+    ch.ex.stop_requested = true;
+    answer_done(c.out);
+    return EXEC_ANSWER;
+  default:
+    break;
+  }
+  need_db(c);
+  switch (q.kind) {
+  case ReqKind::CreateTable:
+    do_create_table(c, q);
+    break;
+  case ReqKind::DropTable:
+    do_drop_table(c, q);
+    break;
+  case ReqKind::CreateIndex:
+    do_create_index(c, q);
+    break;
+  case ReqKind::DropIndex:
+    do_drop_index(c, q);
+    break;
+  case ReqKind::Select:
+    do_select(c, q);
+    break;
+  case ReqKind::Insert:
+    do_insert(c, q);
+    break;
+  case ReqKind::Update:
+    do_update(c, q);
+    break;
+  case ReqKind::Delete:
+    do_delete(c, q);
+    break;
+  case ReqKind::Begin:
+    if (ch.in_transaction()) throw ExecError{answer_errtext(501, {})};
+    exec_sql(st, "BEGIN");
+    answer_done(c.out);
+    break;
+  case ReqKind::Commit:
+    if (ch.in_transaction()) exec_sql(st, "COMMIT");
+    answer_done(c.out);
+    break;
+  case ReqKind::Abort:
+    if (ch.in_transaction()) exec_sql(st, "ROLLBACK");
+    st.schema_version = -1;
+    answer_done(c.out);
+    break;
+  case ReqKind::Declare:
+    do_declare(c, q);
+    break;
+  case ReqKind::Fetch:
+    do_fetch(c, q);
+    break;
+  case ReqKind::CloseCursor:
+    if (!st.cursors.erase(q.name)) throw ExecError{answer_errtext(502, {q.name})};
+    answer_done(c.out);
+    break;
+  case ReqKind::SetStatic:
+    do_set_static(c, q, true);
+    break;
+  case ReqKind::SetSecure:
+    do_set_static(c, q, false);
+    break;
+  case ReqKind::Save: {
+    std::string path, err;
+    if (!catalog_save(ch.ex.catalog, ch.database, path, err))
+      throw ExecError{answer_errtext(207, {ch.database, err})};
+    if (ch.ex.log) log_line(ch, "saved to " + path);
+    answer_done(c.out);
+    break;
+  }
+  default:
+    break;
+  }
+  return EXEC_ANSWER;
+}
+
+} // namespace
+
+Channel::~Channel() { close_database(*this, false); }
+
+int exec_request(Channel &ch, const unsigned char *req, size_t len,
+                 std::vector<unsigned char> &answer) {
+  Request q;
+  std::string err;
+  if (!request_decode(req, len, q, err)) {
+    answer_error(answer, err);
+    if (ch.ex.log) log_line(ch, "error: " + err);
+    return EXEC_ANSWER;
+  }
+  Ctx c{ch, *ch.st, answer};
+  try {
+    return execute(c, q);
+  } catch (const ExecError &e) {
+    answer_error(answer, e.text);
+    if (ch.ex.log) log_line(ch, "error: " + e.text);
+    return q.kind == ReqKind::Close || q.kind == ReqKind::Notice ? EXEC_NO_ANSWER : EXEC_ANSWER;
+  } catch (const WouldBlock &) {
+    answer.clear();
+    if (ch.ex.verbose) log_line(ch, "waits for a lock");
+    return EXEC_WOULD_BLOCK;
+  }
+}

@@ -1,0 +1,65 @@
+// The statement executor of tavrind: from a channel's state and one request's
+// bytes to the answer's bytes, on SQLite.
+//
+// Each channel has its own SQLite connection, open database, transaction,
+// cursors and MAX setting. Outside BEGIN ... COMMIT/END/ABORT every statement
+// is its own transaction; inside, a failed statement is undone and the
+// transaction goes on. A statement that needs a lock that another channel
+// holds does not wait and does not fail: exec_request reports
+// EXEC_WOULD_BLOCK, leaves the channel as it was, and the caller sends the
+// same request again later. Transport (shared memory, packets, parking
+// clients) is the caller's business; this module never blocks.
+#pragma once
+
+#include "server/catalog.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+// Server-wide state shared by all channels.
+struct Executor {
+  Catalog catalog;
+  // Receives one log line (without line feed): errors always, every statement
+  // when verbose is set. Null: no logging.
+  std::function<void(const std::string &)> log;
+  bool verbose = false;
+  // Set by the STOP statement; the caller ends the server after answering.
+  bool stop_requested = false;
+};
+
+struct ChannelState;
+
+// One client's channel.
+struct Channel {
+  Channel(Executor &ex, int id);
+  // Rolls back an open transaction, closes cursors and the connection.
+  ~Channel();
+  Channel(const Channel &) = delete;
+  Channel &operator=(const Channel &) = delete;
+
+  Executor &ex;
+  int id;
+  std::string database; // the open database; empty when none
+  int32_t max_rows = 0; // MAX n: rows per SELECT and per FETCH; 0 = no limit
+  std::unique_ptr<ChannelState> st;
+
+  // Is a transaction open (BEGIN without COMMIT/END/ABORT yet)?
+  bool in_transaction() const;
+};
+
+enum ExecResult {
+  EXEC_NO_ANSWER = 0,   // the request gets no answer ('2', 'W')
+  EXEC_ANSWER = 1,      // answer holds the answer to send
+  EXEC_WOULD_BLOCK = 2, // another channel holds a lock: send the request again later
+};
+
+// Executes one request of channel ch and builds its answer in answer (which
+// is replaced). Requests that do not decode are answered '0' with a text.
+// Returns one of ExecResult. On EXEC_WOULD_BLOCK nothing of the request has
+// taken effect.
+int exec_request(Channel &ch, const unsigned char *req, size_t len,
+                 std::vector<unsigned char> &answer);

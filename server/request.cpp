@@ -1,0 +1,597 @@
+// Decoding of binary requests into statement trees for tavrind.
+#include "server/request.h"
+
+#include "server/answer.h"
+
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+namespace {
+
+// Thrown inside the decoder; request_decode turns it into the error text.
+struct DecodeError {
+  std::string text;
+};
+
+std::string byte_text(unsigned char c) {
+  char buf[16];
+  if (c >= 33 && c <= 126)
+    snprintf(buf, sizeof buf, "'%c'", c);
+  else
+    snprintf(buf, sizeof buf, "0x%02X", c);
+  return buf;
+}
+
+// A name as the client's tokenizer makes it: a letter, then letters, digits
+// and '_', at most 31 characters. Returns it upper-cased; refuses others.
+std::string checked_name(std::string s) {
+  bool ok = !s.empty() && s.size() <= REQ_MAX_NAME;
+  for (size_t i = 0; ok && i < s.size(); ++i) {
+    char c = s[i];
+    bool letter = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+    ok = letter || (i > 0 && ((c >= '0' && c <= '9') || c == '_'));
+  }
+  if (!ok) throw DecodeError{answer_errtext(105, {s})};
+  for (char &c : s)
+    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+  return s;
+}
+
+// Bounds-checked reading of the request's fields.
+class Reader {
+public:
+  Reader(const unsigned char *p, size_t n) : p_(p), n_(n) {}
+
+  size_t pos() const { return pos_; }
+  bool at_end() const { return pos_ >= n_; }
+  size_t left() const { return n_ - pos_; }
+
+  // The next byte without consuming it; 0 at the end.
+  unsigned char peek() const { return pos_ < n_ ? p_[pos_] : 0; }
+  bool next_is(unsigned char c) const { return pos_ < n_ && p_[pos_] == c; }
+
+  unsigned char byte(const char *what) {
+    need(1, what);
+    return p_[pos_++];
+  }
+
+  // Consumes c or fails naming what was expected.
+  void expect(unsigned char c, const char *what) {
+    unsigned char got = byte(what);
+    if (got != c) wrong(what, got, pos_ - 1);
+  }
+
+  [[noreturn]] void wrong(const char *what, unsigned char got, size_t at) {
+    throw DecodeError{answer_errtext(102, {std::to_string(at), what, byte_text(got)})};
+  }
+
+  void need(size_t k, const char *what) {
+    if (k > left()) throw DecodeError{answer_errtext(101, {what})};
+  }
+
+  uint16_t u16(const char *what) {
+    need(2, what);
+    uint16_t v = static_cast<uint16_t>(p_[pos_] | (p_[pos_ + 1] << 8));
+    pos_ += 2;
+    return v;
+  }
+
+  int32_t i32(const char *what) {
+    need(4, what);
+    uint32_t v = 0;
+    for (int i = 0; i < 4; ++i) v |= static_cast<uint32_t>(p_[pos_ + i]) << (8 * i);
+    pos_ += 4;
+    return static_cast<int32_t>(v);
+  }
+
+  double f64(const char *what) {
+    need(8, what);
+    double d;
+    memcpy(&d, p_ + pos_, 8);
+    pos_ += 8;
+    return d;
+  }
+
+  // A tagged string: tag, 16-bit length counting the zero byte, the text and
+  // its zero byte. The text may not contain further zero bytes.
+  std::string tagged_string(unsigned char tag, const char *what) {
+    expect(tag, what);
+    size_t at = pos_;
+    uint16_t n = u16(what);
+    if (n < 1) throw DecodeError{answer_errtext(102, {std::to_string(at), what, "Länge 0"})};
+    need(n, what);
+    const unsigned char *s = p_ + pos_;
+    if (s[n - 1] != 0 || memchr(s, 0, n - 1) != nullptr)
+      throw DecodeError{answer_errtext(102, {std::to_string(at), what, "Text ohne Endbyte 0"})};
+    pos_ += n;
+    return std::string(reinterpret_cast<const char *>(s), n - 1);
+  }
+
+  // A name as the client's tokenizer makes it (see checked_name).
+  std::string name(const char *what) { return checked_name(tagged_string('a', what)); }
+
+  // A literal: 'd' 32-bit integer, 'e' double, 'f' tagged string.
+  Literal literal(const char *what) {
+    Literal l;
+    unsigned char t = peek();
+    if (t == 'd') {
+      ++pos_;
+      l.kind = Literal::INT;
+      l.i = i32(what);
+    } else if (t == 'e') {
+      ++pos_;
+      l.kind = Literal::FLOAT;
+      l.f = f64(what);
+    } else if (t == 'f') {
+      l.kind = Literal::STRING;
+      l.s = tagged_string('f', what);
+    } else {
+      need(1, what);
+      wrong(what, t, pos_);
+    }
+    return l;
+  }
+
+  static bool is_literal_tag(unsigned char t) { return t == 'd' || t == 'e' || t == 'f'; }
+
+private:
+  const unsigned char *p_;
+  size_t n_;
+  size_t pos_ = 0;
+};
+
+class Decoder {
+public:
+  explicit Decoder(Reader &r) : r_(r) {}
+
+  // The select body: list, 'v', tables, ['w' expr 'w'], ['H' order 'H'].
+  std::unique_ptr<Select> select_body(int depth) {
+    if (depth > REQ_MAX_SUBQUERY_DEPTH) throw DecodeError{answer_errtext(106, {"Unterabfragen"})};
+    auto s = std::make_unique<Select>();
+    if (r_.next_is('7')) {
+      r_.byte("DISTINCT");
+      s->distinct = true;
+    }
+    while (!r_.next_is('v')) {
+      SelectItem it;
+      unsigned char t = r_.peek();
+      r_.need(1, "FROM");
+      if (t == 'W') {
+        r_.byte("*");
+        it.kind = SelectItem::All;
+      } else if (t == 'C') {
+        r_.byte("COUNT");
+        it.kind = SelectItem::Count;
+      } else if (t == 'I' || t == 'J') {
+        r_.byte("MIN/MAX");
+        it.kind = t == 'I' ? SelectItem::Min : SelectItem::Max;
+        if (r_.next_is('f')) it.attr.qualifier = qualifier();
+        it.attr.name = r_.name("<Attributname>");
+      } else if (t == 'a') {
+        it.attr.name = r_.name("<Attributname>");
+      } else if (t == 'f') {
+        it.attr.qualifier = qualifier();
+        if (r_.next_is('W')) {
+          r_.byte("*");
+          it.kind = SelectItem::TableAll;
+        } else {
+          it.attr.name = r_.name("<Attributname> oder '*'");
+        }
+      } else {
+        r_.wrong("Element der SELECT-Liste oder FROM", t, r_.pos());
+      }
+      s->items.push_back(std::move(it));
+    }
+    if (s->items.empty()) r_.wrong("Element der SELECT-Liste", 'v', r_.pos());
+    r_.expect('v', "FROM");
+    do {
+      TableRef tr;
+      tr.name = r_.name("<Tabellenname>");
+      if (r_.next_is('f')) tr.alias = qualifier();
+      s->from.push_back(std::move(tr));
+    } while (r_.next_is('a'));
+    if (r_.next_is('w')) {
+      r_.byte("WHERE");
+      s->where = expression(depth);
+    }
+    if (r_.next_is('H')) {
+      r_.byte("ORDER BY");
+      do {
+        OrderItem o;
+        o.attr = attr_ref("<Attributname> in ORDER BY");
+        if (r_.next_is(']')) {
+          r_.byte("DESC");
+          o.desc = true;
+        }
+        s->order.push_back(std::move(o));
+      } while (!r_.next_is('H'));
+      r_.expect('H', "Ende von ORDER BY");
+    }
+    return s;
+  }
+
+  // A postfix expression up to and including its closing 'w'.
+  std::unique_ptr<Expr> expression(int depth) {
+    std::vector<std::unique_ptr<Expr>> stack;
+    for (;;) {
+      size_t at = r_.pos();
+      unsigned char t = r_.peek();
+      r_.need(1, "Ausdruck oder Ende von WHERE");
+      auto node = std::make_unique<Expr>();
+      if (t == 'a' || t == 'D') {
+        node->kind = Expr::Column;
+        node->attr = attr_ref("<Attributname>");
+        stack.push_back(std::move(node));
+        continue;
+      }
+      if (Reader::is_literal_tag(t)) {
+        node->kind = Expr::Value;
+        node->lit = r_.literal("<Wert>");
+        stack.push_back(std::move(node));
+        continue;
+      }
+      r_.byte("Ausdruck");
+      switch (t) {
+      case 'w':
+        if (stack.size() != 1)
+          throw DecodeError{answer_errtext(102, {std::to_string(at), "vollständiger Ausdruck",
+                                                 std::to_string(stack.size()) + " Teilausdrücke"})};
+        return std::move(stack.back());
+      case 'u':
+        node->kind = Expr::Subquery;
+        node->sub = select_body(depth + 1);
+        break;
+      case '=':
+        node->kind = Expr::Exists;
+        node->sub = select_body(depth + 1);
+        r_.expect('L', "EXISTS-Ende 'L'");
+        break;
+      case 'N':
+      case 'O':
+      case 'P':
+      case 'Q':
+      case 'R':
+      case 'S':
+      case 'V': {
+        static const char ops[] = {'<', '>', 'l', 'g', '=', '!', 'L'};
+        node->kind = Expr::Compare;
+        node->op = ops[t - 'N' > 6 ? 6 : t - 'N'];
+        if (t == 'V') node->op = 'L';
+        auto right = pop(stack, at, true);
+        auto left = pop(stack, at, false);
+        node->args.push_back(std::move(left));
+        node->args.push_back(std::move(right));
+        break;
+      }
+      case 'Y': {
+        node->kind = Expr::Between;
+        auto hi = pop(stack, at, false);
+        auto lo = pop(stack, at, false);
+        auto op = pop(stack, at, false);
+        node->args.push_back(std::move(op));
+        node->args.push_back(std::move(lo));
+        node->args.push_back(std::move(hi));
+        break;
+      }
+      case 'M': {
+        auto count = pop(stack, at, false);
+        if (count->kind != Expr::Value || count->lit.kind != Literal::INT || count->lit.i < 1 ||
+            static_cast<size_t>(count->lit.i) >= stack.size())
+          throw DecodeError{answer_errtext(
+              102, {std::to_string(at), "Anzahl der IN-Elemente", "ungültige Anzahl"})};
+        size_t n = static_cast<size_t>(count->lit.i);
+        std::vector<std::unique_ptr<Expr>> items;
+        for (size_t i = 0; i < n; ++i) items.push_back(pop(stack, at, true));
+        auto op = pop(stack, at, false);
+        node->args.push_back(std::move(op));
+        if (n == 1 && items[0]->kind == Expr::Subquery) {
+          node->kind = Expr::InSelect;
+          node->args.push_back(std::move(items[0]));
+        } else {
+          node->kind = Expr::InList;
+          for (size_t i = n; i-- > 0;) {
+            if (items[i]->kind == Expr::Subquery)
+              throw DecodeError{
+                  answer_errtext(102, {std::to_string(at), "Werte der IN-Liste", "Unterabfrage"})};
+            node->args.push_back(std::move(items[i]));
+          }
+        }
+        break;
+      }
+      case 'y':
+      case 'z': {
+        node->kind = t == 'y' ? Expr::And : Expr::Or;
+        auto right = pop(stack, at, false);
+        auto left = pop(stack, at, false);
+        node->args.push_back(std::move(left));
+        node->args.push_back(std::move(right));
+        break;
+      }
+      case 'T':
+        node->kind = Expr::Not;
+        node->args.push_back(pop(stack, at, false));
+        break;
+      default:
+        r_.wrong("Ausdruck oder Ende von WHERE", t, at);
+      }
+      for (auto &a : node->args)
+        if (a->depth + 1 > node->depth) node->depth = a->depth + 1;
+      if (node->depth > REQ_MAX_EXPR_DEPTH) throw DecodeError{answer_errtext(106, {"Ausdruck"})};
+      stack.push_back(std::move(node));
+    }
+  }
+
+  // "T" written as a tagged string 'f' (select list and aliases).
+  std::string qualifier() {
+    return checked_name(r_.tagged_string('f', "<Tabellenname oder Alias>"));
+  }
+
+  // "A" as a name, or "T.A" as 'D' name name.
+  AttrRef attr_ref(const char *what) {
+    AttrRef a;
+    if (r_.next_is('D')) {
+      r_.byte("DOT");
+      a.qualifier = r_.name("<Tabellenname oder Alias>");
+    }
+    a.name = r_.name(what);
+    return a;
+  }
+
+private:
+  // Takes the top of the postfix stack. A subquery is allowed only where
+  // subquery_ok says so (right side of comparisons and IN).
+  std::unique_ptr<Expr> pop(std::vector<std::unique_ptr<Expr>> &stack, size_t at,
+                            bool subquery_ok) {
+    if (stack.empty())
+      throw DecodeError{answer_errtext(102, {std::to_string(at), "Operand", "leerer Stapel"})};
+    auto e = std::move(stack.back());
+    stack.pop_back();
+    if (e->kind == Expr::Subquery && !subquery_ok)
+      throw DecodeError{answer_errtext(102, {std::to_string(at), "Operand", "Unterabfrage"})};
+    return e;
+  }
+
+  Reader &r_;
+};
+
+} // namespace
+
+namespace {
+
+// CREATE TABLE: per attribute name, type byte, [int n], ['F']; then 'x'.
+void decode_create_table(Reader &r, Request &q) {
+  q.name = r.name("<Tabellenname>");
+  while (!r.next_is('x')) {
+    ColumnDef c;
+    c.name = r.name("<Attributname> oder Ende der Attributliste");
+    size_t at = r.pos();
+    unsigned char code = r.byte("Datentyp");
+    if (!type_code_valid(code)) r.wrong("Datentyp", code, at);
+    int32_t length = 0;
+    if (code == TYPE_CHARACTER || code == TYPE_BINARY) {
+      r.expect('d', "Länge des Datentyps");
+      length = r.i32("Länge des Datentyps");
+      int32_t max = code == TYPE_CHARACTER ? TYPE_MAX_CHARACTER : TYPE_MAX_BINARY;
+      if (length < 1 || length > max)
+        throw DecodeError{
+            answer_errtext(309, {c.name, std::to_string(length), "1 bis " + std::to_string(max)})};
+    }
+    c.type = type_make(code, length);
+    if (r.next_is('F')) {
+      r.byte("NOT NULL");
+      c.not_null = true;
+    }
+    q.columns.push_back(std::move(c));
+  }
+  r.expect('x', "Ende der Anweisung");
+  if (q.columns.empty()) r.wrong("<Attributname>", 'x', r.pos() - 1);
+}
+
+void decode_show(Reader &r, Request &q) {
+  size_t at = r.pos();
+  unsigned char t = r.byte("DATABASES, TABLES, INDICES, TABLE oder INDEX");
+  switch (t) {
+  case 0xF6:
+    q.show = Request::Databases;
+    break;
+  case 0xFC:
+    q.show = Request::Tables;
+    break;
+  case 0xE4:
+    q.show = Request::Indices;
+    break;
+  case '9':
+    q.show = Request::Index;
+    q.name = r.name("<Indexname>");
+    break;
+  case '?':
+    if (r.next_is(0xE4)) {
+      r.byte("INDICES");
+      q.show = Request::IndicesOnTable;
+    } else {
+      q.show = Request::Table;
+    }
+    q.table = r.name("<Tabellenname>");
+    break;
+  default:
+    r.wrong("DATABASES, TABLES, INDICES, TABLE oder INDEX", t, at);
+  }
+}
+
+void decode(Reader &r, Request &q) {
+  if (r.at_end()) throw DecodeError{answer_errtext(107, {})};
+  unsigned char cmd = r.byte("Anfragecode");
+  Decoder d(r);
+  switch (cmd) {
+  case '1':
+    q.kind = ReqKind::Open;
+    q.name = r.name("<Datenbankname>");
+    break;
+  case '2':
+    q.kind = ReqKind::Close;
+    break;
+  case '3':
+    q.kind = ReqKind::Create;
+    q.name = r.name("<Datenbankname>");
+    break;
+  case '4':
+    q.kind = ReqKind::Drop;
+    if (!r.at_end()) {
+      q.has_name = true;
+      q.name = r.name("<Datenbankname>");
+    }
+    break;
+  case '0':
+    q.kind = ReqKind::Message;
+    q.text = r.tagged_string('b', "<Meldungstext>");
+    break;
+  case 'W':
+    q.kind = ReqKind::Notice;
+    break;
+  case '5':
+    q.kind = ReqKind::CreateTable;
+    decode_create_table(r, q);
+    break;
+  case '6':
+    q.kind = ReqKind::DropTable;
+    q.name = r.name("<Tabellenname>");
+    break;
+  case '7':
+  case '8':
+    q.kind = ReqKind::CreateIndex;
+    q.unique = cmd == '8';
+    // The unique form is '8' followed by the whole CREATE INDEX request.
+    if (q.unique) r.expect('7', "CREATE INDEX");
+    q.name = r.name("<Indexname>");
+    q.table = r.name("<Tabellenname>");
+    do q.attrs.push_back(r.name("<Attributname>"));
+    while (!r.next_is('x'));
+    r.expect('x', "Ende der Anweisung");
+    break;
+  case '9':
+    q.kind = ReqKind::DropIndex;
+    q.name = r.name("<Indexname>");
+    break;
+  case 'C':
+    q.kind = ReqKind::Select;
+    q.select = d.select_body(0);
+    r.expect('x', "Ende der Anweisung");
+    break;
+  case 'G':
+    q.kind = ReqKind::Delete;
+    q.name = r.name("<Tabellenname>");
+    if (r.next_is('w')) {
+      r.byte("WHERE");
+      q.where = d.expression(0);
+    }
+    r.expect('x', "Ende der Anweisung");
+    break;
+  case 'E':
+    q.kind = ReqKind::Insert;
+    q.name = r.name("<Tabellenname>");
+    while (r.next_is('a')) q.attrs.push_back(r.name("<Attributname>"));
+    r.expect('X', "VALUES");
+    while (!r.next_is('x')) q.values.push_back(r.literal("<Wert> oder Ende der Werteliste"));
+    r.expect('x', "Ende der Anweisung");
+    break;
+  case 'I':
+    q.kind = ReqKind::Update;
+    q.name = r.name("<Tabellenname>");
+    while (r.next_is('a')) {
+      Assignment a;
+      a.attr = r.name("<Attributname>");
+      a.value = r.literal("<Wert>");
+      q.assigns.push_back(std::move(a));
+    }
+    if (q.assigns.empty()) {
+      r.need(1, "<Attributname>");
+      r.wrong("<Attributname>", r.peek(), r.pos());
+    }
+    if (r.next_is('w')) {
+      r.byte("WHERE");
+      q.where = d.expression(0);
+    }
+    r.expect('x', "Ende der Anweisung");
+    break;
+  case 'J':
+    q.kind = ReqKind::Begin;
+    break;
+  case 'K':
+    q.kind = ReqKind::Commit;
+    break;
+  case 'M':
+    q.kind = ReqKind::Abort;
+    break;
+  case 'N':
+    q.kind = ReqKind::Declare;
+    q.name = r.name("<Cursorname>");
+    q.select = d.select_body(0);
+    r.expect('x', "Ende der Anweisung");
+    break;
+  case 'O':
+    q.kind = ReqKind::Fetch;
+    if (r.next_is('%')) {
+      r.byte("ALL");
+      q.all = true;
+    }
+    q.name = r.name("<Cursorname>");
+    break;
+  case 'P':
+    q.kind = ReqKind::CloseCursor;
+    q.name = r.name("<Cursorname>");
+    break;
+  case 'Q':
+    q.kind = ReqKind::SetStatic;
+    q.name = r.name("<Tabellenname>");
+    break;
+  case 'R':
+    q.kind = ReqKind::Save;
+    break;
+  case 'S':
+    q.kind = ReqKind::Show;
+    decode_show(r, q);
+    break;
+  case 'T':
+    q.kind = ReqKind::Max;
+    if (r.next_is('F')) {
+      r.byte("NULL");
+      q.max_none = true;
+    } else {
+      r.expect('d', "<Höchstzahl>");
+      q.max = r.i32("<Höchstzahl>");
+      if (q.max < 0) throw DecodeError{answer_errtext(504, {std::to_string(q.max)})};
+    }
+    break;
+  case 'U':
+    q.kind = ReqKind::SetSecure;
+    q.name = r.name("<Tabellenname>");
+    break;
+  case 'V':
+    q.kind = ReqKind::Stop;
+    break;
+  case 'X':
+    q.kind = ReqKind::SetDatabase;
+    q.name = r.name("<Datenbankname>");
+    break;
+  default:
+    throw DecodeError{answer_errtext(103, {byte_text(cmd)})};
+  }
+  // The close request and the notice get no answer, so their trailing bytes
+  // are ignored rather than answered.
+  if (!r.at_end() && q.kind != ReqKind::Close && q.kind != ReqKind::Notice)
+    throw DecodeError{answer_errtext(104, {std::to_string(r.left())})};
+}
+
+} // namespace
+
+int request_decode(const unsigned char *req, size_t len, Request &out, std::string &err) {
+  Reader r(req, req ? len : 0);
+  try {
+    decode(r, out);
+  } catch (const DecodeError &e) {
+    err = e.text;
+    return 0;
+  }
+  return 1;
+}

@@ -1,0 +1,707 @@
+// Declared attribute types of tavrind: checks, stored forms, answer layouts,
+// Latin-1/UTF-8 conversion and the collation of the system's string rule.
+#include "server/types.h"
+
+#include <sqlite3.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+namespace {
+
+const unsigned char SECTION = 0xA7; // "§", the run marker of escaped binary values
+
+void put16(std::vector<unsigned char> &out, uint16_t v) {
+  out.push_back(static_cast<unsigned char>(v & 0xFF));
+  out.push_back(static_cast<unsigned char>(v >> 8));
+}
+
+void put32(std::vector<unsigned char> &out, uint32_t v) {
+  for (int i = 0; i < 4; ++i) out.push_back(static_cast<unsigned char>(v >> (8 * i)));
+}
+
+std::string trim_blanks(const std::string &s) {
+  size_t b = 0, e = s.size();
+  while (b < e && (s[b] == ' ' || s[b] == '\t')) ++b;
+  while (e > b && (s[e - 1] == ' ' || s[e - 1] == '\t')) --e;
+  return s.substr(b, e - b);
+}
+
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+// Reads exactly n digits at s[pos]; advances pos. Returns false if not digits.
+bool digits(const std::string &s, size_t &pos, size_t n, int &v) {
+  if (pos + n > s.size()) return false;
+  v = 0;
+  for (size_t i = 0; i < n; ++i) {
+    if (!is_digit(s[pos + i])) return false;
+    v = v * 10 + (s[pos + i] - '0');
+  }
+  pos += n;
+  return true;
+}
+
+// Reads one or two digits.
+bool digits12(const std::string &s, size_t &pos, int &v) {
+  if (pos >= s.size() || !is_digit(s[pos])) return false;
+  v = s[pos++] - '0';
+  if (pos < s.size() && is_digit(s[pos])) v = v * 10 + (s[pos++] - '0');
+  return true;
+}
+
+struct DateParts {
+  int y = 1800, mo = 1, d = 1, h = 0, mi = 0, s = 0, us = 0;
+};
+
+// "YYYY-MM-DD", "YYYY.MM.DD" (one-digit month and day allowed) or "YYYYMMDD"
+// at s[pos]; advances pos past the date.
+bool parse_date_at(const std::string &s, size_t &pos, DateParts &p) {
+  size_t q = pos;
+  if (!digits(s, q, 4, p.y)) return false;
+  if (q < s.size() && (s[q] == '-' || s[q] == '.')) {
+    char sep = s[q++];
+    if (!digits12(s, q, p.mo) || q >= s.size() || s[q] != sep) return false;
+    ++q;
+    if (!digits12(s, q, p.d)) return false;
+  } else {
+    if (!digits(s, q, 2, p.mo) || !digits(s, q, 2, p.d)) return false;
+  }
+  pos = q;
+  return true;
+}
+
+bool parse_date(const std::string &s, DateParts &p) {
+  size_t pos = 0;
+  return parse_date_at(s, pos, p) && pos == s.size() && type_date_valid(p.y, p.mo, p.d);
+}
+
+bool time_valid(int h, int m, int s) {
+  return h >= 0 && h < 24 && m >= 0 && m < 60 && s >= 0 && s < 60;
+}
+
+// "HH:MM:SS", exactly eight characters.
+bool parse_time(const std::string &s, DateParts &p) {
+  size_t pos = 0;
+  return s.size() == 8 && digits(s, pos, 2, p.h) && s[pos++] == ':' && digits(s, pos, 2, p.mi) &&
+         s[pos++] == ':' && digits(s, pos, 2, p.s) && time_valid(p.h, p.mi, p.s);
+}
+
+// "YYYY-MM-DD-HH.MM.SS.ffffff", "YYYY-MM-DD HH:MM:SS[.f...]" or a date alone.
+bool parse_timestamp(const std::string &s, DateParts &p) {
+  size_t pos = 0;
+  if (!parse_date_at(s, pos, p) || !type_date_valid(p.y, p.mo, p.d)) return false;
+  if (pos == s.size()) return true;
+  char sep = s[pos++];
+  char tsep;
+  if (sep == '-')
+    tsep = '.';
+  else if (sep == ' ' || sep == 'T')
+    tsep = ':';
+  else
+    return false;
+  if (!digits(s, pos, 2, p.h) || pos >= s.size() || s[pos++] != tsep || !digits(s, pos, 2, p.mi) ||
+      pos >= s.size() || s[pos++] != tsep || !digits(s, pos, 2, p.s))
+    return false;
+  if (!time_valid(p.h, p.mi, p.s)) return false;
+  if (pos == s.size()) return tsep == ':';
+  if (s[pos++] != '.') return false;
+  size_t start = pos;
+  p.us = 0;
+  while (pos < s.size() && is_digit(s[pos]) && pos - start < 6) p.us = p.us * 10 + (s[pos++] - '0');
+  // The system's own form has exactly six digits of microseconds.
+  if (pos != s.size() || pos == start || (tsep == '.' && pos - start != 6)) return false;
+  for (size_t n = pos - start; n < 6; ++n) p.us *= 10;
+  return true;
+}
+
+std::string format_date(const DateParts &p) {
+  char buf[32];
+  snprintf(buf, sizeof buf, "%04d-%02d-%02d", p.y, p.mo, p.d);
+  return buf;
+}
+
+std::string format_time(const DateParts &p) {
+  char buf[32];
+  snprintf(buf, sizeof buf, "%02d:%02d:%02d", p.h, p.mi, p.s);
+  return buf;
+}
+
+std::string format_timestamp(const DateParts &p) {
+  char buf[48];
+  snprintf(buf, sizeof buf, "%04d-%02d-%02d-%02d.%02d.%02d.%06d", p.y, p.mo, p.d, p.h, p.mi, p.s,
+           p.us);
+  return buf;
+}
+
+int hexval(unsigned char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+// Undoes the clients' display escape of binary values. Returns false with err
+// set when an escape is broken.
+bool unescape_binary(const std::string &s, std::vector<unsigned char> &out, std::string &err) {
+  size_t i = 0;
+  while (i < s.size()) {
+    unsigned char c = static_cast<unsigned char>(s[i]);
+    if (c == '$') {
+      if (i + 1 < s.size() && s[i + 1] == '$') {
+        out.push_back('$');
+        i += 2;
+      } else if (i + 2 < s.size() && hexval(s[i + 1]) >= 0 && hexval(s[i + 2]) >= 0) {
+        out.push_back(static_cast<unsigned char>(hexval(s[i + 1]) * 16 + hexval(s[i + 2])));
+        i += 3;
+      } else {
+        err = "'$' an Stelle " + std::to_string(i + 1) + " ohne \"$$\" oder zwei Hexziffern";
+        return false;
+      }
+    } else if (c == SECTION) {
+      if (i + 1 < s.size() && static_cast<unsigned char>(s[i + 1]) == SECTION) {
+        out.push_back(SECTION);
+        i += 2;
+        continue;
+      }
+      size_t j = i + 1;
+      std::vector<unsigned char> run;
+      while (j + 1 < s.size() && hexval(s[j]) >= 0 && hexval(s[j + 1]) >= 0) {
+        run.push_back(static_cast<unsigned char>(hexval(s[j]) * 16 + hexval(s[j + 1])));
+        j += 2;
+      }
+      if (j >= s.size() || static_cast<unsigned char>(s[j]) != SECTION || run.empty()) {
+        err = "'§' an Stelle " + std::to_string(i + 1) +
+              " beginnt keine gültige Folge \"§HH...§\" oder \"§§\"";
+        return false;
+      }
+      out.insert(out.end(), run.begin(), run.end());
+      i = j + 1;
+    } else {
+      out.push_back(c);
+      ++i;
+    }
+  }
+  return true;
+}
+
+// Parses an integer text with optional sign; no other characters.
+bool parse_int64(const std::string &s, int64_t &v) {
+  if (s.empty()) return false;
+  size_t i = 0;
+  bool neg = false;
+  if (s[0] == '-' || s[0] == '+') {
+    neg = s[0] == '-';
+    i = 1;
+  }
+  if (i >= s.size() || s.size() - i > 12) return false;
+  int64_t r = 0;
+  for (; i < s.size(); ++i) {
+    if (!is_digit(s[i])) return false;
+    r = r * 10 + (s[i] - '0');
+  }
+  v = neg ? -r : r;
+  return true;
+}
+
+bool parse_double(const std::string &s, double &v) {
+  if (s.empty()) return false;
+  for (char c : s)
+    if (!(is_digit(c) || c == '.' || c == '-' || c == '+' || c == 'e' || c == 'E')) return false;
+  char *end = nullptr;
+  v = strtod(s.c_str(), &end);
+  return end == s.c_str() + s.size() && std::isfinite(v);
+}
+
+int check_integer(ColType t, const Literal &lit, SqlValue &out, std::string &err) {
+  int64_t lo = t.code == TYPE_SMALLINT ? -32768 : std::numeric_limits<int32_t>::min();
+  int64_t hi = t.code == TYPE_SMALLINT ? 32767 : std::numeric_limits<int32_t>::max();
+  int64_t v = 0;
+  switch (lit.kind) {
+  case Literal::INT:
+    v = lit.i;
+    break;
+  case Literal::FLOAT:
+    if (!std::isfinite(lit.f) || std::trunc(lit.f) != lit.f || lit.f < -1e15 || lit.f > 1e15) {
+      err = "Wert " + type_literal_text(lit) + " ist keine ganze Zahl";
+      return 0;
+    }
+    v = static_cast<int64_t>(lit.f);
+    break;
+  case Literal::STRING: {
+    std::string s = trim_blanks(lit.s);
+    if (s.empty()) {
+      out = static_cast<int64_t>(t.code == TYPE_SMALLINT ? NULL_SMALLINT : NULL_INTEGER);
+      return 1;
+    }
+    if (!parse_int64(s, v)) {
+      err = "Wert '" + lit.s + "' ist keine ganze Zahl";
+      return 0;
+    }
+    break;
+  }
+  }
+  if (v < lo || v > hi) {
+    err = "Wert " + std::to_string(v) + " liegt außerhalb von " + type_name(t.code) + " (" +
+          std::to_string(lo) + " bis " + std::to_string(hi) + ")";
+    return 0;
+  }
+  out = v;
+  return 1;
+}
+
+// Decodes one UTF-8 character at s[i] (i < n) into a Latin-1 code; characters
+// beyond Latin-1 give '?', bytes that are not valid UTF-8 stand for
+// themselves. Advances i.
+unsigned char next_latin1(const unsigned char *s, size_t n, size_t &i) {
+  unsigned char c = s[i];
+  if (c < 0x80) {
+    ++i;
+    return c;
+  }
+  int len = c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC0 ? 2 : 0;
+  if (len == 0 || i + len > n) {
+    ++i;
+    return c;
+  }
+  uint32_t cp = c & (0x7F >> len);
+  for (int k = 1; k < len; ++k) {
+    if ((s[i + k] & 0xC0) != 0x80) {
+      ++i;
+      return c;
+    }
+    cp = (cp << 6) | (s[i + k] & 0x3F);
+  }
+  i += len;
+  return cp <= 0xFF ? static_cast<unsigned char>(cp) : '?';
+}
+
+// One character of the string rule: ASCII upper case, then Ä, Ö, Ü to A, O, U;
+// the result is compared as a signed byte.
+signed char fold(unsigned char c) {
+  if (c >= 'a' && c <= 'z') c = static_cast<unsigned char>(c - 'a' + 'A');
+  if (c == 196) c = 'A';
+  if (c == 214) c = 'O';
+  if (c == 220) c = 'U';
+  return static_cast<signed char>(c);
+}
+
+int collate_tavrin(void *, int na, const void *a, int nb, const void *b) {
+  auto pa = static_cast<const unsigned char *>(a);
+  auto pb = static_cast<const unsigned char *>(b);
+  size_t la = static_cast<size_t>(na), lb = static_cast<size_t>(nb);
+  while (la > 0 && pa[la - 1] == ' ') --la;
+  while (lb > 0 && pb[lb - 1] == ' ') --lb;
+  size_t i = 0, j = 0;
+  while (i < la && j < lb) {
+    signed char ca = fold(next_latin1(pa, la, i));
+    signed char cb = fold(next_latin1(pb, lb, j));
+    if (ca != cb) return ca < cb ? -1 : 1;
+  }
+  if (i < la) return 1;
+  if (j < lb) return -1;
+  return 0;
+}
+
+} // namespace
+
+bool type_date_valid(int y, int m, int d) {
+  static const int days[13] = {0, 31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  if (y < 1800 || y > 2800 || m < 1 || m > 12 || d < 1) return false;
+  int last = days[m] + (m == 2 && y % 4 == 0 ? 1 : 0);
+  return d <= last;
+}
+
+bool type_code_valid(unsigned char code) {
+  return (code >= TYPE_CHARACTER && code <= TYPE_TIMESTAMP) || code == TYPE_BINARY;
+}
+
+ColType type_make(unsigned char code, int32_t length) {
+  ColType t;
+  t.code = code;
+  switch (code) {
+  case TYPE_SMALLINT:
+    t.size = 2;
+    break;
+  case TYPE_INTEGER:
+    t.size = 4;
+    break;
+  case TYPE_FLOAT:
+    t.size = 8;
+    break;
+  case TYPE_DATE:
+    t.size = 4;
+    break;
+  case TYPE_TIME:
+    t.size = 3;
+    break;
+  case TYPE_TIMESTAMP:
+    t.size = 12;
+    break;
+  default:
+    t.size = length;
+    break;
+  }
+  return t;
+}
+
+const char *type_name(unsigned char code) {
+  switch (code) {
+  case TYPE_CHARACTER:
+    return "CHARACTER";
+  case TYPE_SMALLINT:
+    return "SMALLINT";
+  case TYPE_INTEGER:
+    return "INTEGER";
+  case TYPE_FLOAT:
+    return "FLOAT";
+  case TYPE_DATE:
+    return "DATE";
+  case TYPE_TIME:
+    return "TIME";
+  case TYPE_TIMESTAMP:
+    return "TIMESTAMP";
+  case TYPE_BINARY:
+    return "BINARY";
+  default:
+    return "?";
+  }
+}
+
+std::string type_declaration(ColType t, bool not_null) {
+  std::string d = type_name(t.code);
+  std::string def;
+  switch (t.code) {
+  case TYPE_CHARACTER:
+    d += "(" + std::to_string(t.size) + ") COLLATE RTRIM";
+    def = "''";
+    break;
+  case TYPE_BINARY:
+    d += "(" + std::to_string(t.size) + ")";
+    def = "X''";
+    break;
+  case TYPE_SMALLINT:
+    def = "-32768";
+    break;
+  case TYPE_INTEGER:
+    def = "-2147483647";
+    break;
+  case TYPE_FLOAT:
+    def = "-1e20";
+    break;
+  case TYPE_DATE:
+    def = "'1800-01-01'";
+    break;
+  case TYPE_TIME:
+    def = "'00:00:00'";
+    break;
+  case TYPE_TIMESTAMP:
+    def = "'1800-01-01-00.00.00.000000'";
+    break;
+  default:
+    break;
+  }
+  if (not_null) d += " NOT NULL";
+  d += " DEFAULT " + def;
+  return d;
+}
+
+ColType type_from_declaration(const std::string &decl) {
+  std::string u;
+  for (char c : decl) u += static_cast<char>(c >= 'a' && c <= 'z' ? c - 'a' + 'A' : c);
+  auto length_of = [&](size_t after, int32_t fallback, int32_t max) {
+    size_t open = u.find('(', after);
+    if (open == std::string::npos) return fallback;
+    long v = strtol(u.c_str() + open + 1, nullptr, 10);
+    return v >= 1 && v <= max ? static_cast<int32_t>(v) : fallback;
+  };
+  if (u.rfind("CHARACTER", 0) == 0)
+    return type_make(TYPE_CHARACTER, length_of(9, 256, TYPE_MAX_CHARACTER));
+  if (u.rfind("BINARY", 0) == 0)
+    return type_make(TYPE_BINARY, length_of(6, 65533, TYPE_MAX_BINARY));
+  if (u == "SMALLINT") return type_make(TYPE_SMALLINT, 0);
+  if (u == "DATE") return type_make(TYPE_DATE, 0);
+  if (u == "TIMESTAMP") return type_make(TYPE_TIMESTAMP, 0);
+  if (u == "TIME") return type_make(TYPE_TIME, 0);
+  if (u.find("INT") != std::string::npos) return type_make(TYPE_INTEGER, 0);
+  if (u.find("CHAR") != std::string::npos || u.find("TEXT") != std::string::npos ||
+      u.find("CLOB") != std::string::npos)
+    return type_make(TYPE_CHARACTER, 256);
+  if (u.find("REAL") != std::string::npos || u.find("FLOA") != std::string::npos ||
+      u.find("DOUB") != std::string::npos)
+    return type_make(TYPE_FLOAT, 0);
+  if (u.find("BLOB") != std::string::npos) return type_make(TYPE_BINARY, TYPE_MAX_BINARY);
+  return type_make(TYPE_CHARACTER, 256);
+}
+
+std::string type_literal_text(const Literal &lit) {
+  char buf[64];
+  switch (lit.kind) {
+  case Literal::INT:
+    return std::to_string(lit.i);
+  case Literal::FLOAT:
+    snprintf(buf, sizeof buf, "%.15g", lit.f);
+    return buf;
+  case Literal::STRING:
+    return lit.s;
+  }
+  return "";
+}
+
+int type_bind(sqlite3_stmt *stmt, int idx, const SqlValue &v) {
+  switch (v.index()) {
+  case 0:
+    return sqlite3_bind_null(stmt, idx);
+  case 1:
+    return sqlite3_bind_int64(stmt, idx, std::get<int64_t>(v));
+  case 2:
+    return sqlite3_bind_double(stmt, idx, std::get<double>(v));
+  case 3: {
+    const std::string &s = std::get<std::string>(v);
+    return sqlite3_bind_text(stmt, idx, s.data(), static_cast<int>(s.size()), SQLITE_TRANSIENT);
+  }
+  default: {
+    const auto &b = std::get<SqlBlob>(v).bytes;
+    return sqlite3_bind_blob(stmt, idx, b.empty() ? "" : static_cast<const void *>(b.data()),
+                             static_cast<int>(b.size()), SQLITE_TRANSIENT);
+  }
+  }
+}
+
+int type_check_value(ColType t, const Literal &lit, SqlValue &out, std::string &err) {
+  if (lit.kind == Literal::STRING && lit.s.find('\0') != std::string::npos) {
+    err = "Text enthält ein Null-Byte";
+    return 0;
+  }
+  if (lit.kind == Literal::FLOAT && !std::isfinite(lit.f)) {
+    err = "Wert ist keine endliche Zahl";
+    return 0;
+  }
+  DateParts p;
+  switch (t.code) {
+  case TYPE_CHARACTER: {
+    std::string s = type_literal_text(lit);
+    if (static_cast<int64_t>(s.size()) > t.size - 1) {
+      err = "Wert ist zu lang für CHARACTER(" + std::to_string(t.size) +
+            "): " + std::to_string(s.size()) + " Zeichen, höchstens " + std::to_string(t.size - 1);
+      return 0;
+    }
+    out = latin1_to_utf8(s);
+    return 1;
+  }
+  case TYPE_SMALLINT:
+  case TYPE_INTEGER:
+    return check_integer(t, lit, out, err);
+  case TYPE_FLOAT: {
+    if (lit.kind == Literal::INT) {
+      out = static_cast<double>(lit.i);
+    } else if (lit.kind == Literal::FLOAT) {
+      out = lit.f;
+    } else {
+      std::string s = trim_blanks(lit.s);
+      double v = 0;
+      if (s.empty()) {
+        out = NULL_FLOAT;
+      } else if (parse_double(s, v)) {
+        out = v;
+      } else {
+        err = "Wert '" + lit.s + "' ist keine Zahl";
+        return 0;
+      }
+    }
+    return 1;
+  }
+  case TYPE_DATE: {
+    std::string s = trim_blanks(type_literal_text(lit));
+    if (s.empty() && lit.kind == Literal::STRING) {
+      out = std::string("1800-01-01");
+      return 1;
+    }
+    if (!parse_date(s, p)) {
+      err = "Wert '" + type_literal_text(lit) +
+            "' ist kein gültiges Datum (JJJJ-MM-TT von 1800-01-01 bis 2800-12-31)";
+      return 0;
+    }
+    out = format_date(p);
+    return 1;
+  }
+  case TYPE_TIME: {
+    std::string s = trim_blanks(type_literal_text(lit));
+    if (s.empty() && lit.kind == Literal::STRING) {
+      out = std::string("00:00:00");
+      return 1;
+    }
+    if (lit.kind != Literal::STRING || !parse_time(s, p)) {
+      err = "Wert '" + type_literal_text(lit) + "' ist keine gültige Uhrzeit (HH:MM:SS)";
+      return 0;
+    }
+    out = format_time(p);
+    return 1;
+  }
+  case TYPE_TIMESTAMP: {
+    std::string s = trim_blanks(type_literal_text(lit));
+    if (s.empty() && lit.kind == Literal::STRING) {
+      out = std::string("1800-01-01-00.00.00.000000");
+      return 1;
+    }
+    if (lit.kind != Literal::STRING || !parse_timestamp(s, p)) {
+      err = "Wert '" + type_literal_text(lit) +
+            "' ist kein gültiger Zeitstempel (JJJJ-MM-TT-HH.MM.SS.UUUUUU)";
+      return 0;
+    }
+    out = format_timestamp(p);
+    return 1;
+  }
+  case TYPE_BINARY: {
+    if (lit.kind != Literal::STRING) {
+      err = "BINARY nimmt nur Texte in der Anzeigeform an";
+      return 0;
+    }
+    SqlBlob b;
+    if (!unescape_binary(lit.s, b.bytes, err)) return 0;
+    if (static_cast<int64_t>(b.bytes.size()) > t.size) {
+      err = "Wert ist zu lang für BINARY(" + std::to_string(t.size) +
+            "): " + std::to_string(b.bytes.size()) + " Bytes";
+      return 0;
+    }
+    out = std::move(b);
+    return 1;
+  }
+  default:
+    err = "unbekannter Typ";
+    return 0;
+  }
+}
+
+void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt *stmt, int col) {
+  int st = sqlite3_column_type(stmt, col);
+  bool null = st == SQLITE_NULL;
+  switch (t.code) {
+  case TYPE_SMALLINT: {
+    int64_t v = null ? NULL_SMALLINT : sqlite3_column_int64(stmt, col);
+    if (v < -32768) v = -32768;
+    if (v > 32767) v = 32767;
+    put16(out, 2);
+    put16(out, static_cast<uint16_t>(static_cast<int16_t>(v)));
+    return;
+  }
+  case TYPE_INTEGER: {
+    int64_t v = null ? NULL_INTEGER : sqlite3_column_int64(stmt, col);
+    if (v < std::numeric_limits<int32_t>::min()) v = std::numeric_limits<int32_t>::min();
+    if (v > std::numeric_limits<int32_t>::max()) v = std::numeric_limits<int32_t>::max();
+    put16(out, 4);
+    put32(out, static_cast<uint32_t>(static_cast<int32_t>(v)));
+    return;
+  }
+  case TYPE_FLOAT: {
+    double v = null ? NULL_FLOAT : sqlite3_column_double(stmt, col);
+    uint64_t bits;
+    memcpy(&bits, &v, 8);
+    put16(out, 8);
+    put32(out, static_cast<uint32_t>(bits));
+    put32(out, static_cast<uint32_t>(bits >> 32));
+    return;
+  }
+  case TYPE_DATE:
+  case TYPE_TIME:
+  case TYPE_TIMESTAMP: {
+    DateParts p;
+    if (!null) {
+      const unsigned char *txt = sqlite3_column_text(stmt, col);
+      std::string s = txt ? std::string(reinterpret_cast<const char *>(txt)) : std::string();
+      bool ok = t.code == TYPE_DATE   ? parse_date(s.substr(0, 10), p)
+                : t.code == TYPE_TIME ? parse_time(s, p)
+                                      : parse_timestamp(s, p);
+      if (!ok) p = DateParts();
+    }
+    if (t.code == TYPE_DATE) {
+      put16(out, 4);
+      put16(out, static_cast<uint16_t>(p.y));
+      out.push_back(static_cast<unsigned char>(p.mo));
+      out.push_back(static_cast<unsigned char>(p.d));
+    } else if (t.code == TYPE_TIME) {
+      put16(out, 3);
+      out.push_back(static_cast<unsigned char>(p.h));
+      out.push_back(static_cast<unsigned char>(p.mi));
+      out.push_back(static_cast<unsigned char>(p.s));
+    } else {
+      put16(out, 12);
+      put16(out, static_cast<uint16_t>(p.y));
+      out.push_back(static_cast<unsigned char>(p.mo));
+      out.push_back(static_cast<unsigned char>(p.d));
+      out.push_back(static_cast<unsigned char>(p.h));
+      out.push_back(static_cast<unsigned char>(p.mi));
+      out.push_back(static_cast<unsigned char>(p.s));
+      out.push_back(0);
+      put32(out, static_cast<uint32_t>(p.us));
+    }
+    return;
+  }
+  case TYPE_BINARY: {
+    size_t n = 0;
+    const unsigned char *b = nullptr;
+    if (!null) {
+      b = static_cast<const unsigned char *>(sqlite3_column_blob(stmt, col));
+      n = static_cast<size_t>(sqlite3_column_bytes(stmt, col));
+    }
+    if (n > TYPE_MAX_BINARY) n = TYPE_MAX_BINARY;
+    put16(out, static_cast<uint16_t>(n + 2));
+    put16(out, static_cast<uint16_t>(n));
+    if (n) out.insert(out.end(), b, b + n);
+    return;
+  }
+  default: { // CHARACTER
+    std::string s;
+    if (!null) {
+      const unsigned char *txt = sqlite3_column_text(stmt, col);
+      int n = sqlite3_column_bytes(stmt, col);
+      if (txt) s = utf8_to_latin1(reinterpret_cast<const char *>(txt), static_cast<size_t>(n));
+    }
+    size_t z = s.find('\0');
+    if (z != std::string::npos) s.resize(z);
+    if (s.size() > 65534) s.resize(65534);
+    put16(out, static_cast<uint16_t>(s.size() + 1));
+    out.insert(out.end(), s.begin(), s.end());
+    out.push_back(0);
+    return;
+  }
+  }
+}
+
+std::string latin1_to_utf8(const std::string &s) {
+  std::string r;
+  r.reserve(s.size() + s.size() / 8);
+  for (char ch : s) {
+    unsigned char c = static_cast<unsigned char>(ch);
+    if (c < 0x80) {
+      r += static_cast<char>(c);
+    } else {
+      r += static_cast<char>(0xC0 | (c >> 6));
+      r += static_cast<char>(0x80 | (c & 0x3F));
+    }
+  }
+  return r;
+}
+
+std::string utf8_to_latin1(const char *s, size_t n) {
+  std::string r;
+  r.reserve(n);
+  auto p = reinterpret_cast<const unsigned char *>(s);
+  size_t i = 0;
+  while (i < n) r += static_cast<char>(next_latin1(p, n, i));
+  return r;
+}
+
+int type_text_compare(const unsigned char *a, size_t na, const unsigned char *b, size_t nb) {
+  // Work on the UTF-8 forms so that the collation and this entry agree.
+  std::string ua = latin1_to_utf8(std::string(reinterpret_cast<const char *>(a), na));
+  std::string ub = latin1_to_utf8(std::string(reinterpret_cast<const char *>(b), nb));
+  return collate_tavrin(nullptr, static_cast<int>(ua.size()), ua.data(),
+                        static_cast<int>(ub.size()), ub.data());
+}
+
+int type_register_collation(sqlite3 *db) {
+  return sqlite3_create_collation_v2(db, "TAVRIN", SQLITE_UTF8, nullptr, collate_tavrin, nullptr);
+}

@@ -1,0 +1,334 @@
+// Every statement kind through the executor, with the answers checked value by
+// value: queries, changes, schema statements, cursors, transactions between
+// channels, databases created, saved and dropped, and the error answers.
+#include "tests/server/executor_testutil.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+namespace exectest {
+namespace {
+
+class StatementsTest : public ExecutorTest {
+protected:
+  void SetUp() override {
+    ExecutorTest::SetUp();
+    good("CREATE DATABASE SHOP");
+    good("CREATE TABLE KUNDE (KUNDE_ID INTEGER NOT NULL, NAME CHARACTER(21), ORT CHARACTER(21))");
+    good("CREATE TABLE AUFTRAG (AUFTRAG_ID INTEGER NOT NULL, KUNDE_ID INTEGER, BETRAG FLOAT, "
+         "DATUM DATE)");
+    good("CREATE UNIQUE INDEX KUNDE_PK ON KUNDE (KUNDE_ID)");
+    good("INSERT INTO KUNDE VALUES (1, 'Müller', 'Köln')");
+    good("INSERT INTO KUNDE VALUES (2, 'Schmidt', 'Berlin')");
+    good("INSERT INTO KUNDE VALUES (3, 'Weber', 'Köln')");
+    good("INSERT INTO AUFTRAG VALUES (10, 1, 100.5, '2003-07-12')");
+    good("INSERT INTO AUFTRAG VALUES (11, 1, 20, '2003-08-01')");
+    good("INSERT INTO AUFTRAG VALUES (12, 2, 7.25, '2004-01-02')");
+  }
+  std::vector<int32_t> ids(const std::string &select) {
+    Answer a = good(select);
+    std::vector<int32_t> r;
+    for (size_t i = 0; i < a.rows.size(); ++i) r.push_back(a.i32(i, 0));
+    return r;
+  }
+  using V = std::vector<int32_t>;
+};
+
+TEST_F(StatementsTest, SelectListsJoinsAndConditions) {
+  Answer a = good("SELECT DISTINCT ORT FROM KUNDE ORDER BY ORT");
+  EXPECT_EQ(a.texts(0), (std::vector<std::string>{"Berlin", "K\xF6ln"}));
+  a = good("SELECT COUNT(*), MIN(BETRAG), MAX(DATUM) FROM AUFTRAG");
+  EXPECT_EQ(a.cols[0].name, "COUNT(*)");
+  EXPECT_EQ(a.cols[0].type, '2');
+  EXPECT_EQ(a.cols[1].name, "MIN(BETRAG)");
+  EXPECT_EQ(a.i32(0, 0), 3);
+  EXPECT_EQ(a.f64(0, 1), 7.25);
+  EXPECT_EQ(a.when(0, 2), "2004-01-02");
+  a = good("SELECT k.NAME, a.* FROM KUNDE k, AUFTRAG a WHERE k.KUNDE_ID = a.KUNDE_ID "
+           "ORDER BY a.BETRAG DESC");
+  ASSERT_EQ(a.cols.size(), 5u);
+  EXPECT_EQ(a.cols[1].name, "AUFTRAG_ID");
+  EXPECT_EQ(a.texts(0), (std::vector<std::string>{"M\xFCller", "M\xFCller", "Schmidt"}));
+  EXPECT_EQ(a.i32(0, 1), 10);
+  EXPECT_EQ(good("SELECT * FROM KUNDE, AUFTRAG").cols.size(), 7u);
+
+  EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE WHERE ORT = 'Köln' AND NOT NAME LIKE 'W%'"), V{1});
+  EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE WHERE KUNDE_ID = 3 OR (ORT = 'Berlin' AND "
+                "KUNDE_ID > 1) ORDER BY KUNDE_ID DESC"),
+            (V{3, 2}));
+  EXPECT_EQ(ids("SELECT AUFTRAG_ID FROM AUFTRAG WHERE BETRAG BETWEEN 10 AND 100.5 ORDER BY "
+                "AUFTRAG_ID"),
+            (V{10, 11}));
+  EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE WHERE KUNDE_ID IN (3, 2, 9) ORDER BY KUNDE_ID"),
+            (V{2, 3}));
+  EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE WHERE KUNDE_ID IN (SELECT KUNDE_ID FROM AUFTRAG "
+                "WHERE BETRAG < 50) ORDER BY KUNDE_ID"),
+            (V{1, 2}));
+  EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE k WHERE NOT EXISTS (SELECT * FROM AUFTRAG a WHERE "
+                "a.KUNDE_ID = k.KUNDE_ID)"),
+            V{3});
+  EXPECT_EQ(ids("SELECT AUFTRAG_ID FROM AUFTRAG WHERE BETRAG = (SELECT MAX(BETRAG) FROM "
+                "AUFTRAG)"),
+            V{10});
+  EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE WHERE KUNDE.KUNDE_ID <= 2 ORDER BY KUNDE.NAME"),
+            (V{1, 2}));
+
+  // MAX n limits the rows of a SELECT; MAX alone lifts the limit.
+  EXPECT_EQ(good("MAX 2").kind, '1');
+  EXPECT_EQ(good("SELECT * FROM KUNDE").rows.size(), 2u);
+  good("MAX");
+  EXPECT_EQ(good("SELECT * FROM KUNDE").rows.size(), 3u);
+}
+
+TEST_F(StatementsTest, NamesThatDoNotResolveAreRefused) {
+  EXPECT_EQ(bad("SELECT * FROM KUNDEN"), "(TAVRIN 301) Tabelle KUNDEN existiert nicht");
+  EXPECT_EQ(bad("SELECT NAMEN FROM KUNDE"), "(TAVRIN 303) Attribut NAMEN existiert nicht");
+  EXPECT_EQ(bad("SELECT KUNDE_ID FROM KUNDE, AUFTRAG"),
+            "(TAVRIN 304) Attribut KUNDE_ID ist mehrdeutig (in KUNDE, AUFTRAG)");
+  EXPECT_EQ(bad("SELECT x.NAME FROM KUNDE"),
+            "(TAVRIN 310) Tabelle oder Alias X kommt in der Abfrage nicht vor");
+  EXPECT_EQ(bad("SELECT k.BETRAG FROM KUNDE k"), "(TAVRIN 303) Attribut K.BETRAG existiert nicht");
+  EXPECT_EQ(bad("SELECT * FROM KUNDE k, AUFTRAG k"),
+            "(TAVRIN 311) Tabelle oder Alias K ist in FROM mehrfach angegeben");
+  EXPECT_EQ(bad("SELECT * FROM KUNDE WHERE KUNDE_ID IN (SELECT * FROM AUFTRAG)"),
+            "(TAVRIN 506) Unterabfrage muss genau ein Attribut liefern");
+  EXPECT_EQ(bad("UPDATE KUNDE SET PLZ = '1'"), "(TAVRIN 303) Attribut PLZ existiert nicht");
+  EXPECT_EQ(bad("INSERT INTO KUNDE (NAME, NAME) VALUES ('a', 'b')"),
+            "(TAVRIN 305) Attribut NAME ist mehrfach angegeben");
+  EXPECT_EQ(bad("INSERT INTO KUNDE VALUES (4, 'a', 'b', 'c')"),
+            "(TAVRIN 404) Tabelle KUNDE hat 3 Attribute, angegeben sind 4 Werte");
+  EXPECT_EQ(bad("SELECT * FROM sqlite_schema"),
+            "(TAVRIN 301) Tabelle SQLITE_SCHEMA existiert nicht");
+}
+
+TEST_F(StatementsTest, ChangesAnswerTheirCountsAndKeepIndicesAndStaticTables) {
+  EXPECT_EQ(good("UPDATE KUNDE SET ORT = 'Bonn' WHERE ORT = 'Köln'").count, 2);
+  EXPECT_EQ(good("UPDATE KUNDE SET ORT = 'Bonn' WHERE KUNDE_ID = 99").count, 0);
+  EXPECT_EQ(good("DELETE FROM AUFTRAG WHERE KUNDE_ID = 1").count, 2);
+  EXPECT_EQ(good("DELETE FROM AUFTRAG").count, 1);
+  EXPECT_EQ(good("INSERT INTO AUFTRAG (AUFTRAG_ID) VALUES (1)").count, 1);
+
+  EXPECT_EQ(bad("INSERT INTO KUNDE VALUES (2, 'Doppelt', '')"),
+            "(TAVRIN 405) Eindeutiger Index KUNDE_PK verletzt: der Wert existiert bereits");
+  EXPECT_EQ(bad("UPDATE KUNDE SET KUNDE_ID = 1"),
+            "(TAVRIN 405) Eindeutiger Index KUNDE_PK verletzt: der Wert existiert bereits");
+  good("INSERT INTO AUFTRAG (AUFTRAG_ID) VALUES (1)");
+  EXPECT_EQ(bad("CREATE UNIQUE INDEX AUFTRAG_PK ON AUFTRAG (AUFTRAG_ID)"),
+            "(TAVRIN 406) Eindeutiger Index AUFTRAG_PK kann nicht angelegt werden: Tabelle "
+            "AUFTRAG enthält doppelte Werte");
+  good("CREATE INDEX AUFTRAG_K ON AUFTRAG (KUNDE_ID, DATUM)");
+  EXPECT_EQ(bad("CREATE INDEX AUFTRAG_K ON KUNDE (NAME)"),
+            "(TAVRIN 308) Der Name AUFTRAG_K ist bereits vergeben");
+  EXPECT_EQ(bad("CREATE TABLE KUNDE (A SMALLINT)"), "(TAVRIN 302) Tabelle KUNDE existiert bereits");
+  EXPECT_EQ(bad("CREATE TABLE X (A SMALLINT, A INTEGER)"),
+            "(TAVRIN 305) Attribut A ist mehrfach angegeben");
+  EXPECT_EQ(bad("DROP INDEX NIX"), "(TAVRIN 307) Index NIX existiert nicht");
+  good("DROP INDEX AUFTRAG_K");
+
+  good("SET TABLE KUNDE STATIC");
+  const char *refused = "(TAVRIN 306) Tabelle KUNDE ist statisch und kann nicht geändert werden";
+  EXPECT_EQ(bad("INSERT INTO KUNDE VALUES (7, 'x', 'y')"), refused);
+  EXPECT_EQ(bad("UPDATE KUNDE SET NAME = 'x'"), refused);
+  EXPECT_EQ(bad("DELETE FROM KUNDE"), refused);
+  EXPECT_EQ(bad("DROP TABLE KUNDE"), refused);
+  EXPECT_EQ(good("SELECT COUNT(*) FROM KUNDE").i32(0, 0), 3);
+  good("SET TABLE KUNDE SECURE");
+  EXPECT_EQ(good("DELETE FROM KUNDE WHERE KUNDE_ID = 3").count, 1);
+  good("DROP TABLE KUNDE");
+  EXPECT_EQ(bad("SELECT * FROM KUNDE"), "(TAVRIN 301) Tabelle KUNDE existiert nicht");
+}
+
+TEST_F(StatementsTest, ShowListsDatabasesTablesAttributesAndIndices) {
+  Answer a = good("SHOW DATABASES");
+  EXPECT_EQ(a.texts(0), (std::vector<std::string>{"DEMO", "SHOP", "TDSYS"}));
+  EXPECT_EQ(a.cols[0].name, "DATABASE");
+  good("SET TABLE AUFTRAG STATIC");
+  a = good("SHOW TABLES");
+  EXPECT_EQ(a.texts(0), (std::vector<std::string>{"AUFTRAG", "KUNDE"}));
+  EXPECT_EQ(a.i16(0, 1), 4);
+  EXPECT_EQ(a.texts(2), (std::vector<std::string>{"STATIC", "SECURE"}));
+  a = good("SHOW TABLE KUNDE");
+  EXPECT_EQ(a.texts(0), (std::vector<std::string>{"KUNDE_ID", "NAME", "ORT"}));
+  EXPECT_EQ(a.texts(1), (std::vector<std::string>{"INTEGER", "CHARACTER", "CHARACTER"}));
+  EXPECT_EQ(a.i32(1, 2), 21);
+  EXPECT_EQ(a.texts(3), (std::vector<std::string>{"JA", "NEIN", "NEIN"}));
+  good("CREATE INDEX AUFTRAG_K ON AUFTRAG (KUNDE_ID, DATUM)");
+  a = good("SHOW INDICES");
+  EXPECT_EQ(a.texts(0), (std::vector<std::string>{"AUFTRAG_K", "KUNDE_PK"}));
+  EXPECT_EQ(a.texts(3), (std::vector<std::string>{"KUNDE_ID,DATUM", "KUNDE_ID"}));
+  EXPECT_EQ(a.texts(2), (std::vector<std::string>{"NEIN", "JA"}));
+  EXPECT_EQ(good("SHOW INDICES ON TABLE KUNDE").texts(0), (std::vector<std::string>{"KUNDE_PK"}));
+  a = good("SHOW INDEX AUFTRAG_K");
+  EXPECT_EQ(a.texts(4), (std::vector<std::string>{"KUNDE_ID", "DATUM"}));
+  EXPECT_EQ(a.i16(1, 3), 2);
+  EXPECT_EQ(bad("SHOW TABLE NIX"), "(TAVRIN 301) Tabelle NIX existiert nicht");
+}
+
+TEST_F(StatementsTest, CursorsFetchInBlocksOfMax) {
+  good("DECLARE C1 CURSOR FOR SELECT KUNDE_ID FROM KUNDE ORDER BY KUNDE_ID");
+  EXPECT_EQ(bad("DECLARE C1 CURSOR FOR SELECT * FROM KUNDE"),
+            "(TAVRIN 503) Cursor C1 existiert bereits");
+  Answer a = good("FETCH C1");
+  EXPECT_EQ(a.kind, '4');
+  EXPECT_EQ(a.i32(0, 0), 1);
+  good("MAX 5");
+  a = good("FETCH C1");
+  EXPECT_EQ(a.rows.size(), 2u);
+  EXPECT_EQ(a.i32(1, 0), 3);
+  a = good("FETCH ALL IN C1");
+  EXPECT_EQ(a.kind, '4');
+  EXPECT_TRUE(a.rows.empty());
+  EXPECT_EQ(a.cols.size(), 1u);
+  good("CLOSE C1");
+  EXPECT_EQ(bad("FETCH C1"), "(TAVRIN 502) Cursor C1 existiert nicht");
+  EXPECT_EQ(bad("CLOSE C1"), "(TAVRIN 502) Cursor C1 existiert nicht");
+  good("DECLARE C2 CURSOR FOR SELECT NAME FROM KUNDE WHERE ORT = 'Köln'");
+  EXPECT_EQ(good("FETCH ALL IN C2").rows.size(), 2u);
+}
+
+TEST_F(StatementsTest, TransactionsAndLocksBetweenChannels) {
+  open("SHOP", 1);
+  good("BEGIN");
+  EXPECT_EQ(bad("BEGIN"), "(TAVRIN 501) Es ist bereits eine Transaktion offen");
+  good("INSERT INTO KUNDE VALUES (4, 'Neu', 'Ulm')");
+  // A failing statement is undone alone; the transaction goes on.
+  bad("INSERT INTO KUNDE VALUES (4, 'Doppelt', 'Ulm')");
+  EXPECT_EQ(good("SELECT COUNT(*) FROM KUNDE").i32(0, 0), 4);
+  // The other channel sees the committed state and must wait to write.
+  EXPECT_EQ(good("SELECT COUNT(*) FROM KUNDE", 1).i32(0, 0), 3);
+  Bytes insert = encode("INSERT INTO KUNDE VALUES (5, 'Zweiter', 'Hof')");
+  EXPECT_TRUE(raw(insert, 1, EXEC_WOULD_BLOCK).empty());
+  EXPECT_TRUE(raw(encode("CREATE TABLE X (A SMALLINT)"), 1, EXEC_WOULD_BLOCK).empty());
+  good("ABORT");
+  EXPECT_EQ(good("SELECT COUNT(*) FROM KUNDE").i32(0, 0), 3);
+  // The retried request now goes through.
+  EXPECT_EQ(run(insert, 1).count, 1);
+
+  good("BEGIN", 1);
+  good("DELETE FROM AUFTRAG", 1);
+  good("END", 1);
+  EXPECT_EQ(good("SELECT COUNT(*) FROM AUFTRAG").i32(0, 0), 0);
+  // COMMIT and ABORT outside a transaction have nothing to do.
+  good("COMMIT");
+  good("ABORT");
+  // A channel that ends rolls its transaction back.
+  good("BEGIN", 1);
+  good("DELETE FROM KUNDE", 1);
+  channels[1].reset();
+  EXPECT_EQ(good("SELECT COUNT(*) FROM KUNDE").i32(0, 0), 4);
+}
+
+TEST_F(StatementsTest, DatabasesAreCreatedSavedSwitchedAndDropped) {
+  EXPECT_EQ(bad("CREATE DATABASE SHOP"), "(TAVRIN 203) Datenbank SHOP existiert bereits");
+  EXPECT_EQ(bad("SET DATABASE NIX"), "(TAVRIN 202) Datenbank NIX existiert nicht");
+  EXPECT_EQ(good("SELECT COUNT(*) FROM KUNDE").i32(0, 0), 3) << "a failed switch keeps SHOP";
+
+  good("SAVE DATABASE");
+  std::vector<std::string> saved;
+  for (const auto &e : std::filesystem::directory_iterator(dir + "/backup"))
+    saved.push_back(e.path().string());
+  ASSERT_EQ(saved.size(), 1u);
+  EXPECT_NE(saved[0].find("/backup/SHOP_"), std::string::npos);
+  sqlite3 *copy = nullptr;
+  ASSERT_EQ(sqlite3_open_v2(saved[0].c_str(), &copy, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+  sqlite3_stmt *s = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(copy, "SELECT NAME FROM KUNDE WHERE KUNDE_ID = 1", -1, &s, nullptr),
+            SQLITE_OK);
+  ASSERT_EQ(sqlite3_step(s), SQLITE_ROW);
+  EXPECT_STREQ(reinterpret_cast<const char *>(sqlite3_column_text(s, 0)), "M\xC3\xBCller");
+  sqlite3_finalize(s);
+  sqlite3_close(copy);
+
+  // In use by another channel: not dropped.
+  open("SHOP", 1);
+  EXPECT_EQ(bad("DROP DATABASE"),
+            "(TAVRIN 204) Datenbank SHOP wird noch von 1 anderen Verbindungen benutzt");
+  good("SET DATABASE DEMO", 1);
+  EXPECT_EQ(good("DROP DATABASE").kind, '1');
+  EXPECT_FALSE(std::filesystem::exists(dir + "/SHOP.db"));
+  EXPECT_EQ(bad("SELECT * FROM KUNDE"), "(TAVRIN 201) Keine Datenbank geöffnet");
+  EXPECT_EQ(run(command('4', "TDSYS")).error, "(TAVRIN 205) Die Systemdatenbank TDSYS kann nicht "
+                                              "gelöscht werden");
+  EXPECT_EQ(run(command('4', "DEMO")).error,
+            "(TAVRIN 204) Datenbank DEMO wird noch von 1 anderen Verbindungen benutzt");
+  EXPECT_EQ(good("SHOW DATABASES").texts(0), (std::vector<std::string>{"DEMO", "TDSYS"}));
+
+  // The connection requests: '3' creates and opens, '2' closes without answer,
+  // '1' opens again, '4' with the name drops.
+  EXPECT_EQ(run(command('3', "NEU")).kind, '1');
+  good("CREATE TABLE T (A SMALLINT)");
+  EXPECT_TRUE(raw(command('2'), 0, EXEC_NO_ANSWER).empty());
+  EXPECT_EQ(bad("SELECT * FROM T"), "(TAVRIN 201) Keine Datenbank geöffnet");
+  EXPECT_EQ(run(command('1', "NEU")).kind, '1');
+  EXPECT_EQ(good("SELECT * FROM T").cols.size(), 1u);
+  EXPECT_EQ(run(command('4', "NEU")).kind, '1');
+  EXPECT_FALSE(std::filesystem::exists(dir + "/NEU.db"));
+  EXPECT_TRUE(raw(command('W'), 0, EXEC_NO_ANSWER).empty());
+
+  EXPECT_FALSE(ex.stop_requested);
+  good("STOP");
+  EXPECT_TRUE(ex.stop_requested);
+}
+
+TEST_F(ExecutorTest, FirstStartMakesSystemAndDemoDatabasesAndLaterStartsKeepThem) {
+  open("TDSYS");
+  Answer a = good("SELECT * FROM ERROT WHERE FEHLERNUMMER = 301 AND SPRACHE = 'D   '");
+  ASSERT_EQ(a.rows.size(), 1u);
+  EXPECT_EQ(a.cols[0].name, "ERROT_ID");
+  EXPECT_EQ(a.cols[0].size, 9);
+  EXPECT_EQ(a.cols[1].type, '1');
+  EXPECT_EQ(a.text(0, 4), "Tabelle $1 existiert nicht");
+  a = good("SELECT BEZEICHNUNG FROM SVZK WHERE  CODE     = 'A' AND    SPRACHE  = 'D   ' AND    "
+           "TABELLE  = 2");
+  EXPECT_EQ(a.texts(0), std::vector<std::string>{"\xD6sterreich"});
+  a = good("SHOW TABLE SVZT");
+  EXPECT_EQ(a.texts(0), (std::vector<std::string>{"SVZT_ID", "TABELLE", "TAB_UEBERGEORDNET",
+                                                  "SPRACHE", "BEZEICHNUNG", "SVZT_TST_AB"}));
+  EXPECT_EQ(a.texts(1), (std::vector<std::string>{"CHARACTER", "SMALLINT", "SMALLINT", "CHARACTER",
+                                                  "CHARACTER", "TIMESTAMP"}));
+  EXPECT_EQ(good("SELECT COUNT(*) FROM ERR").i32(0, 0), 1);
+
+  good("SET DATABASE DEMO");
+  a = good("SHOW TABLES");
+  EXPECT_EQ(a.texts(0), (std::vector<std::string>{"ARTIKEL", "AUFTRAG", "KUNDE", "POSITION"}));
+  int total = 0;
+  for (const char *t : {"ARTIKEL", "AUFTRAG", "KUNDE", "POSITION"}) {
+    a = good(std::string("SELECT * FROM ") + t);
+    EXPECT_EQ(a.cols[0].name, std::string(t) + "_ID") << "the detail dialog's key";
+    total += static_cast<int>(a.rows.size());
+  }
+  EXPECT_GT(total, 3000);
+  EXPECT_GT(good("SELECT COUNT(*) FROM KUNDE WHERE NAME LIKE '%ü%'").i32(0, 0), 0);
+  EXPECT_EQ(good("SELECT COUNT(*) FROM POSITION p WHERE NOT EXISTS (SELECT * FROM ARTIKEL a "
+                 "WHERE a.ARTIKEL_ID = p.ARTIKEL_ID)")
+                .i32(0, 0),
+            0);
+
+  // A second start leaves both as they are, also a dropped DEMO.
+  good("DELETE FROM KUNDE WHERE KUNDE_ID = 1");
+  channels.clear();
+  Executor again;
+  std::string err;
+  ASSERT_EQ(catalog_init(again.catalog, dir, err), 1) << err;
+  open("DEMO");
+  EXPECT_EQ(good("SELECT COUNT(*) FROM KUNDE WHERE KUNDE_ID = 1").i32(0, 0), 0);
+  channels.clear();
+  ASSERT_TRUE(std::filesystem::remove(dir + "/DEMO.db"));
+  ASSERT_EQ(catalog_init(again.catalog, dir, err), 1) << err;
+  EXPECT_FALSE(std::filesystem::exists(dir + "/DEMO.db"));
+}
+
+TEST_F(ExecutorTest, LogsErrorsAlwaysAndStatementsWhenVerbose) {
+  open("DEMO");
+  bad("SELECT * FROM NIX");
+  EXPECT_NE(log.find("channel 0 [DEMO]: error: (TAVRIN 301) Tabelle NIX existiert nicht"),
+            std::string::npos)
+      << log;
+  EXPECT_EQ(log.find("SELECT"), std::string::npos);
+  ex.verbose = true;
+  good("SELECT NAME FROM KUNDE WHERE KUNDE_ID = 1");
+  EXPECT_NE(log.find("SELECT t0.\"NAME\" FROM \"KUNDE\" AS t0 WHERE"), std::string::npos) << log;
+}
+
+} // namespace
+} // namespace exectest

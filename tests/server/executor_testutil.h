@@ -1,0 +1,230 @@
+// Helpers of the executor tests: a temporary data folder with an executor,
+// statements encoded by the real client encoder, and a strict decoder of
+// answers that reads every field with a bounds check and insists that the
+// whole answer is used.
+#pragma once
+
+#include "db/client/parser.h"
+#include "db/client/reqbuf.h"
+#include "db/client/tokenizer.h"
+#include "server/executor.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace exectest {
+
+using Bytes = std::vector<unsigned char>;
+
+struct Column {
+  std::string name;
+  unsigned char type = 0;
+  int32_t size = 0;
+};
+
+// A decoded answer. kind is the first byte; values keep their binary form.
+struct Answer {
+  char kind = 0;
+  std::string error;
+  int32_t count = 0;
+  std::vector<Column> cols;
+  std::vector<std::vector<Bytes>> rows;
+  bool ok = false; // the answer decoded completely
+
+  std::string text(size_t r, size_t c) const {
+    const Bytes &v = rows.at(r).at(c);
+    return std::string(v.begin(), v.end() - (v.empty() ? 0 : 1));
+  }
+  int16_t i16(size_t r, size_t c) const { return get<int16_t>(r, c); }
+  int32_t i32(size_t r, size_t c) const { return get<int32_t>(r, c); }
+  double f64(size_t r, size_t c) const { return get<double>(r, c); }
+  // DATE as "YYYY-MM-DD", TIME "HH:MM:SS", TIMESTAMP "YYYY-MM-DD-HH.MM.SS.UUUUUU".
+  std::string when(size_t r, size_t c) const {
+    const Bytes &v = rows.at(r).at(c);
+    char buf[48] = "?";
+    if (v.size() == 4)
+      snprintf(buf, sizeof buf, "%04d-%02d-%02d", v[0] | v[1] << 8, v[2], v[3]);
+    else if (v.size() == 3)
+      snprintf(buf, sizeof buf, "%02d:%02d:%02d", v[0], v[1], v[2]);
+    else if (v.size() == 12) {
+      int32_t us;
+      memcpy(&us, v.data() + 8, 4);
+      snprintf(buf, sizeof buf, "%04d-%02d-%02d-%02d.%02d.%02d.%06d", v[0] | v[1] << 8, v[2], v[3],
+               v[4], v[5], v[6], us);
+    }
+    return buf;
+  }
+  // Column c of every row, as text.
+  std::vector<std::string> texts(size_t c) const {
+    std::vector<std::string> r;
+    for (size_t i = 0; i < rows.size(); ++i) r.push_back(text(i, c));
+    return r;
+  }
+
+private:
+  template <class T> T get(size_t r, size_t c) const {
+    const Bytes &v = rows.at(r).at(c);
+    T x{};
+    EXPECT_EQ(v.size(), sizeof(T));
+    if (v.size() == sizeof(T)) memcpy(&x, v.data(), sizeof(T));
+    return x;
+  }
+};
+
+inline Answer decode(const Bytes &a) {
+  Answer r;
+  size_t p = 0;
+  auto need = [&](size_t n) { return p + n <= a.size(); };
+  auto u16 = [&]() {
+    uint16_t v = static_cast<uint16_t>(a[p] | a[p + 1] << 8);
+    p += 2;
+    return v;
+  };
+  auto i32 = [&]() {
+    int32_t v;
+    memcpy(&v, a.data() + p, 4);
+    p += 4;
+    return v;
+  };
+  if (!need(1)) return r;
+  r.kind = static_cast<char>(a[p++]);
+  switch (r.kind) {
+  case '0': {
+    if (!need(3) || a[p++] != 'b') return r;
+    uint16_t n = u16();
+    if (n < 1 || !need(n) || a[p + n - 1] != 0) return r;
+    r.error.assign(reinterpret_cast<const char *>(a.data() + p), n - 1);
+    p += n;
+    break;
+  }
+  case '1':
+    break;
+  case '3':
+    if (!need(4)) return r;
+    r.count = i32();
+    break;
+  case '2':
+  case '4': {
+    if (!need(8)) return r;
+    int32_t nc = i32(), nr = i32();
+    for (int32_t c = 0; c < nc; ++c) {
+      Column col;
+      if (!need(2)) return r;
+      uint16_t n = u16();
+      if (n < 1 || !need(n + 5) || a[p + n - 1] != 0) return r;
+      col.name.assign(reinterpret_cast<const char *>(a.data() + p), n - 1);
+      p += n;
+      col.type = a[p++];
+      col.size = i32();
+      r.cols.push_back(col);
+    }
+    for (int32_t i = 0; i < nr; ++i) {
+      std::vector<Bytes> row;
+      for (int32_t c = 0; c < nc; ++c) {
+        if (!need(2)) return r;
+        uint16_t n = u16();
+        if (!need(n)) return r;
+        row.emplace_back(a.begin() + static_cast<long>(p), a.begin() + static_cast<long>(p + n));
+        p += n;
+      }
+      r.rows.push_back(std::move(row));
+    }
+    break;
+  }
+  default:
+    return r;
+  }
+  r.ok = p == a.size();
+  return r;
+}
+
+// The request bytes of a statement as the client encodes it.
+inline Bytes encode(const std::string &statement) {
+  std::string s = statement;
+  if (s.empty() || s.back() != ';') s += ';';
+  std::vector<char> buf(s.begin(), s.end());
+  buf.push_back(0);
+  std::vector<char> msg(DB_MSG_SIZE);
+  DBreq_reset();
+  EXPECT_EQ(DBexec_encode(buf.data(), msg.data()), 1) << statement << ": " << msg.data();
+  return Bytes(DBreq_data(), DBreq_data() + DBreq_length());
+}
+
+// A request of a command byte and an optional tagged name 'a'.
+inline Bytes command(unsigned char cmd, const char *name = nullptr) {
+  Bytes b{cmd};
+  if (name) {
+    uint16_t n = static_cast<uint16_t>(strlen(name) + 1);
+    b.push_back('a');
+    b.push_back(static_cast<unsigned char>(n & 0xFF));
+    b.push_back(static_cast<unsigned char>(n >> 8));
+    b.insert(b.end(), name, name + n);
+  }
+  return b;
+}
+
+// A fresh data folder (with TDSYS and DEMO) and an executor on it; removed at
+// the end of the test.
+class ExecutorTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/tavrind-exec-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir = tmpl;
+    std::string err;
+    ASSERT_EQ(catalog_init(ex.catalog, dir, err), 1) << err;
+    ex.log = [this](const std::string &line) { log += line + "\n"; };
+  }
+  void TearDown() override {
+    channels.clear();
+    std::filesystem::remove_all(dir);
+  }
+
+  Channel &channel(size_t i = 0) {
+    while (channels.size() <= i)
+      channels.push_back(std::make_unique<Channel>(ex, static_cast<int>(channels.size())));
+    return *channels[i];
+  }
+
+  // Sends raw request bytes; returns the answer's bytes (empty if none).
+  Bytes raw(const Bytes &req, size_t ch = 0, int expect = EXEC_ANSWER) {
+    Bytes out;
+    EXPECT_EQ(exec_request(channel(ch), req.data(), req.size(), out), expect);
+    return out;
+  }
+  Answer run(const Bytes &req, size_t ch = 0) {
+    Answer a = decode(raw(req, ch));
+    EXPECT_TRUE(a.ok) << "answer does not decode";
+    return a;
+  }
+  Answer sql(const std::string &statement, size_t ch = 0) { return run(encode(statement), ch); }
+  // Runs a statement that must succeed; returns its answer.
+  Answer good(const std::string &statement, size_t ch = 0) {
+    Answer a = sql(statement, ch);
+    EXPECT_NE(a.kind, '0') << statement << ": " << a.error;
+    return a;
+  }
+  // Runs a statement that must fail; returns the error text.
+  std::string bad(const std::string &statement, size_t ch = 0) {
+    Answer a = sql(statement, ch);
+    EXPECT_EQ(a.kind, '0') << statement;
+    return a.error;
+  }
+  void open(const char *db, size_t ch = 0) {
+    Answer a = run(command('1', db), ch);
+    ASSERT_EQ(a.kind, '1') << a.error;
+  }
+
+  std::string dir;
+  std::string log;
+  Executor ex;
+  std::vector<std::unique_ptr<Channel>> channels;
+};
+
+} // namespace exectest

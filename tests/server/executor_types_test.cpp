@@ -1,0 +1,189 @@
+// Declared types through the executor: values at their limits, null markers,
+// the binary layouts of answers, the text rules of comparison and ordering.
+#include "tests/server/executor_testutil.h"
+
+#include "server/types.h"
+
+namespace exectest {
+namespace {
+
+class TypesTest : public ExecutorTest {
+protected:
+  void SetUp() override {
+    ExecutorTest::SetUp();
+    good("CREATE DATABASE TYPEN");
+    good("CREATE TABLE T (T_ID INTEGER NOT NULL, C CHARACTER(8), S SMALLINT, I INTEGER, "
+         "F FLOAT, D DATE, Z TIME, TS TIMESTAMP, B BINARY(4))");
+  }
+};
+
+TEST_F(TypesTest, HeadersCarryWireCodesAndSizes) {
+  Answer a = good("SELECT * FROM T");
+  ASSERT_EQ(a.kind, '2');
+  ASSERT_EQ(a.cols.size(), 9u);
+  const unsigned char codes[] = {'2', '0', '1', '2', '3', '4', '5', '6', 0xA6};
+  const int32_t sizes[] = {4, 8, 2, 4, 8, 4, 3, 12, 4};
+  for (size_t i = 0; i < 9; ++i) {
+    EXPECT_EQ(a.cols[i].type, codes[i]) << i;
+    EXPECT_EQ(a.cols[i].size, sizes[i]) << i;
+  }
+  EXPECT_EQ(a.cols[0].name, "T_ID");
+  EXPECT_TRUE(a.rows.empty());
+}
+
+TEST_F(TypesTest, OmittedAttributesGoOutAsNullMarkers) {
+  EXPECT_EQ(good("INSERT INTO T (T_ID) VALUES (1)").count, 1);
+  // An empty text is the way to give "no value" to any type.
+  good("INSERT INTO T VALUES (2, '', '', '', '', '', '', '', '')");
+  Answer a = good("SELECT * FROM T ORDER BY T_ID");
+  ASSERT_EQ(a.rows.size(), 2u);
+  for (size_t r = 0; r < 2; ++r) {
+    EXPECT_EQ(a.rows[r][1], Bytes{0}) << "CHARACTER: empty text";
+    EXPECT_EQ(a.i16(r, 2), -32768);
+    EXPECT_EQ(a.i32(r, 3), -2147483647);
+    EXPECT_EQ(a.f64(r, 4), -1e20);
+    EXPECT_EQ(a.when(r, 5), "1800-01-01");
+    EXPECT_EQ(a.when(r, 6), "00:00:00");
+    EXPECT_EQ(a.when(r, 7), "1800-01-01-00.00.00.000000");
+    EXPECT_EQ(a.rows[r][8], (Bytes{0, 0})) << "BINARY: zero length";
+  }
+}
+
+TEST_F(TypesTest, ValuesAtTheirLimitsRoundTrip) {
+  good("INSERT INTO T VALUES (-2147483648, 'abcdefä', -32768, 2147483647, 1.5e300, "
+       "'1800-01-01', '00:00:00', '1800-01-01-00.00.00.000000', '')");
+  good("INSERT INTO T VALUES (2, '', 32767, -2147483647, -0.25, '2800-12-31', '23:59:59', "
+       "'2800-12-31-23.59.59.999999', 'A$00B')");
+  good("INSERT INTO T VALUES (3, 'x', 0, 0, 0, '1900-02-29', '10:30:00', '2003-07-12', "
+       "'§0001FF§$$')");
+  good("INSERT INTO T (T_ID, F, D) VALUES (4, 12, '2003.7.1')");
+  Answer a = good("SELECT * FROM T ORDER BY T_ID");
+  ASSERT_EQ(a.rows.size(), 4u);
+  EXPECT_EQ(a.i32(0, 0), -2147483648);
+  EXPECT_EQ(a.text(0, 1), "abcdef\xE4") << "Latin-1 in and out, UTF-8 in the file";
+  EXPECT_EQ(a.i16(0, 2), -32768);
+  EXPECT_EQ(a.i32(0, 3), 2147483647);
+  EXPECT_EQ(a.f64(0, 4), 1.5e300);
+  EXPECT_EQ(a.when(1, 5), "2800-12-31");
+  EXPECT_EQ(a.when(1, 6), "23:59:59");
+  EXPECT_EQ(a.when(1, 7), "2800-12-31-23.59.59.999999");
+  EXPECT_EQ(a.rows[1][8], (Bytes{3, 0, 'A', 0, 'B'}));
+  EXPECT_EQ(a.f64(1, 4), -0.25);
+  EXPECT_EQ(a.when(2, 5), "1900-02-29") << "every fourth year is a leap year";
+  EXPECT_EQ(a.when(2, 7), "2003-07-12-00.00.00.000000");
+  EXPECT_EQ(a.rows[2][8], (Bytes{4, 0, 0, 1, 0xFF, '$'}));
+  EXPECT_EQ(a.f64(3, 4), 12.0);
+  EXPECT_EQ(a.when(3, 5), "2003-07-01");
+  // The file holds UTF-8, so other SQLite tools read the text.
+  EXPECT_EQ(a.text(0, 1).size(), 7u);
+}
+
+TEST_F(TypesTest, ValuesOutsideTheirTypeAreRefusedWithTheAttributeName) {
+  struct Case {
+    const char *assignment;
+    const char *expected;
+  } cases[] = {
+      {"C = 'abcdefgh'", "C: Wert ist zu lang für CHARACTER(8): 8 Zeichen, höchstens 7"},
+      {"S = 32768", "S: Wert 32768 liegt außerhalb von SMALLINT"},
+      {"S = -32769", "S: Wert -32769"},
+      {"S = 'x1'", "ist keine ganze Zahl"},
+      {"I = 2147483648", "I: Wert 2147483648 liegt außerhalb von INTEGER"}, // sent as a float
+      {"I = 1.5", "ist keine ganze Zahl"},
+      {"F = 'zwei'", "ist keine Zahl"},
+      {"D = '2003-02-29'", "D: Wert '2003-02-29' ist kein gültiges Datum"},
+      {"D = '1799-12-31'", "kein gültiges Datum"},
+      {"D = '2801-01-01'", "kein gültiges Datum"},
+      {"D = '2003-07-12x'", "kein gültiges Datum"},
+      {"Z = '24:00:00'", "Z: Wert '24:00:00' ist keine gültige Uhrzeit"},
+      {"Z = '1:30:00'", "keine gültige Uhrzeit"},
+      {"TS = '2003-07-12-10.30.00.00000'", "kein gültiger Zeitstempel"},
+      {"TS = '2003-07-12-25.30.00.000000'", "kein gültiger Zeitstempel"},
+      {"B = 'ABCDE'", "zu lang für BINARY(4)"},
+      {"B = '$4'", "ohne \"$$\" oder zwei Hexziffern"},
+      {"B = '§0A'", "keine gültige Folge"},
+      {"B = 5", "BINARY nimmt nur Texte"},
+  };
+  good("INSERT INTO T (T_ID) VALUES (1)");
+  for (const Case &c : cases) {
+    std::string err = bad(std::string("UPDATE T SET ") + c.assignment);
+    EXPECT_NE(err.find("(TAVRIN 401) Ungültiger Wert für Attribut "), std::string::npos) << err;
+    EXPECT_NE(err.find(c.expected), std::string::npos) << c.assignment << " -> " << err;
+  }
+  // Nothing of the refused updates is stored.
+  Answer a = good("SELECT C, S FROM T");
+  EXPECT_EQ(a.text(0, 0), "");
+  EXPECT_EQ(a.i16(0, 1), -32768);
+  // NOT NULL: omitted, empty, or the null marker.
+  EXPECT_NE(bad("INSERT INTO T (C) VALUES ('x')").find("(TAVRIN 402) Attribut T_ID ist NOT NULL"),
+            std::string::npos);
+  EXPECT_NE(bad("UPDATE T SET T_ID = ''").find("402"), std::string::npos);
+  EXPECT_NE(bad("UPDATE T SET T_ID = -2147483647").find("402"), std::string::npos);
+}
+
+TEST_F(TypesTest, TextOrderAndEqualityFollowTheStringRule) {
+  const char *names[] = {"Zander", "über", "Ulme", "Öl", "apfel", "Äpfel", "oder", "Birne"};
+  int id = 0;
+  for (const char *n : names)
+    good("INSERT INTO T (T_ID, C) VALUES (" + std::to_string(++id) + ", '" + n + "')");
+  good("INSERT INTO T (T_ID, C) VALUES (9, 'ab  ')");
+  Answer a = good("SELECT C FROM T ORDER BY C");
+  // Case-blind, Ä/Ö/Ü as A/O/U, lower-case umlauts (negative bytes) first.
+  std::vector<std::string> want = {"\xFC"
+                                   "ber",
+                                   "ab  ",
+                                   "apfel",
+                                   "\xC4"
+                                   "pfel",
+                                   "Birne",
+                                   "oder",
+                                   "\xD6l",
+                                   "Ulme",
+                                   "Zander"};
+  EXPECT_EQ(a.texts(0), want);
+  EXPECT_EQ(good("SELECT C FROM T ORDER BY C DESC").texts(0).front(), "Zander");
+  // '=' ignores trailing blanks but not case; ordering comparisons are case-blind.
+  EXPECT_EQ(good("SELECT T_ID FROM T WHERE C = 'ab'").rows.size(), 1u);
+  EXPECT_EQ(good("SELECT T_ID FROM T WHERE C = 'AB'").rows.size(), 0u);
+  EXPECT_EQ(good("SELECT T_ID FROM T WHERE C <> 'ab '").rows.size(), 8u);
+  EXPECT_EQ(good("SELECT T_ID FROM T WHERE C IN ('ab', 'Ulme   ')").rows.size(), 2u);
+  EXPECT_EQ(good("SELECT C FROM T WHERE C >= 'u' ORDER BY C").texts(0),
+            (std::vector<std::string>{"Ulme", "Zander"}));
+  EXPECT_EQ(good("SELECT MIN(C), MAX(C) FROM T").text(0, 1), "Zander");
+  EXPECT_EQ(good("SELECT C FROM T WHERE C LIKE 'A%' ORDER BY C").texts(0),
+            (std::vector<std::string>{"ab  ", "apfel"}));
+}
+
+TEST_F(TypesTest, ComparisonsTakeLiteralsInTheAttributesForm) {
+  good("INSERT INTO T (T_ID, D, S) VALUES (1, '2003-07-12', 5)");
+  good("INSERT INTO T (T_ID) VALUES (2)");
+  // The viewer quotes every key value; dates may use dots.
+  EXPECT_EQ(good("SELECT T_ID FROM T WHERE T_ID = '1'").rows.size(), 1u);
+  EXPECT_EQ(good("SELECT T_ID FROM T WHERE D = '2003.07.12'").rows.size(), 1u);
+  EXPECT_EQ(good("SELECT T_ID FROM T WHERE D BETWEEN '2003-01-01' AND '2003-12-31'").rows.size(),
+            1u);
+  // A null goes out as its marker and is found by it.
+  EXPECT_EQ(good("SELECT T_ID FROM T WHERE D = '1800-01-01'").i32(0, 0), 2);
+  EXPECT_EQ(good("SELECT T_ID FROM T WHERE S = ''").i32(0, 0), 2);
+}
+
+TEST(TypesUnit, CollationAndConversions) {
+  auto cmp = [](const char *a, const char *b) {
+    return type_text_compare(reinterpret_cast<const unsigned char *>(a), strlen(a),
+                             reinterpret_cast<const unsigned char *>(b), strlen(b));
+  };
+  EXPECT_EQ(cmp("abc", "abc  "), 0);
+  EXPECT_EQ(cmp("Über", "Uber"), 0);
+  EXPECT_EQ(cmp("über", "apfel"), -1);
+  EXPECT_EQ(cmp("ab", "abc"), -1);
+  EXPECT_EQ(cmp("B", "a"), 1);
+  EXPECT_EQ(latin1_to_utf8("\xC4\xDF"), "\xC3\x84\xC3\x9F");
+  EXPECT_EQ(utf8_to_latin1("\xC3\x84\xE2\x82\xAC\xFF"), "\xC4?\xFF");
+  EXPECT_EQ(type_from_declaration("CHARACTER(10) COLLATE RTRIM").size, 10);
+  EXPECT_EQ(type_from_declaration("varchar(20)").code, TYPE_CHARACTER);
+  EXPECT_EQ(type_from_declaration("BIGINT").code, TYPE_INTEGER);
+  EXPECT_EQ(type_from_declaration("double").code, TYPE_FLOAT);
+  EXPECT_EQ(type_from_declaration("BINARY(8)").size, 8);
+}
+
+} // namespace
+} // namespace exectest

@@ -1,0 +1,152 @@
+// Decoding of requests: the trees of the client's encodings, and requests that
+// do not decode (short, wrong tags, unknown command bytes, nonsense lengths,
+// trailing bytes, hostile nesting), which are answered with a text while the
+// executor goes on serving.
+#include "tests/server/executor_testutil.h"
+
+#include "server/request.h"
+
+namespace exectest {
+namespace {
+
+Request decoded(const Bytes &b) {
+  Request q;
+  std::string err;
+  EXPECT_EQ(request_decode(b.data(), b.size(), q, err), 1) << err;
+  return q;
+}
+
+std::string refusal(const Bytes &b) {
+  Request q;
+  std::string err;
+  EXPECT_EQ(request_decode(b.data(), b.size(), q, err), 0);
+  return err;
+}
+
+TEST(Request, ClientEncodingsDecodeIntoTheirTrees) {
+  Request q = decoded(encode("select distinct k.name, min(a.betrag), count(*), k.* from kunde k, "
+                             "auftrag a where k.kunde_id = a.kunde_id and not a.betrag between "
+                             "1 and 2.5 or a.datum in ('x', 'y') order by k.name desc, ort"));
+  ASSERT_EQ(q.kind, ReqKind::Select);
+  const Select &s = *q.select;
+  EXPECT_TRUE(s.distinct);
+  ASSERT_EQ(s.items.size(), 4u);
+  EXPECT_EQ(s.items[0].attr.qualifier, "K");
+  EXPECT_EQ(s.items[0].attr.name, "NAME");
+  EXPECT_EQ(s.items[1].kind, SelectItem::Min);
+  EXPECT_EQ(s.items[1].attr.qualifier, "A");
+  EXPECT_EQ(s.items[2].kind, SelectItem::Count);
+  EXPECT_EQ(s.items[3].kind, SelectItem::TableAll);
+  ASSERT_EQ(s.from.size(), 2u);
+  EXPECT_EQ(s.from[1].name, "AUFTRAG");
+  EXPECT_EQ(s.from[1].alias, "A");
+  // OR(AND(=, NOT(BETWEEN)), IN)
+  const Expr &w = *s.where;
+  ASSERT_EQ(w.kind, Expr::Or);
+  ASSERT_EQ(w.args[0]->kind, Expr::And);
+  EXPECT_EQ(w.args[0]->args[0]->op, '=');
+  EXPECT_EQ(w.args[0]->args[1]->kind, Expr::Not);
+  const Expr &btw = *w.args[0]->args[1]->args[0];
+  EXPECT_EQ(btw.kind, Expr::Between);
+  EXPECT_EQ(btw.args[2]->lit.f, 2.5);
+  ASSERT_EQ(w.args[1]->kind, Expr::InList);
+  EXPECT_EQ(w.args[1]->args.size(), 3u);
+  EXPECT_EQ(w.args[1]->args[1]->lit.s, "x");
+  EXPECT_EQ(w.depth, 5);
+  ASSERT_EQ(s.order.size(), 2u);
+  EXPECT_TRUE(s.order[0].desc);
+  EXPECT_EQ(s.order[1].attr.name, "ORT");
+
+  q = decoded(encode("create table t (a character(10) not null, b binary(4), c timestamp)"));
+  ASSERT_EQ(q.columns.size(), 3u);
+  EXPECT_TRUE(q.columns[0].not_null);
+  EXPECT_EQ(q.columns[0].type.size, 10);
+  EXPECT_EQ(q.columns[1].type.code, 0xA6);
+  EXPECT_EQ(q.columns[2].type.size, 12);
+  q = decoded(encode("create unique index i on t (a, b)"));
+  EXPECT_TRUE(q.unique);
+  EXPECT_EQ(q.attrs, (std::vector<std::string>{"A", "B"}));
+  q = decoded(encode("update t set a = 'x', b = -7 where exists (select * from u where u.a = "
+                     "t.a)"));
+  ASSERT_EQ(q.assigns.size(), 2u);
+  EXPECT_EQ(q.assigns[1].value.i, -7);
+  EXPECT_EQ(q.where->kind, Expr::Exists);
+  q = decoded(encode("fetch all in c"));
+  EXPECT_TRUE(q.all);
+  q = decoded(encode("show indices on table t"));
+  EXPECT_EQ(q.show, Request::IndicesOnTable);
+  EXPECT_EQ(q.table, "T");
+  EXPECT_TRUE(decoded(encode("max")).max_none);
+  EXPECT_EQ(decoded(encode("max 7")).max, 7);
+  EXPECT_EQ(decoded(encode(";")).kind, ReqKind::Commit);
+  EXPECT_EQ(decoded(command('4')).has_name, false);
+  EXPECT_EQ(decoded(command('4', "X")).name, "X");
+}
+
+TEST(Request, MalformedRequestsAreRefusedWithWhatIsWrong) {
+  EXPECT_EQ(refusal({}), "(TAVRIN 107) Leere Anfrage");
+  EXPECT_EQ(refusal({'q'}), "(TAVRIN 103) Unbekannter Anfragecode 'q'");
+  EXPECT_EQ(refusal({0x01}), "(TAVRIN 103) Unbekannter Anfragecode 0x01");
+  EXPECT_EQ(refusal({'1'}), "(TAVRIN 101) Anfrage endet vorzeitig: <Datenbankname> erwartet");
+  EXPECT_EQ(refusal({'1', 'b', 2, 0, 'X', 0}),
+            "(TAVRIN 102) Anfrage fehlerhaft an Byte 1: <Datenbankname> erwartet, 'b' gefunden");
+  // A length beyond the request, a length of zero, a text without its zero.
+  EXPECT_EQ(refusal({'1', 'a', 0xFF, 0xFF, 'X', 0}),
+            "(TAVRIN 101) Anfrage endet vorzeitig: <Datenbankname> erwartet");
+  EXPECT_NE(refusal({'1', 'a', 0, 0}).find("Länge 0"), std::string::npos);
+  EXPECT_NE(refusal({'1', 'a', 2, 0, 'X', 'Y'}).find("ohne Endbyte 0"), std::string::npos);
+  EXPECT_EQ(refusal({'1', 'a', 3, 0, '1', 'X', 0}), "(TAVRIN 105) Ungültiger Name '1X'");
+  EXPECT_EQ(refusal(command('6', "ABCDEFGHIJKLMNOPQRSTUVWXYZ012345")),
+            "(TAVRIN 105) Ungültiger Name 'ABCDEFGHIJKLMNOPQRSTUVWXYZ012345'");
+  Bytes extra = command('1', "DEMO");
+  extra.push_back('x');
+  EXPECT_EQ(refusal(extra), "(TAVRIN 104) Anfrage fehlerhaft: 1 überzählige Bytes am Ende");
+  // Every prefix of a valid statement is refused, never read past its end.
+  Bytes full = encode("select a from t where b in (select c from u where d = 'x') order by a");
+  for (size_t n = 1; n < full.size(); ++n) {
+    Bytes part(full.begin(), full.begin() + static_cast<long>(n));
+    Request q;
+    std::string err;
+    EXPECT_EQ(request_decode(part.data(), part.size(), q, err), 0) << n;
+  }
+  // Postfix expressions that do not add up.
+  EXPECT_NE(refusal({'G', 'a', 2, 0, 'T', 0, 'w', 'y', 'w', 'x'}).find("leerer Stapel"),
+            std::string::npos);
+  EXPECT_NE(refusal({'G', 'a', 2, 0, 'T', 0, 'w', 'd', 1, 0, 0, 0, 'd', 2, 0, 0, 0, 'w', 'x'})
+                .find("2 Teilausdrücke"),
+            std::string::npos);
+  EXPECT_NE(refusal({'G', 'a', 2, 0, 'T', 0, 'w', 'd', 9, 0, 0, 0, 'M', 'w', 'x'})
+                .find("Anzahl der IN-Elemente"),
+            std::string::npos);
+  EXPECT_NE(refusal({'T', 'd', 0xFF, 0xFF, 0xFF, 0xFF}).find("MAX: negative"), std::string::npos);
+  Bytes deep{'G', 'a', 2, 0, 'T', 0, 'w', 'd', 1, 0, 0, 0};
+  for (int i = 0; i < 150; ++i) deep.push_back('T');
+  deep.insert(deep.end(), {'w', 'x'});
+  EXPECT_EQ(refusal(deep), "(TAVRIN 106) Anfrage zu tief geschachtelt (Ausdruck)");
+  Bytes nested{'C'};
+  for (int i = 0; i < 12; ++i) nested.insert(nested.end(), {'W', 'v', 'a', 2, 0, 'T', 0, 'w', '='});
+  nested.insert(nested.end(), {'W', 'v', 'a', 2, 0, 'T', 0});
+  EXPECT_EQ(refusal(nested), "(TAVRIN 106) Anfrage zu tief geschachtelt (Unterabfragen)");
+}
+
+TEST_F(ExecutorTest, BadRequestsAreAnsweredAndServingGoesOn) {
+  open("DEMO");
+  Answer a = run({'1', 'a', 0xFF});
+  EXPECT_EQ(a.kind, '0');
+  EXPECT_EQ(a.error, "(TAVRIN 101) Anfrage endet vorzeitig: <Datenbankname> erwartet");
+  EXPECT_EQ(run({'?'}).kind, '0');
+  // The channel still has its database and works.
+  EXPECT_EQ(good("SELECT COUNT(*) FROM ARTIKEL").kind, '2');
+  // Close and notice get no answer even with stray bytes after them.
+  EXPECT_TRUE(raw({'W', 1, 2}, 0, EXEC_NO_ANSWER).empty());
+  EXPECT_TRUE(raw({'2', 'x'}, 0, EXEC_NO_ANSWER).empty());
+  EXPECT_EQ(bad("SELECT * FROM KUNDE"), "(TAVRIN 201) Keine Datenbank geöffnet");
+  EXPECT_EQ(run(command('1', "ZU_LANGER_NAME_12345")).error,
+            "(TAVRIN 105) Ungültiger Name 'ZU_LANGER_NAME_12345'");
+  // A message-text request is logged and acknowledged.
+  EXPECT_EQ(run({'0', 'b', 6, 0, 'H', 'a', 'l', 'l', 'o', 0}).kind, '1');
+  EXPECT_NE(log.find("message: Hallo"), std::string::npos);
+}
+
+} // namespace
+} // namespace exectest
