@@ -1,6 +1,7 @@
 // The subcommand table of tavrin and the help command (see commands.h).
 #include "tools/commands.h"
 
+#include "tools/cmd_encode.h"
 #include "tools/cmd_varne.h"
 #include "tools/term.h"
 
@@ -19,6 +20,8 @@ const TavrinCommand kCommands[] = {
      VARNE_COMPRESS_HELP, cmd_compress},
     {"uncompress", "[IN [OUT]]", "restore a file from the Varne format", VARNE_UNCOMPRESS_HELP,
      cmd_uncompress},
+    {"encode", "STATEMENT...", "show the request bytes of an SQL statement", ENCODE_HELP,
+     cmd_encode},
 };
 
 int cmd_help(int argc, char **argv) {
