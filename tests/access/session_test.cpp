@@ -1,0 +1,194 @@
+// The session layer without a server: database names from the command line
+// and connection strings, the BEGIN-stack bookkeeping, disabled sessions,
+// outcomes and one-value queries on results built by hand.
+#include "db/access/session.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <unistd.h>
+
+#include "access_testutil.h"
+#include "db/access/dbcache.h"
+
+namespace {
+
+using namespace access_test;
+
+TEST(ArgvDbName, DefaultsLastArgumentWinsAndTheLengthLimit) {
+  char name[DBSESSION_NAME_MAX + 1];
+  char prog[] = "program", a[] = "-dbKUNDEN", b[] = "-x", c[] = "-dbartikel", d[] = "xx-dbNO";
+  char *argv[] = {prog, a, b, c, d};
+  std::strcpy(name, "");
+  ARGV_GetDB_Name(argv, 1, name);
+  EXPECT_STREQ(name, "tdsys");
+  db_set_default_name("demo");
+  std::strcpy(name, "-");
+  ARGV_GetDB_Name(argv, 1, name);
+  EXPECT_STREQ(name, "demo");
+  db_set_default_name("");
+  std::strcpy(name, "-");
+  ARGV_GetDB_Name(argv, 5, name);
+  EXPECT_STREQ(name, "artikel");
+  // argv[0] is never looked at.
+  char *only_prog[] = {a};
+  std::strcpy(name, "x");
+  ARGV_GetDB_Name(only_prog, 1, name);
+  EXPECT_STREQ(name, "tdsys");
+
+  char ok19[] = "-dbABCDEFGHIJKLMNOPQRS";
+  char *argv19[] = {prog, ok19};
+  ARGV_GetDB_Name(argv19, 2, name);
+  EXPECT_STREQ(name, "ABCDEFGHIJKLMNOPQRS");
+}
+
+TEST(ArgvDbNameDeathTest, TwentyCharactersEndTheProgram) {
+  char prog[] = "program", too_long[] = "-dbABCDEFGHIJKLMNOPQRST";
+  char *argv[] = {prog, too_long};
+  char name[DBSESSION_NAME_MAX + 1] = "-";
+  EXPECT_EXIT(
+      {
+        msg_set_handler([](const char *t) { std::fputs(t, stderr); });
+        ARGV_GetDB_Name(argv, 2, name);
+      },
+      ::testing::ExitedWithCode(1),
+      "\\(ARGV_GetDB_Name\\) DB-name ABCDEFGHIJKLMNOPQRST is too long \\(max. 19\\)");
+}
+
+TEST(BeginStack, NestingUnderflowAndCommitDepthsOnADisabledSession) {
+  DBSESSION s;
+  s.disabled = 1;
+  db_reset_depth();
+  Capture cap;
+  EXPECT_EQ(dbbegin(&s), 1);
+  EXPECT_EQ(dbbegin(&s), 1);
+  EXPECT_EQ(db_depth(), 2);
+  EXPECT_EQ(dbcommit(&s), 1); // depth 2: nothing
+  EXPECT_EQ(db_depth(), 2);
+  EXPECT_EQ(dbend(&s), 1);
+  EXPECT_EQ(dbcommit(&s), 1);
+  EXPECT_EQ(dbrollback(&s), 1);
+  EXPECT_EQ(db_depth(), 1);
+  EXPECT_EQ(dbend(&s), 1);
+  EXPECT_EQ(cap.take(), "");
+  // Underflow: reported, the depth stays negative, the next BEGIN brings it
+  // back to 0.
+  EXPECT_EQ(dbend(&s), 1);
+  EXPECT_EQ(cap.take(), "BEGIN-stack underflow (too many dbends).\n");
+  EXPECT_EQ(db_depth(), -1);
+  EXPECT_EQ(dbbegin(&s), 1);
+  EXPECT_EQ(db_depth(), 0);
+}
+
+TEST(DisabledSession, EveryStatementSucceedsWithoutSendingAndOutcomeThree) {
+  ScratchDir dir;
+  DBSESSION s;
+  s.disabled = 1;
+  dbcache_read();
+  dbcache_setbaseline("LAUF");
+  long before = db_statements_sent();
+  DBRESULT *res = reinterpret_cast<DBRESULT *>(1);
+  int outcome = -1;
+  EXPECT_EQ(dbinsert(&s, "kunde", "VALUES (1)", &res, &outcome), 1);
+  EXPECT_EQ(res, nullptr);
+  EXPECT_EQ(outcome, DBOUT_OTHER);
+  EXPECT_EQ(dbupdate(&s, "artikel", "A=1", &res, &outcome), 1);
+  EXPECT_EQ(dbdelete(&s, "auftrag", "A=1", &res, &outcome), 1);
+  EXPECT_EQ(dbdeleteall(&s, "kunde", &res, &outcome), 1);
+  EXPECT_EQ(dbexec(&s, "SELECT", "* FROM x", &res, &outcome), 1);
+  EXPECT_EQ(dbexec1(&s, "SELECT * FROM x", &res, &outcome), 1);
+  EXPECT_EQ(dbbinexec1(&s, &res, &outcome), 1);
+  EXPECT_EQ(dbdeclare(&s, "c", "SELECT * FROM x"), 1);
+  EXPECT_EQ(dbclosecursor(&s, "c"), 1);
+  EXPECT_EQ(db_statements_sent(), before);
+  // The change helpers record their tables even so.
+  EXPECT_EQ(dbcache_count(), 3);
+  EXPECT_EQ(dbcache_contains("AUFTRAG"), 1);
+  dbcache_setbaseline("");
+
+  int n = 7;
+  char text[10] = "keep";
+  EXPECT_EQ(dbfill_count(&s, nullptr, DBOUT_OTHER, &n), 1);
+  EXPECT_EQ(dbfill_string(&s, nullptr, DBOUT_OTHER, text, sizeof text), 1);
+  EXPECT_EQ(n, 7);
+  EXPECT_STREQ(text, "keep");
+  DBRESULT *real = DBresult_new();
+  RESDATA_Header_Data(&real->data, "N", DBTYPE_CHARACTER, 10);
+  RESDATA_Fill(&real->data, "x");
+  EXPECT_EQ(dbresultstatus(&s, real), DBOUT_OTHER);
+  EXPECT_EQ(dbntuples(&s, real), -1);
+  EXPECT_EQ(dbgetvalue(&s, real, 0, 0), nullptr);
+  DBclear(real);
+}
+
+TEST(Results, OutcomesOfEveryStatusAndOneValueQueries) {
+  DBSESSION s; // enabled, never connected: only results are looked at
+  DBRESULT *r = DBresult_new();
+  const std::pair<int, int> map[] = {{DBRES_DONE, DBOUT_DONE},
+                                     {DBRES_TUPLES, DBOUT_TUPLES},
+                                     {DBRES_TUPLES2, DBOUT_OTHER},
+                                     {DBRES_ERROR, DBOUT_OTHER},
+                                     {DBRES_SYNTAX, DBOUT_REFUSED},
+                                     {DBRES_TRANSPORT, DBOUT_TRANSPORT},
+                                     {0, DBOUT_NONE}};
+  for (auto [status, outcome] : map) {
+    r->status = status;
+    EXPECT_EQ(dbresultstatus(&s, r), outcome) << status;
+  }
+  EXPECT_EQ(dbresultstatus(&s, nullptr), DBOUT_NONE);
+  DBclear(r);
+
+  Capture cap;
+  auto result_with = [](std::initializer_list<const char *> rows) {
+    DBRESULT *res = DBresult_new();
+    res->status = DBRES_TUPLES;
+    RESDATA_Header_Data(&res->data, "COUNT", DBTYPE_CHARACTER, 20);
+    for (const char *v : rows) RESDATA_Fill(&res->data, v);
+    return res;
+  };
+  int n = -1;
+  char text[8];
+  DBRESULT *one = result_with({"42"});
+  EXPECT_EQ(dbfill_count(&s, one, DBOUT_TUPLES, &n), 1);
+  EXPECT_EQ(n, 42);
+  EXPECT_EQ(dbfill_string(&s, one, DBOUT_TUPLES, text, sizeof text), 1);
+  EXPECT_STREQ(text, "42");
+  EXPECT_EQ(dbfill_count(&s, one, DBOUT_DONE, &n), 0);
+  EXPECT_EQ(cap.take(), "(dbfill_count) Status is not MYDB_TUPLES_OK!\n");
+  DBclear(one);
+  DBRESULT *two = result_with({"1", "2"});
+  EXPECT_EQ(dbfill_string(&s, two, DBOUT_TUPLES, text, sizeof text), 0);
+  EXPECT_EQ(cap.take(), "(dbfill_string) More than one resulttuple!\n");
+  DBclear(two);
+  DBRESULT *none = result_with({});
+  EXPECT_EQ(dbfill_count(&s, none, DBOUT_TUPLES, &n), 0);
+  EXPECT_EQ(cap.take(), "");
+  EXPECT_EQ(dbntuples(&s, none), 0);
+  DBclear(none);
+
+  EXPECT_EQ(dbgetlength(&s, nullptr, 0, 0), -1);
+  EXPECT_EQ(cap.take(), "(dbgetlength) Not yet implemented\n");
+}
+
+TEST(Dbinit, WithoutAServerPrintsTheConnectionFailure) {
+  // A namespace in which no server runs.
+  std::string ns = "zqnone" + std::to_string(getpid()) + "_";
+  setenv("TAVRIN_NAMESPACE", ns.c_str(), 1);
+  Capture cap;
+  DBSESSION *s = reinterpret_cast<DBSESSION *>(1);
+  EXPECT_EQ(dbinit(&s, "DBSQL/kunden"), 0);
+  EXPECT_EQ(s, nullptr);
+  std::string out = cap.take();
+  EXPECT_NE(out.find("Connection to TAVRIN-database 'kunden' failed:\n  "), std::string::npos)
+      << out;
+  EXPECT_EQ(dbinit(&s, "DBSQL/"), 0); // the default name, empty
+  EXPECT_NE(cap.take().find("Connection to TAVRIN-database failed:\n  "), std::string::npos);
+  setenv("DBSYS", "DBSQL", 1);
+  EXPECT_EQ(DB_Init(&s, "artikel"), 0);
+  EXPECT_NE(cap.take().find("'artikel' failed"), std::string::npos);
+  unsetenv("DBSYS");
+  unsetenv("TAVRIN_NAMESPACE");
+  EXPECT_EQ(dbstatus(nullptr), 0);
+}
+
+} // namespace

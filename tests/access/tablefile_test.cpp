@@ -1,0 +1,303 @@
+// TABLE files: saving sections, loading them into the same and into changed
+// layouts with every conversion, passing over sections, damaged files.
+#include "db/access/tablefile.h"
+
+#include <cstring>
+#include <vector>
+
+#include "access_testutil.h"
+#include "base/data.h"
+#include "base/date.h"
+
+namespace {
+
+using namespace access_test;
+using Rec = std::vector<unsigned char>;
+
+// A record of `size` bytes with its size field set.
+Rec record(int size) {
+  Rec r(static_cast<size_t>(size), 0);
+  int32_t s = size;
+  std::memcpy(r.data(), &s, 4);
+  return r;
+}
+void put(Rec &r, int idx, const void *p, size_t n) { std::memcpy(r.data() + idx, p, n); }
+void put_text(Rec &r, int idx, const char *s) { put(r, idx, s, std::strlen(s) + 1); }
+std::string text_at(const unsigned char *r, int idx) {
+  return reinterpret_cast<const char *>(r + idx);
+}
+
+// Saves `rows` with `definition` into file `name`, appending.
+int save(DBSESSION *s, const char *name, const char *definition, std::vector<Rec> rows) {
+  std::FILE *f = std::fopen(name, "ab");
+  size_t next = 0;
+  Rec buf = rows.empty() ? Rec(4096) : rows[0];
+  int ok = TABLE_File_Save(
+      s, f, definition, buf.data(), [](void *, DBSESSION *) { return 1; },
+      [&](void *rec, DBSESSION *) {
+        if (next >= rows.size()) return 0;
+        std::memcpy(rec, rows[next].data(), rows[next].size());
+        ++next;
+        return 1;
+      });
+  std::fclose(f);
+  return ok;
+}
+
+struct Loaded {
+  int ok = 0;
+  std::vector<Rec> rows;
+};
+
+// Loads the next section for `definition` from an open file; init puts
+// 0x5A into every byte after the size field.
+Loaded load(DBSESSION *s, std::FILE *f, const char *definition, int size) {
+  Loaded out;
+  out.ok = TABLE_File_Load(
+      s, f, definition,
+      [size](void *rec) {
+        std::memset(rec, 0x5A, static_cast<size_t>(size));
+        int32_t sz = size;
+        std::memcpy(rec, &sz, 4);
+      },
+      [&](void *rec, DBSESSION *) {
+        auto *p = static_cast<unsigned char *>(rec);
+        out.rows.emplace_back(p, p + size);
+        return 1;
+      });
+  return out;
+}
+
+class TableFile : public ::testing::Test {
+protected:
+  ScratchDir dir;
+  DBSESSION session;
+  void SetUp() override {
+    session.disabled = 1;
+    db_reset_depth();
+  }
+  void TearDown() override { EXPECT_EQ(db_depth(), 0) << "every BEGIN level closed"; }
+};
+
+TEST_F(TableFile, SavesRawSectionsAndLoadsThemBack) {
+  const char *def = "7,19|K_Id,11,9,4|Menge,2,2,13|Wert,8,4,15";
+  Rec a = record(19), b = record(19);
+  put_text(a, 4, "K1");
+  int16_t m = 12;
+  put(a, 13, &m, 2);
+  float w = 2.5f;
+  put(a, 15, &w, 4);
+  put_text(b, 4, "K2");
+  ASSERT_EQ(save(&session, "t.tbl", def, {a, b}), 1);
+  std::string bytes = read_file("t.tbl");
+  std::string head = std::string("00002,") + def;
+  ASSERT_EQ(bytes.size(), head.size() + 1 + 38);
+  EXPECT_EQ(bytes.substr(0, head.size() + 1), head + std::string(1, '\0'));
+  EXPECT_EQ(bytes.substr(head.size() + 1, 19), std::string(a.begin(), a.end()));
+
+  std::FILE *f = std::fopen("t.tbl", "rb");
+  Loaded l = load(&session, f, def, 19);
+  std::fclose(f);
+  ASSERT_EQ(l.ok, 1);
+  ASSERT_EQ(l.rows.size(), 2u);
+  EXPECT_EQ(l.rows[0], a);
+  EXPECT_EQ(l.rows[1], b);
+}
+
+TEST_F(TableFile, EmptyTableGivesAnEmptySectionAndNoInserts) {
+  const char *def = "7,20|K_Id,11,9,4";
+  ASSERT_EQ(save(&session, "e.tbl", def, {}), 1);
+  EXPECT_EQ(read_file("e.tbl"), std::string("00000,") + def + std::string(1, '\0'));
+  std::FILE *f = std::fopen("e.tbl", "rb");
+  Loaded l = load(&session, f, def, 20);
+  std::fclose(f);
+  EXPECT_EQ(l.ok, 1);
+  EXPECT_TRUE(l.rows.empty());
+}
+
+TEST_F(TableFile, LoadsIntoAChangedLayoutWithEveryConversion) {
+  // Then: key, name of 20 bytes, a timestamp and a time kept as text, a code
+  // as string, a number that was SHORT, an attribute that is gone now.
+  const char *old_def = "9,100|K_Id,11,9,4|Name,11,20,13|Ts,14,27,33|Zeit,13,9,60|Code,11,6,69|"
+                        "Zahl,2,2,75|Alt,11,5,77";
+  Rec r = record(100);
+  put_text(r, 4, "a\"b\\\"c");
+  put_text(r, 13, "Müller");
+  put_text(r, 33, "2003-07-12-10.30.00.250000");
+  put_text(r, 60, "10:30:05");
+  put_text(r, 69, "AB\x01");
+  int16_t z = 7;
+  put(r, 75, &z, 2);
+  put_text(r, 77, "old");
+  Rec r2 = r;
+  put_text(r2, 33, "kein Zeitstempel!!!!!!!!!!"); // 26 characters, not a timestamp
+  ASSERT_EQ(save(&session, "c.tbl", old_def, {r, r2}), 1);
+
+  // Now: wider name, real DATI and TIME, code as binary, number as INT, and
+  // a new attribute.
+  const char *new_def =
+      "9,80|K_Id,11,9,4|Name,11,30,13|Ts,14,12,43|Zeit,13,3,55|Code,18,7,58|Zahl,3,4,65|"
+      "Neu,11,10,69";
+  Capture cap;
+  std::FILE *f = std::fopen("c.tbl", "rb");
+  Loaded l = load(&session, f, new_def, 80);
+  std::fclose(f);
+  ASSERT_EQ(l.ok, 1);
+  ASSERT_EQ(l.rows.size(), 2u);
+  const unsigned char *n = l.rows[0].data();
+  EXPECT_EQ(text_at(n, 4), "a b\\\"c"); // quote in a key blanked, escaped one kept
+  EXPECT_EQ(text_at(n, 13), "Müller");
+  DATI ts;
+  std::memcpy(&ts, n + 43, sizeof ts);
+  EXPECT_EQ(ts.year, 2003);
+  EXPECT_EQ(ts.hour, 10);
+  EXPECT_EQ(ts.usec, 250000);
+  EXPECT_EQ(n[55], 10);
+  EXPECT_EQ(n[56], 30);
+  EXPECT_EQ(n[57], 5);
+  uint16_t blen;
+  std::memcpy(&blen, n + 58, 2);
+  EXPECT_EQ(blen, 3);
+  EXPECT_EQ(std::memcmp(n + 60, "AB\x01", 3), 0);
+  EXPECT_EQ(n[65], 0x5A); // different type: left as init made it
+  EXPECT_EQ(n[69], 0x5A); // not in the file: init's value
+
+  std::string expected_row =
+      "(TABLE_File_Load) Warning: Different sizes for attribute 'Name' (30 vs. 20)!\n"
+      "(TABLE_File_Load) Warning: Attribute 'Ts' has been converted from string to ADATI!\n"
+      "(TABLE_File_Load) Warning: Attribute 'Zeit' has been converted from string to ATIME!\n"
+      "(TABLE_File_Load) Warning: Attribute 'Code' has been converted from string to binary!\n"
+      "(TABLE_File_Load) Warning: Different types for attribute 'Zahl' 3 vs. 2!\n"
+      "(TABLE_File_Load) Warning: Attribute 'Neu' not found!\n";
+  std::string second = expected_row;
+  second.replace(second.find("(TABLE_File_Load) Warning: Attribute 'Ts' has been converted"),
+                 std::strlen("(TABLE_File_Load) Warning: Attribute 'Ts' has been converted from "
+                             "string to ADATI!\n"),
+                 "(TABLE_File_Load) Warning: Different sizes for attribute 'Ts' (12 vs. 27)!\n");
+  EXPECT_EQ(cap.take(), expected_row + second);
+  // The second record: the text that is no timestamp is copied as bytes.
+  EXPECT_EQ(std::memcmp(l.rows[1].data() + 43, "kein Zeitste", 12), 0);
+}
+
+TEST_F(TableFile, SectionsLoadInOrderOrArePassedOver) {
+  const char *d101 = "101,12|Code,11,5,4";
+  const char *d100 = "100,12|Nr,3,4,4";
+  Rec c = record(12), nr = record(12);
+  put_text(c, 4, "AB");
+  int32_t v = 42;
+  put(nr, 4, &v, 4);
+  ASSERT_EQ(save(&session, "two.tbl", d101, {}), 1); // empty 101 section
+  ASSERT_EQ(save(&session, "two.tbl", d100, {nr}), 1);
+  ASSERT_EQ(save(&session, "two.tbl", d101, {c}), 1);
+  ASSERT_EQ(save(&session, "two.tbl", d100, {nr, nr}), 1);
+
+  Capture cap;
+  std::FILE *f = std::fopen("two.tbl", "rb");
+  // An empty section of another table is passed over with the message.
+  Loaded l = load(&session, f, d100, 12);
+  EXPECT_EQ(l.ok, 1);
+  EXPECT_EQ(l.rows.size(), 1u);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Load) Table 100 not found (actual table is 101)!\n");
+  // A section with records must be skipped explicitly.
+  EXPECT_EQ(TABLE_File_Skip(f, d101), 1);
+  l = load(&session, f, d100, 12);
+  EXPECT_EQ(l.rows.size(), 2u);
+  EXPECT_EQ(cap.take(), "");
+  EXPECT_EQ(TABLE_File_Skip(f, d100), 0);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Skip) Unexpected end of file!\n");
+  std::fclose(f);
+
+  // Loading 100 while 101 with records comes first reads into the records.
+  f = std::fopen("two.tbl", "rb");
+  ASSERT_EQ(TABLE_File_Skip(f, d101), 1);
+  // The 100 section's header is passed over, then its records are taken for
+  // the next header.
+  EXPECT_EQ(TABLE_File_Skip(f, d101), 0);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Skip) Table 101 not found (actual table 100)!\n"
+                        "(TABLE_File_Skip) Syntax error in definition 'TBL,SIZE'!\n");
+  std::fclose(f);
+}
+
+TEST_F(TableFile, BadDefinitionsAndDamagedFilesFailWithTheirMessages) {
+  Capture cap;
+  EXPECT_EQ(save(&session, "x.tbl", "7,20", {}), 0);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Save) No attributes!\n");
+  EXPECT_EQ(save(&session, "x.tbl", "7", {}), 0);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Save) Syntax error in definition 'TBL,SIZE'!\n");
+  EXPECT_EQ(save(&session, "x.tbl", "7,20|A,11,9", {}), 0);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Save) Syntax error 'NAME,TYP,SIZE,IDX'!\n");
+  EXPECT_EQ(save(&session, "x.tbl", "7,0|A,11,9,4", {record(4)}), 1);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Save) Warning: Struct not initialized (size 0)???\n");
+  std::filesystem::remove("x.tbl");
+
+  auto load_bytes = [&](const std::string &bytes, const char *def) {
+    write_file("d.tbl", bytes);
+    std::FILE *f = std::fopen("d.tbl", "rb");
+    Loaded l = load(&session, f, def, 20);
+    std::fclose(f);
+    return l.ok;
+  };
+  const char *def = "7,20|A,11,9,4";
+  std::string good = std::string("00002,7,20|A,11,9,4") + '\0' + std::string(40, 'x');
+  EXPECT_EQ(load_bytes(good.substr(0, 10), def), 0);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Load) Unexpected end of file!\n");
+  EXPECT_EQ(load_bytes("00001,7\xff" + good.substr(8), def), 0);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Load) Unexpected end of file!\n");
+  EXPECT_EQ(load_bytes(good.substr(0, good.size() - 1), def), 0);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Load) Error reading file!\n");
+  EXPECT_EQ(load_bytes(std::string("00001,x") + '\0', def), 0);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Load) Syntax error in definition 'TBL,SIZE'!\n");
+  EXPECT_EQ(load_bytes(std::string("00001,7,20|A,11") + '\0', def), 0);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Load) Syntax error 'NAME,TYP,SIZE,IDX'!\n");
+  EXPECT_EQ(load_bytes(good, "7,20|A,11,9,4|B,11"), 0);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Load) Syntax error 'NAME,TYP,SIZE,IDX'!\n");
+  std::string many = "00000,7,20";
+  for (int i = 0; i < 501; ++i) many += "|A" + std::to_string(i) + ",11,2,4";
+  EXPECT_EQ(load_bytes(many + '\0', def), 0);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Load) Too many attribs (max = 500!\n");
+  EXPECT_EQ(load_bytes(std::string(10001, '1'), def), 0);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Load) Definition too long (max = 10000)!\n");
+  write_file("d.tbl", std::string(10001, '1'));
+  std::FILE *f = std::fopen("d.tbl", "rb");
+  EXPECT_EQ(TABLE_File_Skip(f, def), 0);
+  std::fclose(f);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Skip) Definition too long (max = 10000)!\n");
+
+  // A refused insert ends the load.
+  write_file("d.tbl", good);
+  f = std::fopen("d.tbl", "rb");
+  int calls = 0;
+  EXPECT_EQ(TABLE_File_Load(
+                &session, f, def, [](void *) {},
+                [&](void *, DBSESSION *) { return ++calls < 1 ? 1 : 0; }),
+            0);
+  std::fclose(f);
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(cap.take(), "(TABLE_File_Load) Error in table-insert!\n");
+}
+
+TEST(TableAttrib, TypesAndValuesByPosition) {
+  const char *def = "7,20|Name,11,9,4|Menge,2,2,13|Bad,x";
+  Capture cap;
+  int size = 0;
+  EXPECT_EQ(Get_TABLE_Attrib_Type(def, 0, &size), DT_STRING);
+  EXPECT_EQ(size, 8);
+  EXPECT_EQ(Get_TABLE_Attrib_Type(def, 1, &size), DT_SHORT);
+  EXPECT_EQ(size, 1);
+  EXPECT_EQ(Get_TABLE_Attrib_Type(def, 2, &size), -1);
+  EXPECT_EQ(cap.take(), "(Get_TABLE_Attrib_Type) Syntax error 'NAME,TYP,SIZE,IDX'!\n");
+  EXPECT_EQ(Get_TABLE_Attrib_Type(def, 3, &size), 0);
+
+  Rec r = record(20);
+  int16_t m = 5;
+  EXPECT_EQ(Set_TABLE_Attrib_Value(def, 1, r.data(), &m), 1);
+  EXPECT_EQ(r[13], 5);
+  EXPECT_EQ(Set_TABLE_Attrib_Value(def, 0, r.data(), "Kunde\0\0\0"), 1);
+  EXPECT_EQ(text_at(r.data(), 4), "Kunde");
+  EXPECT_EQ(Set_TABLE_Attrib_Value(def, 2, r.data(), &m), 0);
+  EXPECT_EQ(cap.take(), "(Set_TABLE_Attrib_Value) Syntax error 'NAME,TYP,SIZE,IDX'!\n");
+  EXPECT_EQ(Set_TABLE_Attrib_Value(def, 5, r.data(), &m), 0);
+  EXPECT_EQ(Set_TABLE_Attrib_Value("7,10|Over,11,9,4", 0, r.data(), "x"), 0);
+}
+
+} // namespace
