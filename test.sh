@@ -19,5 +19,18 @@ fuzz=OFF
 flock /tmp/zentiq-build.lock cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" -DZENTIQ_SANITIZE=ON \
   -DZENTIQ_FUZZ="$fuzz" >/dev/null
 scripts/build-locked "$build"
-cd "$build"
-exec ctest --output-on-failure -j"$(nproc)" "${exclude[@]}"
+if [[ "${FUZZ:-0}" != 1 ]]; then
+  cd "$build"
+  exec ctest --output-on-failure -j"$(nproc)" "${exclude[@]}"
+fi
+# FUZZ=1: the libFuzzer targets need clang, so they are built in a clang
+# folder of their own (only the fuzz targets) and run there after the tests.
+status=0
+(cd "$build" && ctest --output-on-failure -j"$(nproc)" "${exclude[@]}") || status=$?
+fuzzbuild=build/fuzz
+flock /tmp/zentiq-build.lock env CC=clang CXX=clang++ cmake -S . -B "$fuzzbuild" -G Ninja \
+  -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" -DZENTIQ_FUZZ=ON -DZENTIQ_BENCH=OFF \
+  >/dev/null
+scripts/build-locked "$fuzzbuild" fuzz_targets
+(cd "$fuzzbuild" && ctest --output-on-failure -L '^fuzz$') || status=$?
+exit "$status"

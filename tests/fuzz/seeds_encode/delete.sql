@@ -1,0 +1,1 @@
+delete from art where nr > 5

@@ -1,0 +1,1 @@
+INSERT INTO art (nr, bez, f) VALUES (2147483648, 'it\'s', -1e-3);

@@ -1,0 +1,1 @@
+SELECT DISTINCT a, t.b, t.*, COUNT(*), MIN(x.y), MAX(c) FROM t x, u WHERE a = 1 AND b <> 'x' OR NOT c LIKE 'y%' ORDER BY a, t.b DESC;

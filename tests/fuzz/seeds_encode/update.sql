@@ -1,0 +1,1 @@
+UPDATE art SET bez = 'x', f = 0.5 WHERE nr >= 10 OR (nr < 2 AND bez <= 'q');

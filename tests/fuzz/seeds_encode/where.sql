@@ -1,0 +1,1 @@
+select * from t where a between -  5 and 2.5e3 and b in (1, 'a', 2.0) and exists (select * from u where u.k = t.k) and c = (select max(d) from v) and e in (select f from w);
