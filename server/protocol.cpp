@@ -168,6 +168,7 @@ void ProtocolServer::poll(int timeout_ms) {
 // Reads the chunk in the message area. The bytes are copied out before the
 // acknowledgement, since the client may write its next chunk right after it.
 void ProtocolServer::handle_chunk() {
+  settle_ack(false);
   unsigned char *a = area();
   int32_t channel = static_cast<int32_t>(get32(a + kChannelAt));
   if (channel == -1) {
@@ -334,7 +335,7 @@ bool ProtocolServer::park(int channel) {
   if (!ch || ch->dead || channel != current_ || current_done_) return false;
   current_done_ = true;
   static const unsigned char notice[9] = {9, 0, 0, 0, 1, 0, 0, 0, '-'};
-  if (!send_chunk(channel, notice, sizeof notice, nullptr, 0)) return false;
+  if (!send_chunk(channel, notice, sizeof notice, nullptr, 0, true)) return false;
   ch->parked = true;
   return true;
 }
@@ -360,11 +361,16 @@ int ProtocolServer::open_channels() const {
   return n;
 }
 
-// Puts one chunk (head then body) into the area for `channel` and waits
-// until the client has taken it. Returns false, marking the channel dead,
-// when the client ended first (or the server is stopping).
+// Puts one chunk (head then body) into the area for `channel` and signals
+// the client. A chunk followed by another must be taken before the area is
+// written again, so the server waits for its acknowledgement; the last chunk
+// of a message is acknowledged while the server already waits for the next
+// request, and that acknowledgement is taken later (settle_ack). Returns
+// false, marking the channel dead, when the client ended first (or the
+// server is stopping).
 bool ProtocolServer::send_chunk(int channel, const unsigned char *head, size_t hn,
-                                const unsigned char *body, size_t bn) {
+                                const unsigned char *body, size_t bn, bool last) {
+  settle_ack(true);
   Channel &ch = channels_[size_t(channel)];
   unsigned char *a = area();
   put32(a + kChannelAt, static_cast<uint32_t>(channel));
@@ -372,12 +378,38 @@ bool ProtocolServer::send_chunk(int channel, const unsigned char *head, size_t h
   if (hn) std::memcpy(a + kPayloadAt, head, hn);
   if (bn) std::memcpy(a + kPayloadAt + hn, body, bn);
   client_.set();
+  if (last) {
+    ack_channel_ = channel;
+    return true;
+  }
   for (;;) {
     ipc::WaitResult r = server_ack_.wait(200, &ch.proc);
     if (r == ipc::WaitResult::Signalled) return true;
     if (r != ipc::WaitResult::Timeout || stop_) {
       ch.dead = true;
       return false;
+    }
+  }
+}
+
+// Takes the acknowledgement of the last chunk sent. With `wait` it waits
+// until it comes or its client has ended; without, it only takes it if it is
+// there: a new chunk in the area means the previous exchange is over, since
+// clients acknowledge before they give the mutex up.
+void ProtocolServer::settle_ack(bool wait) {
+  if (ack_channel_ < 0) return;
+  Channel *ch = channel_at(ack_channel_);
+  ack_channel_ = -1;
+  if (!wait || !ch || ch->dead) {
+    server_ack_.wait(0);
+    return;
+  }
+  for (;;) {
+    ipc::WaitResult r = server_ack_.wait(200, &ch->proc);
+    if (r == ipc::WaitResult::Signalled) return;
+    if (r != ipc::WaitResult::Timeout || stop_) {
+      ch->dead = true;
+      return;
     }
   }
 }
@@ -390,16 +422,16 @@ bool ProtocolServer::send_message(int channel, const unsigned char *data, size_t
   if (total <= DBCOMM_PACKET_MAX) {
     put32(head, total + 8);
     put32(head + 4, total);
-    return send_chunk(channel, head, 8, data, total);
+    return send_chunk(channel, head, 8, data, total, true);
   }
   put32(head, DBCOMM_PACKET_MAX);
   put32(head + 4, total);
-  if (!send_chunk(channel, head, 8, data, DBCOMM_FIRST_DATA)) return false;
+  if (!send_chunk(channel, head, 8, data, DBCOMM_FIRST_DATA, false)) return false;
   uint32_t done = DBCOMM_FIRST_DATA;
   while (done < total) {
     uint32_t n = std::min<uint32_t>(total - done, DBCOMM_NEXT_DATA);
     put32(head, n + 4);
-    if (!send_chunk(channel, head, 4, data + done, n)) return false;
+    if (!send_chunk(channel, head, 4, data + done, n, done + n >= total)) return false;
     done += n;
   }
   return true;
@@ -451,6 +483,7 @@ void ProtocolServer::close_dead_channels() {
       if (owner_word() == channel) set_owner_word(-1);
       activating_ = -1;
     }
+    if (ack_channel_ == channel) ack_channel_ = -1;
     handler_.channel_closed(*this, channel, ch.ctx.get());
     ch = Channel{};
   }

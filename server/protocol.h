@@ -127,7 +127,8 @@ private:
   void dispatch(int channel);
   bool send_message(int channel, const unsigned char *data, size_t length);
   bool send_chunk(int channel, const unsigned char *head, size_t hn, const unsigned char *body,
-                  size_t bn);
+                  size_t bn, bool last);
+  void settle_ack(bool wait);
   void start_activation();
   void finish_activation();
   void check_clients();
@@ -152,7 +153,8 @@ private:
   int current_ = -1;          // channel whose request() runs
   bool current_done_ = false; // it was answered or parked
   std::deque<int> activations_;
-  int activating_ = -1; // channel handed the exchange, not yet answered
+  int activating_ = -1;  // channel handed the exchange, not yet answered
+  int ack_channel_ = -1; // its last chunk was sent, its acknowledgement not taken
   int64_t last_check_ns_ = 0;
 };
 

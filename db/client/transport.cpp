@@ -9,9 +9,11 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include "base/msg.h"
@@ -155,10 +157,30 @@ int send_packet(int channel, const unsigned char *head, size_t hn, const unsigne
   return static_cast<int>(sent);
 }
 
-// Reads one chunk of at most max bytes into buf, following a parking notice
-// and the re-activation. Returns the bytes taken, -1 when the server ended
-// (or sent a chunk longer than the area), -2 on a failure of the mutex.
-int read_chunk(int channel, unsigned char *buf, int max) {
+// Where the bytes of a packet go: the 4-byte length word to head, the rest
+// to body (for the packet buffer body is simply head + 4).
+struct Dest {
+  unsigned char *head;
+  unsigned char *body;
+};
+
+// Copies n chunk bytes that sit at offset pos of the packet.
+void copy_out(const Dest &d, size_t pos, const unsigned char *src, size_t n) {
+  if (pos < 4) {
+    size_t h = std::min(n, 4 - pos);
+    std::memcpy(d.head + pos, src, h);
+    src += h;
+    n -= h;
+    pos += h;
+  }
+  if (n) std::memcpy(d.body + (pos - 4), src, n);
+}
+
+// Reads one chunk of at most max bytes, to packet offset pos of d, following
+// a parking notice and the re-activation. Returns the bytes taken, -1 when the
+// server ended (or sent a chunk longer than the area), -2 on a failure of the
+// mutex.
+int read_chunk(int channel, const Dest &d, size_t pos, int max) {
   unsigned char *a = area();
   for (;;) {
     if (!g_tp.partial_pending) {
@@ -196,31 +218,30 @@ int read_chunk(int channel, unsigned char *buf, int max) {
     }
     if (static_cast<int64_t>(n) > max) {
       size_t m = static_cast<size_t>(max);
-      std::memcpy(buf, a + kPayloadAt, m);
+      copy_out(d, pos, a + kPayloadAt, m);
       put32(a + kLengthAt, static_cast<uint32_t>(n - m));
       std::memmove(a + kPayloadAt, a + kPayloadAt + m, n - m);
       g_tp.partial_pending = true;
       return max;
     }
-    std::memcpy(buf, a + kPayloadAt, n);
+    copy_out(d, pos, a + kPayloadAt, n);
     g_tp.partial_pending = false;
     g_tp.server_ack.set();
     return static_cast<int>(n);
   }
 }
 
-// Reads one packet into g_tp.packet. Returns the bytes received (at least 4),
-// or the first chunk result of 0 or less.
-int read_packet(int channel) {
-  unsigned char *pkt = g_tp.packet.data();
-  const int cap = static_cast<int>(g_tp.packet.size());
+// Reads one packet of at most cap bytes to d. Returns the bytes received (at
+// least 4), -1 for a packet longer than cap, or the first chunk result of 0
+// or less.
+int read_packet(int channel, const Dest &d, int cap) {
   int got = 0;
   while (got < 4) {
-    int r = read_chunk(channel, pkt + got, cap - got);
+    int r = read_chunk(channel, d, size_t(got), cap - got);
     if (r <= 0) return r;
     got += r;
   }
-  uint32_t plen = get32(pkt);
+  uint32_t plen = get32(d.head);
   if (plen > static_cast<uint32_t>(cap)) {
     msg_print("client read: Packet length %u out of range\n", plen);
     return -1;
@@ -228,11 +249,28 @@ int read_packet(int channel) {
   if (got > static_cast<int>(plen))
     msg_print("dbread client error: More received than sent %d/%d\n", got, static_cast<int>(plen));
   while (got < static_cast<int>(plen)) {
-    int r = read_chunk(channel, pkt + got, static_cast<int>(plen) - got);
+    int r = read_chunk(channel, d, size_t(got), static_cast<int>(plen) - got);
     if (r <= 0) return r;
     got += r;
   }
   return got;
+}
+
+// Reads one packet into the packet buffer g_tp.packet.
+int read_packet(int channel) {
+  unsigned char *pkt = g_tp.packet.data();
+  return read_packet(channel, Dest{pkt, pkt + 4}, static_cast<int>(g_tp.packet.size()));
+}
+
+// Asks for huge pages behind a large answer buffer: filling it then takes a
+// few page faults instead of one per 4 KiB. Only a hint; failures are
+// harmless.
+void advise_huge(unsigned char *p, size_t n) {
+  constexpr size_t kHuge = 2u << 20;
+  if (n < 2 * kHuge) return;
+  uintptr_t from = (reinterpret_cast<uintptr_t>(p) + kHuge - 1) & ~(kHuge - 1);
+  uintptr_t to = (reinterpret_cast<uintptr_t>(p) + n) & ~(kHuge - 1);
+  if (to > from) madvise(reinterpret_cast<void *>(from), to - from, MADV_HUGEPAGE);
 }
 
 } // namespace
@@ -367,6 +405,7 @@ int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buf
       msg_print("client read: Out of memory (len %d)\n", static_cast<int>(total));
       return -1;
     }
+    advise_huge(dst, total);
   } else {
     msg_print("client read: Message too big (len %d / buffersize = %d)\n", static_cast<int>(total),
               size);
@@ -377,13 +416,18 @@ int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buf
   uint32_t have = std::min<uint32_t>(static_cast<uint32_t>(got - 8), total);
   std::memcpy(dst, pkt + 8, have);
   while (have < total) {
-    int r = read_packet(channel);
+    // A full further packet goes straight to its place; the last one,
+    // which may carry more than is missing, through the packet buffer.
+    unsigned char head[4];
+    bool direct = total - have >= DBCOMM_NEXT_DATA;
+    int r = direct ? read_packet(channel, Dest{head, dst + have}, DBCOMM_PACKET_MAX)
+                   : read_packet(channel);
     if (r <= 0) {
       if (dst != buffer) std::free(dst);
       return r;
     }
     uint32_t n = std::min<uint32_t>(static_cast<uint32_t>(r - 4), total - have);
-    std::memcpy(dst + have, pkt + 4, n);
+    if (!direct) std::memcpy(dst + have, pkt + 4, n);
     have += n;
   }
   if (dst != buffer) {

@@ -1,6 +1,7 @@
 // Auto-reset events on a shared futex word (see event.h).
 #include "db/ipc/event.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -23,8 +24,9 @@ static_assert(std::atomic<uint32_t>::is_always_lock_free);
 
 constexpr size_t kEventSize = 64;
 
-// The process-wide spin limit of waits.
+// The process-wide spin limit of waits, and the shortest adaptive spin.
 std::atomic<int> g_spin_us{50};
+constexpr int64_t kMinSpinNs = 1000;
 
 inline void cpu_relax() {
 #if defined(__x86_64__) || defined(__i386__)
@@ -105,14 +107,24 @@ WaitResult Event::wait(int timeout_ms, const Process *proc) {
   if (timeout_ms == 0) return WaitResult::Timeout;
 
   const int64_t start = now_ns();
-  // Bounded spin: the other side of an exchange usually answers at once.
-  const int64_t spin_end = start + int64_t(g_spin_us.load(std::memory_order_relaxed)) * 1000;
-  while (now_ns() < spin_end) {
-    for (int k = 0; k < 32; ++k) {
-      if (try_consume(w)) return WaitResult::Signalled;
+  // Bounded, adaptive spin: the other side of an exchange usually answers
+  // within microseconds when it runs on another core. When it does not (it
+  // waits for this very core, or sleeps), spinning only delays it, so every
+  // spin that ends without the signal halves the next one and every spin
+  // that catches it doubles the next one, between 1 us and the limit.
+  const int64_t limit = int64_t(g_spin_us.load(std::memory_order_relaxed)) * 1000;
+  if (spin_ns_ > limit) spin_ns_ = limit;
+  const int64_t spin_end = start + spin_ns_;
+  for (int64_t t = start; t < spin_end; t = now_ns()) {
+    for (int k = 0; k < 16; ++k) {
+      if (try_consume(w)) {
+        spin_ns_ = std::min(limit, std::max<int64_t>(spin_ns_ * 2, kMinSpinNs));
+        return WaitResult::Signalled;
+      }
       cpu_relax();
     }
   }
+  if (limit > 0) spin_ns_ = std::max<int64_t>(spin_ns_ / 2, std::min(limit, kMinSpinNs));
 
   const int64_t deadline = timeout_ms > 0 ? start + int64_t(timeout_ms) * 1000000 : -1;
   constexpr int64_t kSlice = 20 * 1000000; // process checks at least this often

@@ -4,11 +4,14 @@
 // sleeping waiters. Setting stores 1 and wakes one sleeper; a wait consumes
 // the 1, so one waiter passes per set, and sets while the event is set do not
 // accumulate. A wait first spins for a short, bounded time (the other side
-// usually answers within microseconds), then sleeps on the futex of the word.
+// usually answers within microseconds; the spin adapts to how often it pays
+// off), then sleeps on the futex of the word.
 // A wait that also watches a process sleeps in slices of at most 20 ms and
 // ends when the process has ended. Which events exist and what they mean is
 // the protocol's business (db/client/transport, server/).
 #pragma once
+
+#include <cstdint>
 
 #include "db/ipc/named.h"
 #include "db/ipc/process.h"
@@ -44,6 +47,7 @@ public:
 
 private:
   Section sec_;
+  int64_t spin_ns_ = INT64_MAX; // this process's next spin on this event
 };
 
 // The bounded spin of every wait, in microseconds (default 50; 0 disables
