@@ -49,6 +49,8 @@ public:
 
   // The next byte without consuming it; 0 at the end.
   unsigned char peek() const { return pos_ < n_ ? p_[pos_] : 0; }
+  // The byte k places after the next one; 0 beyond the end.
+  unsigned char peek_at(size_t k) const { return pos_ + k < n_ ? p_[pos_ + k] : 0; }
   bool next_is(unsigned char c) const { return pos_ < n_ && p_[pos_] == c; }
 
   unsigned char byte(const char *what) {
@@ -191,7 +193,13 @@ public:
       if (r_.next_is('f')) tr.alias = qualifier();
       s->from.push_back(std::move(tr));
     } while (r_.next_is('a'));
-    if (r_.next_is('w')) {
+    // A subquery that stands alone as the last element of the enclosing
+    // WHERE is followed by that WHERE's closing 'w'; an opening 'w' is always
+    // followed by the operand an expression starts with.
+    unsigned char after = r_.peek_at(1);
+    bool opens = after == 'a' || after == 'D' || after == 'd' || after == 'e' || after == 'f' ||
+                 after == 'u' || after == '=';
+    if (r_.next_is('w') && (depth == 0 || opens)) {
       r_.byte("WHERE");
       s->where = expression(depth);
     }

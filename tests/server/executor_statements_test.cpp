@@ -70,6 +70,10 @@ TEST_F(StatementsTest, SelectListsJoinsAndConditions) {
   EXPECT_EQ(ids("SELECT AUFTRAG_ID FROM AUFTRAG WHERE BETRAG = (SELECT MAX(BETRAG) FROM "
                 "AUFTRAG)"),
             V{10});
+  // A subquery as a condition of its own: true when its value is not zero.
+  EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE k WHERE (SELECT COUNT(*) FROM AUFTRAG a WHERE "
+                "a.KUNDE_ID = k.KUNDE_ID)"),
+            (V{1, 2}));
   EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE WHERE KUNDE.KUNDE_ID <= 2 ORDER BY KUNDE.NAME"),
             (V{1, 2}));
 
