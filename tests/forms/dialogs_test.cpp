@@ -1,0 +1,132 @@
+// Question and message boxes, the test seam, pop-up menus.
+#include "forms_env.h"
+
+#include "forms/dialogs.h"
+#include "forms/popup.h"
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QMenu>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTest>
+#include <QTimer>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+class DialogsTest : public ::testing::Test {
+protected:
+  void SetUp() override { fl_seam_clear(); }
+  void TearDown() override {
+    fl_seam_enable(-1);
+    fl_seam_clear();
+    fl_clear_box_key();
+  }
+};
+
+TEST_F(DialogsTest, QuestionBoxAnswersAndRecordsWhatItShowed) {
+  ASSERT_TRUE(fl_seam_enabled()); // offscreen: the seam answers
+  fl_seam_queue_answer(1);
+  fl_seam_queue_answer(2);
+  fl_seam_queue_answer(3);
+  EXPECT_EQ(fl_show_question("Soll Zentiq beendet werden?", "", "", 2, "Ja", "Nein", "", 3), 1);
+  EXPECT_EQ(fl_show_question("a", "b", "c", 3, "Ja", "Nein", "Abbruch", 1), 2);
+  EXPECT_EQ(fl_show_question("a", "", "c", 3, "Ja", "Nein", "Abbruch", 1), 3);
+  // Without a queued answer the default button answers.
+  EXPECT_EQ(fl_show_question("x", "", "", 2, "Ja", "Nein", "", 3), 1);
+  EXPECT_EQ(fl_show_question("x", "", "", 2, "Ja", "Nein", "", 2), 2);
+  EXPECT_EQ(fl_show_question("x", "", "", 3, "Ja", "Nein", "", 3), 3);
+
+  const auto &shown = fl_seam_shown();
+  ASSERT_EQ(shown.size(), 6u);
+  EXPECT_EQ(shown[0].kind, FL_DIALOG_QUESTION);
+  EXPECT_EQ(shown[0].title, "Choice");
+  EXPECT_EQ(shown[0].text, "Soll Zentiq beendet werden?");
+  EXPECT_EQ(shown[0].buttons, 2);
+  EXPECT_EQ(shown[0].default_button, 3);
+  EXPECT_EQ(shown[1].text, "a\nb\nc");
+  EXPECT_EQ(shown[2].text, "a\nc"); // empty lines are left out
+  EXPECT_TRUE(fl_box_key_pending());
+}
+
+TEST_F(DialogsTest, MessageBoxJoinsThreeLinesUnderTitleMessage) {
+  fl_show_message("Update nicht möglich", "Primary Key nicht gefunden", "");
+  fl_show_alert("Main", "Input window error.", FL_ICON_ERROR);
+  fl_show_termination_warning();
+  const auto &shown = fl_seam_shown();
+  ASSERT_EQ(shown.size(), 3u);
+  EXPECT_EQ(shown[0].title, "Message");
+  EXPECT_EQ(shown[0].text, "Update nicht möglich\nPrimary Key nicht gefunden");
+  EXPECT_EQ(shown[0].kind, FL_DIALOG_MESSAGE);
+  EXPECT_EQ(shown[1].title, "Main");
+  EXPECT_EQ(shown[2].title, "Warning");
+  EXPECT_EQ(shown[2].text, "Application is about to terminate!");
+}
+
+TEST_F(DialogsTest, RealQuestionBoxHasThePlatformButtonsAndDefaults) {
+  auto two = fl_make_question_box("q", 2, 3);
+  EXPECT_EQ(two->standardButtons(), QMessageBox::Yes | QMessageBox::No);
+  EXPECT_EQ(two->defaultButton(), nullptr); // 3 of 2: the platform chooses
+  EXPECT_EQ(two->windowTitle(), QStringLiteral("Choice"));
+  auto no = fl_make_question_box("q", 2, 2);
+  EXPECT_EQ(static_cast<QAbstractButton *>(no->defaultButton()), no->button(QMessageBox::No));
+  auto three = fl_make_question_box("q", 3, 3);
+  EXPECT_EQ(static_cast<QAbstractButton *>(three->defaultButton()),
+            three->button(QMessageBox::Cancel));
+  EXPECT_EQ(fl_make_question_box("q", 1, 1)->standardButtons(), QMessageBox::Ok);
+
+  // With the seam off the box is really shown and modal; a timer answers it.
+  fl_seam_enable(0);
+  QTimer::singleShot(0, [] {
+    auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+    ASSERT_NE(box, nullptr);
+    EXPECT_EQ(box->text(), QStringLiteral("Wirklich löschen?\nZeile 3"));
+    box->button(QMessageBox::No)->click();
+  });
+  EXPECT_EQ(fl_show_question("Wirklich löschen?", "Zeile 3", "", 2, "Ja", "Nein", "", 3), 2);
+  ASSERT_EQ(fl_seam_shown().size(), 1u);
+  EXPECT_EQ(fl_seam_shown()[0].answer, 2);
+}
+
+TEST_F(DialogsTest, PopupDefinitionsAndChoices) {
+  using V = std::vector<std::string>;
+  // Flags are dropped and add no items or separators.
+  EXPECT_EQ(fl_split_popup("Sortierung%h|Spalten optimieren%h%l|Export%h"),
+            (V{"Sortierung", "Spalten optimieren", "Export"}));
+  // A definition ending in "|" gives no empty last item.
+  EXPECT_EQ(fl_split_popup("A|B|"), (V{"A", "B"}));
+  EXPECT_EQ(fl_split_popup(""), V{});
+
+  QWidget window;
+  EXPECT_EQ(fl_define_popup(&window, "Sortierung%h|Spalten optimieren%h%l|Export%h|"), &window);
+  EXPECT_EQ(fl_popup_items().size(), 3u);
+  fl_seam_queue_popup(2);
+  EXPECT_EQ(fl_do_popup(&window), 2);
+  EXPECT_EQ(fl_do_popup(&window), 0); // nothing queued: dismissed
+  ASSERT_EQ(fl_seam_shown().size(), 2u);
+  EXPECT_EQ(fl_seam_shown()[0].kind, FL_DIALOG_POPUP);
+  EXPECT_EQ(fl_seam_shown()[0].items, (V{"Sortierung", "Spalten optimieren", "Export"}));
+
+  // A real menu: choosing the second item returns 2.
+  fl_seam_enable(0);
+  QTimer::singleShot(50, [] {
+    QMenu *menu = nullptr;
+    for (QWidget *w : QApplication::topLevelWidgets())
+      if (auto *m = qobject_cast<QMenu *>(w); m && m->isVisible()) menu = m;
+    ASSERT_NE(menu, nullptr);
+    EXPECT_TRUE(fl_popup_is_open());
+    auto actions = menu->actions();
+    ASSERT_EQ(actions.size(), 3);
+    menu->setActiveAction(actions[1]);
+    QTest::keyClick(menu, Qt::Key_Return);
+  });
+  // Never hang: whatever happened above, the menu goes away.
+  QTimer::singleShot(3000, [] { fl_close_popup(); });
+  EXPECT_EQ(fl_do_popup(&window), 2);
+  EXPECT_FALSE(fl_popup_is_open());
+}
+
+} // namespace

@@ -1,0 +1,469 @@
+// Forms, objects and the keyboard filter, driven with real widgets and keys.
+#include "forms_env.h"
+
+#include "base/msg.h"
+#include "forms/dialogs.h"
+#include "forms/draw.h"
+#include "forms/entry.h"
+#include "forms/forms.h"
+#include "forms/keyfilter.h"
+
+#include <QApplication>
+#include <QCheckBox>
+#include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QTest>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::vector<std::pair<FL_OBJECT *, long>> g_calls;
+void record_call(FL_OBJECT *obj, long arg) { g_calls.emplace_back(obj, arg); }
+int count_calls(FL_OBJECT *obj) {
+  int n = 0;
+  for (auto &c : g_calls) n += c.first == obj;
+  return n;
+}
+
+class FormsTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    g_calls.clear();
+    fl_seam_clear();
+    fl_clear_box_key();
+  }
+  void TearDown() override {
+    if (form) fl_free_form(form);
+    fl_end_form();
+  }
+  FL_FORM *form = nullptr;
+};
+
+QLineEdit *line_edit(FL_OBJECT *obj) { return qobject_cast<QLineEdit *>(obj->widget); }
+
+TEST(EntryTest, CommandLineSplitsAtBlanksOnly) {
+  using V = std::vector<std::string>;
+  EXPECT_EQ(fl_split_command_line(""), V{"program"});
+  EXPECT_EQ(fl_split_command_line("-dbKUNDEN -doku"), (V{"program", "-dbKUNDEN", "-doku"}));
+  // Runs of blanks separate, trailing blanks add nothing, no quoting.
+  EXPECT_EQ(fl_split_command_line("a   \"b c\"  "), (V{"program", "a", "\"b", "c\""}));
+  // A leading blank gives an empty first argument; tabs are no separators.
+  EXPECT_EQ(fl_split_command_line(" x\ty"), (V{"program", "", "x\ty"}));
+  char a0[] = "zentiq", a1[] = "-db", a2[] = "two words", a3[] = "";
+  char *argv[] = {a0, a1, a2, a3, nullptr};
+  EXPECT_EQ(fl_join_arguments(4, argv), "-db two words ");
+  EXPECT_EQ(fl_split_command_line(fl_join_arguments(4, argv).c_str()),
+            (V{"program", "-db", "two", "words"}));
+}
+
+TEST_F(FormsTest, ObjectsFormARingAndKeepTheirFields) {
+  form = fl_begin_form(0, 300, 200);
+  ASSERT_NE(form, nullptr);
+  EXPECT_EQ(fl_current_building_form(), form);
+  FL_OBJECT *box = fl_add_box(FL_UP_BOX, 0, 0, 300, 200, "");
+  FL_OBJECT *text = fl_add_text(0, 10, 10, 100, 20, "Überschrift");
+  FL_OBJECT *input = fl_add_input(FL_NORMAL_INPUT, 80, 40, 100, 21, "Tabelle ");
+  FL_OBJECT *button = fl_add_button(FL_NORMAL_BUTTON, 10, 70, 60, 21, "@8");
+  fl_end_form();
+  EXPECT_EQ(fl_current_building_form(), nullptr);
+
+  EXPECT_EQ(form->first, box);
+  EXPECT_EQ(box->next, text);
+  EXPECT_EQ(text->next, input);
+  EXPECT_EQ(button->next, box);
+  EXPECT_EQ(text->label, "Überschrift");
+  EXPECT_EQ(static_cast<unsigned char>(text->label[0]), 0xDC); // Latin-1 in the record
+  EXPECT_EQ(fl_object_of_widget(input->widget), input);
+  EXPECT_EQ(fl_form_of_widget(input->widget), form);
+  EXPECT_TRUE(fl_is_symbol_label(button->label.c_str()));
+  EXPECT_FALSE(fl_is_symbol_label("@@mail"));
+  // The input's label stands outside to its left.
+  ASSERT_NE(input->label_widget, nullptr);
+  EXPECT_LE(input->label_widget->geometry().right(), 80);
+
+  EXPECT_EQ(fl_set_object_callback(button, record_call, 7), nullptr);
+  EXPECT_EQ(fl_set_object_callback(button, record_call, 8), record_call);
+  fl_call_object_callback(button);
+  ASSERT_EQ(g_calls.size(), 1u);
+  EXPECT_EQ(g_calls[0].second, 8);
+
+  // A click on the native button runs the callback; deactivated it does not.
+  show_and_activate(form);
+  QTest::mouseClick(button->widget, Qt::LeftButton);
+  EXPECT_EQ(count_calls(button), 2);
+  EXPECT_EQ(button->last_key, FL_KEY_ACTIVATE);
+  fl_deactivate_object(button);
+  QTest::mouseClick(button->widget, Qt::LeftButton);
+  EXPECT_EQ(count_calls(button), 2);
+  fl_activate_object(button);
+  EXPECT_TRUE(button->widget->isEnabled());
+
+  // Texts are Latin-1 on both sides of the native field.
+  fl_set_input(input, "Größe");
+  EXPECT_EQ(line_edit(input)->text(), QStringLiteral("Größe"));
+  EXPECT_STREQ(fl_get_input(input), "Größe");
+}
+
+TEST_F(FormsTest, CheckButtonsAndListBoxes) {
+  form = fl_begin_form(0, 300, 200);
+  FL_OBJECT *check = fl_add_checkbutton(FL_PUSH_BUTTON, 10, 10, 90, 21, "gespeichert");
+  FL_OBJECT *hidden = fl_add_checkbutton(FL_HIDDEN_CHECKBUTTON, 10, 40, 90, 21, "x");
+  FL_OBJECT *list = fl_add_listbox(FL_NORMAL_LISTBOX, 110, 10, 150, 100, "");
+  fl_end_form();
+  show_and_activate(form);
+  EXPECT_FALSE(hidden->widget->isVisible());
+
+  fl_set_button(check, 1);
+  EXPECT_EQ(fl_get_button(check), 1);
+  fl_set_button(check, 2); // anything but 1 clears
+  EXPECT_EQ(fl_get_button(check), 0);
+  fl_set_object_callback(check, record_call, 0);
+  QTest::mouseClick(check->widget, Qt::LeftButton);
+  EXPECT_EQ(fl_get_button(check), 1);
+  EXPECT_EQ(count_calls(check), 1);
+
+  fl_addto_listbox(list, "kurz");
+  fl_addto_listbox(list, "eine längere Zeile");
+  EXPECT_EQ(fl_get_listbox_maxline(list), 2);
+  const char *first = fl_get_listbox_line(list, 2);
+  ASSERT_NE(first, nullptr);
+  EXPECT_STREQ(first, "eine längere Zeile");
+  // The buffer only grows: the earlier pointer stays valid and now holds the
+  // shorter line.
+  const char *second = fl_get_listbox_line(list, 1);
+  EXPECT_EQ(first, second);
+  EXPECT_STREQ(second, "kurz");
+
+  std::string printed;
+  MsgHandler old = msg_set_handler(nullptr);
+  static std::string *sink;
+  sink = &printed;
+  msg_set_handler([](const char *t) { *sink += t; });
+  EXPECT_EQ(fl_get_listbox_line(list, 3), nullptr);
+  fl_set_input(check, "x");
+  msg_set_handler(old);
+  EXPECT_EQ(printed, "fl_get_listbox_line: Index out of range\n"
+                     "fl_set_input: Bad argument or wrong type\n");
+}
+
+TEST_F(FormsTest, ShortcutsTriggerInTheLetterCasesWritten) {
+  form = fl_begin_form(0, 300, 200);
+  FL_OBJECT *input = fl_add_input(FL_NORMAL_INPUT, 80, 10, 100, 21, "Text ");
+  FL_OBJECT *run = fl_add_button(FL_NORMAL_BUTTON, 10, 40, 100, 21, "Run");
+  FL_OBJECT *add = fl_add_button(FL_NORMAL_BUTTON, 10, 70, 100, 21, "Add");
+  fl_end_form();
+  fl_set_object_shortcut(run, "^u^U", 0);
+  fl_set_object_shortcut(add, "^d^d", 0);
+  fl_set_object_callback(run, record_call, 1);
+  fl_set_object_callback(add, record_call, 2);
+  EXPECT_TRUE(form->has_shortcuts);
+  fl_set_focus_object(form, input);
+  show_and_activate(form);
+  QWidget *w = input->widget;
+  ASSERT_TRUE(w->hasFocus());
+
+  QTest::keyClick(w, Qt::Key_U, Qt::ControlModifier);
+  EXPECT_EQ(count_calls(run), 1);
+  QTest::keyClick(w, Qt::Key_U, Qt::ControlModifier | Qt::ShiftModifier);
+  EXPECT_EQ(count_calls(run), 2);
+  // Without Control the letter is typed, not a shortcut.
+  QTest::keyClicks(w, "u");
+  EXPECT_EQ(count_calls(run), 2);
+  EXPECT_STREQ(fl_get_input(input), "u");
+  // "^d^d" names only the lower case.
+  QTest::keyClick(w, Qt::Key_D, Qt::ControlModifier | Qt::ShiftModifier);
+  EXPECT_EQ(count_calls(add), 0);
+  QTest::keyPress(w, Qt::Key_D, Qt::ControlModifier);
+  EXPECT_EQ(count_calls(add), 1);
+  EXPECT_EQ(input->last_key, 'd');
+  QTest::keyRelease(w, Qt::Key_D, Qt::ControlModifier);
+  EXPECT_EQ(input->last_key, FL_KEY_CONTROL);
+
+  EXPECT_TRUE(fl_shortcut_matches("&1^[", FL_KEY_F1, 0, 0));
+  EXPECT_TRUE(fl_shortcut_matches("&1^[", FL_KEY_ESCAPE, 0, 0));
+  EXPECT_TRUE(fl_shortcut_matches("#x", 'x', 0, 1));
+  EXPECT_FALSE(fl_shortcut_matches("#x", 'x', 0, 0));
+}
+
+TEST_F(FormsTest, TabIsSwallowedAndMovesTheFocus) {
+  form = fl_begin_form(0, 300, 200);
+  fl_add_box(FL_UP_BOX, 0, 0, 300, 200, "");
+  FL_OBJECT *a = fl_add_input(FL_NORMAL_INPUT, 80, 10, 100, 21, "A ");
+  fl_add_text(0, 10, 40, 50, 20, "Text");
+  FL_OBJECT *b = fl_add_input(FL_MULTILINE_INPUT, 80, 40, 100, 60, "B ");
+  FL_OBJECT *c = fl_add_button(FL_NORMAL_BUTTON, 80, 110, 100, 21, "C");
+  fl_end_form();
+  fl_set_focus_object(form, a);
+  show_and_activate(form);
+
+  QTest::keyClick(a->widget, Qt::Key_Tab);
+  EXPECT_TRUE(b->widget->hasFocus());
+  // The multi-line input did not get a tab character.
+  QTest::keyClick(b->widget, Qt::Key_Tab);
+  EXPECT_EQ(qobject_cast<QPlainTextEdit *>(b->widget)->toPlainText(), QString());
+  EXPECT_TRUE(c->widget->hasFocus());
+  QTest::keyClick(c->widget, Qt::Key_Tab);
+  EXPECT_TRUE(a->widget->hasFocus()); // round the ring
+  QTest::keyClick(a->widget, Qt::Key_Backtab, Qt::ShiftModifier);
+  EXPECT_TRUE(c->widget->hasFocus());
+
+  // A tab handler takes over the order.
+  static FL_OBJECT *target;
+  target = b;
+  FL_TAB_HANDLER old = fl_set_tab_handler([](FL_FORM *f, int) {
+    fl_set_focus_object(f, target);
+    return 1;
+  });
+  QTest::keyClick(c->widget, Qt::Key_Tab);
+  EXPECT_TRUE(b->widget->hasFocus());
+  fl_set_tab_handler(old);
+}
+
+TEST_F(FormsTest, TabIsSwallowedWithoutFocusableObjects) {
+  form = fl_begin_form(0, 200, 100);
+  FL_OBJECT *box = fl_add_box(FL_UP_BOX, 0, 0, 200, 100, "");
+  fl_end_form();
+  show_and_activate(form);
+  QKeyEvent press(QEvent::KeyPress, Qt::Key_Tab, Qt::NoModifier, "\t");
+  QKeyEvent release(QEvent::KeyRelease, Qt::Key_Tab, Qt::NoModifier, "\t");
+  EXPECT_TRUE(QApplication::sendEvent(form->window, &press));
+  EXPECT_TRUE(QApplication::sendEvent(form->window, &release));
+  (void)box;
+}
+
+int g_close_answer;
+int g_close_calls;
+int close_handler(FL_FORM *, void *) {
+  ++g_close_calls;
+  return g_close_answer;
+}
+
+TEST_F(FormsTest, EscapeAsksTheCloseHandler) {
+  form = fl_begin_form(0, 300, 200);
+  FL_OBJECT *in = fl_add_input(FL_NORMAL_INPUT, 80, 10, 100, 21, "A ");
+  fl_end_form();
+  fl_set_form_atclose(form, close_handler, nullptr);
+  fl_set_focus_object(form, in);
+  show_and_activate(form);
+  g_close_calls = 0;
+
+  g_close_answer = -1;
+  QTest::keyClick(in->widget, Qt::Key_Escape);
+  EXPECT_EQ(g_close_calls, 1);
+  EXPECT_TRUE(form->window->isVisible());
+
+  // The release of the key that closed a box is skipped: no close request.
+  fl_show_message("Hinweis", "", "");
+  QTest::keyRelease(in->widget, Qt::Key_Escape);
+  EXPECT_EQ(g_close_calls, 1);
+
+  g_close_answer = 0;
+  QTest::keyClick(in->widget, Qt::Key_Escape);
+  EXPECT_EQ(g_close_calls, 2);
+  EXPECT_FALSE(form->window->isVisible());
+  EXPECT_EQ(fl_get_current_form(), nullptr);
+}
+
+TEST_F(FormsTest, HelpKeyReachesTheCoveringHelpButtonOnly) {
+  form = fl_begin_form(0, 300, 200);
+  FL_OBJECT *in = fl_add_input(FL_NORMAL_INPUT, 80, 10, 100, 21, "A ");
+  FL_OBJECT *small = fl_add_button(FL_HIDDEN_BUTTON, 0, 0, 280, 200, "");
+  fl_set_object_callback(small, record_call, 1);
+  fl_end_form();
+  fl_set_focus_object(form, in);
+  show_and_activate(form);
+
+  // A type-3 button that does not cover the form is no help button.
+  QTest::keyClick(in->widget, Qt::Key_F1);
+  EXPECT_TRUE(g_calls.empty());
+  EXPECT_TRUE(in->widget->hasFocus());
+
+  fl_free_form(form);
+  form = fl_begin_form(0, 300, 200);
+  in = fl_add_input(FL_NORMAL_INPUT, 80, 10, 100, 21, "A ");
+  FL_OBJECT *help = fl_add_button(FL_HIDDEN_BUTTON, 0, 0, 299, 199, "");
+  fl_set_object_callback(help, record_call, 5);
+  fl_end_form();
+  fl_set_focus_object(form, in);
+  show_and_activate(form);
+  EXPECT_FALSE(help->widget->isVisible());
+  QTest::keyClick(in->widget, Qt::Key_F1);
+  ASSERT_EQ(g_calls.size(), 1u);
+  EXPECT_EQ(g_calls[0].first, help);
+  EXPECT_EQ(help->last_key, 65482);
+}
+
+TEST_F(FormsTest, NumericInputsDropOtherCharactersAndKeepTheCursor) {
+  form = fl_begin_form(0, 300, 200);
+  FL_OBJECT *integer = fl_add_input(FL_INT_INPUT, 80, 10, 100, 21, "Int ");
+  FL_OBJECT *decimal = fl_add_input(FL_FLOAT_INPUT, 80, 40, 100, 21, "Float ");
+  FL_OBJECT *plain = fl_add_input(FL_NORMAL_INPUT, 80, 70, 100, 21, "Text ");
+  fl_end_form();
+  fl_set_focus_object(form, integer);
+  show_and_activate(form);
+
+  fl_set_input(integer, "1234");
+  fl_set_input_cursorpos(integer, 2);
+  QTest::keyClicks(integer->widget, "a");
+  EXPECT_STREQ(fl_get_input(integer), "1234");
+  EXPECT_EQ(fl_get_input_cursorpos(integer), 2);
+  QTest::keyClicks(integer->widget, "-5.");
+  EXPECT_STREQ(fl_get_input(integer), "12-534");
+  EXPECT_EQ(fl_get_input_cursorpos(integer), 4);
+
+  fl_set_focus_object(form, decimal);
+  QTest::keyClicks(decimal->widget, "3,5x.25");
+  EXPECT_STREQ(fl_get_input(decimal), "35.25");
+
+  fl_set_focus_object(form, plain);
+  QTest::keyClicks(plain->widget, "a1.");
+  EXPECT_STREQ(fl_get_input(plain), "a1.");
+
+  int cursor = 5;
+  EXPECT_EQ(fl_filter_numeric_text(FL_INT_INPUT, "ab1c2d", &cursor), "12");
+  EXPECT_EQ(cursor, 2);
+}
+
+TEST_F(FormsTest, ReportingModesDecideWhenTheInputCallbackRuns) {
+  form = fl_begin_form(0, 300, 200);
+  FL_OBJECT *in = fl_add_input(FL_NORMAL_INPUT, 80, 10, 100, 21, "A ");
+  FL_OBJECT *other = fl_add_input(FL_NORMAL_INPUT, 80, 40, 100, 21, "B ");
+  FL_OBJECT *multi = fl_add_input(FL_MULTILINE_INPUT, 80, 70, 100, 60, "C ");
+  fl_end_form();
+  fl_set_object_callback(in, record_call, 0);
+  fl_set_object_callback(multi, record_call, 0);
+  fl_set_input_maxchars(in, 5); // also sets mode 1
+  EXPECT_EQ(in->how_return, FL_RETURN_CHANGED);
+  fl_set_focus_object(form, in);
+  show_and_activate(form);
+
+  // Mode 1: Return reports only a changed text.
+  QTest::keyClicks(in->widget, "abcdefg");
+  EXPECT_STREQ(fl_get_input(in), "abcde"); // the limit holds
+  QTest::keyClick(in->widget, Qt::Key_Return);
+  EXPECT_EQ(count_calls(in), 1);
+  EXPECT_EQ(in->last_key, FL_KEY_RETURN);
+  QTest::keyClick(in->widget, Qt::Key_Return);
+  EXPECT_EQ(count_calls(in), 1);
+  // ... and so does leaving the input after a change.
+  QTest::keyClick(in->widget, Qt::Key_Backspace);
+  QTest::keyClick(in->widget, Qt::Key_Tab);
+  EXPECT_TRUE(other->widget->hasFocus());
+  EXPECT_EQ(count_calls(in), 2);
+
+  // Mode 0: every Return reports, changed or not; leaving does not.
+  fl_set_input_return(in, FL_RETURN_ALWAYS);
+  fl_set_focus_object(form, in);
+  QTest::keyClick(in->widget, Qt::Key_Return);
+  QTest::keyClick(in->widget, Qt::Key_Return);
+  EXPECT_EQ(count_calls(in), 4);
+  QTest::keyClicks(in->widget, "x");
+  QTest::keyClick(in->widget, Qt::Key_Tab);
+  EXPECT_EQ(count_calls(in), 4);
+
+  // In a multi-line input Return starts a new line.
+  fl_set_focus_object(form, multi);
+  QTest::keyClicks(multi->widget, "a");
+  QTest::keyClick(multi->widget, Qt::Key_Return);
+  QTest::keyClicks(multi->widget, "b");
+  EXPECT_STREQ(fl_get_input(multi), "a\nb");
+  EXPECT_EQ(count_calls(multi), 0);
+}
+
+TEST_F(FormsTest, RawKeyHandlerHearsModifiersOnce) {
+  form = fl_begin_form(0, 300, 200);
+  FL_OBJECT *in = fl_add_input(FL_NORMAL_INPUT, 80, 10, 100, 21, "A ");
+  fl_end_form();
+  static std::vector<std::pair<int, int>> seen;
+  seen.clear();
+  fl_set_form_raw_key_handler(form,
+                              [](FL_FORM *, int key, int state) { seen.emplace_back(key, state); });
+  fl_set_focus_object(form, in);
+  show_and_activate(form);
+  QTest::keyPress(in->widget, Qt::Key_Shift);
+  QTest::keyRelease(in->widget, Qt::Key_Shift);
+  QTest::keyPress(in->widget, Qt::Key_Control);
+  QTest::keyRelease(in->widget, Qt::Key_Control);
+  std::vector<std::pair<int, int>> want{{160, 0}, {160, 1}, {162, 0}, {162, 1}};
+  EXPECT_EQ(seen, want);
+}
+
+TEST_F(FormsTest, FormsShowAtTheirPositionAndDeactivate) {
+  form = fl_begin_form(0, 200, 100);
+  FL_OBJECT *b = fl_add_button(FL_NORMAL_BUTTON, 10, 10, 60, 21, "OK");
+  fl_end_form();
+  fl_set_form_position(form, 40, 30);
+  fl_show_form(form, FL_PLACE_POSITION, 1, "Titel Ä");
+  EXPECT_EQ(form->window->windowTitle(), QStringLiteral("Titel Ä"));
+  int x = 0, y = 0;
+  fl_get_form_position(form, &x, &y);
+  EXPECT_EQ(x, 40);
+  EXPECT_EQ(y, 30);
+  EXPECT_EQ(form->window->size(), QSize(200, 100));
+  fl_deactivate_form(form);
+  EXPECT_FALSE(b->widget->isEnabled());
+  fl_activate_form(form);
+  EXPECT_TRUE(b->widget->isEnabled());
+  fl_hide_form(form);
+  EXPECT_FALSE(form->window->isVisible());
+}
+
+TEST(FormsClassTest, CustomClassesPlugInWithTheirOwnWidget) {
+  static int freed = 0;
+  ASSERT_EQ(fl_register_class(1500, "DEMO",
+                              [](FL_OBJECT *obj) {
+                                delete static_cast<int *>(obj->spec);
+                                ++freed;
+                              }),
+            1);
+  EXPECT_EQ(fl_register_class(1500, "OTHER", nullptr), 0);
+  EXPECT_STREQ(fl_class_name(1500), "DEMO");
+  EXPECT_STREQ(fl_class_name(FL_INPUT), "INPUT");
+  FL_FORM *form = fl_begin_form(0, 200, 100);
+  FL_OBJECT *obj =
+      fl_add_object(1500, 2, 5, 5, 50, 40, "", [](FL_OBJECT *o, QWidget *parent) -> QWidget * {
+        return new FlDrawnWidget(o, parent);
+      });
+  obj->spec = new int(42);
+  fl_end_form();
+  EXPECT_EQ(obj->widget->parentWidget(), form->window);
+  EXPECT_EQ(obj->widget->geometry(), QRect(5, 5, 50, 40));
+  EXPECT_EQ(fl_object_of_widget(obj->widget), obj);
+  fl_free_form(form);
+  EXPECT_EQ(freed, 1);
+}
+
+void to_stderr(const char *t) { std::fputs(t, stderr); }
+void box_to_stderr(const FlShownDialog &d) {
+  std::fprintf(stderr, "[%s] %s\n", d.title.c_str(), d.text.c_str());
+}
+
+TEST(FormsDeathTest, ObjectOutsideBeginAndTooManyInputsEndTheProgram) {
+  EXPECT_EXIT(
+      {
+        msg_set_handler(to_stderr);
+        fl_seam_set_observer(box_to_stderr);
+        fl_end_form();
+        fl_add_button(FL_NORMAL_BUTTON, 0, 0, 10, 10, "x");
+      },
+      ::testing::ExitedWithCode(1), "Object added outside begin!");
+  EXPECT_EXIT(
+      {
+        fl_seam_set_observer(box_to_stderr);
+        FL_FORM *f = fl_begin_form(0, 100, 100);
+        (void)f;
+        int start = fl_input_count();
+        for (int i = start; i < FL_MAX_INPUTS; ++i) fl_add_input(FL_NORMAL_INPUT, 0, 0, 10, 10, "");
+        std::fprintf(stderr, "count=%d\n", fl_input_count());
+        fl_add_input(FL_NORMAL_INPUT, 0, 0, 10, 10, "");
+        std::fprintf(stderr, "not reached\n");
+      },
+      ::testing::ExitedWithCode(1),
+      "count=10000\n\\[Error\\] Too many input fields \\(max 10000\\)");
+}
+
+} // namespace
