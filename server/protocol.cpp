@@ -202,6 +202,10 @@ void ProtocolServer::handshake() {
     msg_print("(tavrind) Client %d refused: version '%.40s' is not %s\n", int(pid),
               std::memchr(version, 0, 41) ? version : "?", kClientVersion);
   } else {
+    // A process holds one transport at a time: a new handshake means its
+    // earlier channels are given up.
+    for (Channel &old : channels_)
+      if (old.used && !old.dead && old.proc.pid() == pid) old.dead = true;
     int free_slot = -1;
     for (size_t i = 0; i < channels_.size(); ++i)
       if (!channels_[i].used) {
