@@ -674,6 +674,11 @@ bool Parser::statement() {
 } // namespace
 
 int DBexec_encode(char *statement, char *message) {
+  if (!message) return 0;
+  if (!statement) {
+    std::snprintf(message, DB_MSG_SIZE, "Unexpected end of query (expected SQL-command)");
+    return 0;
+  }
   // The parser holds a token buffer of DB_TOKEN_MAX bytes; one per thread
   // keeps it off the stack of deep callers and out of the hot path.
   thread_local Parser p;

@@ -12,5 +12,6 @@
 // appends its request to the request buffer, which it does not reset first.
 // Returns 1 when the statement parsed and was encoded; 0 on a syntax error
 // with the message in `message` (DB_MSG_SIZE bytes). After a failure the
-// request buffer holds whatever was written before the error.
+// request buffer holds whatever was written before the error. A null
+// statement counts as an empty text; a null message buffer returns 0.
 int DBexec_encode(char *statement, char *message);
