@@ -1,0 +1,374 @@
+// The tabbox's data model: title and column syntax, display texts, the index
+// rules of the line operations, selection by type, vertical display and the
+// diagnostics.
+#include "forms/mytabs.h"
+
+#include "base/msg.h"
+#include "forms/forms.h"
+#include "forms_env.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+std::string g_out;
+void capture(const char *text) { g_out += text; }
+
+class TabboxModel : public ::testing::Test {
+protected:
+  void SetUp() override {
+    g_out.clear();
+    old_ = msg_set_handler(capture);
+  }
+  void TearDown() override {
+    msg_set_handler(old_);
+    if (form_) fl_free_form(form_);
+  }
+  FL_OBJECT *make(int type, int w = 500, int h = 200) {
+    form_ = fl_begin_form(0, w + 20, h + 20);
+    FL_OBJECT *tb = fl_add_tabbox(type, 10, 10, w, h, "");
+    fl_end_form();
+    return tb;
+  }
+  FL_FORM *form_ = nullptr;
+  MsgHandler old_ = nullptr;
+};
+
+// "Name", six blanks, bar, blank, "Ort", four blanks, bar, blank, "Anzahl".
+const char *kTitle = "Name      | Ort    | Anzahl";
+
+TEST_F(TabboxModel, TitleDefinesColumns) {
+  FL_OBJECT *tb = make(1);
+  fl_set_tabbox_title(tb, kTitle);
+  fl_get_tabbox_title(tb); // lays out
+  int slots, *end, *order, *vis, nsort, *sc, *sd, maxw, *colmax;
+  ASSERT_EQ(
+      fl_get_tabbox_properties(tb, &slots, &end, &order, &vis, &nsort, &sc, &sd, &maxw, &colmax),
+      1);
+  EXPECT_EQ(slots, 4);
+  EXPECT_EQ(end[0], 0);
+  EXPECT_EQ(end[1], 10);
+  EXPECT_EQ(end[2], 19);
+  EXPECT_EQ(end[3], 28); // title length + 1
+  FL_TABBOX_REC *r = fl_tabbox_record(tb);
+  EXPECT_EQ(r->col_width[1], 10);
+  EXPECT_EQ(r->col_width[2], 8);
+  EXPECT_EQ(r->col_width[3], 9);
+  EXPECT_STREQ(fl_get_tabbox_title(tb), kTitle);
+
+  // No bar: one column ending after the title; empty: no column end at all.
+  fl_set_tabbox_title(tb, "Bezeichnung");
+  fl_get_tabbox_title(tb);
+  fl_get_tabbox_properties(tb, &slots, &end, &order, &vis, &nsort, &sc, &sd, &maxw, &colmax);
+  EXPECT_EQ(slots, 2);
+  EXPECT_EQ(end[1], 12);
+  fl_set_tabbox_title(tb, "");
+  fl_get_tabbox_title(tb);
+  fl_get_tabbox_properties(tb, &slots, &end, &order, &vis, &nsort, &sc, &sd, &maxw, &colmax);
+  EXPECT_EQ(slots, 2);
+  EXPECT_EQ(end[0], 0);
+  EXPECT_EQ(end[1], -1);
+}
+
+TEST_F(TabboxModel, DisplayTextsHideReorderAndCut) {
+  FL_OBJECT *tb = make(1);
+  fl_set_tabbox_title(tb, kTitle);
+  fl_add_tabbox_line(tb, "Schmidt   | Köln   | 12");
+  fl_add_tabbox_line(tb, "Abc       | Ulm    | 7");
+  EXPECT_STREQ(fl_get_tabbox_line(tb, 1), "Schmidt   | Köln   | 12");
+
+  int slots, *end, *order, *vis, nsort, *sc, *sd, maxw, *colmax;
+  fl_get_tabbox_properties(tb, &slots, &end, &order, &vis, &nsort, &sc, &sd, &maxw, &colmax);
+  vis[2] = 0;
+  fl_draw_tabbox(tb);
+  EXPECT_STREQ(fl_get_tabbox_title(tb), "Name      | Anzahl");
+  EXPECT_STREQ(fl_get_tabbox_line(tb, 1), "Schmidt   | 12");
+  vis[2] = 1;
+  order[1] = 3;
+  order[2] = 1;
+  order[3] = 2;
+  fl_draw_tabbox(tb);
+  EXPECT_STREQ(fl_get_tabbox_line(tb, 1), "12     | Schmidt   | Köln  ");
+  order[1] = 1;
+  order[2] = 2;
+  order[3] = -1; // the order ends here
+  fl_draw_tabbox(tb);
+  EXPECT_STREQ(fl_get_tabbox_line(tb, 2), "Abc       | Ulm   ");
+  order[3] = 3;
+
+  // A maximum width of 5: a cut word marks the separator, cut blanks do not.
+  colmax[1] = 5;
+  fl_draw_tabbox(tb);
+  EXPECT_STREQ(fl_get_tabbox_line(tb, 1), "Schmi~| Köln   | 12");
+  EXPECT_STREQ(fl_get_tabbox_line(tb, 2), "Abc   | Ulm    | 7");
+  EXPECT_EQ(fl_tabbox_record(tb)->max_display_len,
+            static_cast<int>(std::string(fl_get_tabbox_title(tb)).size()));
+
+  // The global width applies where no column width is set; the column's wins.
+  fl_set_tabbox_maxwidth(tb, 2);
+  EXPECT_STREQ(fl_get_tabbox_line(tb, 1), "Schmi~| Kö~| 12");
+  colmax[1] = -1;
+  fl_set_tabbox_maxwidth(tb, -1);
+  fl_draw_tabbox(tb);
+  EXPECT_STREQ(fl_get_tabbox_line(tb, 1), "Schmidt   | Köln   | 12");
+
+  // A new title resets order, visibility and widths before the settings hook.
+  static int hook_calls;
+  hook_calls = 0;
+  FL_TABBOX_HOOK old = fl_set_tabbox_settings_hook([](FL_OBJECT *obj) {
+    ++hook_calls;
+    int s, *e, *o, *v, n, *c, *d, m, *cm;
+    fl_get_tabbox_properties(obj, &s, &e, &o, &v, &n, &c, &d, &m, &cm);
+    EXPECT_EQ(v[2], 1);
+    EXPECT_EQ(o[1], 1);
+    EXPECT_EQ(cm[1], -1);
+    v[2] = 0; // reapplied settings hide a column
+  });
+  vis[2] = 0;
+  order[1] = 2;
+  colmax[1] = 3;
+  fl_set_tabbox_title(tb, kTitle);
+  fl_set_tabbox_settings_hook(old);
+  EXPECT_EQ(hook_calls, 1);
+  EXPECT_STREQ(fl_get_tabbox_line(tb, 1), "Schmidt   | 12");
+}
+
+TEST_F(TabboxModel, LineOperationsKeepTheirIndexRules) {
+  FL_OBJECT *tb = make(3);
+  fl_set_tabbox_title(tb, "A");
+  for (const char *t : {"a", "b", "c"}) fl_addto_tabbox(tb, t);
+  // Insert one past the end appends; two past is refused.
+  EXPECT_EQ(fl_insert_tabbox_line(tb, 4, "d"), 1);
+  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 4), "d");
+  EXPECT_EQ(fl_insert_tabbox_line(tb, 6, "x"), 0);
+  EXPECT_EQ(g_out, "fl_insert_tabbox_line: Index out of range\n");
+  fl_insert_tabbox_line(tb, 1, "z");
+  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 1), "z");
+  EXPECT_EQ(fl_get_tabbox_maxline(tb), 5); // z a b c d
+
+  // Delete moves the lines and their flags up.
+  fl_select_tabbox_line(tb, 3);
+  fl_delete_tabbox_line(tb, 2);
+  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 2), "b");
+  EXPECT_EQ(fl_isselected_tabbox_line(tb, 2), 1);
+  EXPECT_EQ(fl_get_tabbox_maxline(tb), 4); // z b c d
+
+  // Two past the end passes: the count drops and raw line i - 3 is selected.
+  fl_deselectall_tabbox(tb);
+  g_out.clear();
+  EXPECT_EQ(fl_delete_tabbox_line(tb, 7), 0);
+  EXPECT_EQ(g_out, "fl_delete_tabbox_line: Index out of range\n");
+  EXPECT_EQ(fl_delete_tabbox_line(tb, 6), 1);
+  EXPECT_EQ(fl_get_tabbox_maxline(tb), 3);
+  EXPECT_EQ(fl_isselected_tabbox_line(tb, 3), 1);
+  EXPECT_EQ(fl_get_tabbox_selectcount(tb), 1);
+
+  // Replace clears the flag; one past the end passes the checks.
+  fl_replace_tabbox_line(tb, 3, "neu");
+  EXPECT_EQ(fl_isselected_tabbox_line(tb, 3), 0);
+  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 3), "neu");
+  g_out.clear();
+  EXPECT_EQ(fl_replace_tabbox_line(tb, 4, "x"), 1);
+  EXPECT_STREQ(fl_get_tabbox_line(tb, 4), "");
+  EXPECT_EQ(fl_isselected_tabbox_line(tb, 4), 0);
+  fl_set_tabbox_topline(tb, 4);
+  fl_deselect_tabbox_line(tb, 4);
+  EXPECT_EQ(g_out, "");
+  EXPECT_EQ(fl_get_tabbox_line(tb, 5), nullptr);
+  EXPECT_EQ(fl_get_tabbox_full_line(tb, 5), nullptr);
+  EXPECT_EQ(
+      g_out,
+      "fl_get_tabbox_line: Index out of range\nfl_get_tabbox_full_line: Index out of range\n");
+
+  g_out.clear();
+  fl_select_tabbox_line(tb, 0);
+  EXPECT_EQ(g_out, "fl_select_tabbox_line: Index 0 is not valid\n");
+
+  // Capacities grow as the record's rules say.
+  FL_TABBOX_REC *r = fl_tabbox_record(tb);
+  EXPECT_EQ(r->text_capacity, 250);
+  fl_add_tabbox_line(tb, std::string(300, 'x').c_str());
+  EXPECT_EQ(r->text_capacity, 750);
+  fl_add_tabbox_line(tb, std::string(2000, 'x').c_str());
+  EXPECT_EQ(r->text_capacity, 2500);
+  EXPECT_EQ(r->line_capacity, 50);
+  for (int i = 0; i < 46; ++i) fl_add_tabbox_line(tb, "y");
+  EXPECT_EQ(fl_get_tabbox_maxline(tb), 51);
+  EXPECT_EQ(r->line_capacity, 100);
+
+  fl_clear_tabbox(tb);
+  EXPECT_EQ(fl_get_tabbox_maxline(tb), 0);
+  EXPECT_STREQ(fl_get_tabbox_full_title(tb), "A");
+}
+
+TEST_F(TabboxModel, SelectionFollowsTheType) {
+  FL_OBJECT *none = make(0, 300, 100);
+  fl_set_tabbox_title(none, "A");
+  for (const char *t : {"a", "b", "c"}) fl_add_tabbox_line(none, t);
+  fl_select_tabbox_line(none, 2);
+  EXPECT_EQ(fl_get_tabbox_selectcount(none), 0);
+  EXPECT_EQ(fl_isselected_tabbox_line(none, 2), 0);
+  EXPECT_EQ(fl_selectall_tabbox(none), 1); // any type
+  EXPECT_EQ(fl_get_tabbox_selectcount(none), 3);
+  fl_free_form(form_);
+
+  FL_OBJECT *single = make(2, 300, 100);
+  for (int i = 0; i < 30; ++i) fl_add_tabbox_line(single, std::to_string(i).c_str());
+  fl_select_tabbox_line(single, 2);
+  fl_select_tabbox_line(single, 25);
+  EXPECT_EQ(fl_get_tabbox_selectcount(single), 1);
+  EXPECT_EQ(fl_get_tabbox(single), 25);
+  // A selection outside the visible lines brings it to the top.
+  EXPECT_EQ(fl_get_tabbox_topline(single), 25);
+  fl_free_form(form_);
+
+  FL_OBJECT *multi = make(3, 300, 100);
+  for (int i = 0; i < 30; ++i) fl_add_tabbox_line(multi, std::to_string(i).c_str());
+  fl_select_tabbox_line(multi, 2);
+  fl_select_tabbox_line(multi, 25);
+  EXPECT_EQ(fl_get_tabbox_selectcount(multi), 2);
+  EXPECT_EQ(fl_get_tabbox_topline(multi), 1); // more than one selected: no scroll
+  EXPECT_EQ(fl_get_tabbox(multi), 2);
+}
+
+TEST_F(TabboxModel, SortedLinesShowInDisplayOrder) {
+  FL_OBJECT *tb = make(1);
+  fl_set_tabbox_title(tb, "Name    | Nr");
+  fl_add_tabbox_line(tb, "Ost     | 10");
+  fl_add_tabbox_line(tb, "Ölten   | 9");
+  fl_add_tabbox_line(tb, "Oase    | 10");
+  int cols[2] = {2, 1}, dirs[2] = {0, 1};
+  fl_set_tabbox_sort(tb, 2, cols, dirs);
+  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 1), "Oase    | 10");
+  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 2), "Ost     | 10");
+  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 3), "Ölten   | 9");
+  int one[1] = {1}, up[1] = {1};
+  fl_set_tabbox_sort(tb, 1, one, up);
+  EXPECT_STREQ(fl_get_tabbox_line(tb, 2), "Ölten   | 9");
+  fl_set_tabbox_sort(tb, 0, nullptr, nullptr);
+  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 1), "Ost     | 10");
+}
+
+TEST_F(TabboxModel, VerticalDisplayOfOneLine) {
+  FL_OBJECT *tb = make(0);
+  static int hook_calls;
+  hook_calls = 0;
+  FL_TABBOX_HOOK old = fl_set_tabbox_settings_hook([](FL_OBJECT *) { ++hook_calls; });
+  fl_set_tabbox_title(tb, kTitle);
+  fl_add_tabbox_line(tb, "Schmidt   | Köln   | 12");
+  EXPECT_EQ(fl_get_tabbox_vert_attr(tb), nullptr);
+  fl_set_tabbox_vert(tb);
+  fl_set_tabbox_vert(tb); // already vertical: refused
+  EXPECT_EQ(hook_calls, 2);
+  EXPECT_EQ(fl_get_tabbox_vert(tb), 1);
+  EXPECT_EQ(fl_is_tabbox_horizontal(tb), 0);
+  fl_layout_tabbox(tb);
+  FL_TABBOX_REC *c = fl_tabbox_record(tb)->companion.get();
+  ASSERT_NE(c, nullptr);
+  EXPECT_EQ(c->full_title, "Attribut  | Wert      ");
+  ASSERT_EQ(c->line_count, 3);
+  EXPECT_EQ(std::string(c->lines.at(0)), "Name      | Schmidt   ");
+  EXPECT_EQ(std::string(c->lines.at(1)), "Ort       | Köln      ");
+  EXPECT_EQ(std::string(c->lines.at(2)), "Anzahl    | 12        ");
+  EXPECT_EQ(c->slots, 3);
+
+  // Selection works on the companion even though the type is 0.
+  fl_select_tabbox_line(tb, 2);
+  EXPECT_EQ(fl_isselected_tabbox_line(tb, 2), 1);
+  char *attr = fl_get_tabbox_vert_attr(tb);
+  char *value = fl_get_tabbox_vert_attr_value(tb);
+  char *third = fl_get_tabbox_vert_attr_line(tb, 3);
+  ASSERT_TRUE(attr && value && third);
+  EXPECT_STREQ(attr, "Ort");
+  EXPECT_STREQ(value, "Köln");
+  EXPECT_STREQ(third, "Anzahl");
+  std::free(attr);
+  std::free(value);
+  std::free(third);
+
+  // The selection survives a rebuild.
+  fl_replace_tabbox_line(tb, 1, "Meier     | Bonn   | 3");
+  fl_layout_tabbox(tb);
+  EXPECT_EQ(std::string(c->lines.at(1)), "Ort       | Bonn      ");
+  EXPECT_EQ(fl_isselected_tabbox_line(tb, 2), 1);
+
+  fl_unset_tabbox_vert(tb);
+  EXPECT_EQ(hook_calls, 3);
+  EXPECT_EQ(fl_get_tabbox_vert_attr(tb), nullptr);
+  fl_set_tabbox_settings_hook(old);
+}
+
+TEST_F(TabboxModel, VerticalDisplayOfThreeLines) {
+  FL_OBJECT *tb = make(0);
+  fl_set_tabbox_title(tb, "Name      | Ort    | Anzahl");
+  fl_add_tabbox_line(tb, "Schmidt   | Köln   | 12");
+  fl_add_tabbox_line(tb, "Aachenbach| Ulm    | 7");
+  fl_add_tabbox_line(tb, "Bauer     | Hof    | 1234567890123");
+  int s, *e, *o, *v, n, *c_, *d, m, *cm;
+  fl_get_tabbox_properties(tb, &s, &e, &o, &v, &n, &c_, &d, &m, &cm);
+  v[2] = 0; // hidden columns are not shown vertically
+  fl_set_tabbox_vert(tb);
+  fl_layout_tabbox(tb);
+  FL_TABBOX_REC *c = fl_tabbox_record(tb)->companion.get();
+  EXPECT_EQ(c->full_title, "Attribut  | Zeile 1    | Zeile 2    | Zeile 3   ");
+  ASSERT_EQ(c->line_count, 2);
+  EXPECT_EQ(std::string(c->lines.at(0)), "Name      | Schmidt    | Aachenbach | Bauer     ");
+  // Fields end where the title's last column ends.
+  EXPECT_EQ(std::string(c->lines.at(1)), "Anzahl    | 12         | 7          | 1234567   ");
+  EXPECT_EQ(c->slots, 5);
+
+  // A type-1 tabbox never turns.
+  fl_free_form(form_);
+  FL_OBJECT *t1 = make(1);
+  fl_set_tabbox_vert(t1);
+  EXPECT_EQ(fl_get_tabbox_vert(t1), 0);
+}
+
+TEST_F(TabboxModel, BadObjectsAndFixedTexts) {
+  FL_OBJECT *tb = make(1);
+  form_ = nullptr;
+  FL_FORM *f = fl_begin_form(0, 100, 100);
+  FL_OBJECT *box = fl_add_box(FL_UP_BOX, 0, 0, 10, 10, "");
+  fl_end_form();
+  fl_deselect_tabbox_line(nullptr, 1);
+  fl_deselectall_tabbox(box);
+  fl_set_tabbox_callback2(box, nullptr, 0);
+  EXPECT_EQ(fl_get_tabbox_maxline(box), -1);
+  EXPECT_EQ(fl_get_tabbox_selectcount(nullptr), -1);
+  EXPECT_EQ(fl_load_tabbox(nullptr), -1);
+  EXPECT_EQ(fl_get_tabbox_vert_attr_line(box, 1), nullptr);
+  EXPECT_EQ(g_out, "fl_clear_tabbox: Bad argument or wrong type\n"
+                   "fl_clear_tabbox: Bad argument or wrong type\n"
+                   "fl_clear_tabbox: Bad argument or wrong type\n"
+                   "fl_get_tabbox_maxline: Bad argument or wrong type\n"
+                   "fl_get_tabbox_selectcount: Bad argument or wrong type\n"
+                   "fl_load_tabbox: Bad argument or wrong type\n"
+                   "fl_get_tabbox_vert_attr_line: Bad argument or wrong type\n");
+  g_out.clear();
+  EXPECT_EQ(fl_load_tabbox(tb), 1);
+  fl_set_tabbox_specialkey(tb, 5);
+  EXPECT_EQ(
+      g_out,
+      "fl_load_tabbox: Not yet implemented!\n(fl_set_tabbox_specialkey) Not yet implemented!\n");
+
+  fl_set_tabbox_popup(tb, "#Kopieren|#Löschen%h|Info", nullptr);
+  EXPECT_STREQ(fl_get_tabbox_popup_text(tb), "(K)opieren - (L)öschen - Info");
+  fl_set_tabbox_comma(tb, 2);
+  EXPECT_EQ(fl_get_tabbox_comma(tb), 2);
+  EXPECT_EQ(fl_get_tabbox_comma(box), -1);
+
+  int x, y, w, h;
+  fl_get_tabbox_listarea(tb, &x, &y, &w, &h);
+  FL_TABBOX_REC *r = fl_tabbox_record(tb);
+  EXPECT_EQ(x, 10);
+  EXPECT_EQ(y, 10 + r->char_h + 3 * FL_TABBOX_BW);
+  EXPECT_EQ(w, 500 - 18);
+  EXPECT_EQ(h, 200 - r->char_h - 3 * FL_TABBOX_BW - 18);
+  fl_free_form(f);
+  fl_free_form(tb->form);
+}
+
+} // namespace

@@ -1,0 +1,153 @@
+// The tabbox's field comparison and its sort permutation, checked against a
+// direct transcription of the selection sort with exchanges.
+#include "forms/mytabs.h"
+#include "forms/mytabs_sort.h"
+
+#include "forms/forms.h"
+#include "forms_env.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+TEST(TabboxCompare, NumbersAndTexts) {
+  EXPECT_EQ(tabbox_compare_fields("9", "10"), -1);
+  EXPECT_EQ(tabbox_compare_fields("10", "9"), 1);
+  EXPECT_EQ(tabbox_compare_fields("-3", "2"), -1);
+  EXPECT_EQ(tabbox_compare_fields("2.5", "2.25"), 1);
+  // A comma ends the conversion: 1,5 is a number but counts as 1.
+  EXPECT_EQ(tabbox_compare_fields("1,5", "1"), 0);
+  EXPECT_EQ(tabbox_is_number(""), 1);
+  EXPECT_EQ(tabbox_is_number("1.2.3"), 0);
+  EXPECT_EQ(tabbox_is_number("1,2.3"), 0);
+  EXPECT_EQ(tabbox_compare_fields("", "0"), 0);
+  // Not both numbers: compared as texts.
+  EXPECT_EQ(tabbox_compare_fields("9", "1a"), 1);
+  EXPECT_EQ(tabbox_compare_fields("abc", "ABC"), 0);
+  EXPECT_EQ(tabbox_compare_fields("Oase", "Ölten"), -1);
+  EXPECT_EQ(tabbox_compare_fields("Ölten", "Ost"), -1);
+  EXPECT_EQ(tabbox_compare_fields("Über", "Uber"), 0);
+  // Lower-case umlauts are negative bytes and sort before ASCII.
+  EXPECT_EQ(tabbox_compare_fields("äpfel", "Apfel"), -1);
+  EXPECT_EQ(tabbox_compare_fields("ab", "abc"), -1);
+  EXPECT_EQ(tabbox_compare_fields("abcdefghij", "abcdefghik"), -1);
+  EXPECT_EQ(tabbox_compare_fields("ABCDEFGHIJ", "abcdefghij"), 0);
+}
+
+// The selection sort as defined, on raw line numbers.
+template <class Cmp> std::vector<int> selection_sort(int n, Cmp cmp) {
+  std::vector<int> order(n);
+  for (int i = 0; i < n; ++i) order[i] = i;
+  for (int i = 0; i < n; ++i) {
+    int m = i;
+    for (int j = i + 1; j < n; ++j)
+      if (cmp(order[m], order[j]) > 0) m = j;
+    std::swap(order[i], order[m]);
+  }
+  return order;
+}
+
+TEST(TabboxSort, TournamentMatchesSelectionSortOnIntegers) {
+  std::mt19937 rng(7);
+  for (int round = 0; round < 300; ++round) {
+    int n = static_cast<int>(rng() % 300) + 1;
+    int range = static_cast<int>(rng() % 6) + 1; // many equal keys
+    std::vector<int> key(n);
+    for (int &k : key) k = static_cast<int>(rng() % range);
+    auto cmp = [&](int a, int b) { return key[a] < key[b] ? -1 : key[a] > key[b] ? 1 : 0; };
+    std::vector<int> fast(n);
+    for (int i = 0; i < n; ++i) fast[i] = i;
+    tabbox_tournament_order(fast, cmp);
+    ASSERT_EQ(fast, selection_sort(n, cmp)) << "round " << round;
+  }
+}
+
+class TabboxSortLines : public ::testing::Test {
+protected:
+  void TearDown() override {
+    if (form_) fl_free_form(form_);
+  }
+  FL_OBJECT *make() {
+    form_ = fl_begin_form(0, 300, 200);
+    FL_OBJECT *tb = fl_add_tabbox(1, 0, 0, 300, 200, "");
+    fl_end_form();
+    return tb;
+  }
+  FL_FORM *form_ = nullptr;
+};
+
+TEST_F(TabboxSortLines, PermutationMatchesSelectionSort) {
+  std::mt19937 rng(11);
+  // The text column holds texts only, the number column numbers only (the
+  // empty field is a number): those sort by the tournament tree. The third
+  // column mixes both.
+  const char *words[] = {"abc", "ABC", "Ölten", "Oase", "Ost", "äpfel", "x", "b", "B "};
+  const char *numbers[] = {"9", "10", "-1", "1,5", "1", "", "0.5", "10"};
+  for (int round = 0; round < 60; ++round) {
+    FL_OBJECT *tb = make();
+    fl_set_tabbox_title(tb, "Text    | Zahl  | Gemischt");
+    int n = static_cast<int>(rng() % 400) + 2;
+    std::vector<std::string> lines;
+    for (int i = 0; i < n; ++i) {
+      char buf[128];
+      const char *mixed = rng() % 2 ? words[rng() % 9] : numbers[rng() % 8];
+      std::snprintf(buf, sizeof buf, "%-7s | %-5s | %s", words[rng() % 9], numbers[rng() % 8],
+                    mixed);
+      lines.push_back(buf);
+      fl_add_tabbox_line(tb, buf);
+    }
+    int ncols = static_cast<int>(rng() % 3) + 1;
+    std::vector<int> cols(ncols), dirs(ncols);
+    for (int k = 0; k < ncols; ++k) {
+      cols[k] = static_cast<int>(rng() % 3) + 1;
+      dirs[k] = static_cast<int>(rng() % 2);
+    }
+    fl_set_tabbox_sort(tb, ncols, cols.data(), dirs.data());
+    fl_layout_tabbox(tb);
+    FL_TABBOX_REC *r = fl_tabbox_record(tb);
+    auto cmp = [&](int a, int b) {
+      for (int k = 0; k < ncols; ++k) {
+        int c = tabbox_compare_fields(fl_tabbox_field(r, lines[a], cols[k]),
+                                      fl_tabbox_field(r, lines[b], cols[k]));
+        if (dirs[k] == 0) c = -c;
+        if (c) return c;
+      }
+      return 0;
+    };
+    ASSERT_EQ(r->line_order, selection_sort(n, cmp)) << "round " << round;
+    fl_free_form(form_);
+    form_ = nullptr;
+  }
+}
+
+TEST_F(TabboxSortLines, LargeSortIsAPermutationInOrder) {
+  FL_OBJECT *tb = make();
+  fl_set_tabbox_title(tb, "Nr     | Name");
+  std::mt19937 rng(3);
+  const int n = 20000;
+  for (int i = 0; i < n; ++i) {
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%-6u | N%u", static_cast<unsigned>(rng() % 500),
+                  static_cast<unsigned>(rng() % 50));
+    fl_add_tabbox_line(tb, buf);
+  }
+  int cols[2] = {2, 1}, dirs[2] = {1, 0};
+  fl_set_tabbox_sort(tb, 2, cols, dirs);
+  fl_layout_tabbox(tb);
+  FL_TABBOX_REC *r = fl_tabbox_record(tb);
+  std::vector<int> seen(n, 0);
+  for (int raw : r->line_order) seen[raw]++;
+  EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), n);
+  for (int p = 1; p < n; ++p) {
+    std::string_view a = r->lines.at(r->line_order[p - 1]), b = r->lines.at(r->line_order[p]);
+    int c = tabbox_compare_fields(fl_tabbox_field(r, a, 2), fl_tabbox_field(r, b, 2));
+    if (c == 0) c = -tabbox_compare_fields(fl_tabbox_field(r, a, 1), fl_tabbox_field(r, b, 1));
+    ASSERT_LE(c, 0) << "position " << p;
+  }
+}
+
+} // namespace

@@ -1,0 +1,414 @@
+// The tabbox on the (offscreen) screen, driven with real mouse and key
+// events: selection with Shift and Control, scrolling by buttons, troughs,
+// knobs and keys with their limits, auto-repeat, column resize in the title
+// line, the popups and the key actions.
+#include "forms/mytabs.h"
+#include "forms/mytabs_draw.h"
+
+#include "forms/dialogs.h"
+#include "forms/forms.h"
+#include "forms_env.h"
+
+#include <QApplication>
+#include <QImage>
+#include <QTest>
+#include <QWidget>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Calls {
+  int callback = 0;
+  std::vector<long> dblclick;
+  std::vector<int> popup;
+  int viewer = 0, sort = 0, optimize = 0, corner = 0;
+  std::vector<std::pair<int, int>> widths;
+};
+Calls g;
+
+std::string title();
+
+class TabboxUi : public ::testing::Test {
+protected:
+  void SetUp() override {
+    g = Calls();
+    fl_seam_clear();
+  }
+  void TearDown() override {
+    if (form_) fl_free_form(form_);
+    fl_set_tabbox_modifier_hook(nullptr);
+    fl_set_tabbox_dialog_hook(FL_TABBOX_VIEWER, nullptr);
+    fl_set_tabbox_dialog_hook(FL_TABBOX_SORT_DIALOG, nullptr);
+    fl_set_tabbox_optimize_hook(nullptr);
+    fl_set_tabbox_colwidth_hook(nullptr);
+  }
+  // A tabbox of the type with n lines "Zeile i" and a wide second column.
+  FL_OBJECT *make(int type, int n, int w = 400, int h = 240) {
+    form_ = fl_begin_form(0, w + 20, h + 20);
+    FL_OBJECT *tb = fl_add_tabbox(type, 10, 10, w, h, "");
+    fl_end_form();
+    fl_set_object_callback(
+        tb, [](FL_OBJECT *, long) { ++g.callback; }, 0);
+    fl_set_tabbox_title(tb, title().c_str());
+    for (int i = 1; i <= n; ++i) {
+      std::string line = "Zeile " + std::to_string(i);
+      line.resize(10, ' ');
+      line += "| " + std::string(150, static_cast<char>('a' + i % 26));
+      fl_add_tabbox_line(tb, line.c_str());
+    }
+    show_and_activate(form_);
+    fl_layout_tabbox(tb);
+    return tb;
+  }
+  FL_TABBOX_REC *rec(FL_OBJECT *tb) { return fl_tabbox_record(tb); }
+  // The middle of the k-th visible line.
+  QPoint line_point(FL_OBJECT *tb, int k) {
+    return {30, tabbox_list_y(tb) + k * rec(tb)->char_h + rec(tb)->char_h / 2};
+  }
+  void click(FL_OBJECT *tb, QPoint p, Qt::KeyboardModifiers mods = {},
+             Qt::MouseButton b = Qt::LeftButton) {
+    QTest::mouseClick(tb->widget, b, mods, p);
+  }
+  std::vector<int> selected(FL_OBJECT *tb) {
+    std::vector<int> s;
+    for (int i = 1; i <= fl_get_tabbox_maxline(tb); ++i)
+      if (fl_isselected_tabbox_line(tb, i)) s.push_back(i);
+    return s;
+  }
+  FL_FORM *form_ = nullptr;
+};
+
+using V = std::vector<int>;
+
+// The title: the second column as wide as the lines' descriptions.
+std::string title() {
+  std::string t = "Name      | Beschreibung";
+  t.resize(12 + 150, ' ');
+  return t;
+}
+
+TEST_F(TabboxUi, ClicksSelectByTypeWithShiftAndControl) {
+  FL_OBJECT *tb = make(3, 8);
+  click(tb, line_point(tb, 1));
+  EXPECT_EQ(selected(tb), V({2}));
+  click(tb, line_point(tb, 4), Qt::ShiftModifier);
+  EXPECT_EQ(selected(tb), V({2, 3, 4, 5}));
+  click(tb, line_point(tb, 2), Qt::ControlModifier);
+  EXPECT_EQ(selected(tb), V({2, 4, 5}));
+  // Shift and Control: up to the selected block, and clear the block below.
+  click(tb, line_point(tb, 0), Qt::ShiftModifier | Qt::ControlModifier);
+  EXPECT_EQ(selected(tb), V({1, 4, 5}));
+  click(tb, line_point(tb, 3), Qt::ShiftModifier | Qt::ControlModifier);
+  EXPECT_EQ(selected(tb), V({1, 4}));
+  // Shift: from the block above down to the line, nothing else.
+  click(tb, line_point(tb, 6), Qt::ShiftModifier);
+  EXPECT_EQ(selected(tb), V({4, 5, 6, 7}));
+  click(tb, line_point(tb, 5));
+  EXPECT_EQ(selected(tb), V({6}));
+  EXPECT_EQ(g.callback, 7);
+  // Beside the lines: everything is cleared.
+  click(tb, line_point(tb, 10));
+  EXPECT_EQ(selected(tb), V());
+
+  // The framework's modifier state replaces the event's.
+  fl_set_tabbox_modifier_hook([](int key) { return key == FL_KEY_CONTROL ? 1 : 0; });
+  click(tb, line_point(tb, 1));
+  click(tb, line_point(tb, 3));
+  EXPECT_EQ(selected(tb), V({2, 4}));
+  fl_free_form(form_);
+
+  FL_OBJECT *single = make(1, 8);
+  click(single, line_point(single, 1));
+  click(single, line_point(single, 3), Qt::ShiftModifier);
+  EXPECT_EQ(selected(single), V({4}));
+  fl_free_form(form_);
+
+  FL_OBJECT *none = make(0, 8);
+  g.callback = 0;
+  click(none, line_point(none, 1));
+  EXPECT_EQ(fl_get_tabbox_selectcount(none), 0);
+  EXPECT_EQ(g.callback, 0);
+}
+
+TEST_F(TabboxUi, ScrollingStaysWithinItsLimits) {
+  FL_OBJECT *tb = make(1, 100);
+  FL_TABBOX_REC *r = rec(tb);
+  QWidget *w = tb->widget;
+  const int W = tb->w, H = tb->h, sl = r->screen_lines, vis = r->visible_chars;
+  ASSERT_GT(sl, 3);
+  ASSERT_GT(r->max_display_len, vis);
+  QPoint up(W - 9, 9), down(W - 9, H - 27), left(9, H - 9), right(W - 27, H - 9);
+  click(tb, up);
+  EXPECT_EQ(r->topline, 0);
+  click(tb, down);
+  click(tb, down);
+  EXPECT_EQ(r->topline, 2);
+  click(tb, up);
+  EXPECT_EQ(r->topline, 1);
+  click(tb, left);
+  EXPECT_EQ(r->offset, 0);
+  click(tb, right);
+  EXPECT_EQ(r->offset, 1);
+
+  // Troughs: forward a page less one, back a page plus one, never below 0.
+  int ks, kl;
+  tabbox_knob(tb, 1, &ks, &kl);
+  click(tb, QPoint(W - 9, ks + kl + 3));
+  EXPECT_EQ(r->topline, 1 + sl - 1);
+  tabbox_knob(tb, 1, &ks, &kl);
+  click(tb, QPoint(W - 9, ks - 2));
+  EXPECT_EQ(r->topline, 0);
+  tabbox_knob(tb, 0, &ks, &kl);
+  click(tb, QPoint(ks + kl + 3, H - 9));
+  EXPECT_EQ(r->offset, 1 + vis - 1);
+
+  // Keys of a type-1 tabbox only scroll.
+  QTest::keyClick(w, Qt::Key_PageDown);
+  EXPECT_EQ(r->topline, sl - 1);
+  for (int i = 0; i < 100; ++i) QTest::keyClick(w, Qt::Key_PageDown);
+  EXPECT_EQ(r->topline, 100 - sl);
+  QTest::keyClick(w, Qt::Key_Down);
+  EXPECT_EQ(r->topline, 100 - sl);
+  click(tb, down);
+  EXPECT_EQ(r->topline, 100 - sl);
+  QTest::keyClick(w, Qt::Key_PageUp);
+  EXPECT_EQ(r->topline, 100 - sl - sl - 1);
+  QTest::keyClick(w, Qt::Key_Up);
+  EXPECT_EQ(r->topline, 100 - 2 * sl - 2);
+  EXPECT_EQ(fl_get_tabbox_selectcount(tb), 0);
+  QTest::keyClick(w, Qt::Key_End);
+  EXPECT_EQ(r->offset, r->max_display_len - vis);
+  click(tb, right);
+  EXPECT_EQ(r->offset, r->max_display_len - vis);
+  QTest::keyClick(w, Qt::Key_Right, Qt::ShiftModifier);
+  EXPECT_EQ(r->offset, r->max_display_len - vis);
+  QTest::keyClick(w, Qt::Key_Left, Qt::ShiftModifier);
+  EXPECT_EQ(r->offset, r->max_display_len - 2 * vis - 1);
+  QTest::keyClick(w, Qt::Key_Home);
+  EXPECT_EQ(r->offset, 0);
+  QTest::keyClick(w, Qt::Key_Left);
+  EXPECT_EQ(r->offset, 0);
+  QTest::keyClick(w, Qt::Key_Right, Qt::ShiftModifier);
+  EXPECT_EQ(r->offset, vis - 1);
+
+  // Fewer lines than screen lines: the down button does nothing.
+  fl_clear_tabbox(tb);
+  fl_add_tabbox_line(tb, "eins");
+  fl_add_tabbox_line(tb, "zwei");
+  fl_layout_tabbox(tb);
+  click(tb, down);
+  EXPECT_EQ(r->topline, 0);
+}
+
+TEST_F(TabboxUi, HeldButtonsRepeatAfterTheirDelays) {
+  FL_OBJECT *tb = make(1, 100);
+  FL_TABBOX_REC *r = rec(tb);
+  const int W = tb->w, H = tb->h;
+  auto ticks_with_steps = [&](int n) {
+    std::vector<int> steps;
+    for (int t = 1; t <= n; ++t)
+      if (tabbox_mouse_repeat(tb)) steps.push_back(t);
+    return steps;
+  };
+  QTest::mousePress(tb->widget, Qt::LeftButton, {}, QPoint(W - 9, H - 27));
+  EXPECT_EQ(r->topline, 1); // the press itself steps
+  EXPECT_EQ(r->pressed[TB_DOWN], 1);
+  EXPECT_EQ(ticks_with_steps(17), V({9, 13, 17}));
+  EXPECT_EQ(r->topline, 4);
+  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, QPoint(W - 9, H - 27));
+  EXPECT_EQ(r->pressed[TB_DOWN], 0);
+
+  QTest::mousePress(tb->widget, Qt::LeftButton, {}, QPoint(W - 27, H - 9));
+  EXPECT_EQ(ticks_with_steps(8), V({4, 6, 8}));
+  EXPECT_EQ(r->offset, 4);
+  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, QPoint(W - 27, H - 9));
+  EXPECT_EQ(ticks_with_steps(8), V());
+
+  // Dragging the vertical knob moves in proportion, within the range.
+  int ks, kl;
+  tabbox_knob(tb, 1, &ks, &kl);
+  int top = r->topline;
+  QTest::mousePress(tb->widget, Qt::LeftButton, {}, QPoint(W - 9, ks + 2));
+  QTest::mouseMove(tb->widget, QPoint(W - 9, ks + 2 + (r->vslider_len - 10) / 4));
+  EXPECT_NEAR(r->topline, top + 25, 1);
+  QTest::mouseMove(tb->widget, QPoint(W - 9, H + 500));
+  EXPECT_EQ(r->topline, 100 - r->screen_lines);
+  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, QPoint(W - 9, H + 500));
+  EXPECT_EQ(r->vdrag, 0);
+}
+
+TEST_F(TabboxUi, DraggingABarInTheTitleCutsTheColumn) {
+  FL_OBJECT *tb = make(1, 3);
+  fl_set_tabbox_colwidth_hook([](FL_OBJECT *, int col, int width) {
+    g.widths.push_back({col, width});
+  });
+  FL_TABBOX_REC *r = rec(tb);
+  const int cw = r->char_w;
+  auto cell = [&](int pos) {
+    return QPoint(tabbox_text_x(tb) + pos * cw + cw / 2, r->char_h / 2 + 2);
+  };
+  // Not on a bar: no resize.
+  QTest::mousePress(tb->widget, Qt::LeftButton, {}, cell(4));
+  EXPECT_EQ(r->resize_col, -1);
+  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, cell(2));
+  // On the bar, released where it started: nothing changes.
+  QTest::mousePress(tb->widget, Qt::LeftButton, {}, cell(10));
+  EXPECT_EQ(r->resize_col, 10);
+  EXPECT_EQ(tb->widget->cursor().shape(), Qt::SizeAllCursor);
+  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, cell(10));
+  EXPECT_EQ(r->col_maxwidth[1], -1);
+  EXPECT_NE(tb->widget->cursor().shape(), Qt::SizeAllCursor);
+  // Dragged three characters to the left.
+  QTest::mousePress(tb->widget, Qt::LeftButton, {}, cell(10));
+  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, cell(7));
+  EXPECT_EQ(r->col_maxwidth[1], 6);
+  EXPECT_EQ(std::string(fl_get_tabbox_title(tb)), "Name   | " + title().substr(12));
+  EXPECT_EQ(std::string(fl_get_tabbox_line(tb, 1)), "Zeile ~| " + std::string(150, 'b'));
+  // Never narrower than 1 nor wider than the column.
+  QTest::mousePress(tb->widget, Qt::LeftButton, {}, cell(7));
+  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, cell(0));
+  EXPECT_EQ(r->col_maxwidth[1], 1);
+  QTest::mousePress(tb->widget, Qt::LeftButton, {}, cell(2));
+  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, cell(30));
+  EXPECT_EQ(r->col_maxwidth[1], 10);
+  EXPECT_EQ(g.widths, (std::vector<std::pair<int, int>>{{1, 6}, {1, 1}, {1, 10}}));
+}
+
+TEST_F(TabboxUi, PopupsOfferTheirChoices) {
+  FL_OBJECT *tb = make(1, 5);
+  fl_set_tabbox_optimize_hook([](FL_OBJECT *) { ++g.optimize; });
+  fl_set_tabbox_dialog_hook(FL_TABBOX_VIEWER, [](FL_OBJECT *) { ++g.viewer; });
+  fl_set_tabbox_dialog_hook(FL_TABBOX_SORT_DIALOG, [](FL_OBJECT *) { ++g.sort; });
+  rec(tb)->col_maxwidth[1] = 4;
+  fl_seam_queue_popup(2);
+  click(tb, line_point(tb, 1), {}, Qt::RightButton);
+  ASSERT_EQ(fl_seam_shown().size(), 1u);
+  EXPECT_EQ(fl_seam_shown()[0].items,
+            (std::vector<std::string>{"Sortierung", "Spalten optimieren", "Export"}));
+  EXPECT_EQ(rec(tb)->col_maxwidth[1], -1);
+  EXPECT_EQ(g.optimize, 1);
+
+  fl_select_tabbox_line(tb, 2);
+  fl_seam_queue_popup(4);
+  click(tb, line_point(tb, 1), {}, Qt::RightButton);
+  EXPECT_EQ(fl_seam_shown()[1].items.size(), 4u);
+  EXPECT_EQ(fl_seam_shown()[1].items[3], "Viewer");
+  EXPECT_EQ(g.viewer, 1);
+  fl_seam_queue_popup(1);
+  click(tb, line_point(tb, 1), {}, Qt::RightButton);
+  EXPECT_EQ(g.sort, 1);
+  fl_set_tabbox_viewer(tb, 0);
+  click(tb, line_point(tb, 1), {}, Qt::RightButton);
+  EXPECT_EQ(fl_seam_shown()[3].items.size(), 3u);
+
+  // The application's popup: "#" marks the shortcut letters.
+  fl_set_tabbox_popup(tb, "#Kopieren|#Löschen|Info",
+                      [](FL_OBJECT *, int item) { g.popup.push_back(item); });
+  fl_seam_queue_popup(2);
+  click(tb, line_point(tb, 1), {}, Qt::MiddleButton);
+  EXPECT_EQ(fl_seam_shown()[4].items,
+            (std::vector<std::string>{"Kopieren", "Löschen", "Info"}));
+  QTest::keyClick(tb->widget, Qt::Key_L);
+  QTest::keyClick(tb->widget, Qt::Key_K, Qt::ShiftModifier);
+  QTest::keyClick(tb->widget, Qt::Key_I);
+  EXPECT_EQ(g.popup, V({2, 2, 1}));
+}
+
+TEST_F(TabboxUi, KeysMoveTheSelectionAndCallBack) {
+  FL_OBJECT *tb = make(2, 40);
+  FL_TABBOX_REC *r = rec(tb);
+  QWidget *w = tb->widget;
+  const int sl = r->screen_lines;
+  QTest::keyClick(w, Qt::Key_Down);
+  EXPECT_EQ(selected(tb), V({1}));
+  QTest::keyClick(w, Qt::Key_Down);
+  QTest::keyClick(w, Qt::Key_Down);
+  EXPECT_EQ(selected(tb), V({3}));
+  QTest::keyClick(w, Qt::Key_Up);
+  EXPECT_EQ(selected(tb), V({2}));
+  EXPECT_EQ(g.callback, 4);
+  for (int i = 0; i < sl; ++i) QTest::keyClick(w, Qt::Key_Down);
+  EXPECT_EQ(selected(tb), V({2 + sl}));
+  EXPECT_EQ(r->topline, 2); // the list followed the selection
+  QTest::keyClick(w, Qt::Key_PageUp);
+  EXPECT_EQ(selected(tb), V({3}));
+  QTest::keyClick(w, Qt::Key_PageUp);
+  EXPECT_EQ(r->topline, 0);
+  EXPECT_EQ(selected(tb), V({1}));
+  QTest::keyClick(w, Qt::Key_PageDown);
+  EXPECT_EQ(selected(tb), V({sl}));
+  QTest::keyClick(w, Qt::Key_PageDown);
+  EXPECT_EQ(r->topline, sl - 1);
+  EXPECT_EQ(selected(tb), V({2 * sl - 1}));
+
+  // The framework may keep Up and Down for itself; Control overrides it.
+  fl_set_tabbox_key_hook([](FL_OBJECT *, int) { return 0; });
+  QTest::keyClick(w, Qt::Key_Up);
+  EXPECT_EQ(selected(tb), V({2 * sl - 1}));
+  QTest::keyClick(w, Qt::Key_Up, Qt::ControlModifier);
+  EXPECT_EQ(selected(tb), V({2 * sl - 2}));
+  fl_set_tabbox_key_hook(nullptr);
+
+  // Enter: the double-click callback with Shift as argument; without one the
+  // object's callback.
+  g.callback = 0;
+  QTest::keyClick(w, Qt::Key_Return);
+  EXPECT_EQ(g.callback, 1);
+  fl_set_tabbox_dblclick_callback(
+      tb, [](FL_OBJECT *, long a) { g.dblclick.push_back(a); }, 5);
+  EXPECT_EQ(r->dblclick_ms, 400);
+  QTest::keyClick(w, Qt::Key_Return);
+  QTest::keyClick(w, Qt::Key_Return, Qt::ShiftModifier);
+  QTest::keyClick(w, Qt::Key_Return, Qt::ControlModifier);
+  fl_call_tabbox_dblclick_callback(tb);
+  EXPECT_EQ(g.dblclick, (std::vector<long>{0, 1, 0}));
+  QTest::mouseDClick(w, Qt::LeftButton, {}, line_point(tb, 1));
+  EXPECT_EQ(g.dblclick.size(), 4u);
+  EXPECT_EQ(selected(tb), V({r->topline + 2}));
+
+  // F2 opens the viewer for exactly one selected line.
+  fl_set_tabbox_dialog_hook(FL_TABBOX_VIEWER, [](FL_OBJECT *) { ++g.viewer; });
+  QTest::keyClick(w, Qt::Key_F2);
+  EXPECT_EQ(g.viewer, 1);
+  fl_deselectall_tabbox(tb);
+  QTest::keyClick(w, Qt::Key_F2);
+  EXPECT_EQ(g.viewer, 1);
+
+  // The corner button calls the second callback.
+  fl_set_tabbox_callback2(
+      tb, [](FL_OBJECT *, long a) { g.corner = static_cast<int>(a); }, 9);
+  click(tb, QPoint(tb->w - 9, tb->h - 9));
+  EXPECT_EQ(g.corner, 9);
+  fl_free_form(form_);
+
+  // Type 3: a multiple selection shrinks to its first line, then moves.
+  FL_OBJECT *multi = make(3, 10);
+  fl_select_tabbox_line(multi, 3);
+  fl_select_tabbox_line(multi, 4);
+  fl_select_tabbox_line(multi, 7);
+  QTest::keyClick(multi->widget, Qt::Key_Down);
+  EXPECT_EQ(selected(multi), V({4}));
+}
+
+TEST_F(TabboxUi, DrawsTitleLinesAndSelection) {
+  FL_OBJECT *tb = make(1, 30);
+  fl_select_tabbox_line(tb, 2);
+  QImage img = tb->widget->grab().toImage();
+  QColor hl = tb->widget->palette().color(QPalette::Highlight);
+  QPoint in_selected = line_point(tb, 1);
+  // Some pixel of the selected line's row has the highlight colour, none of
+  // the row above it.
+  auto row_has = [&](int y) {
+    for (int x = 0; x < tb->w - 20; ++x)
+      if (img.pixelColor(x, y) == hl) return true;
+    return false;
+  };
+  EXPECT_TRUE(row_has(in_selected.y()));
+  EXPECT_FALSE(row_has(line_point(tb, 0).y()));
+}
+
+} // namespace
