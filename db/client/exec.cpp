@@ -10,6 +10,7 @@
 #include "db/client/answer.h"
 #include "db/client/parser.h"
 #include "db/client/reqbuf.h"
+#include "db/client/transport.h"
 
 namespace {
 
@@ -21,7 +22,10 @@ struct FreeDeleter {
   void operator()(unsigned char *p) const { std::free(p); }
 };
 
-bool usable(const DBCONN *conn) { return conn && conn->status == DBCONN_OK; }
+// A connection can carry statements once its handshake gave it a channel and
+// until its transport is closed; the status only tells how the last
+// operation went (a refused DBdropdb leaves a usable connection).
+bool usable(const DBCONN *conn) { return conn && conn->channel >= 0 && DBcomm_ready(); }
 
 // Sends the request buffer, receives the answer and decodes it into a new
 // result. A transport failure is fatal: DBsend/DBrecv have printed why.

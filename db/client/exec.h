@@ -15,11 +15,12 @@
 // first. Returns a result owned by the caller (DBclear): status 5 with the
 // parser's message when the statement does not parse (nothing is sent),
 // otherwise the decoded answer. Returns null, sending nothing, for a null
-// connection or statement or a connection that is not open (its message
-// says why). A send or receive failure ends the process with exit status 1.
+// statement or connection, a connection that never got a channel (its
+// message says why) or one whose transport was closed (DBfinish). A send or
+// receive failure ends the process with exit status 1.
 DBRESULT *DBexec(DBCONN *conn, const char *statement);
 
 // Sends the request already built in the request buffer (by the encoding
 // primitives of reqbuf.h, without parsing) and decodes its answer like
-// DBexec. Null for a null or not open connection.
+// DBexec. Null for a connection DBexec would refuse.
 DBRESULT *DBexec_request(DBCONN *conn);

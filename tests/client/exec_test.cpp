@@ -165,6 +165,9 @@ TEST_F(Exec, StatementsTravelAndAnswersComeBackDecoded) {
         DBexec(c, "BEGIN");
       },
       ::testing::ExitedWithCode(1), "");
+  // A finished connection carries no statements.
+  DBfinish(c);
+  EXPECT_EQ(DBexec(c, "BEGIN"), nullptr);
   DBconn_free(c);
 }
 
