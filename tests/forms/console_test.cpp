@@ -1,0 +1,99 @@
+// The console window, the command window and child processes.
+#include "forms_env.h"
+
+#include "forms/console.h"
+#include "forms/process.h"
+
+#include <QFile>
+#include <QImage>
+#include <QPlainTextEdit>
+#include <QProcess>
+#include <QTest>
+#include <QWidget>
+
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+TEST(ConsoleTest, KeepsTheLast200LinesOnePerPrint) {
+  fl_console_clear();
+  ASSERT_NE(fl_console_window(), nullptr);
+  EXPECT_EQ(fl_console_window()->windowTitle(), QStringLiteral("Console"));
+  fl_console_window()->showMinimized();
+  for (int i = 1; i <= 250; ++i) {
+    std::string line = "Zeile " + std::to_string(i) + "\n"; // the line feed folds
+    EXPECT_EQ(fl_console_print(line.c_str()), 1);
+  }
+  EXPECT_EQ(fl_console_line_count(), 200);
+  const std::string &text = fl_console_text();
+  EXPECT_EQ(text.rfind("Zeile 51 \r\r\nZeile 52 ", 0), 0u) << text.substr(0, 40);
+  EXPECT_EQ(text.substr(text.size() - 12), "\r\r\nZeile 250 ");
+  // Printing shows the console restored again.
+  EXPECT_FALSE(fl_console_window()->isMinimized());
+
+  fl_console_print("(x) zwei\nZeilen Größe");
+  EXPECT_EQ(fl_console_line_count(), 200);
+  EXPECT_EQ(text.substr(text.size() - 24), "\r\r\n(x) zwei Zeilen Größe");
+  auto *edit = fl_console_window()->findChild<QPlainTextEdit *>();
+  ASSERT_NE(edit, nullptr);
+  EXPECT_EQ(edit->document()->blockCount(), 200);
+  EXPECT_TRUE(edit->toPlainText().endsWith(QStringLiteral("(x) zwei Zeilen Größe")));
+}
+
+TEST(ProcessTest, MissingProgramIsReportedAndTheNextStartWorks) {
+  ASSERT_NE(fl_command_window(), nullptr);
+  EXPECT_EQ(fl_start_program("zentiq-no-such-program -x", 0), 0);
+  EXPECT_EQ(fl_program_running(), 0);
+  EXPECT_NE(fl_command_text().find("Unable to start zentiq-no-such-program -x\n"),
+            std::string::npos);
+
+  ASSERT_EQ(fl_start_program("/bin/sh -c \"echo aus-dem-kind; echo fehler >&2; sleep 0.2\"", 1), 1);
+  EXPECT_EQ(fl_program_running(), 1);
+  bool done = QTest::qWaitFor(
+      [] {
+        std::string t = fl_command_text();
+        return !fl_program_running() && t.find("aus-dem-kind\n") != std::string::npos &&
+               t.find("fehler\n") != std::string::npos;
+      },
+      10000);
+  EXPECT_TRUE(done) << fl_command_text();
+  EXPECT_TRUE(fl_command_window()->isVisible());
+
+  // One child after another through the same pipes.
+  ASSERT_EQ(fl_start_program("echo zweites", 0), 1);
+  EXPECT_TRUE(QTest::qWaitFor(
+      [] { return fl_command_text().find("zweites\n") != std::string::npos; }, 10000));
+}
+
+TEST(ProcessTest, RunProgramWaitsForTheEnd) {
+  std::string marker = ::testing::TempDir() + "zentiq_run_marker";
+  std::remove(marker.c_str());
+  std::string cmd = "/bin/sh -c \"sleep 0.1; touch " + marker + "\"";
+  EXPECT_EQ(fl_run_program(cmd.c_str()), 1);
+  EXPECT_TRUE(QFile::exists(QString::fromLocal8Bit(marker.c_str())));
+  std::remove(marker.c_str());
+  EXPECT_EQ(fl_run_program("zentiq-no-such-program"), 0);
+  EXPECT_EQ(fl_run_program(""), 0);
+  using V = std::vector<std::string>;
+  EXPECT_EQ(fl_split_program_line("a  \"b c\" d"), (V{"a", "b c", "d"}));
+}
+
+TEST(DemoTest, ScreenshotOfTheDemoForm) {
+  const char *build = std::getenv("ZENTIQ_BUILD_DIR");
+  if (!build) GTEST_SKIP() << "ZENTIQ_BUILD_DIR not set (run through ctest)";
+  QString program = QString::fromLocal8Bit(build) + QStringLiteral("/forms/forms_demo");
+  QString png = QString::fromLocal8Bit(::testing::TempDir().c_str()) + QStringLiteral("demo.png");
+  QFile::remove(png);
+  QProcess demo;
+  demo.start(program, {QStringLiteral("--screenshot"), png});
+  ASSERT_TRUE(demo.waitForFinished(60000));
+  EXPECT_EQ(demo.exitStatus(), QProcess::NormalExit);
+  EXPECT_EQ(demo.exitCode(), 0) << demo.readAllStandardError().toStdString();
+  QImage image(png);
+  ASSERT_FALSE(image.isNull());
+  EXPECT_EQ(image.size(), QSize(480, 330));
+  QFile::remove(png);
+}
+
+} // namespace
