@@ -28,7 +28,7 @@ TEST(ConsoleTest, KeepsTheLast200LinesOnePerPrint) {
   EXPECT_EQ(fl_console_line_count(), 200);
   const std::string &text = fl_console_text();
   EXPECT_EQ(text.rfind("Zeile 51 \r\r\nZeile 52 ", 0), 0u) << text.substr(0, 40);
-  EXPECT_EQ(text.substr(text.size() - 12), "\r\r\nZeile 250 ");
+  EXPECT_EQ(text.substr(text.size() - 13), "\r\r\nZeile 250 ");
   // Printing shows the console restored again.
   EXPECT_FALSE(fl_console_window()->isMinimized());
 
