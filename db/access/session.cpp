@@ -87,10 +87,12 @@ void close_at_fatal() {
     DBfinish(g_last_session->connection);
 }
 
-// Re-opens the session in place from the remembered connection string.
+// Re-opens the session in place from its connection string (the one last
+// given to dbinit for a session that does not know its own).
 int reopen(DBSESSION *session) {
   disconnect_session(session);
-  return connect_session(session, g_last_string.c_str());
+  const std::string &s = session->connect_string.empty() ? g_last_string : session->connect_string;
+  return connect_session(session, s.c_str());
 }
 
 DBRESULT *send_text(DBSESSION *session, const std::string &text) {
@@ -185,6 +187,7 @@ int dbinit(DBSESSION **session, const char *s) {
     return 0;
   }
   g_last_string = s ? s : "";
+  handle->connect_string = g_last_string;
   g_last_session = handle;
   msg_at_fatal(close_at_fatal);
   *session = handle;

@@ -17,6 +17,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "db/client/connect.h"
 #include "db/client/resdata.h"
@@ -35,6 +36,8 @@ struct DBSESSION {
   // The language of texts looked up for this session (four characters:
   // "D   " for German, which dbinit sets).
   char language[5] = "D   ";
+  // The connection string the session was opened with, to open it again.
+  std::string connect_string;
 };
 
 // Outcomes of a statement (dbresultstatus).
