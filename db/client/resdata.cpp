@@ -100,8 +100,8 @@ uint32_t store_text(RESDATA *d, const char *text) {
 // Stores one binary value of column `col`. Fixed-size values shorter than
 // their type are padded with zero bytes, a BINARY value's own length is cut
 // to the bytes that came, so that typed readers never read past a cell.
-// A CHARACTER value without zero byte: fatal (fatal_on_string) or returns
-// false having printed `string_msg`.
+// A CHARACTER value without zero byte ends the process (fatal_on_string,
+// the filling in row order) or is refused with a message (false).
 bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length,
                   bool fatal_on_string, uint32_t *ref) {
   unsigned char type = d->types[col];
@@ -163,8 +163,8 @@ const unsigned char *cell(const RESDATA *d, int row, int col) {
 
 // ---- Value to text --------------------------------------------------------
 
-// Writes v with `digits` digits (at most 2) as "%0<digits>d" would for any
-// int; returns the end.
+// Writes v zero-padded to `digits` digits as "%0<digits>u" would; returns
+// the end.
 char *put_uint(char *out, unsigned v, int digits) {
   char tmp[12];
   int n = 0;
