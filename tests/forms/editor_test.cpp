@@ -1,0 +1,189 @@
+// The editor object: line wrapping, its parts and layout, the position field,
+// the key throttle, the zoom hook, the limit of editors and reading files.
+#include "forms/editor.h"
+
+#include "base/msg.h"
+#include "forms/forms.h"
+#include "forms_env.h"
+
+#include <QApplication>
+#include <QPlainTextEdit>
+#include <QTest>
+#include <QTextBlock>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+int ten_per_char(std::string_view s) { return static_cast<int>(s.size()) * 10; }
+
+TEST(EditorWrap, CutsAtBlanksOrInHalves) {
+  // Usable width 103: a line fits while it is narrower than 100 pixels.
+  EXPECT_EQ(fl_wrap_text("Das ist ein Text mit Worten", 103, ten_per_char),
+            "Das ist \nein Text \nmit \nWorten\n");
+  // Wrapping again keeps the blanks before the line feeds: nothing joins.
+  std::string once = fl_wrap_text("Das ist ein Text mit Worten", 103, ten_per_char);
+  EXPECT_EQ(fl_wrap_text(once, 103, ten_per_char), once);
+  // Without blanks: halves, the piece ending with the character at the cut.
+  EXPECT_EQ(fl_wrap_text(std::string(40, 'x'), 103, ten_per_char),
+            std::string(21, 'x') + "\n" + std::string(10, 'x') + "\n" + std::string(9, 'x') + "\n");
+  // Lines that fit, empty lines and the trailing blank of a measured line.
+  EXPECT_EQ(fl_wrap_text("kurz\n\nneun zeic ", 103, ten_per_char), "kurz\n\nneun zeic \n");
+  EXPECT_EQ(fl_wrap_text("a\n", 103, ten_per_char), "a\n");
+  EXPECT_EQ(fl_wrap_text("", 103, ten_per_char), "");
+}
+
+std::string g_out;
+void capture(const char *text) { g_out += text; }
+
+class EditorObject : public ::testing::Test {
+protected:
+  void SetUp() override {
+    g_out.clear();
+    old_ = msg_set_handler(capture);
+    form_ = fl_begin_form(0, 500, 300);
+    input_ = fl_add_editor(0, 20, 40, 400, 200, "");
+    fl_end_form();
+    ed_ = fl_get_editor(input_);
+    te_ = qobject_cast<QPlainTextEdit *>(input_->widget);
+  }
+  void TearDown() override {
+    msg_set_handler(old_);
+    fl_set_editor_zoom_hook(nullptr);
+    fl_free_form(form_);
+  }
+  FL_FORM *form_ = nullptr;
+  FL_OBJECT *input_ = nullptr;
+  FL_EDITOR_REC *ed_ = nullptr;
+  QPlainTextEdit *te_ = nullptr;
+  MsgHandler old_ = nullptr;
+};
+
+TEST_F(EditorObject, PartsAndTheirPlaces) {
+  ASSERT_NE(ed_, nullptr);
+  ASSERT_NE(te_, nullptr);
+  EXPECT_EQ(input_->objclass, FL_INPUT);
+  EXPECT_EQ(input_->type, FL_MULTILINE_INPUT);
+  EXPECT_EQ(input_->x, 20);
+  EXPECT_EQ(input_->y, 42);
+  EXPECT_EQ(input_->w, 398);
+  EXPECT_EQ(input_->h, 173);
+  EXPECT_EQ(ed_->position->x, 20 + 398 - 110);
+  EXPECT_EQ(ed_->position->y, 42 - 21);
+  EXPECT_EQ(ed_->zoom->label, "Zoom");
+  EXPECT_EQ(ed_->zoom->shortcut, "^Z^z");
+  EXPECT_EQ(ed_->wrap->label, "Zeilenumbruch");
+  EXPECT_EQ(ed_->zoom->y, 42 + 173 + 2 + 3);
+  EXPECT_EQ(ed_->wrap->x, 20 + 170);
+  EXPECT_EQ(ed_->wrap->y, ed_->zoom->y);
+  EXPECT_EQ(ed_->text_width, 398 - 6);
+  EXPECT_EQ(ed_->cursor_pos, -1);
+  fl_set_input(input_, "SELECT * FROM Kunden WHERE Ort = 'Köln'");
+  EXPECT_STREQ(fl_get_editor_text(input_), "SELECT * FROM Kunden WHERE Ort = 'Köln'");
+}
+
+TEST_F(EditorObject, ButtonsWrapAndZoom) {
+  show_and_activate(form_);
+  std::string words;
+  for (int i = 0; i < 60; ++i) words += "Wort" + std::to_string(i) + " ";
+  fl_set_input(input_, words.c_str());
+  QTest::mouseClick(ed_->wrap->widget, Qt::LeftButton);
+  std::string wrapped = fl_get_editor_text(input_);
+  EXPECT_GT(std::count(wrapped.begin(), wrapped.end(), '\n'), 3);
+  QFontMetrics fm(te_->font());
+  size_t from = 0;
+  while (from < wrapped.size()) {
+    size_t nl = wrapped.find('\n', from);
+    std::string line = wrapped.substr(from, nl - from);
+    if (!line.empty() && line.back() == ' ') line.pop_back();
+    EXPECT_LT(fm.horizontalAdvance(QString::fromLatin1(line.c_str())), ed_->text_width - 3) << line;
+    from = nl + 1;
+  }
+  // A stored cursor position of 0 turns the button off.
+  ed_->cursor_pos = 0;
+  fl_set_input(input_, words.c_str());
+  QTest::mouseClick(ed_->wrap->widget, Qt::LeftButton);
+  EXPECT_EQ(std::string(fl_get_editor_text(input_)), words);
+
+  static FL_OBJECT *zoomed;
+  zoomed = nullptr;
+  fl_set_editor_zoom_hook([](FL_OBJECT *in) { zoomed = in; });
+  QTest::mouseClick(ed_->zoom->widget, Qt::LeftButton);
+  EXPECT_EQ(zoomed, input_);
+  zoomed = nullptr;
+  te_->setFocus();
+  QTest::keyClick(te_, Qt::Key_Z, Qt::ControlModifier);
+  EXPECT_EQ(zoomed, input_);
+}
+
+TEST_F(EditorObject, PositionFieldAndKeyThrottle) {
+  show_and_activate(form_);
+  fl_set_input(input_, "erste Zeile\nzweite Zeile\ndritte\nvierte\nfünfte");
+  QWidget *vp = te_->viewport();
+  QRect second = te_->cursorRect(QTextCursor(te_->document()->findBlockByNumber(1)));
+  QTest::mouseClick(vp, Qt::LeftButton, {}, QPoint(second.x() + 1, second.center().y()));
+  EXPECT_EQ(ed_->position->label, "2:1");
+  QTest::mouseClick(vp, Qt::RightButton, {}, QPoint(second.x() + 1, second.center().y()));
+  EXPECT_EQ(ed_->right_click, 1);
+
+  // Cursor keys closer than 50 ms to the last accepted one are dropped.
+  QTextCursor c = te_->textCursor();
+  c.setPosition(0);
+  te_->setTextCursor(c);
+  te_->setFocus();
+  QTest::qWait(60);
+  QTest::keyClick(te_, Qt::Key_Down);
+  QTest::keyClick(te_, Qt::Key_Down);
+  EXPECT_EQ(te_->textCursor().blockNumber(), 1);
+  QTest::qWait(60);
+  QTest::keyClick(te_, Qt::Key_Down);
+  EXPECT_EQ(te_->textCursor().blockNumber(), 2);
+
+  // White space only: the field stays empty.
+  fl_set_input(input_, "  \n ");
+  QTest::mouseClick(vp, Qt::LeftButton, {}, QPoint(5, 5));
+  EXPECT_EQ(ed_->position->label, "");
+}
+
+TEST_F(EditorObject, TheHundredAndFirstEditorIsRefused) {
+  EXPECT_EXIT(
+      {
+        msg_set_handler([](const char *t) { std::fputs(t, stderr); });
+        FL_FORM *f = fl_begin_form(0, 300, 300);
+        while (fl_editor_count() < FL_MAX_EDITORS) fl_add_editor(0, 0, 30, 200, 100, "");
+        FL_OBJECT *extra = fl_add_editor(0, 0, 30, 200, 100, "");
+        fl_end_form();
+        std::fflush(stderr);
+        std::_Exit(extra == nullptr && fl_editor_count() == 100 && f ? 0 : 2);
+      },
+      ::testing::ExitedWithCode(0), "fl_add_editor: Too many editors \\(max = 100\\)");
+}
+
+TEST(EditorFiles, ReadsWholeFilesAndReportsMissingOnes) {
+  char path[] = "/tmp/zentiq_editor_XXXXXX";
+  int fd = mkstemp(path);
+  ASSERT_GE(fd, 0);
+  std::string data;
+  for (int i = 0; i < 25000; ++i) data += static_cast<char>('A' + i % 26);
+  data += "\r\nEnde";
+  ASSERT_EQ(write(fd, data.data(), data.size()), static_cast<ssize_t>(data.size()));
+  close(fd);
+  char *text = fl_get_file_data(path);
+  ASSERT_NE(text, nullptr);
+  EXPECT_EQ(std::string(text), data);
+  std::free(text);
+  unlink(path);
+
+  g_out.clear();
+  MsgHandler old = msg_set_handler(capture);
+  EXPECT_EQ(fl_get_file_data("/nonexistent/datei.txt"), nullptr);
+  msg_set_handler(old);
+  EXPECT_EQ(g_out, "(fl_get_file_data) Cannot open file '/nonexistent/datei.txt' for input!");
+}
+
+} // namespace
