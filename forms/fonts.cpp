@@ -32,9 +32,6 @@ std::unique_ptr<std::array<QFont, FL_FONT_COUNT>> g_fonts;
 
 QFont make_font(const char *face, int points, bool bold, bool italic) {
   QFont f(QString::fromLatin1(face), points, bold ? QFont::Bold : QFont::Normal, italic);
-  // Keep the face's metrics even when fontconfig substitutes the family.
-  f.setStyleHint(QString::fromLatin1(face).startsWith(QLatin1String("Courier")) ? QFont::TypeWriter
-                                                                                : QFont::SansSerif);
   return f;
 }
 

@@ -433,9 +433,14 @@ void fl_free_form(FL_FORM *form) {
   auto it = std::find_if(g.forms.begin(), g.forms.end(),
                          [form](const std::unique_ptr<FL_FORM> &f) { return f.get() == form; });
   if (it == g.forms.end()) return;
-  for (FL_OBJECT *obj : form->objects) free_object(obj);
-  delete form->window; // deletes every object's widgets with it
-  for (FL_OBJECT *obj : form->objects) delete obj;
+  // Widgets go first (their destructors may still look at their objects),
+  // then the classes' private records, then the records themselves.
+  delete form->window;
+  for (FL_OBJECT *obj : form->objects) {
+    obj->widget = obj->label_widget = nullptr;
+    free_object(obj);
+    delete obj;
+  }
   form->objects.clear();
   if (g.building == form) g.building = nullptr;
   if (g.current == form) g.current = nullptr;

@@ -254,8 +254,10 @@ FL_FORM *fl_begin_form(int type, int w, int h);
 void fl_end_form();
 // The form being built, or nullptr.
 FL_FORM *fl_current_building_form();
-// Frees the form, its window and all its objects (custom classes' free hooks
-// run first).
+// Frees the form, its window and all its objects: the window with the
+// objects' widgets first, then each object's private record through its
+// class's free hook. Not to be called from a callback of the form's own
+// objects.
 void fl_free_form(FL_FORM *form);
 
 // Shows the form with the title (Latin-1). place: FL_PLACE_POSITION at

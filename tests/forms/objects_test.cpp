@@ -5,11 +5,13 @@
 #include "forms/dialogs.h"
 #include "forms/draw.h"
 #include "forms/entry.h"
+#include "forms/fonts.h"
 #include "forms/forms.h"
 #include "forms/keyfilter.h"
 
 #include <QApplication>
 #include <QCheckBox>
+#include <QFontInfo>
 #include <QLineEdit>
 #include <QPlainTextEdit>
 #include <QPushButton>
@@ -435,6 +437,35 @@ TEST(FormsClassTest, CustomClassesPlugInWithTheirOwnWidget) {
   EXPECT_EQ(fl_object_of_widget(obj->widget), obj);
   fl_free_form(form);
   EXPECT_EQ(freed, 1);
+}
+
+TEST(FontsTest, EightFontsByFaceSizeAndWeight) {
+  struct Want {
+    int index;
+    bool fixed;
+    int points;
+    bool bold;
+  };
+  const Want want[] = {
+      {FL_FONT_COURIER_10, true, 10, false},    {FL_FONT_COURIER_10_BOLD, true, 10, true},
+      {FL_FONT_HELVETICA_8, false, 8, false},   {FL_FONT_HELVETICA_8_BOLD, false, 8, true},
+      {FL_FONT_HELVETICA_10, false, 10, false}, {FL_FONT_HELVETICA_9_BOLD, false, 9, true},
+      {FL_FONT_HELVETICA_11, false, 11, false}, {FL_FONT_HELVETICA_11_BOLD, false, 11, true}};
+  for (const Want &w : want) {
+    QFontInfo info(fl_get_font(w.index));
+    EXPECT_EQ(info.fixedPitch(), w.fixed) << w.index << " " << info.family().toStdString();
+    EXPECT_EQ(info.pointSize(), w.points) << w.index;
+    EXPECT_EQ(info.bold(), w.bold) << w.index;
+  }
+  // Faces resolve to the metric-compatible fonts installed for them.
+  EXPECT_TRUE(QFontInfo(fl_get_font(FL_FONT_HELVETICA_10))
+                  .family()
+                  .contains(QStringLiteral("Liberation Sans")))
+      << QFontInfo(fl_get_font(FL_FONT_HELVETICA_10)).family().toStdString();
+  // Label fonts: fixed style gives Courier New, headings are bold.
+  EXPECT_TRUE(QFontInfo(fl_style_font(FL_FIXED_STYLE, 10)).fixedPitch());
+  EXPECT_TRUE(fl_style_font(FL_EMBOSSED_STYLE, 12).bold());
+  EXPECT_GT(fl_style_font(0, 14).pixelSize(), fl_style_font(0, 12).pixelSize());
 }
 
 void to_stderr(const char *t) { std::fputs(t, stderr); }
