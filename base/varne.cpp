@@ -18,8 +18,15 @@
 //  - At each position a run of the same byte is weighed against the best
 //    repeat; runs cover 3..4098 bytes at 14..34 bits and usually win on
 //    stretches of one byte.
-//  - Lazy evaluation: before taking a token, the next two positions are
-//    searched too; a literal plus a better token there is preferred.
+//  - Lazy evaluation (the default parse): before taking a token, the next two
+//    positions are searched too; a literal plus a better token there is
+//    preferred. After 32 searches in a row without a match (compressed or
+//    random data) positions are skipped, more the longer it lasts.
+//  - Thorough parse (Compress_Thorough): every position is searched and a
+//    forward pass keeps the cheapest way to reach each position from the
+//    literal, run and repeat tokens there (all lengths of each candidate);
+//    the cheapest path is written. Very long repeats and runs are taken at
+//    once so that repetitive data does not cost quadratic time.
 //  - Each repeat gets the smallest escape class whose distance (8..20 bits)
 //    and length (4, 5 or 8 bits) fields hold it; longer repeats are split.
 //
@@ -104,15 +111,21 @@ constexpr uint32_t kLengthBits[3] = {4, 5, 8};
 // Compressor
 
 // Tuning of the match search.
-constexpr int kMaxChain = 48;      // chain steps per search
+constexpr int kMaxChain = 24;      // chain steps per search (fast parse)
+constexpr int kThoroughChain = 16; // chain steps per search (thorough parse)
 constexpr uint32_t kNiceLen = 96;  // a match this long ends the search
 constexpr uint32_t kLazyLen = 40;  // matches this long are taken without lazy look
 constexpr uint32_t kHashBits = 17; // at most 2^17 hash heads are used
+constexpr int kLazySteps = 2;      // positions looked ahead
+constexpr uint32_t kSkipShift = 5; // after 32 searches without a match, skip positions
 
 struct Compressor {
   FILE *file = nullptr;
   uint32_t comp_min = 5;
   uint32_t max_token = 260; // longest repeat one token codes
+  uint32_t nice_len = 96;   // a repeat this long is taken without further search
+  int max_chain = kMaxChain;
+  bool thorough = false; // optimal parse instead of the lazy one
   uint32_t window_mask = 0;
   uint32_t max_dist = 0;
   uint32_t hash_shift = 0;
@@ -125,6 +138,8 @@ struct Compressor {
   Buffer<uint32_t> head;  // search buffer 1: hash heads (position + 1)
   Buffer<uint32_t> chain; // search buffer 2: previous position + 1, by position
   Buffer<uint32_t> cum;   // literal cost prefix sums over the block
+  Buffer<uint32_t> price; // optimal parse: fewest bits to reach each position
+  Buffer<uint64_t> step;  // the token that reaches it: length << 32 | distance
 
   Buffer<uint8_t> out; // output not yet written to the file (or all of it)
   size_t out_len = 0, out_cap = 0;
@@ -284,14 +299,13 @@ Choice best_at(Compressor &c, const uint8_t *src, size_t n, size_t p) {
   const uint32_t h = hash5(cur, c.hash_shift);
   uint32_t hv = c.head[h];
   const uint32_t first4 = load32(cur);
-  int depth = kMaxChain;
-  if (best_len >= kNiceLen) depth = 0;
+  int depth = c.max_chain;
   while (hv != 0 && depth-- > 0 && best_len < maxlen) {
     uint32_t cand = hv - 1;
     if (cand < limit) break;
     if (src[cand + best_len] == cur[best_len] && load32(src + cand) == first4) {
       consider(cand);
-      if (best_len >= kNiceLen) break;
+      if (best_len >= c.nice_len) break;
     }
     uint32_t next = c.chain[cand & c.window_mask];
     if (next == 0 || next - 1 >= cand) break;
@@ -323,25 +337,146 @@ void emit_choice(Compressor &c, const uint8_t *src, size_t p, const Choice &ch) 
   c.last_dist = ch.dist;
 }
 
+// Thorough parse of src[0..n): every position is searched, and a forward
+// pass keeps for each position the cheapest way to reach it. Repeats of
+// nice_len and runs of kNiceLen bytes or more are taken at once. Returns
+// false when the output cannot grow.
+bool compress_block_optimal(Compressor &c, const uint8_t *src, size_t n) {
+  uint32_t *price = c.price.get();
+  uint64_t *step = c.step.get();
+  price[0] = 0;
+  for (size_t i = 1; i <= n; ++i) price[i] = UINT32_MAX;
+  auto relax = [&](size_t to, uint32_t cost, uint32_t len, uint32_t dist) {
+    if (cost < price[to]) {
+      price[to] = cost;
+      step[to] = uint64_t(len) << 32 | dist;
+    }
+  };
+  const size_t last_start = n >= 5 ? n - 5 : 0;
+  const uint32_t hash_shift = c.hash_shift;
+  uint32_t run_left = 0; // length of the run at the previous position
+  size_t i = 0;
+  while (i < n) {
+    const uint8_t *cur = src + i;
+    const uint32_t base = price[i];
+    relax(i + 1, base + c.litcost[cur[0]], 1, 0);
+    const uint32_t remain = uint32_t(n - i);
+    // Runs: the run length at i follows from the one at i - 1.
+    uint32_t run = 0;
+    if (run_left > 1 && i > 0 && cur[-1] == cur[0]) {
+      run = run_left - 1;
+      if (run == kMaxRun - 1 && remain > run && cur[run] == cur[0]) ++run;
+    } else if (remain >= 3 && cur[1] == cur[0] && cur[2] == cur[0]) {
+      uint32_t limit = std::min(remain, kMaxRun);
+      run = 3;
+      while (run < limit && cur[run] == cur[0]) ++run;
+    }
+    run_left = run;
+    if (run >= 3 && c.run_ok[cur[0]]) {
+      uint32_t lc = c.litcost[cur[0]];
+      for (uint32_t len = 3; len <= std::min<uint32_t>(run, 34); ++len)
+        relax(i + len, base + 11 + std::max<uint32_t>(3, uint32_t(std::bit_width(len - 3))) + lc,
+              len, 0);
+      for (uint32_t w = 6; w <= 12; ++w) {
+        uint32_t len = std::min<uint32_t>(run, (1u << w) + 2);
+        if (len > 34) relax(i + len, base + 11 + w + lc, len, 0);
+      }
+      if (run >= kNiceLen) {
+        // A long run is taken as it is.
+        if (n >= 5)
+          for (size_t q = i; q < i + run && q <= last_start; ++q) insert_position(c, src, q);
+        relax(i + run, base + uint32_t(run_cost(c, run, cur[0])), run, 0);
+        i += run;
+        run_left = 0;
+        continue;
+      }
+    }
+    if (i > last_start || n < 5) {
+      ++i;
+      continue;
+    }
+    // Repeats: candidates nearest first, each one counted for the lengths it
+    // adds beyond the nearer ones.
+    const uint32_t maxlen = std::min(remain, c.max_token);
+    const uint32_t limit = i > c.max_dist ? uint32_t(i - c.max_dist) : 0;
+    const uint32_t h = hash5(cur, hash_shift);
+    uint32_t hv = c.head[h];
+    const uint32_t first4 = load32(cur);
+    uint32_t best_len = c.comp_min - 1, best_dist = 0;
+    int depth = c.max_chain;
+    while (hv != 0 && depth-- > 0 && best_len < maxlen) {
+      uint32_t cand = hv - 1;
+      if (cand < limit) break;
+      if (src[cand + best_len] == cur[best_len] && load32(src + cand) == first4) {
+        uint32_t len = match_length(src + cand, cur, maxlen);
+        if (len > best_len) {
+          uint32_t dist = uint32_t(i - cand);
+          uint32_t dcost = base + 11 + distance_bits(dist);
+          for (uint32_t l = best_len + 1; l <= len; ++l)
+            relax(i + l, dcost + kLengthBits[length_select(l - c.comp_min)], l, dist);
+          best_len = len;
+          best_dist = dist;
+          if (len >= c.nice_len) break;
+        }
+      }
+      uint32_t next = c.chain[cand & c.window_mask];
+      if (next == 0 || next - 1 >= cand) break;
+      hv = next;
+    }
+    c.chain[i & c.window_mask] = c.head[h];
+    c.head[h] = uint32_t(i + 1);
+    if (best_dist != 0 && best_len >= c.nice_len) {
+      // A long repeat is taken as it is.
+      for (size_t q = i + 1; q < i + best_len && q <= last_start; ++q) insert_position(c, src, q);
+      i += best_len;
+      run_left = 0;
+      continue;
+    }
+    ++i;
+  }
+  // Walk back from the end noting where each token ends (the prefix sums
+  // are not needed by this parse), then emit the tokens front to back.
+  uint32_t *ends = c.cum.get();
+  size_t count = 0;
+  for (size_t at = n; at > 0; at -= size_t(step[at] >> 32)) ends[count++] = uint32_t(at);
+  for (size_t k = count; k-- > 0 && !c.failed;) {
+    const size_t at = ends[k];
+    const uint32_t len = uint32_t(step[at] >> 32), dist = uint32_t(step[at]);
+    if (len == 1)
+      emit_literal(c, src[at - 1]);
+    else
+      emit_choice(c, src, at - len, Choice{0, len, dist});
+  }
+  return !c.failed && flush_work(c);
+}
+
 // Codes src[0..n) as one block. Returns false when the output cannot grow.
 bool compress_block(Compressor &c, const uint8_t *src, size_t n) {
   if (!c.ranked) make_ranks(c);
   std::memset(c.head.get(), 0, sizeof(uint32_t) * c.hash_size);
   c.inserted = 0;
   c.last_dist = 0;
+  if (c.thorough) return compress_block_optimal(c, src, n);
   uint32_t *cum = c.cum.get();
   cum[0] = 0;
   for (size_t i = 0; i < n; ++i) cum[i + 1] = cum[i] + c.litcost[src[i]];
 
   size_t p = 0;
+  uint32_t misses = 0;
   while (p < n && !c.failed) {
     Choice ch = best_at(c, src, n, p);
     if (ch.len == 0) {
       emit_literal(c, src[p++]);
+      // Stretches without any match (compressed or random data) are
+      // searched ever more sparsely.
+      size_t skip = std::min<size_t>(++misses >> kSkipShift, n - p);
+      for (size_t i = 0; i < skip; ++i) emit_literal(c, src[p++]);
+      if (skip) c.inserted = p;
       continue;
     }
+    misses = 0;
     // Lazy look: a literal here and a better token at the next position.
-    for (int step = 0; step < 2 && ch.len < kLazyLen && p + 1 < n; ++step) {
+    for (int step = 0; step < kLazySteps && ch.len < kLazyLen && p + 1 < n; ++step) {
       Choice next = best_at(c, src, n, p + 1);
       if (next.gain <= ch.gain) break;
       emit_literal(c, src[p++]);
@@ -475,31 +610,115 @@ void build_table(Decompressor &d, const uint8_t *rank) {
   }
 }
 
-// Decodes the next block into d.out. Returns false on a damaged stream.
-bool decode_block(Decompressor &d) {
-  uint8_t *out = d.out.get();
+// Copies a repeat of n bytes from dist bytes back; dst has 16 bytes of slack.
+inline void copy_repeat(uint8_t *dst, size_t dist, size_t n) {
+  const uint8_t *src = dst - dist;
+  if (dist >= 16) {
+    // 16-byte steps may write up to 15 bytes past the repeat: the buffer has
+    // slack and those bytes are overwritten later.
+    for (size_t i = 0; i < n; i += 16) std::memcpy(dst + i, src + i, 16);
+  } else if (dist >= 8) {
+    for (size_t i = 0; i < n; i += 8) std::memcpy(dst + i, src + i, 8);
+  } else {
+    for (size_t i = 0; i < n; ++i) dst[i] = src[i];
+  }
+}
+
+// Decodes the next block into out (VARNE_BLOCK + 16 bytes) and stores its
+// length in *produced. Returns false on a damaged stream.
+bool decode_block(Decompressor &d, uint8_t *out, size_t *produced) {
   size_t o = 0;
-  d.out_len = d.out_pos = 0;
-  while (o < VARNE_BLOCK) {
+  *produced = 0;
+  const uint16_t *table = d.table;
+  for (;;) {
+    {
+      // Fast loop: while 12 input bytes are left no token can reach past the
+      // input, so only the block bounds are checked. The state lives in
+      // locals because stores to out may alias any member.
+      uint64_t bits = d.bits;
+      uint32_t nbits = d.nbits;
+      const uint8_t *ip = d.in.get() + d.in_pos;
+      const uint8_t *const iend = d.in.get() + d.in_len;
+      const uint32_t comp_min = uint32_t(d.comp_min);
+      const bool plain_min = d.comp_min >= 0 && d.comp_min <= 1024;
+      bool bad = false;
+      while (o + 3 <= VARNE_BLOCK && iend - ip >= 12 && plain_min) {
+        while (nbits <= 32) {
+          bits |= uint64_t(load_le32(ip)) << (32 - nbits);
+          ip += 4;
+          nbits += 32;
+        }
+        uint32_t e = table[bits >> 53];
+        if (!(e & kEscapeFlag)) [[likely]] {
+          bits <<= e >> 8;
+          nbits -= e >> 8;
+          out[o++] = uint8_t(e);
+          e = table[bits >> 53];
+          if (e & kEscapeFlag) continue;
+          bits <<= e >> 8;
+          nbits -= e >> 8;
+          out[o++] = uint8_t(e);
+          e = table[bits >> 53];
+          if (e & kEscapeFlag) continue;
+          bits <<= e >> 8;
+          nbits -= e >> 8;
+          out[o++] = uint8_t(e);
+          continue;
+        }
+        const uint32_t k = e & 0xff;
+        if (k == kEndEscape || (k > 9 && k < 21)) break; // the careful path decides
+        bits <<= 11;
+        nbits -= 11;
+        if (nbits <= 32) {
+          bits |= uint64_t(load_le32(ip)) << (32 - nbits);
+          ip += 4;
+          nbits += 32;
+        }
+        if (k <= 9) {
+          const uint32_t w = 12 - k;
+          const size_t n = size_t(bits >> (64 - w)) + 3;
+          bits <<= w;
+          nbits -= w;
+          const uint32_t idx = uint32_t(bits >> 53);
+          const uint32_t b = table[idx];
+          if (b & kEscapeFlag || (idx >> 8 == 7 && (idx & 255) == 195) || n > VARNE_BLOCK - o) {
+            bad = true;
+            break;
+          }
+          bits <<= b >> 8;
+          nbits -= b >> 8;
+          std::memset(out + o, uint8_t(b), n);
+          o += n;
+        } else {
+          const uint32_t j = k - 21;
+          const uint32_t dbits = 8 + j / 3, lbits = kLengthBits[j % 3];
+          const size_t dist = size_t(bits >> (64 - dbits));
+          bits <<= dbits;
+          nbits -= dbits;
+          const size_t n = size_t(bits >> (64 - lbits)) + comp_min;
+          bits <<= lbits;
+          nbits -= lbits;
+          if (dist == 0 || dist > o || n > VARNE_BLOCK - o) {
+            bad = true;
+            break;
+          }
+          copy_repeat(out + o, dist, n);
+          o += n;
+        }
+      }
+      d.bits = bits;
+      d.nbits = nbits;
+      d.in_pos = size_t(ip - d.in.get());
+      if (bad) return false;
+    }
+    if (o >= VARNE_BLOCK) break;
+
+    // Careful path: one token near the end of the input or the block, or an
+    // escape that ends the data or is invalid.
     refill(d);
-    uint16_t e = d.table[d.bits >> 53];
-    if (!(e & kEscapeFlag)) [[likely]] {
-      // Up to three literals fit into the 33 bits at hand.
-      d.bits <<= e >> 8;
-      d.nbits -= e >> 8;
-      if (overdrawn(d)) return false;
-      out[o++] = uint8_t(e);
-      if (o + 2 > VARNE_BLOCK) continue;
-      e = d.table[d.bits >> 53];
-      if (e & kEscapeFlag || (e >> 8) > d.nbits) continue;
-      d.bits <<= e >> 8;
-      d.nbits -= e >> 8;
-      if (overdrawn(d)) return false;
-      out[o++] = uint8_t(e);
-      e = d.table[d.bits >> 53];
-      if (e & kEscapeFlag || (e >> 8) > d.nbits) continue;
-      d.bits <<= e >> 8;
-      d.nbits -= e >> 8;
+    uint16_t e = table[d.bits >> 53];
+    if (!(e & kEscapeFlag)) {
+      take(d, e >> 8);
       if (overdrawn(d)) return false;
       out[o++] = uint8_t(e);
       continue;
@@ -515,7 +734,7 @@ bool decode_block(Decompressor &d) {
     if (k <= 9) {
       uint32_t count = take(d, 12 - k);
       uint32_t idx = uint32_t(d.bits >> 53);
-      uint16_t b = d.table[idx];
+      uint16_t b = table[idx];
       // The run byte: no escape, and class 7 only below 195.
       if (b & kEscapeFlag || (idx >> 8 == 7 && (idx & 255) == 195)) return false;
       take(d, b >> 8);
@@ -530,22 +749,13 @@ bool decode_block(Decompressor &d) {
       int64_t len = int64_t(take(d, kLengthBits[j % 3])) + d.comp_min;
       if (overdrawn(d)) return false;
       if (dist == 0 || dist > o || len < 0 || uint64_t(len) > VARNE_BLOCK - o) return false;
-      uint8_t *dst = out + o;
-      const uint8_t *src = dst - dist;
-      size_t n = size_t(len);
-      if (dist >= 8) {
-        // 8-byte steps may write up to 7 bytes past the repeat: the buffer
-        // has slack and those bytes are overwritten later.
-        for (size_t i = 0; i < n; i += 8) std::memcpy(dst + i, src + i, 8);
-      } else {
-        for (size_t i = 0; i < n; ++i) dst[i] = src[i];
-      }
-      o += n;
+      copy_repeat(out + o, dist, size_t(len));
+      o += size_t(len);
     } else {
       return false; // escapes 10..13 and 15..20
     }
   }
-  d.out_len = o;
+  *produced = o;
   return true;
 }
 
@@ -598,11 +808,14 @@ int Compress_Init(FILE *output, int comp_min, int comp_cache) {
   c->head = allocate<uint32_t>(entries);
   c->chain = allocate<uint32_t>(entries);
   c->cum = allocate<uint32_t>(VARNE_BLOCK + 1);
+  c->price = allocate<uint32_t>(VARNE_BLOCK + 1);
+  c->step = allocate<uint64_t>(VARNE_BLOCK + 1);
   if (!c->block || !c->work || !c->head || !c->chain || !c->cum) return 0;
 
   c->file = output;
   c->comp_min = uint32_t(comp_min);
   c->max_token = c->comp_min + 255;
+  c->nice_len = std::max(kNiceLen, c->comp_min);
   // The chain ring and the hash heads use the largest power of two of
   // entries that fits their buffer.
   const uint32_t window = std::bit_floor(uint32_t(entries));
@@ -620,6 +833,15 @@ int Compress_Init(FILE *output, int comp_min, int comp_cache) {
   c->out_len = VARNE_HEADER;
   g_comp = std::move(c);
   return 1;
+}
+
+void Compress_Thorough(int on) {
+  if (!g_comp) msg_fatal("(Compress_Thorough) No compression started\n");
+  Compressor &c = *g_comp;
+  if (c.fill > 0 || c.ranked || c.ended)
+    msg_fatal("(Compress_Thorough) Compression already running\n");
+  c.thorough = on != 0;
+  c.max_chain = on ? kThoroughChain : kMaxChain;
 }
 
 int Compress_Write(const void *data, size_t length) {
@@ -708,11 +930,24 @@ long Uncompress_Read(void *buffer, size_t length) {
   while (done < length) {
     if (d.out_pos == d.out_len) {
       if (d.end_seen) break;
-      if (!decode_block(d)) {
+      d.out_pos = d.out_len = 0;
+      size_t n = 0;
+      if (length - done >= VARNE_BLOCK + 16) {
+        // A whole block (and the copy slack) fits: decode in place.
+        if (!decode_block(d, dst + done, &n)) {
+          d.failed = true;
+          return -1;
+        }
+        done += n;
+        if (n < VARNE_BLOCK) break;
+        continue;
+      }
+      if (!decode_block(d, d.out.get(), &n)) {
         d.failed = true;
         return -1;
       }
-      if (d.out_len == 0) break;
+      d.out_len = n;
+      if (n == 0) break;
     }
     size_t n = std::min(length - done, d.out_len - d.out_pos);
     std::memcpy(dst + done, d.out.get() + d.out_pos, n);

@@ -21,8 +21,10 @@ std::string g_msgs;
 void collect(const char *t) { g_msgs += t; }
 
 // Compresses data in memory, writing it in pieces of `chunk` bytes.
-Bytes compress(const Bytes &data, int comp_min = 5, int comp_cache = 4096, size_t chunk = 0) {
+Bytes compress(const Bytes &data, int comp_min = 5, int comp_cache = 4096, size_t chunk = 0,
+               bool thorough = false) {
   EXPECT_EQ(Compress_Init(nullptr, comp_min, comp_cache), 1);
+  Compress_Thorough(thorough);
   if (chunk == 0) chunk = data.size() + 1;
   for (size_t i = 0; i < data.size(); i += chunk)
     EXPECT_EQ(Compress_Write(data.data() + i, std::min(chunk, data.size() - i)), 1);
@@ -65,12 +67,15 @@ Bytes text(size_t n) {
   return Bytes(s.begin(), s.end());
 }
 
+// Round trip through both parses.
 void expect_round_trip(const Bytes &data, int comp_min = 5, int comp_cache = 4096,
                        size_t wchunk = 0, size_t rchunk = 100000) {
-  Bytes stream = compress(data, comp_min, comp_cache, wchunk);
-  Bytes back;
-  ASSERT_EQ(uncompress(stream, back, rchunk), long(data.size()));
-  ASSERT_TRUE(back == data) << "round trip differs, size " << data.size();
+  for (bool thorough : {false, true}) {
+    Bytes stream = compress(data, comp_min, comp_cache, wchunk, thorough);
+    Bytes back;
+    ASSERT_EQ(uncompress(stream, back, rchunk), long(data.size())) << thorough;
+    ASSERT_TRUE(back == data) << "round trip differs, size " << data.size() << " " << thorough;
+  }
 }
 
 // Builds streams by hand: header, then fields written most significant bit
@@ -195,6 +200,27 @@ TEST(Varne, RoundTripsOfSmallAndStructuredInputs) {
   }
   expect_round_trip(text(50000), 256, 64);
   expect_round_trip(text(50000), 17, 5);
+
+  // Repeats longer than the search's "long enough" are still found when
+  // Comp_Min is above it.
+  Bytes chunk = random_bytes(1000, 9), rep;
+  for (int i = 0; i < 10; ++i) rep.insert(rep.end(), chunk.begin(), chunk.end());
+  for (bool thorough : {false, true})
+    EXPECT_LT(compress(rep, 200, 4096, 0, thorough).size(), 1900u) << thorough;
+}
+
+TEST(Varne, ThoroughParseCostsFewerBits) {
+  Bytes data = text(400000);
+  Bytes more = random_bytes(20000, 4);
+  data.insert(data.begin() + 1000, more.begin(), more.end());
+  data.insert(data.begin() + 50000, 5000, ' ');
+  Bytes fast = compress(data, 5, 4096, 4093, false);
+  Bytes best = compress(data, 5, 4096, 4093, true);
+  EXPECT_LT(best.size(), fast.size());
+  EXPECT_EQ(std::memcmp(best.data(), fast.data(), VARNE_HEADER), 0); // same header
+  Bytes back;
+  ASSERT_EQ(uncompress(best, back), long(data.size()));
+  EXPECT_TRUE(back == data);
 }
 
 TEST(Varne, LargeInputsAcrossBlocksAndFileStreams) {
@@ -208,7 +234,7 @@ TEST(Varne, LargeInputsAcrossBlocksAndFileStreams) {
 
   Bytes txt = text(3 * VARNE_BLOCK);
   Bytes ts = compress(txt, 5, 4096, 1000003);
-  EXPECT_LT(ts.size(), txt.size() / 5);
+  EXPECT_LT(ts.size(), txt.size() / 4);
   ASSERT_EQ(uncompress(ts, back), long(txt.size()));
   EXPECT_TRUE(back == txt);
   // A block boundary exactly at the end and one byte after it.
@@ -363,6 +389,14 @@ TEST(VarneDeathTest, CallsOutOfOrderEndTheProgram) {
         Compress_Write("x", 1);
       },
       ::testing::ExitedWithCode(1), "\\(Compress_Write\\) Compression already ended");
+  EXPECT_EXIT(
+      {
+        msg_set_handler([](const char *t) { std::fputs(t, stderr); });
+        Compress_Init(nullptr, 5, 256);
+        Compress_Write("x", 1);
+        Compress_Thorough(1);
+      },
+      ::testing::ExitedWithCode(1), "\\(Compress_Thorough\\) Compression already running");
 }
 
 } // namespace
