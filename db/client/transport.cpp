@@ -95,6 +95,13 @@ bool lock_mutex(int timeout_ms) {
   WaitResult r = g_tp.mutex.lock(timeout_ms);
   if (r != WaitResult::Signalled && r != WaitResult::Abandoned) return false;
   g_tp.mutex_held = true;
+  if (r == WaitResult::Abandoned) {
+    // The last owner died in the middle of an exchange. The server may
+    // still be sending it a chunk; it notices the death within one 20 ms
+    // slice of its wait, so let it finish before the leftovers are cleared.
+    struct timespec ts = {0, 50000000};
+    nanosleep(&ts, nullptr);
+  }
   g_tp.client.reset();
   g_tp.client_ack.reset();
   g_tp.partial_pending = false;
@@ -278,14 +285,16 @@ void advise_huge(unsigned char *p, size_t n) {
 int DBcomm_init(int size) {
   DBcomm_close();
   msg_at_fatal(DBcomm_close);
+  // Whether a server runs is asked first, so that a client without a
+  // server leaves no objects behind (on Linux they outlive their users).
   bool not_found = false;
-  bool ok = size > static_cast<int>(kPayloadAt) &&
-            g_tp.area.create_or_open("TavrinDB_Shared_Memory", static_cast<size_t>(size)) &&
-            g_tp.owner.create_or_open("TavrinDB_Shared_Memory_Socket", 4);
+  bool ok = size > static_cast<int>(kPayloadAt);
   if (ok && !g_tp.server.open_live("TavrinDB_Server")) {
     not_found = true;
     ok = false;
   }
+  ok = ok && g_tp.area.create_or_open("TavrinDB_Shared_Memory", static_cast<size_t>(size)) &&
+       g_tp.owner.create_or_open("TavrinDB_Shared_Memory_Socket", 4);
   ok = ok && g_tp.client.create_or_open("TavrinDB_Client") &&
        g_tp.server_ack.create_or_open("TavrinDB_Server_Ack") &&
        g_tp.client_ack.create_or_open("TavrinDB_Client_Ack") &&

@@ -104,6 +104,8 @@ bool Event::is_set() const { return word_of(sec_)->state.load() == 1; }
 WaitResult Event::wait(int timeout_ms, const Process *proc) {
   EventWord *w = word_of(sec_);
   if (try_consume(w)) return WaitResult::Signalled;
+  // A watch that was never opened or was given up: the process is gone.
+  if (proc && !proc->is_open()) return WaitResult::ProcessEnded;
   if (timeout_ms == 0) return WaitResult::Timeout;
 
   const int64_t start = now_ns();
@@ -128,6 +130,7 @@ WaitResult Event::wait(int timeout_ms, const Process *proc) {
 
   const int64_t deadline = timeout_ms > 0 ? start + int64_t(timeout_ms) * 1000000 : -1;
   constexpr int64_t kSlice = 20 * 1000000; // process checks at least this often
+  int64_t next_check = start + kSlice;
   w->waiters.fetch_add(1, std::memory_order_seq_cst);
   WaitResult result;
   for (;;) {
@@ -135,9 +138,14 @@ WaitResult Event::wait(int timeout_ms, const Process *proc) {
       result = WaitResult::Signalled;
       break;
     }
-    if (proc && !proc->alive()) {
-      result = WaitResult::ProcessEnded;
-      break;
+    // The process is looked at once per slice, not before every sleep: a
+    // quick exchange then costs no extra system call.
+    if (proc && now_ns() >= next_check) {
+      if (!proc->alive()) {
+        result = WaitResult::ProcessEnded;
+        break;
+      }
+      next_check = now_ns() + kSlice;
     }
     int64_t sleep_ns = proc ? kSlice : -1;
     if (deadline >= 0) {

@@ -10,16 +10,49 @@
 #include <functional>
 #include <poll.h>
 #include <string>
+#include <sys/mman.h>
+#include <vector>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace ipctest {
+
+// The namespaces this test process made; their objects are removed when it
+// exits (servers that were killed and clients without a server leave some).
+inline std::vector<std::string> &made_namespaces() {
+  static auto *v = new std::vector<std::string>; // outlives the exit handler
+  return *v;
+}
+
+// The test process itself; forked children (death tests too) leave the
+// objects alone when they exit.
+inline pid_t &namespace_owner() {
+  static pid_t pid = 0;
+  return pid;
+}
+
+inline void remove_namespaces() {
+  static const char *const names[] = {"TavrinDB_Shared_Memory",   "TavrinDB_Shared_Memory_Socket",
+                                      "TavrinDB_Server",          "TavrinDB_Client",
+                                      "TavrinDB_Server_Ack",      "TavrinDB_Client_Ack",
+                                      "TavrinDB_Client_Activate", "TavrinDB_Mutex"};
+  if (getpid() != namespace_owner()) return;
+  for (const std::string &ns : made_namespaces())
+    for (const char *n : names) shm_unlink(("/" + ns + n).c_str());
+}
 
 // Sets TAVRIN_NAMESPACE to a name no other test (or test process) uses.
 inline std::string fresh_namespace() {
   static std::atomic<int> n{0};
   std::string ns = "zqipc" + std::to_string(getpid()) + "_" + std::to_string(n++) + "_";
   setenv("TAVRIN_NAMESPACE", ns.c_str(), 1);
+  if (namespace_owner() == 0) {
+    namespace_owner() = getpid();
+    std::atexit(remove_namespaces);
+  }
+  if (getpid() == namespace_owner()) {
+    made_namespaces().push_back(ns);
+  }
   return ns;
 }
 
