@@ -5,10 +5,12 @@
 #include "forms/fonts.h"
 #include "forms/forms.h"
 
+#include <QCoreApplication>
 #include <QPlainTextEdit>
 #include <QScrollBar>
 #include <QStyle>
 #include <QTextCharFormat>
+#include <QThread>
 #include <QVBoxLayout>
 #include <QWidget>
 
@@ -72,6 +74,14 @@ void fl_destroy_console_windows() {
 
 int fl_console_print(const char *text) {
   std::string line = text ? text : "";
+  // Windows belong to the GUI thread: a print from another thread is handed
+  // over to it.
+  QCoreApplication *app = QCoreApplication::instance();
+  if (app && QThread::currentThread() != app->thread()) {
+    QMetaObject::invokeMethod(
+        app, [line] { fl_console_print(line.c_str()); }, Qt::QueuedConnection);
+    return 1;
+  }
   for (char &ch : line)
     if (ch == '\n') ch = ' ';
   if (++c.lines > kMaxLines) {

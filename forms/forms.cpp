@@ -365,7 +365,10 @@ int fl_init_toolkit(const char *title, char **, int icon) {
   }
   auto *app = static_cast<QApplication *>(QCoreApplication::instance());
   app->setQuitOnLastWindowClosed(false);
-  if (title && *title) QApplication::setApplicationDisplayName(QString::fromLatin1(title));
+  // The title becomes the application's name (not its display name, which Qt
+  // would append to every window title: forms keep exactly their own titles).
+  if (title && *title) QCoreApplication::setApplicationName(QString::fromLatin1(title));
+  // The program's own icon: a drive, the common picture of a database.
   if (icon >= 0) QApplication::setWindowIcon(app->style()->standardIcon(QStyle::SP_DriveHDIcon));
   fl_create_fonts();
   fl_create_console_windows();
@@ -830,6 +833,8 @@ void fl_deactivate_object(FL_OBJECT *obj) {
 
 void fl_show_object(FL_OBJECT *obj) {
   if (!obj) return;
+  // The help button and hidden check buttons stay invisible whatever is asked.
+  if ((obj->objclass == FL_BUTTON || obj->objclass == FL_CHECKBUTTON) && obj->type == 3) return;
   obj->visible = 1;
   if (obj->widget) obj->widget->show();
   if (obj->label_widget) obj->label_widget->show();
