@@ -2,6 +2,9 @@
 #include "tools/commands.h"
 
 #include "tools/cmd_encode.h"
+#include "tools/cmd_ping.h"
+#include "tools/cmd_sql.h"
+#include "tools/cmd_table.h"
 #include "tools/cmd_varne.h"
 #include "tools/term.h"
 
@@ -16,12 +19,17 @@ int cmd_help(int argc, char **argv);
 // One line per subcommand.
 const TavrinCommand kCommands[] = {
     {"help", "[COMMAND]", "list the commands, or show how to use one", "", cmd_help},
-    {"compress", "[-m MIN] [-c CACHE] [IN [OUT]]", "compress a file into the Varne format",
+    {"compress", "[-b] [-m MIN] [-c CACHE] [IN [OUT]]", "compress a file into the Varne format",
      VARNE_COMPRESS_HELP, cmd_compress},
     {"uncompress", "[IN [OUT]]", "restore a file from the Varne format", VARNE_UNCOMPRESS_HELP,
      cmd_uncompress},
     {"encode", "STATEMENT...", "show the request bytes of an SQL statement", ENCODE_HELP,
      cmd_encode},
+    {"sql", "[-dbNAME] [--format table|csv|tsv] [-1] [STATEMENT...]",
+     "run SQL statements on a database", SQL_HELP, cmd_sql},
+    {"table", "save|load [-dbNAME] TABLE FILE", "save a table into a TABLE file, or load one",
+     TABLE_HELP, cmd_table},
+    {"ping", "[-dbNAME]", "check that the TAVRIN server answers", PING_HELP, cmd_ping},
 };
 
 int cmd_help(int argc, char **argv) {

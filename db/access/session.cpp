@@ -34,8 +34,11 @@ std::string format_statement(const char *fmt, ...) {
   return std::string(buf.data());
 }
 
-const char *conn_message(const DBSESSION *s) {
-  return s && s->connection ? DBerrormessage(s->connection) : "";
+// The connection's message, ending in a line feed like every message.
+std::string conn_text(const DBSESSION *s) {
+  std::string m = s && s->connection ? DBerrormessage(s->connection) : "";
+  if (!m.empty() && m.back() != '\n') m += '\n';
+  return m;
 }
 
 // The database name a connection string stands for.
@@ -65,7 +68,7 @@ int connect_session(DBSESSION *session, const char *s) {
       msg_print("Connection to TAVRIN-database failed:\n");
     else
       msg_print("Connection to TAVRIN-database '%s' failed:\n", name.c_str());
-    msg_print("  %s", DBerrormessage(session->connection));
+    msg_print("  %s", conn_text(session).c_str());
     return 0;
   }
   return 1;
@@ -137,7 +140,7 @@ int change(DBSESSION *session, const char *table, const std::string &text, const
   }
   DBRESULT *res = send_text(session, text);
   if (!res) {
-    msg_print("%s command failed for table '%s':\n  %s", label, table, conn_message(session));
+    msg_print("%s command failed for table '%s':\n  %s", label, table, conn_text(session).c_str());
     if (outcome) *outcome = DBOUT_NONE;
     return 0;
   }
@@ -153,8 +156,8 @@ int change(DBSESSION *session, const char *table, const std::string &text, const
 int bracket(DBSESSION *session, const char *command, const char *failed, const char *refused) {
   DBRESULT *res = send_text(session, command);
   if (!res) {
-    msg_print(failed, conn_message(session));
-    msg_print("Error: %s", conn_message(session));
+    msg_print(failed, conn_text(session).c_str());
+    msg_print("Error: %s", conn_text(session).c_str());
     return 0;
   }
   if (DBresult_status(res) != DBRES_DONE) {
@@ -254,8 +257,8 @@ int dbbegin(DBSESSION *session) {
     res = send_text(session, "BEGIN");
   }
   if (!res) {
-    msg_print("BEGIN command failed:\n  %s", conn_message(session));
-    msg_print("Error: %s", conn_message(session));
+    msg_print("BEGIN command failed:\n  %s", conn_text(session).c_str());
+    msg_print("Error: %s", conn_text(session).c_str());
     return 0;
   }
   if (DBresult_status(res) != DBRES_DONE) {
@@ -283,7 +286,7 @@ int dbcommit(DBSESSION *session) {
   g_depth = 0;
   if (!dbbegin(session)) {
     msg_print("BEGIN after COMMIT command failed.\n");
-    msg_print("Error: %s", conn_message(session));
+    msg_print("Error: %s", conn_text(session).c_str());
     return 0;
   }
   return 1;
@@ -296,7 +299,7 @@ int dbrollback(DBSESSION *session) {
   g_depth = 0;
   if (!dbbegin(session)) {
     msg_print("BEGIN after ROLLBACK command failed.\n");
-    msg_print("Error: %s", conn_message(session));
+    msg_print("Error: %s", conn_text(session).c_str());
     return 0;
   }
   return 1;
@@ -314,8 +317,8 @@ int dbdeclare(DBSESSION *session, const char *cursor, const char *select) {
   if (session->disabled) return 1;
   DBRESULT *res = send_text(session, format_statement("DECLARE %s CURSOR FOR %s", cursor, select));
   if (!res) {
-    msg_print("DECLARE CURSOR command failed:\n  %s", conn_message(session));
-    msg_print("Error: %s", conn_message(session));
+    msg_print("DECLARE CURSOR command failed:\n  %s", conn_text(session).c_str());
+    msg_print("Error: %s", conn_text(session).c_str());
     return 0;
   }
   if (DBresult_status(res) != DBRES_DONE) {
@@ -332,8 +335,8 @@ int dbclosecursor(DBSESSION *session, const char *cursor) {
   if (session->disabled) return 1;
   DBRESULT *res = send_text(session, format_statement("CLOSE %s", cursor));
   if (!res) {
-    msg_print("CLOSE CURSOR command failed: %s\n", conn_message(session));
-    msg_print("Error: %s", conn_message(session));
+    msg_print("CLOSE CURSOR command failed: %s\n", conn_text(session).c_str());
+    msg_print("Error: %s", conn_text(session).c_str());
     return 0;
   }
   if (DBresult_status(res) != DBRES_DONE) {
@@ -378,7 +381,7 @@ int dbexec(DBSESSION *session, const char *command, const char *rest, DBRESULT *
   }
   DBRESULT *res = send_text(session, format_statement("%s %s", command, rest));
   if (!res) {
-    msg_print("(dbexec) '%s' command failed:\n  %s", command, conn_message(session));
+    msg_print("(dbexec) '%s' command failed:\n  %s", command, conn_text(session).c_str());
     if (outcome) *outcome = DBOUT_NONE;
     return 0;
   }
@@ -397,7 +400,7 @@ int dbexec1(DBSESSION *session, const char *statement, DBRESULT **result, int *o
   }
   DBRESULT *res = send_text(session, format_statement("%s", statement));
   if (!res) {
-    msg_print("dbexec1 command failed:\n  %s", conn_message(session));
+    msg_print("dbexec1 command failed:\n  %s", conn_text(session).c_str());
     if (outcome) *outcome = DBOUT_NONE;
     return 0;
   }
@@ -416,7 +419,7 @@ int dbbinexec1(DBSESSION *session, DBRESULT **result, int *outcome) {
   ++g_sent;
   DBRESULT *res = DBexec_request(session->connection);
   if (!res) {
-    msg_print("dbbinexec1 command failed:\n  %s", conn_message(session));
+    msg_print("dbbinexec1 command failed:\n  %s", conn_text(session).c_str());
     if (outcome) *outcome = DBOUT_NONE;
     return 0;
   }

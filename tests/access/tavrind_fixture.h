@@ -41,8 +41,11 @@ extern char **environ;
 
 namespace tavrind_fixture {
 
-// The built server program, or "" when it is not there.
+// The server program to test against: ZENTIQ_TAVRIND when set, else the
+// built one; "" when there is none.
 inline std::string program() {
+  const char *chosen = std::getenv("ZENTIQ_TAVRIND");
+  if (chosen && *chosen) return chosen;
   const char *build = std::getenv("ZENTIQ_BUILD_DIR");
   if (!build) return "";
   std::string p = std::string(build) + "/server/tavrind";

@@ -1,0 +1,102 @@
+// tavrin sql as a user runs it: statements from arguments and from a pipe,
+// the three output formats, counts of changes, transactions, failures and
+// their exit statuses, the -db rules.
+#include "cmd_testutil.h"
+
+namespace {
+
+using cmdtest::Outcome;
+
+class TavrinSql : public cmdtest::WithServer {};
+
+TEST_F(TavrinSql, PrintsRowsInEveryFormatAndCountsChanges) {
+  Outcome r =
+      run("$T sql -dbdemo 'CREATE TABLE S1 (S1_ID INTEGER, NAME CHARACTER(12), BETRAG FLOAT)'"
+          " \"INSERT INTO S1 VALUES (1, 'J\xc3\xb6rg', 2.5)\""
+          " \"INSERT INTO S1 (S1_ID, NAME) VALUES (22, 'a,\\\"b')\""
+          " 'SELECT * FROM S1 ORDER BY S1_ID'");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "done\n"
+                   "1 row changed\n"
+                   "1 row changed\n"
+                   "S1_ID | NAME | BETRAG\n"
+                   "------+------+-------\n"
+                   "    1 | J\xc3\xb6rg |    2.5\n"
+                   "   22 | a,\"b |\n"
+                   "(2 rows)\n");
+  EXPECT_EQ(r.err, "");
+
+  r = run("$T sql -dbdemo --format csv 'SELECT S1_ID, NAME FROM S1 ORDER BY S1_ID'");
+  EXPECT_EQ(r.out, "S1_ID,NAME\n1,J\xc3\xb6rg\n22,\"a,\"\"b\"\n");
+  r = run("$T sql -dbdemo --format=tsv 'SELECT NAME, BETRAG FROM S1 ORDER BY S1_ID'"
+          " 'UPDATE S1 SET BETRAG = 1 WHERE S1_ID > 0' 'DELETE FROM S1 WHERE S1_ID = 99'");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "NAME\tBETRAG\nJ\xc3\xb6rg\t2.5\na,\"b\t\n2 rows changed\n0 rows changed\n");
+  run("$T sql -dbdemo 'DROP TABLE S1'");
+}
+
+TEST_F(TavrinSql, StandardInputDrivesATransactionStepByStep) {
+  run("$T sql -dbdemo 'CREATE TABLE S2 (S2_ID INTEGER)'");
+  // The statements arrive one by one through a pipe that stays open: each
+  // is run as soon as its line is there.
+  Outcome r = run("mkfifo in.fifo && { $T sql -dbdemo <in.fifo >steps.txt 2>&1 & }"
+                  " && exec 3>in.fifo && printf 'BEGIN\\n\\nINSERT INTO S2 VALUES (7)\\n' >&3"
+                  " && sleep 1 && cp steps.txt mid.txt"
+                  " && $T sql -dbdemo --format csv 'SELECT COUNT(*) FROM S2' >other.txt"
+                  " && printf 'COMMIT\\n' >&3 && exec 3>&- && wait");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(cmdtest::slurp((dir / "mid.txt").string()), "done\n1 row changed\n");
+  EXPECT_EQ(cmdtest::slurp((dir / "other.txt").string()), "COUNT(*)\n0\n"); // not committed yet
+  EXPECT_EQ(cmdtest::slurp((dir / "steps.txt").string()), "done\n1 row changed\ndone\n");
+  r = run("$T sql -dbdemo --format csv 'SELECT COUNT(*) FROM S2'");
+  EXPECT_EQ(r.out, "COUNT(*)\n1\n");
+  run("$T sql -dbdemo 'DROP TABLE S2'");
+}
+
+TEST_F(TavrinSql, OneTransactionIsAllOrNothing) {
+  run("$T sql -dbdemo 'CREATE TABLE S3 (S3_ID INTEGER)'");
+  size_t mark = server->log_size();
+  Outcome r = run("$T sql -dbdemo -1 'INSERT INTO S3 VALUES (1)' 'INSERT INTO S3 VALUES (2)'");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(server->count_log(": BEGIN", mark), 1);
+  r = run("$T sql -dbdemo -1 'INSERT INTO S3 VALUES (3)' 'INSERT INTO NIX VALUES (1)'"
+          " 'INSERT INTO S3 VALUES (4)'");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("BAD RESPONSE to dbexec1 command.\nError: (TAVRIN 301)"), std::string::npos)
+      << r.err;
+  r = run("$T sql -dbdemo --format csv 'SELECT COUNT(*) FROM S3'");
+  EXPECT_EQ(r.out, "COUNT(*)\n2\n");
+  run("$T sql -dbdemo 'DROP TABLE S3'");
+}
+
+TEST_F(TavrinSql, FailuresSetTheExitStatusAndTheDbRulesHold) {
+  // A statement the parser refuses is reported and counts as failed here.
+  Outcome r = run("$T sql -dbdemo 'SELEC 1' 'SELECT COUNT(*) FROM KUNDE'");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "NONFATAL ERROR occured in dbexec1 command.\n"
+                   "Error: (DBexec) Syntax error: SQL-command SELEC not known\n");
+  EXPECT_NE(r.out.find("600"), std::string::npos); // the statements after it still run
+  r = run("$T sql -dbdemo 'SELECT * FROM NIX'");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "BAD RESPONSE to dbexec1 command.\n"
+                   "Error: (TAVRIN 301) Tabelle NIX existiert nicht\n");
+
+  // Without -db the database is tdsys; DBSYS goes in front of the name; the
+  // last -db wins.
+  r = run("$T sql --format csv 'SELECT COUNT(*) FROM ERROT WHERE FEHLERNUMMER = 301'");
+  EXPECT_EQ(r.out, "COUNT(*)\n1\n");
+  r = run("DBSYS=DBSQL $T sql -dbtdsys -dbdemo --format csv 'SELECT COUNT(*) FROM KUNDE'");
+  EXPECT_EQ(r.out, "COUNT(*)\n600\n");
+  r = run("$T sql -dbnixda 'SELECT 1'");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "Connection to TAVRIN-database 'nixda' failed:\n"
+                   "  (TAVRIN 202) Datenbank NIXDA existiert nicht\n");
+  r = run("$T sql -dbABCDEFGHIJKLMNOPQRST 'SELECT 1'");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "(ARGV_GetDB_Name) DB-name ABCDEFGHIJKLMNOPQRST is too long (max. 19)\n");
+  r = run("$T sql --format xml 'SELECT 1'");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("unknown format 'xml'"), std::string::npos);
+}
+
+} // namespace

@@ -1,0 +1,259 @@
+// tavrin sql (see cmd_sql.h).
+#include "tools/cmd_sql.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "base/valstr.h"
+#include "db/access/session.h"
+#include "tools/commands.h"
+#include "tools/term.h"
+
+namespace {
+
+enum Format { TABLE, CSV, TSV };
+
+// The display text of a cell: the null markers of the server show as empty
+// texts, as they do in the viewer.
+std::string cell(DBSESSION *s, DBRESULT *r, int row, int col) {
+  const char *v = dbgetvalue(s, r, row, col);
+  std::string t = v ? v : "";
+  const void *raw = DBgetrawvalue(r, row, col);
+  if (!raw) return t;
+  switch (dbfieldtype(s, r, col)) {
+  case DBFT_SMALLINT: {
+    int16_t x;
+    std::memcpy(&x, raw, 2);
+    return x == NULL_SHORT ? "" : t;
+  }
+  case DBFT_INTEGER: {
+    int32_t x;
+    std::memcpy(&x, raw, 4);
+    return x == NULL_INT ? "" : t;
+  }
+  case DBFT_FLOAT: {
+    double x;
+    std::memcpy(&x, raw, 8);
+    return DOUBLE_IsNull(x) ? "" : t;
+  }
+  case DBFT_DATE:
+    return t == "1800-01-01" ? "" : t;
+  case DBFT_TIMESTAMP:
+    return t == "1800-01-01-00.00.00.000000" ? "" : t;
+  default:
+    return t;
+  }
+}
+
+bool numeric(int type) {
+  return type == DBFT_SMALLINT || type == DBFT_INTEGER || type == DBFT_FLOAT;
+}
+
+std::string csv_field(const std::string &t) {
+  if (t.find_first_of(",\"\n\r") == std::string::npos) return t;
+  std::string out = "\"";
+  for (char c : t) {
+    if (c == '"') out += '"';
+    out += c;
+  }
+  return out + "\"";
+}
+
+std::string tsv_field(const std::string &t) {
+  std::string out;
+  for (char c : t) {
+    if (c == '\t')
+      out += "\\t";
+    else if (c == '\n')
+      out += "\\n";
+    else if (c == '\r')
+      out += "\\r";
+    else if (c == '\\')
+      out += "\\\\";
+    else
+      out += c;
+  }
+  return out;
+}
+
+// The rows of a result in the chosen format (Latin-1).
+std::string render(DBSESSION *s, DBRESULT *r, Format format) {
+  int rows = dbntuples(s, r), cols = dbnfields(s, r);
+  std::vector<std::string> names;
+  for (int c = 0; c < cols; ++c) {
+    const char *n = dbfieldname(s, r, c);
+    names.emplace_back(n ? n : "");
+  }
+  std::string out;
+  if (format != TABLE) {
+    const char *sep = format == CSV ? "," : "\t";
+    auto field = format == CSV ? csv_field : tsv_field;
+    for (int c = 0; c < cols; ++c) out += (c ? sep : "") + field(names[static_cast<size_t>(c)]);
+    if (cols) out += "\n";
+    for (int row = 0; row < rows; ++row) {
+      for (int c = 0; c < cols; ++c) out += (c ? sep : "") + field(cell(s, r, row, c));
+      out += "\n";
+    }
+    return out;
+  }
+  std::vector<size_t> width(static_cast<size_t>(cols));
+  std::vector<std::vector<std::string>> cells(static_cast<size_t>(rows));
+  for (int c = 0; c < cols; ++c)
+    width[static_cast<size_t>(c)] = names[static_cast<size_t>(c)].size();
+  for (int row = 0; row < rows; ++row)
+    for (int c = 0; c < cols; ++c) {
+      cells[static_cast<size_t>(row)].push_back(cell(s, r, row, c));
+      width[static_cast<size_t>(c)] =
+          std::max(width[static_cast<size_t>(c)], cells[static_cast<size_t>(row)].back().size());
+    }
+  auto pad = [](const std::string &t, size_t w, bool right) {
+    std::string fill(w - std::min(w, t.size()), ' ');
+    return right ? fill + t : t + fill;
+  };
+  std::string line;
+  for (int c = 0; c < cols; ++c) {
+    if (c) line += " | ";
+    line += pad(names[static_cast<size_t>(c)], width[static_cast<size_t>(c)], false);
+  }
+  while (!line.empty() && line.back() == ' ') line.pop_back();
+  out += line + "\n";
+  line.clear();
+  for (int c = 0; c < cols; ++c)
+    line += (c ? "-+-" : "") + std::string(width[static_cast<size_t>(c)], '-');
+  out += line + "\n";
+  for (int row = 0; row < rows; ++row) {
+    line.clear();
+    for (int c = 0; c < cols; ++c) {
+      if (c) line += " | ";
+      line += pad(cells[static_cast<size_t>(row)][static_cast<size_t>(c)],
+                  width[static_cast<size_t>(c)], numeric(dbfieldtype(s, r, c)));
+    }
+    while (!line.empty() && line.back() == ' ') line.pop_back();
+    out += line + "\n";
+  }
+  out += "(" + std::to_string(rows) + (rows == 1 ? " row)\n" : " rows)\n");
+  return out;
+}
+
+// The first word of a statement, upper-cased.
+std::string first_word(const std::string &statement) {
+  size_t i = 0;
+  while (i < statement.size() && std::isspace(static_cast<unsigned char>(statement[i]))) ++i;
+  std::string w;
+  while (i < statement.size() && std::isalpha(static_cast<unsigned char>(statement[i])))
+    w += static_cast<char>(std::toupper(static_cast<unsigned char>(statement[i++])));
+  return w;
+}
+
+// Runs one statement and prints what it gave. Returns false when it failed.
+bool run_one(DBSESSION *s, const std::string &statement, Format format) {
+  DBRESULT *r = nullptr;
+  int outcome = 0;
+  int ok = dbexec1(s, statement.c_str(), &r, &outcome);
+  bool good = ok && outcome != DBOUT_REFUSED;
+  if (r && (DBresult_status(r) == DBRES_TUPLES || DBresult_status(r) == DBRES_TUPLES2)) {
+    // A FETCH answers with the second kind of tuples: its rows are shown
+    // all the same.
+    term_write(stdout, render(s, r, format));
+    good = true;
+  } else if (good && outcome == DBOUT_DONE) {
+    std::string w = first_word(statement);
+    if (w == "INSERT" || w == "UPDATE" || w == "DELETE") {
+      int n = dbntuples(s, r);
+      term_write(stdout, std::to_string(n) + (n == 1 ? " row changed\n" : " rows changed\n"));
+    } else if (format == TABLE) {
+      term_write(stdout, "done\n");
+    }
+  }
+  dbclear(s, r);
+  std::fflush(stdout);
+  return good;
+}
+
+bool blank(const std::string &line) {
+  for (char c : line)
+    if (!std::isspace(static_cast<unsigned char>(c))) return false;
+  return true;
+}
+
+} // namespace
+
+DBSESSION *tavrin_open_session(int argc, char **argv, std::vector<std::string> &rest) {
+  char name[DBSESSION_NAME_MAX + 1] = "";
+  ARGV_GetDB_Name(argv, argc, name);
+  for (int i = 1; i < argc; ++i)
+    if (std::strncmp(argv[i], "-db", 3) != 0) rest.emplace_back(argv[i]);
+  DBSESSION *s = nullptr;
+  std::string db = term_to_latin1(name);
+  if (!DB_Init(&s, db.c_str())) return nullptr;
+  return s;
+}
+
+int cmd_sql(int argc, char **argv) {
+  const TavrinCommand &cmd = *tavrin_find_command("sql");
+  std::vector<std::string> args;
+  char name[DBSESSION_NAME_MAX + 1] = "";
+  ARGV_GetDB_Name(argv, argc, name); // checks the -db arguments before anything runs
+  for (int i = 1; i < argc; ++i)
+    if (std::strncmp(argv[i], "-db", 3) != 0) args.emplace_back(argv[i]);
+  Format format = TABLE;
+  bool single = false;
+  std::vector<std::string> statements;
+  for (size_t i = 0; i < args.size(); ++i) {
+    std::string a = args[i];
+    std::string value;
+    if (a == "--format") {
+      if (i + 1 >= args.size()) return tavrin_usage_error(cmd, "--format needs a value");
+      value = args[++i];
+    } else if (a.rfind("--format=", 0) == 0) {
+      value = a.substr(9);
+    } else if (a == "-1") {
+      single = true;
+      continue;
+    } else if (a.size() > 1 && a[0] == '-' && statements.empty()) {
+      return tavrin_usage_error(cmd, "unknown option '%s'", term_to_latin1(a).c_str());
+    } else {
+      statements.push_back(term_to_latin1(a));
+      continue;
+    }
+    if (value == "table")
+      format = TABLE;
+    else if (value == "csv")
+      format = CSV;
+    else if (value == "tsv")
+      format = TSV;
+    else
+      return tavrin_usage_error(cmd, "unknown format '%s'", term_to_latin1(value).c_str());
+  }
+
+  std::vector<std::string> ignored;
+  DBSESSION *s = tavrin_open_session(argc, argv, ignored);
+  if (!s) return TAVRIN_FAIL;
+  bool failed = false;
+  if (single && !dbbegin(s)) failed = true;
+  if (!failed) {
+    if (!statements.empty()) {
+      for (const auto &st : statements) failed = !run_one(s, st, format) || failed;
+    } else {
+      std::string line;
+      while (std::getline(std::cin, line)) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (blank(line)) continue;
+        failed = !run_one(s, term_to_latin1(line), format) || failed;
+      }
+    }
+  }
+  if (single) {
+    // All or nothing: a failure undoes the statements before it.
+    if (failed) dbrollback(s);
+    if (!dbend(s)) failed = true;
+  }
+  dbclose(s);
+  return failed ? TAVRIN_FAIL : TAVRIN_OK;
+}
