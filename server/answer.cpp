@@ -51,6 +51,9 @@ const ErrorText kErrors[] = {
      "beenden und wiederholen"},
     {506, "UNTERABFRAGE_SPALTEN", "Unterabfrage muss genau ein Attribut liefern"},
     {507, "ZU_VIELE_WERTE_ANFRAGE", "Anweisung mit zu vielen Werten ($1, höchstens $2)"},
+    {508, "CURSOR_OFFEN",
+     "Ein offener Cursor dieser Verbindung liest die Tabelle noch; bitte erst mit CLOSE "
+     "schließen"},
     {901, "SPEICHERFEHLER", "Interner Datenbankfehler: $1"},
     {1001, "DATEI_FEHLT", "Datei $1 nicht gefunden"},
     {1002, "DATEI_SCHREIBEN", "Datei $1 kann nicht geschrieben werden"},

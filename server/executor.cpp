@@ -97,11 +97,21 @@ struct ChannelState {
   std::map<std::string, TableInfo> tables;  // key: upper-case name
   std::map<std::string, IndexInfo> indexes; // key: upper-case name
   std::unordered_map<std::string, StmtPtr> cache;
+  // BEGIN was given, but no statement has run since: the SQLite transaction
+  // starts with the first statement, taking the write lock at once when that
+  // statement writes (so that a transaction that begins by writing waits for
+  // the lock instead of failing later on a stale snapshot).
+  bool pending_begin = false;
 };
+
+// Is an SQLite transaction open on the channel's connection?
+static bool sqlite_txn(const ChannelState &st) {
+  return st.db && !sqlite3_get_autocommit(st.db.get());
+}
 
 Channel::Channel(Executor &e, int i) : ex(e), id(i), st(std::make_unique<ChannelState>()) {}
 
-bool Channel::in_transaction() const { return st->db && !sqlite3_get_autocommit(st->db.get()); }
+bool Channel::in_transaction() const { return st->pending_begin || sqlite_txn(*st); }
 
 namespace {
 
@@ -113,7 +123,10 @@ namespace {
   sqlite3 *db = st.db.get();
   int ext = db ? sqlite3_extended_errcode(db) : rc;
   std::string msg = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
-  if ((rc & 0xFF) == SQLITE_BUSY || (rc & 0xFF) == SQLITE_LOCKED) {
+  // A lock held by this very connection (an open cursor on a table that is
+  // to be dropped) never goes away by waiting.
+  if ((rc & 0xFF) == SQLITE_LOCKED) throw ExecError{answer_errtext(508, {})};
+  if ((rc & 0xFF) == SQLITE_BUSY) {
     if (ext == SQLITE_BUSY_SNAPSHOT) throw ExecError{answer_errtext(505, {})};
     throw WouldBlock{};
   }
@@ -162,31 +175,35 @@ void exec_sql(ChannelState &st, const std::string &sql) {
 // when the use ends.
 class CachedStmt {
 public:
-  CachedStmt(ChannelState &st, const std::string &sql) {
+  // The statement leaves the cache while it is in use, so that neither a
+  // full cache nor a nested use of the same text can finalize it under us.
+  CachedStmt(ChannelState &st, const std::string &sql) : st_(st), sql_(sql) {
     auto it = st.cache.find(sql);
-    if (it == st.cache.end()) {
-      if (st.cache.size() >= STMT_CACHE) st.cache.clear();
-      sqlite3_stmt *s = nullptr;
-      int rc =
-          sqlite3_prepare_v2(st.db.get(), sql.c_str(), static_cast<int>(sql.size()), &s, nullptr);
-      if (rc != SQLITE_OK) {
-        sqlite3_finalize(s);
-        raise_sqlite(st, rc);
-      }
-      it = st.cache.emplace(sql, StmtPtr(s)).first;
+    if (it != st.cache.end()) {
+      s_ = std::move(it->second);
+      st.cache.erase(it);
+      return;
     }
-    s_ = it->second.get();
+    sqlite3_stmt *s = nullptr;
+    int rc =
+        sqlite3_prepare_v2(st.db.get(), sql.c_str(), static_cast<int>(sql.size()), &s, nullptr);
+    s_.reset(s);
+    if (rc != SQLITE_OK) raise_sqlite(st, rc);
   }
   ~CachedStmt() {
-    sqlite3_reset(s_);
-    sqlite3_clear_bindings(s_);
+    sqlite3_reset(s_.get());
+    sqlite3_clear_bindings(s_.get());
+    if (st_.cache.size() >= STMT_CACHE) st_.cache.clear();
+    st_.cache[sql_] = std::move(s_);
   }
   CachedStmt(const CachedStmt &) = delete;
   CachedStmt &operator=(const CachedStmt &) = delete;
-  sqlite3_stmt *get() const { return s_; }
+  sqlite3_stmt *get() const { return s_.get(); }
 
 private:
-  sqlite3_stmt *s_ = nullptr;
+  ChannelState &st_;
+  std::string sql_;
+  StmtPtr s_;
 };
 
 void bind_all(ChannelState &st, sqlite3_stmt *s, const std::vector<SqlValue> &params) {
@@ -593,8 +610,12 @@ void need_db(Ctx &c) {
   refresh_schema(c.st);
 }
 
+// Logs one line about channel ch. Texts of the protocol are Latin-1; the log
+// goes to a terminal or file and is written in UTF-8.
 void log_line(Channel &ch, const std::string &text) {
-  if (ch.ex.log) ch.ex.log("channel " + std::to_string(ch.id) + " [" + ch.database + "]: " + text);
+  if (ch.ex.log)
+    ch.ex.log("channel " + std::to_string(ch.id) + " [" + ch.database +
+              "]: " + latin1_to_utf8(text));
 }
 
 // Runs f as one change: its own transaction outside BEGIN ... COMMIT, a
@@ -825,7 +846,8 @@ void do_drop_table(Ctx &c, const Request &q) {
 }
 
 void do_create_index(Ctx &c, const Request &q) {
-  if (c.st.tables.count(q.name) || c.st.indexes.count(q.name) || q.name.rfind("SQLITE_", 0) == 0)
+  if (q.name.rfind("SQLITE_", 0) == 0) throw ExecError{answer_errtext(105, {q.name})};
+  if (c.st.tables.count(q.name) || c.st.indexes.count(q.name))
     throw ExecError{answer_errtext(308, {q.name})};
   const TableInfo &t = find_table(c.st, q.table);
   std::string cols;
@@ -974,7 +996,8 @@ void do_show(Ctx &c, const Request &q) {
 void close_database(Channel &ch, bool commit) {
   ChannelState &st = *ch.st;
   if (!st.db) return;
-  if (ch.in_transaction()) {
+  st.pending_begin = false;
+  if (sqlite_txn(st)) {
     if (commit) {
       int rc = sqlite3_exec(st.db.get(), "COMMIT", nullptr, nullptr, nullptr);
       if (rc != SQLITE_OK) raise_sqlite(st, rc);
@@ -1110,6 +1133,19 @@ int execute(Ctx &c, const Request &q) {
   default:
     break;
   }
+  if (!st.db) throw ExecError{answer_errtext(201, {})};
+  if (st.pending_begin && q.kind != ReqKind::Begin && q.kind != ReqKind::Commit &&
+      q.kind != ReqKind::Abort) {
+    bool writes = q.kind == ReqKind::CreateTable || q.kind == ReqKind::DropTable ||
+                  q.kind == ReqKind::CreateIndex || q.kind == ReqKind::DropIndex ||
+                  q.kind == ReqKind::Insert || q.kind == ReqKind::Update ||
+                  q.kind == ReqKind::Delete || q.kind == ReqKind::SetStatic ||
+                  q.kind == ReqKind::SetSecure;
+    // A blocked BEGIN IMMEDIATE leaves the transaction pending: the request
+    // is retried as it was.
+    exec_sql(st, writes ? "BEGIN IMMEDIATE" : "BEGIN");
+    st.pending_begin = false;
+  }
   need_db(c);
   switch (q.kind) {
   case ReqKind::CreateTable:
@@ -1138,15 +1174,17 @@ int execute(Ctx &c, const Request &q) {
     break;
   case ReqKind::Begin:
     if (ch.in_transaction()) throw ExecError{answer_errtext(501, {})};
-    exec_sql(st, "BEGIN");
+    st.pending_begin = true;
     answer_done(c.out);
     break;
   case ReqKind::Commit:
-    if (ch.in_transaction()) exec_sql(st, "COMMIT");
+    st.pending_begin = false;
+    if (sqlite_txn(st)) exec_sql(st, "COMMIT");
     answer_done(c.out);
     break;
   case ReqKind::Abort:
-    if (ch.in_transaction()) exec_sql(st, "ROLLBACK");
+    st.pending_begin = false;
+    if (sqlite_txn(st)) exec_sql(st, "ROLLBACK");
     st.schema_version = -1;
     answer_done(c.out);
     break;

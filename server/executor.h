@@ -23,8 +23,8 @@
 // Server-wide state shared by all channels.
 struct Executor {
   Catalog catalog;
-  // Receives one log line (without line feed): errors always, every statement
-  // when verbose is set. Null: no logging.
+  // Receives one log line in UTF-8 (without line feed): errors always, every
+  // statement when verbose is set. Null: no logging.
   std::function<void(const std::string &)> log;
   bool verbose = false;
   // Set by the STOP statement; the caller ends the server after answering.

@@ -188,6 +188,15 @@ TEST_F(StatementsTest, CursorsFetchInBlocksOfMax) {
   EXPECT_EQ(bad("CLOSE C1"), "(TAVRIN 502) Cursor C1 existiert nicht");
   good("DECLARE C2 CURSOR FOR SELECT NAME FROM KUNDE WHERE ORT = 'Köln'");
   EXPECT_EQ(good("FETCH ALL IN C2").rows.size(), 2u);
+  // A cursor in the middle of its rows keeps its table: it cannot be dropped
+  // under it, and the refusal does not make the client wait.
+  good("MAX 1");
+  good("DECLARE C3 CURSOR FOR SELECT NAME FROM KUNDE");
+  EXPECT_EQ(good("FETCH C3").rows.size(), 1u);
+  EXPECT_EQ(bad("DROP TABLE KUNDE"), "(TAVRIN 508) Ein offener Cursor dieser Verbindung liest die "
+                                     "Tabelle noch; bitte erst mit CLOSE schließen");
+  good("CLOSE C3");
+  good("DROP TABLE KUNDE");
 }
 
 TEST_F(StatementsTest, TransactionsAndLocksBetweenChannels) {
@@ -207,6 +216,24 @@ TEST_F(StatementsTest, TransactionsAndLocksBetweenChannels) {
   EXPECT_EQ(good("SELECT COUNT(*) FROM KUNDE").i32(0, 0), 3);
   // The retried request now goes through.
   EXPECT_EQ(run(insert, 1).count, 1);
+
+  // A transaction that begins by writing waits for the lock and then goes on.
+  good("BEGIN");
+  good("INSERT INTO KUNDE VALUES (6, 'Sechs', 'X')");
+  good("BEGIN", 1);
+  Bytes update = encode("UPDATE KUNDE SET ORT = 'Y' WHERE KUNDE_ID = 5");
+  EXPECT_TRUE(raw(update, 1, EXEC_WOULD_BLOCK).empty());
+  good("COMMIT");
+  EXPECT_EQ(run(update, 1).count, 1);
+  good("COMMIT", 1);
+  // One that has read data changed since cannot write any more.
+  good("BEGIN", 1);
+  good("SELECT COUNT(*) FROM KUNDE", 1);
+  good("DELETE FROM KUNDE WHERE KUNDE_ID = 6");
+  EXPECT_EQ(bad("DELETE FROM KUNDE WHERE KUNDE_ID = 5", 1),
+            "(TAVRIN 505) Die Transaktion kollidiert mit der Änderung einer anderen Verbindung; "
+            "bitte mit ABORT beenden und wiederholen");
+  good("ABORT", 1);
 
   good("BEGIN", 1);
   good("DELETE FROM AUFTRAG", 1);
