@@ -360,7 +360,10 @@ void fatal_cleanup() { fl_remove_keyboard_filter(); }
 int fl_init_toolkit(const char *title, char **, int icon) {
   if (g.initialised) return 1;
   if (!qobject_cast<QApplication *>(QCoreApplication::instance())) {
-    msg_print("(program) Could not register class\n");
+    // Without an application object no window can be made: say so in the
+    // box's words (the seam records it, as nothing can be shown) and print it.
+    fl_show_alert("program", "Could not register class", FL_ICON_ERROR);
+    msg_print("Could not register class\n");
     return 0;
   }
   auto *app = static_cast<QApplication *>(QCoreApplication::instance());

@@ -335,6 +335,7 @@ TEST_F(FormsTest, ReportingModesDecideWhenTheInputCallbackRuns) {
   FL_OBJECT *in = fl_add_input(FL_NORMAL_INPUT, 80, 10, 100, 21, "A ");
   FL_OBJECT *other = fl_add_input(FL_NORMAL_INPUT, 80, 40, 100, 21, "B ");
   FL_OBJECT *multi = fl_add_input(FL_MULTILINE_INPUT, 80, 70, 100, 60, "C ");
+  FL_OBJECT *button = fl_add_button(FL_NORMAL_BUTTON, 200, 10, 60, 21, "OK");
   fl_end_form();
   fl_set_object_callback(in, record_call, 0);
   fl_set_object_callback(multi, record_call, 0);
@@ -366,6 +367,18 @@ TEST_F(FormsTest, ReportingModesDecideWhenTheInputCallbackRuns) {
   QTest::keyClicks(in->widget, "x");
   QTest::keyClick(in->widget, Qt::Key_Tab);
   EXPECT_EQ(count_calls(in), 4);
+
+  // Leaving by a click on a button reports the changed text before the
+  // button's callback runs.
+  fl_set_object_callback(button, record_call, 0);
+  fl_set_input_return(in, FL_RETURN_CHANGED);
+  fl_set_focus_object(form, in);
+  g_calls.clear();
+  QTest::keyClicks(in->widget, "y");
+  QTest::mouseClick(button->widget, Qt::LeftButton);
+  ASSERT_EQ(g_calls.size(), 2u);
+  EXPECT_EQ(g_calls[0].first, in);
+  EXPECT_EQ(g_calls[1].first, button);
 
   // In a multi-line input Return starts a new line.
   fl_set_focus_object(form, multi);
