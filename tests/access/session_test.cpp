@@ -3,6 +3,7 @@
 // outcomes and one-value queries on results built by hand.
 #include "db/access/session.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -168,6 +169,19 @@ TEST(Results, OutcomesOfEveryStatusAndOneValueQueries) {
 
   EXPECT_EQ(dbgetlength(&s, nullptr, 0, 0), -1);
   EXPECT_EQ(cap.take(), "(dbgetlength) Not yet implemented\n");
+}
+
+TEST(DbInitDeathTest, InstallsSignalHandlersThatStopThroughTheFatalPath) {
+  EXPECT_EXIT(
+      {
+        msg_set_handler([](const char *t) { std::fputs(t, stderr); });
+        msg_at_fatal([] { std::fputs("[clean-up]", stderr); });
+        setenv("TAVRIN_NAMESPACE", "zqnosignal_", 1);
+        DBSESSION *s = nullptr;
+        DB_Init(&s, "demo"); // fails without a server; the handlers are there all the same
+        std::raise(SIGTERM);
+      },
+      ::testing::ExitedWithCode(1), "Program stopped by signal 15.\n\\[clean-up\\]");
 }
 
 TEST(Dbinit, WithoutAServerPrintsTheConnectionFailure) {
