@@ -56,6 +56,7 @@ void show_restored(QWidget *w) {
 void fl_create_console_windows() {
   if (c.window) return;
   c.window = make_text_window("Console", 0, 0, 250, 200, &c.edit);
+  c.edit->setMaximumBlockCount(kMaxLines);
   c.cmd_window = make_text_window("Command", fl_screen_width() - 350, 0, 350, 400, &c.cmd_edit);
   if (!c.text.empty()) {
     QString t = QString::fromLatin1(c.text.c_str());
@@ -92,9 +93,11 @@ int fl_console_print(const char *text) {
   if (!c.text.empty()) c.text += "\r\r\n";
   c.text += line;
   if (c.edit) {
-    QString t = QString::fromLatin1(c.text.c_str());
+    // The field holds the same lines and drops its oldest block itself, so a
+    // print costs one line, not the whole text.
+    QString t = QString::fromLatin1(line.data(), static_cast<qsizetype>(line.size()));
     t.remove(QLatin1Char('\r'));
-    c.edit->setPlainText(t);
+    c.edit->appendPlainText(t);
     c.edit->verticalScrollBar()->setValue(c.edit->verticalScrollBar()->maximum());
     show_restored(c.window);
   }
