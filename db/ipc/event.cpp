@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <ctime>
 #include <linux/futex.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -18,8 +19,9 @@ namespace {
 struct EventWord {
   std::atomic<uint32_t> state;   // 1 set, 0 clear
   std::atomic<uint32_t> waiters; // sleepers that want a futex wake
+  std::atomic<int32_t> set_cpu;  // 1 + the CPU the last set ran on; 0 unknown
 };
-static_assert(sizeof(EventWord) == 8);
+static_assert(sizeof(EventWord) == 12);
 static_assert(std::atomic<uint32_t>::is_always_lock_free);
 
 constexpr size_t kEventSize = 64;
@@ -93,6 +95,8 @@ void Event::set() {
   EventWord *w = word_of(sec_);
   // Store, then look for sleepers; a waiter registers, then looks at the
   // state. With both sequentially consistent one of them sees the other.
+  int cpu = sched_getcpu();
+  w->set_cpu.store(cpu >= 0 ? cpu + 1 : 0, std::memory_order_relaxed);
   w->state.store(1, std::memory_order_seq_cst);
   if (w->waiters.load(std::memory_order_seq_cst) != 0) futex_wake(&w->state, 1);
 }
@@ -109,24 +113,28 @@ WaitResult Event::wait(int timeout_ms, const Process *proc) {
   if (timeout_ms == 0) return WaitResult::Timeout;
 
   const int64_t start = now_ns();
-  // Bounded, adaptive spin: the other side of an exchange usually answers
-  // within microseconds when it runs on another core. When it does not (it
-  // waits for this very core, or sleeps), spinning only delays it, so every
-  // spin that ends without the signal halves the next one and every spin
-  // that catches it doubles the next one, between 1 us and the limit.
+  // Bounded, adaptive spin. The other side of an exchange usually answers
+  // within microseconds when it runs on another core; when it last ran on
+  // this very core, spinning would only keep it from running, so the wait
+  // sleeps at once. Otherwise the spin lasts as long as recent waits took
+  // (twice the last one that ended within the limit), at least 1 us and at
+  // most the limit; a wait far beyond the limit halves it.
   const int64_t limit = int64_t(g_spin_us.load(std::memory_order_relaxed)) * 1000;
+  const int set_cpu = w->set_cpu.load(std::memory_order_relaxed);
+  const bool same_core = set_cpu != 0 && set_cpu == sched_getcpu() + 1;
   if (spin_ns_ > limit) spin_ns_ = limit;
-  const int64_t spin_end = start + spin_ns_;
-  for (int64_t t = start; t < spin_end; t = now_ns()) {
-    for (int k = 0; k < 16; ++k) {
-      if (try_consume(w)) {
-        spin_ns_ = std::min(limit, std::max<int64_t>(spin_ns_ * 2, kMinSpinNs));
-        return WaitResult::Signalled;
+  if (!same_core) {
+    const int64_t spin_end = start + spin_ns_;
+    for (int64_t t = start; t < spin_end; t = now_ns()) {
+      for (int k = 0; k < 16; ++k) {
+        if (try_consume(w)) {
+          spin_ns_ = std::min(limit, std::max<int64_t>(spin_ns_, kMinSpinNs));
+          return WaitResult::Signalled;
+        }
+        cpu_relax();
       }
-      cpu_relax();
     }
   }
-  if (limit > 0) spin_ns_ = std::max<int64_t>(spin_ns_ / 2, std::min(limit, kMinSpinNs));
 
   const int64_t deadline = timeout_ms > 0 ? start + int64_t(timeout_ms) * 1000000 : -1;
   constexpr int64_t kSlice = 20 * 1000000; // process checks at least this often
@@ -159,6 +167,11 @@ WaitResult Event::wait(int timeout_ms, const Process *proc) {
     futex_wait(&w->state, 0, sleep_ns);
   }
   w->waiters.fetch_sub(1, std::memory_order_seq_cst);
+  if (result == WaitResult::Signalled && !same_core && limit > 0) {
+    int64_t took = now_ns() - start;
+    spin_ns_ = took <= limit ? std::min(limit, std::max(2 * took, kMinSpinNs))
+                             : std::max(spin_ns_ / 2, std::min(limit, kMinSpinNs));
+  }
   return result;
 }
 
