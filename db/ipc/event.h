@@ -3,9 +3,10 @@
 // An event is a shared section holding a 32-bit state word and a count of
 // sleeping waiters. Setting stores 1 and wakes one sleeper; a wait consumes
 // the 1, so one waiter passes per set, and sets while the event is set do not
-// accumulate. A wait first spins for a short, bounded time (the other side
-// usually answers within microseconds; the spin adapts to how often it pays
-// off), then sleeps on the futex of the word.
+// accumulate. A wait first spins for a short, bounded time when the setter
+// last ran on another core (the other side usually answers within
+// microseconds; the spin follows how long recent waits took), then sleeps on
+// the futex of the word; when the setter shares this core it sleeps at once.
 // A wait that also watches a process sleeps in slices of at most 20 ms and
 // ends when the process has ended. Which events exist and what they mean is
 // the protocol's business (db/client/transport, server/).
