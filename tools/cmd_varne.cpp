@@ -61,10 +61,10 @@ struct Streams {
   }
 };
 
-// Reads "[options] [IN [OUT]]". Options (only for compress): -m MIN, -c CACHE.
-// Returns TAVRIN_OK or the usage error.
+// Reads "[options] [IN [OUT]]". Options (only for compress): -b, -m MIN,
+// -c CACHE. Returns TAVRIN_OK or the usage error.
 int parse(const TavrinCommand &cmd, int argc, char **argv, bool with_options, Streams &s,
-          int &comp_min, int &comp_cache) {
+          int &comp_min, int &comp_cache, bool &thorough) {
   std::vector<const char *> names;
   bool options = with_options;
   for (int i = 1; i < argc; ++i) {
@@ -73,6 +73,10 @@ int parse(const TavrinCommand &cmd, int argc, char **argv, bool with_options, St
       options = false;
     } else if (options && a[0] == '-' && a[1] != '\0') {
       char opt = a[1];
+      if (opt == 'b' && a[2] == '\0') {
+        thorough = true;
+        continue;
+      }
       if (opt != 'm' && opt != 'c') return tavrin_usage_error(cmd, "unknown option '%s'", a);
       const char *value = a[2] ? a + 2 : (i + 1 < argc ? argv[++i] : nullptr);
       if (!value) return tavrin_usage_error(cmd, "option -%c needs a number", opt);
@@ -119,7 +123,8 @@ int cmd_compress(int argc, char **argv) {
   Streams s;
   s.cmd = "compress";
   int comp_min = 5, comp_cache = 4096;
-  if (int rc = parse(cmd, argc, argv, true, s, comp_min, comp_cache)) return rc;
+  bool thorough = false;
+  if (int rc = parse(cmd, argc, argv, true, s, comp_min, comp_cache, thorough)) return rc;
   if (!s.out_name && isatty(STDOUT_FILENO)) {
     term_error("compress: compressed data is not written to a terminal; name OUT or redirect "
                "standard output");
@@ -130,6 +135,7 @@ int cmd_compress(int argc, char **argv) {
     term_error("compress: out of memory");
     return TAVRIN_FAIL;
   }
+  Compress_Thorough(thorough);
   std::vector<unsigned char> buf(kChunk);
   for (;;) {
     size_t n = std::fread(buf.data(), 1, buf.size(), s.in);
@@ -147,7 +153,9 @@ int cmd_uncompress(int argc, char **argv) {
   Streams s;
   s.cmd = "uncompress";
   int unused_min = 0, unused_cache = 0;
-  if (int rc = parse(cmd, argc, argv, false, s, unused_min, unused_cache)) return rc;
+  bool unused_thorough = false;
+  if (int rc = parse(cmd, argc, argv, false, s, unused_min, unused_cache, unused_thorough))
+    return rc;
   if (int rc = open_streams(s)) return rc;
   if (!Uncompress_Open(s.in)) {
     if (std::ferror(s.in)) return s.fail("cannot read", s.in_label(), errno);
