@@ -6,6 +6,7 @@
 
 #include "forms/mytabs.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdint>
@@ -78,6 +79,99 @@ std::string_view field_view(const FL_TABBOX_REC *rec, std::string_view text, int
   while (a < b && (text[a] == ' ' || text[a] == '|')) ++a;
   while (b > a && (text[b - 1] == ' ' || text[b - 1] == '|')) --b;
   return text.substr(a, b - a);
+}
+
+// Stable counting sort of the indexes idx by key[idx] (keys below range).
+std::vector<uint32_t> counting_sort(const std::vector<uint32_t> &idx,
+                                    const std::vector<uint32_t> &key, uint32_t range) {
+  std::vector<uint32_t> count(static_cast<size_t>(range) + 1, 0), out(idx.size());
+  for (uint32_t i : idx) ++count[key[i] + 1];
+  for (uint32_t r = 0; r < range; ++r) count[r + 1] += count[r];
+  for (uint32_t i : idx) out[count[key[i]]++] = i;
+  return out;
+}
+
+// Dense ranks (0, 1, ...) of the lines by one key column whose fields are
+// all numbers or all texts; the highest rank is returned in *top.
+void rank_column(const std::vector<KeyField> &keys, int n, int k, int key,
+                 std::vector<uint32_t> &rk, uint32_t *top) {
+  auto field = [&](uint32_t line) -> const KeyField & {
+    return keys[static_cast<size_t>(line) * k + key];
+  };
+  uint32_t r = 0;
+  if (n > 0 && field(0).is_number) {
+    std::vector<std::pair<double, uint32_t>> v(n);
+    for (int i = 0; i < n; ++i) v[i] = {field(i).value, static_cast<uint32_t>(i)};
+    std::sort(v.begin(), v.end());
+    for (int i = 0; i < n; ++i) {
+      if (i > 0 && v[i - 1].first != v[i].first) ++r;
+      rk[v[i].second] = r;
+    }
+    *top = r;
+    return;
+  }
+  // Texts: by their 8-character prefixes first; only runs of equal prefixes
+  // that may still differ (a text longer than 8, or one holding the byte
+  // whose folded value equals the padding) are compared character by
+  // character.
+  std::vector<std::pair<uint64_t, uint32_t>> v(n);
+  for (int i = 0; i < n; ++i) v[i] = {field(i).prefix, static_cast<uint32_t>(i)};
+  std::sort(v.begin(), v.end());
+  auto exact = [&](uint32_t line) {
+    const KeyField &f = field(line);
+    if (f.len > 8) return false;
+    return std::memchr(f.text, 0x80, f.len) == nullptr;
+  };
+  for (int i = 0; i < n;) {
+    int j = i + 1;
+    while (j < n && v[j].first == v[i].first) ++j;
+    if (i > 0) ++r;
+    bool all_exact = true;
+    for (int q = i; q < j && all_exact && j - i > 1; ++q) all_exact = exact(v[q].second);
+    if (j - i == 1 || all_exact) {
+      for (int q = i; q < j; ++q) rk[v[q].second] = r;
+    } else {
+      auto less = [&](const std::pair<uint64_t, uint32_t> &a,
+                      const std::pair<uint64_t, uint32_t> &b) {
+        const KeyField &x = field(a.second), &y = field(b.second);
+        return compare_folded(x.text, x.len, y.text, y.len) < 0;
+      };
+      std::sort(v.begin() + i, v.begin() + j, less);
+      for (int q = i; q < j; ++q) {
+        if (q > i && less(v[q - 1], v[q])) ++r;
+        rk[v[q].second] = r;
+      }
+    }
+    i = j;
+  }
+  *top = r;
+}
+
+// Dense ranks of the lines by all keys (keys: n lines of k fields each, row
+// by row): lines comparing equal get equal ranks, and rank order is line
+// order. Each key column is ranked on its own; the ranks of the keys so far
+// and of the next key are then combined by two counting sorts.
+std::vector<uint32_t> line_ranks(const std::vector<KeyField> &keys, int n, int k, const int *dirs) {
+  std::vector<uint32_t> rank(n, 0), rk(n), next(n);
+  uint32_t ranks = 1;
+  std::vector<uint32_t> all(n);
+  for (int i = 0; i < n; ++i) all[i] = static_cast<uint32_t>(i);
+  for (int key = 0; key < k; ++key) {
+    uint32_t r = 0;
+    rank_column(keys, n, k, key, rk, &r);
+    if (dirs[key] == 0)
+      for (uint32_t &x : rk) x = r - x;
+    std::vector<uint32_t> by = counting_sort(counting_sort(all, rk, r + 1), rank, ranks);
+    uint32_t c = 0;
+    for (int i = 0; i < n; ++i) {
+      uint32_t cur = by[i];
+      if (i > 0 && (rank[by[i - 1]] != rank[cur] || rk[by[i - 1]] != rk[cur])) ++c;
+      next[cur] = c;
+    }
+    rank.swap(next);
+    ranks = c + 1;
+  }
+  return rank;
 }
 
 } // namespace
@@ -153,16 +247,75 @@ std::vector<int> tabbox_sort_order(const FL_TABBOX_REC *rec) {
   // A column holding both numbers and texts compares numbers with numbers by
   // value but with texts by the text rule, which need not be a consistent
   // order (9 < 10 < 1a < 9). Only the scan itself gives the selection sort's
-  // result then; it is used while it stays affordable.
-  if (mixed && n <= 4096) {
-    for (int i = 0; i < n - 1; ++i) {
-      int m = i;
-      for (int j = i + 1; j < n; ++j)
-        if (cmp(order[m], order[j]) > 0) m = j;
-      std::swap(order[i], order[m]);
+  // result then; it is used while it stays affordable, beyond that the
+  // tournament runs on the comparison as it is.
+  if (mixed) {
+    if (n <= 4096) {
+      for (int i = 0; i < n - 1; ++i) {
+        int m = i;
+        for (int j = i + 1; j < n; ++j)
+          if (cmp(order[m], order[j]) > 0) m = j;
+        std::swap(order[i], order[m]);
+      }
+    } else {
+      tabbox_tournament_order(order, cmp);
     }
     return order;
   }
-  tabbox_tournament_order(order, cmp);
+  // Consistent keys: each line gets one number whose order is the lines'
+  // order (equal lines, equal numbers), so that the tournament compares
+  // integers that fit the cache instead of fields spread over the texts.
+  return tabbox_rank_order(line_ranks(keys, n, k, dirs));
+}
+
+std::vector<int> tabbox_rank_order(const std::vector<uint32_t> &rank) {
+  const int n = static_cast<int>(rank.size());
+  std::vector<int> order(n);
+  for (int i = 0; i < n; ++i) order[i] = i;
+  if (n < 2) return order;
+  uint32_t groups = *std::max_element(rank.begin(), rank.end()) + 1;
+  // Per rank a min-heap of the unfinished positions holding a line of that
+  // rank, each in its own slice of one array; filled in position order, so
+  // every slice starts as a sorted (and thus valid) heap.
+  std::vector<uint32_t> start(static_cast<size_t>(groups) + 1, 0), size(groups, 0);
+  for (uint32_t r : rank) ++size[r];
+  for (uint32_t g = 0; g < groups; ++g) start[g + 1] = start[g] + size[g];
+  std::vector<int> heap(n);
+  {
+    std::vector<uint32_t> fill(start.begin(), start.end() - 1);
+    for (int p = 0; p < n; ++p) heap[fill[rank[p]]++] = p;
+  }
+  auto sift_down = [](int *h, uint32_t sz) {
+    uint32_t i = 0;
+    for (;;) {
+      uint32_t l = 2 * i + 1, m = i;
+      if (l < sz && h[l] < h[m]) m = l;
+      if (l + 1 < sz && h[l + 1] < h[m]) m = l + 1;
+      if (m == i) return;
+      std::swap(h[i], h[m]);
+      i = m;
+    }
+  };
+  std::vector<uint32_t> rank_at(rank);
+  uint32_t r = 0;
+  for (int i = 0; i < n; ++i) {
+    while (size[r] == 0) ++r;
+    // m: the leftmost unfinished position of the smallest rank left. It
+    // leaves its heap; position i is the smallest unfinished position of
+    // all, so it is the top of its own rank's heap, where m takes its place.
+    int *hr = &heap[start[r]];
+    int m = hr[0];
+    hr[0] = hr[--size[r]];
+    sift_down(hr, size[r]);
+    uint32_t gi = rank_at[i];
+    if (gi != r) {
+      int *hg = &heap[start[gi]];
+      hg[0] = m;
+      sift_down(hg, size[gi]);
+      std::swap(order[i], order[m]);
+      rank_at[m] = gi;
+      rank_at[i] = r;
+    }
+  }
   return order;
 }

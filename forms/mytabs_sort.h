@@ -4,11 +4,13 @@
 // The order is defined by a selection sort with exchanges: for each display
 // position i the leftmost smallest remaining entry m is found and the entries
 // at i and m are exchanged. Equal lines therefore do not keep their order; the
-// permutation here is exactly that one, computed with a tournament tree in
-// O(n log n) instead of the sort's O(n^2). Field extraction and the record
+// permutation here is exactly that one, computed in O(n log n) instead of the
+// sort's O(n^2): from ranks of the lines with one heap per rank, or, where the
+// comparison is no consistent order, with a tournament tree. Field extraction and the record
 // itself are mytabs.h's.
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -63,6 +65,12 @@ template <class Cmp> void tabbox_tournament_order(std::vector<int> &order, Cmp c
     if (m != i) update(m);
   }
 }
+
+// The same permutation for entries given by dense ranks (0, 1, ...; equal
+// entries, equal ranks; the entries are 0..n-1 in their initial order): per
+// rank a heap of the positions still holding that rank, O(n log n) at worst
+// and linear when the ranks are distinct.
+std::vector<int> tabbox_rank_order(const std::vector<uint32_t> &rank);
 
 // The permutation of the record's lines (display position -> raw line) by
 // its sort keys; identity without keys.

@@ -51,7 +51,7 @@ template <class Cmp> std::vector<int> selection_sort(int n, Cmp cmp) {
   return order;
 }
 
-TEST(TabboxSort, TournamentMatchesSelectionSortOnIntegers) {
+TEST(TabboxSort, TournamentAndRanksMatchSelectionSortOnIntegers) {
   std::mt19937 rng(7);
   for (int round = 0; round < 300; ++round) {
     int n = static_cast<int>(rng() % 300) + 1;
@@ -62,7 +62,9 @@ TEST(TabboxSort, TournamentMatchesSelectionSortOnIntegers) {
     std::vector<int> fast(n);
     for (int i = 0; i < n; ++i) fast[i] = i;
     tabbox_tournament_order(fast, cmp);
-    ASSERT_EQ(fast, selection_sort(n, cmp)) << "round " << round;
+    std::vector<int> expected = selection_sort(n, cmp);
+    ASSERT_EQ(fast, expected) << "round " << round;
+    ASSERT_EQ(tabbox_rank_order(std::vector<uint32_t>(key.begin(), key.end())), expected) << "round " << round;
   }
 }
 
@@ -85,17 +87,17 @@ TEST_F(TabboxSortLines, PermutationMatchesSelectionSort) {
   // The text column holds texts only, the number column numbers only (the
   // empty field is a number): those sort by the tournament tree. The third
   // column mixes both.
-  const char *words[] = {"abc", "ABC", "Ölten", "Oase", "Ost", "äpfel", "x", "b", "B "};
+  const char *words[] = {"abc", "ABC", "Ölten", "Oase", "abcdefghijk", "äpfel", "ABCDEFGHIJ", "b", "abcdefghiJ "};
   const char *numbers[] = {"9", "10", "-1", "1,5", "1", "", "0.5", "10"};
   for (int round = 0; round < 60; ++round) {
     FL_OBJECT *tb = make();
-    fl_set_tabbox_title(tb, "Text    | Zahl  | Gemischt");
+    fl_set_tabbox_title(tb, "Text         | Zahl  | Gemischt");
     int n = static_cast<int>(rng() % 400) + 2;
     std::vector<std::string> lines;
     for (int i = 0; i < n; ++i) {
       char buf[128];
       const char *mixed = rng() % 2 ? words[rng() % 9] : numbers[rng() % 8];
-      std::snprintf(buf, sizeof buf, "%-7s | %-5s | %s", words[rng() % 9], numbers[rng() % 8],
+      std::snprintf(buf, sizeof buf, "%-12s | %-5s | %s", words[rng() % 9], numbers[rng() % 8],
                     mixed);
       lines.push_back(buf);
       fl_add_tabbox_line(tb, buf);
