@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <map>
 #include <optional>
 #include <unordered_map>
@@ -139,7 +140,8 @@ namespace {
     }
     if (ext == SQLITE_CONSTRAINT_UNIQUE || ext == SQLITE_CONSTRAINT_PRIMARYKEY) {
       // "UNIQUE constraint failed: T.A, T.B": find the index over these.
-      std::string list = msg.substr(msg.find(':') == std::string::npos ? 0 : msg.find(':') + 2);
+      size_t colon = msg.find(": ");
+      std::string list = colon == std::string::npos ? msg : msg.substr(colon + 2);
       std::vector<std::string> cols;
       std::string table;
       size_t p = 0;
@@ -1242,5 +1244,11 @@ int exec_request(Channel &ch, const unsigned char *req, size_t len,
     answer.clear();
     if (ch.ex.verbose) log_line(ch, "waits for a lock");
     return EXEC_WOULD_BLOCK;
+  } catch (const std::exception &e) {
+    // Out of memory and the like: the request fails, the server goes on.
+    std::string text = answer_errtext(901, {e.what()});
+    answer_error(answer, text);
+    if (ch.ex.log) log_line(ch, "error: " + text);
+    return q.kind == ReqKind::Close || q.kind == ReqKind::Notice ? EXEC_NO_ANSWER : EXEC_ANSWER;
   }
 }
