@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -310,8 +311,7 @@ TEST_F(TabboxUi, PopupsOfferTheirChoices) {
                       [](FL_OBJECT *, int item) { g.popup.push_back(item); });
   fl_seam_queue_popup(2);
   click(tb, line_point(tb, 1), {}, Qt::MiddleButton);
-  EXPECT_EQ(fl_seam_shown()[4].items,
-            (std::vector<std::string>{"Kopieren", "Löschen", "Info"}));
+  EXPECT_EQ(fl_seam_shown()[4].items, (std::vector<std::string>{"Kopieren", "Löschen", "Info"}));
   QTest::keyClick(tb->widget, Qt::Key_L);
   QTest::keyClick(tb->widget, Qt::Key_K, Qt::ShiftModifier);
   QTest::keyClick(tb->widget, Qt::Key_I);
@@ -392,6 +392,31 @@ TEST_F(TabboxUi, KeysMoveTheSelectionAndCallBack) {
   fl_select_tabbox_line(multi, 7);
   QTest::keyClick(multi->widget, Qt::Key_Down);
   EXPECT_EQ(selected(multi), V({4}));
+}
+
+TEST_F(TabboxUi, VerticalDisplayIsDrawnAndClickedAsTheCompanion) {
+  FL_OBJECT *tb = make(0, 1);
+  fl_set_tabbox_vert(tb);
+  fl_set_tabbox_dblclick_callback(
+      tb, [](FL_OBJECT *, long a) { g.dblclick.push_back(a); }, 0);
+  fl_layout_tabbox(tb);
+  FL_TABBOX_REC *c = rec(tb)->companion.get();
+  ASSERT_EQ(c->line_count, 2);
+  click(tb, line_point(tb, 1));
+  EXPECT_EQ(c->selected[1], 1);
+  EXPECT_EQ(g.callback, 1);
+  char *attr = fl_get_tabbox_vert_attr(tb);
+  ASSERT_NE(attr, nullptr);
+  EXPECT_STREQ(attr, "Beschreibung");
+  std::free(attr);
+  QTest::keyClick(tb->widget, Qt::Key_Up);
+  EXPECT_EQ(c->selected[0], 1);
+  QTest::keyClick(tb->widget, Qt::Key_Return);
+  EXPECT_EQ(g.dblclick, (std::vector<long>{0}));
+  // The companion's title is what the title line shows.
+  EXPECT_EQ(c->title.substr(0, 8), "Attribut");
+  QImage img = tb->widget->grab().toImage();
+  EXPECT_FALSE(img.isNull());
 }
 
 TEST_F(TabboxUi, DrawsTitleLinesAndSelection) {
