@@ -262,10 +262,9 @@ public:
       case 'R':
       case 'S':
       case 'V': {
-        static const char ops[] = {'<', '>', 'l', 'g', '=', '!', 'L'};
+        // 'N' <, 'O' >, 'P' <=, 'Q' >=, 'R' =, 'S' <>, 'V' LIKE.
         node->kind = Expr::Compare;
-        node->op = ops[t - 'N' > 6 ? 6 : t - 'N'];
-        if (t == 'V') node->op = 'L';
+        node->op = t == 'V' ? 'L' : "<>lg=!"[t - 'N'];
         auto right = pop(stack, at, true);
         auto left = pop(stack, at, false);
         node->args.push_back(std::move(left));
