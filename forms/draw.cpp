@@ -2,6 +2,7 @@
 #include "forms/draw.h"
 
 #include "forms/fonts.h"
+#include "forms/keyfilter.h"
 
 #include <QFontMetrics>
 #include <QPainter>
@@ -28,8 +29,11 @@ void FlDrawnWidget::draw(QPainter &p) {
   if (inside && !obj_->label.empty()) {
     QColor c =
         palette().color(isEnabled() ? QPalette::Active : QPalette::Disabled, QPalette::WindowText);
+    int underline = obj_->show_shortcut
+                        ? fl_shortcut_label_index(obj_->label.c_str(), obj_->shortcut.c_str())
+                        : -1;
     fl_draw_label(p, obj_->label.c_str(), r.adjusted(3, 0, -3, 0), obj_->align, obj_->lstyle,
-                  obj_->lsize, c);
+                  obj_->lsize, c, underline);
   }
 }
 

@@ -19,6 +19,7 @@
 #include <QKeyEvent>
 #include <QLineEdit>
 #include <QListWidget>
+#include <QFontMetrics>
 #include <QPainter>
 #include <QPlainTextEdit>
 #include <QPushButton>
@@ -117,6 +118,7 @@ public:
 protected:
   void paintEvent(QPaintEvent *event) override {
     QPushButton::paintEvent(event);
+    if (obj_->show_shortcut) underline_shortcut();
     if (fl_is_symbol_label(obj_->label.c_str())) {
       QPainter p(this);
       QColor c = palette().color(isEnabled() ? QPalette::Active : QPalette::Disabled,
@@ -126,6 +128,21 @@ protected:
   }
 
 private:
+  // Underlines the shortcut's letter under the centred label text (a
+  // mnemonic would give the button a second, Alt shortcut).
+  void underline_shortcut() {
+    int i = fl_shortcut_label_index(obj_->label.c_str(), obj_->shortcut.c_str());
+    if (i < 0 || fl_is_symbol_label(obj_->label.c_str())) return;
+    QString text = QString::fromLatin1(obj_->label.c_str());
+    QFontMetrics fm(font());
+    int x = (width() - fm.horizontalAdvance(text)) / 2 + fm.horizontalAdvance(text.left(i));
+    int y = (height() + fm.ascent() - fm.descent()) / 2 + 2;
+    QPainter p(this);
+    p.setPen(
+        palette().color(isEnabled() ? QPalette::Active : QPalette::Disabled, QPalette::ButtonText));
+    p.drawLine(x, y, x + fm.horizontalAdvance(text.at(i)) - 1, y);
+  }
+
   FL_OBJECT *obj_;
 };
 
@@ -194,8 +211,11 @@ protected:
                                        : FL_ALIGN_LEFT | FL_ALIGN_TOP;
     QColor c =
         palette().color(isEnabled() ? QPalette::Active : QPalette::Disabled, QPalette::WindowText);
+    int underline = obj_->show_shortcut
+                        ? fl_shortcut_label_index(obj_->label.c_str(), obj_->shortcut.c_str())
+                        : -1;
     fl_draw_label(p, obj_->label.c_str(), rect(), align, obj_->lstyle & ~FL_FIXED_STYLE,
-                  obj_->lsize, c);
+                  obj_->lsize, c, underline);
   }
 
 private:

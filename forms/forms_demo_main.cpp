@@ -98,7 +98,7 @@ void build_form() {
   fl_set_object_callback(g_list, print_callback, 11);
 
   FL_OBJECT *run = fl_add_button(FL_NORMAL_BUTTON, 250, 180, 190, 25, "SELECT durchführen");
-  fl_set_object_shortcut(run, "^u^U", 0);
+  fl_set_object_shortcut(run, "^u^U", 1);
   fl_set_object_callback(run, print_callback, 12);
   FL_OBJECT *menu = fl_add_button(FL_NORMAL_BUTTON, 250, 212, 90, 25, "Menü");
   fl_set_object_callback(menu, popup_callback, 13);

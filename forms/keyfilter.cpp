@@ -9,6 +9,7 @@
 #include <QKeyEvent>
 #include <QWidget>
 
+#include <cctype>
 #include <memory>
 
 namespace {
@@ -221,6 +222,29 @@ int fl_shortcut_matches(const char *shortcut, int key, int control, int alt) {
   while (*s)
     if (matches_one(s, key, control, alt)) return 1;
   return 0;
+}
+
+int fl_shortcut_label_index(const char *label, const char *shortcut) {
+  if (!label || !shortcut) return -1;
+  for (const char *s = shortcut; *s;) {
+    int letter = 0;
+    if ((*s == '^' || *s == '#') && s[1]) {
+      letter = static_cast<unsigned char>(s[1]);
+      s += 2;
+    } else if (*s == '&') {
+      ++s;
+      while (*s >= '0' && *s <= '9') ++s;
+      continue;
+    } else {
+      letter = static_cast<unsigned char>(*s++);
+    }
+    if (!std::isalnum(letter)) continue;
+    for (const char *l = label; *l; ++l)
+      if (std::tolower(static_cast<unsigned char>(*l)) == std::tolower(letter))
+        return static_cast<int>(l - label);
+    return -1;
+  }
+  return -1;
 }
 
 FL_TAB_HANDLER fl_set_tab_handler(FL_TAB_HANDLER handler) {

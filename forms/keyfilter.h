@@ -38,6 +38,11 @@ int fl_key_code(const QKeyEvent *event);
 // the designations of the shortcut text (see fl_set_object_shortcut).
 int fl_shortcut_matches(const char *shortcut, int key, int control, int alt);
 
+// Where a shown shortcut is underlined in a label: the index of the first
+// character of label that equals (letter case ignored) the letter of the
+// shortcut's first designation with a letter ("^x", "#x" or a plain x), or -1.
+int fl_shortcut_label_index(const char *label, const char *shortcut);
+
 // The tab handler decides the focus order of a form: called with the form and
 // 1 for Shift-Tab; returns 1 when it moved the focus, 0 to leave it to the
 // toolkit's creation order. Returns the previous handler.

@@ -90,9 +90,6 @@ TEST(DemoTest, ScreenshotOfTheDemoForm) {
   QProcess demo;
   QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
   env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-  if (!env.contains(QStringLiteral("LSAN_OPTIONS")))
-    env.insert(QStringLiteral("LSAN_OPTIONS"),
-               QStringLiteral("suppressions=" QT_TESTCASE_SOURCEDIR "/../lsan.supp"));
   demo.setProcessEnvironment(env);
   demo.start(program, {QStringLiteral("--screenshot"), png});
   ASSERT_TRUE(demo.waitForFinished(60000));

@@ -187,6 +187,9 @@ TEST_F(FormsTest, ShortcutsTriggerInTheLetterCasesWritten) {
 
   EXPECT_TRUE(fl_shortcut_matches("&1^[", FL_KEY_F1, 0, 0));
   EXPECT_TRUE(fl_shortcut_matches("&1^[", FL_KEY_ESCAPE, 0, 0));
+  EXPECT_EQ(fl_shortcut_label_index("SELECT durchführen", "^u^U"), 8);
+  EXPECT_EQ(fl_shortcut_label_index("Hilfe", "&1^["), -1);
+  EXPECT_EQ(fl_shortcut_label_index("Add", "^A^a"), 0);
   EXPECT_TRUE(fl_shortcut_matches("#x", 'x', 0, 1));
   EXPECT_FALSE(fl_shortcut_matches("#x", 'x', 0, 0));
 }
