@@ -111,8 +111,11 @@ int load(DBSESSION *s, const std::string &table, const std::string &file,
   int ok = TABLE_File_Load(
       s, f.get(), text.c_str(), [&](void *rec) { TABLE_Record_Init(def, rec); },
       [&](void *rec, DBSESSION *session) {
-        std::string rest = TABLE_Record_InsertText(def, rec);
-        if (!dbinsert(session, table.c_str(), rest.c_str(), nullptr, nullptr)) {
+        // A binary request: a row of long texts or binary values does not
+        // fit a statement text.
+        TABLE_Record_InsertRequest(def, table.c_str(), rec);
+        int outcome = 0;
+        if (!dbbinexec1(session, nullptr, &outcome) || outcome != DBOUT_DONE) {
           // All or none: the rows inserted so far go too.
           dbrollback(session);
           return 0;

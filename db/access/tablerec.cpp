@@ -2,6 +2,8 @@
 #include "db/access/tablerec.h"
 
 #include <algorithm>
+#include <cctype>
+#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <cstdint>
@@ -12,6 +14,7 @@
 #include "base/data.h"
 #include "base/date.h"
 #include "base/valstr.h"
+#include "db/client/reqbuf.h"
 
 namespace {
 
@@ -456,6 +459,52 @@ std::string TABLE_Record_InsertText(const TABLE_DEF &def, const void *record) {
     values += literal(r + a.idx, a);
   }
   return "(" + names + ") VALUES (" + values + ")";
+}
+
+namespace {
+
+std::string upper(const std::string &s) {
+  std::string u = s;
+  for (char &c : u) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return u;
+}
+
+// The value of one attribute as a tagged request field: integers as 32-bit
+// values, everything else as the text its SQL literal holds.
+void request_value(const unsigned char *p, const TABLE_ATTRIB &a) {
+  if (is_int_type(a.type)) {
+    bool null;
+    int64_t v = get_int(p, a.type, &null);
+    if (!null && v >= INT32_MIN && v <= INT32_MAX) {
+      DBreq_tag_int(DBTAG_INT, static_cast<int32_t>(v));
+      return;
+    }
+    if (!null) {
+      DBreq_tag_string(DBTAG_STRING, std::to_string(v).c_str());
+      return;
+    }
+  }
+  std::string lit = literal(p, a);
+  // The literal is quoted and escaped: the request carries the bare text.
+  std::string text;
+  for (size_t i = 1; i + 1 < lit.size(); ++i) {
+    if (lit[i] == '\\' && i + 2 < lit.size()) ++i;
+    text += lit[i];
+  }
+  DBreq_tag_string(DBTAG_STRING, text.c_str());
+}
+
+} // namespace
+
+void TABLE_Record_InsertRequest(const TABLE_DEF &def, const char *table, const void *record) {
+  const auto *r = static_cast<const unsigned char *>(record);
+  DBreq_reset();
+  DBreq_byte('E');
+  DBreq_tag_string(DBTAG_NAME, upper(table).c_str());
+  for (const auto &a : def.attribs) DBreq_tag_string(DBTAG_NAME, upper(a.name).c_str());
+  DBreq_byte('X');
+  for (const auto &a : def.attribs) request_value(r + a.idx, a);
+  DBreq_byte('x');
 }
 
 std::string TABLE_Quote(const std::string &text) {

@@ -64,5 +64,11 @@ int TABLE_Record_FromRow(const TABLE_DEF &def, DBRESULT *result, int row, void *
 // as the empty text ''.
 std::string TABLE_Record_InsertText(const TABLE_DEF &def, const void *record);
 
+// Builds the binary INSERT request of the record for `table` in the client's
+// request buffer (db/client/reqbuf.h), for dbbinexec1: the same values as
+// TABLE_Record_InsertText, without the length limit of a statement text.
+// Names are sent upper-cased, as the parser would send them.
+void TABLE_Record_InsertRequest(const TABLE_DEF &def, const char *table, const void *record);
+
 // An SQL string literal of text: quoted, with a backslash before ', " and \.
 std::string TABLE_Quote(const std::string &text);
