@@ -431,6 +431,8 @@ void TabboxWidget::press(QPoint pos, Qt::MouseButton button, bool dbl) {
   }
   case TB_HIT_TITLE: {
     if (button != Qt::LeftButton || own->vertical || r->char_w <= 0) return;
+    // Title positions count from one cell left of the text, so that p - 1
+    // is the character under the mouse: a press on a "|" starts the resize.
     int title_x = tabbox_text_x(obj) - r->char_w;
     int p = r->offset + (pos.x() - title_x) / r->char_w;
     if (p >= 1 && p < static_cast<int>(r->title.size()) && r->title[p - 1] == '|') {

@@ -64,7 +64,8 @@ TEST(TabboxSort, TournamentAndRanksMatchSelectionSortOnIntegers) {
     tabbox_tournament_order(fast, cmp);
     std::vector<int> expected = selection_sort(n, cmp);
     ASSERT_EQ(fast, expected) << "round " << round;
-    ASSERT_EQ(tabbox_rank_order(std::vector<uint32_t>(key.begin(), key.end())), expected) << "round " << round;
+    ASSERT_EQ(tabbox_rank_order(std::vector<uint32_t>(key.begin(), key.end())), expected)
+        << "round " << round;
   }
 }
 
@@ -87,7 +88,8 @@ TEST_F(TabboxSortLines, PermutationMatchesSelectionSort) {
   // The text column holds texts only, the number column numbers only (the
   // empty field is a number): those sort by the tournament tree. The third
   // column mixes both.
-  const char *words[] = {"abc", "ABC", "Ölten", "Oase", "abcdefghijk", "äpfel", "ABCDEFGHIJ", "b", "abcdefghiJ "};
+  const char *words[] = {"abc",   "ABC",        "Ölten", "Oase",       "abcdefghijk",
+                         "äpfel", "ABCDEFGHIJ", "b",     "abcdefghiJ "};
   const char *numbers[] = {"9", "10", "-1", "1,5", "1", "", "0.5", "10"};
   for (int round = 0; round < 60; ++round) {
     FL_OBJECT *tb = make();
