@@ -434,6 +434,16 @@ int fl_screen_height() {
   return s ? s->geometry().height() : 768;
 }
 
+int fl_caption_height() {
+  auto *app = qobject_cast<QApplication *>(QCoreApplication::instance());
+  return app ? app->style()->pixelMetric(QStyle::PM_TitleBarHeight) : 20;
+}
+
+int fl_border_width() {
+  auto *app = qobject_cast<QApplication *>(QCoreApplication::instance());
+  return app ? app->style()->pixelMetric(QStyle::PM_DefaultFrameWidth) : 1;
+}
+
 // ---- Forms ----------------------------------------------------------------
 
 FL_FORM *fl_begin_form(int, int w, int h) {

@@ -243,6 +243,10 @@ int fl_toolkit_initialised();
 // Screen size in pixels (of the primary screen).
 int fl_screen_width();
 int fl_screen_height();
+// Height of a window's title bar and width of a window's border, in pixels
+// (for layouts that leave room for them).
+int fl_caption_height();
+int fl_border_width();
 
 // ---- Forms ----------------------------------------------------------------
 
