@@ -5,10 +5,12 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <set>
 #include <string>
 #include <strings.h>
 #include <vector>
 
+#include "base/msg.h"
 #include "db/access/session.h"
 #include "db/access/tablefile.h"
 #include "db/access/tablerec.h"
@@ -92,6 +94,21 @@ int save(DBSESSION *s, const std::string &table, const std::string &file,
   return TAVRIN_OK;
 }
 
+// While a load runs, a warning that the load gives again for a later row is
+// passed on only the first time; the number of messages held back is kept.
+struct Dedup {
+  static inline std::set<std::string> seen;
+  static inline long held_back = 0;
+  static inline MsgHandler next = nullptr;
+  static void handler(const char *text) {
+    if (!seen.insert(text).second) {
+      ++held_back;
+      return;
+    }
+    if (next) next(text);
+  }
+};
+
 int load(DBSESSION *s, const std::string &table, const std::string &file,
          const std::string &file_shown) {
   File f(std::fopen(file.c_str(), "rb"));
@@ -108,6 +125,9 @@ int load(DBSESSION *s, const std::string &table, const std::string &file,
   if (!describe(s, table, number, def)) return TAVRIN_FAIL;
   std::string text = TABLE_Text(def);
   int inserted = 0;
+  Dedup::seen.clear();
+  Dedup::held_back = 0;
+  Dedup::next = msg_set_handler(Dedup::handler);
   int ok = TABLE_File_Load(
       s, f.get(), text.c_str(), [&](void *rec) { TABLE_Record_Init(def, rec); },
       [&](void *rec, DBSESSION *session) {
@@ -123,6 +143,9 @@ int load(DBSESSION *s, const std::string &table, const std::string &file,
         ++inserted;
         return 1;
       });
+  msg_set_handler(Dedup::next);
+  if (Dedup::held_back > 0)
+    term_error("%ld repeated messages of later rows not shown", Dedup::held_back);
   if (!ok) return TAVRIN_FAIL;
   term_write(stdout, std::to_string(inserted) + (inserted == 1 ? " row" : " rows") +
                          " loaded into " + table + "\n");

@@ -12,7 +12,8 @@
   "  load   inserts the rows of FILE into TABLE, all or none\n"                                    \
   "  -dbNAME   the database (default tdsys); DBSYS is put in front as the viewer does\n"           \
   "Attributes are matched by name; ones that are missing or changed are reported\n"                \
-  "as warnings on standard error and converted where possible.\n"
+  "as warnings on standard error (once, not again for every row) and converted\n"                  \
+  "where possible.\n"
 
 // Table numbers of the system tables in TABLE files; other tables get
 // TABLE_NUMBER_OTHER.

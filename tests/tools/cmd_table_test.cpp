@@ -37,7 +37,8 @@ TEST_F(TavrinTable, SavesAndLoadsIntoAChangedLayout) {
       "(TABLE_File_Load) Warning: Different sizes for attribute 'NAME' (20 vs. 8)!\n"
       "(TABLE_File_Load) Warning: Different types for attribute 'STAMP' 14 vs. 11!\n"
       "(TABLE_File_Load) Warning: Attribute 'CODE' has been converted from string to binary!\n";
-  EXPECT_EQ(r.err, row_warnings + row_warnings);
+  // The second row's warnings are the same: they are held back.
+  EXPECT_EQ(r.err, row_warnings + "tavrin: 4 repeated messages of later rows not shown\n");
   r = run("$T sql --format csv 'SELECT * FROM TT ORDER BY TT_ID'");
   EXPECT_EQ(r.out, "TT_ID,NEU,NAME,STAMP,CODE\n1,,K\xc3\xa4se,,AB\n2,,Brot,,X$$Y\n");
   run("$T sql 'DROP TABLE TT'; $T sql -dbdemo 'DROP TABLE TT'");
