@@ -422,8 +422,9 @@ int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buf
   }
   // The first packet's message bytes, then the further packets' bytes after
   // their 4-byte header, cut at the message length.
-  uint32_t have = std::min<uint32_t>(static_cast<uint32_t>(got - 8), total);
-  if (have) std::memcpy(dst, pkt + 8, have);
+  const size_t first = std::min(static_cast<size_t>(got), g_tp.packet.size()) - 8;
+  uint32_t have = static_cast<uint32_t>(std::min<size_t>(first, total));
+  if (have) std::memcpy(dst, g_tp.packet.data() + 8, have);
   while (have < total) {
     // A full further packet goes straight to its place; the last one,
     // which may carry more than is missing, through the packet buffer.
