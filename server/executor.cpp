@@ -1051,6 +1051,22 @@ void do_drop_database(Ctx &c, const Request &q) {
   answer_done(c.out);
 }
 
+// Requests that the client sends without reading an answer.
+bool one_way(ReqKind k) {
+  return k == ReqKind::Close || k == ReqKind::Notice || k == ReqKind::Message;
+}
+
+// The answer to a request that failed with text: an error answer, or none
+// for a one-way request.
+int refused(const Request &q, std::vector<unsigned char> &answer, const std::string &text) {
+  if (one_way(q.kind)) {
+    answer.clear();
+    return EXEC_NO_ANSWER;
+  }
+  answer_error(answer, text);
+  return EXEC_ANSWER;
+}
+
 const char *kind_name(ReqKind k) {
   switch (k) {
   case ReqKind::Open:
@@ -1115,9 +1131,10 @@ int execute(Ctx &c, const Request &q) {
   case ReqKind::Notice:
     return EXEC_NO_ANSWER;
   case ReqKind::Message:
+    // One-way, like the close request and the notice: the client reads no
+    // answer, and one sent anyway would stand in the way of its next one.
     if (ch.ex.log) log_line(ch, "message: " + q.text);
-    answer_done(c.out);
-    return EXEC_ANSWER;
+    return EXEC_NO_ANSWER;
   case ReqKind::Drop:
     do_drop_database(c, q);
     return EXEC_ANSWER;
@@ -1229,17 +1246,20 @@ int exec_request(Channel &ch, const unsigned char *req, size_t len,
   Request q;
   std::string err;
   if (!request_decode(req, len, q, err)) {
-    answer_error(answer, err);
     if (ch.ex.log) log_line(ch, "error: " + err);
+    if (len > 0 && req[0] == '0') {
+      answer.clear();
+      return EXEC_NO_ANSWER; // a broken message-text request is one-way too
+    }
+    answer_error(answer, err);
     return EXEC_ANSWER;
   }
   Ctx c{ch, *ch.st, answer};
   try {
     return execute(c, q);
   } catch (const ExecError &e) {
-    answer_error(answer, e.text);
     if (ch.ex.log) log_line(ch, "error: " + e.text);
-    return q.kind == ReqKind::Close || q.kind == ReqKind::Notice ? EXEC_NO_ANSWER : EXEC_ANSWER;
+    return refused(q, answer, e.text);
   } catch (const WouldBlock &) {
     answer.clear();
     if (ch.ex.verbose) log_line(ch, "waits for a lock");
@@ -1247,8 +1267,7 @@ int exec_request(Channel &ch, const unsigned char *req, size_t len,
   } catch (const std::exception &e) {
     // Out of memory and the like: the request fails, the server goes on.
     std::string text = answer_errtext(901, {e.what()});
-    answer_error(answer, text);
     if (ch.ex.log) log_line(ch, "error: " + text);
-    return q.kind == ReqKind::Close || q.kind == ReqKind::Notice ? EXEC_NO_ANSWER : EXEC_ANSWER;
+    return refused(q, answer, text);
   }
 }

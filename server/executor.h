@@ -52,7 +52,7 @@ struct Channel {
 };
 
 enum ExecResult {
-  EXEC_NO_ANSWER = 0,   // the request gets no answer ('2', 'W')
+  EXEC_NO_ANSWER = 0,   // the request gets no answer ('2', 'W', '0')
   EXEC_ANSWER = 1,      // answer holds the answer to send
   EXEC_WOULD_BLOCK = 2, // another channel holds a lock: send the request again later
 };

@@ -584,9 +584,10 @@ void decode(Reader &r, Request &q) {
   default:
     throw DecodeError{answer_errtext(103, {byte_text(cmd)})};
   }
-  // The close request and the notice get no answer, so their trailing bytes
-  // are ignored rather than answered.
-  if (!r.at_end() && q.kind != ReqKind::Close && q.kind != ReqKind::Notice)
+  // The one-way requests (close, notice, message text) get no answer, so
+  // their trailing bytes are ignored rather than answered.
+  if (!r.at_end() && q.kind != ReqKind::Close && q.kind != ReqKind::Notice &&
+      q.kind != ReqKind::Message)
     throw DecodeError{answer_errtext(104, {std::to_string(r.left())})};
 }
 

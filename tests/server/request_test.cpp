@@ -143,9 +143,12 @@ TEST_F(ExecutorTest, BadRequestsAreAnsweredAndServingGoesOn) {
   EXPECT_EQ(bad("SELECT * FROM KUNDE"), "(TAVRIN 201) Keine Datenbank geöffnet");
   EXPECT_EQ(run(command('1', "ZU_LANGER_NAME_12345")).error,
             "(TAVRIN 105) Ungültiger Name 'ZU_LANGER_NAME_12345'");
-  // A message-text request is logged and acknowledged.
-  EXPECT_EQ(run({'0', 'b', 6, 0, 'H', 'a', 'l', 'l', 'o', 0}).kind, '1');
+  // A message-text request is logged and, like close and notice, never
+  // answered: the client reads nothing after it, even when it is broken.
+  EXPECT_TRUE(raw({'0', 'b', 6, 0, 'H', 'a', 'l', 'l', 'o', 0}, 0, EXEC_NO_ANSWER).empty());
   EXPECT_NE(log.find("message: Hallo"), std::string::npos);
+  EXPECT_TRUE(raw({'0', 'b', 6, 0, 'H'}, 0, EXEC_NO_ANSWER).empty());
+  EXPECT_NE(log.find("error: (TAVRIN 101)"), std::string::npos);
 }
 
 } // namespace
