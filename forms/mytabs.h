@@ -156,7 +156,7 @@ const char *fl_get_tabbox_full_title(FL_OBJECT *obj);
 // The display text of the line at display position p (1-based), valid until
 // the next call of this function or the next change of the tabbox; nullptr on
 // error. The full-line variant hands out the raw text itself, valid until the
-// line is changed.
+// lines of the tabbox are changed.
 const char *fl_get_tabbox_line(FL_OBJECT *obj, int p);
 const char *fl_get_tabbox_full_line(FL_OBJECT *obj, int p);
 int fl_load_tabbox(FL_OBJECT *obj);

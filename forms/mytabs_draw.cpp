@@ -16,6 +16,7 @@
 #include "forms/popup.h"
 
 #include <QFontMetrics>
+#include <QGuiApplication>
 #include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPainter>
@@ -29,12 +30,27 @@ namespace {
 constexpr int S = FL_TABBOX_SCROLL;
 constexpr int BW = FL_TABBOX_BW;
 
+// The modifiers of the mouse or key event being handled; outside the
+// widget's handlers (the programmatic operations) the application's.
 Qt::KeyboardModifiers g_event_mods;
+bool g_in_event = false;
+
+class EventModifiers {
+public:
+  explicit EventModifiers(Qt::KeyboardModifiers mods) {
+    g_event_mods = mods;
+    g_in_event = true;
+  }
+  ~EventModifiers() { g_in_event = false; }
+  EventModifiers(const EventModifiers &) = delete;
+  EventModifiers &operator=(const EventModifiers &) = delete;
+};
 
 int held(int key) {
   if (fl_tabbox_hooks().modifier) return fl_tabbox_hooks().modifier(key);
-  if (key == FL_KEY_SHIFT) return (g_event_mods & Qt::ShiftModifier) ? 1 : 0;
-  if (key == FL_KEY_CONTROL) return (g_event_mods & Qt::ControlModifier) ? 1 : 0;
+  Qt::KeyboardModifiers mods = g_in_event ? g_event_mods : QGuiApplication::keyboardModifiers();
+  if (key == FL_KEY_SHIFT) return (mods & Qt::ShiftModifier) ? 1 : 0;
+  if (key == FL_KEY_CONTROL) return (mods & Qt::ControlModifier) ? 1 : 0;
   return 0;
 }
 
@@ -332,26 +348,26 @@ public:
 protected:
   void draw(QPainter &p) override;
   void mousePressEvent(QMouseEvent *e) override {
-    g_event_mods = e->modifiers();
+    EventModifiers scope(e->modifiers());
     last_mouse = e->position().toPoint();
     press(e->position().toPoint(), e->button(), false);
   }
   void mouseDoubleClickEvent(QMouseEvent *e) override {
-    g_event_mods = e->modifiers();
+    EventModifiers scope(e->modifiers());
     last_mouse = e->position().toPoint();
     press(e->position().toPoint(), e->button(), true);
   }
   void mouseMoveEvent(QMouseEvent *e) override {
-    g_event_mods = e->modifiers();
+    EventModifiers scope(e->modifiers());
     last_mouse = e->position().toPoint();
     drag(last_mouse);
   }
   void mouseReleaseEvent(QMouseEvent *e) override {
-    g_event_mods = e->modifiers();
+    EventModifiers scope(e->modifiers());
     release(e->position().toPoint());
   }
   void keyPressEvent(QKeyEvent *e) override {
-    g_event_mods = e->modifiers();
+    EventModifiers scope(e->modifiers());
     if (!key(fl_key_code(e))) QWidget::keyPressEvent(e);
   }
   void resizeEvent(QResizeEvent *e) override {
