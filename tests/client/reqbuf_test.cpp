@@ -8,9 +8,7 @@
 
 namespace {
 
-std::vector<unsigned char> bytes() {
-  return {DBreq_data(), DBreq_data() + DBreq_length()};
-}
+std::vector<unsigned char> bytes() { return {DBreq_data(), DBreq_data() + DBreq_length()}; }
 
 TEST(ReqBuf, PrimitivesWriteLittleEndianFieldsWithTagsAndLengths) {
   DBreq_reset();
@@ -22,9 +20,9 @@ TEST(ReqBuf, PrimitivesWriteLittleEndianFieldsWithTagsAndLengths) {
   DBreq_tag_short_block(DBTAG_STRING, "q", 1);
   const unsigned char value[] = {3, 0, 'a', 'b', 'c'}; // own 16-bit length 3
   DBreq_value(value);
-  std::vector<unsigned char> want = {'S', 'a', 3, 0, 'A', 'B', 0, 'd', 0xFE, 0xFF, 0xFF, 0xFF,
-                                     2, 1, 2, 0, 0, 0, 'x', 'y', 'f', 1, 0, 'q',
-                                     5, 0, 3, 0, 'a', 'b', 'c'};
+  std::vector<unsigned char> want = {'S',  'a', 3, 0, 'A', 'B', 0,   'd', 0xFE, 0xFF, 0xFF,
+                                     0xFF, 2,   1, 2, 0,   0,   0,   'x', 'y',  'f',  1,
+                                     0,    'q', 5, 0, 3,   0,   'a', 'b', 'c'};
   EXPECT_EQ(bytes(), want);
 
   DBreq_reset();
