@@ -3,7 +3,9 @@
 // list scrolled to its middle with a few lines selected. Clicks, keys and
 // popup choices are printed on standard output. With "--screenshot FILE" it
 // saves a PNG of the form once it is drawn and exits 0 (1 when the file
-// cannot be written).
+// cannot be written). With "--detail" it shows instead one line in vertical
+// display (attribute / value) above an editor holding an SQL statement.
+#include "forms/editor.h"
 #include "forms/entry.h"
 #include "forms/forms.h"
 #include "forms/mytabs.h"
@@ -99,17 +101,38 @@ void build_form(int lines) {
   if (middle + 8 <= lines) fl_select_tabbox_line(g_tabbox, middle + 8);
 }
 
+void build_detail_form() {
+  g_form = fl_begin_form(0, 820, 520);
+  fl_add_box(FL_UP_BOX, 0, 0, 820, 520, "");
+  g_tabbox = fl_add_tabbox(0, 10, 10, 800, 300, "");
+  fl_set_tabbox_dblclick_callback(g_tabbox, print_dblclick, 0);
+  FL_OBJECT *editor = fl_add_editor(0, 10, 350, 800, 160, "");
+  fl_end_form();
+  fill(1);
+  fl_set_tabbox_vert(g_tabbox);
+  fl_select_tabbox_line(g_tabbox, 2);
+  fl_set_input(editor, "SELECT Nr, Name, Ort, Datum, Betrag, Code, Status, Menge FROM Bestellung "
+                       "WHERE Ort = 'Köln' AND Betrag > 1000 ORDER BY Datum DESC, Name");
+  fl_wrap_editor(editor);
+}
+
 int demo_main(int argc, char **argv) {
   const char *shot = nullptr;
   int lines = 1000000;
+  bool detail = false;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--screenshot") == 0 && i + 1 < argc)
       shot = argv[++i];
     else if (std::strcmp(argv[i], "--lines") == 0 && i + 1 < argc)
       lines = std::atoi(argv[++i]);
+    else if (std::strcmp(argv[i], "--detail") == 0)
+      detail = true;
   }
   if (!fl_init_toolkit("tabbox_demo", argv, -1)) return 1;
-  build_form(lines);
+  if (detail)
+    build_detail_form();
+  else
+    build_form(lines);
   fl_show_form(g_form, FL_PLACE_CENTER, 1, "Tabbox-Demo");
   fl_set_focus_object(g_form, g_tabbox);
   int status = 0;
