@@ -277,6 +277,34 @@ TEST_F(Protocol, ParkedClientsGetTheirAnswersAfterOthersWentOn) {
   EXPECT_EQ(stop_server(srv), 0);
 }
 
+TEST_F(Protocol, ParkedClientThatDiesDoesNotKeepTheExchange) {
+  pid_t srv = start_server(c_);
+  ASSERT_GT(srv, 0);
+  pid_t a = spawn([] {
+    char n[] = "demo";
+    DBCONN *k = DBconnect(n);
+    if (DBstatus(k) != 0) return 1;
+    roundtrip(k, Bytes{'P'});
+    return 2;
+  });
+  for (int i = 0; i < 600 && c_->misuse_ok < 1; ++i) usleep(5000);
+  ASSERT_EQ(c_->misuse_ok, 1); // parked
+  kill(a, SIGKILL);
+  join_within(a, 5000);
+  char name[] = "demo";
+  DBCONN *c = DBconnect(name);
+  ASSERT_EQ(DBstatus(c), 0);
+  // The answer for the dead client may hand the exchange to its channel;
+  // the server must take it back once it notices the death.
+  Bytes r = roundtrip(c, Bytes{'R'});
+  EXPECT_EQ(std::string(r.begin(), r.end()), "released");
+  for (int i = 0; i < 5; ++i) EXPECT_TRUE(roundtrip(c, echo_request(50, i)) == echo_request(50, i));
+  EXPECT_TRUE(reaches(c_->closed, 1));
+  DBfinish(c);
+  DBconn_free(c);
+  EXPECT_EQ(stop_server(srv), 0);
+}
+
 TEST_F(Protocol, EightClientsThousandExchangesEachAllAnswersRight) {
   pid_t srv = start_server(c_);
   ASSERT_GT(srv, 0);
