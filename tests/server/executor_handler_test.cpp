@@ -17,7 +17,7 @@ namespace {
 
 tavrind::ProtocolServer *g_srv = nullptr;
 
-class Served : public ::testing::Test {
+class HandlerServed : public ::testing::Test {
 protected:
   void SetUp() override {
     ipctest::fresh_namespace();
@@ -72,7 +72,7 @@ protected:
   pid_t server_ = -1;
 };
 
-TEST_F(Served, ClientsSeeResultsErrorsAndWaitForLocks) {
+TEST_F(HandlerServed, ClientsSeeResultsErrorsAndWaitForLocks) {
   // A second client waits, parked, for the first one's transaction.
   ipctest::Gate go;
   pid_t second = ipctest::spawn([&go] {
