@@ -127,7 +127,7 @@ private:
 };
 
 std::string key8(int n) {
-  char buf[16];
+  char buf[128];
   snprintf(buf, sizeof buf, "%08d", n);
   return buf;
 }
@@ -136,7 +136,7 @@ std::string now_timestamp() {
   time_t t = time(nullptr);
   struct tm tm;
   localtime_r(&t, &tm);
-  char buf[40];
+  char buf[128];
   snprintf(buf, sizeof buf, "%04d-%02d-%02d-%02d.%02d.%02d.000000", tm.tm_year + 1900,
            tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
   return buf;
@@ -293,7 +293,7 @@ void fill_system(sqlite3 *db) {
                errors[i].name, errors[i].text});
 
   Inserter err(db, "ERR", 6);
-  char pid[24];
+  char pid[128];
   snprintf(pid, sizeof pid, "TAVRIND-%08d", static_cast<int>(getpid()));
   err.row({key8(1), pid, now_timestamp(), 0, "tavrind",
            "INFO_Internal: 'Systemdatenbank TDSYS angelegt'!"});
@@ -424,7 +424,7 @@ const char *const kNotes[] = {
 };
 
 std::string date_text(int y, int m, int d) {
-  char buf[16];
+  char buf[128];
   snprintf(buf, sizeof buf, "%04d-%02d-%02d", y, m, d);
   return buf;
 }
@@ -486,14 +486,14 @@ void fill_demo(sqlite3 *db) {
     std::string name = rng.pick(kSurnames);
     if (firm) name += rng.next(2) ? " GmbH" : " & Söhne KG";
     std::string street = std::string(rng.pick(kStreets)) + " " + std::to_string(1 + rng.next(120));
-    char phone[24];
+    char phone[128];
     snprintf(phone, sizeof phone, "0%d %d", 30 + rng.next(900), 100000 + rng.next(900000));
     std::string birth = firm || rng.next(8) == 0
                             ? "1800-01-01"
                             : date_text(1935 + rng.next(70), 1 + rng.next(12), 1 + rng.next(28));
     int since_y = 1995 + rng.next(30);
     int rabatt = rng.next(4) == 0 ? 5 * rng.next(5) : 0;
-    char stamp[40];
+    char stamp[128];
     snprintf(stamp, sizeof stamp, "%04d-%02d-%02d-%02d.%02d.%02d.%06d", since_y, 1 + rng.next(12),
              1 + rng.next(28), 7 + rng.next(11), rng.next(60), rng.next(60), rng.next(1000000));
     kunde.row({id, firm ? "FIRM" : (woman ? "FRAU" : "HERR"), vorname, name, street, c.plz, c.ort,
@@ -516,7 +516,7 @@ void fill_demo(sqlite3 *db) {
       std::string code;
       for (int k = 0; k < 8; ++k) code += static_cast<char>(rng.next(256));
       if (aid % 5 == 0) code = code.substr(0, 4);
-      char stamp[40];
+      char stamp[128];
       snprintf(stamp, sizeof stamp, "2024-%02d-%02d-%02d.%02d.%02d.%06d", 1 + rng.next(12),
                1 + rng.next(28), 8 + rng.next(10), rng.next(60), rng.next(60), rng.next(1000000));
       ++aid;
@@ -546,7 +546,7 @@ void fill_demo(sqlite3 *db) {
       sum += menge * ep * (100 - rabatt) / 100.0;
       position.row({++pos_id, id, l, art, menge, ep, rabatt});
     }
-    char time_text[16], stamp[40];
+    char time_text[128], stamp[128];
     snprintf(time_text, sizeof time_text, "%02d:%02d:%02d", hh, mi, ss);
     snprintf(stamp, sizeof stamp, "%04d-%02d-%02d-%02d.%02d.%02d.%06d", y, m, d, hh, mi, ss,
              rng.next(1000000));
@@ -690,7 +690,7 @@ int catalog_save(const Catalog &cat, const std::string &name, std::string &path,
   time_t t = time(nullptr);
   struct tm tm;
   localtime_r(&t, &tm);
-  char stamp[32];
+  char stamp[128];
   snprintf(stamp, sizeof stamp, "%04d%02d%02d_%02d%02d%02d", tm.tm_year + 1900, tm.tm_mon + 1,
            tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
   path = dir + "/" + name + "_" + stamp + ".db";

@@ -118,19 +118,19 @@ bool parse_timestamp(const std::string &s, DateParts &p) {
 }
 
 std::string format_date(const DateParts &p) {
-  char buf[32];
+  char buf[128];
   snprintf(buf, sizeof buf, "%04d-%02d-%02d", p.y, p.mo, p.d);
   return buf;
 }
 
 std::string format_time(const DateParts &p) {
-  char buf[32];
+  char buf[128];
   snprintf(buf, sizeof buf, "%02d:%02d:%02d", p.h, p.mi, p.s);
   return buf;
 }
 
 std::string format_timestamp(const DateParts &p) {
-  char buf[48];
+  char buf[128];
   snprintf(buf, sizeof buf, "%04d-%02d-%02d-%02d.%02d.%02d.%06d", p.y, p.mo, p.d, p.h, p.mi, p.s,
            p.us);
   return buf;
