@@ -206,7 +206,7 @@ double mbps(size_t bytes, double seconds) { return double(bytes) / seconds / 1e6
 void target(const std::string &name, double measured, const char *op, double limit,
             const char *unit) {
   bool met = op[0] == '>' ? measured >= limit : measured <= limit;
-  std::printf("TARGET %s: %.2f%s %s %.2f%s %s\n", name.c_str(), measured, unit, op, limit, unit,
+  std::printf("TARGET %s: %.3f%s %s %.2f%s %s\n", name.c_str(), measured, unit, op, limit, unit,
               met ? "met" : "missed");
 }
 
