@@ -365,7 +365,7 @@ void attach_widget(FL_OBJECT *obj, QWidget *w) {
 
 void free_object(FL_OBJECT *obj) {
   if (obj->free_spec) obj->free_spec(obj);
-  obj->spec = nullptr;
+  obj->priv = nullptr;
   auto &in = g.inputs;
   in.erase(std::remove(in.begin(), in.end(), obj), in.end());
 }

@@ -20,7 +20,7 @@
 // model):
 //   1. Once, register the class: fl_register_class(FL_TABBOX, "TABBOX",
 //      free_hook). The free hook runs when an object of the class is freed and
-//      releases obj->spec.
+//      releases obj->priv.
 //   2. Write a QWidget subclass for the class. Deriving from FlDrawnWidget
 //      (draw.h) gives the link to the object and a draw() to override; any
 //      QWidget works. It draws in paintEvent with QPainter and handles its own
@@ -28,7 +28,7 @@
 //   3. Write fl_add_<class>(type, x, y, w, h, label): call fl_add_object(
 //      class, type, x, y, w, h, label, make_widget), where make_widget(obj,
 //      parent) creates the widget as a child of parent and returns it; then
-//      allocate the class's private record and store it in obj->spec.
+//      allocate the class's private record and store it in obj->priv.
 //   Keys reach the widget after the toolkit's keyboard filter has seen them
 //   (Tab, Escape and F1 never reach it); callbacks are run with
 //   fl_call_object_callback so that every class behaves alike.
@@ -53,7 +53,7 @@ using FL_FORM_ATCLOSE = int (*)(FL_FORM *form, void *argument);
 using FL_RAW_KEY_HANDLER = void (*)(FL_FORM *form, int key, int state);
 // Activation and deactivation handlers of a form.
 using FL_FORM_ATACTIVATE = void (*)(FL_FORM *form, void *argument);
-// Frees the private record (obj->spec) of an object of a custom class.
+// Frees the private record (obj->priv) of an object of a custom class.
 using FL_FREE_SPEC = void (*)(FL_OBJECT *obj);
 // Creates the widget of an object as a child of parent and returns it.
 using FL_MAKE_WIDGET = std::function<QWidget *(FL_OBJECT *obj, QWidget *parent)>;
@@ -191,8 +191,8 @@ struct FL_OBJECT {
   FL_OBJECT *next = nullptr;        // ring of the form's objects in creation order
   QWidget *widget = nullptr;        // the backing widget; owned by the form window
   QWidget *label_widget = nullptr;  // draws a label outside the object, if any
-  void *spec = nullptr;             // private record of custom classes
-  FL_FREE_SPEC free_spec = nullptr; // frees spec; taken from the class table
+  void *priv = nullptr;             // private record of custom classes
+  FL_FREE_SPEC free_spec = nullptr; // frees priv; taken from the class table
   std::string report_text;          // inputs: text at the last report (reporting mode 1)
   std::string text_buffer;          // inputs: the text handed out by fl_get_input
   std::string line_buffer;          // list boxes: the last line read

@@ -142,8 +142,8 @@ namespace {
 
 // The record of a tabbox, or nullptr after "<fn>: Bad argument or wrong type".
 FL_TABBOX_REC *rec_of(FL_OBJECT *obj, const char *fn) {
-  if (obj && obj->objclass == FL_TABBOX && obj->spec)
-    return static_cast<FL_TABBOX_REC *>(obj->spec);
+  if (obj && obj->objclass == FL_TABBOX && obj->priv)
+    return static_cast<FL_TABBOX_REC *>(obj->priv);
   msg_print("%s: Bad argument or wrong type\n", fn);
   return nullptr;
 }
@@ -403,8 +403,8 @@ int raw_at(const FL_TABBOX_REC *r, int p) {
 void ensure_layout(FL_OBJECT *obj) { fl_layout_tabbox(obj); }
 
 void free_tabbox(FL_OBJECT *obj) {
-  delete static_cast<FL_TABBOX_REC *>(obj->spec);
-  obj->spec = nullptr;
+  delete static_cast<FL_TABBOX_REC *>(obj->priv);
+  obj->priv = nullptr;
 }
 
 void call_settings_hook(FL_OBJECT *obj) {
@@ -469,14 +469,14 @@ FL_OBJECT *fl_add_tabbox(int type, int x, int y, int w, int h, const char *label
   FL_OBJECT *obj = fl_add_object(FL_TABBOX, type, x, y, w, h, label, tabbox_make_widget);
   auto *r = new FL_TABBOX_REC;
   r->owner = obj;
-  obj->spec = r;
+  obj->priv = r;
   obj->boxtype = FL_DOWN_BOX;
   tabbox_update_metrics(obj);
   return obj;
 }
 
 FL_TABBOX_REC *fl_tabbox_record(FL_OBJECT *obj) {
-  if (obj && obj->objclass == FL_TABBOX) return static_cast<FL_TABBOX_REC *>(obj->spec);
+  if (obj && obj->objclass == FL_TABBOX) return static_cast<FL_TABBOX_REC *>(obj->priv);
   return nullptr;
 }
 

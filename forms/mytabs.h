@@ -66,7 +66,7 @@ constexpr int FL_TABBOX_SCROLL = 18;
 // areas of the drawing code.
 enum { TB_LEFT = 0, TB_RIGHT = 1, TB_DOWN = 2, TB_UP = 3, TB_CORNER = 4 };
 
-// The tabbox record: obj->spec of a class-1001 object, and the companion used
+// The tabbox record: obj->priv of a class-1001 object, and the companion used
 // for vertical display.
 struct FL_TABBOX_REC {
   FL_OBJECT *owner = nullptr;

@@ -434,7 +434,7 @@ TEST(FormsClassTest, CustomClassesPlugInWithTheirOwnWidget) {
   static int freed = 0;
   ASSERT_EQ(fl_register_class(1500, "DEMO",
                               [](FL_OBJECT *obj) {
-                                delete static_cast<int *>(obj->spec);
+                                delete static_cast<int *>(obj->priv);
                                 ++freed;
                               }),
             1);
@@ -446,7 +446,7 @@ TEST(FormsClassTest, CustomClassesPlugInWithTheirOwnWidget) {
       fl_add_object(1500, 2, 5, 5, 50, 40, "", [](FL_OBJECT *o, QWidget *parent) -> QWidget * {
         return new FlDrawnWidget(o, parent);
       });
-  obj->spec = new int(42);
+  obj->priv = new int(42);
   fl_end_form();
   EXPECT_EQ(obj->widget->parentWidget(), form->window);
   EXPECT_EQ(obj->widget->geometry(), QRect(5, 5, 50, 40));
