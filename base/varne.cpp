@@ -161,6 +161,8 @@ struct Compressor {
 // The one compression of the process (null before the first Compress_Init).
 std::unique_ptr<Compressor> g_comp;
 
+// Makes room for extra more bytes in the output buffer. Returns false (the
+// buffer unchanged) when memory runs out.
 bool out_reserve(Compressor &c, size_t extra) {
   size_t need = c.out_len + extra;
   if (need <= c.out_cap) return true;
@@ -176,6 +178,8 @@ bool out_reserve(Compressor &c, size_t extra) {
   return true;
 }
 
+// Moves the staged bit-stream words into the output buffer as little-endian
+// bytes. Returns false (nothing moved) when the buffer cannot grow.
 bool flush_work(Compressor &c) {
   if (!out_reserve(c, c.work_len * 4)) return false;
   uint8_t *dst = c.out.get() + c.out_len;
@@ -517,6 +521,8 @@ struct Decompressor {
 // The one decompression of the process.
 Decompressor g_dec;
 
+// Makes the input buffer hold at least need bytes, keeping its contents.
+// Returns false (the buffer unchanged) when memory runs out.
 bool in_reserve(Decompressor &d, size_t need) {
   if (need <= d.in_cap) return true;
   size_t cap = std::max(need, d.in_cap + d.in_cap / 2);
@@ -585,6 +591,7 @@ inline uint32_t take(Decompressor &d, uint32_t n) {
 // True when the bits consumed so far reach into the padding past the input.
 inline bool overdrawn(const Decompressor &d) { return d.pad > d.nbits; }
 
+// Fills the token table for the rank table rank[0..255].
 void build_table(Decompressor &d, const uint8_t *rank) {
   for (uint32_t idx = 0; idx < 2048; ++idx) {
     uint32_t cls = idx >> 8;
@@ -808,8 +815,6 @@ int Compress_Init(FILE *output, int comp_min, int comp_cache) {
   c->head = allocate<uint32_t>(entries);
   c->chain = allocate<uint32_t>(entries);
   c->cum = allocate<uint32_t>(VARNE_BLOCK + 1);
-  c->price = allocate<uint32_t>(VARNE_BLOCK + 1);
-  c->step = allocate<uint64_t>(VARNE_BLOCK + 1);
   if (!c->block || !c->work || !c->head || !c->chain || !c->cum) return 0;
 
   c->file = output;
@@ -835,13 +840,24 @@ int Compress_Init(FILE *output, int comp_min, int comp_cache) {
   return 1;
 }
 
-void Compress_Thorough(int on) {
+int Compress_Thorough(int on) {
   if (!g_comp) msg_fatal("(Compress_Thorough) No compression started\n");
   Compressor &c = *g_comp;
   if (c.fill > 0 || c.ranked || c.ended)
     msg_fatal("(Compress_Thorough) Compression already running\n");
+  if (on && !c.price) {
+    // The forward pass needs a cost and a token per position of a block.
+    c.price = allocate<uint32_t>(VARNE_BLOCK + 1);
+    c.step = allocate<uint64_t>(VARNE_BLOCK + 1);
+    if (!c.price || !c.step) {
+      c.price.reset();
+      c.step.reset();
+      return 0;
+    }
+  }
   c.thorough = on != 0;
   c.max_chain = on ? kThoroughChain : kMaxChain;
+  return 1;
 }
 
 int Compress_Write(const void *data, size_t length) {

@@ -36,8 +36,10 @@ int Compress_Init(FILE *output, int comp_min, int comp_cache);
 // Chooses the parse of the compression just started (before the first
 // Compress_Write): on = 0 the fast lazy parse (the default), otherwise the
 // thorough one, which searches every position and takes the cheapest token
-// sequence: output some 3 to 5 percent smaller, several times slower.
-void Compress_Thorough(int on);
+// sequence: output some 3 to 5 percent smaller, several times slower, and
+// 12 MiB more memory. Returns 1, or 0 when that memory is not available (the
+// fast parse stays chosen).
+int Compress_Thorough(int on);
 
 // Appends length bytes of input, counting their frequencies, and codes every
 // block that becomes full. Returns 1, or 0 when the output cannot be written

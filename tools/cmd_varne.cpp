@@ -135,7 +135,10 @@ int cmd_compress(int argc, char **argv) {
     term_error("compress: out of memory");
     return TAVRIN_FAIL;
   }
-  Compress_Thorough(thorough);
+  if (!Compress_Thorough(thorough)) {
+    term_error("compress: out of memory");
+    return TAVRIN_FAIL;
+  }
   std::vector<unsigned char> buf(kChunk);
   for (;;) {
     size_t n = std::fread(buf.data(), 1, buf.size(), s.in);

@@ -24,7 +24,7 @@ void collect(const char *t) { g_msgs += t; }
 Bytes compress(const Bytes &data, int comp_min = 5, int comp_cache = 4096, size_t chunk = 0,
                bool thorough = false) {
   EXPECT_EQ(Compress_Init(nullptr, comp_min, comp_cache), 1);
-  Compress_Thorough(thorough);
+  EXPECT_EQ(Compress_Thorough(thorough), 1);
   if (chunk == 0) chunk = data.size() + 1;
   for (size_t i = 0; i < data.size(); i += chunk)
     EXPECT_EQ(Compress_Write(data.data() + i, std::min(chunk, data.size() - i)), 1);
