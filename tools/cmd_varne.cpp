@@ -66,18 +66,21 @@ struct Streams {
 int parse(const TavrinCommand &cmd, int argc, char **argv, bool with_options, Streams &s,
           int &comp_min, int &comp_cache, bool &thorough) {
   std::vector<const char *> names;
-  bool options = with_options;
+  bool options = true;
   for (int i = 1; i < argc; ++i) {
     const char *a = argv[i];
     if (options && std::strcmp(a, "--") == 0) {
       options = false;
     } else if (options && a[0] == '-' && a[1] != '\0') {
       char opt = a[1];
+      if (!with_options)
+        return tavrin_usage_error(cmd, "unknown option '%s'", term_to_latin1(a).c_str());
       if (opt == 'b' && a[2] == '\0') {
         thorough = true;
         continue;
       }
-      if (opt != 'm' && opt != 'c') return tavrin_usage_error(cmd, "unknown option '%s'", a);
+      if (opt != 'm' && opt != 'c')
+        return tavrin_usage_error(cmd, "unknown option '%s'", term_to_latin1(a).c_str());
       const char *value = a[2] ? a + 2 : (i + 1 < argc ? argv[++i] : nullptr);
       if (!value) return tavrin_usage_error(cmd, "option -%c needs a number", opt);
       char *end = nullptr;

@@ -91,6 +91,9 @@ TEST_F(Tavrin, HelpUsageAndExitStatuses) {
   EXPECT_NE(r.err.find("usage: tavrin compress"), std::string::npos);
   EXPECT_EQ(run("$T compress a b c").status, 2);
   EXPECT_EQ(run("$T uncompress -m 5 a").status, 2); // uncompress has no options
+  r = run("$T uncompress -x in.vz");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("unknown option '-x'"), std::string::npos);
   EXPECT_EQ(run("$T help nothing").status, 2);
 }
 
