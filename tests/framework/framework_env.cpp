@@ -1,0 +1,48 @@
+// The Qt application of the framework tests: one QApplication for the whole
+// test binary (also in death-test children), on the offscreen platform, with
+// the toolkit started once.
+#include "framework_env.h"
+
+#include "forms/forms.h"
+
+#include <QApplication>
+#include <QTest>
+
+#include <cstdlib>
+#include <memory>
+
+namespace {
+
+class QtEnvironment : public ::testing::Environment {
+public:
+  void SetUp() override {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    if (!std::getenv("QT_QPA_PLATFORM")) setenv("QT_QPA_PLATFORM", "offscreen", 1);
+    static int argc = 1;
+    static char name[] = "framework_tests";
+    static char *argv[] = {name, nullptr};
+    app_ = std::make_unique<QApplication>(argc, argv);
+    ASSERT_EQ(fl_init_toolkit("framework_tests", argv, -1), 1);
+  }
+  void TearDown() override {
+    fl_exit_toolkit();
+    app_.reset();
+  }
+
+private:
+  std::unique_ptr<QApplication> app_;
+};
+
+const bool registered = [] {
+  ::testing::AddGlobalTestEnvironment(new QtEnvironment);
+  return true;
+}();
+
+} // namespace
+
+void show_and_activate(FL_FORM *form) {
+  fl_show_form(form, FL_PLACE_CENTER, 1, "Test");
+  form->window->activateWindow();
+  (void)QTest::qWaitForWindowActive(form->window, 2000);
+  QApplication::processEvents();
+}
