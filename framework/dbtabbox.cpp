@@ -1,0 +1,814 @@
+// Managed and database tabboxes (see dbtabbox.h): the registry, line
+// parsing and padding, the record sort, uniqueness tests and the loaders
+// that run the application's hooks inside one BEGIN level.
+#include "framework/dbtabbox.h"
+
+#include "base/data.h"
+#include "base/msg.h"
+#include "base/valstr.h"
+#include "db/access/session.h"
+#include "forms/dialogs.h"
+#include "forms/mytabs.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+
+namespace {
+
+// Frees a record and everything of a line entry list.
+struct MgrDeleter {
+  void operator()(MYFL_TABBOX *m) const {
+    for (MYFL_TABBOX_LINE &l : m->lines) std::free(l.record);
+    std::free(m->state_record);
+    delete m;
+  }
+};
+
+std::map<FL_OBJECT *, std::unique_ptr<MYFL_TABBOX, MgrDeleter>> &registry() {
+  static std::map<FL_OBJECT *, std::unique_ptr<MYFL_TABBOX, MgrDeleter>> r;
+  return r;
+}
+
+void default_fatal(int) {
+  msg_fatal("Error occurred (data is saved)! Please restart the application!\n");
+}
+
+MYFL_FATAL_FUNC g_fatal = default_fatal;
+bool g_sort_warned = false;
+
+// The application's fatal stop; ends the program even when the installed
+// routine returns.
+[[noreturn]] void fatal_stop() {
+  g_fatal(1);
+  msg_exit_fatal();
+}
+
+// The management record of tabbox; a miss ends the program with fn's text.
+MYFL_TABBOX *lookup(FL_OBJECT *tabbox, const char *fn) {
+  MYFL_TABBOX *m = myfl_find_tabbox(tabbox);
+  if (!m) msg_fatal("(%s) Tabbox not defined\n", fn);
+  return m;
+}
+
+MYFL_TABBOX *lookup_db(FL_OBJECT *tabbox, const char *fn) {
+  MYFL_TABBOX *m = lookup(tabbox, fn);
+  if (!m->db) msg_fatal("(%s) Tabbox is no database tabbox\n", fn);
+  return m;
+}
+
+// A new copy of a size-prefixed record (at least its size field), or null.
+void *copy_record(const void *record) {
+  if (!record) return nullptr;
+  int32_t size = 0;
+  std::memcpy(&size, record, sizeof size);
+  size_t n = size >= static_cast<int32_t>(sizeof size) ? static_cast<size_t>(size) : sizeof size;
+  void *copy = std::malloc(n);
+  if (copy) std::memcpy(copy, record, n);
+  return copy;
+}
+
+bool numeric_type(int type) {
+  switch (type) {
+  case DT_SHORT:
+  case DT_INT:
+  case DT_LONG:
+  case DT_USHORT:
+  case DT_UINT:
+  case DT_ULONG:
+  case DT_FLOAT:
+  case DT_DOUBLE:
+    return true;
+  default:
+    return false;
+  }
+}
+
+// The column titles of the record: database names while they are switched
+// on, else the title function's fields.
+std::vector<std::string> title_fields(MYFL_TABBOX *m, const char *given) {
+  std::vector<std::string> f;
+  if (given) {
+    myfl_split_fields(given, &f, "myfl_draw_tabbox");
+  } else if (m->kz_dbnames && !m->dbnames.empty()) {
+    f = m->dbnames;
+  } else if (m->title) {
+    const char *t = m->title(m->tabbox);
+    myfl_split_fields(t ? t : "", &f, "myfl_draw_tabbox");
+  }
+  return f;
+}
+
+int column_count(MYFL_TABBOX *m) { return static_cast<int>(m->widths.size()); }
+
+std::vector<char> right_aligned(const MYFL_TABBOX *m, size_t n) {
+  std::vector<char> r(n, 0);
+  for (size_t i = 0; i < n && i < m->types.size(); ++i) r[i] = numeric_type(m->types[i]);
+  return r;
+}
+
+std::string line_text(const MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l) {
+  return myfl_join_fields(l.fields, m->widths, right_aligned(m, m->widths.size()));
+}
+
+// Rebuilds title and lines from the record (widths from all fields), keeps
+// the selection and the scroll position when the line count stays, draws.
+int rebuild(MYFL_TABBOX *m, const char *given_title) {
+  FL_OBJECT *tb = m->tabbox;
+  std::vector<std::string> titles = title_fields(m, given_title);
+  size_t ncols = titles.size();
+  std::vector<int> widths(ncols, 1);
+  for (size_t c = 0; c < ncols; ++c)
+    widths[c] = std::max<int>(widths[c], static_cast<int>(titles[c].size()));
+  for (const MYFL_TABBOX_LINE &l : m->lines)
+    for (size_t c = 0; c < ncols && c < l.fields.size(); ++c)
+      widths[c] = std::max<int>(widths[c], static_cast<int>(l.fields[c].size()));
+  m->widths = widths;
+
+  int old_count = fl_get_tabbox_maxline(tb);
+  int top = fl_get_tabbox_topline(tb);
+  std::vector<int> selected;
+  for (int i = 1; i <= old_count; ++i)
+    if (fl_isselected_tabbox_line(tb, i)) selected.push_back(i);
+
+  fl_set_tabbox_title(tb, myfl_join_fields(titles, widths, {}).c_str());
+  fl_clear_tabbox(tb);
+  for (const MYFL_TABBOX_LINE &l : m->lines) fl_add_tabbox_line(tb, line_text(m, l).c_str());
+  int count = static_cast<int>(m->lines.size());
+  if (count == old_count && count > 0) {
+    for (int i : selected) fl_select_tabbox_line(tb, i);
+    if (top >= 1 && top <= count) fl_set_tabbox_topline(tb, top);
+  }
+  return fl_draw_tabbox(tb);
+}
+
+// Widens the columns for fields; returns true when a column grew.
+bool widen(MYFL_TABBOX *m, const std::vector<std::string> &fields) {
+  bool grew = false;
+  for (size_t c = 0; c < m->widths.size() && c < fields.size(); ++c)
+    if (static_cast<int>(fields[c].size()) > m->widths[c]) {
+      m->widths[c] = static_cast<int>(fields[c].size());
+      grew = true;
+    }
+  return grew;
+}
+
+// Shows a changed or added line: in place when the layout holds, else by
+// rebuilding the whole tabbox. raw: 1-based raw line, 0 to append.
+void show_line(MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l, int raw) {
+  if (m->frozen) return;
+  FL_TABBOX_REC *r = fl_tabbox_record(m->tabbox);
+  if (!r || r->slots == 0 || widen(m, l.fields)) {
+    rebuild(m, nullptr);
+    return;
+  }
+  std::string text = line_text(m, l);
+  if (raw == 0)
+    fl_add_tabbox_line(m->tabbox, text.c_str());
+  else
+    fl_replace_tabbox_line(m->tabbox, raw, text.c_str());
+}
+
+// Splits and checks text for m and stores it in l (fields only).
+void parse_line(MYFL_TABBOX *m, const char *text, MYFL_TABBOX_LINE *l, const char *fn) {
+  int n = myfl_split_fields(text, &l->fields, fn);
+  int cols = column_count(m);
+  if (cols > 0 && n != cols) msg_print("(%s) Line is invalid (only %d of %d cols)\n", fn, n, cols);
+}
+
+int add_line(MYFL_TABBOX *m, const char *text, void *record, const char *fn) {
+  if (record && m->compare && !myfl_test_tabbox_insert(m->tabbox, record)) {
+    fl_show_message("Eintrag bereits vorhanden", "", "");
+    return 0;
+  }
+  m->lines.emplace_back();
+  MYFL_TABBOX_LINE &l = m->lines.back();
+  l.record = record;
+  parse_line(m, text, &l, fn);
+  show_line(m, l, 0);
+  return 1;
+}
+
+// Opens and closes the BEGIN level of a database operation; a failure takes
+// the application's fatal stop.
+void begin_level(DBSESSION *session) {
+  if (!dbbegin(session)) fatal_stop();
+}
+void end_level(DBSESSION *session) {
+  if (!dbend(session)) fatal_stop();
+}
+
+// Adds the line of one record (a copy) as the loaders do: decimal places of
+// the tabbox while the text is made, the filter first.
+void load_record(MYFL_TABBOX *m, DBSESSION *session, MYFL_LINE_FUNC line, void *record,
+                 const char *fn) {
+  if (m->filter && !m->filter(record)) return;
+  Set_ValueDecimals(fl_get_tabbox_comma(m->tabbox));
+  const char *text = line ? line(session, record, m->kz_dbnames) : "";
+  std::string copy = text ? text : "";
+  Set_ValueDecimals(-1);
+  size_t start = 0;
+  // Several lines of one record (line feeds) each get a copy of it.
+  do {
+    size_t end = copy.find('\n', start);
+    std::string piece = copy.substr(start, end == std::string::npos ? end : end - start);
+    if (!piece.empty() || start == 0) {
+      void *rec = copy_record(record);
+      if (!add_line(m, piece.c_str(), rec, fn)) std::free(rec);
+      ++m->rows;
+    }
+    start = end == std::string::npos ? copy.size() + 1 : end + 1;
+  } while (start < copy.size());
+}
+
+void clear_data(MYFL_TABBOX *m) {
+  fl_clear_tabbox(m->tabbox);
+  for (MYFL_TABBOX_LINE &l : m->lines) std::free(l.record);
+  m->lines.clear();
+  std::free(m->state_record);
+  m->state_record = nullptr;
+  m->state_saved = 0;
+  m->rows = 0;
+}
+
+// 1-based index of the entry of the selected line, 0 when none.
+int selected_entry(MYFL_TABBOX *m) {
+  int raw = fl_get_tabbox(m->tabbox);
+  return raw >= 1 && raw <= static_cast<int>(m->lines.size()) ? raw : 0;
+}
+
+int register_db(FL_FORM *form, FL_OBJECT *tabbox, const char *name, MYFL_TITLE_FUNC title,
+                MYFL_TABLE_NEW table_new, MYFL_DB_HOOK load, MYFL_DB_HOOK save,
+                MYFL_FILTER_FUNC filter, FL_CALLBACKPTR dblclick, bool no_ini) {
+  MYFL_TABBOX *m = init_tabbox(form, tabbox, nullptr, name, title);
+  m->no_ini = no_ini ? 1 : 0;
+  m->db = 1;
+  m->table_new = table_new;
+  m->load = load;
+  m->save = save;
+  m->filter = filter;
+  m->dblclick = dblclick;
+  m->rows = 0;
+  if (dblclick) fl_set_tabbox_dblclick_callback(tabbox, dblclick, 0);
+  return rebuild(m, nullptr);
+}
+
+} // namespace
+
+MYFL_TABBOX *myfl_find_tabbox(FL_OBJECT *tabbox) {
+  auto it = registry().find(tabbox);
+  return it == registry().end() ? nullptr : it->second.get();
+}
+
+MYFL_FATAL_FUNC myfl_set_tabbox_fatal(MYFL_FATAL_FUNC fn) {
+  MYFL_FATAL_FUNC old = g_fatal;
+  g_fatal = fn ? fn : default_fatal;
+  return old;
+}
+
+std::string myfl_join_fields(const std::vector<std::string> &fields, const std::vector<int> &widths,
+                             const std::vector<char> &right) {
+  std::string out;
+  for (size_t c = 0; c < widths.size(); ++c) {
+    if (c) out += " | ";
+    const std::string empty;
+    const std::string &f = c < fields.size() ? fields[c] : empty;
+    size_t w = static_cast<size_t>(std::max(widths[c], 0));
+    size_t pad = f.size() < w ? w - f.size() : 0;
+    bool r = c < right.size() && right[c];
+    if (r) out.append(pad, ' ');
+    out += f;
+    if (!r) out.append(pad, ' ');
+  }
+  return out;
+}
+
+int myfl_split_fields(const char *text, std::vector<std::string> *fields, const char *fn) {
+  constexpr size_t kFieldMax = 10000 - 1; // the field buffer of 10000 bytes
+  fields->clear();
+  const char *p = text ? text : "";
+  std::string cur;
+  bool quoted = false;
+  auto put = [&](char c) {
+    if (cur.size() < kFieldMax) cur.push_back(c);
+  };
+  auto finish = [&] {
+    if (fields->size() >= static_cast<size_t>(MYFL_MAX_COLS))
+      msg_fatal("(%s) Too many columns (max = %d)\n", fn, MYFL_MAX_COLS);
+    fields->push_back(cur);
+    cur.clear();
+  };
+  for (; *p; ++p) {
+    char c = *p;
+    if (c == '\\' && p[1]) {
+      put(c);
+      put(*++p);
+    } else if (c == '"') {
+      quoted = !quoted;
+    } else if (c == ',' && !quoted) {
+      finish();
+    } else {
+      put(c);
+    }
+  }
+  finish();
+  return static_cast<int>(fields->size());
+}
+
+// ---- Registration ------------------------------------------------------------
+
+MYFL_TABBOX *init_tabbox(FL_FORM *form, FL_OBJECT *tabbox, FL_OBJECT *slider, const char *name,
+                         MYFL_TITLE_FUNC title) {
+  if (myfl_find_tabbox(tabbox)) msg_fatal("(init_tabbox) Tabbox already defined\n");
+  if (slider)
+    for (auto &e : registry())
+      if (e.second->slider == slider) msg_fatal("(init_tabbox) Slider already defined\n");
+  std::unique_ptr<MYFL_TABBOX, MgrDeleter> m(new MYFL_TABBOX);
+  m->tabbox = tabbox;
+  m->form = form;
+  m->slider = slider;
+  m->title = title;
+  m->name = name ? name : "";
+  // The title's columns are checked against the limit now.
+  if (title) {
+    std::vector<std::string> f;
+    const char *t = title(tabbox);
+    myfl_split_fields(t ? t : "", &f, "init_tabbox");
+  }
+  MYFL_TABBOX *raw = m.get();
+  registry()[tabbox] = std::move(m);
+  return raw;
+}
+
+int myfl_init_tabbox(FL_FORM *form, FL_OBJECT *tabbox, const char *name, MYFL_TITLE_FUNC title,
+                     FL_CALLBACKPTR dblclick) {
+  MYFL_TABBOX *m = init_tabbox(form, tabbox, nullptr, name, title);
+  m->dblclick = dblclick;
+  if (dblclick) fl_set_tabbox_dblclick_callback(tabbox, dblclick, 0);
+  return rebuild(m, nullptr);
+}
+
+int myfl_init_db_tabbox(FL_FORM *form, FL_OBJECT *tabbox, const char *name, MYFL_TITLE_FUNC title,
+                        MYFL_TABLE_NEW table_new, MYFL_DB_HOOK load, MYFL_DB_HOOK save,
+                        MYFL_FILTER_FUNC filter, FL_CALLBACKPTR dblclick) {
+  return register_db(form, tabbox, name, title, table_new, load, save, filter, dblclick, false);
+}
+
+int myfl_init_db_tabbox_no_ini(FL_FORM *form, FL_OBJECT *tabbox, const char *name,
+                               MYFL_TITLE_FUNC title, MYFL_TABLE_NEW table_new, MYFL_DB_HOOK load,
+                               MYFL_DB_HOOK save, MYFL_FILTER_FUNC filter,
+                               FL_CALLBACKPTR dblclick) {
+  return register_db(form, tabbox, name, title, table_new, load, save, filter, dblclick, true);
+}
+
+void myfl_free_tabbox(FL_OBJECT *tabbox) {
+  lookup(tabbox, "myfl_free_tabbox");
+  registry().erase(tabbox);
+}
+
+void myfl_free_tabbox_data(FL_OBJECT *tabbox) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_free_tabbox_data");
+  clear_data(m);
+  fl_draw_tabbox(tabbox);
+}
+
+void myfl_free_tabbox_data_no_draw(FL_OBJECT *tabbox) {
+  clear_data(lookup(tabbox, "myfl_free_tabbox_data_no_draw"));
+}
+
+// ---- Settings of the record ---------------------------------------------------
+
+void myfl_set_tabbox_sortfunc(FL_OBJECT *tabbox, MYFL_SORT_FUNC fn) {
+  lookup(tabbox, "myfl_set_tabbox_sortfunc")->sort = fn;
+}
+void myfl_set_tabbox_compfunc(FL_OBJECT *tabbox, MYFL_COMPARE_FUNC fn) {
+  lookup(tabbox, "myfl_set_tabbox_compfunc")->compare = fn;
+}
+void myfl_set_tabbox_datafunc(FL_OBJECT *tabbox, MYFL_TABLE_DATA fn) {
+  lookup(tabbox, "myfl_set_tabbox_datafunc")->table_data = fn;
+}
+void myfl_set_tabbox_db_hooks(FL_OBJECT *tabbox, MYFL_DB_HOOK del, MYFL_DB_HOOK insert) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_set_tabbox_db_hooks");
+  m->del = del;
+  m->insert = insert;
+}
+
+void myfl_set_tabbox_kz_dbnames(FL_OBJECT *tabbox, int flag, const char *names) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_set_tabbox_kz_dbnames");
+  m->kz_dbnames = flag ? 1 : 0;
+  if (names) myfl_split_fields(names, &m->dbnames, "myfl_set_tabbox_kz_dbnames");
+}
+int myfl_get_tabbox_kz_dbnames(FL_OBJECT *tabbox) {
+  return lookup(tabbox, "myfl_get_tabbox_kz_dbnames")->kz_dbnames;
+}
+void myfl_set_tabbox_tablenr(FL_OBJECT *tabbox, int tablenr) {
+  lookup(tabbox, "myfl_set_tabbox_tablenr")->tablenr = tablenr;
+}
+int myfl_get_tabbox_tablenr(FL_OBJECT *tabbox) {
+  return lookup(tabbox, "myfl_get_tabbox_tablenr")->tablenr;
+}
+void myfl_set_tabbox_name(FL_OBJECT *tabbox, const char *name) {
+  lookup(tabbox, "myfl_set_tabbox_name")->name = name ? name : "";
+}
+const char *myfl_get_tabbox_name(FL_OBJECT *tabbox) {
+  return lookup(tabbox, "myfl_get_tabbox_name")->name.c_str();
+}
+void myfl_set_tabbox_data_def_types(FL_OBJECT *tabbox, int n, const int *types) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_set_tabbox_data_def_types");
+  if (n > MYFL_MAX_COLS)
+    msg_fatal("(myfl_set_tabbox_data_def_types) Too many columns (max = %d)\n", MYFL_MAX_COLS);
+  m->types.assign(types, types + std::max(n, 0));
+}
+int myfl_get_tabbox_data_definition(FL_OBJECT *tabbox, const int **types) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_get_tabbox_data_definition");
+  if (types) *types = m->types.data();
+  return static_cast<int>(m->types.size());
+}
+
+// ---- Lines ---------------------------------------------------------------------
+
+int addto_tabbox_line(FL_OBJECT *tabbox, const char *text, void *record) {
+  return add_line(lookup(tabbox, "addto_tabbox_line"), text, record, "addto_tabbox_line");
+}
+
+int myfl_addto_tabbox_line(FL_OBJECT *tabbox, const char *text, void *record) {
+  lookup(tabbox, "myfl_addto_tabbox_line");
+  return addto_tabbox_line(tabbox, text, record);
+}
+
+int myfl_replace_tabbox_line(FL_OBJECT *tabbox, const char *text, void *record) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_replace_tabbox_line");
+  if (!m->table_new) msg_fatal("(myfl_replace_tabbox_line) TABLE_New() not defined\n");
+  int idx = selected_entry(m);
+  if (idx == 0) return 0;
+  MYFL_TABBOX_LINE &l = m->lines[idx - 1];
+  if (record && m->compare && !myfl_test_tabbox_unique(tabbox, l.record, record)) {
+    fl_show_message("Eintrag bereits vorhanden", "", "");
+    return 0;
+  }
+  void *fresh = nullptr;
+  if (record) {
+    fresh = m->table_new();
+    if (m->table_data) {
+      m->table_data(fresh, record);
+    } else {
+      std::free(fresh);
+      fresh = copy_record(record);
+    }
+  }
+  std::free(l.record);
+  l.record = fresh;
+  parse_line(m, text, &l, "myfl_replace_tabbox_line");
+  show_line(m, l, idx);
+  fl_select_tabbox_line(tabbox, idx);
+  return 1;
+}
+
+int myfl_replace_tabbox_line_idx_1(FL_OBJECT *tabbox, const char *text, void *record) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_replace_tabbox_line_idx_1");
+  if (!m->table_data) msg_fatal("(myfl_replace_tabbox_line_idx_1) TABLE_Data not defined\n");
+  if (m->lines.empty()) return 0;
+  MYFL_TABBOX_LINE &l = m->lines[0];
+  if (record && m->compare && !myfl_test_tabbox_unique(tabbox, l.record, record)) {
+    fl_show_message("Eintrag bereits vorhanden", "", "");
+    return 0;
+  }
+  if (record) {
+    if (!l.record) l.record = m->table_new ? m->table_new() : copy_record(record);
+    m->table_data(l.record, record);
+  }
+  parse_line(m, text, &l, "myfl_replace_tabbox_line_idx_1");
+  show_line(m, l, 1);
+  return 1;
+}
+
+int myfl_delete_tabbox_line(FL_OBJECT *tabbox) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_delete_tabbox_line");
+  int idx = selected_entry(m);
+  if (idx == 0) return 0;
+  std::free(m->lines[idx - 1].record);
+  m->lines.erase(m->lines.begin() + (idx - 1));
+  fl_delete_tabbox_line(tabbox, idx);
+  fl_draw_tabbox(tabbox);
+  return 1;
+}
+
+int myfl_up_tabbox_line(DBSESSION *session, FL_OBJECT *tabbox) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_up_tabbox_line");
+  int idx = selected_entry(m);
+  if (idx == 0 || !m->line_func) return 0;
+  MYFL_TABBOX_LINE &l = m->lines[idx - 1];
+  if (!l.record) return 0;
+  Set_ValueDecimals(fl_get_tabbox_comma(tabbox));
+  const char *text = m->line_func(session, l.record, m->kz_dbnames);
+  std::string copy = text ? text : "";
+  Set_ValueDecimals(-1);
+  parse_line(m, copy.c_str(), &l, "myfl_up_tabbox_line");
+  show_line(m, l, idx);
+  return 1;
+}
+
+int myfl_reload_tabbox(DBSESSION *session, FL_OBJECT *tabbox) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_reload_tabbox");
+  if (!m->line_func) return 0;
+  Set_ValueDecimals(fl_get_tabbox_comma(tabbox));
+  for (MYFL_TABBOX_LINE &l : m->lines) {
+    if (!l.record) continue;
+    const char *text = m->line_func(session, l.record, m->kz_dbnames);
+    parse_line(m, text ? text : "", &l, "myfl_reload_tabbox");
+  }
+  Set_ValueDecimals(-1);
+  return rebuild(m, nullptr);
+}
+
+int myfl_load_tabbox_line(DBSESSION *session, FL_OBJECT *tabbox) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_load_tabbox_line");
+  int idx = selected_entry(m);
+  if (idx == 0 || !m->lines[idx - 1].record) return 0;
+  int ok = 1;
+  if (m->load) {
+    begin_level(session);
+    ok = m->load(session, m->lines[idx - 1].record);
+    end_level(session);
+  }
+  if (ok) myfl_up_tabbox_line(session, tabbox);
+  return ok;
+}
+
+int myfl_test_tabbox_insert(FL_OBJECT *tabbox, const void *record) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_test_tabbox_insert");
+  if (!m->compare || !record) return 1;
+  for (size_t i = 1; i < m->lines.size(); ++i)
+    if (m->lines[i].record && m->compare(m->lines[i].record, record) == 0) return 0;
+  return 1;
+}
+
+int myfl_test_tabbox_unique(FL_OBJECT *tabbox, const void *self, const void *record) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_test_tabbox_unique");
+  if (!m->compare || !record) return 1;
+  for (size_t i = 1; i < m->lines.size(); ++i) {
+    const void *r = m->lines[i].record;
+    if (r && r != self && m->compare(r, record) == 0) return 0;
+  }
+  return 1;
+}
+
+// ---- Queries ---------------------------------------------------------------------
+
+int myfl_get_tabbox_info(FL_OBJECT *tabbox, int *lines, int *cols) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_get_tabbox_info");
+  if (lines) *lines = static_cast<int>(m->lines.size());
+  if (cols) *cols = column_count(m);
+  return 1;
+}
+
+void *myfl_get_tabbox_item_info(FL_OBJECT *tabbox, int idx) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_get_tabbox_item_info");
+  if (idx < 1 || idx > static_cast<int>(m->lines.size())) {
+    msg_print("(myfl_get_tabbox_item_info) Invalid index (%d)\n", idx);
+    return nullptr;
+  }
+  return m->lines[idx - 1].record;
+}
+
+void *myfl_get_tabbox(FL_OBJECT *tabbox) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_get_tabbox");
+  int idx = selected_entry(m);
+  return idx ? m->lines[idx - 1].record : nullptr;
+}
+
+int myfl_get_tabbox_items(FL_OBJECT *tabbox) {
+  return static_cast<int>(lookup(tabbox, "myfl_get_tabbox_items")->lines.size());
+}
+
+int myfl_get_tabbox_attrib_idx(FL_OBJECT *tabbox, const char *name) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_get_tabbox_attrib_idx");
+  if (!name) return 0;
+  for (size_t c = 0; c < m->dbnames.size(); ++c)
+    if (m->dbnames[c] == name) return static_cast<int>(c) + 1;
+  return myfl_get_tabbox_title_attrib_idx(tabbox, name);
+}
+
+int myfl_get_tabbox_title_attrib_idx(FL_OBJECT *tabbox, const char *title) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_get_tabbox_title_attrib_idx");
+  if (!title || !m->title) return 0;
+  std::vector<std::string> f;
+  const char *t = m->title(tabbox);
+  myfl_split_fields(t ? t : "", &f, "myfl_get_tabbox_title_attrib_idx");
+  for (size_t c = 0; c < f.size(); ++c)
+    if (f[c] == title) return static_cast<int>(c) + 1;
+  return 0;
+}
+
+const char *myfl_get_tabbox_attrib_info(FL_OBJECT *tabbox, int idx, int col) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_get_tabbox_attrib_info");
+  if (idx < 1 || idx > static_cast<int>(m->lines.size())) {
+    msg_print("(myfl_get_tabbox_attrib_info) Invalid index (%d)\n", idx);
+    return nullptr;
+  }
+  const MYFL_TABBOX_LINE &l = m->lines[idx - 1];
+  if (col < 1 || col > static_cast<int>(l.fields.size())) {
+    msg_print("(myfl_get_tabbox_attrib_info) Invalid index (%d)\n", col);
+    return nullptr;
+  }
+  return l.fields[col - 1].c_str();
+}
+
+// ---- Database operations ----------------------------------------------------------
+
+int myfl_load_db_tabbox(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE_FUNC line,
+                        MYFL_FIRST_FUNC first, MYFL_NEXT_FUNC next, void *table) {
+  begin_level(session);
+  MYFL_TABBOX *m = lookup_db(tabbox, "myfl_load_db_tabbox");
+  m->frozen = 1;
+  m->line_func = line;
+  clear_data(m);
+  if (!table) {
+    msg_print("(myfl_load_db_tabbox) Warning: pTABLE not initialized\n");
+    end_level(session);
+  } else if (!first || !first(table, session)) {
+    msg_print("(myfl_load_db_tabbox) Warning: Table is empty\n");
+    end_level(session);
+    m->frozen = 0;
+    rebuild(m, nullptr);
+    return 0;
+  } else {
+    if (!m->table_new) msg_fatal("(myfl_load_db_tabbox) TABLE_New() not defined\n");
+    void *record = m->table_new();
+    while (next && next(table, session, record))
+      load_record(m, session, line, record, "myfl_load_db_tabbox");
+    std::free(record);
+    end_level(session);
+  }
+  m->frozen = 0;
+  return myfl_draw_tabbox(tabbox);
+}
+
+int myfl_save_db_tabbox(DBSESSION *session, FL_OBJECT *tabbox) {
+  MYFL_TABBOX *m = lookup_db(tabbox, "myfl_save_db_tabbox");
+  int ok = 1;
+  begin_level(session);
+  if (m->save)
+    for (MYFL_TABBOX_LINE &l : m->lines)
+      if (l.record && !m->save(session, l.record)) ok = 0;
+  end_level(session);
+  return ok;
+}
+
+int myfl_delete_db_tabbox(DBSESSION *session, FL_OBJECT *tabbox) {
+  MYFL_TABBOX *m = lookup_db(tabbox, "myfl_delete_db_tabbox");
+  int idx = selected_entry(m);
+  if (idx == 0) return 0;
+  int ok = 1;
+  begin_level(session);
+  if (m->del && m->lines[idx - 1].record) ok = m->del(session, m->lines[idx - 1].record);
+  end_level(session);
+  if (ok) myfl_delete_tabbox_line(tabbox);
+  return ok;
+}
+
+int myfl_insert_db_tabbox(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE_FUNC line,
+                          void *record) {
+  MYFL_TABBOX *m = lookup_db(tabbox, "myfl_insert_db_tabbox");
+  if (!record) return 0;
+  if (m->compare && !myfl_test_tabbox_insert(tabbox, record)) {
+    fl_show_message("Eintrag bereits vorhanden", "", "");
+    return 0;
+  }
+  int ok = 1;
+  begin_level(session);
+  if (m->insert) ok = m->insert(session, record);
+  if (ok) {
+    if (line) m->line_func = line;
+    load_record(m, session, m->line_func, record, "myfl_insert_db_tabbox");
+  }
+  end_level(session);
+  return ok;
+}
+
+int myfl_load_single_tabbox(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE_FUNC line,
+                            void *record) {
+  return myfl_load_multiple_tabbox(session, tabbox, line, record ? &record : nullptr,
+                                   record ? 1 : 0);
+}
+
+namespace {
+int load_list(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE_FUNC line, void *const *records,
+              int count, bool keep, const char *fn) {
+  begin_level(session);
+  MYFL_TABBOX *m = lookup_db(tabbox, fn);
+  m->frozen = 1;
+  m->line_func = line;
+  if (!keep) clear_data(m);
+  for (int i = 0; i < count; ++i)
+    if (records[i]) load_record(m, session, line, records[i], fn);
+  end_level(session);
+  m->frozen = 0;
+  return myfl_draw_tabbox(tabbox);
+}
+} // namespace
+
+int myfl_load_multiple_tabbox(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE_FUNC line,
+                              void *const *records, int count) {
+  return load_list(session, tabbox, line, records, count, false, "myfl_load_multiple_tabbox");
+}
+
+int myfl_load_multiple_tabbox_1(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE_FUNC line,
+                                void *const *records, int count) {
+  return load_list(session, tabbox, line, records, count, true, "myfl_load_multiple_tabbox_1");
+}
+
+int myfl_get_multiple_tabbox(FL_OBJECT *tabbox, std::vector<void *> *records) {
+  MYFL_TABBOX *m = lookup_db(tabbox, "myfl_get_multiple_tabbox");
+  records->clear();
+  for (size_t i = 0; i < m->lines.size(); ++i)
+    if (fl_isselected_tabbox_line(tabbox, static_cast<int>(i) + 1) && m->lines[i].record)
+      records->push_back(m->lines[i].record);
+  return static_cast<int>(records->size());
+}
+
+// ---- Drawing and state ---------------------------------------------------------------
+
+int myfl_draw_tabbox(FL_OBJECT *tabbox) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_draw_tabbox");
+  if (m->sort_enabled && m->sort) _Sort_tabbox(tabbox);
+  return rebuild(m, nullptr);
+}
+
+int myfl_draw_tabbox_extern(FL_OBJECT *tabbox, const char *title) {
+  return rebuild(lookup(tabbox, "myfl_draw_tabbox_extern"), title ? title : "");
+}
+
+int myfl_update_tabbox(FL_OBJECT *tabbox) {
+  lookup(tabbox, "myfl_update_tabbox");
+  return fl_draw_tabbox(tabbox);
+}
+
+int myfl_set_tabbox_sort(FL_OBJECT *tabbox) {
+  lookup(tabbox, "myfl_set_tabbox_sort");
+  int r = _Sort_tabbox(tabbox);
+  myfl_draw_tabbox(tabbox);
+  return r;
+}
+
+void myfl_enabled_tabbox_sort(FL_OBJECT *tabbox, int on) {
+  lookup(tabbox, "myfl_enabled_tabbox_sort")->sort_enabled = on ? 1 : 0;
+}
+
+int _Sort_tabbox(FL_OBJECT *tabbox) {
+  MYFL_TABBOX *m = lookup(tabbox, "_Sort_tabbox");
+  if (!m->sort) msg_fatal("(_Sort_tabbox) Sortfunc not defined\n");
+  if (m->lines.size() < 2) return 1;
+  std::vector<MYFL_TABBOX_LINE> rest(std::make_move_iterator(m->lines.begin() + 1),
+                                     std::make_move_iterator(m->lines.end()));
+  if (rest.size() > static_cast<size_t>(MYFL_MAX_SORT_ROWS)) {
+    if (!g_sort_warned) msg_print("(_Sort_tabbox) Too many rows (max = %d)\n", MYFL_MAX_SORT_ROWS);
+    g_sort_warned = true;
+    std::move(rest.begin(), rest.end(), m->lines.begin() + 1);
+    return 0;
+  }
+  for (size_t i = 0; i < rest.size(); ++i)
+    for (size_t j = i + 1; j < rest.size(); ++j)
+      if (m->sort(rest[i].record, rest[j].record) < 0) std::swap(rest[i], rest[j]);
+  MYFL_TABBOX_LINE aside = std::move(m->lines[0]);
+  m->lines.clear();
+  for (MYFL_TABBOX_LINE &l : rest) m->lines.push_back(std::move(l));
+  m->lines.push_back(std::move(aside));
+  return 1;
+}
+
+int myfl_save_tabbox_state(FL_OBJECT *tabbox) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_save_tabbox_state");
+  std::free(m->state_record);
+  m->state_record = nullptr;
+  m->state_line = selected_entry(m);
+  m->state_top = fl_get_tabbox_topline(tabbox);
+  if (m->state_line) m->state_record = copy_record(m->lines[m->state_line - 1].record);
+  m->state_saved = 1;
+  return 1;
+}
+
+int myfl_restore_tabbox_state(FL_OBJECT *tabbox) {
+  MYFL_TABBOX *m = lookup(tabbox, "myfl_restore_tabbox_state");
+  if (!m->state_saved) {
+    msg_print("(myfl_restore_tabbox_state) Data not defined\n");
+    return 0;
+  }
+  int count = static_cast<int>(m->lines.size());
+  int line = 0;
+  if (m->state_record && m->compare) {
+    for (int i = 0; i < count && !line; ++i)
+      if (m->lines[i].record && m->compare(m->lines[i].record, m->state_record) == 0) line = i + 1;
+  } else if (m->state_line <= count) {
+    line = m->state_line;
+  }
+  if (m->state_top >= 1 && m->state_top <= count) fl_set_tabbox_topline(tabbox, m->state_top);
+  if (line) fl_select_tabbox_line(tabbox, line);
+  std::free(m->state_record);
+  m->state_record = nullptr;
+  m->state_saved = 0;
+  return line ? 1 : 0;
+}
