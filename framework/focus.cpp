@@ -1,0 +1,235 @@
+// Focus order and keyboard navigation of forms (see focus.h).
+#include "framework/focus.h"
+
+#include "base/msg.h"
+#include "forms/keyfilter.h"
+#include "forms/mytabs.h"
+#include "framework/combo.h"
+#include "framework/place.h"
+
+#include <algorithm>
+
+namespace {
+
+bool g_installed = false;
+
+// The record for an operation; prints "(<fn>) Form not found!\n" (and ends
+// the program when fatal) when the form has none.
+MYFL_FORMINFO *record(FL_FORM *form, const char *fn, bool fatal) {
+  MYFL_FORMINFO *info = myfl_get_forminfo(form);
+  if (info) return info;
+  if (fatal) msg_fatal("(%s) Form not found!\n", fn);
+  msg_print("(%s) Form not found!\n", fn);
+  return nullptr;
+}
+
+// The control tabbox for a forwarding operation, or nullptr.
+FL_OBJECT *ctrl(FL_FORM *form, const char *fn) {
+  MYFL_FORMINFO *info = record(form, fn, false);
+  if (!info || !info->ctrl_tabbox || !fl_tabbox_record(info->ctrl_tabbox)) return nullptr;
+  return info->ctrl_tabbox;
+}
+
+// One horizontal step of a tabbox as its Left / Right keys do it.
+void step_horizontal(FL_OBJECT *tabbox, bool right) {
+  fl_layout_tabbox(tabbox);
+  FL_TABBOX_REC *r = fl_tabbox_active(fl_tabbox_record(tabbox));
+  if (!r) return;
+  int limit = std::max(0, r->max_display_len - r->visible_chars);
+  bool shift = myfl_get_modifier(FL_KEY_SHIFT) != 0;
+  if (right) {
+    if (r->offset < limit)
+      r->offset = shift ? std::min(r->offset + r->visible_chars - 1, limit) : r->offset + 1;
+  } else if (shift) {
+    r->offset = std::max(0, r->offset - (r->visible_chars + 1));
+  } else if (r->offset >= 1) {
+    --r->offset;
+  }
+  fl_redraw_object(tabbox);
+}
+
+bool is_input(const FL_OBJECT *obj) { return obj && obj->objclass == FL_INPUT; }
+bool is_multiline(const FL_OBJECT *obj) { return is_input(obj) && obj->type == FL_MULTILINE_INPUT; }
+
+int key_hook(FL_FORM *form, FL_OBJECT *focus, int key, int pressed) {
+  if (key == FL_KEY_SHIFT || key == FL_KEY_ALT || key == FL_KEY_CONTROL) {
+    myfl_set_modifier(key, pressed);
+    return 0;
+  }
+  if (focus && focus->objclass == FL_TABBOX) return 0;
+  bool control = myfl_get_modifier(FL_KEY_CONTROL) != 0;
+  if ((key == FL_KEY_UP || key == FL_KEY_DOWN) && myfl_is_cmb(focus)) {
+    if (pressed) myfl_step_cmb(focus, key == FL_KEY_UP ? -1 : 1);
+    return 1;
+  }
+  MYFL_FORMINFO *info = myfl_get_forminfo(form);
+  if (!info || !info->ctrl_tabbox || !fl_tabbox_record(info->ctrl_tabbox)) return 0;
+  switch (key) {
+  case FL_KEY_UP:
+  case FL_KEY_DOWN:
+  case FL_KEY_PAGE_UP:
+  case FL_KEY_PAGE_DOWN:
+    if (is_multiline(focus) && !control) return 0;
+    break;
+  case FL_KEY_LEFT:
+  case FL_KEY_RIGHT:
+  case FL_KEY_HOME:
+  case FL_KEY_END:
+    if (is_input(focus) && !control) return 0;
+    break;
+  case FL_KEY_RETURN:
+    if (control || is_multiline(focus) || (is_input(focus) && focus->callback)) return 0;
+    break;
+  default:
+    return 0;
+  }
+  // The key is taken; the step happens on the press (and its repeats).
+  if (!pressed) return 1;
+  switch (key) {
+  case FL_KEY_UP:
+    return myfl_call_ctrl_tabbox_up(form), 1;
+  case FL_KEY_DOWN:
+    return myfl_call_ctrl_tabbox_down(form), 1;
+  case FL_KEY_PAGE_UP:
+    return myfl_call_ctrl_tabbox_pgup(form), 1;
+  case FL_KEY_PAGE_DOWN:
+    return myfl_call_ctrl_tabbox_pgdown(form), 1;
+  case FL_KEY_LEFT:
+    return myfl_call_ctrl_tabbox_left(form), 1;
+  case FL_KEY_RIGHT:
+    return myfl_call_ctrl_tabbox_right(form), 1;
+  case FL_KEY_HOME:
+    return myfl_call_ctrl_tabbox_leftmost(form), 1;
+  case FL_KEY_END:
+    return myfl_call_ctrl_tabbox_rightmost(form), 1;
+  default:
+    return myfl_call_ctrl_tabbox_dblclick(form), 1;
+  }
+}
+
+int tab_handler(FL_FORM *form, int backward) {
+  if (backward) return 0;
+  MYFL_FORMINFO *info = myfl_get_forminfo(form);
+  if (!info || (!info->focus_first && !info->focus_second)) return 0;
+  FL_OBJECT *before = fl_get_focus_object(form);
+  if (myfl_set_focus_next(form) && fl_get_focus_object(form) != before) return 1;
+  // Tab must always move on: from where the focus is, to the next input.
+  if (before && myfl_focus_next_input(form, before)) return 1;
+  return 0;
+}
+
+int modifier_source(int key) { return myfl_get_modifier(key); }
+
+} // namespace
+
+void myfl_define_focus_first(FL_FORM *form, FL_OBJECT *obj) {
+  MYFL_FORMINFO *info = record(form, "myfl_define_focus_first", false);
+  if (!info) return;
+  info->focus_first = obj;
+  myfl_install_keyboard_hook();
+}
+
+void myfl_define_focus_second(FL_FORM *form, FL_OBJECT *obj) {
+  MYFL_FORMINFO *info = record(form, "myfl_define_focus_second", true);
+  if (!info->focus_first) msg_fatal("(myfl_define_focus_second) 'first' not defined!\n");
+  info->focus_second = obj;
+}
+
+void myfl_define_focus_begin(FL_FORM *form, int n) {
+  MYFL_FORMINFO *info = record(form, "yfl_define_focus_begin", true);
+  if (n >= 1 && !info->focus_first)
+    msg_fatal("(myfl_define_focus_begin) Begin-count %d too big (max = 0)!\n", n);
+  if (n > 1 && !info->focus_second)
+    msg_fatal("(myfl_define_focus_begin) Begin-count %d too big (max = 1)!\n", n);
+  info->focus_begin = n;
+  info->focus_current = n;
+}
+
+FL_OBJECT *myfl_get_focus_first(FL_FORM *form) {
+  return record(form, "myfl_get_focus_first", true)->focus_first;
+}
+
+FL_OBJECT *myfl_get_focus_second(FL_FORM *form) {
+  MYFL_FORMINFO *info = record(form, "myfl_get_focus_second", false);
+  return info ? info->focus_second : nullptr;
+}
+
+int myfl_set_focus_next(FL_FORM *form) {
+  MYFL_FORMINFO *info = record(form, "myfl_set_focus_next", false);
+  if (!info) return 0;
+  FL_OBJECT *target = nullptr;
+  if (info->focus_first && !(info->focus_second && info->focus_current != 0)) {
+    ++info->focus_current;
+    target = info->focus_first;
+  } else if (info->focus_second) {
+    info->focus_current = info->focus_begin;
+    target = info->focus_second;
+  } else {
+    return 0;
+  }
+  if (!fl_object_can_focus(target)) return 0;
+  fl_set_focus_object(form, target);
+  return 1;
+}
+
+int myfl_focus_next_input(FL_FORM *form, FL_OBJECT *obj) {
+  if (!form || !obj || obj->form != form) return 0;
+  for (FL_OBJECT *o = obj->next; o && o != obj; o = o->next) {
+    if (o->objclass == FL_INPUT && fl_object_can_focus(o)) {
+      fl_set_focus_object(form, o);
+      return 1;
+    }
+  }
+  return 0;
+}
+
+void myfl_define_ctrl_tabbox(FL_FORM *form, FL_OBJECT *tabbox) {
+  MYFL_FORMINFO *info = record(form, "myfl_define_ctrl_tabbox", false);
+  if (!info) return;
+  info->ctrl_tabbox = tabbox;
+  myfl_install_keyboard_hook();
+}
+
+FL_OBJECT *myfl_get_ctrl_tabbox(FL_FORM *form) {
+  MYFL_FORMINFO *info = myfl_get_forminfo(form);
+  return info ? info->ctrl_tabbox : nullptr;
+}
+
+#define MYFL_FORWARD(name, action)                                                                 \
+  int name(FL_FORM *form) {                                                                        \
+    FL_OBJECT *t = ctrl(form, #name);                                                              \
+    if (!t) return 0;                                                                              \
+    action(t);                                                                                     \
+    return 1;                                                                                      \
+  }
+
+MYFL_FORWARD(myfl_call_ctrl_tabbox_dblclick, fl_call_tabbox_dblclick_callback)
+MYFL_FORWARD(myfl_call_ctrl_tabbox_leftmost, fl_tabbox_leftmost)
+MYFL_FORWARD(myfl_call_ctrl_tabbox_rightmost, fl_tabbox_rightmost)
+MYFL_FORWARD(myfl_call_ctrl_tabbox_up, fl_tabbox_up)
+MYFL_FORWARD(myfl_call_ctrl_tabbox_down, fl_tabbox_down)
+MYFL_FORWARD(myfl_call_ctrl_tabbox_pgup, fl_tabbox_pgup)
+MYFL_FORWARD(myfl_call_ctrl_tabbox_pgdown, fl_tabbox_pgdown)
+#undef MYFL_FORWARD
+
+int myfl_call_ctrl_tabbox_left(FL_FORM *form) {
+  FL_OBJECT *t = ctrl(form, "myfl_call_ctrl_tabbox_left");
+  if (!t) return 0;
+  step_horizontal(t, false);
+  return 1;
+}
+
+int myfl_call_ctrl_tabbox_right(FL_FORM *form) {
+  FL_OBJECT *t = ctrl(form, "myfl_call_ctrl_tabbox_right");
+  if (!t) return 0;
+  step_horizontal(t, true);
+  return 1;
+}
+
+void myfl_install_keyboard_hook() {
+  if (g_installed) return;
+  g_installed = true;
+  fl_set_key_hook(key_hook);
+  fl_set_tab_handler(tab_handler);
+  fl_set_tabbox_modifier_hook(modifier_source);
+}
