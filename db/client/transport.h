@@ -32,9 +32,10 @@ enum : int {
   DBHS_VERSION = -10,
 };
 
-// Creates or opens the message area (`size` bytes) and the owner word, opens
-// "TavrinDB_Server" (which only a running server provides), creates or opens
-// the other events and the mutex. Returns 1 on success. On failure prints
+// Opens "TavrinDB_Server" (which only a running server provides; it is asked
+// first so that a client without a server leaves no objects behind), creates
+// or opens the message area (`size` bytes) and the owner word, then the other
+// events and the mutex. Returns 1 on success. On failure prints
 // "Tavrin database not found!" when no server runs, then the system's text of
 // the error, releases whatever was already set up and returns 0. A transport
 // that was already set up is closed first.
