@@ -45,7 +45,7 @@ void add_entry(MYFL_CMB *c, const std::string &text, const std::string &code, co
   if (static_cast<int>(c->texts.size()) >= MYFL_CMB_MAX)
     msg_fatal("(%s) Too many keys (max = %d)\n", fn, MYFL_CMB_MAX);
   c->order.push_back(static_cast<int>(c->texts.size()));
-  c->texts.push_back(rtrim(text));
+  c->texts.push_back(text);
   c->codes.push_back(code);
   c->parent_codes.push_back(parent_code);
 }
@@ -216,7 +216,7 @@ void fill_svz(MYFL_CMB *c, DBSESSION *session, int svz, const char *fn) {
     std::string code = rtrim(value(session, res, r, column(session, res, "Code")));
     std::string text = value(session, res, r, column(session, res, "Bezeichnung"));
     std::string parent = value(session, res, r, column(session, res, "Code_Uebergeordnet"));
-    add_entry(c, text, code, fn, parent);
+    add_entry(c, rtrim(text), code, fn, parent);
   });
   if (rows == 0) msg_print("(%s) Warning: SVZ %d is empty\n", fn, svz);
 }
@@ -290,7 +290,7 @@ int myfl_init_data_cmb(FL_FORM *form, FL_OBJECT *input, FL_OBJECT *button, const
     size_t comma = entry.find(',');
     std::string text = entry.substr(0, comma);
     std::string code = comma == std::string::npos ? "" : entry.substr(comma + 1);
-    add_entry(c, text, code, fn);
+    add_entry(c, rtrim(text), code, fn);
   }
   finish(c, fn);
   return 1;
@@ -348,7 +348,7 @@ int myfl_init_ass_svz_cmb(FL_FORM *form, FL_OBJECT *input, FL_OBJECT *button, DB
 
 int myfl_addto_cmb(FL_OBJECT *input, const char *text, const char *code) {
   MYFL_CMB *c = lookup(input, "myfl_addto_cmb");
-  add_entry(c, text ? text : "", code ? code : "", "myfl_addto_cmb");
+  add_entry(c, rtrim(text ? text : ""), code ? code : "", "myfl_addto_cmb");
   return 1;
 }
 
@@ -358,7 +358,7 @@ int myfl_load_db_cmb(DBSESSION *session, FL_OBJECT *input, const char *statement
   int rows = query_rows(session, statement ? statement : "", [&](DBRESULT *res, int r) {
     std::string code = value(session, res, r, 0);
     std::string text = dbnfields(session, res) > 1 ? value(session, res, r, 1) : code;
-    add_entry(c, text, code, fn);
+    add_entry(c, rtrim(text), code, fn);
   });
   if (rows == 0) msg_print("(%s) Warning: Table is empty\n", fn);
   myfl_sort_cmb(input);
@@ -373,7 +373,7 @@ int myfl_load_multiple_cmb(DBSESSION *session, FL_OBJECT *input, const char *tab
                     (text_attr ? text_attr : "") + " FROM " + (table ? table : "");
   if (where && *where) sql += std::string(" WHERE ") + where;
   int rows = query_rows(session, sql, [&](DBRESULT *res, int r) {
-    add_entry(c, value(session, res, r, 1), value(session, res, r, 0), fn);
+    add_entry(c, rtrim(value(session, res, r, 1)), value(session, res, r, 0), fn);
   });
   if (rows == 0) msg_print("(%s) Warning: Table is empty\n", fn);
   myfl_sort_cmb(input);

@@ -1,0 +1,220 @@
+// Focus order and the keyboard hook: Tab between the two focus objects, the
+// next-input search, navigation keys forwarded to the control tabbox, and the
+// fatal and non-fatal misuses.
+#include "framework/focus.h"
+
+#include "base/msg.h"
+#include "forms/mytabs.h"
+#include "framework/place.h"
+#include "framework_env.h"
+
+#include <QApplication>
+#include <QWidget>
+#include <QTest>
+
+#include <cstdio>
+#include <string>
+
+namespace {
+
+std::string g_msgs;
+void collect(const char *text) { g_msgs += text; }
+void to_stderr(const char *text) { std::fputs(text, stderr); }
+
+int g_dblclicks = 0;
+void on_dblclick(FL_OBJECT *, long) { ++g_dblclicks; }
+int g_input_reports = 0;
+void on_input(FL_OBJECT *, long) { ++g_input_reports; }
+
+class Focus : public ::testing::Test {
+protected:
+  void SetUp() override {
+    myfl_install_keyboard_hook();
+    form_ = fl_begin_form(0, 400, 300);
+    a_ = fl_add_input(FL_NORMAL_INPUT, 60, 10, 100, 24, "A");
+    button_ = fl_add_button(FL_NORMAL_BUTTON, 200, 10, 60, 24, "Go");
+    b_ = fl_add_input(FL_NORMAL_INPUT, 60, 40, 100, 24, "B");
+    multi_ = fl_add_input(FL_MULTILINE_INPUT, 60, 70, 100, 50, "M");
+    tabbox_ = fl_add_tabbox(2, 10, 130, 380, 160, "");
+    fl_end_form();
+    // Ten wide columns: far wider than the tabbox, so it can scroll sideways.
+    std::string title;
+    for (int c = 0; c < 10; ++c)
+      title += (c ? "|" : "") + ("Spalte " + std::to_string(c)) + std::string(20, ' ');
+    fl_set_tabbox_title(tabbox_, title.c_str());
+    for (int i = 0; i < 30; ++i) {
+      std::string line;
+      for (int c = 0; c < 10; ++c)
+        line += (c ? "|" : "") + ("Wert " + std::to_string(i)) + std::string(20, '-');
+      fl_addto_tabbox(tabbox_, line.c_str());
+    }
+    fl_set_tabbox_dblclick_callback(tabbox_, on_dblclick, 0);
+    g_msgs.clear();
+    g_dblclicks = 0;
+    g_input_reports = 0;
+  }
+  void TearDown() override {
+    msg_set_handler(nullptr);
+    myfl_free_forminfo(form_);
+    fl_free_form(form_);
+  }
+  FL_FORM *form_ = nullptr;
+  FL_OBJECT *a_ = nullptr, *button_ = nullptr, *b_ = nullptr, *multi_ = nullptr, *tabbox_ = nullptr;
+};
+
+TEST_F(Focus, TabAlternatesOrStaysWithTheSecondByBeginCount) {
+  myfl_set_form_name(form_, -1, "FocusTest");
+  myfl_define_focus_first(form_, a_);
+  myfl_define_focus_second(form_, b_);
+  EXPECT_EQ(myfl_get_focus_first(form_), a_);
+  EXPECT_EQ(myfl_get_focus_second(form_), b_);
+  show_and_activate(form_);
+  fl_set_focus_object(form_, button_);
+  std::vector<FL_OBJECT *> seen;
+  for (int i = 0; i < 4; ++i) {
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+    seen.push_back(fl_get_focus_object(form_));
+  }
+  EXPECT_EQ(seen, (std::vector<FL_OBJECT *>{a_, b_, a_, b_}));
+
+  myfl_define_focus_begin(form_, 2);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(myfl_set_focus_next(form_), 1);
+    EXPECT_EQ(fl_get_focus_object(form_), b_);
+  }
+  fl_hide_form(form_);
+}
+
+TEST_F(Focus, FirstObjectOnlyAndTheNextInputSearch) {
+  myfl_set_form_name(form_, -1, "FocusTest");
+  myfl_define_focus_first(form_, button_);
+  myfl_show_form(form_, "FocusTest");
+  form_->window->activateWindow();
+  (void)QTest::qWaitForWindowActive(form_->window, 2000);
+  EXPECT_EQ(fl_get_focus_object(form_), button_) << "showing focuses the first object";
+  fl_deactivate_object(button_);
+  myfl_define_focus_first(form_, button_);
+  myfl_show_form(form_, "FocusTest");
+  EXPECT_EQ(fl_get_focus_object(form_), b_)
+      << "a first object that cannot take the focus: next input";
+  EXPECT_EQ(myfl_set_focus_next(form_), 0);
+  // Tab from the first input goes to the next one when the first cannot be
+  // reached, and the search wraps round.
+  EXPECT_EQ(myfl_focus_next_input(form_, multi_), 1);
+  EXPECT_EQ(fl_get_focus_object(form_), a_);
+  fl_deactivate_object(a_);
+  fl_deactivate_object(b_);
+  fl_deactivate_object(multi_);
+  EXPECT_EQ(myfl_focus_next_input(form_, a_), 0);
+  myfl_hide_form(form_);
+}
+
+TEST_F(Focus, NavigationKeysReachTheControlTabbox) {
+  myfl_set_form_name(form_, -1, "FocusTest");
+  myfl_define_ctrl_tabbox(form_, tabbox_);
+  EXPECT_EQ(myfl_get_ctrl_tabbox(form_), tabbox_);
+  show_and_activate(form_);
+  fl_set_focus_object(form_, a_);
+  QWidget *w = a_->widget;
+  QTest::keyClick(w, Qt::Key_Down);
+  QTest::keyClick(w, Qt::Key_Down);
+  EXPECT_EQ(fl_get_tabbox(tabbox_), 2) << "Down in an input moves the tabbox selection";
+  QTest::keyClick(w, Qt::Key_Up);
+  EXPECT_EQ(fl_get_tabbox(tabbox_), 1);
+  QTest::keyClick(w, Qt::Key_PageDown);
+  EXPECT_GT(fl_get_tabbox(tabbox_), 2);
+
+  FL_TABBOX_REC *r = fl_tabbox_active(fl_tabbox_record(tabbox_));
+  QTest::keyClicks(w, "abc");
+  QTest::keyClick(w, Qt::Key_Left);
+  EXPECT_EQ(fl_get_input_cursorpos(a_), 2) << "Left edits in an input";
+  EXPECT_EQ(r->offset, 0);
+  QTest::keyPress(w, Qt::Key_Control);
+  QTest::keyClick(w, Qt::Key_End, Qt::ControlModifier);
+  EXPECT_GT(r->offset, 0) << "with Control it scrolls the tabbox";
+  QTest::keyClick(w, Qt::Key_Left, Qt::ControlModifier);
+  int after_left = r->offset;
+  QTest::keyClick(w, Qt::Key_Home, Qt::ControlModifier);
+  QTest::keyRelease(w, Qt::Key_Control);
+  EXPECT_EQ(r->offset, 0);
+  EXPECT_GT(after_left, 0);
+
+  fl_set_focus_object(form_, button_);
+  QTest::keyClick(button_->widget, Qt::Key_End);
+  EXPECT_GT(r->offset, 0) << "outside inputs no Control is needed";
+  QTest::keyClick(button_->widget, Qt::Key_Return);
+  EXPECT_EQ(g_dblclicks, 1) << "Return opens the selected line";
+
+  fl_set_object_callback(b_, on_input, 0);
+  fl_set_focus_object(form_, b_);
+  QTest::keyClicks(b_->widget, "x");
+  QTest::keyClick(b_->widget, Qt::Key_Return);
+  EXPECT_EQ(g_dblclicks, 1) << "an input with a callback keeps Return";
+  EXPECT_EQ(g_input_reports, 1);
+
+  int sel = fl_get_tabbox(tabbox_);
+  fl_set_focus_object(form_, multi_);
+  QTest::keyClick(multi_->widget, Qt::Key_Down);
+  QTest::keyClick(multi_->widget, Qt::Key_Return);
+  EXPECT_EQ(fl_get_tabbox(tabbox_), sel) << "a multi-line input keeps its cursor keys";
+  EXPECT_EQ(g_dblclicks, 1);
+
+  // Shift and Control are tracked for the tabbox; any form shown clears them.
+  QTest::keyPress(multi_->widget, Qt::Key_Shift);
+  EXPECT_EQ(myfl_get_modifier(FL_KEY_SHIFT), 1);
+  QTest::keyRelease(multi_->widget, Qt::Key_Shift);
+  EXPECT_EQ(myfl_get_modifier(FL_KEY_SHIFT), 0);
+  fl_hide_form(form_);
+}
+
+TEST_F(Focus, MissingRecordsAndDefinitions) {
+  msg_set_handler(collect);
+  EXPECT_EQ(myfl_set_focus_next(form_), 0);
+  EXPECT_EQ(myfl_call_ctrl_tabbox_up(form_), 0);
+  myfl_define_ctrl_tabbox(form_, tabbox_);
+  EXPECT_EQ(g_msgs, "(myfl_set_focus_next) Form not found!\n"
+                    "(myfl_call_ctrl_tabbox_up) Form not found!\n"
+                    "(myfl_define_ctrl_tabbox) Form not found!\n");
+  myfl_set_form_name(form_, -1, "F");
+  g_msgs.clear();
+  EXPECT_EQ(myfl_call_ctrl_tabbox_dblclick(form_), 0) << "no control tabbox";
+  EXPECT_EQ(myfl_set_focus_next(form_), 0) << "no focus objects";
+  EXPECT_TRUE(g_msgs.empty());
+
+  EXPECT_EXIT(
+      {
+        msg_set_handler(to_stderr);
+        myfl_define_focus_second(form_, b_);
+      },
+      ::testing::ExitedWithCode(1), "\\(myfl_define_focus_second\\) 'first' not defined!\n");
+  EXPECT_EXIT(
+      {
+        msg_set_handler(to_stderr);
+        myfl_define_focus_begin(form_, 1);
+      },
+      ::testing::ExitedWithCode(1),
+      "\\(myfl_define_focus_begin\\) Begin-count 1 too big \\(max = 0\\)!\n");
+  EXPECT_EXIT(
+      {
+        msg_set_handler(to_stderr);
+        myfl_define_focus_first(form_, a_);
+        myfl_define_focus_begin(form_, 2);
+      },
+      ::testing::ExitedWithCode(1),
+      "\\(myfl_define_focus_begin\\) Begin-count 2 too big \\(max = 1\\)!\n");
+  myfl_free_forminfo(form_);
+  EXPECT_EXIT(
+      {
+        msg_set_handler(to_stderr);
+        myfl_define_focus_begin(form_, 0);
+      },
+      ::testing::ExitedWithCode(1), "\\(yfl_define_focus_begin\\) Form not found!\n");
+  EXPECT_EXIT(
+      {
+        msg_set_handler(to_stderr);
+        myfl_get_focus_first(form_);
+      },
+      ::testing::ExitedWithCode(1), "\\(myfl_get_focus_first\\) Form not found!\n");
+}
+
+} // namespace
