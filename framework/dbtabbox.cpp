@@ -119,6 +119,12 @@ std::string line_text(const MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l) {
 int rebuild(MYFL_TABBOX *m, const char *given_title) {
   FL_OBJECT *tb = m->tabbox;
   std::vector<std::string> titles = title_fields(m, given_title);
+  // Without any title the lines give the number of columns.
+  if (!given_title && !m->title && (!m->kz_dbnames || m->dbnames.empty())) {
+    size_t most = 0;
+    for (const MYFL_TABBOX_LINE &l : m->lines) most = std::max(most, l.fields.size());
+    titles.assign(most, std::string());
+  }
   size_t ncols = titles.size();
   std::vector<int> widths(ncols, 1);
   for (size_t c = 0; c < ncols; ++c)
@@ -161,7 +167,8 @@ bool widen(MYFL_TABBOX *m, const std::vector<std::string> &fields) {
 void show_line(MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l, int raw) {
   if (m->frozen) return;
   FL_TABBOX_REC *r = fl_tabbox_record(m->tabbox);
-  if (!r || r->slots == 0 || widen(m, l.fields)) {
+  bool more = !m->title && l.fields.size() > m->widths.size();
+  if (!r || r->slots == 0 || more || widen(m, l.fields)) {
     rebuild(m, nullptr);
     return;
   }
@@ -224,13 +231,12 @@ void load_record(MYFL_TABBOX *m, DBSESSION *session, MYFL_LINE_FUNC line, void *
   } while (start < copy.size());
 }
 
+// Empties tabbox and lines; a saved state survives, so that it can be
+// restored after the tabbox was filled again.
 void clear_data(MYFL_TABBOX *m) {
   fl_clear_tabbox(m->tabbox);
   for (MYFL_TABBOX_LINE &l : m->lines) std::free(l.record);
   m->lines.clear();
-  std::free(m->state_record);
-  m->state_record = nullptr;
-  m->state_saved = 0;
   m->rows = 0;
 }
 

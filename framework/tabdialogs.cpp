@@ -1,0 +1,554 @@
+// The tabbox dialogs (see tabdialogs.h), built with the toolkit's objects.
+// A dialog is hidden, never freed, when it closes; its "open" state is the
+// form's visibility.
+#include "framework/tabdialogs.h"
+
+#include "base/ini.h"
+#include "base/msg.h"
+#include "forms/dialogs.h"
+#include "forms/editor.h"
+#include "forms/mytabs.h"
+#include "framework/dbtabbox.h"
+#include "framework/tabexport.h"
+#include "framework/tabset.h"
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace {
+
+MYFL_TABBOX_DIALOGS g_dlg;
+FL_OBJECT *g_main_tabbox = nullptr;
+
+// The column numbers behind the entries of the settings and sort lists, and
+// the sort keys (column, direction 1 ascending) being edited.
+struct ListData {
+  std::vector<int> available, selected, sort_columns;
+  std::vector<int> keys, dirs;
+  int comma = -1;
+};
+ListData g_set, g_sort;
+
+struct Props {
+  int n = 0, *end = nullptr, *order = nullptr, *visible = nullptr, nsort = 0, *cols = nullptr,
+      *dirs = nullptr, maxwidth = -1, *colmax = nullptr;
+};
+
+Props props_of(FL_OBJECT *tb) {
+  Props p;
+  fl_get_tabbox_properties(tb, &p.n, &p.end, &p.order, &p.visible, &p.nsort, &p.cols, &p.dirs,
+                           &p.maxwidth, &p.colmax);
+  return p;
+}
+
+// The trimmed title of column col.
+std::string column_title(FL_OBJECT *tb, int col) {
+  FL_TABBOX_REC *r = fl_tabbox_record(tb);
+  fl_layout_tabbox(tb);
+  std::string t = fl_tabbox_field(r, fl_get_tabbox_full_title(tb), col);
+  return t.empty() ? "Spalte " + std::to_string(col) : t;
+}
+
+std::string key_text(FL_OBJECT *tb, int col, int dir) {
+  return column_title(tb, col) + (dir ? " (aufw)" : " (abw)");
+}
+
+bool is_open(FL_FORM *form) { return form && form->visible; }
+
+void show(FL_FORM *form, const char *title) {
+  if (form->visible)
+    fl_raise_form(form);
+  else
+    fl_show_form(form, FL_PLACE_CENTER, 1, title);
+}
+
+void close_form(FL_FORM *form, const char *closed_text) {
+  if (!is_open(form)) {
+    msg_print("%s\n", closed_text);
+    return;
+  }
+  fl_hide_form(form);
+}
+
+// Close handlers: the dialog is hidden by the toolkit, not freed.
+int hide_on_close(FL_FORM *, void *) { return 0; }
+
+// ---- Sort keys shared by the settings and the sort dialog ---------------------------
+
+void fill_keys(FL_OBJECT *list, FL_OBJECT *tb, const ListData &d) {
+  fl_clear_listbox(list);
+  for (size_t i = 0; i < d.keys.size(); ++i)
+    fl_addto_listbox(list, key_text(tb, d.keys[i], d.dirs[i]).c_str());
+}
+
+// Adds the column chosen in `from` (entries `cols`) as a key with dir.
+void add_key(FL_OBJECT *from, const std::vector<int> &cols, FL_OBJECT *keys, ListData &d, int dir) {
+  int i = fl_get_listbox(from);
+  if (i < 1 || i > static_cast<int>(cols.size())) return;
+  int col = cols[i - 1];
+  for (size_t k = 0; k < d.keys.size(); ++k)
+    if (d.keys[k] == col) {
+      d.dirs[k] = dir;
+      fill_keys(keys, g_dlg.tabbox, d);
+      return;
+    }
+  d.keys.push_back(col);
+  d.dirs.push_back(dir);
+  fill_keys(keys, g_dlg.tabbox, d);
+}
+
+void remove_key(FL_OBJECT *keys, ListData &d) {
+  int i = fl_get_listbox(keys);
+  if (i < 1 || i > static_cast<int>(d.keys.size())) return;
+  d.keys.erase(d.keys.begin() + (i - 1));
+  d.dirs.erase(d.dirs.begin() + (i - 1));
+  fill_keys(keys, g_dlg.tabbox, d);
+}
+
+// Writes the tabbox's current settings (managed tabboxes only).
+void store(FL_OBJECT *tb) {
+  if (myfl_find_tabbox(tb)) myfl_save_tabbox_ini(tb);
+}
+
+void refresh(FL_OBJECT *tb) {
+  if (myfl_find_tabbox(tb))
+    myfl_draw_tabbox(tb);
+  else
+    fl_draw_tabbox(tb);
+}
+
+// ---- Settings dialog -----------------------------------------------------------------
+
+void fill_columns() {
+  FL_OBJECT *tb = g_dlg.tabbox;
+  fl_clear_listbox(g_dlg.set_available);
+  fl_clear_listbox(g_dlg.set_selected);
+  for (int col : g_set.selected)
+    fl_addto_listbox(g_dlg.set_selected, column_title(tb, col).c_str());
+  for (int col : g_set.available)
+    fl_addto_listbox(g_dlg.set_available, column_title(tb, col).c_str());
+}
+
+void set_move_cb(FL_OBJECT *obj, long) {
+  if (obj == g_dlg.set_add) {
+    int i = fl_get_listbox(g_dlg.set_available);
+    if (i < 1 || i > static_cast<int>(g_set.available.size())) return;
+    g_set.selected.push_back(g_set.available[i - 1]);
+    g_set.available.erase(g_set.available.begin() + (i - 1));
+  } else if (obj == g_dlg.set_remove) {
+    int i = fl_get_listbox(g_dlg.set_selected);
+    if (i < 1 || i > static_cast<int>(g_set.selected.size())) return;
+    g_set.available.push_back(g_set.selected[i - 1]);
+    g_set.selected.erase(g_set.selected.begin() + (i - 1));
+  } else {
+    // "@<->": every column, in title order.
+    g_set.selected.clear();
+    g_set.available.clear();
+    for (int c = 1; c < props_of(g_dlg.tabbox).n; ++c) g_set.selected.push_back(c);
+  }
+  fill_columns();
+}
+
+void set_sort_cb(FL_OBJECT *obj, long) {
+  if (obj == g_dlg.set_sort_remove) {
+    remove_key(g_dlg.set_sort, g_set);
+    return;
+  }
+  int dir = obj == g_dlg.set_up ? 1 : 0;
+  // The column chosen in either list.
+  if (fl_get_listbox(g_dlg.set_selected) > 0)
+    add_key(g_dlg.set_selected, g_set.selected, g_dlg.set_sort, g_set, dir);
+  else
+    add_key(g_dlg.set_available, g_set.available, g_dlg.set_sort, g_set, dir);
+}
+
+// Reads an integer input: -1 when empty.
+int int_input(FL_OBJECT *input) {
+  const char *t = fl_get_input(input);
+  return t && *t ? std::atoi(t) : -1;
+}
+
+void set_ok_cb(FL_OBJECT *, long) {
+  FL_OBJECT *tb = g_dlg.tabbox;
+  if (!tb) return;
+  int comma = int_input(g_dlg.set_comma);
+  if (comma > 20) {
+    fl_show_message("Maximal 20 Nachkommastellen sind zulässig!", "", "");
+    return;
+  }
+  MYFL_TABBOX *m = myfl_find_tabbox(tb);
+  int kz = fl_get_button(g_dlg.set_dbnames) ? 1 : 0;
+  if (m) m->kz_dbnames = kz;
+  fl_set_tabbox_maxwidth(tb, int_input(g_dlg.set_maxwidth));
+  fl_set_tabbox_comma(tb, comma);
+
+  Props p = props_of(tb);
+  for (int k = 1; k < p.n; ++k) {
+    p.visible[k] = 0;
+    p.order[k] = -1;
+  }
+  int lines = fl_get_listbox_maxline(g_dlg.set_selected);
+  for (int i = 1, slot = 1; i <= lines; ++i) {
+    if (i > static_cast<int>(g_set.selected.size())) {
+      fl_show_message("Ungültiger COL-Eintrag", "", "");
+      return;
+    }
+    int col = g_set.selected[i - 1];
+    if (col < 1 || col >= p.n || slot >= p.n) continue;
+    p.order[slot++] = col;
+    p.visible[col] = 1;
+  }
+  if (fl_get_listbox_maxline(g_dlg.set_available) > static_cast<int>(g_set.available.size())) {
+    fl_show_message("Ungültiger COL-Eintrag", "", "");
+    return;
+  }
+  int nkeys = fl_get_listbox_maxline(g_dlg.set_sort);
+  if (nkeys > static_cast<int>(g_set.keys.size())) {
+    fl_show_message("Ungültiger SORT-Eintrag", "", "");
+    return;
+  }
+  int vertical = fl_get_button(g_dlg.set_vertical) ? 1 : 0;
+  if (m) {
+    std::string key = myfl_tabbox_ini_key(tb);
+    std::string line =
+        myfl_tabbox_ini_line(key, vertical, kz, p.n, p.order, nkeys, g_set.keys.data(),
+                             g_set.dirs.data(), p.maxwidth, p.colmax);
+    INI_PutLine(myfl_get_tabbox_ini_base(), key.c_str(), line.c_str());
+  }
+  fl_set_tabbox_sort(tb, nkeys, g_set.keys.data(), g_set.dirs.data());
+  if (vertical)
+    fl_set_tabbox_vert(tb);
+  else
+    fl_unset_tabbox_vert(tb);
+  if (comma != g_set.comma) {
+    if (tb == g_main_tabbox) {
+      fl_show_message("Nachkommastellen-Definition nicht möglich.", "", "");
+      fl_set_tabbox_comma(tb, -1);
+    } else {
+      fl_show_message("Nachkommastellen werden erst nach Neubefüllung berücksichtigt!", "", "");
+    }
+  }
+  refresh(tb);
+  fl_hide_form(g_dlg.settings);
+}
+
+void set_cancel_cb(FL_OBJECT *, long) { fl_hide_form(g_dlg.settings); }
+
+void build_settings() {
+  FL_FORM *f = fl_begin_form(0, 560, 420);
+  g_dlg.settings = f;
+  fl_add_box(FL_UP_BOX, 0, 0, 560, 420, "");
+  g_dlg.set_dbnames = fl_add_checkbutton(FL_PUSH_BUTTON, 20, 15, 200, 25, " Datenbanknamen");
+  g_dlg.set_vertical =
+      fl_add_checkbutton(FL_PUSH_BUTTON, 20, 45, 200, 25, " vertikale Darstellung");
+  g_dlg.set_comma = fl_add_input(FL_INT_INPUT, 440, 15, 60, 25, "Nachkommastellen ");
+  g_dlg.set_maxwidth = fl_add_input(FL_INT_INPUT, 440, 45, 60, 25, "max. Spaltenbreite ");
+  fl_set_input_maxchars(g_dlg.set_comma, 3);
+  fl_set_input_maxchars(g_dlg.set_maxwidth, 5);
+  g_dlg.set_available = fl_add_listbox(FL_NORMAL_LISTBOX, 20, 100, 200, 150, "verfügbare Spalten");
+  fl_set_object_lalign(g_dlg.set_available, FL_ALIGN_TOP);
+  g_dlg.set_selected = fl_add_listbox(FL_NORMAL_LISTBOX, 300, 100, 200, 150, "ausgewählte Spalten");
+  fl_set_object_lalign(g_dlg.set_selected, FL_ALIGN_TOP);
+  g_dlg.set_add = fl_add_button(FL_NORMAL_BUTTON, 235, 120, 50, 25, "@8->");
+  g_dlg.set_remove = fl_add_button(FL_NORMAL_BUTTON, 235, 160, 50, 25, "@8<-");
+  g_dlg.set_all = fl_add_button(FL_NORMAL_BUTTON, 235, 200, 50, 25, "@<->");
+  for (FL_OBJECT *b : {g_dlg.set_add, g_dlg.set_remove, g_dlg.set_all})
+    fl_set_object_callback(b, set_move_cb, 0);
+  g_dlg.set_sort = fl_add_listbox(FL_NORMAL_LISTBOX, 20, 280, 280, 90, "Sortierung");
+  fl_set_object_lalign(g_dlg.set_sort, FL_ALIGN_TOP);
+  g_dlg.set_up = fl_add_button(FL_NORMAL_BUTTON, 310, 280, 60, 25, "aufw");
+  g_dlg.set_down = fl_add_button(FL_NORMAL_BUTTON, 310, 312, 60, 25, "abw");
+  g_dlg.set_sort_remove = fl_add_button(FL_NORMAL_BUTTON, 310, 344, 60, 25, "entf.");
+  for (FL_OBJECT *b : {g_dlg.set_up, g_dlg.set_down, g_dlg.set_sort_remove})
+    fl_set_object_callback(b, set_sort_cb, 0);
+  g_dlg.set_ok = fl_add_button(FL_NORMAL_BUTTON, 320, 382, 100, 28, "OK");
+  fl_set_object_callback(g_dlg.set_ok, set_ok_cb, 0);
+  g_dlg.set_cancel = fl_add_button(FL_NORMAL_BUTTON, 440, 382, 100, 28, "Abbrechen");
+  fl_set_object_callback(g_dlg.set_cancel, set_cancel_cb, 0);
+  fl_end_form();
+  fl_set_form_atclose(f, hide_on_close, nullptr);
+}
+
+// ---- Sort dialog --------------------------------------------------------------------
+
+void sort_key_cb(FL_OBJECT *obj, long) {
+  if (obj == g_dlg.sort_remove)
+    remove_key(g_dlg.sort_keys, g_sort);
+  else
+    add_key(g_dlg.sort_columns, g_sort.sort_columns, g_dlg.sort_keys, g_sort,
+            obj == g_dlg.sort_up ? 1 : 0);
+}
+
+void sort_ok_cb(FL_OBJECT *, long) {
+  FL_OBJECT *tb = g_dlg.tabbox;
+  if (!tb) return;
+  if (fl_get_listbox_maxline(g_dlg.sort_keys) > static_cast<int>(g_sort.keys.size())) {
+    fl_show_message("Ungültiger SORT-Eintrag", "", "");
+    return;
+  }
+  fl_set_tabbox_sort(tb, static_cast<int>(g_sort.keys.size()), g_sort.keys.data(),
+                     g_sort.dirs.data());
+  store(tb);
+  fl_draw_tabbox(tb);
+  fl_hide_form(g_dlg.sort);
+}
+
+void sort_settings_cb(FL_OBJECT *, long) {
+  FL_OBJECT *tb = g_dlg.tabbox;
+  fl_hide_form(g_dlg.sort);
+  if (tb && myfl_find_tabbox(tb)) myfl_open_tabbox_settings(tb);
+}
+
+void sort_cancel_cb(FL_OBJECT *, long) { fl_hide_form(g_dlg.sort); }
+
+void build_sort() {
+  FL_FORM *f = fl_begin_form(0, 480, 300);
+  g_dlg.sort = f;
+  fl_add_box(FL_UP_BOX, 0, 0, 480, 300, "");
+  g_dlg.sort_columns = fl_add_listbox(FL_NORMAL_LISTBOX, 20, 30, 180, 200, "Spalten");
+  fl_set_object_lalign(g_dlg.sort_columns, FL_ALIGN_TOP);
+  g_dlg.sort_keys = fl_add_listbox(FL_NORMAL_LISTBOX, 280, 30, 180, 200, "Sortierung");
+  fl_set_object_lalign(g_dlg.sort_keys, FL_ALIGN_TOP);
+  g_dlg.sort_up = fl_add_button(FL_NORMAL_BUTTON, 210, 50, 60, 25, "aufw");
+  g_dlg.sort_down = fl_add_button(FL_NORMAL_BUTTON, 210, 85, 60, 25, "abw");
+  g_dlg.sort_remove = fl_add_button(FL_NORMAL_BUTTON, 210, 120, 60, 25, "entf.");
+  for (FL_OBJECT *b : {g_dlg.sort_up, g_dlg.sort_down, g_dlg.sort_remove})
+    fl_set_object_callback(b, sort_key_cb, 0);
+  g_dlg.sort_settings = fl_add_button(FL_NORMAL_BUTTON, 20, 255, 130, 28, "Einstellungen");
+  fl_set_object_callback(g_dlg.sort_settings, sort_settings_cb, 0);
+  g_dlg.sort_ok = fl_add_button(FL_NORMAL_BUTTON, 250, 255, 100, 28, "Sortieren");
+  fl_set_object_callback(g_dlg.sort_ok, sort_ok_cb, 0);
+  g_dlg.sort_cancel = fl_add_button(FL_NORMAL_BUTTON, 360, 255, 100, 28, "Abbrechen");
+  fl_set_object_callback(g_dlg.sort_cancel, sort_cancel_cb, 0);
+  fl_end_form();
+  fl_set_form_atclose(f, hide_on_close, nullptr);
+}
+
+// ---- Export dialog ---------------------------------------------------------------------
+
+void exp_cb(FL_OBJECT *obj, long) {
+  FL_OBJECT *tb = g_dlg.tabbox;
+  if (!tb) return;
+  const char *name = fl_get_input(g_dlg.exp_name);
+  if (!myfl_valid_filename(name)) {
+    fl_show_message("Ungültiger Dateiname", "", "");
+    return;
+  }
+  std::string file = myfl_export_filename(name);
+  struct stat st;
+  if (stat(file.c_str(), &st) == 0 &&
+      fl_show_question("Soll Datei überschrieben werden?", "", "", 2, "Ja", "Nein", "", 0) != 1)
+    return;
+  std::string text, error;
+  if (!myfl_export_tabbox_text(tb, obj == g_dlg.exp_all, &text, &error)) {
+    if (!error.empty()) fl_show_message(error.c_str(), "", "");
+    return;
+  }
+  if (!myfl_write_export(file, text)) {
+    fl_show_message("Datei konnte nicht geschrieben werden:", file.c_str(), "");
+    return;
+  }
+  fl_hide_form(g_dlg.exp);
+}
+
+void exp_cancel_cb(FL_OBJECT *, long) { fl_hide_form(g_dlg.exp); }
+
+void build_export() {
+  FL_FORM *f = fl_begin_form(0, 420, 110);
+  g_dlg.exp = f;
+  fl_add_box(FL_UP_BOX, 0, 0, 420, 110, "");
+  g_dlg.exp_name = fl_add_input(FL_NORMAL_INPUT, 100, 15, 300, 25, "Dateiname ");
+  fl_set_input_maxchars(g_dlg.exp_name, 255);
+  g_dlg.exp_shown = fl_add_button(FL_NORMAL_BUTTON, 20, 65, 120, 28, "exp. Tabbox");
+  g_dlg.exp_all = fl_add_button(FL_NORMAL_BUTTON, 150, 65, 120, 28, "exp. alle Daten");
+  g_dlg.exp_cancel = fl_add_button(FL_NORMAL_BUTTON, 300, 65, 100, 28, "Abbrechen");
+  fl_set_object_callback(g_dlg.exp_shown, exp_cb, 0);
+  fl_set_object_callback(g_dlg.exp_all, exp_cb, 0);
+  fl_set_object_callback(g_dlg.exp_cancel, exp_cancel_cb, 0);
+  fl_end_form();
+  fl_set_form_atclose(f, hide_on_close, nullptr);
+}
+
+// ---- Viewer ---------------------------------------------------------------------------
+
+void viewer_close_cb(FL_OBJECT *, long) { fl_hide_form(g_dlg.viewer); }
+
+void build_viewer() {
+  FL_FORM *f = fl_begin_form(0, 620, 460);
+  g_dlg.viewer = f;
+  fl_add_box(FL_UP_BOX, 0, 0, 620, 460, "");
+  g_dlg.viewer_tabbox = fl_add_tabbox(0, 10, 10, 600, 400, "");
+  fl_set_tabbox_viewer(g_dlg.viewer_tabbox, 0);
+  g_dlg.viewer_close = fl_add_button(FL_NORMAL_BUTTON, 510, 420, 100, 28, "Schließen");
+  fl_set_object_callback(g_dlg.viewer_close, viewer_close_cb, 0);
+  fl_end_form();
+  fl_set_form_atclose(f, hide_on_close, nullptr);
+}
+
+// ---- Zoom editor ------------------------------------------------------------------------
+
+void zoom_ok_cb(FL_OBJECT *, long) {
+  if (g_dlg.input) fl_set_input(g_dlg.input, fl_get_input(g_dlg.zoom_text));
+  fl_hide_form(g_dlg.zoom);
+}
+
+void zoom_cancel_cb(FL_OBJECT *, long) { fl_hide_form(g_dlg.zoom); }
+
+void build_zoom() {
+  FL_FORM *f = fl_begin_form(0, 760, 540);
+  g_dlg.zoom = f;
+  fl_add_box(FL_UP_BOX, 0, 0, 760, 540, "");
+  g_dlg.zoom_text = fl_add_input(FL_MULTILINE_INPUT, 10, 10, 740, 480, "");
+  g_dlg.zoom_ok = fl_add_button(FL_NORMAL_BUTTON, 530, 500, 100, 28, "Übernehmen");
+  fl_set_object_callback(g_dlg.zoom_ok, zoom_ok_cb, 0);
+  g_dlg.zoom_cancel = fl_add_button(FL_NORMAL_BUTTON, 650, 500, 100, 28, "Abbrechen");
+  fl_set_object_callback(g_dlg.zoom_cancel, zoom_cancel_cb, 0);
+  fl_end_form();
+  fl_set_form_atclose(f, hide_on_close, nullptr);
+}
+
+} // namespace
+
+MYFL_TABBOX_DIALOGS &myfl_tabbox_dialogs() { return g_dlg; }
+
+void myfl_set_main_tabbox(FL_OBJECT *tabbox) { g_main_tabbox = tabbox; }
+
+int myfl_create_tabbox_dialogs() {
+  if (g_dlg.settings) return 1;
+  build_settings();
+  build_sort();
+  build_export();
+  build_viewer();
+  build_zoom();
+  fl_set_tabbox_dialog_hook(FL_TABBOX_SORT_DIALOG, myfl_open_tabbox_sort);
+  fl_set_tabbox_dialog_hook(FL_TABBOX_EXPORT_DIALOG, myfl_open_tabbox_export);
+  fl_set_tabbox_dialog_hook(FL_TABBOX_VIEWER, myfl_open_tabbox_viewer);
+  fl_set_editor_zoom_hook(myfl_open_editor_zoom);
+  return 1;
+}
+
+void myfl_free_tabbox_dialogs() {
+  if (!g_dlg.settings) return;
+  fl_set_tabbox_dialog_hook(FL_TABBOX_SORT_DIALOG, nullptr);
+  fl_set_tabbox_dialog_hook(FL_TABBOX_EXPORT_DIALOG, nullptr);
+  fl_set_tabbox_dialog_hook(FL_TABBOX_VIEWER, nullptr);
+  fl_set_editor_zoom_hook(nullptr);
+  for (FL_FORM *f : {g_dlg.settings, g_dlg.sort, g_dlg.exp, g_dlg.viewer, g_dlg.zoom})
+    fl_free_form(f);
+  g_dlg = MYFL_TABBOX_DIALOGS();
+  g_set = ListData();
+  g_sort = ListData();
+}
+
+void myfl_open_tabbox_settings(FL_OBJECT *tabbox) {
+  myfl_create_tabbox_dialogs();
+  MYFL_TABBOX *m = myfl_find_tabbox(tabbox);
+  if (!m) msg_fatal("(myfl_open_tabbox_settings) Tabbox not defined\n");
+  g_dlg.tabbox = tabbox;
+  g_set = ListData();
+  Props p = props_of(tabbox);
+  std::vector<char> shown(p.n > 0 ? p.n : 0, 0);
+  for (int k = 1; k < p.n; ++k) {
+    int c = p.order[k];
+    if (c < 0) break;
+    if (c >= 1 && c < p.n && p.visible[c] && !shown[c]) {
+      g_set.selected.push_back(c);
+      shown[c] = 1;
+    }
+  }
+  for (int c = 1; c < p.n; ++c)
+    if (!shown[c]) g_set.available.push_back(c);
+  g_set.keys.assign(p.cols, p.cols + p.nsort);
+  g_set.dirs.assign(p.dirs, p.dirs + p.nsort);
+  g_set.comma = fl_get_tabbox_comma(tabbox);
+  fill_columns();
+  fill_keys(g_dlg.set_sort, tabbox, g_set);
+  fl_set_button(g_dlg.set_dbnames, m->kz_dbnames);
+  fl_set_button(g_dlg.set_vertical, fl_get_tabbox_vert(tabbox));
+  fl_set_input(g_dlg.set_comma, g_set.comma >= 0 ? std::to_string(g_set.comma).c_str() : "");
+  fl_set_input(g_dlg.set_maxwidth, p.maxwidth >= 0 ? std::to_string(p.maxwidth).c_str() : "");
+  show(g_dlg.settings, "Tabbox Einstellungen");
+}
+
+void myfl_close_tabbox_settings() {
+  close_form(g_dlg.settings, "Einstellungen-Tabbox-Dialog bereits geschlossen");
+}
+
+void myfl_open_tabbox_sort(FL_OBJECT *tabbox) {
+  myfl_create_tabbox_dialogs();
+  g_dlg.tabbox = tabbox;
+  g_sort = ListData();
+  Props p = props_of(tabbox);
+  fl_clear_listbox(g_dlg.sort_columns);
+  for (int c = 1; c < p.n; ++c) {
+    g_sort.sort_columns.push_back(c);
+    fl_addto_listbox(g_dlg.sort_columns, column_title(tabbox, c).c_str());
+  }
+  g_sort.keys.assign(p.cols, p.cols + p.nsort);
+  g_sort.dirs.assign(p.dirs, p.dirs + p.nsort);
+  fill_keys(g_dlg.sort_keys, tabbox, g_sort);
+  if (myfl_find_tabbox(tabbox))
+    fl_activate_object(g_dlg.sort_settings);
+  else
+    fl_deactivate_object(g_dlg.sort_settings);
+  show(g_dlg.sort, "Sortierung-Tabbox");
+}
+
+void myfl_close_tabbox_sort() {
+  close_form(g_dlg.sort, "Sortierung-Tabbox-Dialog bereits geschlossen");
+}
+
+void myfl_open_tabbox_export(FL_OBJECT *tabbox) {
+  myfl_create_tabbox_dialogs();
+  g_dlg.tabbox = tabbox;
+  show(g_dlg.exp, "Tabbox exportieren");
+  fl_set_focus_object(g_dlg.exp, g_dlg.exp_name);
+}
+
+void myfl_close_tabbox_export() {
+  close_form(g_dlg.exp, "Export-Tabbox-Dialog bereits geschlossen");
+}
+
+void myfl_open_tabbox_viewer(FL_OBJECT *tabbox) {
+  myfl_create_tabbox_dialogs();
+  if (fl_get_tabbox_selectcount(tabbox) != 1 || fl_get_tabbox(tabbox) < 1) {
+    fl_show_message("Keine Daten darstellbar", "", "");
+    return;
+  }
+  g_dlg.tabbox = tabbox;
+  FL_OBJECT *v = g_dlg.viewer_tabbox;
+  // The selected line with the source's columns, order and widths, shown
+  // as attribute / value lines.
+  fl_unset_tabbox_vert(v);
+  fl_set_tabbox_title(v, fl_get_tabbox_full_title(tabbox));
+  Props src = props_of(tabbox), dst = props_of(v);
+  for (int k = 0; k < src.n && k < dst.n; ++k) {
+    dst.order[k] = src.order[k];
+    dst.visible[k] = src.visible[k];
+    dst.colmax[k] = src.colmax[k];
+  }
+  fl_clear_tabbox(v);
+  FL_TABBOX_REC *r = fl_tabbox_record(tabbox);
+  int raw = fl_get_tabbox(tabbox);
+  fl_add_tabbox_line(v, std::string(r->lines.at(raw - 1)).c_str());
+  fl_set_tabbox_vert(v);
+  fl_select_tabbox_line(v, 1);
+  show(g_dlg.viewer, "Tabbox-Viewer");
+}
+
+void myfl_close_tabbox_viewer() {
+  close_form(g_dlg.viewer, "Tabbox-Viewer-Dialog bereits geschlossen");
+}
+
+void myfl_open_editor_zoom(FL_OBJECT *input) {
+  myfl_create_tabbox_dialogs();
+  g_dlg.input = input;
+  fl_set_input(g_dlg.zoom_text, input ? fl_get_input(input) : "");
+  show(g_dlg.zoom, "Editor-Zoom");
+  fl_set_focus_object(g_dlg.zoom, g_dlg.zoom_text);
+}
+
+void myfl_close_editor_zoom() { close_form(g_dlg.zoom, "Editor-Zoom-Dialog bereits geschlossen"); }

@@ -1,0 +1,342 @@
+// Managed and database tabboxes: field parsing and padding, the column limit,
+// uniqueness, the record sort with its row limit, the loaders (with a
+// record-producing table that needs no server) and the fatal programming
+// errors.
+#include "framework/dbtabbox.h"
+#include "framework/tabset.h"
+
+#include "base/msg.h"
+#include "base/valstr.h"
+#include "db/access/session.h"
+#include "forms/dialogs.h"
+#include "forms/forms.h"
+#include "forms/mytabs.h"
+#include "framework_env.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Rec {
+  int32_t size;
+  int id;
+  char name[32];
+};
+
+void *new_rec() {
+  Rec *r = static_cast<Rec *>(std::calloc(1, sizeof(Rec)));
+  r->size = sizeof(Rec);
+  return r;
+}
+
+Rec *make(int id, const char *name) {
+  Rec *r = static_cast<Rec *>(new_rec());
+  r->id = id;
+  std::snprintf(r->name, sizeof r->name, "%s", name);
+  return r;
+}
+
+int id_of(const void *r) { return static_cast<const Rec *>(r)->id; }
+
+const char *title_nr_name(FL_OBJECT *) { return "Nr,Name"; }
+
+std::string g_out;
+void capture(const char *text) { g_out += text; }
+void to_stderr(const char *text) { std::fputs(text, stderr); }
+
+// A table of records for the loader: first/next walk the array.
+struct Table {
+  std::vector<Rec> rows;
+  size_t pos = 0;
+};
+int first_rec(void *t, DBSESSION *) {
+  Table *tab = static_cast<Table *>(t);
+  tab->pos = 0;
+  return tab->rows.empty() ? 0 : 1;
+}
+int next_rec(void *t, DBSESSION *, void *record) {
+  Table *tab = static_cast<Table *>(t);
+  if (tab->pos >= tab->rows.size()) return 0;
+  std::memcpy(record, &tab->rows[tab->pos++], sizeof(Rec));
+  return 1;
+}
+std::vector<int> g_decimals;
+const char *rec_line(DBSESSION *, void *record, int) {
+  static std::string text;
+  const Rec *r = static_cast<const Rec *>(record);
+  g_decimals.push_back(Get_ValueDecimals());
+  text = std::to_string(r->id) + ",\"" + r->name + "\"";
+  return text.c_str();
+}
+
+class DbTabbox : public ::testing::Test {
+protected:
+  void SetUp() override {
+    g_out.clear();
+    g_decimals.clear();
+    fl_seam_clear();
+    msg_set_handler(capture);
+    dir_ = std::filesystem::temp_directory_path() /
+           ("zentiq_dbtabbox_" + std::to_string(getpid()) + "_" +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::filesystem::create_directories(dir_);
+    myfl_set_tabbox_ini_base((dir_ / "app").c_str());
+    myfl_install_tabbox_settings();
+    form_ = fl_begin_form(0, 420, 260);
+    tb_ = fl_add_tabbox(2, 10, 10, 400, 240, "");
+    fl_end_form();
+  }
+  void TearDown() override {
+    if (myfl_find_tabbox(tb_)) myfl_free_tabbox(tb_);
+    fl_free_form(form_);
+    msg_set_handler(nullptr);
+    fl_set_tabbox_settings_hook(nullptr);
+    std::filesystem::remove_all(dir_);
+  }
+  std::string field(int line, int col) {
+    fl_layout_tabbox(tb_);
+    return fl_tabbox_field(fl_tabbox_record(tb_), fl_get_tabbox_full_line(tb_, line), col);
+  }
+  std::vector<int> ids() {
+    std::vector<int> v;
+    for (int i = 1; i <= myfl_get_tabbox_items(tb_); ++i)
+      v.push_back(id_of(myfl_get_tabbox_item_info(tb_, i)));
+    return v;
+  }
+  std::filesystem::path dir_;
+  FL_FORM *form_ = nullptr;
+  FL_OBJECT *tb_ = nullptr;
+};
+
+TEST_F(DbTabbox, FieldsAreSplitAtCommasOutsideQuotes) {
+  std::vector<std::string> f;
+  EXPECT_EQ(myfl_split_fields("\"Müller, Hans\",Köln", &f, "t"), 2);
+  EXPECT_EQ(f, (std::vector<std::string>{"Müller, Hans", "Köln"}));
+  // An escaped quote stays escaped and does not end the quoted part.
+  EXPECT_EQ(myfl_split_fields("\"a\\\"b,c\",d", &f, "t"), 2);
+  EXPECT_EQ(f[0], "a\\\"b,c");
+  EXPECT_EQ(myfl_split_fields("", &f, "t"), 1);
+  EXPECT_EQ(myfl_split_fields("x,", &f, "t"), 2);
+  // The field buffer holds 9999 characters.
+  EXPECT_EQ(myfl_split_fields(std::string(12000, 'z').c_str(), &f, "t"), 1);
+  EXPECT_EQ(f[0].size(), 9999u);
+}
+
+TEST_F(DbTabbox, LinesArePaddedToTheWidestField) {
+  ASSERT_EQ(myfl_init_tabbox(form_, tb_, "Liste", title_nr_name, nullptr), 1);
+  EXPECT_EQ(std::string(fl_get_tabbox_full_title(tb_)), "Nr | Name");
+  myfl_addto_tabbox_line(tb_, "1,Anna", nullptr);
+  myfl_addto_tabbox_line(tb_, "22,\"Bernhard, B.\"", nullptr);
+  myfl_addto_tabbox_line(tb_, "3", nullptr);
+  EXPECT_NE(g_out.find("(addto_tabbox_line) Line is invalid (only 1 of 2 cols)\n"),
+            std::string::npos);
+  EXPECT_EQ(fl_get_tabbox_maxline(tb_), 3);
+  EXPECT_EQ(std::string(fl_get_tabbox_full_title(tb_)), "Nr | Name        ");
+  EXPECT_EQ(std::string(fl_get_tabbox_full_line(tb_, 1)), "1  | Anna        ");
+  EXPECT_EQ(field(2, 2), "Bernhard, B.");
+  EXPECT_EQ(field(3, 2), "");
+  // Numeric columns are right-aligned.
+  const int types[] = {3, 11};
+  myfl_set_tabbox_data_def_types(tb_, 2, types);
+  myfl_draw_tabbox(tb_);
+  EXPECT_EQ(std::string(fl_get_tabbox_full_line(tb_, 1)), " 1 | Anna        ");
+  EXPECT_EQ(std::string(myfl_get_tabbox_attrib_info(tb_, 2, 2)), "Bernhard, B.");
+  EXPECT_EQ(myfl_get_tabbox_attrib_info(tb_, 4, 1), nullptr);
+  EXPECT_NE(g_out.find("(myfl_get_tabbox_attrib_info) Invalid index (4)\n"), std::string::npos);
+  EXPECT_EQ(myfl_get_tabbox_title_attrib_idx(tb_, "Name"), 2);
+  myfl_set_tabbox_kz_dbnames(tb_, 1, "KD_NR,KD_NAME");
+  myfl_draw_tabbox(tb_);
+  EXPECT_EQ(myfl_get_tabbox_attrib_idx(tb_, "KD_NAME"), 2);
+  fl_layout_tabbox(tb_);
+  EXPECT_EQ(fl_tabbox_field(fl_tabbox_record(tb_), fl_get_tabbox_full_title(tb_), 2), "KD_NAME");
+}
+
+TEST_F(DbTabbox, FiveHundredColumnsAreTheLimit) {
+  myfl_init_tabbox(form_, tb_, "Breit", nullptr, nullptr);
+  std::string line;
+  for (int i = 0; i < 500; ++i) line += (i ? "," : "") + std::to_string(i);
+  EXPECT_EQ(myfl_addto_tabbox_line(tb_, line.c_str(), nullptr), 1);
+  EXPECT_EQ(field(1, 500), "499");
+  line += ",500";
+  EXPECT_EXIT(
+      {
+        msg_set_handler(to_stderr);
+        myfl_addto_tabbox_line(tb_, line.c_str(), nullptr);
+      },
+      ::testing::ExitedWithCode(1), "\\(addto_tabbox_line\\) Too many columns \\(max = 500\\)");
+}
+
+TEST_F(DbTabbox, AnEqualRecordIsNotAddedTwice) {
+  myfl_init_tabbox(form_, tb_, "Liste", title_nr_name, nullptr);
+  myfl_set_tabbox_compfunc(tb_, [](const void *a, const void *b) { return id_of(a) - id_of(b); });
+  for (int i = 1; i <= 3; ++i)
+    ASSERT_EQ(myfl_addto_tabbox_line(tb_, (std::to_string(i) + ",x").c_str(), make(i, "x")), 1);
+  Rec *dup = make(2, "y");
+  EXPECT_EQ(myfl_addto_tabbox_line(tb_, "2,y", dup), 0);
+  std::free(dup);
+  ASSERT_EQ(fl_seam_shown().size(), 1u);
+  EXPECT_EQ(fl_seam_shown()[0].text, "Eintrag bereits vorhanden");
+  EXPECT_EQ(fl_get_tabbox_maxline(tb_), 3);
+  EXPECT_EQ(myfl_get_tabbox_items(tb_), 3);
+  // Uniqueness against all lines but the record itself.
+  Rec probe = *static_cast<Rec *>(myfl_get_tabbox_item_info(tb_, 3));
+  EXPECT_EQ(myfl_test_tabbox_unique(tb_, myfl_get_tabbox_item_info(tb_, 3), &probe), 1);
+  EXPECT_EQ(myfl_test_tabbox_unique(tb_, myfl_get_tabbox_item_info(tb_, 2), &probe), 0);
+  // Replacing the selected line: the new record is a copy.
+  fl_select_tabbox_line(tb_, 2);
+  EXPECT_EQ(myfl_get_tabbox(tb_), myfl_get_tabbox_item_info(tb_, 2));
+  EXPECT_EXIT(
+      {
+        msg_set_handler(to_stderr);
+        myfl_replace_tabbox_line(tb_, "9,z", &probe);
+      },
+      ::testing::ExitedWithCode(1), "\\(myfl_replace_tabbox_line\\) TABLE_New\\(\\) not defined");
+  myfl_free_tabbox(tb_);
+  myfl_init_db_tabbox(form_, tb_, "Liste", title_nr_name, new_rec, nullptr, nullptr, nullptr,
+                      nullptr);
+  myfl_addto_tabbox_line(tb_, "1,a", make(1, "a"));
+  myfl_addto_tabbox_line(tb_, "2,b", make(2, "b"));
+  fl_select_tabbox_line(tb_, 2);
+  Rec repl = {sizeof(Rec), 7, "neu"};
+  EXPECT_EQ(myfl_replace_tabbox_line(tb_, "7,neu", &repl), 1);
+  EXPECT_EQ(field(2, 2), "neu");
+  EXPECT_NE(myfl_get_tabbox(tb_), &repl);
+  EXPECT_EQ(id_of(myfl_get_tabbox(tb_)), 7);
+  EXPECT_EQ(myfl_delete_tabbox_line(tb_), 1);
+  EXPECT_EQ(ids(), (std::vector<int>{1}));
+  EXPECT_EQ(fl_get_tabbox_maxline(tb_), 1);
+}
+
+TEST_F(DbTabbox, RecordSortKeepsItsRowLimit) {
+  myfl_init_tabbox(form_, tb_, "Liste", title_nr_name, nullptr);
+  EXPECT_EXIT(
+      {
+        msg_set_handler(to_stderr);
+        _Sort_tabbox(tb_);
+      },
+      ::testing::ExitedWithCode(1), "\\(_Sort_tabbox\\) Sortfunc not defined");
+  // Ascending by id: a negative result exchanges the two entries.
+  myfl_set_tabbox_sortfunc(tb_, [](const void *a, const void *b) { return id_of(b) - id_of(a); });
+  for (int id : {9, 3, 1, 2})
+    myfl_addto_tabbox_line(tb_, (std::to_string(id) + ",n").c_str(), make(id, "n"));
+  EXPECT_EQ(myfl_set_tabbox_sort(tb_), 1);
+  // The first entry is kept aside and ends up last.
+  EXPECT_EQ(ids(), (std::vector<int>{1, 2, 3, 9}));
+  EXPECT_EQ(field(1, 1), "1");
+  EXPECT_EQ(field(4, 1), "9");
+
+  myfl_free_tabbox_data(tb_);
+  for (int i = 0; i < 502; ++i)
+    myfl_addto_tabbox_line(tb_, (std::to_string(600 - i) + ",n").c_str(), make(600 - i, "n"));
+  g_out.clear();
+  EXPECT_EQ(_Sort_tabbox(tb_), 0);
+  EXPECT_EQ(_Sort_tabbox(tb_), 0);
+  EXPECT_EQ(g_out, "(_Sort_tabbox) Too many rows (max = 500)\n");
+  EXPECT_EQ(id_of(myfl_get_tabbox_item_info(tb_, 1)), 600);
+  EXPECT_EQ(id_of(myfl_get_tabbox_item_info(tb_, 502)), 99);
+}
+
+TEST_F(DbTabbox, LoaderFillsFromTheTableInsideOneLevel) {
+  DBSESSION session;
+  session.disabled = 1;
+  db_reset_depth();
+  myfl_init_db_tabbox(
+      form_, tb_, "Kunden", title_nr_name, new_rec, nullptr, nullptr,
+      [](const void *r) { return id_of(r) != 13 ? 1 : 0; }, nullptr);
+  // No table: a warning, an empty tabbox that is drawn all the same.
+  EXPECT_EQ(myfl_load_db_tabbox(&session, tb_, rec_line, first_rec, next_rec, nullptr), 1);
+  EXPECT_EQ(g_out, "(myfl_load_db_tabbox) Warning: pTABLE not initialized\n");
+  EXPECT_EQ(fl_get_tabbox_maxline(tb_), 0);
+  EXPECT_EQ(std::string(fl_get_tabbox_full_title(tb_)), "Nr | Name");
+  EXPECT_EQ(db_depth(), 0);
+
+  Table empty;
+  g_out.clear();
+  EXPECT_EQ(myfl_load_db_tabbox(&session, tb_, rec_line, first_rec, next_rec, &empty), 0);
+  EXPECT_EQ(g_out, "(myfl_load_db_tabbox) Warning: Table is empty\n");
+  EXPECT_EQ(db_depth(), 0);
+
+  Table t;
+  t.rows = {{sizeof(Rec), 4, "Vier, Anna"}, {sizeof(Rec), 13, "Dreizehn"}, {sizeof(Rec), 5, "F"}};
+  fl_set_tabbox_comma(tb_, 2);
+  EXPECT_EQ(myfl_load_db_tabbox(&session, tb_, rec_line, first_rec, next_rec, &t), 1);
+  EXPECT_EQ(db_depth(), 0);
+  EXPECT_EQ(Get_ValueDecimals(), -1);
+  EXPECT_EQ(g_decimals, (std::vector<int>{2, 2}));
+  EXPECT_EQ(ids(), (std::vector<int>{4, 5}));
+  EXPECT_EQ(field(1, 2), "Vier, Anna");
+  // The lines own copies of the loader's record.
+  EXPECT_NE(myfl_get_tabbox_item_info(tb_, 1), myfl_get_tabbox_item_info(tb_, 2));
+
+  // The record lists: replaced, or appended to.
+  Rec a = {sizeof(Rec), 21, "a"}, b = {sizeof(Rec), 22, "b"};
+  void *list[] = {&a, &b};
+  EXPECT_EQ(myfl_load_multiple_tabbox_1(&session, tb_, rec_line, list, 2), 1);
+  EXPECT_EQ(ids(), (std::vector<int>{4, 5, 21, 22}));
+  EXPECT_EQ(myfl_load_single_tabbox(&session, tb_, rec_line, &b), 1);
+  EXPECT_EQ(ids(), (std::vector<int>{22}));
+  fl_select_tabbox_line(tb_, 1);
+  std::vector<void *> sel;
+  EXPECT_EQ(myfl_get_multiple_tabbox(tb_, &sel), 1);
+
+  // State: the selected record is found again after a reload.
+  EXPECT_EQ(myfl_restore_tabbox_state(tb_), 0);
+  EXPECT_NE(g_out.find("(myfl_restore_tabbox_state) Data not defined\n"), std::string::npos);
+  myfl_set_tabbox_compfunc(tb_, [](const void *x, const void *y) { return id_of(x) - id_of(y); });
+  EXPECT_EQ(myfl_load_multiple_tabbox(&session, tb_, rec_line, list, 2), 1);
+  fl_select_tabbox_line(tb_, 2);
+  myfl_save_tabbox_state(tb_);
+  void *rev[] = {&b, &a};
+  myfl_load_multiple_tabbox(&session, tb_, rec_line, rev, 2);
+  fl_deselectall_tabbox(tb_);
+  EXPECT_EQ(myfl_restore_tabbox_state(tb_), 1);
+  EXPECT_EQ(fl_get_tabbox(tb_), 1);
+  EXPECT_EQ(db_depth(), 0);
+}
+
+TEST_F(DbTabbox, ProgrammingErrorsEndTheProgram) {
+  auto dies = [](auto fn, const char *re) {
+    EXPECT_EXIT(
+        {
+          msg_set_handler(to_stderr);
+          fn();
+        },
+        ::testing::ExitedWithCode(1), re);
+  };
+  dies([&] { myfl_get_tabbox(tb_); }, "\\(myfl_get_tabbox\\) Tabbox not defined");
+  dies([&] { addto_tabbox_line(tb_, "x", nullptr); }, "\\(addto_tabbox_line\\) Tabbox not defined");
+  myfl_init_tabbox(form_, tb_, "Liste", title_nr_name, nullptr);
+  dies([&] { myfl_init_tabbox(form_, tb_, "Liste", title_nr_name, nullptr); },
+       "\\(init_tabbox\\) Tabbox already defined");
+  DBSESSION session;
+  session.disabled = 1;
+  dies([&] { myfl_save_db_tabbox(&session, tb_); },
+       "\\(myfl_save_db_tabbox\\) Tabbox is no database tabbox");
+  dies([&] { myfl_load_db_tabbox(&session, tb_, rec_line, first_rec, next_rec, nullptr); },
+       "\\(myfl_load_db_tabbox\\) Tabbox is no database tabbox");
+  dies([&] { myfl_replace_tabbox_line_idx_1(tb_, "1,a", nullptr); },
+       "\\(myfl_replace_tabbox_line_idx_1\\) TABLE_Data not defined");
+  std::string many;
+  for (int i = 0; i < 501; ++i) many += "c,";
+  dies([&] { myfl_set_tabbox_kz_dbnames(tb_, 1, many.c_str()); },
+       "\\(myfl_set_tabbox_kz_dbnames\\) Too many columns \\(max = 500\\)");
+  myfl_free_tabbox(tb_);
+  Table t;
+  t.rows = {{sizeof(Rec), 1, "x"}};
+  myfl_init_db_tabbox(form_, tb_, "Kunden", title_nr_name, nullptr, nullptr, nullptr, nullptr,
+                      nullptr);
+  dies([&] { myfl_load_db_tabbox(&session, tb_, rec_line, first_rec, next_rec, &t); },
+       "\\(myfl_load_db_tabbox\\) TABLE_New\\(\\) not defined");
+}
+
+} // namespace

@@ -1,0 +1,231 @@
+// The tabbox settings line: written from the tabbox's properties, applied by
+// the settings hook when the title is set (more or fewer columns than saved,
+// bad tokens), the no-settings registration, and the width edits made by a
+// drag in the title line and by "Spalten optimieren" on the real widget.
+#include "framework/tabset.h"
+#include "framework/dbtabbox.h"
+
+#include "base/ini.h"
+#include "base/msg.h"
+#include "forms/dialogs.h"
+#include "forms/forms.h"
+#include "forms/mytabs.h"
+#include "forms/mytabs_draw.h"
+#include "framework_env.h"
+
+#include <QTest>
+#include <QWidget>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace {
+
+std::string g_out;
+void capture(const char *text) { g_out += text; }
+
+std::string g_title = "Name,Ort,Anzahl";
+const char *title_fn(FL_OBJECT *) { return g_title.c_str(); }
+
+class TabSet : public ::testing::Test {
+protected:
+  void SetUp() override {
+    g_out.clear();
+    g_title = "Name,Ort,Anzahl";
+    fl_seam_clear();
+    msg_set_handler(capture);
+    dir_ = std::filesystem::temp_directory_path() /
+           ("zentiq_tabset_" + std::to_string(getpid()) + "_" +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::filesystem::create_directories(dir_);
+    base_ = (dir_ / "app").string();
+    myfl_set_tabbox_ini_base(base_.c_str());
+    myfl_install_tabbox_settings();
+    form_ = fl_begin_form(0, 420, 260);
+    tb_ = fl_add_tabbox(0, 10, 10, 400, 240, "");
+    fl_end_form();
+  }
+  void TearDown() override {
+    if (myfl_find_tabbox(tb_)) myfl_free_tabbox(tb_);
+    fl_free_form(form_);
+    msg_set_handler(nullptr);
+    fl_set_tabbox_settings_hook(nullptr);
+    fl_set_tabbox_colwidth_hook(nullptr);
+    fl_set_tabbox_optimize_hook(nullptr);
+    fl_set_tabbox_refresh_hook(nullptr);
+    std::filesystem::remove_all(dir_);
+  }
+  std::string ini() {
+    std::ifstream in(base_ + ".ini");
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+  }
+  void put(const char *key, const char *line) { INI_PutLine(base_.c_str(), key, line); }
+  void reg(const char *name) {
+    myfl_init_tabbox(form_, tb_, name, title_fn, nullptr);
+    myfl_addto_tabbox_line(tb_, "Anna,Köln,3", nullptr);
+    myfl_addto_tabbox_line(tb_, "Bernhard Maximilian,Ulm,12", nullptr);
+  }
+  struct Props {
+    int nslots, *end, *order, *visible, nsort, *cols, *dirs, maxwidth, *colmax;
+  };
+  Props props() {
+    Props p{};
+    fl_get_tabbox_properties(tb_, &p.nslots, &p.end, &p.order, &p.visible, &p.nsort, &p.cols,
+                             &p.dirs, &p.maxwidth, &p.colmax);
+    return p;
+  }
+  std::string shown_title() {
+    fl_layout_tabbox(tb_);
+    return fl_get_tabbox_title(tb_);
+  }
+  std::filesystem::path dir_;
+  std::string base_;
+  FL_FORM *form_ = nullptr;
+  FL_OBJECT *tb_ = nullptr;
+};
+
+TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
+  reg("Kunden");
+  myfl_set_tabbox_tablenr(tb_, 2);
+  Props p = props();
+  ASSERT_EQ(p.nslots, 4);
+  p.order[1] = 3;
+  p.order[2] = 1;
+  p.order[3] = -1;
+  p.visible[2] = 0;
+  p.colmax[3] = 12;
+  const int cols[] = {1}, dirs[] = {1};
+  fl_set_tabbox_sort(tb_, 1, cols, dirs);
+  ASSERT_EQ(myfl_save_tabbox_ini(tb_), 1);
+  EXPECT_EQ(ini(), "[Kunden_2] 0 4 3 1 -1 1u 3|12 \n");
+
+  // Setting the title again resets the columns; the hook restores them.
+  myfl_draw_tabbox(tb_);
+  p = props();
+  EXPECT_EQ(p.order[1], 3);
+  EXPECT_EQ(p.order[2], 1);
+  EXPECT_EQ(p.order[3], -1);
+  EXPECT_EQ(p.visible[2], 0);
+  EXPECT_EQ(p.colmax[3], 12);
+  EXPECT_EQ(p.nsort, 1);
+  EXPECT_EQ(shown_title(), "Anzahl | Name" + std::string(15, ' '));
+
+  // Vertical display, database names, a global width and a descending key.
+  put("Kunden_2", "[Kunden_2] v 1 4 1 2 3 2d 7m \n");
+  myfl_draw_tabbox(tb_);
+  EXPECT_EQ(fl_get_tabbox_vert(tb_), 1);
+  EXPECT_EQ(myfl_get_tabbox_kz_dbnames(tb_), 1);
+  p = props();
+  EXPECT_EQ(p.maxwidth, 7);
+  ASSERT_EQ(p.nsort, 1);
+  EXPECT_EQ(p.cols[0], 2);
+  EXPECT_EQ(p.dirs[0], 0);
+  myfl_save_tabbox_ini(tb_);
+  EXPECT_EQ(ini(), "[Kunden_2] v 1 4 1 2 3 2d 7m \n");
+}
+
+TEST_F(TabSet, ColumnsBeyondTheSavedOnesAreAppended) {
+  put("Liste", "[Liste] 0 3 2 -1 \n");
+  g_title = "Name,Ort,Anzahl,Datum";
+  reg("Liste");
+  Props p = props();
+  ASSERT_EQ(p.nslots, 5);
+  // Saved: only column 2 shown; columns 3 and 4 are new and follow it.
+  EXPECT_EQ(p.order[1], 2);
+  EXPECT_EQ(p.order[2], 3);
+  EXPECT_EQ(p.order[3], 4);
+  EXPECT_EQ(p.order[4], -1);
+  EXPECT_EQ(p.visible[1], 0);
+  EXPECT_EQ(p.visible[4], 1);
+  EXPECT_EQ(g_out.find("ini-file"), std::string::npos);
+}
+
+TEST_F(TabSet, AnEntryForMoreColumnsIsDropped) {
+  put("Liste", "[Liste] 0 6 5 4 3 2 1 \n");
+  put("Andere", "[Andere] 0 2 1 \n");
+  reg("Liste");
+  EXPECT_EQ(g_out, "ini-file: wrong tabbox definition (Liste)!\n");
+  EXPECT_EQ(ini(), "[Andere] 0 2 1 \n");
+  Props p = props();
+  for (int k = 1; k < p.nslots; ++k) {
+    EXPECT_EQ(p.order[k], k);
+    EXPECT_EQ(p.visible[k], 1);
+  }
+}
+
+TEST_F(TabSet, BadTokensAreReportedAndSkipped) {
+  put("Liste", "[Liste] 0 4 1 2 3 0|5 7|5 2|3 9u 1u x \n");
+  reg("Liste");
+  g_out.clear();
+  myfl_draw_tabbox(tb_);
+  EXPECT_EQ(g_out, "ini-file: wrong max-width definition (Liste)!\n"
+                   "ini-file: wrong max-width definition (Liste)!\n"
+                   "ini-file: wrong sort definition (Liste)!\n");
+  Props p = props();
+  EXPECT_EQ(p.colmax[2], 3);
+  EXPECT_EQ(p.colmax[1], -1);
+  ASSERT_EQ(p.nsort, 1);
+  EXPECT_EQ(p.cols[0], 1);
+}
+
+TEST_F(TabSet, NoIniRegistrationDropsTheEntryOnce) {
+  put("ZTQ", "[ZTQ] 0 4 3 -1 \n");
+  myfl_init_db_tabbox_no_ini(form_, tb_, "ZTQ", title_fn, nullptr, nullptr, nullptr, nullptr,
+                             nullptr);
+  EXPECT_EQ(ini(), "");
+  EXPECT_EQ(props().visible[1], 1);
+  // Later settings of the same run apply again.
+  put("ZTQ", "[ZTQ] 0 4 3 -1 \n");
+  myfl_draw_tabbox(tb_);
+  EXPECT_EQ(props().visible[1], 0);
+}
+
+TEST_F(TabSet, WidthTokensAreEditedUnderThePlainName) {
+  reg("Liste");
+  myfl_set_tabbox_tablenr(tb_, 4);
+  put("Liste", "[Liste] 0 4 1 2 3 2|7 12|1 \n");
+  myfl_set_tabbox_colwidth_ini(tb_, 2, 9);
+  EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 2|9 12|1 \n");
+  myfl_set_tabbox_colwidth_ini(tb_, 3, 4);
+  EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 2|9 12|1 3|4 \n");
+  myfl_clear_tabbox_colwidth_ini(tb_, 2);
+  EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 12|1 3|4 \n");
+  myfl_clear_tabbox_colwidths_ini(tb_);
+  EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 \n");
+}
+
+TEST_F(TabSet, DragAndOptimiseOnTheWidgetUpdateTheEntry) {
+  reg("Liste");
+  show_and_activate(form_);
+  fl_layout_tabbox(tb_);
+  myfl_save_tabbox_ini(tb_);
+  EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 \n");
+  FL_TABBOX_REC *r = fl_tabbox_record(tb_);
+  const int cw = r->char_w;
+  auto cell = [&](int pos) {
+    return QPoint(tabbox_text_x(tb_) + pos * cw + cw / 2, r->char_h / 2 + 2);
+  };
+  // The bar after "Name" (19 wide) dragged five characters to the left.
+  int bar = static_cast<int>(std::string(fl_get_tabbox_title(tb_)).find('|'));
+  QTest::mousePress(tb_->widget, Qt::LeftButton, {}, cell(bar));
+  QTest::mouseRelease(tb_->widget, Qt::LeftButton, {}, cell(bar - 5));
+  EXPECT_EQ(r->col_maxwidth[1], bar - 6);
+  EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 1|" + std::to_string(bar - 6) + " \n");
+  // "Spalten optimieren" from the popup.
+  fl_seam_queue_popup(2);
+  QTest::mouseClick(tb_->widget, Qt::RightButton, {},
+                    QPoint(30, tabbox_list_y(tb_) + r->char_h / 2));
+  EXPECT_EQ(r->col_maxwidth[1], -1);
+  EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 \n");
+  fl_hide_form(form_);
+}
+
+} // namespace
