@@ -118,8 +118,6 @@ int tab_handler(FL_FORM *form, int backward) {
   return 0;
 }
 
-int modifier_source(int key) { return myfl_get_modifier(key); }
-
 } // namespace
 
 void myfl_define_focus_first(FL_FORM *form, FL_OBJECT *obj) {
@@ -231,5 +229,7 @@ void myfl_install_keyboard_hook() {
   g_installed = true;
   fl_set_key_hook(key_hook);
   fl_set_tab_handler(tab_handler);
-  fl_set_tabbox_modifier_hook(modifier_source);
+  // The tabbox keeps reading Shift and Control from the event it handles: the
+  // same keys as the flags here, but never stuck after a message box took a
+  // key's release.
 }

@@ -55,8 +55,8 @@ int myfl_call_ctrl_tabbox_down(FL_FORM *form);
 int myfl_call_ctrl_tabbox_pgup(FL_FORM *form);
 int myfl_call_ctrl_tabbox_pgdown(FL_FORM *form);
 
-// Installs the framework's keyboard hook, Tab handler and the tabbox's
-// modifier source (once; later calls do nothing). myfl_show_form calls it.
+// Installs the framework's keyboard hook and Tab handler (once; later calls
+// do nothing). myfl_show_form calls it.
 // The hook, for every key of a form:
 //   - Shift, Alt and Control keep the modifier state (place.h);
 //   - with the focus in a tabbox, the tabbox handles its keys itself;
