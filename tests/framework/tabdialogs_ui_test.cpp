@@ -1,0 +1,283 @@
+// The tabbox dialogs on the (offscreen) screen: reached from the tabbox's
+// popup and keys, driven with clicks and typing, boxes answered through the
+// seam. Export text and file, the settings dialog written to the settings
+// line, the sort dialog, the viewer and the zoom editor.
+#include "framework/tabdialogs.h"
+#include "framework/dbtabbox.h"
+#include "framework/tabexport.h"
+#include "framework/tabset.h"
+
+#include "base/msg.h"
+#include "forms/dialogs.h"
+#include "forms/editor.h"
+#include "forms/forms.h"
+#include "forms/mytabs.h"
+#include "forms/mytabs_draw.h"
+#include "framework_env.h"
+
+#include <QApplication>
+#include <QTest>
+#include <QWidget>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace {
+
+std::string g_out;
+void capture(const char *text) { g_out += text; }
+
+const char *title_fn(FL_OBJECT *) { return "Name,Wert,Ort"; }
+
+std::string read_file(const std::filesystem::path &p) {
+  std::ifstream in(p, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+class TabDialogs : public ::testing::Test {
+protected:
+  void SetUp() override {
+    g_out.clear();
+    fl_seam_clear();
+    msg_set_handler(capture);
+    dir_ = std::filesystem::temp_directory_path() /
+           ("zentiq_tabdlg_" + std::to_string(getpid()) + "_" +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::filesystem::create_directories(dir_);
+    myfl_set_tabbox_ini_base((dir_ / "app").c_str());
+    myfl_install_tabbox_settings();
+    myfl_create_tabbox_dialogs();
+  }
+  void TearDown() override {
+    if (tb_ && myfl_find_tabbox(tb_)) myfl_free_tabbox(tb_);
+    if (form_) fl_free_form(form_);
+    myfl_free_tabbox_dialogs();
+    msg_set_handler(nullptr);
+    fl_set_tabbox_settings_hook(nullptr);
+    fl_set_tabbox_colwidth_hook(nullptr);
+    fl_set_tabbox_optimize_hook(nullptr);
+    fl_set_tabbox_refresh_hook(nullptr);
+    std::filesystem::remove_all(dir_);
+  }
+  // A managed tabbox of the type with three lines, shown.
+  void make(int type) {
+    form_ = fl_begin_form(0, 420, 260);
+    tb_ = fl_add_tabbox(type, 10, 10, 400, 240, "");
+    fl_end_form();
+    myfl_init_tabbox(form_, tb_, "Liste", title_fn, nullptr);
+    myfl_addto_tabbox_line(tb_, "Anna,1.5,Köln", nullptr);
+    myfl_addto_tabbox_line(tb_, "\"B\tC\",1.2.3,a.b", nullptr);
+    myfl_addto_tabbox_line(tb_, "Dora,-7,Ulm", nullptr);
+    show_and_activate(form_);
+    fl_layout_tabbox(tb_);
+  }
+  void popup(int item) {
+    fl_seam_queue_popup(item);
+    FL_TABBOX_REC *r = fl_tabbox_record(tb_);
+    QTest::mouseClick(tb_->widget, Qt::RightButton, {},
+                      QPoint(30, tabbox_list_y(tb_) + r->char_h / 2));
+  }
+  void click(FL_OBJECT *button) { QTest::mouseClick(button->widget, Qt::LeftButton); }
+  void type_into(FL_OBJECT *input, const char *text) {
+    fl_set_input(input, "");
+    QTest::keyClicks(input->widget, QString::fromLatin1(text));
+  }
+  std::string last_box() { return fl_seam_shown().empty() ? "" : fl_seam_shown().back().text; }
+  std::filesystem::path dir_;
+  FL_FORM *form_ = nullptr;
+  FL_OBJECT *tb_ = nullptr;
+};
+
+TEST_F(TabDialogs, ExportTextTurnsPlainNumbersToCommas) {
+  make(2);
+  std::string text, error;
+  ASSERT_EQ(myfl_export_tabbox_text(tb_, 1, &text, &error), 1);
+  EXPECT_EQ(text, "Name\tWert\tOrt\n"
+                  "Anna\t1,5\tKöln\n"
+                  "B_C\t1.2.3\ta.b\n"
+                  "Dora\t-7\tUlm\n");
+  // Only the shown columns, in display order.
+  int n, *end, *order, *visible, nsort, *cols, *dirs, maxwidth, *colmax;
+  fl_get_tabbox_properties(tb_, &n, &end, &order, &visible, &nsort, &cols, &dirs, &maxwidth,
+                           &colmax);
+  order[1] = 3;
+  order[2] = 1;
+  order[3] = 2;
+  visible[2] = 0;
+  ASSERT_EQ(myfl_export_tabbox_text(tb_, 0, &text, &error), 1);
+  EXPECT_EQ(text, "Ort\tName\nKöln\tAnna\na.b\tB_C\nUlm\tDora\n");
+
+  EXPECT_EQ(myfl_valid_filename("daten/export 1"), 1);
+  EXPECT_EQ(myfl_valid_filename("a*b"), 0);
+  EXPECT_EQ(myfl_valid_filename(""), 0);
+  EXPECT_EQ(myfl_export_filename("x"), "x.csv");
+  EXPECT_EQ(myfl_export_filename("x.csv"), "x.csv");
+
+  // A tabbox without a title has no consistent columns.
+  FL_FORM *f = fl_begin_form(0, 100, 100);
+  FL_OBJECT *bare = fl_add_tabbox(1, 0, 0, 100, 100, "");
+  fl_end_form();
+  EXPECT_EQ(myfl_export_tabbox_text(bare, 1, &text, &error), 0);
+  EXPECT_EQ(error, "Es ist ein Fehler aufgetreten (Tabellenanzahl inkonsistent)");
+  fl_free_form(f);
+}
+
+TEST_F(TabDialogs, ExportDialogWritesAndAsksBeforeOverwriting) {
+  make(2);
+  MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
+  popup(3);
+  ASSERT_TRUE(d.exp->visible);
+  type_into(d.exp_name, "a*b");
+  click(d.exp_all);
+  EXPECT_EQ(last_box(), "Ungültiger Dateiname");
+  EXPECT_TRUE(d.exp->visible);
+
+  std::string base = (dir_ / "liste").string();
+  type_into(d.exp_name, base.c_str());
+  click(d.exp_shown);
+  EXPECT_FALSE(d.exp->visible);
+  std::filesystem::path file = base + ".csv";
+  EXPECT_EQ(read_file(file).substr(0, 14), "Name\tWert\tOrt\n");
+
+  // Existing file: "Nein" keeps it and the dialog, "Ja" overwrites.
+  std::ofstream(file) << "alt";
+  popup(3);
+  fl_seam_queue_answer(2);
+  click(d.exp_all);
+  EXPECT_EQ(last_box(), "Soll Datei überschrieben werden?");
+  EXPECT_EQ(read_file(file), "alt");
+  EXPECT_TRUE(d.exp->visible);
+  fl_seam_queue_answer(1);
+  click(d.exp_all);
+  EXPECT_EQ(read_file(file).substr(0, 14), "Name\tWert\tOrt\n");
+  EXPECT_FALSE(d.exp->visible);
+  myfl_close_tabbox_export();
+  EXPECT_EQ(g_out, "Export-Tabbox-Dialog bereits geschlossen\n");
+}
+
+TEST_F(TabDialogs, SettingsDialogWritesTheSettingsLine) {
+  make(0);
+  MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
+  // Reached from the sort dialog of the popup.
+  popup(1);
+  ASSERT_TRUE(d.sort->visible);
+  click(d.sort_settings);
+  ASSERT_TRUE(d.settings->visible);
+  EXPECT_FALSE(d.sort->visible);
+  EXPECT_EQ(fl_get_listbox_maxline(d.set_selected), 3);
+  EXPECT_EQ(fl_get_listbox_maxline(d.set_available), 0);
+
+  // "Wert" moved out of the shown columns.
+  fl_select_listbox_line(d.set_selected, 2);
+  click(d.set_remove);
+  EXPECT_EQ(std::string(fl_get_listbox_line(d.set_available, 1)), "Wert");
+  // A descending key on "Name".
+  fl_select_listbox_line(d.set_selected, 1);
+  click(d.set_down);
+  EXPECT_EQ(std::string(fl_get_listbox_line(d.set_sort, 1)), "Name (abw)");
+  type_into(d.set_comma, "25");
+  click(d.set_ok);
+  EXPECT_EQ(last_box(), "Maximal 20 Nachkommastellen sind zulässig!");
+  EXPECT_TRUE(d.settings->visible);
+
+  type_into(d.set_comma, "2");
+  type_into(d.set_maxwidth, "3");
+  fl_set_button(d.set_vertical, 1);
+  click(d.set_ok);
+  EXPECT_FALSE(d.settings->visible);
+  EXPECT_EQ(last_box(), "Nachkommastellen werden erst nach Neubefüllung berücksichtigt!");
+  EXPECT_EQ(read_file(dir_ / "app.ini"), "[Liste] v 0 4 1 3 -1 1d 3m \n");
+  EXPECT_EQ(fl_get_tabbox_vert(tb_), 1);
+  EXPECT_EQ(fl_get_tabbox_comma(tb_), 2);
+  // The tabbox was refreshed with the stored settings.
+  fl_layout_tabbox(tb_);
+  EXPECT_EQ(std::string(fl_get_tabbox_title(tb_)), "Nam~| Ort");
+  EXPECT_EQ(std::string(fl_get_tabbox_line(tb_, 1)), "Dor~| Ulm");
+
+  // On the main result tabbox decimal places are refused.
+  myfl_set_main_tabbox(tb_);
+  myfl_open_tabbox_settings(tb_);
+  type_into(d.set_comma, "4");
+  click(d.set_ok);
+  EXPECT_EQ(last_box(), "Nachkommastellen-Definition nicht möglich.");
+  EXPECT_EQ(fl_get_tabbox_comma(tb_), -1);
+  myfl_set_main_tabbox(nullptr);
+}
+
+TEST_F(TabDialogs, SortDialogSetsAndStoresTheKeys) {
+  make(2);
+  MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
+  popup(1);
+  ASSERT_TRUE(d.sort->visible);
+  fl_select_listbox_line(d.sort_columns, 3);
+  click(d.sort_up);
+  fl_select_listbox_line(d.sort_columns, 1);
+  click(d.sort_down);
+  click(d.sort_up); // the same column again: only its direction changes
+  EXPECT_EQ(fl_get_listbox_maxline(d.sort_keys), 2);
+  click(d.sort_ok);
+  EXPECT_FALSE(d.sort->visible);
+  EXPECT_EQ(read_file(dir_ / "app.ini"), "[Liste] 0 4 1 2 3 3u 1u \n");
+  fl_layout_tabbox(tb_);
+  EXPECT_EQ(std::string(fl_get_tabbox_full_line(tb_, 1)).substr(0, 4), "B\tC ");
+  myfl_close_tabbox_sort();
+  EXPECT_EQ(g_out, "Sortierung-Tabbox-Dialog bereits geschlossen\n");
+}
+
+TEST_F(TabDialogs, ViewerShowsTheSelectedLine) {
+  make(2);
+  MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
+  myfl_open_tabbox_viewer(tb_);
+  EXPECT_EQ(last_box(), "Keine Daten darstellbar");
+  EXPECT_FALSE(d.viewer->visible);
+  fl_select_tabbox_line(tb_, 3);
+  QTest::keyClick(tb_->widget, Qt::Key_F2);
+  ASSERT_TRUE(d.viewer->visible);
+  FL_OBJECT *v = d.viewer_tabbox;
+  EXPECT_EQ(fl_get_tabbox_vert(v), 1);
+  char *attr = fl_get_tabbox_vert_attr_line(v, 2);
+  char *value = fl_get_tabbox_vert_attr_line_value(v, 2);
+  ASSERT_NE(attr, nullptr);
+  ASSERT_NE(value, nullptr);
+  EXPECT_EQ(std::string(attr), "Wert");
+  EXPECT_EQ(std::string(value), "-7");
+  std::free(attr);
+  std::free(value);
+  click(d.viewer_close);
+  EXPECT_FALSE(d.viewer->visible);
+  myfl_close_tabbox_viewer();
+  EXPECT_EQ(g_out, "Tabbox-Viewer-Dialog bereits geschlossen\n");
+}
+
+TEST_F(TabDialogs, ZoomEditorTakesTheTextBack) {
+  form_ = fl_begin_form(0, 420, 260);
+  FL_OBJECT *input = fl_add_editor(0, 10, 30, 400, 200, "");
+  fl_end_form();
+  show_and_activate(form_);
+  fl_set_input(input, "SELECT * FROM Kunden");
+  MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
+  click(fl_get_editor(input)->zoom);
+  ASSERT_TRUE(d.zoom->visible);
+  EXPECT_EQ(std::string(fl_get_input(d.zoom_text)), "SELECT * FROM Kunden");
+  fl_set_input(d.zoom_text, "SELECT Name FROM Kunden WHERE Ort = 'Köln'");
+  click(d.zoom_ok);
+  EXPECT_FALSE(d.zoom->visible);
+  EXPECT_EQ(std::string(fl_get_input(input)), "SELECT Name FROM Kunden WHERE Ort = 'Köln'");
+  // Cancel leaves the editor alone.
+  click(fl_get_editor(input)->zoom);
+  fl_set_input(d.zoom_text, "anders");
+  click(d.zoom_cancel);
+  EXPECT_EQ(std::string(fl_get_input(input)), "SELECT Name FROM Kunden WHERE Ort = 'Köln'");
+  myfl_close_editor_zoom();
+  EXPECT_EQ(g_out, "Editor-Zoom-Dialog bereits geschlossen\n");
+}
+
+} // namespace
