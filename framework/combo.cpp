@@ -108,8 +108,9 @@ int set_cmb_code(MYFL_CMB *c, const char *code_in, bool show, bool with_cb) {
   if (show && !c->dependent) {
     for (auto &d : g_combos) {
       if (d->dependent && d->parent == c->input) {
+        // The old choice below may not exist under the new code.
         d->chosen = -1;
-        fl_set_input(d->input, "");
+        set_cmb_code(d.get(), "", true, with_cb);
       }
     }
   }

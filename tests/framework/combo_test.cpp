@@ -175,6 +175,34 @@ TEST_F(Combo, TypedTextAndArrowKeysChooseEntries) {
   fl_hide_form(form_);
 }
 
+TEST_F(Combo, DependentComboOffersOnlyEntriesOfTheSuperordinateCode) {
+  myfl_init_data_cmb(form_, input_, nullptr, "Deutschland,DE|Frankreich,FR", 1);
+  myfl_init_fhk_svz_cmb(form_, other_, nullptr, nullptr, 5, input_, 0);
+  // Fill as a key directory would: text, code, superordinate code.
+  MYFL_CMB *city = myfl_get_cmb(other_);
+  city->texts = {" ", "Berlin", "Paris"};
+  city->codes = {"    ", "B", "P"};
+  city->parent_codes = {"", "DE", "FR"};
+  city->order = {0, 1, 2};
+  myfl_set_cmb_callback(other_, on_change, 0);
+  myfl_set_cmb_code(input_, "DE");
+  EXPECT_EQ(myfl_valid_cmb_code(other_, "B"), 1);
+  EXPECT_EQ(myfl_valid_cmb_code(other_, "P"), 0);
+  EXPECT_EQ(myfl_set_cmb_code(other_, "B"), 1);
+  EXPECT_STREQ(fl_get_input(other_), "Berlin");
+  g_changes = 0;
+  myfl_set_cmb_code(input_, "FR");
+  EXPECT_STREQ(myfl_get_cmb_code(other_), "    ") << "a new superordinate code empties it";
+  EXPECT_STREQ(fl_get_input(other_), "");
+  EXPECT_EQ(g_changes, 1);
+  myfl_cb_open_cmb(other_, 0);
+  ASSERT_NE(myfl_cmb_list(), nullptr);
+  EXPECT_EQ(myfl_cmb_list()->count(), 2);
+  EXPECT_EQ(myfl_cmb_list()->item(1)->text(), "Paris");
+  myfl_close_cmb_list();
+  EXPECT_TRUE(g_msgs.empty()) << g_msgs;
+}
+
 TEST_F(Combo, KeyDirectoryWithoutRowsWarnsAndStaysEmpty) {
   DBSESSION session;
   session.disabled = 1; // every statement succeeds without rows
