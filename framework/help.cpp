@@ -141,16 +141,17 @@ void cb_edit(FL_OBJECT *, long) {
 
 void cb_external(FL_OBJECT *, long) {
   if (!g_dialog.edit_mode) {
-    g_dialog.edit_mode = 1;
-    fl_set_object_label(g_dialog.external, "Netscape speichern");
-    fl_set_object_shortcut(g_dialog.external, "^N^n", 0);
-    fl_deactivate_object(g_dialog.edit);
-    fl_set_object_label(g_dialog.status, "Editier-Modus");
+    // Without the temporary file there is nothing to edit: stay in display mode.
     File f(std::fopen(kTempFile, "wb"));
     if (!f) {
       msg_print("Cannot open file '%s'!", kTempFile);
       return;
     }
+    g_dialog.edit_mode = 1;
+    fl_set_object_label(g_dialog.external, "Netscape speichern");
+    fl_set_object_shortcut(g_dialog.external, "^N^n", 0);
+    fl_deactivate_object(g_dialog.edit);
+    fl_set_object_label(g_dialog.status, "Editier-Modus");
     std::string raw = myfl_read_help(g_dialog.key.c_str());
     std::fputs("<html>\n<body>\n", f.get());
     std::fwrite(raw.data(), 1, raw.size(), f.get());
