@@ -9,6 +9,7 @@
 #include "forms/editor.h"
 #include "forms/mytabs.h"
 #include "framework/dbtabbox.h"
+#include "framework/place.h"
 #include "framework/tabexport.h"
 #include "framework/tabset.h"
 
@@ -58,11 +59,12 @@ std::string key_text(FL_OBJECT *tb, int col, int dir) {
 
 bool is_open(FL_FORM *form) { return form && form->visible; }
 
+// Shows the dialog at its remembered place, or raises it when it is open.
 void show(FL_FORM *form, const char *title) {
   if (form->visible)
     fl_raise_form(form);
   else
-    fl_show_form(form, FL_PLACE_CENTER, 1, title);
+    myfl_show_form(form, title);
 }
 
 void close_form(FL_FORM *form, const char *closed_text) {
@@ -70,11 +72,22 @@ void close_form(FL_FORM *form, const char *closed_text) {
     msg_print("%s\n", closed_text);
     return;
   }
-  fl_hide_form(form);
+  myfl_hide_form(form);
 }
 
-// Close handlers: the dialog is hidden by the toolkit, not freed.
-int hide_on_close(FL_FORM *, void *) { return 0; }
+// Close handler of every dialog: it is hidden (its place remembered), never
+// freed.
+int hide_on_close(FL_FORM *form, void *) {
+  myfl_hide_form(form);
+  return -1;
+}
+
+// Names the dialog (the key of its remembered place) and sets its close
+// handler.
+void finish_dialog(FL_FORM *form, const char *name) {
+  myfl_set_form_name(form, -1, name);
+  myfl_set_form_atclose(form, hide_on_close, nullptr);
+}
 
 // ---- Sort keys shared by the settings and the sort dialog ---------------------------
 
@@ -216,7 +229,7 @@ void set_ok_cb(FL_OBJECT *, long) {
     std::string line =
         myfl_tabbox_ini_line(key, vertical, kz, p.n, p.order, nkeys, g_set.keys.data(),
                              g_set.dirs.data(), p.maxwidth, p.colmax);
-    INI_PutLine(myfl_get_tabbox_ini_base(), key.c_str(), line.c_str());
+    INI_PutLine(myfl_get_appl_name(), key.c_str(), line.c_str());
   }
   fl_set_tabbox_sort(tb, nkeys, g_set.keys.data(), g_set.dirs.data());
   if (vertical)
@@ -232,10 +245,10 @@ void set_ok_cb(FL_OBJECT *, long) {
     }
   }
   refresh(tb);
-  fl_hide_form(g_dlg.settings);
+  myfl_hide_form(g_dlg.settings);
 }
 
-void set_cancel_cb(FL_OBJECT *, long) { fl_hide_form(g_dlg.settings); }
+void set_cancel_cb(FL_OBJECT *, long) { myfl_hide_form(g_dlg.settings); }
 
 void build_settings() {
   FL_FORM *f = fl_begin_form(0, 560, 420);
@@ -269,7 +282,7 @@ void build_settings() {
   g_dlg.set_cancel = fl_add_button(FL_NORMAL_BUTTON, 440, 382, 100, 28, "Abbrechen");
   fl_set_object_callback(g_dlg.set_cancel, set_cancel_cb, 0);
   fl_end_form();
-  fl_set_form_atclose(f, hide_on_close, nullptr);
+  finish_dialog(f, "Tabbox Einstellungen");
 }
 
 // ---- Sort dialog --------------------------------------------------------------------
@@ -293,16 +306,16 @@ void sort_ok_cb(FL_OBJECT *, long) {
                      g_sort.dirs.data());
   store(tb);
   fl_draw_tabbox(tb);
-  fl_hide_form(g_dlg.sort);
+  myfl_hide_form(g_dlg.sort);
 }
 
 void sort_settings_cb(FL_OBJECT *, long) {
   FL_OBJECT *tb = g_dlg.tabbox;
-  fl_hide_form(g_dlg.sort);
+  myfl_hide_form(g_dlg.sort);
   if (tb && myfl_find_tabbox(tb)) myfl_open_tabbox_settings(tb);
 }
 
-void sort_cancel_cb(FL_OBJECT *, long) { fl_hide_form(g_dlg.sort); }
+void sort_cancel_cb(FL_OBJECT *, long) { myfl_hide_form(g_dlg.sort); }
 
 void build_sort() {
   FL_FORM *f = fl_begin_form(0, 480, 300);
@@ -324,7 +337,7 @@ void build_sort() {
   g_dlg.sort_cancel = fl_add_button(FL_NORMAL_BUTTON, 360, 255, 100, 28, "Abbrechen");
   fl_set_object_callback(g_dlg.sort_cancel, sort_cancel_cb, 0);
   fl_end_form();
-  fl_set_form_atclose(f, hide_on_close, nullptr);
+  finish_dialog(f, "Sortierung-Tabbox");
 }
 
 // ---- Export dialog ---------------------------------------------------------------------
@@ -351,10 +364,10 @@ void exp_cb(FL_OBJECT *obj, long) {
     fl_show_message("Datei konnte nicht geschrieben werden:", file.c_str(), "");
     return;
   }
-  fl_hide_form(g_dlg.exp);
+  myfl_hide_form(g_dlg.exp);
 }
 
-void exp_cancel_cb(FL_OBJECT *, long) { fl_hide_form(g_dlg.exp); }
+void exp_cancel_cb(FL_OBJECT *, long) { myfl_hide_form(g_dlg.exp); }
 
 void build_export() {
   FL_FORM *f = fl_begin_form(0, 420, 110);
@@ -369,12 +382,12 @@ void build_export() {
   fl_set_object_callback(g_dlg.exp_all, exp_cb, 0);
   fl_set_object_callback(g_dlg.exp_cancel, exp_cancel_cb, 0);
   fl_end_form();
-  fl_set_form_atclose(f, hide_on_close, nullptr);
+  finish_dialog(f, "Tabbox exportieren");
 }
 
 // ---- Viewer ---------------------------------------------------------------------------
 
-void viewer_close_cb(FL_OBJECT *, long) { fl_hide_form(g_dlg.viewer); }
+void viewer_close_cb(FL_OBJECT *, long) { myfl_hide_form(g_dlg.viewer); }
 
 void build_viewer() {
   FL_FORM *f = fl_begin_form(0, 620, 460);
@@ -385,17 +398,17 @@ void build_viewer() {
   g_dlg.viewer_close = fl_add_button(FL_NORMAL_BUTTON, 510, 420, 100, 28, "Schließen");
   fl_set_object_callback(g_dlg.viewer_close, viewer_close_cb, 0);
   fl_end_form();
-  fl_set_form_atclose(f, hide_on_close, nullptr);
+  finish_dialog(f, "Tabbox-Viewer");
 }
 
 // ---- Zoom editor ------------------------------------------------------------------------
 
 void zoom_ok_cb(FL_OBJECT *, long) {
   if (g_dlg.input) fl_set_input(g_dlg.input, fl_get_input(g_dlg.zoom_text));
-  fl_hide_form(g_dlg.zoom);
+  myfl_hide_form(g_dlg.zoom);
 }
 
-void zoom_cancel_cb(FL_OBJECT *, long) { fl_hide_form(g_dlg.zoom); }
+void zoom_cancel_cb(FL_OBJECT *, long) { myfl_hide_form(g_dlg.zoom); }
 
 void build_zoom() {
   FL_FORM *f = fl_begin_form(0, 760, 540);
@@ -407,7 +420,7 @@ void build_zoom() {
   g_dlg.zoom_cancel = fl_add_button(FL_NORMAL_BUTTON, 650, 500, 100, 28, "Abbrechen");
   fl_set_object_callback(g_dlg.zoom_cancel, zoom_cancel_cb, 0);
   fl_end_form();
-  fl_set_form_atclose(f, hide_on_close, nullptr);
+  finish_dialog(f, "Editor-Zoom");
 }
 
 } // namespace
@@ -436,8 +449,10 @@ void myfl_free_tabbox_dialogs() {
   fl_set_tabbox_dialog_hook(FL_TABBOX_EXPORT_DIALOG, nullptr);
   fl_set_tabbox_dialog_hook(FL_TABBOX_VIEWER, nullptr);
   fl_set_editor_zoom_hook(nullptr);
-  for (FL_FORM *f : {g_dlg.settings, g_dlg.sort, g_dlg.exp, g_dlg.viewer, g_dlg.zoom})
+  for (FL_FORM *f : {g_dlg.settings, g_dlg.sort, g_dlg.exp, g_dlg.viewer, g_dlg.zoom}) {
+    myfl_free_forminfo(f);
     fl_free_form(f);
+  }
   g_dlg = MYFL_TABBOX_DIALOGS();
   g_set = ListData();
   g_sort = ListData();

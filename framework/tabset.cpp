@@ -4,6 +4,7 @@
 #include "base/ini.h"
 #include "base/msg.h"
 #include "framework/dbtabbox.h"
+#include "framework/place.h"
 #include "forms/mytabs.h"
 
 #include <algorithm>
@@ -13,7 +14,6 @@
 
 namespace {
 
-std::string g_base = "zentiq";
 int g_in_hook = 0;
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
@@ -68,7 +68,7 @@ bool remove_width_tokens(std::string &v, int col) {
 // The stored value under the tabbox's plain name with its line end removed;
 // false when there is none.
 bool plain_value(MYFL_TABBOX *m, std::string *v) {
-  const char *l = INI_GetLine(g_base.c_str(), m->name.c_str());
+  const char *l = INI_GetLine(myfl_get_appl_name(), m->name.c_str());
   if (!l) return false;
   *v = l;
   while (!v->empty() && (v->back() == '\n' || v->back() == '\r')) v->pop_back();
@@ -76,7 +76,7 @@ bool plain_value(MYFL_TABBOX *m, std::string *v) {
 }
 
 void put_plain(MYFL_TABBOX *m, const std::string &v) {
-  INI_PutLine(g_base.c_str(), m->name.c_str(), (v + "\n").c_str());
+  INI_PutLine(myfl_get_appl_name(), m->name.c_str(), (v + "\n").c_str());
 }
 
 void colwidth_hook(FL_OBJECT *obj, int col, int width) {
@@ -105,9 +105,6 @@ void settings_hook(FL_OBJECT *obj) {
 }
 
 } // namespace
-
-void myfl_set_tabbox_ini_base(const char *name) { g_base = name ? name : ""; }
-const char *myfl_get_tabbox_ini_base() { return g_base.c_str(); }
 
 std::string myfl_tabbox_ini_key(FL_OBJECT *tabbox) {
   std::string name = myfl_get_tabbox_name(tabbox);
@@ -144,7 +141,7 @@ int myfl_save_tabbox_ini(FL_OBJECT *tabbox) {
   std::string key = myfl_tabbox_ini_key(tabbox);
   std::string line = myfl_tabbox_ini_line(key, fl_get_tabbox_vert(tabbox), m->kz_dbnames, slots,
                                           order, nsort, cols, dirs, maxwidth, colmax);
-  INI_PutLine(g_base.c_str(), key.c_str(), line.c_str());
+  INI_PutLine(myfl_get_appl_name(), key.c_str(), line.c_str());
   return 1;
 }
 
@@ -156,7 +153,7 @@ void myfl_load_tabbox_ini(FL_OBJECT *tabbox) {
                                 &maxwidth, &colmax) ||
       slots == 0)
     return;
-  const char *base = g_base.c_str();
+  const char *base = myfl_get_appl_name();
   if (m->no_ini) {
     m->no_ini = 0;
     INI_DeleteLine(base, m->name.c_str());

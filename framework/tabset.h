@@ -8,17 +8,15 @@
 // The dialogs that change the settings are tabdialogs.h's; the registry and
 // the names are dbtabbox.h's; the file format is base/ini.h's.
 //
-// Process-wide state, in tabset.cpp: the INI base name (the application
-// name) and a guard against re-entering the settings hook.
+// The file is "<application name>.ini" (myfl_get_appl_name, place.h).
+//
+// Process-wide state, in tabset.cpp: a guard against re-entering the
+// settings hook.
 #pragma once
 
 #include "forms/forms.h"
 
 #include <string>
-
-// The base name of the INI file ("<name>.ini"); "zentiq" until set.
-void myfl_set_tabbox_ini_base(const char *name);
-const char *myfl_get_tabbox_ini_base();
 
 // The key of the tabbox's entry: its name, or "%s_%d" with the table number
 // when that is 0 or more.

@@ -3,6 +3,7 @@
 // record-producing table that needs no server) and the fatal programming
 // errors.
 #include "framework/dbtabbox.h"
+#include "framework/place.h"
 #include "framework/tabset.h"
 
 #include "base/msg.h"
@@ -90,7 +91,7 @@ protected:
            ("zentiq_dbtabbox_" + std::to_string(getpid()) + "_" +
             ::testing::UnitTest::GetInstance()->current_test_info()->name());
     std::filesystem::create_directories(dir_);
-    myfl_set_tabbox_ini_base((dir_ / "app").c_str());
+    myfl_set_appl_name((dir_ / "app").c_str());
     myfl_install_tabbox_settings();
     form_ = fl_begin_form(0, 420, 260);
     tb_ = fl_add_tabbox(2, 10, 10, 400, 240, "");
@@ -100,6 +101,7 @@ protected:
     if (myfl_find_tabbox(tb_)) myfl_free_tabbox(tb_);
     fl_free_form(form_);
     msg_set_handler(nullptr);
+    myfl_set_appl_name("zentiq");
     fl_set_tabbox_settings_hook(nullptr);
     std::filesystem::remove_all(dir_);
   }

@@ -5,8 +5,10 @@
 #include "framework/tabdialogs.h"
 #include "framework/dbtabbox.h"
 #include "framework/tabexport.h"
+#include "framework/place.h"
 #include "framework/tabset.h"
 
+#include "base/ini.h"
 #include "base/msg.h"
 #include "forms/dialogs.h"
 #include "forms/editor.h"
@@ -52,7 +54,7 @@ protected:
            ("zentiq_tabdlg_" + std::to_string(getpid()) + "_" +
             ::testing::UnitTest::GetInstance()->current_test_info()->name());
     std::filesystem::create_directories(dir_);
-    myfl_set_tabbox_ini_base((dir_ / "app").c_str());
+    myfl_set_appl_name((dir_ / "app").c_str());
     myfl_install_tabbox_settings();
     myfl_create_tabbox_dialogs();
   }
@@ -61,6 +63,7 @@ protected:
     if (form_) fl_free_form(form_);
     myfl_free_tabbox_dialogs();
     msg_set_handler(nullptr);
+    myfl_set_appl_name("zentiq");
     fl_set_tabbox_settings_hook(nullptr);
     fl_set_tabbox_colwidth_hook(nullptr);
     fl_set_tabbox_optimize_hook(nullptr);
@@ -89,6 +92,11 @@ protected:
   void type_into(FL_OBJECT *input, const char *text) {
     fl_set_input(input, "");
     QTest::keyClicks(input->widget, QString::fromLatin1(text));
+  }
+  // The settings line of the tabbox (the file also holds dialog places).
+  std::string setting() {
+    const char *l = INI_GetLine((dir_ / "app").c_str(), "Liste");
+    return l ? l : "";
   }
   std::string last_box() { return fl_seam_shown().empty() ? "" : fl_seam_shown().back().text; }
   std::filesystem::path dir_;
@@ -194,7 +202,7 @@ TEST_F(TabDialogs, SettingsDialogWritesTheSettingsLine) {
   click(d.set_ok);
   EXPECT_FALSE(d.settings->visible);
   EXPECT_EQ(last_box(), "Nachkommastellen werden erst nach Neubefüllung berücksichtigt!");
-  EXPECT_EQ(read_file(dir_ / "app.ini"), "[Liste] v 0 4 1 3 -1 1d 3m \n");
+  EXPECT_EQ(setting(), "[Liste] v 0 4 1 3 -1 1d 3m \n");
   EXPECT_EQ(fl_get_tabbox_vert(tb_), 1);
   EXPECT_EQ(fl_get_tabbox_comma(tb_), 2);
   // The tabbox was refreshed with the stored settings.
@@ -225,7 +233,7 @@ TEST_F(TabDialogs, SortDialogSetsAndStoresTheKeys) {
   EXPECT_EQ(fl_get_listbox_maxline(d.sort_keys), 2);
   click(d.sort_ok);
   EXPECT_FALSE(d.sort->visible);
-  EXPECT_EQ(read_file(dir_ / "app.ini"), "[Liste] 0 4 1 2 3 3u 1u \n");
+  EXPECT_EQ(setting(), "[Liste] 0 4 1 2 3 3u 1u \n");
   fl_layout_tabbox(tb_);
   EXPECT_EQ(std::string(fl_get_tabbox_full_line(tb_, 1)).substr(0, 4), "B\tC ");
   myfl_close_tabbox_sort();

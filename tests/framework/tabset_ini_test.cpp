@@ -2,6 +2,7 @@
 // the settings hook when the title is set (more or fewer columns than saved,
 // bad tokens), the no-settings registration, and the width edits made by a
 // drag in the title line and by "Spalten optimieren" on the real widget.
+#include "framework/place.h"
 #include "framework/tabset.h"
 #include "framework/dbtabbox.h"
 
@@ -45,7 +46,7 @@ protected:
             ::testing::UnitTest::GetInstance()->current_test_info()->name());
     std::filesystem::create_directories(dir_);
     base_ = (dir_ / "app").string();
-    myfl_set_tabbox_ini_base(base_.c_str());
+    myfl_set_appl_name(base_.c_str());
     myfl_install_tabbox_settings();
     form_ = fl_begin_form(0, 420, 260);
     tb_ = fl_add_tabbox(0, 10, 10, 400, 240, "");
@@ -55,6 +56,7 @@ protected:
     if (myfl_find_tabbox(tb_)) myfl_free_tabbox(tb_);
     fl_free_form(form_);
     msg_set_handler(nullptr);
+    myfl_set_appl_name("zentiq");
     fl_set_tabbox_settings_hook(nullptr);
     fl_set_tabbox_colwidth_hook(nullptr);
     fl_set_tabbox_optimize_hook(nullptr);
