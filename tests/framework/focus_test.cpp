@@ -13,7 +13,9 @@
 #include <QTest>
 
 #include <cstdio>
+#include <filesystem>
 #include <string>
+#include <unistd.h>
 
 namespace {
 
@@ -29,6 +31,12 @@ void on_input(FL_OBJECT *, long) { ++g_input_reports; }
 class Focus : public ::testing::Test {
 protected:
   void SetUp() override {
+    // Hiding a form stores its position: keep the INI file out of the way.
+    char tmpl[] = "/tmp/zentiq_focus_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    old_cwd_ = std::filesystem::current_path();
+    std::filesystem::current_path(dir_);
     myfl_install_keyboard_hook();
     form_ = fl_begin_form(0, 400, 300);
     a_ = fl_add_input(FL_NORMAL_INPUT, 60, 10, 100, 24, "A");
@@ -57,7 +65,11 @@ protected:
     msg_set_handler(nullptr);
     myfl_free_forminfo(form_);
     fl_free_form(form_);
+    std::filesystem::current_path(old_cwd_);
+    std::filesystem::remove_all(dir_);
   }
+  std::string dir_;
+  std::filesystem::path old_cwd_;
   FL_FORM *form_ = nullptr;
   FL_OBJECT *a_ = nullptr, *button_ = nullptr, *b_ = nullptr, *multi_ = nullptr, *tabbox_ = nullptr;
 };
