@@ -11,6 +11,7 @@
 #include "forms/mytabs.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -179,9 +180,28 @@ void show_line(MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l, int raw) {
     fl_replace_tabbox_line(m->tabbox, raw, text.c_str());
 }
 
+// A number field of a floating-point column shown with the tabbox's decimal
+// places (fields that are no plain number stay as they are).
+void apply_decimals(std::string &field, int places) {
+  size_t a = field.find_first_not_of(' ');
+  if (a == std::string::npos) return;
+  size_t b = field.find_last_not_of(' ') + 1;
+  double v = 0;
+  auto [end, ec] = std::from_chars(field.data() + a, field.data() + b, v);
+  if (ec != std::errc() || end != field.data() + b) return;
+  char buf[64];
+  auto [out, ec2] =
+      std::to_chars(buf, buf + sizeof buf, v, std::chars_format::fixed, std::min(places, 20));
+  if (ec2 == std::errc()) field.assign(buf, out);
+}
+
 // Splits and checks text for m and stores it in l (fields only).
 void parse_line(MYFL_TABBOX *m, const char *text, MYFL_TABBOX_LINE *l, const char *fn) {
   int n = myfl_split_fields(text, &l->fields, fn);
+  int places = fl_get_tabbox_comma(m->tabbox);
+  if (places >= 0)
+    for (size_t c = 0; c < l->fields.size() && c < m->types.size(); ++c)
+      if (m->types[c] == DT_FLOAT || m->types[c] == DT_DOUBLE) apply_decimals(l->fields[c], places);
   int cols = column_count(m);
   if (cols > 0 && n != cols) msg_print("(%s) Line is invalid (only %d of %d cols)\n", fn, n, cols);
 }

@@ -9,6 +9,7 @@
 #include "forms/editor.h"
 #include "forms/mytabs.h"
 #include "framework/dbtabbox.h"
+#include "framework/help.h"
 #include "framework/place.h"
 #include "framework/tabexport.h"
 #include "framework/tabset.h"
@@ -82,11 +83,12 @@ int hide_on_close(FL_FORM *form, void *) {
   return -1;
 }
 
-// Names the dialog (the key of its remembered place) and sets its close
-// handler.
-void finish_dialog(FL_FORM *form, const char *name) {
+// Names the dialog (the key of its remembered place), sets its close
+// handler and gives its "Hilfe" button the help key.
+void finish_dialog(FL_FORM *form, const char *name, FL_OBJECT *help, const char *key) {
   myfl_set_form_name(form, -1, name);
   myfl_set_form_atclose(form, hide_on_close, nullptr);
+  myfl_init_helpdialog(form, help, key);
 }
 
 // ---- Sort keys shared by the settings and the sort dialog ---------------------------
@@ -277,12 +279,13 @@ void build_settings() {
   g_dlg.set_sort_remove = fl_add_button(FL_NORMAL_BUTTON, 310, 344, 60, 25, "entf.");
   for (FL_OBJECT *b : {g_dlg.set_up, g_dlg.set_down, g_dlg.set_sort_remove})
     fl_set_object_callback(b, set_sort_cb, 0);
+  FL_OBJECT *help = fl_add_button(FL_NORMAL_BUTTON, 20, 382, 100, 28, "Hilfe");
   g_dlg.set_ok = fl_add_button(FL_NORMAL_BUTTON, 320, 382, 100, 28, "OK");
   fl_set_object_callback(g_dlg.set_ok, set_ok_cb, 0);
   g_dlg.set_cancel = fl_add_button(FL_NORMAL_BUTTON, 440, 382, 100, 28, "Abbrechen");
   fl_set_object_callback(g_dlg.set_cancel, set_cancel_cb, 0);
   fl_end_form();
-  finish_dialog(f, "Tabbox Einstellungen");
+  finish_dialog(f, "Tabbox Einstellungen", help, "TBSET_HLP");
 }
 
 // ---- Sort dialog --------------------------------------------------------------------
@@ -330,14 +333,15 @@ void build_sort() {
   g_dlg.sort_remove = fl_add_button(FL_NORMAL_BUTTON, 210, 120, 60, 25, "entf.");
   for (FL_OBJECT *b : {g_dlg.sort_up, g_dlg.sort_down, g_dlg.sort_remove})
     fl_set_object_callback(b, sort_key_cb, 0);
-  g_dlg.sort_settings = fl_add_button(FL_NORMAL_BUTTON, 20, 255, 130, 28, "Einstellungen");
+  g_dlg.sort_settings = fl_add_button(FL_NORMAL_BUTTON, 20, 255, 120, 28, "Einstellungen");
+  FL_OBJECT *help = fl_add_button(FL_NORMAL_BUTTON, 150, 255, 90, 28, "Hilfe");
   fl_set_object_callback(g_dlg.sort_settings, sort_settings_cb, 0);
   g_dlg.sort_ok = fl_add_button(FL_NORMAL_BUTTON, 250, 255, 100, 28, "Sortieren");
   fl_set_object_callback(g_dlg.sort_ok, sort_ok_cb, 0);
   g_dlg.sort_cancel = fl_add_button(FL_NORMAL_BUTTON, 360, 255, 100, 28, "Abbrechen");
   fl_set_object_callback(g_dlg.sort_cancel, sort_cancel_cb, 0);
   fl_end_form();
-  finish_dialog(f, "Sortierung-Tabbox");
+  finish_dialog(f, "Sortierung-Tabbox", help, "SORT_HLP");
 }
 
 // ---- Export dialog ---------------------------------------------------------------------
@@ -370,19 +374,20 @@ void exp_cb(FL_OBJECT *obj, long) {
 void exp_cancel_cb(FL_OBJECT *, long) { myfl_hide_form(g_dlg.exp); }
 
 void build_export() {
-  FL_FORM *f = fl_begin_form(0, 420, 110);
+  FL_FORM *f = fl_begin_form(0, 520, 110);
   g_dlg.exp = f;
-  fl_add_box(FL_UP_BOX, 0, 0, 420, 110, "");
+  fl_add_box(FL_UP_BOX, 0, 0, 520, 110, "");
   g_dlg.exp_name = fl_add_input(FL_NORMAL_INPUT, 100, 15, 300, 25, "Dateiname ");
   fl_set_input_maxchars(g_dlg.exp_name, 255);
   g_dlg.exp_shown = fl_add_button(FL_NORMAL_BUTTON, 20, 65, 120, 28, "exp. Tabbox");
   g_dlg.exp_all = fl_add_button(FL_NORMAL_BUTTON, 150, 65, 120, 28, "exp. alle Daten");
-  g_dlg.exp_cancel = fl_add_button(FL_NORMAL_BUTTON, 300, 65, 100, 28, "Abbrechen");
+  g_dlg.exp_cancel = fl_add_button(FL_NORMAL_BUTTON, 290, 65, 100, 28, "Abbrechen");
+  FL_OBJECT *help = fl_add_button(FL_NORMAL_BUTTON, 400, 65, 100, 28, "Hilfe");
   fl_set_object_callback(g_dlg.exp_shown, exp_cb, 0);
   fl_set_object_callback(g_dlg.exp_all, exp_cb, 0);
   fl_set_object_callback(g_dlg.exp_cancel, exp_cancel_cb, 0);
   fl_end_form();
-  finish_dialog(f, "Tabbox exportieren");
+  finish_dialog(f, "Tabbox exportieren", help, "TBEXP_HLP");
 }
 
 // ---- Viewer ---------------------------------------------------------------------------
@@ -396,9 +401,10 @@ void build_viewer() {
   g_dlg.viewer_tabbox = fl_add_tabbox(0, 10, 10, 600, 400, "");
   fl_set_tabbox_viewer(g_dlg.viewer_tabbox, 0);
   g_dlg.viewer_close = fl_add_button(FL_NORMAL_BUTTON, 510, 420, 100, 28, "Schließen");
+  FL_OBJECT *help = fl_add_button(FL_NORMAL_BUTTON, 10, 420, 100, 28, "Hilfe");
   fl_set_object_callback(g_dlg.viewer_close, viewer_close_cb, 0);
   fl_end_form();
-  finish_dialog(f, "Tabbox-Viewer");
+  finish_dialog(f, "Tabbox-Viewer", help, "TVIEW_HLP");
 }
 
 // ---- Zoom editor ------------------------------------------------------------------------
@@ -418,9 +424,10 @@ void build_zoom() {
   g_dlg.zoom_ok = fl_add_button(FL_NORMAL_BUTTON, 530, 500, 100, 28, "Übernehmen");
   fl_set_object_callback(g_dlg.zoom_ok, zoom_ok_cb, 0);
   g_dlg.zoom_cancel = fl_add_button(FL_NORMAL_BUTTON, 650, 500, 100, 28, "Abbrechen");
+  FL_OBJECT *help = fl_add_button(FL_NORMAL_BUTTON, 10, 500, 100, 28, "Hilfe");
   fl_set_object_callback(g_dlg.zoom_cancel, zoom_cancel_cb, 0);
   fl_end_form();
-  finish_dialog(f, "Editor-Zoom");
+  finish_dialog(f, "Editor-Zoom", help, "ZOOM_HLP");
 }
 
 } // namespace
@@ -450,6 +457,7 @@ void myfl_free_tabbox_dialogs() {
   fl_set_tabbox_dialog_hook(FL_TABBOX_VIEWER, nullptr);
   fl_set_editor_zoom_hook(nullptr);
   for (FL_FORM *f : {g_dlg.settings, g_dlg.sort, g_dlg.exp, g_dlg.viewer, g_dlg.zoom}) {
+    myfl_free_helpdialogs(f);
     myfl_free_forminfo(f);
     fl_free_form(f);
   }
@@ -519,6 +527,10 @@ void myfl_close_tabbox_sort() {
 void myfl_open_tabbox_export(FL_OBJECT *tabbox) {
   myfl_create_tabbox_dialogs();
   g_dlg.tabbox = tabbox;
+  // A managed tabbox proposes its name as the file name.
+  const char *current = fl_get_input(g_dlg.exp_name);
+  MYFL_TABBOX *m = myfl_find_tabbox(tabbox);
+  if ((!current || !*current) && m) fl_set_input(g_dlg.exp_name, m->name.c_str());
   show(g_dlg.exp, "Tabbox exportieren");
   fl_set_focus_object(g_dlg.exp, g_dlg.exp_name);
 }

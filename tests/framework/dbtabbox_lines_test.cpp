@@ -152,6 +152,22 @@ TEST_F(DbTabbox, LinesArePaddedToTheWidestField) {
   myfl_set_tabbox_data_def_types(tb_, 2, types);
   myfl_draw_tabbox(tb_);
   EXPECT_EQ(std::string(fl_get_tabbox_full_line(tb_, 1)), " 1 | Anna        ");
+  // Floating-point columns take the tabbox's decimal places.
+  const int real[] = {9, 11};
+  myfl_set_tabbox_data_def_types(tb_, 2, real);
+  fl_set_tabbox_comma(tb_, 2);
+  myfl_addto_tabbox_line(tb_, "3.14159,Pi", nullptr);
+  myfl_addto_tabbox_line(tb_, "-,kein Wert", nullptr);
+  EXPECT_EQ(field(4, 1), "3.14");
+  EXPECT_EQ(field(5, 1), "-");
+  myfl_delete_tabbox_line(tb_); // nothing selected: nothing deleted
+  EXPECT_EQ(myfl_get_tabbox_items(tb_), 5);
+  fl_set_tabbox_comma(tb_, -1);
+  myfl_set_tabbox_data_def_types(tb_, 2, types);
+  fl_select_tabbox_line(tb_, 5);
+  EXPECT_EQ(myfl_delete_tabbox_line(tb_), 1);
+  fl_select_tabbox_line(tb_, 4);
+  EXPECT_EQ(myfl_delete_tabbox_line(tb_), 1);
   EXPECT_EQ(std::string(myfl_get_tabbox_attrib_info(tb_, 2, 2)), "Bernhard, B.");
   EXPECT_EQ(myfl_get_tabbox_attrib_info(tb_, 4, 1), nullptr);
   EXPECT_NE(g_out.find("(myfl_get_tabbox_attrib_info) Invalid index (4)\n"), std::string::npos);
