@@ -141,7 +141,10 @@ int rebuild(MYFL_TABBOX *m, const char *given_title) {
   for (int i = 1; i <= old_count; ++i)
     if (fl_isselected_tabbox_line(tb, i)) selected.push_back(i);
 
+  int kz = m->kz_dbnames;
   fl_set_tabbox_title(tb, myfl_join_fields(titles, widths, {}).c_str());
+  // The stored settings switched the database names: titles from them.
+  if (kz != m->kz_dbnames && !given_title && !m->dbnames.empty()) return rebuild(m, nullptr);
   fl_clear_tabbox(tb);
   for (const MYFL_TABBOX_LINE &l : m->lines) fl_add_tabbox_line(tb, line_text(m, l).c_str());
   int count = static_cast<int>(m->lines.size());

@@ -8,7 +8,9 @@
 // layer.
 //
 // The stored presentation (INI settings line) and the dialogs are tabset.h's
-// and tabdialogs.h's; the tabbox object itself is forms/mytabs.h's.
+// and tabdialogs.h's: the presentation is applied whenever the title is set
+// once their hooks are installed (myfl_install_tabbox_settings, or
+// myfl_create_tabbox_dialogs); the tabbox object itself is forms/mytabs.h's.
 //
 // Records are size-prefixed blocks (a 32-bit size field first, as the table
 // records of the system) allocated with malloc: the constructor hands out a

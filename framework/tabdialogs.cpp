@@ -438,6 +438,7 @@ void myfl_set_main_tabbox(FL_OBJECT *tabbox) { g_main_tabbox = tabbox; }
 
 int myfl_create_tabbox_dialogs() {
   if (g_dlg.settings) return 1;
+  myfl_install_tabbox_settings();
   build_settings();
   build_sort();
   build_export();
@@ -456,6 +457,10 @@ void myfl_free_tabbox_dialogs() {
   fl_set_tabbox_dialog_hook(FL_TABBOX_EXPORT_DIALOG, nullptr);
   fl_set_tabbox_dialog_hook(FL_TABBOX_VIEWER, nullptr);
   fl_set_editor_zoom_hook(nullptr);
+  fl_set_tabbox_settings_hook(nullptr);
+  fl_set_tabbox_colwidth_hook(nullptr);
+  fl_set_tabbox_optimize_hook(nullptr);
+  fl_set_tabbox_refresh_hook(nullptr);
   for (FL_FORM *f : {g_dlg.settings, g_dlg.sort, g_dlg.exp, g_dlg.viewer, g_dlg.zoom}) {
     myfl_free_helpdialogs(f);
     myfl_free_forminfo(f);

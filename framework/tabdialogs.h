@@ -16,10 +16,11 @@
 
 #include "forms/forms.h"
 
-// Builds the dialogs (once; later calls do nothing) and installs the hooks.
-// Returns 1.
+// Builds the dialogs (once; later calls do nothing) and installs the hooks,
+// the settings hooks of tabset.h included. Returns 1.
 int myfl_create_tabbox_dialogs();
-// Frees the dialogs' forms and removes the hooks (for a toolkit restart).
+// Frees the dialogs' forms and removes all these hooks (for a toolkit
+// restart).
 void myfl_free_tabbox_dialogs();
 
 // The application's main result tabbox: its decimal places cannot be set in

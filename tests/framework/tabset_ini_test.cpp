@@ -121,10 +121,12 @@ TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
   EXPECT_EQ(shown_title(), "Anzahl | Name" + std::string(15, ' '));
 
   // Vertical display, database names, a global width and a descending key.
+  myfl_set_tabbox_kz_dbnames(tb_, 0, "KD_NAME,KD_ORT,KD_ANZ");
   put("Kunden_2", "[Kunden_2] v 1 4 1 2 3 2d 7m \n");
   myfl_draw_tabbox(tb_);
   EXPECT_EQ(fl_get_tabbox_vert(tb_), 1);
   EXPECT_EQ(myfl_get_tabbox_kz_dbnames(tb_), 1);
+  EXPECT_EQ(std::string(fl_get_tabbox_full_title(tb_)).substr(0, 7), "KD_NAME");
   p = props();
   EXPECT_EQ(p.maxwidth, 7);
   ASSERT_EQ(p.nsort, 1);
