@@ -1,0 +1,214 @@
+// The viewer's start-up, configuration of its forms, main loop and the ways
+// it ends (see viewer.h).
+#include "app/viewer.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "app/detail.h"
+#include "app/doku.h"
+#include "app/mainform.h"
+#include "app/querystore.h"
+#include "base/msg.h"
+#include "db/access/session.h"
+#include "db/client/exec.h"
+#include "forms/console.h"
+#include "forms/dialogs.h"
+#include "forms/mytabs.h"
+#include "forms/process.h"
+#include "framework/combo.h"
+#include "framework/dbtabbox.h"
+#include "framework/focus.h"
+#include "framework/help.h"
+#include "framework/place.h"
+#include "framework/tabdialogs.h"
+
+namespace {
+
+// The main form's title: program, version, credit line and release date.
+std::string main_title() {
+  return std::string("Zentiq ") + ZQ_VERSION + " - Datenbank-Viewer für TAVRIN - Stand " +
+         ZQ_RELEASE_DATE;
+}
+
+// Fills the database combo box from "SHOW DATABASES;" and preselects TDSYS
+// when the server lists it, else the last database listed.
+void init_database_combo() {
+  ZqApp &app = zentiq_app();
+  ZqMainForm &m = app.main;
+  if (!dbstatus(app.session)) {
+    myfl_init_data_cmb(m.form, m.database, m.database_button, "TDSYS,TDSYS", 1);
+    myfl_set_cmb_code(m.database, "TDSYS");
+    return;
+  }
+  std::string list, chosen;
+  DBRESULT *r = DBexec(app.session->connection, "SHOW DATABASES;");
+  if (!r) {
+    fl_show_message("Fehler beim Ändern der Datenbank!", DBerrormessage(app.session->connection),
+                    "");
+  } else if (DBresult_status(r) != DBRES_TUPLES && DBresult_status(r) != DBRES_TUPLES2) {
+    fl_show_message("Vorhandene Datenbanken konnten nicht ermittelt werden!", DBresult_error(r),
+                    "");
+  } else {
+    for (int i = 0; i < DBntuples(r); ++i) {
+      const char *v = DBgetvalue(r, i, 0);
+      std::string name = v ? v : "";
+      if (!list.empty()) list += "|";
+      list += name + "," + name;
+      chosen = (name == "TDSYS" || chosen == "TDSYS") ? "TDSYS" : name;
+    }
+  }
+  DBclear(r);
+  myfl_init_data_cmb(m.form, m.database, m.database_button, list.c_str(), 1);
+  if (!chosen.empty()) myfl_set_cmb_code(m.database, chosen.c_str());
+}
+
+void tabbox_fatal(int status) { zentiq_fatal(status); }
+
+} // namespace
+
+ZqApp &zentiq_app() {
+  static ZqApp app;
+  return app;
+}
+
+const char *zentiq_title(FL_OBJECT *) {
+  const std::string &name = zentiq_app().current_query_name;
+  return name.empty() ? "Ergebnis Select-Abfrage" : name.c_str();
+}
+
+void *zentiq_new_record() {
+  auto *rec = static_cast<ZqRecord *>(std::calloc(1, sizeof(ZqRecord)));
+  if (!rec) msg_fatal("(zentiq_new_record) Out of memory!\n");
+  rec->size = ZQ_RECORD_SIZE;
+  rec->selection = -1;
+  return rec;
+}
+
+int zentiq_accept_record(const void *) { return 1; }
+
+void zentiq_print(const char *text) { fl_console_print(text); }
+
+void zentiq_fatal(int status) {
+  msg_print("Error occurred (data is saved)! Please restart the application!\n");
+  fl_show_termination_warning();
+  if (status == 1) msg_exit_fatal();
+  std::exit(status);
+}
+
+void zentiq_build_forms() {
+  ZqApp &app = zentiq_app();
+  ZqMainForm &m = app.main;
+  ZqDetailForm &d = app.detail;
+  myfl_set_appl_name("zentiq");
+  myfl_set_tabbox_fatal(tabbox_fatal);
+  myfl_set_form_name(m.form, -1, (main_title() + "\n").c_str());
+  myfl_init_helpdialog(m.form, m.help, "ZTQ_HLP");
+  fl_set_object_shortcut(m.sel_run, "^u^U", 1);
+  fl_set_object_shortcut(m.sql_run, "^S^s", 1);
+  fl_set_object_shortcut(m.sel_add, "^A^a", 1);
+  fl_set_object_shortcut(m.sql_add, "^d^d", 1);
+  myfl_init_db_tabbox_no_ini(m.form, m.result, "ZTQ", zentiq_title, zentiq_new_record, nullptr,
+                             nullptr, zentiq_accept_record, zentiq_open_detail);
+  myfl_set_main_tabbox(m.result);
+  myfl_define_focus_first(m.form, m.table);
+  myfl_define_ctrl_tabbox(m.form, m.result);
+  const struct {
+    FL_OBJECT *obj;
+    int max;
+  } limits[] = {{m.table, 255}, {m.attributes, 256}, {m.where, 612}, {m.sql, 1024}};
+  for (const auto &l : limits) {
+    fl_set_input_maxchars(l.obj, l.max);
+    fl_set_object_lstyle(l.obj, FL_FIXED_STYLE);
+  }
+  for (FL_OBJECT *ind : {m.sel_saved, m.sql_saved}) {
+    fl_set_button(ind, 0);
+    fl_deactivate_object(ind);
+  }
+  init_database_combo();
+  myfl_set_cmb_callback(m.database, zentiq_set_database, 0);
+  zentiq_set_database(m.database, 0);
+
+  myfl_set_form_name(d.form, -1, "Zentiq-Detail");
+  myfl_init_helpdialog(d.form, d.help, "DZTQ_HLP");
+  fl_set_object_shortcut(d.del, "^L^l", 1);
+  fl_set_object_shortcut(d.update, "^U^u", 1);
+  myfl_init_db_tabbox_no_ini(d.form, d.tabbox, "DZTQ", zentiq_title, zentiq_new_record, nullptr,
+                             nullptr, zentiq_accept_record, zentiq_edit_value);
+  myfl_define_ctrl_tabbox(d.form, d.tabbox);
+  fl_set_input_maxchars(d.value, 4000);
+  fl_set_input_return(d.value, FL_RETURN_ALWAYS);
+
+  myfl_set_form_atclose(m.form, zentiq_main_atclose, nullptr);
+  myfl_set_form_atclose(d.form, zentiq_detail_atclose, nullptr);
+}
+
+int zentiq_main_atclose(FL_FORM *, void *) {
+  if (fl_show_question("Soll Zentiq beendet werden?", "", "", 2, "Ja", "Nein", "", 3) != 1)
+    return -1;
+  if (!zentiq_save_queries()) {
+    msg_print("Fehler beim Schreiben der SQL-Abfragen aus Datei '%s'!\n", ZQ_QUERY_FILE);
+    std::remove(ZQ_QUERY_FILE);
+  }
+  ZqApp &app = zentiq_app();
+  fl_clear_program_running();
+  myfl_hide_form(app.main.form);
+  dbclose(app.session);
+  app.session = nullptr;
+  fl_exit_toolkit();
+  std::exit(0);
+}
+
+int zentiq_detail_atclose(FL_FORM *, void *) {
+  ZqApp &app = zentiq_app();
+  myfl_hide_form(app.detail.form);
+  fl_activate_form(app.main.form);
+  fl_raise_form(app.main.form);
+  return -1;
+}
+
+int zentiq_main(int argc, char **argv) {
+  ZqApp &app = zentiq_app();
+  msg_set_handler(zentiq_print);
+  fl_init_toolkit("zentiq", argv, 101);
+
+  std::strcpy(app.database_name, "-");
+  ARGV_GetDB_Name(argv, argc, app.database_name);
+
+  if (!zentiq_load_queries()) {
+    msg_print("Fehler beim Lesen der SQL-Abfragen aus Datei '%s' (Datei wird gelöscht)!\n",
+              ZQ_QUERY_FILE);
+    std::remove(ZQ_QUERY_FILE);
+  }
+
+  myfl_create_tabbox_dialogs();
+  if (!DB_Init(&app.session, app.database_name)) zentiq_fatal(1);
+
+  zentiq_create_main_form();
+  zentiq_create_detail_form();
+  app.current_query_name.clear();
+  zentiq_build_forms();
+
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "-doku") != 0) continue;
+    if (zentiq_write_manual()) {
+      msg_print("Die Dokumentation wurde erfolgreich generiert!\n");
+      return 0;
+    }
+    msg_print("Beim Erzeugen der Dokumentation ist ein Fehler aufgetreten!\n");
+    return 1;
+  }
+
+  myfl_show_form(app.main.form, main_title().c_str());
+  fl_iconify_console();
+  fl_raise_form(app.main.form);
+  fl_run_forms();
+
+  dbclose(app.session);
+  app.session = nullptr;
+  fl_exit_toolkit();
+  fl_show_termination_warning();
+  msg_set_handler(nullptr);
+  return 0;
+}

@@ -1,0 +1,97 @@
+// The viewer's spine: the program-wide state (session, the two forms, the
+// current query name, the database name), the main routine zentiq_main that
+// the toolkit's entry calls, the configuration of both forms after their
+// objects exist, the exit question, the detail form's close handler, the
+// fatal stop and the diagnostic print handler.
+//
+// The objects of the main form, the statements run from it and the database
+// switch are mainform.h's; the detail dialog is detail.h's; the query store
+// querystore.h's; the HTML manual of "-doku" doku.h's.
+//
+// Process-wide state: one ZqApp (zentiq_app()), since the program has exactly
+// one session and one form of each kind.
+#pragma once
+
+#include <string>
+
+#include "forms/forms.h"
+
+struct DBSESSION;
+
+// The program's version and release date, shown in the main form's title.
+constexpr const char *ZQ_VERSION = "1.1.3";
+constexpr const char *ZQ_RELEASE_DATE = "12.07.2003";
+
+// The main form's objects, in the order of its object table.
+struct ZqMainForm {
+  FL_FORM *form = nullptr;
+  FL_OBJECT *help = nullptr;
+  FL_OBJECT *sel_saved = nullptr, *sel_add = nullptr, *sel_del = nullptr;
+  FL_OBJECT *sel_prev = nullptr, *sel_next = nullptr, *sel_run = nullptr;
+  FL_OBJECT *table = nullptr, *attributes = nullptr, *where = nullptr;
+  FL_OBJECT *sql_saved = nullptr, *sql_add = nullptr, *sql_del = nullptr;
+  FL_OBJECT *sql_prev = nullptr, *sql_next = nullptr, *sql_run = nullptr;
+  FL_OBJECT *sql = nullptr;
+  FL_OBJECT *result = nullptr;
+  FL_OBJECT *database = nullptr, *database_button = nullptr;
+};
+
+// The detail form's objects, in the order of its object table.
+struct ZqDetailForm {
+  FL_FORM *form = nullptr;
+  FL_OBJECT *help = nullptr;
+  FL_OBJECT *del = nullptr;
+  FL_OBJECT *tabbox = nullptr;
+  FL_OBJECT *value = nullptr;
+  FL_OBJECT *update = nullptr;
+};
+
+struct ZqApp {
+  DBSESSION *session = nullptr;
+  ZqMainForm main;
+  ZqDetailForm detail;
+  std::string current_query_name;
+  char database_name[20] = "-";
+};
+
+// The program's state.
+ZqApp &zentiq_app();
+
+// The main routine (see forms/entry.h): start-up, "-doku", event loop. Returns
+// the exit status.
+int zentiq_main(int argc, char **argv);
+// Configures both forms after their objects exist: names, help keys,
+// shortcuts, the database tabboxes, focus, input limits, the database combo
+// box filled from "SHOW DATABASES;", close handlers. Switches the session to
+// the preselected database.
+void zentiq_build_forms();
+// The main form's close handler: asks "Soll Zentiq beendet werden?"; -1 when
+// the answer is not yes; on yes saves the store and the form's position,
+// closes the session and ends the process with status 0.
+int zentiq_main_atclose(FL_FORM *form, void *argument);
+// The detail form's close handler: hides it, reactivates the main form and
+// returns -1.
+int zentiq_detail_atclose(FL_FORM *form, void *argument);
+// Prints "Error occurred (data is saved)! Please restart the application!\n",
+// shows the termination warning and ends the process with the status.
+[[noreturn]] void zentiq_fatal(int status);
+// The diagnostic print handler: the text goes to the console window.
+void zentiq_print(const char *text);
+
+// The result tabbox's title: the current query name, or "Ergebnis
+// Select-Abfrage" while it is empty.
+const char *zentiq_title(FL_OBJECT *tabbox);
+// The line record of both tabboxes: size 9812, selection index -1, empty
+// text. malloc'ed; the tabbox line that takes it frees it.
+void *zentiq_new_record();
+// The line filter: accepts every record.
+int zentiq_accept_record(const void *record);
+
+// The line record: a size-prefixed block holding one line text.
+constexpr int ZQ_RECORD_SIZE = 9812;
+struct ZqRecord {
+  int size;
+  int selection;
+  char text[ZQ_RECORD_SIZE - 2 * sizeof(int)];
+};
+static_assert(sizeof(ZqRecord) == ZQ_RECORD_SIZE);
