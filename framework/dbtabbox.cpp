@@ -263,8 +263,12 @@ void clear_data(MYFL_TABBOX *m) {
   m->rows = 0;
 }
 
-// 1-based index of the entry of the selected line, 0 when none.
+// 1-based index of the entry of the selected line, 0 when none. In vertical
+// display a selected line is an attribute of every entry: the entry is the
+// only one there is, else none.
 int selected_entry(MYFL_TABBOX *m) {
+  if (fl_get_tabbox_vert(m->tabbox))
+    return m->lines.size() == 1 && fl_get_tabbox(m->tabbox) > 0 ? 1 : 0;
   int raw = fl_get_tabbox(m->tabbox);
   return raw >= 1 && raw <= static_cast<int>(m->lines.size()) ? raw : 0;
 }

@@ -546,26 +546,33 @@ void myfl_close_tabbox_export() {
 
 void myfl_open_tabbox_viewer(FL_OBJECT *tabbox) {
   myfl_create_tabbox_dialogs();
-  if (fl_get_tabbox_selectcount(tabbox) != 1 || fl_get_tabbox(tabbox) < 1) {
+  FL_TABBOX_REC *own = fl_tabbox_record(tabbox);
+  if (!own) return;
+  // The lines the user sees: in vertical display the attribute lines.
+  fl_layout_tabbox(tabbox);
+  FL_TABBOX_REC *r = fl_tabbox_active(own);
+  int raw = fl_get_tabbox(tabbox);
+  if (fl_get_tabbox_selectcount(tabbox) != 1 || raw < 1 || raw > r->line_count) {
     fl_show_message("Keine Daten darstellbar", "", "");
     return;
   }
   g_dlg.tabbox = tabbox;
+  // Copies first: the source may be the viewer's own tabbox.
+  std::string title = r->full_title, line(r->lines.at(raw - 1));
+  std::vector<int> order = r->col_order, visible = r->col_visible, colmax = r->col_maxwidth;
   FL_OBJECT *v = g_dlg.viewer_tabbox;
   // The selected line with the source's columns, order and widths, shown
   // as attribute / value lines.
   fl_unset_tabbox_vert(v);
-  fl_set_tabbox_title(v, fl_get_tabbox_full_title(tabbox));
-  Props src = props_of(tabbox), dst = props_of(v);
-  for (int k = 0; k < src.n && k < dst.n; ++k) {
-    dst.order[k] = src.order[k];
-    dst.visible[k] = src.visible[k];
-    dst.colmax[k] = src.colmax[k];
+  fl_set_tabbox_title(v, title.c_str());
+  FL_TABBOX_REC *dst = fl_tabbox_record(v);
+  for (size_t k = 0; k < order.size() && k < static_cast<size_t>(dst->slots); ++k) {
+    dst->col_order[k] = order[k];
+    dst->col_visible[k] = visible[k];
+    dst->col_maxwidth[k] = colmax[k];
   }
   fl_clear_tabbox(v);
-  FL_TABBOX_REC *r = fl_tabbox_record(tabbox);
-  int raw = fl_get_tabbox(tabbox);
-  fl_add_tabbox_line(v, std::string(r->lines.at(raw - 1)).c_str());
+  fl_add_tabbox_line(v, line.c_str());
   fl_set_tabbox_vert(v);
   fl_select_tabbox_line(v, 1);
   show(g_dlg.viewer, "Tabbox-Viewer");

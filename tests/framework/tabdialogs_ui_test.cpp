@@ -261,6 +261,15 @@ TEST_F(TabDialogs, ViewerShowsTheSelectedLine) {
   std::free(value);
   click(d.viewer_close);
   EXPECT_FALSE(d.viewer->visible);
+  // From the viewer's own vertical display: its selected attribute line.
+  fl_select_tabbox_line(v, 3);
+  myfl_open_tabbox_viewer(v);
+  ASSERT_TRUE(d.viewer->visible);
+  value = fl_get_tabbox_vert_attr_line_value(v, 2);
+  ASSERT_NE(value, nullptr);
+  EXPECT_EQ(std::string(value), "Ulm");
+  std::free(value);
+  click(d.viewer_close);
   myfl_close_tabbox_viewer();
   EXPECT_EQ(g_out, "Tabbox-Viewer-Dialog bereits geschlossen\n");
 }
