@@ -120,7 +120,8 @@ int myfl_init_db_tabbox(FL_FORM *form, FL_OBJECT *tabbox, const char *name, MYFL
 int myfl_init_db_tabbox_no_ini(FL_FORM *form, FL_OBJECT *tabbox, const char *name,
                                MYFL_TITLE_FUNC title, MYFL_TABLE_NEW table_new, MYFL_DB_HOOK load,
                                MYFL_DB_HOOK save, MYFL_FILTER_FUNC filter, FL_CALLBACKPTR dblclick);
-// Unregisters and frees records and lines (the tabbox keeps its texts).
+// Unregisters and frees records and lines (the tabbox keeps its texts); a
+// tabbox is registered again only after this.
 void myfl_free_tabbox(FL_OBJECT *tabbox);
 // Empties tabbox, lines and counters, with and without redraw.
 void myfl_free_tabbox_data(FL_OBJECT *tabbox);
