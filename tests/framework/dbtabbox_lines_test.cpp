@@ -322,6 +322,62 @@ TEST_F(DbTabbox, LoaderFillsFromTheTableInsideOneLevel) {
   EXPECT_EQ(db_depth(), 0);
 }
 
+std::vector<std::pair<int, int>> g_hook_calls; // (record id, depth of the BEGIN stack)
+int record_hook(DBSESSION *, void *record) {
+  g_hook_calls.push_back({id_of(record), db_depth()});
+  return id_of(record) != 99;
+}
+
+TEST_F(DbTabbox, DatabaseOperationsRunTheHooksInsideOneLevel) {
+  DBSESSION session;
+  session.disabled = 1;
+  db_reset_depth();
+  g_hook_calls.clear();
+  myfl_init_db_tabbox(form_, tb_, "Kunden", title_nr_name, new_rec, record_hook, record_hook,
+                      nullptr, nullptr);
+  myfl_set_tabbox_db_hooks(tb_, record_hook, record_hook);
+  Rec a = {sizeof(Rec), 1, "a"}, b = {sizeof(Rec), 2, "b"};
+  void *list[] = {&a, &b};
+  myfl_load_multiple_tabbox(&session, tb_, rec_line, list, 2);
+  EXPECT_EQ(myfl_save_db_tabbox(&session, tb_), 1);
+  EXPECT_EQ(g_hook_calls, (std::vector<std::pair<int, int>>{{1, 1}, {2, 1}}));
+
+  // Insert: the hook, then the line; a refused insert adds nothing.
+  Rec c = {sizeof(Rec), 3, "c"}, bad = {sizeof(Rec), 99, "x"};
+  EXPECT_EQ(myfl_insert_db_tabbox(&session, tb_, nullptr, &c), 1);
+  EXPECT_EQ(myfl_insert_db_tabbox(&session, tb_, nullptr, &bad), 0);
+  EXPECT_EQ(ids(), (std::vector<int>{1, 2, 3}));
+
+  // Delete: the selected record's hook, then the line goes.
+  fl_select_tabbox_line(tb_, 2);
+  EXPECT_EQ(myfl_delete_db_tabbox(&session, tb_), 1);
+  EXPECT_EQ(ids(), (std::vector<int>{1, 3}));
+  EXPECT_EQ(g_hook_calls.back(), (std::pair<int, int>{2, 1}));
+
+  // Reloading one line: the load hook, then its text from the record.
+  fl_select_tabbox_line(tb_, 2);
+  static_cast<Rec *>(myfl_get_tabbox(tb_))->id = 33;
+  EXPECT_EQ(myfl_load_tabbox_line(&session, tb_), 1);
+  EXPECT_EQ(field(2, 1), "33");
+  static_cast<Rec *>(myfl_get_tabbox_item_info(tb_, 1))->id = 11;
+  EXPECT_EQ(myfl_reload_tabbox(&session, tb_), 1);
+  EXPECT_EQ(field(1, 1), "11");
+  EXPECT_EQ(db_depth(), 0);
+
+  // Line 1 replaced through the data accessor, which copies into its record.
+  myfl_set_tabbox_datafunc(tb_, [](void *dest, const void *src) {
+    std::memcpy(static_cast<char *>(dest) + 4, static_cast<const char *>(src) + 4, sizeof(Rec) - 4);
+  });
+  void *first = myfl_get_tabbox_item_info(tb_, 1);
+  Rec n = {sizeof(Rec), 7, "sieben"};
+  EXPECT_EQ(myfl_replace_tabbox_line_idx_1(tb_, "7,sieben", &n), 1);
+  EXPECT_EQ(myfl_get_tabbox_item_info(tb_, 1), first);
+  EXPECT_EQ(id_of(first), 7);
+  EXPECT_EQ(field(1, 2), "sieben");
+  EXPECT_EQ(myfl_get_tabbox_item_info(tb_, 3), nullptr);
+  EXPECT_NE(g_out.find("(myfl_get_tabbox_item_info) Invalid index (3)\n"), std::string::npos);
+}
+
 TEST_F(DbTabbox, ProgrammingErrorsEndTheProgram) {
   auto dies = [](auto fn, const char *re) {
     EXPECT_EXIT(
