@@ -39,7 +39,7 @@ bool find_key(const char *what, std::string *table, std::string *key, std::strin
   if (s.select_count > 0 && fl_get_tabbox_vert(tb)) {
     *table = s.select[s.select_count - 1].table;
     *key = *table + "_ID";
-    int n = fl_get_tabbox_maxline(tb);
+    int n = zentiq_detail_lines();
     for (int i = 1; i <= n; ++i) {
       if (take(fl_get_tabbox_vert_attr_line(tb, i)) == *key) {
         *value = take(fl_get_tabbox_vert_attr_line_value(tb, i));
@@ -70,6 +70,14 @@ FL_OBJECT *button(int x, int y, int w, int h, const char *label, FL_CALLBACKPTR 
 }
 
 } // namespace
+
+int zentiq_detail_lines() {
+  FL_OBJECT *tb = zentiq_app().detail.tabbox;
+  FL_TABBOX_REC *rec = fl_tabbox_record(tb);
+  if (!rec) return 0;
+  fl_layout_tabbox(tb);
+  return fl_tabbox_active(rec)->line_count;
+}
 
 void zentiq_create_detail_form() {
   ZqDetailForm &d = zentiq_app().detail;

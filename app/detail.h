@@ -13,6 +13,9 @@
 // zentiq_app().detail.
 void zentiq_create_detail_form();
 
+// Number of lines the detail tabbox shows: one per attribute in the
+// attribute / value layout.
+int zentiq_detail_lines();
 // Double-click on a result line: fills the dialog with the selected row and
 // shows it (the main form is deactivated meanwhile).
 void zentiq_open_detail(FL_OBJECT *obj, long argument);

@@ -211,7 +211,9 @@ void zentiq_run_select(FL_OBJECT *, long) {
 
   DBRESULT *result = nullptr;
   int outcome = 0;
-  if (!dbexec1(session, stmt.c_str(), &result, &outcome)) {
+  // A statement the client's parser refused counts as failed here too: the
+  // user typed it and must learn that it did not run.
+  if (!dbexec1(session, stmt.c_str(), &result, &outcome) || outcome == DBOUT_REFUSED) {
     dbclear(session, result);
     fl_show_message("Abfrage konnte nicht erfolgreich durchgeführt werden", "", "");
     end_level(session);
@@ -241,7 +243,9 @@ void zentiq_run_sql(FL_OBJECT *, long) {
   std::string stmt = text + ";";
   DBRESULT *result = nullptr;
   int outcome = 0;
-  if (!dbexec1(session, stmt.c_str(), &result, &outcome)) {
+  // A statement the client's parser refused counts as failed here too: the
+  // user typed it and must learn that it did not run.
+  if (!dbexec1(session, stmt.c_str(), &result, &outcome) || outcome == DBOUT_REFUSED) {
     dbclear(session, result);
     fl_show_message("Abfrage konnte nicht erfolgreich durchgeführt werden", "", "");
     end_level(session);

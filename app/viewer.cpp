@@ -168,10 +168,10 @@ int zentiq_detail_atclose(FL_FORM *, void *) {
   return -1;
 }
 
-int zentiq_main(int argc, char **argv) {
+int zentiq_start(int argc, char **argv) {
   ZqApp &app = zentiq_app();
   msg_set_handler(zentiq_print);
-  fl_init_toolkit("zentiq", argv, 101);
+  if (!fl_init_toolkit("zentiq", argv, 101)) return 0;
 
   std::strcpy(app.database_name, "-");
   ARGV_GetDB_Name(argv, argc, app.database_name);
@@ -189,6 +189,12 @@ int zentiq_main(int argc, char **argv) {
   zentiq_create_detail_form();
   app.current_query_name.clear();
   zentiq_build_forms();
+  return 1;
+}
+
+int zentiq_main(int argc, char **argv) {
+  ZqApp &app = zentiq_app();
+  if (!zentiq_start(argc, argv)) return 1;
 
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "-doku") != 0) continue;

@@ -60,6 +60,11 @@ ZqApp &zentiq_app();
 // The main routine (see forms/entry.h): start-up, "-doku", event loop. Returns
 // the exit status.
 int zentiq_main(int argc, char **argv);
+// Start-up up to the shown form: message handler, toolkit, database name
+// from "-db", the query store, the tabbox dialogs, the session (fatal when it
+// cannot be opened), both forms and their configuration. Returns 1, or 0
+// when the toolkit cannot start.
+int zentiq_start(int argc, char **argv);
 // Configures both forms after their objects exist: names, help keys,
 // shortcuts, the database tabboxes, focus, input limits, the database combo
 // box filled from "SHOW DATABASES;", close handlers. Switches the session to

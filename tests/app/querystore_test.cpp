@@ -1,0 +1,182 @@
+// The query store: the file "zentiq.qry" read and written, its malformed
+// forms, and the rules for adding, dropping, paging and marking entries.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "app/querystore.h"
+#include "base/msg.h"
+
+namespace {
+
+void write_file(const std::string &text) { std::ofstream(ZQ_QUERY_FILE, std::ios::binary) << text; }
+
+std::string read_file() {
+  std::ifstream in(ZQ_QUERY_FILE, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+class QueryStore : public ::testing::Test {
+protected:
+  void SetUp() override {
+    zentiq_store_reset();
+    std::filesystem::remove_all(ZQ_QUERY_FILE);
+  }
+  void TearDown() override {
+    zentiq_store_reset();
+    std::filesystem::remove_all(ZQ_QUERY_FILE);
+  }
+};
+
+TEST_F(QueryStore, RoundTripKeepsOnlySavedEntriesInOrder) {
+  EXPECT_EQ(zentiq_load_queries(), 1); // no file: empty store
+  EXPECT_EQ(zentiq_store().select_count, 0);
+  EXPECT_EQ(zentiq_store().select_current, -1);
+
+  ASSERT_EQ(zentiq_store_add_select("KUNDE", "NAME, ORT", "WHERE ORT = 'Köln'"), 1);
+  zentiq_store_mark(1, 1);
+  ASSERT_EQ(zentiq_store_add_select("ARTIKEL", "", ""), 1);
+  ASSERT_EQ(zentiq_store_add_select("AUFTRAG", "", "ORDER BY AUFTRAG_ID"), 1);
+  zentiq_store_mark(1, 1);
+  ASSERT_EQ(zentiq_store_add_sql("delete from KUNDE"), 1);
+  ASSERT_EQ(zentiq_store_add_sql("show databases"), 1);
+  zentiq_store_mark(0, 1);
+  ASSERT_EQ(zentiq_save_queries(), 1);
+  EXPECT_EQ(read_file(), "KUNDE\nNAME, ORT\nWHERE ORT = 'K\xF6ln'\n"
+                         "AUFTRAG\n\nORDER BY AUFTRAG_ID\n---\nshow databases\n");
+
+  zentiq_store_reset();
+  ASSERT_EQ(zentiq_load_queries(), 1);
+  const ZqStore &s = zentiq_store();
+  ASSERT_EQ(s.select_count, 2);
+  EXPECT_EQ(s.select[1].table, "AUFTRAG");
+  EXPECT_EQ(s.select[1].attributes, "");
+  EXPECT_EQ(s.select[0].where, "WHERE ORT = 'K\xF6ln'");
+  EXPECT_TRUE(s.select_saved[0] && s.select_saved[1]);
+  ASSERT_EQ(s.sql_count, 1);
+  EXPECT_EQ(s.sql[0], "show databases");
+  EXPECT_EQ(s.select_current, -1);
+
+  // Only SQL commands saved: the file begins with the separator.
+  zentiq_store_reset();
+  zentiq_store_add_sql("select 1 from KUNDE");
+  zentiq_store_mark(0, 1);
+  zentiq_save_queries();
+  EXPECT_EQ(read_file(), "---\nselect 1 from KUNDE\n");
+
+  // Nothing saved: an empty file, not a missing one.
+  zentiq_store_reset();
+  zentiq_store_add_select("KUNDE", "", "");
+  zentiq_save_queries();
+  EXPECT_TRUE(std::filesystem::exists(ZQ_QUERY_FILE));
+  EXPECT_EQ(read_file(), "");
+}
+
+TEST_F(QueryStore, LoadingOddFiles) {
+  write_file("---\n");
+  ASSERT_EQ(zentiq_load_queries(), 1);
+  EXPECT_EQ(zentiq_store().select_count, 0);
+  EXPECT_EQ(zentiq_store().sql_count, 0);
+
+  // A second separator is skipped, not stored.
+  write_file("T\nA\nW\n---\none\n---\ntwo\n");
+  ASSERT_EQ(zentiq_load_queries(), 1);
+  EXPECT_EQ(zentiq_store().select_count, 1);
+  ASSERT_EQ(zentiq_store().sql_count, 2);
+  EXPECT_EQ(zentiq_store().sql[1], "two");
+
+  // A SELECT part that is not a multiple of three lines fails as a whole.
+  for (const char *bad : {"T\nA\nW\nT2\nA2\n", "T\n", "T\nA\n---\nx\n"}) {
+    write_file(bad);
+    EXPECT_EQ(zentiq_load_queries(), 0) << bad;
+    EXPECT_EQ(zentiq_store().select_count, 0);
+    EXPECT_EQ(zentiq_store().sql_count, 0);
+  }
+
+  // A last line without line feed still counts; a line of more than 999
+  // characters is read as several values.
+  write_file("---\n" + std::string(1200, 'x') + "\nlast");
+  ASSERT_EQ(zentiq_load_queries(), 1);
+  ASSERT_EQ(zentiq_store().sql_count, 3);
+  EXPECT_EQ(zentiq_store().sql[0].size(), 999u);
+  EXPECT_EQ(zentiq_store().sql[1].size(), 201u);
+  EXPECT_EQ(zentiq_store().sql[2], "last");
+}
+
+TEST_F(QueryStore, AddingComparesWithShownOrLastEntry) {
+  EXPECT_EQ(zentiq_store_add_select("KUNDE", "", ""), 1);
+  EXPECT_EQ(zentiq_store_add_select("KUNDE", "", ""), 0); // same as the last one
+  EXPECT_EQ(zentiq_store_add_select("KUNDE", "NAME", ""), 1);
+  // Shown entry 0: the same texts again are not added, whatever the last is.
+  ASSERT_EQ(zentiq_store_prev(1), 1);
+  ASSERT_EQ(zentiq_store_prev(1), 1);
+  EXPECT_EQ(zentiq_store().select_current, 0);
+  EXPECT_EQ(zentiq_store_add_select("KUNDE", "", ""), 0);
+  EXPECT_EQ(zentiq_store_add_select("KUNDE", "NAME", ""), 1);
+  EXPECT_EQ(zentiq_store().select_count, 3);
+  EXPECT_EQ(zentiq_store().select_current, -1);
+  // Texts of 1000 characters or more are not stored.
+  EXPECT_EQ(zentiq_store_add_select(std::string(1000, 'T'), "", ""), 0);
+  EXPECT_EQ(zentiq_store_add_sql(std::string(999, 's')), 1);
+  EXPECT_EQ(zentiq_store_add_sql(std::string(1000, 's')), 0);
+}
+
+TEST_F(QueryStore, FullListsDropTheOldestButSqlMarksStayInPlace) {
+  for (int i = 0; i < ZQ_STORE_MAX; ++i) {
+    ASSERT_EQ(zentiq_store_add_select("T" + std::to_string(i), "", ""), 1);
+    ASSERT_EQ(zentiq_store_add_sql("C" + std::to_string(i)), 1);
+  }
+  zentiq_store().select_saved[1] = 1;
+  zentiq_store().sql_saved[1] = 1;
+  ASSERT_EQ(zentiq_store_add_select("T100", "", ""), 1);
+  ASSERT_EQ(zentiq_store_add_sql("C100"), 1);
+  const ZqStore &s = zentiq_store();
+  EXPECT_EQ(s.select_count, ZQ_STORE_MAX);
+  EXPECT_EQ(s.select[0].table, "T1");
+  EXPECT_EQ(s.select[99].table, "T100");
+  // The SELECT mark moved with T1; the SQL mark stayed at slot 1, now C2.
+  EXPECT_TRUE(s.select_saved[0]);
+  EXPECT_FALSE(s.select_saved[1]);
+  EXPECT_EQ(s.sql[0], "C1");
+  EXPECT_FALSE(s.sql_saved[0]);
+  EXPECT_TRUE(s.sql_saved[1]);
+  EXPECT_EQ(s.sql[1], "C2");
+}
+
+TEST_F(QueryStore, PagingAndMarks) {
+  EXPECT_EQ(zentiq_store_prev(0), 0); // empty list
+  EXPECT_EQ(zentiq_store_mark(0, 1), 0);
+  zentiq_store_add_sql("a");
+  zentiq_store_add_sql("b");
+  EXPECT_EQ(zentiq_store_mark_index(0), 1); // none shown: the last
+  ASSERT_EQ(zentiq_store_prev(0), 1);
+  EXPECT_EQ(zentiq_store().sql_current, 1);
+  ASSERT_EQ(zentiq_store_prev(0), 1);
+  ASSERT_EQ(zentiq_store_prev(0), 1); // stays on the first
+  EXPECT_EQ(zentiq_store().sql_current, 0);
+  EXPECT_EQ(zentiq_store_mark(0, 1), 1);
+  EXPECT_TRUE(zentiq_store_saved(0, 0));
+  EXPECT_EQ(zentiq_store_next(0), 1);
+  EXPECT_EQ(zentiq_store().sql_current, 1);
+  EXPECT_EQ(zentiq_store_next(0), 0); // past the last: a fresh query
+  EXPECT_EQ(zentiq_store().sql_current, -1);
+  EXPECT_EQ(zentiq_store_next(0), 0);
+}
+
+TEST_F(QueryStore, UnwritableFileEndsTheProgram) {
+  std::filesystem::create_directory(ZQ_QUERY_FILE);
+  EXPECT_EXIT(
+      {
+        msg_set_handler([](const char *t) { std::fputs(t, stderr); });
+        zentiq_save_queries();
+      },
+      ::testing::ExitedWithCode(1), "ERROR: File 'zentiq.qry' cannot be opened for writing!");
+}
+
+} // namespace
