@@ -9,9 +9,11 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <sys/wait.h>
 #include <string>
 
 #include "app/detail.h"
+#include "app/doku.h"
 #include "app/mainform.h"
 #include "app/querystore.h"
 #include "app/viewer.h"
@@ -297,6 +299,27 @@ TEST_F(Viewer, ExitQuestion) {
   std::stringstream s;
   s << in.rdbuf();
   EXPECT_EQ(s.str(), "KUNDE\nNAME\n\n");
+}
+
+TEST_F(Viewer, ManualOfTheDialogs) {
+  std::filesystem::remove_all("zentiq_hlp.htm");
+  ASSERT_EQ(zentiq_write_manual(), 1);
+  std::ifstream in("zentiq_hlp.htm");
+  std::stringstream s;
+  s << in.rdbuf();
+  std::string html = s.str();
+  for (const char *part : {"SELECT durchf\xFChren", "^u^U", "Zentiq-Detail", "L\xF6schen",
+                           "Tabelle ", "Pfeil nach oben", "</html>"})
+    EXPECT_NE(html.find(part), std::string::npos) << part;
+
+  // The program itself: "-doku" writes the manual and ends with status 0
+  // without showing a form.
+  std::string prog = std::string(std::getenv("ZENTIQ_BUILD_DIR")) + "/app/zentiq";
+  if (!std::filesystem::exists(prog)) GTEST_SKIP() << "zentiq has not been built";
+  std::filesystem::remove_all("zentiq_hlp.htm");
+  int status = std::system((prog + " -dbDEMO -doku >/dev/null 2>&1").c_str());
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(std::filesystem::exists("zentiq_hlp.htm"));
 }
 
 TEST(ViewerHelpers, TextRules) {
