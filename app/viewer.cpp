@@ -92,8 +92,10 @@ void zentiq_print(const char *text) { fl_console_print(text); }
 
 void zentiq_fatal(int status) {
   msg_print("Error occurred (data is saved)! Please restart the application!\n");
-  fl_show_termination_warning();
+  // Status 1 is the common fatal stop, whose clean-ups show the termination
+  // warning; any other status shows it here.
   if (status == 1) msg_exit_fatal();
+  fl_show_termination_warning();
   std::exit(status);
 }
 
@@ -172,6 +174,8 @@ int zentiq_start(int argc, char **argv) {
   ZqApp &app = zentiq_app();
   msg_set_handler(zentiq_print);
   if (!fl_init_toolkit("zentiq", argv, 101)) return 0;
+  // Every fatal stop from here on tells the user before the program ends.
+  msg_at_fatal(fl_show_termination_warning);
 
   std::strcpy(app.database_name, "-");
   ARGV_GetDB_Name(argv, argc, app.database_name);
@@ -214,6 +218,7 @@ int zentiq_main(int argc, char **argv) {
   dbclose(app.session);
   app.session = nullptr;
   fl_exit_toolkit();
+  msg_remove_at_fatal(fl_show_termination_warning);
   fl_show_termination_warning();
   msg_set_handler(nullptr);
   return 0;

@@ -279,7 +279,7 @@ TEST_F(Viewer, DetailDialogUpdatesAndDeletesThroughTheKey) {
   EXPECT_TRUE(m().form->active);
 }
 
-TEST_F(Viewer, ExitQuestion) {
+TEST_F(Viewer, WaysTheProgramEnds) {
   fl_seam_queue_answer(2);
   EXPECT_EQ(zentiq_main_atclose(m().form, nullptr), -1);
   EXPECT_EQ(shown(), "Soll Zentiq beendet werden?|");
@@ -299,6 +299,20 @@ TEST_F(Viewer, ExitQuestion) {
   std::stringstream s;
   s << in.rdbuf();
   EXPECT_EQ(s.str(), "KUNDE\nNAME\n\n");
+
+  // The fatal stop: its text, then the termination warning, status as given.
+  for (int status : {1, 3}) {
+    EXPECT_EXIT(
+        {
+          fl_seam_set_observer([](const FlShownDialog &d) {
+            std::fprintf(stderr, "[%s] %s\n", d.title.c_str(), d.text.c_str());
+          });
+          zentiq_fatal(status);
+        },
+        ::testing::ExitedWithCode(status),
+        "Error occurred \\(data is saved\\)! Please restart the application!\n"
+        "\\[Warning\\] Application is about to terminate!");
+  }
 }
 
 TEST_F(Viewer, ManualOfTheDialogs) {
