@@ -265,8 +265,9 @@ void zentiq_run_sql(FL_OBJECT *, long) {
 void zentiq_set_database(FL_OBJECT *, long) {
   ZqApp &app = zentiq_app();
   const char *code = myfl_get_cmb_code(app.main.database);
-  if (!dbstatus(app.session)) return;
-  std::string stmt = std::string("SET DATABASE ") + (code ? code : "") + ";";
+  // Nothing to switch to while the server listed no database.
+  if (!dbstatus(app.session) || !code || !*code) return;
+  std::string stmt = std::string("SET DATABASE ") + code + ";";
   DBRESULT *r = DBexec(app.session->connection, stmt.c_str());
   if (!r) return;
   if (DBresult_status(r) != DBRES_DONE)
