@@ -20,9 +20,11 @@
 #include "base/msg.h"
 #include "db/access/session.h"
 #include "forms/dialogs.h"
+#include "forms/keyfilter.h"
 #include "forms/mytabs.h"
 #include "framework/combo.h"
 #include "framework/dbtabbox.h"
+#include "framework/place.h"
 #include "tests/access/tavrind_fixture.h"
 
 // Qt last: its "slots" keyword would clash with the tabbox record's field.
@@ -204,6 +206,52 @@ TEST_F(Viewer, SqlCommandsAndFailingStatements) {
   EXPECT_EQ(shown(), "Abfrage konnte nicht erfolgreich durchgef\xFChrt werden|");
   EXPECT_EQ(zentiq_store().sql_count, 2);
   EXPECT_EQ(db_depth(), 0);
+}
+
+TEST_F(Viewer, ShortcutsRunStatementsAndSqlListPages) {
+  use_demo();
+  zentiq_store_reset();
+  if (!fl_keyboard_filter_installed()) fl_install_keyboard_filter();
+  myfl_show_form(m().form, "Zentiq");
+  m().form->window->activateWindow();
+  (void)QTest::qWaitForWindowActive(m().form->window, 2000);
+  fl_set_input(m().table, "ARTIKEL");
+  fl_set_input(m().attributes, "ARTIKEL_ID");
+  fl_set_input(m().where, "WHERE ARTIKEL_ID <= 2");
+  fl_set_focus_object(m().form, m().table);
+  QTest::keyClick(m().table->widget, Qt::Key_U, Qt::ControlModifier);
+  EXPECT_EQ(app().current_query_name, "ARTIKEL_ID");
+  EXPECT_EQ(fl_get_tabbox_maxline(m().result), 2);
+
+  fl_set_input(m().sql, "select NAME from KUNDE where KUNDE_ID = 1");
+  QTest::keyClick(m().table->widget, Qt::Key_S, Qt::ControlModifier);
+  EXPECT_EQ(app().current_query_name, "NAME");
+  fl_set_input(m().sql, "select ORT from KUNDE where KUNDE_ID = 1");
+  QTest::keyClick(m().table->widget, Qt::Key_S, Qt::ControlModifier);
+  ASSERT_EQ(zentiq_store().sql_count, 2);
+  // Ctrl+D marks the SQL command just run.
+  QTest::keyClick(m().table->widget, Qt::Key_D, Qt::ControlModifier);
+  EXPECT_TRUE(zentiq_store_saved(0, 1));
+  EXPECT_TRUE(fl_get_button(m().sql_saved));
+  EXPECT_EQ(shown(), "");
+
+  QTest::mouseClick(m().sql_prev->widget, Qt::LeftButton);
+  EXPECT_STREQ(fl_get_input(m().sql), "select ORT from KUNDE where KUNDE_ID = 1");
+  EXPECT_TRUE(fl_get_button(m().sql_saved));
+  QTest::mouseClick(m().sql_prev->widget, Qt::LeftButton);
+  QTest::mouseClick(m().sql_prev->widget, Qt::LeftButton);
+  EXPECT_STREQ(fl_get_input(m().sql), "select NAME from KUNDE where KUNDE_ID = 1");
+  EXPECT_FALSE(fl_get_button(m().sql_saved));
+  QTest::mouseClick(m().sql_del->widget, Qt::LeftButton);
+  QTest::mouseClick(m().sql_next->widget, Qt::LeftButton);
+  QTest::mouseClick(m().sql_del->widget, Qt::LeftButton);
+  EXPECT_FALSE(zentiq_store_saved(0, 1));
+  QTest::mouseClick(m().sql_next->widget, Qt::LeftButton);
+  EXPECT_STREQ(fl_get_input(m().sql), "");
+  // Add needs a text in the SQL input.
+  QTest::mouseClick(m().sql_add->widget, Qt::LeftButton);
+  EXPECT_FALSE(zentiq_store_saved(0, 1));
+  fl_hide_form(m().form);
 }
 
 TEST_F(Viewer, DetailDialogUpdatesAndDeletesThroughTheKey) {
