@@ -1,0 +1,100 @@
+// tavrind, the TAVRIN database server: serves the databases of one data
+// folder (SQLite files) to clients through the shared-memory protocol.
+//
+// This file only reads the command line, sets up logging and signals, and
+// joins the pieces: the data folder (catalog.h), the executor behind the
+// request handler (handler.h) and the protocol server (protocol.h).
+#include "server/catalog.h"
+#include "server/executor.h"
+#include "server/handler.h"
+#include "server/protocol.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+tavrind::ProtocolServer *g_server = nullptr;
+
+void on_signal(int) {
+  if (g_server) g_server->request_stop();
+}
+
+void usage(FILE *f) {
+  fputs("Usage: tavrind --data DIR [--namespace NS] [--verbose]\n"
+        "Serves the TAVRIN databases of the folder DIR (one SQLite file DIR/<NAME>.db each)\n"
+        "to clients on this machine through shared memory.\n"
+        "  --data DIR       the data folder; the first start creates it with the system\n"
+        "                   database TDSYS and the demo database DEMO\n"
+        "  --namespace NS   prefix of the shared-memory objects (default: the environment\n"
+        "                   variable TAVRIN_NAMESPACE, else none)\n"
+        "  --verbose        log every statement, not only connects, disconnects and errors\n"
+        "  --help           show this text\n"
+        "SIGINT and SIGTERM, and the statement STOP, end the server.\n",
+        f);
+}
+
+void log_line(const std::string &line) { fprintf(stderr, "tavrind: %s\n", line.c_str()); }
+
+} // namespace
+
+int main(int argc, char **argv) {
+  std::string data;
+  bool verbose = false;
+  for (int i = 1; i < argc; ++i) {
+    std::string a = argv[i];
+    if (a == "--help" || a == "-h") {
+      usage(stdout);
+      return 0;
+    } else if (a == "--verbose") {
+      verbose = true;
+    } else if ((a == "--data" || a == "--namespace") && i + 1 < argc) {
+      if (a == "--data")
+        data = argv[++i];
+      else
+        setenv("TAVRIN_NAMESPACE", argv[++i], 1);
+    } else {
+      fprintf(stderr, "tavrind: unknown or incomplete option '%s'\n", a.c_str());
+      usage(stderr);
+      return 2;
+    }
+  }
+  if (data.empty()) {
+    fputs("tavrind: --data DIR is required\n", stderr);
+    usage(stderr);
+    return 2;
+  }
+  setvbuf(stderr, nullptr, _IOLBF, 0);
+
+  Executor ex;
+  ex.verbose = verbose;
+  ex.log = log_line;
+  tavrind::ExecHandler handler(ex);
+  tavrind::ProtocolServer srv(handler);
+  // The namespace first: a second server stops here and touches no data.
+  if (!srv.start()) return 1; // the reason has been printed
+  // A signal during the first start's creation of TDSYS and DEMO ends the
+  // server as soon as they are done.
+  g_server = &srv;
+  struct sigaction sa {};
+  sa.sa_handler = on_signal;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGINT, &sa, nullptr);
+  sigaction(SIGTERM, &sa, nullptr);
+  std::string err;
+  if (!catalog_init(ex.catalog, data, err)) {
+    log_line("cannot use the data folder " + data + ": " + err);
+    srv.shutdown();
+    return 1;
+  }
+  const char *ns = getenv("TAVRIN_NAMESPACE");
+  log_line("serving " + ex.catalog.dir + (ns && *ns ? std::string(" in namespace ") + ns : ""));
+  srv.run();
+  srv.shutdown();
+  g_server = nullptr;
+  log_line("stopped");
+  return 0;
+}
