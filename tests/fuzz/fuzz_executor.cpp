@@ -20,6 +20,7 @@
 
 namespace {
 
+std::string g_root;     // the folder of this run
 std::string g_template; // folder with the template database
 std::string g_work;     // folder the executor works in
 
@@ -45,8 +46,10 @@ bool answer_well_formed(const std::vector<unsigned char> &a) {
     uint16_t n = u16();
     return n >= 1 && p + n == a.size() && a[p + n - 1] == 0;
   }
-  case '1': return p == a.size();
-  case '3': return a.size() == 5;
+  case '1':
+    return p == a.size();
+  case '3':
+    return a.size() == 5;
   case '2':
   case '4': {
     if (!need(8)) return false;
@@ -66,7 +69,8 @@ bool answer_well_formed(const std::vector<unsigned char> &a) {
     }
     return p == a.size();
   }
-  default: return false;
+  default:
+    return false;
   }
 }
 
@@ -110,9 +114,15 @@ void make_template() {
   std::string root = base ? base : (std::filesystem::exists("/dev/shm") ? "/dev/shm" : "/tmp");
   char tmpl[256];
   snprintf(tmpl, sizeof tmpl, "%s/tavrind-fuzz-%d", root.c_str(), static_cast<int>(getpid()));
-  g_template = std::string(tmpl) + "/template";
-  g_work = std::string(tmpl) + "/work";
+  g_root = tmpl;
+  g_template = g_root + "/template";
+  g_work = g_root + "/work";
   std::filesystem::create_directories(g_template);
+  // libFuzzer ends the run with exit(): leave nothing behind in memory.
+  std::atexit([] {
+    std::error_code ec;
+    std::filesystem::remove_all(g_root, ec);
+  });
   Executor ex;
   ex.catalog.dir = g_template;
   Channel ch(ex, 0);
