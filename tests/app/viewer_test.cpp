@@ -24,6 +24,7 @@
 #include "forms/mytabs.h"
 #include "framework/combo.h"
 #include "framework/dbtabbox.h"
+#include "framework/help.h"
 #include "framework/place.h"
 #include "tests/access/tavrind_fixture.h"
 
@@ -364,15 +365,25 @@ TEST_F(Viewer, WaysTheProgramEnds) {
 }
 
 TEST_F(Viewer, ManualOfTheDialogs) {
+  // The shipped help texts: both keys present, only allowed tags.
+  std::filesystem::copy_file(std::string(std::getenv("ZENTIQ_SOURCE_DIR")) + "/app/zentiq.hlp",
+                             "zentiq.hlp", std::filesystem::copy_options::overwrite_existing);
+  for (const char *key : {"ZTQ_HLP", "DZTQ_HLP"}) {
+    std::string text = myfl_read_help(key), error;
+    EXPECT_FALSE(text.empty()) << key;
+    EXPECT_EQ(myfl_check_html(text.c_str(), &error), 1) << key << ": " << error;
+  }
   std::filesystem::remove_all("zentiq_hlp.htm");
   ASSERT_EQ(zentiq_write_manual(), 1);
   std::ifstream in("zentiq_hlp.htm");
   std::stringstream s;
   s << in.rdbuf();
   std::string html = s.str();
-  for (const char *part : {"SELECT durchf\xFChren", "^u^U", "Zentiq-Detail", "L\xF6schen",
-                           "Tabelle ", "Pfeil nach oben", "</html>"})
+  for (const char *part :
+       {"SELECT durchf\xFChren", "^u^U", "Zentiq-Detail", "L\xF6schen", "Tabelle ",
+        "Pfeil nach oben", "</html>", "Datenbank-Viewer", "Prim\xE4rschl\xFCssel"})
     EXPECT_NE(html.find(part), std::string::npos) << part;
+  EXPECT_EQ(html.find("Abfragespeicher"), std::string::npos); // maintainers' text
 
   // The program itself: "-doku" writes the manual and ends with status 0
   // without showing a form.
