@@ -54,6 +54,12 @@ const ErrorText kErrors[] = {
     {508, "CURSOR_OFFEN",
      "Ein offener Cursor dieser Verbindung liest die Tabelle noch; bitte erst mit CLOSE "
      "schließen"},
+    {509, "SPERRE_ZEITABLAUF",
+     "Zeitablauf: die Schreibsperre der Datenbank $1 wurde nach $2 Sekunden nicht frei; die "
+     "Anweisung ist nicht ausgeführt"},
+    {510, "VERKLEMMUNG",
+     "Verklemmung: die Transaktion wartet auf die Schreibsperre der Datenbank $1, die eine "
+     "Verbindung hält, die ihrerseits wartet; die Anweisung ist nicht ausgeführt"},
     {901, "SPEICHERFEHLER", "Interner Datenbankfehler: $1"},
     {1001, "DATEI_FEHLT", "Datei $1 nicht gefunden"},
     {1002, "DATEI_SCHREIBEN", "Datei $1 kann nicht geschrieben werden"},

@@ -1271,3 +1271,7 @@ int exec_request(Channel &ch, const unsigned char *req, size_t len,
     return refused(q, answer, text);
   }
 }
+
+bool holds_write_lock(const Channel &ch) {
+  return ch.st && ch.st->db && sqlite3_txn_state(ch.st->db.get(), "main") == SQLITE_TXN_WRITE;
+}

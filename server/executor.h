@@ -63,3 +63,8 @@ enum ExecResult {
 // taken effect.
 int exec_request(Channel &ch, const unsigned char *req, size_t len,
                  std::vector<unsigned char> &answer);
+
+// Does the channel's connection hold the write lock of its open database (a
+// transaction of it has written and is not over)? Parked channels wait for
+// the channel that does, which is how the request handler finds deadlocks.
+bool holds_write_lock(const Channel &ch);

@@ -5,8 +5,11 @@
 // is executed at once; when it must wait for a lock that another channel
 // holds, its client is parked and the same request is tried again after every
 // later request and at every idle turn, in the order the clients were parked,
-// until it can be answered. A client that ends loses its channel and its open
-// transaction is rolled back. The STOP statement ends the server after its
+// until it can be answered or has waited longer than the lock timeout (then
+// it is answered '0' with error 509 and its transaction goes on). A request
+// that would wait for a channel that itself waits (a deadlock) is answered
+// '0' at once with error 510 instead. A client that ends loses its
+// channel and its open transaction is rolled back. The STOP statement ends the server after its
 // answer. The transport is protocol.h's; what a request means is the
 // executor's.
 #pragma once
@@ -14,6 +17,7 @@
 #include "server/executor.h"
 #include "server/protocol.h"
 
+#include <chrono>
 #include <deque>
 #include <map>
 #include <vector>
@@ -32,6 +36,10 @@ public:
   void channel_closed(ProtocolServer &srv, int channel, ChannelContext *ctx) override;
   void idle(ProtocolServer &srv) override;
 
+  // How long a parked statement may wait for a lock before it is refused
+  // (default 30 s).
+  void set_lock_timeout(std::chrono::milliseconds t) { lock_timeout_ = t; }
+
   // Number of clients parked now.
   size_t parked() const { return parked_.size(); }
 
@@ -40,10 +48,16 @@ private:
   // Retries the parked requests in order; answers those that no longer wait.
   void retry_parked(ProtocolServer &srv);
   void log(const std::string &line) const;
+  // The channel holding the write lock of ctx's database, -1 if none does
+  // (or a process outside the server holds it).
+  int lock_holder(int channel, const Context *ctx) const;
+  // Answers a parked channel that waited too long with error 509.
+  void time_out(ProtocolServer &srv, int channel, Context *ctx);
 
   Executor &ex_;
   std::map<int, Context *> channels_;
   std::deque<int> parked_;
+  std::chrono::milliseconds lock_timeout_{30000};
 };
 
 } // namespace tavrind

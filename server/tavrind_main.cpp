@@ -9,6 +9,8 @@
 #include "server/handler.h"
 #include "server/protocol.h"
 
+#include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -24,17 +26,31 @@ void on_signal(int) {
 }
 
 void usage(FILE *f) {
-  fputs("Usage: tavrind --data DIR [--namespace NS] [--verbose]\n"
+  fputs("Usage: tavrind --data DIR [--namespace NS] [--lock-timeout SECONDS] [--max-clients N]\n"
+        "               [--verbose]\n"
         "Serves the TAVRIN databases of the folder DIR (one SQLite file DIR/<NAME>.db each)\n"
         "to clients on this machine through shared memory.\n"
         "  --data DIR       the data folder; the first start creates it with the system\n"
         "                   database TDSYS and the demo database DEMO\n"
         "  --namespace NS   prefix of the shared-memory objects (default: the environment\n"
         "                   variable TAVRIN_NAMESPACE, else none)\n"
+        "  --lock-timeout SECONDS\n"
+        "                   how long a statement waits for a lock that another client\n"
+        "                   holds before it is refused with error 509 (default 30)\n"
+        "  --max-clients N  how many clients may be connected at once; further ones are\n"
+        "                   refused at the handshake (default 64)\n"
         "  --verbose        log every statement, not only connects, disconnects and errors\n"
         "  --help           show this text\n"
         "SIGINT and SIGTERM, and the statement STOP, end the server.\n",
         f);
+}
+
+// Reads a number from an option's value; false when it is not one in
+// [lo, hi].
+bool read_number(const char *text, double lo, double hi, double &out) {
+  char *end = nullptr;
+  out = strtod(text, &end);
+  return end != text && *end == 0 && std::isfinite(out) && out >= lo && out <= hi;
 }
 
 void log_line(const std::string &line) { fprintf(stderr, "tavrind: %s\n", line.c_str()); }
@@ -44,6 +60,7 @@ void log_line(const std::string &line) { fprintf(stderr, "tavrind: %s\n", line.c
 int main(int argc, char **argv) {
   std::string data;
   bool verbose = false;
+  double lock_timeout = 30, max_clients = 64;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
     if (a == "--help" || a == "-h") {
@@ -51,6 +68,15 @@ int main(int argc, char **argv) {
       return 0;
     } else if (a == "--verbose") {
       verbose = true;
+    } else if ((a == "--lock-timeout" || a == "--max-clients") && i + 1 < argc) {
+      const char *v = argv[++i];
+      bool ok = a == "--lock-timeout" ? read_number(v, 0, 1e6, lock_timeout)
+                                      : read_number(v, 1, 1024, max_clients) &&
+                                            max_clients == std::floor(max_clients);
+      if (!ok) {
+        fprintf(stderr, "tavrind: invalid value '%s' for %s\n", v, a.c_str());
+        return 2;
+      }
     } else if ((a == "--data" || a == "--namespace") && i + 1 < argc) {
       if (a == "--data")
         data = argv[++i];
@@ -73,7 +99,10 @@ int main(int argc, char **argv) {
   ex.verbose = verbose;
   ex.log = log_line;
   tavrind::ExecHandler handler(ex);
+  handler.set_lock_timeout(
+      std::chrono::milliseconds(static_cast<long long>(std::llround(lock_timeout * 1000))));
   tavrind::ProtocolServer srv(handler);
+  srv.set_max_channels(static_cast<int>(max_clients));
   // The namespace first: a second server stops here and touches no data.
   if (!srv.start()) return 1; // the reason has been printed
   // A signal during the first start's creation of TDSYS and DEMO ends the
