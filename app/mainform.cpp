@@ -86,11 +86,7 @@ void fill_result(DBSESSION *session, DBRESULT *result) {
       const char *v = dbgetvalue(session, result, r, c);
       values.emplace_back(v ? v : "");
     }
-    auto *rec = static_cast<ZqRecord *>(zentiq_new_record());
-    std::string text = zentiq_row_text(values);
-    std::strncpy(rec->text, text.c_str(), sizeof rec->text - 1);
-    rec->text[sizeof rec->text - 1] = '\0';
-    records.push_back(rec);
+    records.push_back(zentiq_make_record(zentiq_row_text(values)));
   }
   myfl_load_multiple_tabbox(
       session, tb,

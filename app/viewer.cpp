@@ -2,6 +2,8 @@
 // it ends (see viewer.h).
 #include "app/viewer.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -83,6 +85,18 @@ void *zentiq_new_record() {
   if (!rec) msg_fatal("(zentiq_new_record) Out of memory!\n");
   rec->size = ZQ_RECORD_SIZE;
   rec->selection = -1;
+  return rec;
+}
+
+void *zentiq_make_record(const std::string &text) {
+  constexpr size_t header = offsetof(ZqRecord, text);
+  size_t n = std::min(text.size(), sizeof(ZqRecord::text) - 1);
+  auto *rec = static_cast<ZqRecord *>(std::malloc(header + n + 1));
+  if (!rec) msg_fatal("(zentiq_make_record) Out of memory!\n");
+  rec->size = static_cast<int>(header + n + 1);
+  rec->selection = -1;
+  std::memcpy(rec->text, text.data(), n);
+  rec->text[n] = '\0';
   return rec;
 }
 

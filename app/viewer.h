@@ -89,6 +89,10 @@ const char *zentiq_title(FL_OBJECT *tabbox);
 // The line record of both tabboxes: size 9812, selection index -1, empty
 // text. malloc'ed; the tabbox line that takes it frees it.
 void *zentiq_new_record();
+// A line record holding text (cut to the record's capacity), sized to the
+// text rather than to the full 9812 bytes, so that large results stay small.
+// malloc'ed; the caller frees it (or hands it to a tabbox line).
+void *zentiq_make_record(const std::string &text);
 // The line filter: accepts every record.
 int zentiq_accept_record(const void *record);
 

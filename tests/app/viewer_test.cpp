@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -416,6 +417,17 @@ TEST(ViewerHelpers, TextRules) {
     EXPECT_EQ(zentiq_is_number(n), 0) << n;
 
   EXPECT_EQ(zentiq_row_text({"1", "Say \"hi\"", ""}), "\"1\",\"Say \\\"hi\\\"\",\"\"");
+
+  // Line records are sized to their text, up to the full record.
+  auto *small = static_cast<ZqRecord *>(zentiq_make_record("abc"));
+  EXPECT_EQ(small->size, static_cast<int>(2 * sizeof(int) + 4));
+  EXPECT_STREQ(small->text, "abc");
+  EXPECT_EQ(small->selection, -1);
+  std::free(small);
+  auto *big = static_cast<ZqRecord *>(zentiq_make_record(std::string(20000, 'x')));
+  EXPECT_EQ(big->size, ZQ_RECORD_SIZE);
+  EXPECT_EQ(std::strlen(big->text), sizeof big->text - 1);
+  std::free(big);
 }
 
 } // namespace
