@@ -1,0 +1,429 @@
+// Speed of the tavrind server through the real client, side by side in one
+// run with PostgreSQL through libpq and with SQLite in-process (the floor):
+//   (a) a SELECT of one row by key through DBexec and a tavrind process,
+//       median microseconds;
+//   (b) the same query on the same data through libpq against a temporary
+//       PostgreSQL cluster on a Unix socket;
+//   (c) the same query on SQLite in this process (prepare, step, finalize);
+//   (d) a SELECT of 100 000 rows x 6 columns into the client's memory, rows
+//       per second through tavrind and through libpq.
+// The benchmark starts tavrind (beside it at ../server/tavrind) on a
+// temporary data folder in its own namespace and a PostgreSQL cluster as the
+// postgres user in a temporary folder, and stops both by their pids at the
+// end. Without PostgreSQL only the tavrind and SQLite figures are printed.
+// The program ends with one TARGET line per target.
+#include <benchmark/benchmark.h>
+#include <libpq-fe.h>
+#include <sqlite3.h>
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/msg.h"
+#include "db/client/connect.h"
+#include "db/client/exec.h"
+#include "db/client/transport.h"
+
+extern char **environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+namespace fs = std::filesystem;
+
+constexpr int kRows = 100000;  // rows of the bench table
+constexpr int kLookups = 5000; // timed one-row queries per system
+constexpr int kScans = 7;      // timed full scans per system (median)
+const char *const kPgBin = "/usr/lib/postgresql/15/bin";
+
+// Figures for the TARGET lines; negative: not measured.
+struct Results {
+  double tav_us = -1, pg_us = -1, lite_us = -1;
+  double tav_rows = -1, pg_rows = -1;
+} g_res;
+
+DBCONN *g_tav = nullptr;
+PGconn *g_pg = nullptr;
+sqlite3 *g_lite = nullptr;
+pid_t g_tav_pid = -1;
+std::string g_tmp;   // our temporary folder (tavrind data, SQLite file)
+std::string g_pgdir; // the cluster's folder, owned by postgres
+
+// One row of the bench table as the values of an INSERT, the same text for
+// all three systems: key, name, quantity, amount, date, timestamp.
+std::string row_values(int i) {
+  char buf[200];
+  std::snprintf(buf, sizeof buf,
+                "(%d, 'Kunde %06d Musterstadt', %d, %.2f, '%04d-%02d-%02d', "
+                "'%04d-%02d-%02d %02d:%02d:%02d')",
+                i, i, i % 30000, i * 1.25, 1950 + i % 70, 1 + i % 12, 1 + i % 28, 2000 + i % 25,
+                1 + (i / 12) % 12, 1 + (i / 7) % 28, i % 24, i % 60, (i / 60) % 60);
+  return buf;
+}
+
+std::string lookup_sql(int key) {
+  return "SELECT * FROM BENCH WHERE BENCH_ID = " + std::to_string(key);
+}
+
+double median(std::vector<double> v) {
+  std::nth_element(v.begin(), v.begin() + long(v.size() / 2), v.end());
+  return v[v.size() / 2];
+}
+
+// --- tavrind ---------------------------------------------------------------
+
+// The tavrind program beside this benchmark's folder; "" when missing.
+std::string tavrind_program() {
+  std::error_code ec;
+  fs::path self = fs::read_symlink("/proc/self/exe", ec);
+  if (ec) return "";
+  fs::path p = self.parent_path() / ".." / "server" / "tavrind";
+  return fs::exists(p) ? fs::canonical(p).string() : "";
+}
+
+// Starts tavrind on g_tmp/data in a namespace of its own and connects to a
+// fresh database BENCH filled with the bench table. Returns false with a
+// line on stderr when it cannot.
+bool start_tavrind() {
+  std::string prog = tavrind_program();
+  if (prog.empty()) {
+    std::fprintf(stderr, "tavrind has not been built beside the benchmark\n");
+    return false;
+  }
+  std::string ns = "zqbench" + std::to_string(getpid()) + "_";
+  setenv("TAVRIN_NAMESPACE", ns.c_str(), 1);
+  std::string data = g_tmp + "/data", log = g_tmp + "/tavrind.log";
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_addopen(&fa, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+  posix_spawn_file_actions_adddup2(&fa, 1, 2);
+  std::vector<std::string> args = {prog, "--data", data, "--namespace", ns};
+  std::vector<char *> argv;
+  for (auto &a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  if (posix_spawn(&g_tav_pid, prog.c_str(), &fa, nullptr, argv.data(), environ) != 0)
+    g_tav_pid = -1;
+  posix_spawn_file_actions_destroy(&fa);
+  if (g_tav_pid <= 0) return false;
+
+  // Wait (at most about 30 s: the first start writes the demo data) until
+  // the server's objects exist and a connect succeeds.
+  MsgHandler old = msg_set_handler([](const char *) {});
+  for (int i = 0; i < 300 && !g_tav; ++i) {
+    if (waitpid(g_tav_pid, nullptr, WNOHANG) == g_tav_pid) {
+      g_tav_pid = -1;
+      break;
+    }
+    if (fs::exists("/dev/shm/" + ns + "TavrinDB_Server")) {
+      char name[] = "TDSYS";
+      DBCONN *c = DBconnect(name);
+      if (DBstatus(c) == DBCONN_OK)
+        g_tav = c;
+      else
+        DBconn_free(c);
+    }
+    if (!g_tav) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  msg_set_handler(old);
+  if (!g_tav) {
+    std::fprintf(stderr, "tavrind did not answer\n");
+    return false;
+  }
+  auto ok = [](const std::string &sql) {
+    DBRESULT *r = DBexec(g_tav, sql.c_str());
+    int st = DBresult_status(r);
+    if (st != DBRES_DONE) std::fprintf(stderr, "%s: %s", sql.c_str(), DBresult_error(r));
+    DBclear(r);
+    return st == DBRES_DONE;
+  };
+  if (!ok("CREATE DATABASE BENCH") ||
+      !ok("CREATE TABLE BENCH (BENCH_ID INTEGER NOT NULL, NAME CHARACTER(32), MENGE SMALLINT, "
+          "BETRAG FLOAT, DATUM DATE, ZEIT TIMESTAMP)") ||
+      !ok("CREATE UNIQUE INDEX BENCH_IX ON BENCH (BENCH_ID)") || !ok("BEGIN"))
+    return false;
+  for (int i = 1; i <= kRows; ++i)
+    if (!ok("INSERT INTO BENCH VALUES " + row_values(i))) return false;
+  return ok("COMMIT");
+}
+
+void stop_tavrind() {
+  if (g_tav) {
+    DBfinish(g_tav);
+    DBconn_free(g_tav);
+    g_tav = nullptr;
+  }
+  if (g_tav_pid <= 0) return;
+  kill(g_tav_pid, SIGTERM);
+  int st = 0;
+  for (int i = 0; i < 500 && waitpid(g_tav_pid, &st, WNOHANG) == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  if (waitpid(g_tav_pid, &st, WNOHANG) == 0) {
+    kill(g_tav_pid, SIGKILL);
+    waitpid(g_tav_pid, &st, 0);
+  }
+  g_tav_pid = -1;
+}
+
+// --- PostgreSQL ------------------------------------------------------------
+
+// Runs a PostgreSQL program as the postgres user; returns its exit status.
+int run_as_postgres(const std::string &cmdline) {
+  std::string cmd = "runuser -u postgres -- " + cmdline + " >>" + g_pgdir + "/setup.log 2>&1";
+  return std::system(cmd.c_str());
+}
+
+// Makes a cluster in a temporary folder owned by postgres, starts it on a
+// Unix socket in that folder (no TCP) and fills the same table. Returns
+// false with a line on stderr when PostgreSQL cannot be used.
+bool start_postgres() {
+  if (!fs::exists(std::string(kPgBin) + "/initdb")) {
+    std::fprintf(stderr, "PostgreSQL is not installed\n");
+    return false;
+  }
+  struct passwd *pw = getpwnam("postgres");
+  char tmpl[] = "/tmp/zentiq_pgbench_XXXXXX";
+  if (!pw || !mkdtemp(tmpl)) {
+    std::fprintf(stderr, "no postgres user or no temporary folder\n");
+    return false;
+  }
+  g_pgdir = tmpl;
+  if (chown(g_pgdir.c_str(), pw->pw_uid, pw->pw_gid) != 0) return false;
+  std::string bin = kPgBin;
+  if (run_as_postgres(bin + "/initdb -D " + g_pgdir + "/data -A trust -U postgres -E UTF8 " +
+                      "--no-sync") != 0) {
+    std::fprintf(stderr, "initdb failed (see %s/setup.log)\n", g_pgdir.c_str());
+    return false;
+  }
+  if (run_as_postgres(bin + "/pg_ctl -D " + g_pgdir + "/data -l " + g_pgdir + "/pg.log -w -t 60 " +
+                      "-o \"-k " + g_pgdir + " -c listen_addresses='' -p 5432 -c fsync=off\" " +
+                      "start") != 0) {
+    std::fprintf(stderr, "pg_ctl start failed\n");
+    return false;
+  }
+  std::string info = "host=" + g_pgdir + " port=5432 user=postgres dbname=postgres";
+  g_pg = PQconnectdb(info.c_str());
+  if (PQstatus(g_pg) != CONNECTION_OK) {
+    std::fprintf(stderr, "libpq: %s", PQerrorMessage(g_pg));
+    return false;
+  }
+  auto ok = [](const std::string &sql) {
+    PGresult *r = PQexec(g_pg, sql.c_str());
+    bool good = PQresultStatus(r) == PGRES_COMMAND_OK;
+    if (!good) std::fprintf(stderr, "%.80s: %s", sql.c_str(), PQerrorMessage(g_pg));
+    PQclear(r);
+    return good;
+  };
+  if (!ok("CREATE TABLE BENCH (BENCH_ID INTEGER NOT NULL, NAME VARCHAR(31), MENGE SMALLINT, "
+          "BETRAG DOUBLE PRECISION, DATUM DATE, ZEIT TIMESTAMP)") ||
+      !ok("CREATE UNIQUE INDEX BENCH_IX ON BENCH (BENCH_ID)") || !ok("BEGIN"))
+    return false;
+  for (int i = 1; i <= kRows; i += 1000) {
+    std::string sql = "INSERT INTO BENCH VALUES ";
+    for (int k = i; k < i + 1000 && k <= kRows; ++k) {
+      if (k > i) sql += ',';
+      sql += row_values(k);
+    }
+    if (!ok(sql)) return false;
+  }
+  return ok("COMMIT") && ok("ANALYZE BENCH");
+}
+
+void stop_postgres() {
+  if (g_pg) PQfinish(g_pg);
+  g_pg = nullptr;
+  if (g_pgdir.empty()) return;
+  if (fs::exists(g_pgdir + "/data/postmaster.pid"))
+    run_as_postgres(std::string(kPgBin) + "/pg_ctl -D " + g_pgdir + "/data -m fast -w -t 60 stop");
+  std::error_code ec;
+  fs::remove_all(g_pgdir, ec);
+  g_pgdir.clear();
+}
+
+// --- SQLite ----------------------------------------------------------------
+
+bool start_sqlite() {
+  if (sqlite3_open((g_tmp + "/bench.sqlite").c_str(), &g_lite) != SQLITE_OK) return false;
+  auto ok = [](const std::string &sql) {
+    return sqlite3_exec(g_lite, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+  };
+  if (!ok("PRAGMA journal_mode=WAL") ||
+      !ok("CREATE TABLE BENCH (BENCH_ID INTEGER NOT NULL, NAME TEXT, MENGE INTEGER, "
+          "BETRAG REAL, DATUM TEXT, ZEIT TEXT)") ||
+      !ok("CREATE UNIQUE INDEX BENCH_IX ON BENCH (BENCH_ID)") || !ok("BEGIN"))
+    return false;
+  for (int i = 1; i <= kRows; ++i)
+    if (!ok("INSERT INTO BENCH VALUES " + row_values(i))) return false;
+  return ok("COMMIT");
+}
+
+// --- measurements ----------------------------------------------------------
+
+// Times kLookups one-row queries with keys spread over the table; `query`
+// returns false when an answer is not the one row. Sets the median in *out.
+template <class F> void time_lookups(benchmark::State &state, F query, double *out) {
+  std::mt19937 rng(11);
+  std::vector<double> us(kLookups);
+  for (auto _ : state) {
+    for (int i = 0; i < 500; ++i) query(1 + int(rng() % kRows)); // warm up
+    for (int i = 0; i < kLookups; ++i) {
+      int key = 1 + int(rng() % kRows);
+      auto t0 = Clock::now();
+      if (!query(key)) {
+        state.SkipWithError("wrong answer");
+        return;
+      }
+      us[size_t(i)] = std::chrono::duration<double, std::micro>(Clock::now() - t0).count();
+    }
+  }
+  *out = median(us);
+  state.counters["median_us"] = *out;
+}
+
+void BM_SelectByKey_Tavrind(benchmark::State &state) {
+  if (!g_tav) return state.SkipWithError("tavrind not running");
+  time_lookups(
+      state,
+      [](int key) {
+        DBRESULT *r = DBexec(g_tav, lookup_sql(key).c_str());
+        bool good = DBntuples(r) == 1 && DBnfields(r) == 6;
+        DBclear(r);
+        return good;
+      },
+      &g_res.tav_us);
+}
+
+void BM_SelectByKey_PostgreSQL(benchmark::State &state) {
+  if (!g_pg) return state.SkipWithError("PostgreSQL not running");
+  time_lookups(
+      state,
+      [](int key) {
+        PGresult *r = PQexec(g_pg, lookup_sql(key).c_str());
+        bool good = PQntuples(r) == 1 && PQnfields(r) == 6;
+        PQclear(r);
+        return good;
+      },
+      &g_res.pg_us);
+}
+
+void BM_SelectByKey_SQLite(benchmark::State &state) {
+  if (!g_lite) return state.SkipWithError("SQLite not ready");
+  time_lookups(
+      state,
+      [](int key) {
+        std::string sql = lookup_sql(key);
+        sqlite3_stmt *st = nullptr;
+        if (sqlite3_prepare_v2(g_lite, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) return false;
+        int rows = 0;
+        while (sqlite3_step(st) == SQLITE_ROW) {
+          for (int c = 0; c < 6; ++c) benchmark::DoNotOptimize(sqlite3_column_text(st, c));
+          ++rows;
+        }
+        sqlite3_finalize(st);
+        return rows == 1;
+      },
+      &g_res.lite_us);
+}
+
+// Times kScans full scans into client memory; sets the median rate.
+template <class F> void time_scans(benchmark::State &state, F scan, double *rows_per_s) {
+  std::vector<double> rate;
+  for (auto _ : state) {
+    auto t0 = Clock::now();
+    int rows = scan();
+    double s = std::chrono::duration<double>(Clock::now() - t0).count();
+    if (rows != kRows) {
+      state.SkipWithError("wrong row count");
+      return;
+    }
+    rate.push_back(rows / s);
+  }
+  *rows_per_s = median(rate);
+  state.counters["rows_per_s"] = *rows_per_s;
+}
+
+void BM_Select100k_Tavrind(benchmark::State &state) {
+  if (!g_tav) return state.SkipWithError("tavrind not running");
+  time_scans(
+      state,
+      [] {
+        DBRESULT *r = DBexec(g_tav, "SELECT * FROM BENCH");
+        int n = DBnfields(r) == 6 ? DBntuples(r) : -1;
+        DBclear(r);
+        return n;
+      },
+      &g_res.tav_rows);
+}
+
+void BM_Select100k_PostgreSQL(benchmark::State &state) {
+  if (!g_pg) return state.SkipWithError("PostgreSQL not running");
+  time_scans(
+      state,
+      [] {
+        PGresult *r = PQexec(g_pg, "SELECT * FROM BENCH");
+        int n = PQnfields(r) == 6 ? PQntuples(r) : -1;
+        PQclear(r);
+        return n;
+      },
+      &g_res.pg_rows);
+}
+
+BENCHMARK(BM_SelectByKey_Tavrind)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SelectByKey_PostgreSQL)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SelectByKey_SQLite)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Select100k_Tavrind)->Iterations(kScans)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Select100k_PostgreSQL)->Iterations(kScans)->Unit(benchmark::kMillisecond);
+
+void target(const char *name, double measured, const char *unit, const char *op, double limit,
+            bool met) {
+  std::printf("TARGET %s: %.2f%s %s %.2f%s %s\n", name, measured, unit, op, limit, unit,
+              met ? "met" : "missed");
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  benchmark::Initialize(&argc, argv);
+  char tmpl[] = "/tmp/zentiq_srvbench_XXXXXX";
+  if (!mkdtemp(tmpl)) return 1;
+  g_tmp = tmpl;
+  bool tav = start_tavrind();
+  bool pg = start_postgres();
+  if (!pg) std::printf("PostgreSQL could not be started: tavrind and SQLite figures only\n");
+  start_sqlite();
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  stop_tavrind();
+  stop_postgres();
+  if (g_lite) sqlite3_close(g_lite);
+  std::error_code ec;
+  fs::remove_all(g_tmp, ec);
+
+  std::printf("select by key, median: tavrind %.1f us, PostgreSQL %.1f us, SQLite %.1f us\n",
+              g_res.tav_us, g_res.pg_us, g_res.lite_us);
+  std::printf("select 100000 rows x 6: tavrind %.0f rows/s, PostgreSQL %.0f rows/s\n",
+              g_res.tav_rows, g_res.pg_rows);
+  if (!tav) std::printf("tavrind could not be started: no targets measured\n");
+  if (tav && pg) {
+    target("select_by_key_vs_postgresql", g_res.tav_us, "us", "<=", g_res.pg_us,
+           g_res.tav_us > 0 && g_res.tav_us <= g_res.pg_us);
+    target("select_100k_rows_vs_postgresql", g_res.tav_rows / 1e6, "Mrows/s",
+           ">=", g_res.pg_rows / 1e6, g_res.tav_rows > 0 && g_res.tav_rows >= g_res.pg_rows);
+  }
+  return 0;
+}
