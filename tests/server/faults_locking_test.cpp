@@ -1,0 +1,375 @@
+// Locking under faults, against a real tavrind process: a client that waits
+// for another one's write lock gets its answer when the holder commits,
+// aborts or dies; a wait longer than --lock-timeout is refused; crossing
+// transactions never hang; --max-clients refuses the client too many.
+//
+// Every client runs in a forked process of its own (the transport is one
+// connection per process) and is driven through pipes: the test writes one
+// statement per line, the client answers one line "<status>|<first value,
+// row count or error text>". Each server has its own namespace and temporary data folder
+// and is stopped by its pid.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/msg.h"
+#include "db/client/connect.h"
+#include "db/client/exec.h"
+
+extern char **environ;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string tavrind_program() {
+  const char *build = std::getenv("ZENTIQ_BUILD_DIR");
+  std::string p = std::string(build ? build : "") + "/server/tavrind";
+  return std::filesystem::exists(p) ? p : "";
+}
+
+// A tavrind process with the given extra options.
+class Server {
+public:
+  ~Server() { stop(); }
+
+  bool start(const std::vector<std::string> &extra) {
+    static int n = 0;
+    ns_ = "zqflt" + std::to_string(getpid()) + "_" + std::to_string(n++) + "_";
+    char tmpl[] = "/tmp/zentiq_faults_XXXXXX";
+    if (!mkdtemp(tmpl)) return false;
+    dir_ = tmpl;
+    std::string prog = tavrind_program();
+    if (prog.empty()) return false;
+    std::vector<std::string> args = {prog, "--data", dir_ + "/data", "--namespace", ns_};
+    args.insert(args.end(), extra.begin(), extra.end());
+    std::vector<char *> argv;
+    for (auto &a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    std::string log = dir_ + "/tavrind.log";
+    posix_spawn_file_actions_addopen(&fa, 2, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    posix_spawn_file_actions_adddup2(&fa, 2, 1);
+    int rc = posix_spawn(&pid_, prog.c_str(), &fa, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&fa);
+    if (rc != 0) return false;
+    // Ready when the first start has written both databases and logs so.
+    for (int i = 0; i < 300; ++i) {
+      std::ifstream in(log);
+      std::stringstream s;
+      s << in.rdbuf();
+      if (s.str().find("serving") != std::string::npos) return true;
+      std::this_thread::sleep_for(100ms);
+    }
+    return false;
+  }
+
+  void stop() {
+    if (pid_ > 0) {
+      kill(pid_, SIGTERM);
+      int st = 0;
+      for (int i = 0; i < 500 && waitpid(pid_, &st, WNOHANG) == 0; ++i)
+        std::this_thread::sleep_for(10ms);
+      if (waitpid(pid_, &st, WNOHANG) == 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &st, 0);
+      }
+      pid_ = -1;
+    }
+    if (!dir_.empty()) std::filesystem::remove_all(dir_);
+    dir_.clear();
+  }
+
+  const std::string &ns() const { return ns_; }
+
+private:
+  pid_t pid_ = -1;
+  std::string ns_, dir_;
+};
+
+// One client process on database DEMO, driven line by line.
+class Client {
+public:
+  explicit Client(const std::string &ns) {
+    int to[2], from[2];
+    if (pipe(to) != 0 || pipe(from) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      // Only its own pipe ends: a write end of another client's pipe kept
+      // here would hide that client's end of input.
+      for (int fd = 3; fd < 1024; ++fd)
+        if (fd != to[0] && fd != from[1]) close(fd);
+      setenv("TAVRIN_NAMESPACE", ns.c_str(), 1);
+      serve(to[0], from[1]);
+    }
+    close(to[0]);
+    close(from[1]);
+    out_ = to[1];
+    in_ = from[0];
+  }
+  ~Client() {
+    if (out_ >= 0) close(out_);
+    if (in_ >= 0) close(in_);
+    if (pid_ > 0) {
+      int st = 0;
+      for (int i = 0; i < 300 && waitpid(pid_, &st, WNOHANG) == 0; ++i)
+        std::this_thread::sleep_for(10ms);
+      if (waitpid(pid_, &st, WNOHANG) == 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &st, 0);
+      }
+    }
+  }
+
+  // Sends a statement without waiting for its answer.
+  void send(const std::string &stmt) {
+    std::string line = stmt + "\n";
+    ASSERT_EQ(write(out_, line.data(), line.size()), ssize_t(line.size()));
+  }
+  // The next answer line, or "" when none came within `wait`.
+  std::string answer(std::chrono::milliseconds wait = 10s) {
+    auto end = std::chrono::steady_clock::now() + wait;
+    while (true) {
+      size_t nl = buf_.find('\n');
+      if (nl != std::string::npos) {
+        std::string line = buf_.substr(0, nl);
+        buf_.erase(0, nl + 1);
+        return line;
+      }
+      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          end - std::chrono::steady_clock::now());
+      if (left.count() <= 0) return "";
+      pollfd p{in_, POLLIN, 0};
+      if (poll(&p, 1, int(left.count())) <= 0) continue;
+      char tmp[4096];
+      ssize_t n = read(in_, tmp, sizeof tmp);
+      if (n <= 0) return "";
+      buf_.append(tmp, size_t(n));
+    }
+  }
+  std::string run(const std::string &stmt) {
+    send(stmt);
+    return answer();
+  }
+  void kill_now() {
+    kill(pid_, SIGKILL);
+    int st = 0;
+    waitpid(pid_, &st, 0);
+    pid_ = -1;
+  }
+
+private:
+  // The child: connects (retrying while the server comes up), then runs one
+  // statement per line. "CONNECT" failures are reported as "C|<message>".
+  [[noreturn]] static void serve(int in, int out) {
+    msg_set_handler([](const char *) {});
+    FILE *f = fdopen(in, "r");
+    auto reply = [out](const std::string &s) {
+      std::string line = s + "\n";
+      if (write(out, line.data(), line.size()) < 0) _exit(3);
+    };
+    char name[] = "DEMO";
+    DBCONN *c = DBconnect(name);
+    if (DBstatus(c) != DBCONN_OK) {
+      std::string m = DBerrormessage(c);
+      for (char &ch : m)
+        if (ch == '\n') ch = ' ';
+      reply("C|" + m);
+    } else {
+      reply("OK|");
+    }
+    char line[4096];
+    while (f && fgets(line, sizeof line, f)) {
+      std::string s = line;
+      if (!s.empty() && s.back() == '\n') s.pop_back();
+      DBRESULT *r = DBexec(c, s.c_str());
+      int st = DBresult_status(r);
+      std::string v;
+      if (st == DBRES_ERROR || st == DBRES_SYNTAX)
+        v = DBresult_error(r);
+      else if (st == DBRES_TUPLES && DBntuples(r) > 0)
+        v = DBgetvalue(r, 0, 0);
+      else if (st == DBRES_DONE && DBntuples(r) > 0)
+        v = std::to_string(DBntuples(r)); // a count answer
+      for (char &ch : v)
+        if (ch == '\n') ch = ' ';
+      DBclear(r);
+      reply(std::to_string(st) + "|" + v);
+    }
+    DBfinish(c);
+    DBconn_free(c);
+    _exit(0);
+  }
+
+  pid_t pid_ = -1;
+  int out_ = -1, in_ = -1;
+  std::string buf_;
+};
+
+const std::string kDone = "1|";
+std::string tuples(const std::string &v) { return "2|" + v; }
+bool is_error(const std::string &a, const std::string &number) {
+  return a.rfind("4|", 0) == 0 && a.find("(TAVRIN " + number + ")") != std::string::npos;
+}
+
+class Locking : public ::testing::Test {
+protected:
+  void SetUp() override {
+    if (tavrind_program().empty()) GTEST_SKIP() << "tavrind has not been built";
+  }
+  // Starts the server and makes table KONTO with accounts 1 and 2.
+  void start(const std::vector<std::string> &extra = {}) {
+    ASSERT_TRUE(srv.start(extra));
+    Client c(srv.ns());
+    ASSERT_EQ(c.answer(), "OK|");
+    ASSERT_EQ(c.run("CREATE TABLE KONTO (KONTO_ID INTEGER, BETRAG INTEGER)"), kDone);
+    ASSERT_EQ(c.run("INSERT INTO KONTO VALUES (1, 100)"), "1|1");
+    ASSERT_EQ(c.run("INSERT INTO KONTO VALUES (2, 100)"), "1|1");
+  }
+  std::string amount(int id) {
+    Client c(srv.ns());
+    EXPECT_EQ(c.answer(), "OK|");
+    return c.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = " + std::to_string(id));
+  }
+  Server srv;
+};
+
+// A holds the write lock, B's UPDATE is parked; how A's transaction ends
+// decides when B is answered and what is visible afterwards.
+TEST_F(Locking, ParkedWriterGoesOnWhenTheHolderCommitsAbortsOrDies) {
+  start();
+  int b_changes = 0;
+  for (const std::string end : {"COMMIT", "ABORT", "kill"}) {
+    SCOPED_TRACE(end);
+    auto a = std::make_unique<Client>(srv.ns());
+    Client b(srv.ns());
+    ASSERT_EQ(a->answer(), "OK|");
+    ASSERT_EQ(b.answer(), "OK|");
+    ASSERT_EQ(a->run("BEGIN"), kDone);
+    ASSERT_EQ(a->run("UPDATE KONTO SET BETRAG = 110 WHERE KONTO_ID = 1"), "1|1");
+    b.send("UPDATE KONTO SET BETRAG = " + std::to_string(101 + b_changes) + " WHERE KONTO_ID = 2");
+    EXPECT_EQ(b.answer(400ms), "") << "B must wait for A's lock";
+    // A reader is never parked behind the lock and sees only committed data.
+    std::string before = amount(1);
+    if (end == "kill")
+      a->kill_now();
+    else
+      ASSERT_EQ(a->run(end), kDone);
+    EXPECT_EQ(b.answer(), "1|1");
+    a.reset();
+    bool committed_a = end == "COMMIT";
+    EXPECT_EQ(amount(1), tuples(committed_a ? "110" : before.substr(2)));
+    ++b_changes;
+    EXPECT_EQ(amount(2), tuples(std::to_string(100 + b_changes))) << "B's change is visible";
+  }
+  EXPECT_EQ(amount(1), tuples("110"));
+  EXPECT_EQ(amount(2), tuples("103"));
+}
+
+// A wait longer than --lock-timeout is refused with a text naming the
+// database; the waiting transaction goes on and can still commit.
+TEST_F(Locking, LockTimeoutRefusesTheWaitingStatementOnly) {
+  start({"--lock-timeout", "0.5"});
+  Client a(srv.ns()), b(srv.ns());
+  ASSERT_EQ(a.answer(), "OK|");
+  ASSERT_EQ(b.answer(), "OK|");
+  ASSERT_EQ(a.run("BEGIN"), kDone);
+  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 7 WHERE KONTO_ID = 1"), "1|1");
+  ASSERT_EQ(b.run("BEGIN"), kDone);
+  auto t0 = std::chrono::steady_clock::now();
+  std::string r = b.run("UPDATE KONTO SET BETRAG = 8 WHERE KONTO_ID = 2");
+  auto waited = std::chrono::steady_clock::now() - t0;
+  EXPECT_TRUE(is_error(r, "509")) << r;
+  EXPECT_NE(r.find("DEMO"), std::string::npos) << r;
+  EXPECT_GE(waited, 450ms);
+  EXPECT_LT(waited, 5s);
+  ASSERT_EQ(a.run("COMMIT"), kDone);
+  EXPECT_EQ(b.run("UPDATE KONTO SET BETRAG = 8 WHERE KONTO_ID = 2"), "1|1");
+  EXPECT_EQ(b.run("COMMIT"), kDone);
+  EXPECT_EQ(amount(1), tuples("7"));
+  EXPECT_EQ(amount(2), tuples("8"));
+}
+
+// Two transactions that would wait for each other with row locks: with the
+// database's write lock the second one waits for the first, which goes on;
+// a waiter that read before the holder's change ends with '0' when the
+// holder commits, never hangs.
+TEST_F(Locking, CrossingTransactionsNeverHang) {
+  start();
+  Client a(srv.ns()), b(srv.ns());
+  ASSERT_EQ(a.answer(), "OK|");
+  ASSERT_EQ(b.answer(), "OK|");
+  // Crossing updates: B waits, A takes both rows, B then does its work.
+  ASSERT_EQ(a.run("BEGIN"), kDone);
+  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 95 WHERE KONTO_ID = 1"), "1|1");
+  ASSERT_EQ(b.run("BEGIN"), kDone);
+  b.send("UPDATE KONTO SET BETRAG = 102 WHERE KONTO_ID = 2");
+  EXPECT_EQ(b.answer(300ms), "");
+  EXPECT_EQ(a.run("UPDATE KONTO SET BETRAG = 105 WHERE KONTO_ID = 2"), "1|1");
+  EXPECT_EQ(a.run("COMMIT"), kDone);
+  EXPECT_EQ(b.answer(), "1|1");
+  EXPECT_EQ(b.run("UPDATE KONTO SET BETRAG = 98 WHERE KONTO_ID = 1"), "1|1");
+  EXPECT_EQ(b.run("COMMIT"), kDone);
+  EXPECT_EQ(amount(1), tuples("98"));
+  EXPECT_EQ(amount(2), tuples("102"));
+
+  // Both read first: the second writer's snapshot is stale once the first
+  // commits, so it is refused and the first one's change stands.
+  ASSERT_EQ(a.run("BEGIN"), kDone);
+  ASSERT_EQ(b.run("BEGIN"), kDone);
+  ASSERT_EQ(a.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("98"));
+  ASSERT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 2"), tuples("102"));
+  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 0 WHERE KONTO_ID = 1"), "1|1");
+  b.send("UPDATE KONTO SET BETRAG = 0 WHERE KONTO_ID = 2");
+  EXPECT_EQ(b.answer(300ms), "");
+  EXPECT_EQ(a.run("COMMIT"), kDone);
+  EXPECT_TRUE(is_error(b.answer(2s), "505"));
+  EXPECT_EQ(b.run("ABORT"), kDone);
+  EXPECT_EQ(amount(1), tuples("0"));
+  EXPECT_EQ(amount(2), tuples("102"));
+}
+
+// The client beyond --max-clients is refused with a message; a place freed
+// by a client that ended is given out again.
+TEST_F(Locking, MaxClientsRefusesTheClientTooMany) {
+  start({"--max-clients", "2"});
+  // The server notices an ended client within its liveness checks; until
+  // then its channel stays taken.
+  auto connect = [this] {
+    for (int i = 0; i < 25; ++i) {
+      auto c = std::make_unique<Client>(srv.ns());
+      if (c->answer() == "OK|") return c;
+      std::this_thread::sleep_for(200ms);
+    }
+    return std::unique_ptr<Client>();
+  };
+  auto a = connect();
+  auto b = connect();
+  ASSERT_TRUE(a && b);
+  {
+    Client c(srv.ns());
+    std::string r = c.answer();
+    EXPECT_EQ(r.rfind("C|", 0), 0u) << r;
+    EXPECT_GT(r.size(), 2u);
+  }
+  a.reset();
+  EXPECT_TRUE(connect());
+}
+
+} // namespace
