@@ -659,7 +659,9 @@ sqlite3 *catalog_open(const Catalog &cat, const std::string &name, bool create, 
     return nullptr;
   }
   sqlite3 *raw = nullptr;
-  int flags = SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0);
+  // The server runs one thread and each connection belongs to one channel:
+  // SQLite need not lock around every call.
+  int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | (create ? SQLITE_OPEN_CREATE : 0);
   int rc = sqlite3_open_v2(catalog_path(cat, name).c_str(), &raw, flags, nullptr);
   Db db(raw);
   if (rc != SQLITE_OK) {

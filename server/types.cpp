@@ -4,6 +4,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -575,6 +576,55 @@ int type_check_value(ColType t, const Literal &lit, SqlValue &out, std::string &
   }
 }
 
+namespace {
+
+// Reads n decimal digits at s; false if any is not a digit.
+bool fixed_digits(const unsigned char *s, int n, int &v) {
+  v = 0;
+  for (int k = 0; k < n; ++k) {
+    unsigned d = static_cast<unsigned>(s[k]) - '0';
+    if (d > 9) return false;
+    v = v * 10 + static_cast<int>(d);
+  }
+  return true;
+}
+
+// The stored forms that the server itself writes ("YYYY-MM-DD", "HH:MM:SS",
+// "YYYY-MM-DD-HH.MM.SS.ffffff") read without copying; a text of any other
+// shape returns false and goes through the general parsers. Large answers
+// read every calendar value this way, so it must not allocate.
+bool fast_calendar(int code, const unsigned char *s, size_t n, DateParts &p) {
+  if (code == TYPE_TIME) {
+    return n == 8 && s[2] == ':' && s[5] == ':' && fixed_digits(s, 2, p.h) &&
+           fixed_digits(s + 3, 2, p.mi) && fixed_digits(s + 6, 2, p.s) &&
+           time_valid(p.h, p.mi, p.s);
+  }
+  if (n < 10 || s[4] != '-' || s[7] != '-' || !fixed_digits(s, 4, p.y) ||
+      !fixed_digits(s + 5, 2, p.mo) || !fixed_digits(s + 8, 2, p.d) ||
+      !type_date_valid(p.y, p.mo, p.d))
+    return false;
+  if (code == TYPE_DATE) return true; // only the date part counts
+  if (n == 10) return true;
+  return n == 26 && s[10] == '-' && s[13] == '.' && s[16] == '.' && s[19] == '.' &&
+         fixed_digits(s + 11, 2, p.h) && fixed_digits(s + 14, 2, p.mi) &&
+         fixed_digits(s + 17, 2, p.s) && fixed_digits(s + 20, 6, p.us) &&
+         time_valid(p.h, p.mi, p.s);
+}
+
+// Appends n bytes in one step (the answer grows by whole values).
+inline unsigned char *grow(std::vector<unsigned char> &out, size_t n) {
+  size_t at = out.size();
+  out.resize(at + n);
+  return out.data() + at;
+}
+
+inline void store16(unsigned char *p, uint16_t v) {
+  p[0] = static_cast<unsigned char>(v);
+  p[1] = static_cast<unsigned char>(v >> 8);
+}
+
+} // namespace
+
 void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt *stmt, int col) {
   int st = sqlite3_column_type(stmt, col);
   bool null = st == SQLITE_NULL;
@@ -610,11 +660,16 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
     DateParts p;
     if (!null) {
       const unsigned char *txt = sqlite3_column_text(stmt, col);
-      std::string s = txt ? std::string(reinterpret_cast<const char *>(txt)) : std::string();
-      bool ok = t.code == TYPE_DATE   ? parse_date(s.substr(0, 10), p)
-                : t.code == TYPE_TIME ? parse_time(s, p)
-                                      : parse_timestamp(s, p);
-      if (!ok) p = DateParts();
+      size_t n = static_cast<size_t>(sqlite3_column_bytes(stmt, col));
+      bool ok = txt && fast_calendar(t.code, txt, n, p);
+      if (!ok) {
+        p = DateParts();
+        std::string s = txt ? std::string(reinterpret_cast<const char *>(txt), n) : std::string();
+        ok = t.code == TYPE_DATE   ? parse_date(s.substr(0, 10), p)
+             : t.code == TYPE_TIME ? parse_time(s, p)
+                                   : parse_timestamp(s, p);
+        if (!ok) p = DateParts();
+      }
     }
     if (t.code == TYPE_DATE) {
       put16(out, 4);
@@ -653,18 +708,21 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
     return;
   }
   default: { // CHARACTER
-    std::string s;
-    if (!null) {
-      const unsigned char *txt = sqlite3_column_text(stmt, col);
-      int n = sqlite3_column_bytes(stmt, col);
-      if (txt) s = utf8_to_latin1(reinterpret_cast<const char *>(txt), static_cast<size_t>(n));
+    // Converted from UTF-8 straight into the answer: the Latin-1 text is never
+    // longer than its UTF-8 form. It ends at a zero byte and at 65534 bytes.
+    const unsigned char *txt = null ? nullptr : sqlite3_column_text(stmt, col);
+    size_t n = txt ? static_cast<size_t>(sqlite3_column_bytes(stmt, col)) : 0;
+    size_t at = out.size();
+    unsigned char *dst = grow(out, 2 + std::min<size_t>(n, 65534) + 1) + 2;
+    size_t len = 0;
+    for (size_t i = 0; i < n && len < 65534;) {
+      unsigned char c = txt[i] < 0x80 ? txt[i++] : next_latin1(txt, n, i);
+      if (c == 0) break;
+      dst[len++] = c;
     }
-    size_t z = s.find('\0');
-    if (z != std::string::npos) s.resize(z);
-    if (s.size() > 65534) s.resize(65534);
-    put16(out, static_cast<uint16_t>(s.size() + 1));
-    out.insert(out.end(), s.begin(), s.end());
-    out.push_back(0);
+    dst[len] = 0;
+    out.resize(at + 2 + len + 1);
+    store16(out.data() + at, static_cast<uint16_t>(len + 1));
     return;
   }
   }
