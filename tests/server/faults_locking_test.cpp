@@ -30,78 +30,15 @@
 #include "base/msg.h"
 #include "db/client/connect.h"
 #include "db/client/exec.h"
+#include "tests/server/faults_server.h"
 
 extern char **environ;
 
 namespace {
 
 using namespace std::chrono_literals;
-
-std::string tavrind_program() {
-  const char *build = std::getenv("ZENTIQ_BUILD_DIR");
-  std::string p = std::string(build ? build : "") + "/server/tavrind";
-  return std::filesystem::exists(p) ? p : "";
-}
-
-// A tavrind process with the given extra options.
-class Server {
-public:
-  ~Server() { stop(); }
-
-  bool start(const std::vector<std::string> &extra) {
-    static int n = 0;
-    ns_ = "zqflt" + std::to_string(getpid()) + "_" + std::to_string(n++) + "_";
-    char tmpl[] = "/tmp/zentiq_faults_XXXXXX";
-    if (!mkdtemp(tmpl)) return false;
-    dir_ = tmpl;
-    std::string prog = tavrind_program();
-    if (prog.empty()) return false;
-    std::vector<std::string> args = {prog, "--data", dir_ + "/data", "--namespace", ns_};
-    args.insert(args.end(), extra.begin(), extra.end());
-    std::vector<char *> argv;
-    for (auto &a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    std::string log = dir_ + "/tavrind.log";
-    posix_spawn_file_actions_addopen(&fa, 2, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    posix_spawn_file_actions_adddup2(&fa, 2, 1);
-    int rc = posix_spawn(&pid_, prog.c_str(), &fa, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&fa);
-    if (rc != 0) return false;
-    // Ready when the first start has written both databases and logs so.
-    for (int i = 0; i < 300; ++i) {
-      std::ifstream in(log);
-      std::stringstream s;
-      s << in.rdbuf();
-      if (s.str().find("serving") != std::string::npos) return true;
-      std::this_thread::sleep_for(100ms);
-    }
-    return false;
-  }
-
-  void stop() {
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      int st = 0;
-      for (int i = 0; i < 500 && waitpid(pid_, &st, WNOHANG) == 0; ++i)
-        std::this_thread::sleep_for(10ms);
-      if (waitpid(pid_, &st, WNOHANG) == 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, &st, 0);
-      }
-      pid_ = -1;
-    }
-    if (!dir_.empty()) std::filesystem::remove_all(dir_);
-    dir_.clear();
-  }
-
-  const std::string &ns() const { return ns_; }
-
-private:
-  pid_t pid_ = -1;
-  std::string ns_, dir_;
-};
+using faults::Server;
+using faults::tavrind_program;
 
 // One client process on database DEMO, driven line by line.
 class Client {

@@ -1,0 +1,276 @@
+// Transfers between 100 accounts by 8 client processes at once against a real
+// tavrind: some transactions end with ABORT, a client is killed in the
+// middle of its exchanges, the server itself is killed with SIGKILL and
+// started again. Afterwards the data file is checked directly with SQLite:
+// integrity, the sum over all accounts, every account equal to its start
+// plus the transfers recorded, every transfer whose COMMIT was answered
+// there and no aborted one.
+//
+// The long runs (LoadLong.*) only run when ZENTIQ_LOAD=1 is set; ctest runs
+// them as the entry "server_load" with the label "load".
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/msg.h"
+#include "db/client/connect.h"
+#include "db/client/exec.h"
+#include "tests/server/faults_server.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int kAccounts = 100;
+constexpr int kStart = 1000;
+
+// Runs one statement; the status, and the first value of a tuples answer in
+// *value.
+int run(DBCONN *c, const std::string &sql, std::string *value = nullptr) {
+  DBRESULT *r = DBexec(c, sql.c_str());
+  int st = DBresult_status(r);
+  if (value && st == DBRES_TUPLES && DBntuples(r) > 0) *value = DBgetvalue(r, 0, 0);
+  DBclear(r);
+  return st;
+}
+
+// In a forked child: connects to DEMO (retrying for a few seconds) and
+// returns the connection; ends the child with status 2 when it cannot.
+DBCONN *child_connect(const std::string &ns) {
+  for (int fd = 3; fd < 1024; ++fd) close(fd);
+  setenv("TAVRIN_NAMESPACE", ns.c_str(), 1);
+  msg_set_handler([](const char *) {});
+  for (int i = 0; i < 50; ++i) {
+    char name[] = "DEMO";
+    DBCONN *c = DBconnect(name);
+    if (DBstatus(c) == DBCONN_OK) return c;
+    DBconn_free(c);
+    std::this_thread::sleep_for(100ms);
+  }
+  _exit(2);
+}
+
+// Creates KONTO with kAccounts accounts of kStart each and the empty
+// journal BUCHUNG. True when every statement succeeded.
+bool setup(const std::string &ns) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    DBCONN *c = child_connect(ns);
+    bool ok = run(c, "CREATE TABLE KONTO (KONTO_ID INTEGER, BETRAG INTEGER)") == DBRES_DONE &&
+              run(c, "CREATE UNIQUE INDEX KONTO_I ON KONTO (KONTO_ID)") == DBRES_DONE &&
+              run(c, "CREATE TABLE BUCHUNG (BUCHUNG_ID INTEGER, VON INTEGER, NACH INTEGER, "
+                     "BETRAG INTEGER)") == DBRES_DONE &&
+              run(c, "BEGIN") == DBRES_DONE;
+    for (int i = 1; ok && i <= kAccounts; ++i)
+      ok = run(c, "INSERT INTO KONTO VALUES (" + std::to_string(i) + ", " + std::to_string(kStart) +
+                      ")") == DBRES_DONE;
+    ok = ok && run(c, "COMMIT") == DBRES_DONE;
+    DBfinish(c);
+    _exit(ok ? 0 : 1);
+  }
+  int st = 0;
+  waitpid(pid, &st, 0);
+  return WIFEXITED(st) && WEXITSTATUS(st) == 0;
+}
+
+// Starts a client process that runs n transfers: each one writes its journal
+// row first (which takes the write lock), reads both balances, writes them
+// back changed and ends with COMMIT, or with ABORT about every eighth time.
+// A refused statement aborts the attempt, which is repeated. The outcome of
+// every transfer whose end was answered goes to `record` as "C id" or
+// "A id". Exits 0 when all ran; a lost server ends the process.
+pid_t start_worker(const std::string &ns, int worker, int n, const std::string &record) {
+  pid_t pid = fork();
+  if (pid != 0) return pid;
+  DBCONN *c = child_connect(ns);
+  FILE *out = fopen(record.c_str(), "a");
+  if (!out) _exit(3);
+  std::mt19937 rng(unsigned(worker) * 7919u + 17u);
+  std::uniform_int_distribution<int> account(1, kAccounts), amount(1, 50), coin(0, 7);
+  for (int i = 0; i < n; ++i) {
+    int id = worker * 100000 + i;
+    int from = account(rng), to = account(rng);
+    while (to == from) to = account(rng);
+    int sum = amount(rng);
+    bool abort = coin(rng) == 0;
+    bool done = false;
+    for (int attempt = 0; attempt < 100 && !done; ++attempt) {
+      std::string a, b;
+      auto key = [](int k) { return " WHERE KONTO_ID = " + std::to_string(k); };
+      bool ok =
+          run(c, "BEGIN") == DBRES_DONE &&
+          run(c, "INSERT INTO BUCHUNG VALUES (" + std::to_string(id) + ", " + std::to_string(from) +
+                     ", " + std::to_string(to) + ", " + std::to_string(sum) + ")") == DBRES_DONE &&
+          run(c, "SELECT BETRAG FROM KONTO" + key(from), &a) == DBRES_TUPLES &&
+          run(c, "SELECT BETRAG FROM KONTO" + key(to), &b) == DBRES_TUPLES &&
+          run(c, "UPDATE KONTO SET BETRAG = " + std::to_string(std::stoi(a) - sum) + key(from)) ==
+              DBRES_DONE &&
+          run(c, "UPDATE KONTO SET BETRAG = " + std::to_string(std::stoi(b) + sum) + key(to)) ==
+              DBRES_DONE;
+      if (!ok || abort) {
+        if (run(c, "ABORT") != DBRES_DONE) _exit(4);
+        done = ok;
+      } else {
+        done = run(c, "COMMIT") == DBRES_DONE;
+      }
+      if (done) {
+        fprintf(out, "%c %d\n", abort ? 'A' : 'C', id);
+        fflush(out);
+      }
+    }
+    if (!done) _exit(5);
+  }
+  fclose(out);
+  DBfinish(c);
+  _exit(0);
+}
+
+// Waits for pid at most `limit`, then kills it. The exit status, or -1 when
+// it had to be killed or ended by a signal.
+int reap(pid_t pid, std::chrono::milliseconds limit) {
+  auto end = std::chrono::steady_clock::now() + limit;
+  int st = 0;
+  while (waitpid(pid, &st, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() > end) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &st, 0);
+      return -1;
+    }
+    std::this_thread::sleep_for(20ms);
+  }
+  return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+}
+
+// Checks the database file of DEMO with SQLite (the server may run): the
+// integrity check, the sum, every balance against the journal, the recorded
+// commits present and the recorded aborts absent. Returns the number of
+// transfers in the journal.
+int check_data(const std::string &data_dir, const std::string &record) {
+  sqlite3 *db = nullptr;
+  EXPECT_EQ(sqlite3_open_v2((data_dir + "/DEMO.db").c_str(), &db, SQLITE_OPEN_READWRITE, nullptr),
+            SQLITE_OK);
+  sqlite3_busy_timeout(db, 5000);
+  auto query = [db](const std::string &sql, auto &&row) {
+    sqlite3_stmt *s = nullptr;
+    EXPECT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr), SQLITE_OK) << sql;
+    while (s && sqlite3_step(s) == SQLITE_ROW) row(s);
+    sqlite3_finalize(s);
+  };
+  std::string integrity;
+  query("PRAGMA integrity_check", [&](sqlite3_stmt *s) {
+    integrity += reinterpret_cast<const char *>(sqlite3_column_text(s, 0));
+  });
+  EXPECT_EQ(integrity, "ok");
+  std::vector<long long> expect(kAccounts + 1, kStart), have(kAccounts + 1, 0);
+  expect[0] = 0; // there is no account 0
+  std::set<long long> journal;
+  query("SELECT BUCHUNG_ID, VON, NACH, BETRAG FROM BUCHUNG", [&](sqlite3_stmt *s) {
+    EXPECT_TRUE(journal.insert(sqlite3_column_int64(s, 0)).second) << "transfer twice";
+    expect.at(size_t(sqlite3_column_int(s, 1))) -= sqlite3_column_int(s, 3);
+    expect.at(size_t(sqlite3_column_int(s, 2))) += sqlite3_column_int(s, 3);
+  });
+  long long sum = 0;
+  int accounts = 0;
+  query("SELECT KONTO_ID, BETRAG FROM KONTO", [&](sqlite3_stmt *s) {
+    have.at(size_t(sqlite3_column_int(s, 0))) = sqlite3_column_int64(s, 1);
+    sum += sqlite3_column_int64(s, 1);
+    ++accounts;
+  });
+  sqlite3_close(db);
+  EXPECT_EQ(accounts, kAccounts);
+  EXPECT_EQ(sum, (long long)kAccounts * kStart);
+  EXPECT_EQ(have, expect) << "a balance differs from its transfers";
+  std::ifstream in(record);
+  char kind;
+  long long id;
+  int committed = 0;
+  while (in >> kind >> id) {
+    if (kind == 'C') {
+      ++committed;
+      EXPECT_TRUE(journal.count(id)) << "committed transfer " << id << " lost";
+    } else {
+      EXPECT_FALSE(journal.count(id)) << "aborted transfer " << id << " kept";
+    }
+  }
+  EXPECT_GT(committed, 0);
+  return int(journal.size());
+}
+
+class Transfers : public ::testing::Test {
+protected:
+  void SetUp() override {
+    if (faults::tavrind_program().empty()) GTEST_SKIP() << "tavrind has not been built";
+    ASSERT_TRUE(srv.start({}));
+    ASSERT_TRUE(setup(srv.ns()));
+    record = srv.data_dir() + "/../transfers.txt";
+  }
+
+  // 8 clients with n transfers each, one more killed with SIGKILL after
+  // `kill_after` (likely inside an exchange, holding the mutex); the 8
+  // finish.
+  void run_load(int n, std::chrono::milliseconds kill_after) {
+    std::vector<pid_t> workers;
+    for (int w = 0; w < 8; ++w) workers.push_back(start_worker(srv.ns(), w + 1, n, record));
+    pid_t victim = start_worker(srv.ns(), 99, 1000000, record);
+    std::this_thread::sleep_for(kill_after);
+    kill(victim, SIGKILL);
+    EXPECT_EQ(reap(victim, 5s), -1);
+    for (pid_t w : workers) EXPECT_EQ(reap(w, std::chrono::milliseconds(n * 400 + 20000)), 0);
+    check_data(srv.data_dir(), record);
+  }
+
+  // Clients run transfers until the server is killed with SIGKILL after
+  // `after`; the server is started again on the leftovers of the dead one
+  // and the data checked. Rounds use different transfer numbers.
+  void kill_server(std::chrono::milliseconds after, int round = 0) {
+    std::vector<pid_t> workers;
+    for (int w = 0; w < 8; ++w)
+      workers.push_back(start_worker(srv.ns(), round * 20 + w + 1, 1000000, record));
+    std::this_thread::sleep_for(after);
+    srv.kill_hard();
+    for (pid_t w : workers) reap(w, 10s);
+    ASSERT_TRUE(srv.restart());
+    int before = check_data(srv.data_dir(), record);
+    // The restarted server serves and changes the data again.
+    pid_t w = start_worker(srv.ns(), round * 20 + 15, 20, record);
+    EXPECT_EQ(reap(w, 20s), 0);
+    EXPECT_GT(check_data(srv.data_dir(), record), before);
+  }
+
+  faults::Server srv;
+  std::string record;
+};
+
+TEST_F(Transfers, EightClientsKeepTheSumAndEveryCommit) { run_load(50, 300ms); }
+
+TEST_F(Transfers, ServerKilledInTheMiddleLosesNoCommit) { kill_server(1500ms); }
+
+bool long_runs() {
+  const char *v = std::getenv("ZENTIQ_LOAD");
+  return v && std::string(v) == "1";
+}
+
+TEST_F(Transfers, LoadLongEightClients) {
+  if (!long_runs()) GTEST_SKIP() << "long load run: set ZENTIQ_LOAD=1";
+  run_load(500, 2s);
+}
+
+TEST_F(Transfers, LoadLongServerKilled) {
+  if (!long_runs()) GTEST_SKIP() << "long load run: set ZENTIQ_LOAD=1";
+  for (int round = 0; round < 3; ++round) kill_server(4s, round);
+}
+
+} // namespace
