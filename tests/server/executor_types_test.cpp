@@ -55,7 +55,8 @@ TEST_F(TypesTest, ValuesAtTheirLimitsRoundTrip) {
   good("INSERT INTO T VALUES (2, '', 32767, -2147483647, -0.25, '2800-12-31', '23:59:59', "
        "'2800-12-31-23.59.59.999999', 'A$00B')");
   good("INSERT INTO T VALUES (3, 'x', 0, 0, 0, '1900-02-29', '10:30:00', '2003-07-12', "
-       "'§0001FF§$$')");
+       "'\xA7"
+       "0001FF\xA7$$')"); // \xA7: the run marker of escaped binary values
   good("INSERT INTO T (T_ID, F, D) VALUES (4, 12, '2003.7.1')");
   Answer a = good("SELECT * FROM T ORDER BY T_ID");
   ASSERT_EQ(a.rows.size(), 4u);
@@ -100,7 +101,9 @@ TEST_F(TypesTest, ValuesOutsideTheirTypeAreRefusedWithTheAttributeName) {
       {"TS = '2003-07-12-25.30.00.000000'", "kein gültiger Zeitstempel"},
       {"B = 'ABCDE'", "zu lang für BINARY(4)"},
       {"B = '$4'", "ohne \"$$\" oder zwei Hexziffern"},
-      {"B = '§0A'", "keine gültige Folge"},
+      {"B = '\xA7"
+       "0A'",
+       "keine gültige Folge"},
       {"B = 5", "BINARY nimmt nur Texte"},
   };
   good("INSERT INTO T (T_ID) VALUES (1)");
