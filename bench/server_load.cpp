@@ -1,0 +1,519 @@
+// The tavrind server under load from several client processes, side by side
+// in one run with PostgreSQL through libpq on the same table:
+//   (a) transfers between 100 accounts (BEGIN; read both balances; UPDATE
+//       both with the new values as literals; COMMIT) by 1, 2, 4 and 8
+//       client processes for a fixed time each, committed transactions per
+//       second over all clients;
+//   (b) the 99th-percentile time of a one-row SELECT by key from one more
+//       process while 4 others run transfers.
+// Every client is a process of its own (the client library keeps one
+// connection per process). The two accounts of a transfer are read in the
+// order of their numbers, so PostgreSQL's row locks cannot deadlock; an
+// attempt refused by either server is rolled back and repeated, and only
+// committed transfers count.
+// The benchmark starts tavrind (beside it at ../server/tavrind) on a
+// temporary data folder in its own namespace and a PostgreSQL cluster as the
+// postgres user in a temporary folder, and stops both by their pids at the
+// end. The program ends with its TARGET line.
+#include <benchmark/benchmark.h>
+#include <libpq-fe.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pwd.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/msg.h"
+#include "db/client/connect.h"
+#include "db/client/exec.h"
+
+extern char **environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+namespace fs = std::filesystem;
+
+constexpr int kAccounts = 100;
+constexpr int kStart = 1000000;
+constexpr double kSeconds = 3.0; // length of each measured load
+const char *const kPgBin = "/usr/lib/postgresql/15/bin";
+
+pid_t g_tav_pid = -1;
+bool g_tav_ready = false;
+std::string g_ns;    // tavrind's namespace
+std::string g_tmp;   // our temporary folder (tavrind data and log)
+std::string g_pgdir; // the cluster's folder, owned by postgres
+std::string g_pginfo;
+
+// Transfers per second by number of clients; p99 and median of the lookups
+// under load in microseconds. Negative: not measured.
+std::map<int, double> g_tav_tps, g_pg_tps;
+double g_tav_p99 = -1, g_pg_p99 = -1, g_tav_med = -1, g_pg_med = -1;
+
+// --- the two systems behind one interface ------------------------------------
+
+// One client's connection in a child process: tavrind through the client
+// library or PostgreSQL through libpq.
+struct Client {
+  DBCONN *tav = nullptr;
+  PGconn *pg = nullptr;
+
+  // Runs a statement; true when it succeeded. A query's first value goes to
+  // *value (which must then be there).
+  bool run(const std::string &sql, std::string *value = nullptr) {
+    if (tav) {
+      DBRESULT *r = DBexec(tav, sql.c_str());
+      int st = DBresult_status(r);
+      bool ok = value ? st == DBRES_TUPLES && DBntuples(r) == 1 : st == DBRES_DONE;
+      if (ok && value) *value = DBgetvalue(r, 0, 0);
+      DBclear(r);
+      return ok;
+    }
+    PGresult *r = PQexec(pg, sql.c_str());
+    ExecStatusType st = PQresultStatus(r);
+    bool ok = value ? st == PGRES_TUPLES_OK && PQntuples(r) == 1 : st == PGRES_COMMAND_OK;
+    if (ok && value) *value = PQgetvalue(r, 0, 0);
+    PQclear(r);
+    return ok;
+  }
+};
+
+// In a forked child: closes every inherited descriptor except `keep`, then
+// connects (retrying for a few seconds). Ends the child with status 2 when
+// it cannot.
+Client child_connect(bool tavrind, const std::vector<int> &keep) {
+  for (int fd = 3; fd < 1024; ++fd)
+    if (std::find(keep.begin(), keep.end(), fd) == keep.end()) close(fd);
+  msg_set_handler([](const char *) {});
+  Client c;
+  for (int i = 0; i < 100; ++i) {
+    if (tavrind) {
+      char name[] = "DEMO";
+      DBCONN *t = DBconnect(name);
+      if (DBstatus(t) == DBCONN_OK) {
+        c.tav = t;
+        return c;
+      }
+      DBconn_free(t);
+    } else {
+      PGconn *p = PQconnectdb(g_pginfo.c_str());
+      if (PQstatus(p) == CONNECTION_OK) {
+        c.pg = p;
+        return c;
+      }
+      PQfinish(p);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  _exit(2);
+}
+
+void child_finish(Client &c) {
+  if (c.tav) DBfinish(c.tav);
+  if (c.pg) PQfinish(c.pg);
+}
+
+// The account table with kAccounts accounts. Runs in a child for tavrind so
+// that this process never holds a connection its children would inherit.
+bool create_accounts(Client &c, const char *create) {
+  bool ok =
+      c.run(create) && c.run("CREATE UNIQUE INDEX KONTO_I ON KONTO (KONTO_ID)") && c.run("BEGIN");
+  for (int i = 1; ok && i <= kAccounts; ++i)
+    ok = c.run("INSERT INTO KONTO VALUES (" + std::to_string(i) + ", " + std::to_string(kStart) +
+               ")");
+  return ok && c.run("COMMIT");
+}
+
+// One transfer; true when its COMMIT succeeded, else it was rolled back.
+bool transfer(Client &c, std::mt19937 &rng) {
+  std::uniform_int_distribution<int> account(1, kAccounts), amount(1, 50);
+  int a = account(rng), b = account(rng);
+  while (b == a) b = account(rng);
+  if (a > b) std::swap(a, b);
+  int sum = amount(rng);
+  const char *lock = c.pg ? " FOR UPDATE" : "";
+  auto key = [](int k) { return " WHERE KONTO_ID = " + std::to_string(k); };
+  std::string va, vb;
+  bool ok = c.run("BEGIN") && c.run("SELECT BETRAG FROM KONTO" + key(a) + lock, &va) &&
+            c.run("SELECT BETRAG FROM KONTO" + key(b) + lock, &vb) &&
+            c.run("UPDATE KONTO SET BETRAG = " + std::to_string(std::stol(va) - sum) + key(a)) &&
+            c.run("UPDATE KONTO SET BETRAG = " + std::to_string(std::stol(vb) + sum) + key(b)) &&
+            c.run("COMMIT");
+  if (!ok) c.run(c.pg ? "ROLLBACK" : "ABORT");
+  return ok;
+}
+
+// What a client process does after the start signal for kSeconds.
+enum class Work { Transfers, Lookups };
+
+// Starts a client that connects, reports on `out` that it is ready, waits
+// until `start` is closed, works for kSeconds and writes its figures to
+// `out`: "<committed> <refused transfers>" or "<lookups> <p99 us> <median us>".
+pid_t start_client(bool tavrind, Work work, double seconds, int seed, int start, int out) {
+  pid_t pid = fork();
+  if (pid != 0) return pid;
+  Client c = child_connect(tavrind, {start, out});
+  char ready = 'r', dummy;
+  if (write(out, &ready, 1) != 1 || read(start, &dummy, 1) != 0) _exit(3);
+  std::mt19937 rng(unsigned(seed) * 7919u + 17u);
+  std::uniform_int_distribution<int> account(1, kAccounts);
+  auto end = Clock::now() + std::chrono::duration<double>(seconds);
+  long done = 0, refused = 0;
+  std::vector<double> us;
+  while (Clock::now() < end) {
+    if (work == Work::Transfers) {
+      (transfer(c, rng) ? done : refused) += 1;
+    } else {
+      std::string v;
+      auto t0 = Clock::now();
+      if (!c.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = " + std::to_string(account(rng)), &v))
+        _exit(4);
+      us.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
+    }
+  }
+  char line[100];
+  if (work == Work::Transfers) {
+    std::snprintf(line, sizeof line, "%ld %ld\n", done, refused);
+  } else {
+    std::sort(us.begin(), us.end());
+    size_t n = us.size();
+    std::snprintf(line, sizeof line, "%zu %.1f %.1f\n", n,
+                  n ? us[std::min(n - 1, n * 99 / 100)] : -1.0, n ? us[n / 2] : -1.0);
+  }
+  bool ok = write(out, line, std::strlen(line)) == ssize_t(std::strlen(line));
+  child_finish(c);
+  _exit(ok ? 0 : 5);
+}
+
+// Reads from fd until end of file or until `deadline`; what came.
+std::string read_all(int fd, Clock::time_point deadline) {
+  std::string s;
+  char buf[256];
+  while (Clock::now() < deadline) {
+    pollfd p{fd, POLLIN, 0};
+    int ms =
+        int(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count());
+    if (poll(&p, 1, std::max(ms, 1)) <= 0) break;
+    ssize_t n = read(fd, buf, sizeof buf);
+    if (n <= 0) break;
+    s.append(buf, size_t(n));
+  }
+  return s;
+}
+
+// Waits for pid at most `limit`, then kills it.
+void reap(pid_t pid, std::chrono::milliseconds limit) {
+  auto end = Clock::now() + limit;
+  int st = 0;
+  while (waitpid(pid, &st, WNOHANG) == 0) {
+    if (Clock::now() > end) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &st, 0);
+      return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+// Runs `transfers` transfer clients and, with `lookup`, one lookup client at
+// the same time. The sum of committed transfers and the lookup client's
+// line; empty figures when a client failed.
+struct Outcome {
+  long committed = -1, refused = 0;
+  std::string lookups;
+};
+
+Outcome run_load(bool tavrind, int transfers, bool lookup, double seconds = kSeconds) {
+  int start[2];
+  if (pipe(start) != 0) return {};
+  int total = transfers + (lookup ? 1 : 0);
+  std::vector<pid_t> pids;
+  std::vector<int> outs;
+  for (int i = 0; i < total; ++i) {
+    int out[2];
+    if (pipe(out) != 0) break;
+    Work w = i < transfers ? Work::Transfers : Work::Lookups;
+    pid_t pid = start_client(tavrind, w, seconds, i + 1, start[0], out[1]);
+    close(out[1]);
+    if (pid < 0) {
+      close(out[0]);
+      break;
+    }
+    pids.push_back(pid);
+    outs.push_back(out[0]);
+  }
+  close(start[0]);
+  // Every client connected (or gone), then all start at once.
+  auto connect_end = Clock::now() + std::chrono::seconds(15);
+  int ready = 0;
+  for (int fd : outs) {
+    pollfd p{fd, POLLIN, 0};
+    char c;
+    int ms = int(
+        std::chrono::duration_cast<std::chrono::milliseconds>(connect_end - Clock::now()).count());
+    if (poll(&p, 1, std::max(ms, 1)) > 0 && read(fd, &c, 1) == 1) ++ready;
+  }
+  close(start[1]);
+  Outcome o;
+  auto end = Clock::now() + std::chrono::seconds(int(seconds) + 20);
+  long sum = 0, refused = 0;
+  bool all = ready == total && int(outs.size()) == total;
+  for (size_t i = 0; i < outs.size(); ++i) {
+    std::string s = read_all(outs[i], end);
+    close(outs[i]);
+    if (s.empty()) all = false;
+    long c = 0, r = 0;
+    if (int(i) < transfers && std::sscanf(s.c_str(), "%ld %ld", &c, &r) == 2) {
+      sum += c;
+      refused += r;
+    } else if (int(i) < transfers) {
+      all = false;
+    } else
+      o.lookups = s;
+  }
+  for (pid_t p : pids) reap(p, std::chrono::seconds(5));
+  if (all) o.committed = sum;
+  o.refused = refused;
+  return o;
+}
+
+// --- tavrind ---------------------------------------------------------------
+
+// The tavrind program beside this benchmark's folder; "" when missing.
+std::string tavrind_program() {
+  std::error_code ec;
+  fs::path self = fs::read_symlink("/proc/self/exe", ec);
+  if (ec) return "";
+  fs::path p = self.parent_path() / ".." / "server" / "tavrind";
+  return fs::exists(p) ? fs::canonical(p).string() : "";
+}
+
+// Starts tavrind on g_tmp/data in a namespace of its own and makes the
+// account table in DEMO from a child process. False with a line on stderr
+// when it cannot.
+bool start_tavrind() {
+  std::string prog = tavrind_program();
+  if (prog.empty()) {
+    std::fprintf(stderr, "tavrind has not been built beside the benchmark\n");
+    return false;
+  }
+  g_ns = "zqload" + std::to_string(getpid()) + "_";
+  setenv("TAVRIN_NAMESPACE", g_ns.c_str(), 1);
+  std::string data = g_tmp + "/data", log = g_tmp + "/tavrind.log";
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_addopen(&fa, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+  posix_spawn_file_actions_adddup2(&fa, 1, 2);
+  std::vector<std::string> args = {prog, "--data", data, "--namespace", g_ns};
+  std::vector<char *> argv;
+  for (auto &a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  if (posix_spawn(&g_tav_pid, prog.c_str(), &fa, nullptr, argv.data(), environ) != 0)
+    g_tav_pid = -1;
+  posix_spawn_file_actions_destroy(&fa);
+  if (g_tav_pid <= 0) return false;
+  // At most about 30 s: the first start writes the demo data.
+  for (int i = 0; i < 300 && !fs::exists("/dev/shm/" + g_ns + "TavrinDB_Server"); ++i) {
+    if (waitpid(g_tav_pid, nullptr, WNOHANG) == g_tav_pid) {
+      g_tav_pid = -1;
+      std::fprintf(stderr, "tavrind ended at its start\n");
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  pid_t pid = fork();
+  if (pid == 0) {
+    Client c = child_connect(true, {});
+    bool ok = create_accounts(c, "CREATE TABLE KONTO (KONTO_ID INTEGER, BETRAG INTEGER)");
+    child_finish(c);
+    _exit(ok ? 0 : 1);
+  }
+  int st = 0;
+  if (pid < 0 || waitpid(pid, &st, 0) != pid || !WIFEXITED(st) || WEXITSTATUS(st) != 0) {
+    std::fprintf(stderr, "tavrind: the account table could not be made\n");
+    return false;
+  }
+  return true;
+}
+
+void stop_tavrind() {
+  if (g_tav_pid <= 0) return;
+  kill(g_tav_pid, SIGTERM);
+  int st = 0;
+  for (int i = 0; i < 500 && waitpid(g_tav_pid, &st, WNOHANG) == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  if (waitpid(g_tav_pid, &st, WNOHANG) == 0) {
+    kill(g_tav_pid, SIGKILL);
+    waitpid(g_tav_pid, &st, 0);
+  }
+  g_tav_pid = -1;
+}
+
+// --- PostgreSQL ------------------------------------------------------------
+
+// Runs a PostgreSQL program as the postgres user; returns its exit status.
+int run_as_postgres(const std::string &cmdline) {
+  std::string cmd = "runuser -u postgres -- " + cmdline + " >>" + g_pgdir + "/setup.log 2>&1";
+  return std::system(cmd.c_str());
+}
+
+// Makes a cluster in a temporary folder owned by postgres, starts it on a
+// Unix socket in that folder (no TCP) and makes the account table. False
+// with a line on stderr when PostgreSQL cannot be used.
+bool start_postgres() {
+  if (!fs::exists(std::string(kPgBin) + "/initdb")) {
+    std::fprintf(stderr, "PostgreSQL is not installed\n");
+    return false;
+  }
+  struct passwd *pw = getpwnam("postgres");
+  char tmpl[] = "/tmp/zentiq_pgload_XXXXXX";
+  if (!pw || !mkdtemp(tmpl)) {
+    std::fprintf(stderr, "no postgres user or no temporary folder\n");
+    return false;
+  }
+  g_pgdir = tmpl;
+  if (chown(g_pgdir.c_str(), pw->pw_uid, pw->pw_gid) != 0) return false;
+  std::string bin = kPgBin;
+  if (run_as_postgres(bin + "/initdb -D " + g_pgdir + "/data -A trust -U postgres -E UTF8 " +
+                      "--no-sync") != 0) {
+    std::fprintf(stderr, "initdb failed (see %s/setup.log)\n", g_pgdir.c_str());
+    return false;
+  }
+  if (run_as_postgres(bin + "/pg_ctl -D " + g_pgdir + "/data -l " + g_pgdir + "/pg.log -w -t 60 " +
+                      "-o \"-k " + g_pgdir + " -c listen_addresses='' -p 5432 -c fsync=off\" " +
+                      "start") != 0) {
+    std::fprintf(stderr, "pg_ctl start failed\n");
+    return false;
+  }
+  g_pginfo = "host=" + g_pgdir + " port=5432 user=postgres dbname=postgres";
+  Client c;
+  c.pg = PQconnectdb(g_pginfo.c_str());
+  bool ok = PQstatus(c.pg) == CONNECTION_OK &&
+            create_accounts(c, "CREATE TABLE KONTO (KONTO_ID INTEGER NOT NULL, BETRAG INTEGER)") &&
+            c.run("ANALYZE KONTO");
+  if (!ok) std::fprintf(stderr, "libpq: %s", PQerrorMessage(c.pg));
+  PQfinish(c.pg);
+  return ok;
+}
+
+void stop_postgres() {
+  if (g_pgdir.empty()) return;
+  if (fs::exists(g_pgdir + "/data/postmaster.pid"))
+    run_as_postgres(std::string(kPgBin) + "/pg_ctl -D " + g_pgdir + "/data -m fast -w -t 60 stop");
+  std::error_code ec;
+  fs::remove_all(g_pgdir, ec);
+  g_pgdir.clear();
+}
+
+// --- measurements ----------------------------------------------------------
+
+void transfers(benchmark::State &state, bool tavrind, std::map<int, double> *tps) {
+  if (tavrind ? !g_tav_ready : g_pginfo.empty()) return state.SkipWithError("server not running");
+  int clients = int(state.range(0));
+  for (auto _ : state) {
+    Outcome o = run_load(tavrind, clients, false);
+    if (o.committed < 0) return state.SkipWithError("a client failed");
+    (*tps)[clients] = double(o.committed) / kSeconds;
+    state.counters["refused_per_s"] = double(o.refused) / kSeconds;
+  }
+  state.counters["tx_per_s"] = (*tps)[clients];
+}
+
+void lookups(benchmark::State &state, bool tavrind, double *p99, double *med) {
+  if (tavrind ? !g_tav_ready : g_pginfo.empty()) return state.SkipWithError("server not running");
+  for (auto _ : state) {
+    Outcome o = run_load(tavrind, 4, true);
+    long n = 0;
+    if (o.committed < 0 || std::sscanf(o.lookups.c_str(), "%ld %lf %lf", &n, p99, med) != 3 ||
+        n <= 0)
+      return state.SkipWithError("a client failed");
+    state.counters["tx_per_s"] = double(o.committed) / kSeconds;
+    state.counters["lookups"] = double(n);
+  }
+  state.counters["p99_us"] = *p99;
+  state.counters["median_us"] = *med;
+}
+
+void BM_Transfer_Tavrind(benchmark::State &state) { transfers(state, true, &g_tav_tps); }
+void BM_Transfer_PostgreSQL(benchmark::State &state) { transfers(state, false, &g_pg_tps); }
+void BM_LookupUnderLoad_Tavrind(benchmark::State &state) {
+  lookups(state, true, &g_tav_p99, &g_tav_med);
+}
+void BM_LookupUnderLoad_PostgreSQL(benchmark::State &state) {
+  lookups(state, false, &g_pg_p99, &g_pg_med);
+}
+
+// Each client count on both systems one after the other, so a change of the
+// machine's load falls on both alike.
+BENCHMARK(BM_Transfer_Tavrind)->Arg(1)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_Transfer_PostgreSQL)->Arg(1)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_Transfer_Tavrind)->Arg(2)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_Transfer_PostgreSQL)->Arg(2)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_Transfer_Tavrind)->Arg(4)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_Transfer_PostgreSQL)->Arg(4)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_Transfer_Tavrind)->Arg(8)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_Transfer_PostgreSQL)->Arg(8)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_LookupUnderLoad_Tavrind)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_LookupUnderLoad_PostgreSQL)->Iterations(1)->UseRealTime();
+
+double figure(const std::map<int, double> &m, int k) {
+  auto it = m.find(k);
+  return it == m.end() ? -1 : it->second;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  benchmark::Initialize(&argc, argv);
+  char tmpl[] = "/tmp/zentiq_srvload_XXXXXX";
+  if (!mkdtemp(tmpl)) return 1;
+  g_tmp = tmpl;
+  g_tav_ready = start_tavrind();
+  bool pg = start_postgres();
+  if (!pg) {
+    g_pginfo.clear();
+    std::printf("PostgreSQL could not be started: tavrind figures only\n");
+  }
+  // A short load on each first, so that neither is measured cold.
+  if (g_tav_ready) run_load(true, 1, false, 1.0);
+  if (pg) run_load(false, 1, false, 1.0);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  stop_tavrind();
+  stop_postgres();
+  std::error_code ec;
+  fs::remove_all(g_tmp, ec);
+
+  std::printf("transfers per second (%.0f s per figure):\n", kSeconds);
+  std::printf("%8s %14s %16s %8s\n", "clients", "tavrind tx/s", "PostgreSQL tx/s", "ratio");
+  for (int n : {1, 2, 4, 8}) {
+    double t = figure(g_tav_tps, n), p = figure(g_pg_tps, n);
+    std::printf("%8d %14.0f %16.0f %8.2f\n", n, t, p, t > 0 && p > 0 ? t / p : -1.0);
+  }
+  std::printf("select by key beside 4 transfer clients: tavrind p99 %.0f us (median %.0f us), "
+              "PostgreSQL p99 %.0f us (median %.0f us)\n",
+              g_tav_p99, g_tav_med, g_pg_p99, g_pg_med);
+  double t1 = figure(g_tav_tps, 1), p1 = figure(g_pg_tps, 1);
+  if (t1 <= 0 || p1 <= 0)
+    std::printf("TARGET transfer_1_client_vs_postgresql: not measured >= missed\n");
+  else
+    std::printf("TARGET transfer_1_client_vs_postgresql: %.0f tx/s >= %.0f tx/s %s\n", t1, p1,
+                t1 >= p1 ? "met" : "missed");
+  return 0;
+}
