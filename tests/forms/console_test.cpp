@@ -1,5 +1,5 @@
 // The console window, the command window and child processes.
-#include "forms_env.h"
+#include "tests/qt_env.h"
 
 #include "forms/console.h"
 #include "forms/process.h"

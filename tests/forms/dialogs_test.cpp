@@ -1,5 +1,5 @@
 // Question and message boxes, the test seam, pop-up menus.
-#include "forms_env.h"
+#include "tests/qt_env.h"
 
 #include "forms/dialogs.h"
 #include "forms/popup.h"

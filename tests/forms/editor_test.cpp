@@ -4,7 +4,7 @@
 
 #include "base/msg.h"
 #include "forms/forms.h"
-#include "forms_env.h"
+#include "tests/qt_env.h"
 
 #include <QApplication>
 #include <QPlainTextEdit>

@@ -5,7 +5,7 @@
 
 #include "base/msg.h"
 #include "forms/forms.h"
-#include "forms_env.h"
+#include "tests/qt_env.h"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 #include "forms/mytabs_sort.h"
 
 #include "forms/forms.h"
-#include "forms_env.h"
+#include "tests/qt_env.h"
 
 #include <gtest/gtest.h>
 

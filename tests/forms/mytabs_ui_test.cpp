@@ -7,7 +7,7 @@
 
 #include "forms/dialogs.h"
 #include "forms/forms.h"
-#include "forms_env.h"
+#include "tests/qt_env.h"
 
 #include <QApplication>
 #include <QImage>

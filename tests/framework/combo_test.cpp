@@ -8,7 +8,7 @@
 #include "db/access/session.h"
 #include "forms/dialogs.h"
 #include "framework/focus.h"
-#include "framework_env.h"
+#include "tests/qt_env.h"
 
 #include <QApplication>
 #include <QListWidget>

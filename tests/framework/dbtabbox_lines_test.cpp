@@ -12,7 +12,7 @@
 #include "forms/dialogs.h"
 #include "forms/forms.h"
 #include "forms/mytabs.h"
-#include "framework_env.h"
+#include "tests/qt_env.h"
 
 #include <gtest/gtest.h>
 

@@ -10,7 +10,7 @@
 #include "db/access/session.h"
 #include "forms/forms.h"
 #include "forms/mytabs.h"
-#include "framework_env.h"
+#include "tests/qt_env.h"
 #include "tests/access/tavrind_fixture.h"
 
 #include <gtest/gtest.h>

@@ -4,7 +4,7 @@
 
 #include "base/msg.h"
 #include "forms/dialogs.h"
-#include "framework_env.h"
+#include "tests/qt_env.h"
 
 #include <QApplication>
 #include <QTest>

@@ -6,7 +6,7 @@
 #include "base/msg.h"
 #include "forms/dialogs.h"
 #include "framework/place.h"
-#include "framework_env.h"
+#include "tests/qt_env.h"
 
 #include <QApplication>
 #include <QWidget>

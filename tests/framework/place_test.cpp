@@ -6,7 +6,7 @@
 #include "base/ini.h"
 #include "base/msg.h"
 #include "framework/help.h"
-#include "framework_env.h"
+#include "tests/qt_env.h"
 
 #include <QApplication>
 #include <QWidget>

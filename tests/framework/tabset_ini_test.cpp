@@ -12,7 +12,7 @@
 #include "forms/forms.h"
 #include "forms/mytabs.h"
 #include "forms/mytabs_draw.h"
-#include "framework_env.h"
+#include "tests/qt_env.h"
 
 #include <QTest>
 #include <QWidget>

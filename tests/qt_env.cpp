@@ -1,13 +1,14 @@
-// The Qt application of the framework tests: one QApplication for the whole
-// test binary (also in death-test children), on the offscreen platform, with
-// the toolkit started once.
-#include "framework_env.h"
+// The Qt application of the GUI test programs (forms and framework): one
+// QApplication for the whole test binary (also in death-test children), on the
+// offscreen platform, with the toolkit started once under the program's name.
+#include "tests/qt_env.h"
 
 #include "forms/forms.h"
 
 #include <QApplication>
 #include <QTest>
 
+#include <cerrno> // program_invocation_short_name
 #include <cstdlib>
 #include <memory>
 
@@ -19,10 +20,10 @@ public:
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     if (!std::getenv("QT_QPA_PLATFORM")) setenv("QT_QPA_PLATFORM", "offscreen", 1);
     static int argc = 1;
-    static char name[] = "framework_tests";
+    static char *name = program_invocation_short_name;
     static char *argv[] = {name, nullptr};
     app_ = std::make_unique<QApplication>(argc, argv);
-    ASSERT_EQ(fl_init_toolkit("framework_tests", argv, -1), 1);
+    ASSERT_EQ(fl_init_toolkit(name, argv, -1), 1);
   }
   void TearDown() override {
     fl_exit_toolkit();

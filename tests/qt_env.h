@@ -1,4 +1,4 @@
-// Helpers shared by the framework tests.
+// Helpers shared by the GUI test programs (forms and framework).
 #pragma once
 
 #include <gtest/gtest.h>
