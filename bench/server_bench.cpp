@@ -40,6 +40,8 @@
 #include "db/client/exec.h"
 #include "db/client/transport.h"
 
+#include "bench_servers.h"
+
 extern char **environ;
 
 namespace {
@@ -50,7 +52,6 @@ namespace fs = std::filesystem;
 constexpr int kRows = 100000;  // rows of the bench table
 constexpr int kLookups = 5000; // timed one-row queries per system
 constexpr int kScans = 7;      // timed full scans per system (median)
-const char *const kPgBin = "/usr/lib/postgresql/15/bin";
 
 // Figures for the TARGET lines; negative: not measured.
 struct Results {
@@ -62,8 +63,8 @@ DBCONN *g_tav = nullptr;
 PGconn *g_pg = nullptr;
 sqlite3 *g_lite = nullptr;
 pid_t g_tav_pid = -1;
-std::string g_tmp;   // our temporary folder (tavrind data, SQLite file)
-std::string g_pgdir; // the cluster's folder, owned by postgres
+std::string g_tmp;              // our temporary folder (tavrind data, SQLite file)
+bench_servers::PgCluster g_pgc; // the temporary PostgreSQL cluster
 
 // One row of the bench table as the values of an INSERT, the same text for
 // all three systems: key, name, quantity, amount, date, timestamp.
@@ -88,38 +89,12 @@ double median(std::vector<double> v) {
 
 // --- tavrind ---------------------------------------------------------------
 
-// The tavrind program beside this benchmark's folder; "" when missing.
-std::string tavrind_program() {
-  std::error_code ec;
-  fs::path self = fs::read_symlink("/proc/self/exe", ec);
-  if (ec) return "";
-  fs::path p = self.parent_path() / ".." / "server" / "tavrind";
-  return fs::exists(p) ? fs::canonical(p).string() : "";
-}
-
 // Starts tavrind on g_tmp/data in a namespace of its own and connects to a
 // fresh database BENCH filled with the bench table. Returns false with a
 // line on stderr when it cannot.
 bool start_tavrind() {
-  std::string prog = tavrind_program();
-  if (prog.empty()) {
-    std::fprintf(stderr, "tavrind has not been built beside the benchmark\n");
-    return false;
-  }
   std::string ns = "zqbench" + std::to_string(getpid()) + "_";
-  setenv("TAVRIN_NAMESPACE", ns.c_str(), 1);
-  std::string data = g_tmp + "/data", log = g_tmp + "/tavrind.log";
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_addopen(&fa, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-  posix_spawn_file_actions_adddup2(&fa, 1, 2);
-  std::vector<std::string> args = {prog, "--data", data, "--namespace", ns};
-  std::vector<char *> argv;
-  for (auto &a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  if (posix_spawn(&g_tav_pid, prog.c_str(), &fa, nullptr, argv.data(), environ) != 0)
-    g_tav_pid = -1;
-  posix_spawn_file_actions_destroy(&fa);
+  g_tav_pid = bench_servers::spawn_tavrind(g_tmp + "/data", g_tmp + "/tavrind.log", ns);
   if (g_tav_pid <= 0) return false;
 
   // Wait (at most about 30 s: the first start writes the demo data) until
@@ -168,55 +143,17 @@ void stop_tavrind() {
     DBconn_free(g_tav);
     g_tav = nullptr;
   }
-  if (g_tav_pid <= 0) return;
-  kill(g_tav_pid, SIGTERM);
-  int st = 0;
-  for (int i = 0; i < 500 && waitpid(g_tav_pid, &st, WNOHANG) == 0; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  if (waitpid(g_tav_pid, &st, WNOHANG) == 0) {
-    kill(g_tav_pid, SIGKILL);
-    waitpid(g_tav_pid, &st, 0);
-  }
-  g_tav_pid = -1;
+  bench_servers::stop_process(g_tav_pid);
 }
 
 // --- PostgreSQL ------------------------------------------------------------
-
-// Runs a PostgreSQL program as the postgres user; returns its exit status.
-int run_as_postgres(const std::string &cmdline) {
-  std::string cmd = "runuser -u postgres -- " + cmdline + " >>" + g_pgdir + "/setup.log 2>&1";
-  return std::system(cmd.c_str());
-}
 
 // Makes a cluster in a temporary folder owned by postgres, starts it on a
 // Unix socket in that folder (no TCP) and fills the same table. Returns
 // false with a line on stderr when PostgreSQL cannot be used.
 bool start_postgres() {
-  if (!fs::exists(std::string(kPgBin) + "/initdb")) {
-    std::fprintf(stderr, "PostgreSQL is not installed\n");
-    return false;
-  }
-  struct passwd *pw = getpwnam("postgres");
-  char tmpl[] = "/tmp/zentiq_pgbench_XXXXXX";
-  if (!pw || !mkdtemp(tmpl)) {
-    std::fprintf(stderr, "no postgres user or no temporary folder\n");
-    return false;
-  }
-  g_pgdir = tmpl;
-  if (chown(g_pgdir.c_str(), pw->pw_uid, pw->pw_gid) != 0) return false;
-  std::string bin = kPgBin;
-  if (run_as_postgres(bin + "/initdb -D " + g_pgdir + "/data -A trust -U postgres -E UTF8 " +
-                      "--no-sync") != 0) {
-    std::fprintf(stderr, "initdb failed (see %s/setup.log)\n", g_pgdir.c_str());
-    return false;
-  }
-  if (run_as_postgres(bin + "/pg_ctl -D " + g_pgdir + "/data -l " + g_pgdir + "/pg.log -w -t 60 " +
-                      "-o \"-k " + g_pgdir + " -c listen_addresses='' -p 5432 -c fsync=off\" " +
-                      "start") != 0) {
-    std::fprintf(stderr, "pg_ctl start failed\n");
-    return false;
-  }
-  std::string info = "host=" + g_pgdir + " port=5432 user=postgres dbname=postgres";
+  if (!g_pgc.start("pgbench")) return false;
+  std::string info = g_pgc.conninfo();
   g_pg = PQconnectdb(info.c_str());
   if (PQstatus(g_pg) != CONNECTION_OK) {
     std::fprintf(stderr, "libpq: %s", PQerrorMessage(g_pg));
@@ -247,12 +184,7 @@ bool start_postgres() {
 void stop_postgres() {
   if (g_pg) PQfinish(g_pg);
   g_pg = nullptr;
-  if (g_pgdir.empty()) return;
-  if (fs::exists(g_pgdir + "/data/postmaster.pid"))
-    run_as_postgres(std::string(kPgBin) + "/pg_ctl -D " + g_pgdir + "/data -m fast -w -t 60 stop");
-  std::error_code ec;
-  fs::remove_all(g_pgdir, ec);
-  g_pgdir.clear();
+  g_pgc.stop();
 }
 
 // --- SQLite ----------------------------------------------------------------

@@ -42,6 +42,8 @@
 #include "db/client/connect.h"
 #include "db/client/exec.h"
 
+#include "bench_servers.h"
+
 extern char **environ;
 
 namespace {
@@ -52,13 +54,12 @@ namespace fs = std::filesystem;
 constexpr int kAccounts = 100;
 constexpr int kStart = 1000000;
 constexpr double kSeconds = 3.0; // length of each measured load
-const char *const kPgBin = "/usr/lib/postgresql/15/bin";
 
 pid_t g_tav_pid = -1;
 bool g_tav_ready = false;
-std::string g_ns;    // tavrind's namespace
-std::string g_tmp;   // our temporary folder (tavrind data and log)
-std::string g_pgdir; // the cluster's folder, owned by postgres
+std::string g_ns;               // tavrind's namespace
+std::string g_tmp;              // our temporary folder (tavrind data and log)
+bench_servers::PgCluster g_pgc; // the temporary PostgreSQL cluster
 std::string g_pginfo;
 
 // Transfers per second by number of clients; p99 and median of the lookups
@@ -295,38 +296,12 @@ Outcome run_load(bool tavrind, int transfers, bool lookup, double seconds = kSec
 
 // --- tavrind ---------------------------------------------------------------
 
-// The tavrind program beside this benchmark's folder; "" when missing.
-std::string tavrind_program() {
-  std::error_code ec;
-  fs::path self = fs::read_symlink("/proc/self/exe", ec);
-  if (ec) return "";
-  fs::path p = self.parent_path() / ".." / "server" / "tavrind";
-  return fs::exists(p) ? fs::canonical(p).string() : "";
-}
-
 // Starts tavrind on g_tmp/data in a namespace of its own and makes the
 // account table in DEMO from a child process. False with a line on stderr
 // when it cannot.
 bool start_tavrind() {
-  std::string prog = tavrind_program();
-  if (prog.empty()) {
-    std::fprintf(stderr, "tavrind has not been built beside the benchmark\n");
-    return false;
-  }
   g_ns = "zqload" + std::to_string(getpid()) + "_";
-  setenv("TAVRIN_NAMESPACE", g_ns.c_str(), 1);
-  std::string data = g_tmp + "/data", log = g_tmp + "/tavrind.log";
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_addopen(&fa, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-  posix_spawn_file_actions_adddup2(&fa, 1, 2);
-  std::vector<std::string> args = {prog, "--data", data, "--namespace", g_ns};
-  std::vector<char *> argv;
-  for (auto &a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  if (posix_spawn(&g_tav_pid, prog.c_str(), &fa, nullptr, argv.data(), environ) != 0)
-    g_tav_pid = -1;
-  posix_spawn_file_actions_destroy(&fa);
+  g_tav_pid = bench_servers::spawn_tavrind(g_tmp + "/data", g_tmp + "/tavrind.log", g_ns);
   if (g_tav_pid <= 0) return false;
   // At most about 30 s: the first start writes the demo data.
   for (int i = 0; i < 300 && !fs::exists("/dev/shm/" + g_ns + "TavrinDB_Server"); ++i) {
@@ -352,56 +327,16 @@ bool start_tavrind() {
   return true;
 }
 
-void stop_tavrind() {
-  if (g_tav_pid <= 0) return;
-  kill(g_tav_pid, SIGTERM);
-  int st = 0;
-  for (int i = 0; i < 500 && waitpid(g_tav_pid, &st, WNOHANG) == 0; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  if (waitpid(g_tav_pid, &st, WNOHANG) == 0) {
-    kill(g_tav_pid, SIGKILL);
-    waitpid(g_tav_pid, &st, 0);
-  }
-  g_tav_pid = -1;
-}
+void stop_tavrind() { bench_servers::stop_process(g_tav_pid); }
 
 // --- PostgreSQL ------------------------------------------------------------
-
-// Runs a PostgreSQL program as the postgres user; returns its exit status.
-int run_as_postgres(const std::string &cmdline) {
-  std::string cmd = "runuser -u postgres -- " + cmdline + " >>" + g_pgdir + "/setup.log 2>&1";
-  return std::system(cmd.c_str());
-}
 
 // Makes a cluster in a temporary folder owned by postgres, starts it on a
 // Unix socket in that folder (no TCP) and makes the account table. False
 // with a line on stderr when PostgreSQL cannot be used.
 bool start_postgres() {
-  if (!fs::exists(std::string(kPgBin) + "/initdb")) {
-    std::fprintf(stderr, "PostgreSQL is not installed\n");
-    return false;
-  }
-  struct passwd *pw = getpwnam("postgres");
-  char tmpl[] = "/tmp/zentiq_pgload_XXXXXX";
-  if (!pw || !mkdtemp(tmpl)) {
-    std::fprintf(stderr, "no postgres user or no temporary folder\n");
-    return false;
-  }
-  g_pgdir = tmpl;
-  if (chown(g_pgdir.c_str(), pw->pw_uid, pw->pw_gid) != 0) return false;
-  std::string bin = kPgBin;
-  if (run_as_postgres(bin + "/initdb -D " + g_pgdir + "/data -A trust -U postgres -E UTF8 " +
-                      "--no-sync") != 0) {
-    std::fprintf(stderr, "initdb failed (see %s/setup.log)\n", g_pgdir.c_str());
-    return false;
-  }
-  if (run_as_postgres(bin + "/pg_ctl -D " + g_pgdir + "/data -l " + g_pgdir + "/pg.log -w -t 60 " +
-                      "-o \"-k " + g_pgdir + " -c listen_addresses='' -p 5432 -c fsync=off\" " +
-                      "start") != 0) {
-    std::fprintf(stderr, "pg_ctl start failed\n");
-    return false;
-  }
-  g_pginfo = "host=" + g_pgdir + " port=5432 user=postgres dbname=postgres";
+  if (!g_pgc.start("pgload")) return false;
+  g_pginfo = g_pgc.conninfo();
   Client c;
   c.pg = PQconnectdb(g_pginfo.c_str());
   bool ok = PQstatus(c.pg) == CONNECTION_OK &&
@@ -412,14 +347,7 @@ bool start_postgres() {
   return ok;
 }
 
-void stop_postgres() {
-  if (g_pgdir.empty()) return;
-  if (fs::exists(g_pgdir + "/data/postmaster.pid"))
-    run_as_postgres(std::string(kPgBin) + "/pg_ctl -D " + g_pgdir + "/data -m fast -w -t 60 stop");
-  std::error_code ec;
-  fs::remove_all(g_pgdir, ec);
-  g_pgdir.clear();
-}
+void stop_postgres() { g_pgc.stop(); }
 
 // --- measurements ----------------------------------------------------------
 

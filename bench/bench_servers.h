@@ -1,0 +1,138 @@
+// Servers that the server benchmarks start and stop around their measurements:
+// the built tavrind beside the benchmark, in a namespace and data folder of its
+// own, and a temporary PostgreSQL 15 cluster on a Unix socket in a folder owned
+// by the postgres user (no TCP). What tables they hold and what is measured
+// on them is each benchmark's own business.
+#pragma once
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char **environ;
+
+namespace bench_servers {
+
+inline constexpr const char *kPgBin = "/usr/lib/postgresql/15/bin";
+
+// The tavrind program beside this benchmark's folder; "" when missing.
+inline std::string tavrind_program() {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  fs::path self = fs::read_symlink("/proc/self/exe", ec);
+  if (ec) return "";
+  fs::path p = self.parent_path() / ".." / "server" / "tavrind";
+  return fs::exists(p) ? fs::canonical(p).string() : "";
+}
+
+// Starts tavrind on `data` in namespace `ns` (also set as TAVRIN_NAMESPACE of
+// this process), its output appended to `log`. Returns its pid, or -1 with a
+// line on stderr.
+inline pid_t spawn_tavrind(const std::string &data, const std::string &log, const std::string &ns) {
+  std::string prog = tavrind_program();
+  if (prog.empty()) {
+    std::fprintf(stderr, "tavrind has not been built beside the benchmark\n");
+    return -1;
+  }
+  setenv("TAVRIN_NAMESPACE", ns.c_str(), 1);
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_addopen(&fa, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+  posix_spawn_file_actions_adddup2(&fa, 1, 2);
+  std::vector<std::string> args = {prog, "--data", data, "--namespace", ns};
+  std::vector<char *> argv;
+  for (auto &a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  pid_t pid = -1;
+  if (posix_spawn(&pid, prog.c_str(), &fa, nullptr, argv.data(), environ) != 0) pid = -1;
+  posix_spawn_file_actions_destroy(&fa);
+  if (pid <= 0) std::fprintf(stderr, "tavrind could not be started\n");
+  return pid;
+}
+
+// Ends a started process: SIGTERM, up to 5 s for it to finish, then SIGKILL.
+// Sets pid to -1.
+inline void stop_process(pid_t &pid) {
+  if (pid <= 0) return;
+  kill(pid, SIGTERM);
+  int st = 0;
+  for (int i = 0; i < 500 && waitpid(pid, &st, WNOHANG) == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  if (waitpid(pid, &st, WNOHANG) == 0) {
+    kill(pid, SIGKILL);
+    waitpid(pid, &st, 0);
+  }
+  pid = -1;
+}
+
+// A temporary PostgreSQL cluster. start() makes it in a new folder under /tmp
+// (name prefix `tag`) and starts it; stop() stops it and removes the folder.
+struct PgCluster {
+  std::string dir; // the cluster's folder, owned by postgres; "" when none
+
+  // libpq connection string of the running cluster.
+  std::string conninfo() const {
+    return "host=" + dir + " port=5432 user=postgres dbname=postgres";
+  }
+
+  // Runs a PostgreSQL program as the postgres user; returns its exit status.
+  int run_as_postgres(const std::string &cmdline) const {
+    std::string cmd = "runuser -u postgres -- " + cmdline + " >>" + dir + "/setup.log 2>&1";
+    return std::system(cmd.c_str());
+  }
+
+  // False with a line on stderr when PostgreSQL cannot be used.
+  bool start(const std::string &tag) {
+    namespace fs = std::filesystem;
+    if (!fs::exists(std::string(kPgBin) + "/initdb")) {
+      std::fprintf(stderr, "PostgreSQL is not installed\n");
+      return false;
+    }
+    struct passwd *pw = getpwnam("postgres");
+    std::string pattern = "/tmp/zentiq_" + tag + "_XXXXXX";
+    std::vector<char> tmpl(pattern.begin(), pattern.end());
+    tmpl.push_back('\0');
+    if (!pw || !mkdtemp(tmpl.data())) {
+      std::fprintf(stderr, "no postgres user or no temporary folder\n");
+      return false;
+    }
+    dir = tmpl.data();
+    if (chown(dir.c_str(), pw->pw_uid, pw->pw_gid) != 0) return false;
+    std::string bin = kPgBin;
+    if (run_as_postgres(bin + "/initdb -D " + dir + "/data -A trust -U postgres -E UTF8 " +
+                        "--no-sync") != 0) {
+      std::fprintf(stderr, "initdb failed (see %s/setup.log)\n", dir.c_str());
+      return false;
+    }
+    if (run_as_postgres(bin + "/pg_ctl -D " + dir + "/data -l " + dir + "/pg.log -w -t 60 " +
+                        "-o \"-k " + dir + " -c listen_addresses='' -p 5432 -c fsync=off\" " +
+                        "start") != 0) {
+      std::fprintf(stderr, "pg_ctl start failed\n");
+      return false;
+    }
+    return true;
+  }
+
+  void stop() {
+    namespace fs = std::filesystem;
+    if (dir.empty()) return;
+    if (fs::exists(dir + "/data/postmaster.pid"))
+      run_as_postgres(std::string(kPgBin) + "/pg_ctl -D " + dir + "/data -m fast -w -t 60 stop");
+    std::error_code ec;
+    fs::remove_all(dir, ec);
+    dir.clear();
+  }
+};
+
+} // namespace bench_servers
