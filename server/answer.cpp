@@ -58,8 +58,9 @@ const ErrorText kErrors[] = {
      "Zeitablauf: die Schreibsperre der Datenbank $1 wurde nach $2 Sekunden nicht frei; die "
      "Anweisung ist nicht ausgeführt"},
     {510, "VERKLEMMUNG",
-     "Verklemmung: die Transaktion wartet auf die Schreibsperre der Datenbank $1, die eine "
-     "Verbindung hält, die ihrerseits wartet; die Anweisung ist nicht ausgeführt"},
+     "Verklemmung: die Transaktion hat die Datenbank $1 gelesen und wartet auf deren "
+     "Schreibsperre, die eine andere Verbindung mit eigenen Änderungen hält; die Anweisung ist "
+     "nicht ausgeführt, bitte die Transaktion mit ABORT beenden und wiederholen"},
     {901, "SPEICHERFEHLER", "Interner Datenbankfehler: $1"},
     {1001, "DATEI_FEHLT", "Datei $1 nicht gefunden"},
     {1002, "DATEI_SCHREIBEN", "Datei $1 kann nicht geschrieben werden"},

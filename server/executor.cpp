@@ -103,7 +103,27 @@ struct ChannelState {
   // statement writes (so that a transaction that begins by writing waits for
   // the lock instead of failing later on a stale snapshot).
   bool pending_begin = false;
+  // The open BEGIN block read before it tried to write / tried to write
+  // (also when the write failed or waited), and a change of it has taken
+  // effect (its commit will make other channels' snapshots stale).
+  bool block_read_first = false;
+  bool block_write_tried = false;
+  bool block_changed = false;
+  // The previous BEGIN block read and then wrote: the next one starts with
+  // the write lock, even when its first statement only reads. A client that
+  // reads a value and writes it back (a transfer, a counter) then waits for
+  // the holder before it reads, instead of reading a state that the
+  // holder's commit makes stale and being refused when it writes.
+  bool write_first = false;
 };
+
+// Ends the bookkeeping of a BEGIN block; a block that read and then wrote
+// makes the next one start with the write lock.
+static void end_block(ChannelState &st) {
+  st.write_first = st.block_read_first && st.block_write_tried;
+  st.block_read_first = st.block_write_tried = st.block_changed = false;
+  st.pending_begin = false;
+}
 
 // Is an SQLite transaction open on the channel's connection?
 static bool sqlite_txn(const ChannelState &st) {
@@ -633,6 +653,7 @@ template <class F> void as_change(Ctx &c, F f) {
       if (rc != SQLITE_OK) raise_sqlite(c.st, rc);
     } else {
       exec_sql(c.st, "RELEASE tavrin_stmt");
+      c.st.block_changed = true;
     }
   } catch (...) {
     sqlite3 *db = c.st.db.get();
@@ -998,7 +1019,8 @@ void do_show(Ctx &c, const Request &q) {
 void close_database(Channel &ch, bool commit) {
   ChannelState &st = *ch.st;
   if (!st.db) return;
-  st.pending_begin = false;
+  end_block(st);
+  st.write_first = false;
   if (sqlite_txn(st)) {
     if (commit) {
       int rc = sqlite3_exec(st.db.get(), "COMMIT", nullptr, nullptr, nullptr);
@@ -1153,17 +1175,22 @@ int execute(Ctx &c, const Request &q) {
     break;
   }
   if (!st.db) throw ExecError{answer_errtext(201, {})};
+  bool writes = q.kind == ReqKind::CreateTable || q.kind == ReqKind::DropTable ||
+                q.kind == ReqKind::CreateIndex || q.kind == ReqKind::DropIndex ||
+                q.kind == ReqKind::Insert || q.kind == ReqKind::Update ||
+                q.kind == ReqKind::Delete || q.kind == ReqKind::SetStatic ||
+                q.kind == ReqKind::SetSecure;
+  bool reads = q.kind == ReqKind::Select || q.kind == ReqKind::Declare;
   if (st.pending_begin && q.kind != ReqKind::Begin && q.kind != ReqKind::Commit &&
       q.kind != ReqKind::Abort) {
-    bool writes = q.kind == ReqKind::CreateTable || q.kind == ReqKind::DropTable ||
-                  q.kind == ReqKind::CreateIndex || q.kind == ReqKind::DropIndex ||
-                  q.kind == ReqKind::Insert || q.kind == ReqKind::Update ||
-                  q.kind == ReqKind::Delete || q.kind == ReqKind::SetStatic ||
-                  q.kind == ReqKind::SetSecure;
     // A blocked BEGIN IMMEDIATE leaves the transaction pending: the request
     // is retried as it was.
-    exec_sql(st, writes ? "BEGIN IMMEDIATE" : "BEGIN");
+    exec_sql(st, writes || st.write_first ? "BEGIN IMMEDIATE" : "BEGIN");
     st.pending_begin = false;
+  }
+  if (ch.in_transaction()) {
+    if (reads && !st.block_write_tried) st.block_read_first = true;
+    if (writes) st.block_write_tried = true;
   }
   need_db(c);
   switch (q.kind) {
@@ -1197,12 +1224,13 @@ int execute(Ctx &c, const Request &q) {
     answer_done(c.out);
     break;
   case ReqKind::Commit:
-    st.pending_begin = false;
+    // A commit that fails leaves the block open, as it was.
     if (sqlite_txn(st)) exec_sql(st, "COMMIT");
+    end_block(st);
     answer_done(c.out);
     break;
   case ReqKind::Abort:
-    st.pending_begin = false;
+    end_block(st);
     if (sqlite_txn(st)) exec_sql(st, "ROLLBACK");
     st.schema_version = -1;
     answer_done(c.out);
@@ -1274,4 +1302,10 @@ int exec_request(Channel &ch, const unsigned char *req, size_t len,
 
 bool holds_write_lock(const Channel &ch) {
   return ch.st && ch.st->db && sqlite3_txn_state(ch.st->db.get(), "main") == SQLITE_TXN_WRITE;
+}
+
+bool waits_in_vain(const Channel &waiter, const Channel &holder) {
+  return waiter.st && waiter.st->db &&
+         sqlite3_txn_state(waiter.st->db.get(), "main") == SQLITE_TXN_READ && holder.st &&
+         holder.st->block_changed;
 }

@@ -64,7 +64,15 @@ enum ExecResult {
 int exec_request(Channel &ch, const unsigned char *req, size_t len,
                  std::vector<unsigned char> &answer);
 
-// Does the channel's connection hold the write lock of its open database (a
-// transaction of it has written and is not over)? Parked channels wait for
-// the channel that does, which is how the request handler finds deadlocks.
+// Does the channel's connection hold the write lock of its open database (its
+// transaction has begun to write, or started with the lock, and is not over)?
+// Parked channels wait for the channel that does.
 bool holds_write_lock(const Channel &ch);
+
+// Would a statement of waiter, blocked behind holder's write lock, wait in
+// vain? It would when waiter's transaction already reads a snapshot of the
+// database and holder's transaction has changed it: once holder commits, the
+// snapshot is stale and waiter can never write. The two wait for each other
+// (holder's change needs waiter's read to end, waiter needs the lock), so
+// the request handler refuses waiter's statement at once.
+bool waits_in_vain(const Channel &waiter, const Channel &holder);

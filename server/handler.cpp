@@ -39,15 +39,12 @@ void ExecHandler::request(ProtocolServer &srv, int channel, ChannelContext *base
   if (r == EXEC_ANSWER) {
     srv.answer(channel, answer.data(), answer.size());
   } else if (r == EXEC_WOULD_BLOCK) {
-    // The write lock is database-wide: a holder that itself waits can only be
-    // waiting, directly or through others, for this channel. Refusing this
-    // statement breaks the cycle; the holder goes on.
-    int holder = lock_holder(channel, ctx);
-    if (holder >= 0 && channels_.at(holder)->is_parked) {
-      std::string text = answer_errtext(510, {ctx->ch.database});
-      log("channel " + std::to_string(channel) + ": error: " + text);
-      answer_error(answer, text);
-      srv.answer(channel, answer.data(), answer.size());
+    // A waiter whose snapshot the holder's commit will make stale and a
+    // holder whose change conflicts with what the waiter read wait for each
+    // other: refusing the waiter's statement breaks the cycle at once; the
+    // holder goes on.
+    if (deadlocked(channel, ctx)) {
+      refuse_deadlock(srv, channel);
       retry_parked(srv);
       if (ex_.stop_requested) srv.request_stop();
       return;
@@ -71,8 +68,21 @@ void ExecHandler::retry_parked(ProtocolServer &srv) {
     auto it = channels_.find(channel);
     if (it == channels_.end() || !it->second->is_parked) continue;
     Context *ctx = it->second;
+    // While another channel of the server holds the lock the statement waits
+    // for, trying it again cannot succeed; only the time limit is checked.
+    // (A lock held outside the server is not seen here: then it is tried.)
+    // The holder may have changed the database since the statement was
+    // parked: then it waits in vain and is refused now.
+    int r = EXEC_WOULD_BLOCK;
     std::vector<unsigned char> answer;
-    int r = exec_request(ctx->ch, ctx->waiting.data(), ctx->waiting.size(), answer);
+    if (deadlocked(channel, ctx)) {
+      ctx->is_parked = false;
+      ctx->waiting.clear();
+      refuse_deadlock(srv, channel);
+      continue;
+    }
+    if (lock_holder(channel, ctx) < 0)
+      r = exec_request(ctx->ch, ctx->waiting.data(), ctx->waiting.size(), answer);
     if (r == EXEC_WOULD_BLOCK) {
       if (std::chrono::steady_clock::now() - ctx->parked_at >= lock_timeout_)
         time_out(srv, channel, ctx);
@@ -94,6 +104,20 @@ int ExecHandler::lock_holder(int channel, const Context *ctx) const {
     if (other != channel && octx->ch.database == ctx->ch.database && holds_write_lock(octx->ch))
       return other;
   return -1;
+}
+
+bool ExecHandler::deadlocked(int channel, const Context *ctx) const {
+  int holder = lock_holder(channel, ctx);
+  return holder >= 0 && waits_in_vain(ctx->ch, channels_.at(holder)->ch);
+}
+
+void ExecHandler::refuse_deadlock(ProtocolServer &srv, int channel) {
+  const Context *ctx = channels_.at(channel);
+  std::string text = answer_errtext(510, {ctx->ch.database});
+  log("channel " + std::to_string(channel) + ": error: " + text);
+  std::vector<unsigned char> answer;
+  answer_error(answer, text);
+  srv.answer(channel, answer.data(), answer.size());
 }
 
 void ExecHandler::time_out(ProtocolServer &srv, int channel, Context *ctx) {

@@ -3,15 +3,17 @@
 //
 // Every channel the protocol server opens gets an executor channel. A request
 // is executed at once; when it must wait for a lock that another channel
-// holds, its client is parked and the same request is tried again after every
-// later request and at every idle turn, in the order the clients were parked,
-// until it can be answered or has waited longer than the lock timeout (then
-// it is answered '0' with error 509 and its transaction goes on). A request
-// that would wait for a channel that itself waits (a deadlock) is answered
-// '0' at once with error 510 instead. A client that ends loses its
-// channel and its open transaction is rolled back. The STOP statement ends the server after its
-// answer. The transport is protocol.h's; what a request means is the
-// executor's.
+// holds, its client is parked and the same request is tried again, in the
+// order the clients were parked, whenever no channel of the server holds the
+// lock any more (after a request, and at every idle turn), until it can be
+// answered or has waited longer than the lock timeout (then it is answered
+// '0' with error 509 and its transaction goes on). A statement whose
+// transaction reads a snapshot that the holder's change will make stale
+// would wait in vain (a deadlock): it is answered '0' with error 510 at
+// once, or as soon as the holder changes the database, and the holder goes
+// on. A client that ends loses its channel and its open transaction is
+// rolled back. The STOP statement ends the server after its answer. The
+// transport is protocol.h's; what a request means is the executor's.
 #pragma once
 
 #include "server/executor.h"
@@ -51,6 +53,11 @@ private:
   // The channel holding the write lock of ctx's database, -1 if none does
   // (or a process outside the server holds it).
   int lock_holder(int channel, const Context *ctx) const;
+  // Would the channel's blocked statement wait in vain for the holder of the
+  // lock (see waits_in_vain)?
+  bool deadlocked(int channel, const Context *ctx) const;
+  // Answers the channel's statement with error 510 (deadlock).
+  void refuse_deadlock(ProtocolServer &srv, int channel);
   // Answers a parked channel that waited too long with error 509.
   void time_out(ProtocolServer &srv, int channel, Context *ctx);
 

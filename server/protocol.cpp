@@ -154,10 +154,10 @@ void ProtocolServer::poll(int timeout_ms) {
   if (!started_) return;
   if (activating_ < 0) start_activation();
   if (activating_ >= 0 && owner_word() == -1) finish_activation();
-  // While a parked client takes the exchange back, look at the owner word
-  // every millisecond.
-  int wait_ms = activating_ >= 0 ? std::min(timeout_ms, 1) : timeout_ms;
-  if (server_.wait(wait_ms) == ipc::WaitResult::Signalled) handle_chunk();
+  if (activating_ >= 0)
+    wait_activation(timeout_ms);
+  else if (server_.wait(timeout_ms) == ipc::WaitResult::Signalled)
+    handle_chunk();
   if (activating_ >= 0 && owner_word() == -1) finish_activation();
   if (now_ns() - last_check_ns_ >= kCheckInterval) check_clients();
   close_dead_channels();
@@ -453,6 +453,25 @@ void ProtocolServer::start_activation() {
     activate_.set();
     return;
   }
+}
+
+// While a parked client takes the exchange back, the answer it waits for
+// goes out as soon as it has set the owner word free; other clients' chunks
+// may come in meanwhile (one of them may hold the mutex the activated client
+// needs). Both are looked at every 20 us for up to 1 ms (at most timeout_ms);
+// a client waiting for its answer is the whole exchange's latency, and a
+// futex wake is not given by a plain store to the owner word.
+void ProtocolServer::wait_activation(int timeout_ms) {
+  const int64_t end = now_ns() + int64_t(std::min(timeout_ms, 1)) * 1000000;
+  do {
+    if (server_.wait(0) == ipc::WaitResult::Signalled) {
+      handle_chunk();
+      return;
+    }
+    if (owner_word() == -1) return;
+    struct timespec ts = {0, 20000};
+    nanosleep(&ts, nullptr);
+  } while (now_ns() < end);
 }
 
 // The activated client has the mutex again and has set the owner word back

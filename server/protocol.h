@@ -130,6 +130,9 @@ private:
                   size_t bn, bool last);
   void settle_ack(bool wait);
   void start_activation();
+  // Waits up to timeout_ms (at most 1 ms) for the activated client to set
+  // the owner word free or for a chunk, which it handles.
+  void wait_activation(int timeout_ms);
   void finish_activation();
   void check_clients();
   void close_dead_channels();

@@ -1,7 +1,9 @@
 // Locking under faults, against a real tavrind process: a client that waits
 // for another one's write lock gets its answer when the holder commits,
 // aborts or dies; a wait longer than --lock-timeout is refused; crossing
-// transactions never hang; --max-clients refuses the client too many.
+// updates never hang; a deadlock refuses one transaction at once; a
+// read-then-write client waits before it reads; --max-clients refuses the
+// client too many.
 //
 // Every client runs in a forked process of its own (the transport is one
 // connection per process) and is driven through pipes: the test writes one
@@ -243,16 +245,13 @@ TEST_F(Locking, LockTimeoutRefusesTheWaitingStatementOnly) {
   EXPECT_EQ(amount(2), tuples("8"));
 }
 
-// Two transactions that would wait for each other with row locks: with the
-// database's write lock the second one waits for the first, which goes on;
-// a waiter that read before the holder's change ends with '0' when the
-// holder commits, never hangs.
-TEST_F(Locking, CrossingTransactionsNeverHang) {
+// Crossing updates: with the database's write lock the second writer waits
+// for the first, which takes both rows; then the second does its work.
+TEST_F(Locking, CrossingUpdatesWaitAndNeverHang) {
   start();
   Client a(srv.ns()), b(srv.ns());
   ASSERT_EQ(a.answer(), "OK|");
   ASSERT_EQ(b.answer(), "OK|");
-  // Crossing updates: B waits, A takes both rows, B then does its work.
   ASSERT_EQ(a.run("BEGIN"), kDone);
   ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 95 WHERE KONTO_ID = 1"), "1|1");
   ASSERT_EQ(b.run("BEGIN"), kDone);
@@ -265,21 +264,93 @@ TEST_F(Locking, CrossingTransactionsNeverHang) {
   EXPECT_EQ(b.run("COMMIT"), kDone);
   EXPECT_EQ(amount(1), tuples("98"));
   EXPECT_EQ(amount(2), tuples("102"));
+}
 
-  // Both read first: the second writer's snapshot is stale once the first
-  // commits, so it is refused and the first one's change stands.
+// A deadlock: both transactions read, A changes a row, B wants to change
+// the row A read. B is refused with '0' at once (not when A ends), A goes
+// on and commits; B's transaction stays open until it aborts. A waiter that
+// was parked before the holder changed anything is refused as soon as the
+// holder does.
+TEST_F(Locking, DeadlockEndsOneTransactionAtOnce) {
+  start();
+  Client a(srv.ns()), b(srv.ns());
+  ASSERT_EQ(a.answer(), "OK|");
+  ASSERT_EQ(b.answer(), "OK|");
   ASSERT_EQ(a.run("BEGIN"), kDone);
   ASSERT_EQ(b.run("BEGIN"), kDone);
-  ASSERT_EQ(a.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("98"));
-  ASSERT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 2"), tuples("102"));
-  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 0 WHERE KONTO_ID = 1"), "1|1");
-  b.send("UPDATE KONTO SET BETRAG = 0 WHERE KONTO_ID = 2");
-  EXPECT_EQ(b.answer(300ms), "");
+  ASSERT_EQ(a.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 2"), tuples("100"));
+  ASSERT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("100"));
+  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 50 WHERE KONTO_ID = 1"), "1|1");
+  auto t0 = std::chrono::steady_clock::now();
+  std::string r = b.run("UPDATE KONTO SET BETRAG = 150 WHERE KONTO_ID = 2");
+  EXPECT_TRUE(is_error(r, "510")) << r;
+  EXPECT_NE(r.find("DEMO"), std::string::npos) << r;
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, 2s) << "refused at once, not after A";
+  EXPECT_EQ(a.run("UPDATE KONTO SET BETRAG = 150 WHERE KONTO_ID = 2"), "1|1");
   EXPECT_EQ(a.run("COMMIT"), kDone);
-  EXPECT_TRUE(is_error(b.answer(2s), "505"));
   EXPECT_EQ(b.run("ABORT"), kDone);
-  EXPECT_EQ(amount(1), tuples("0"));
-  EXPECT_EQ(amount(2), tuples("102"));
+  EXPECT_EQ(amount(1), tuples("50"));
+  EXPECT_EQ(amount(2), tuples("150"));
+
+  // A takes the write lock without changing anything yet (its read-then-
+  // write block before makes its next block start with the lock); C, which
+  // has read, waits; A's change makes the wait vain and C is refused then.
+  Client c(srv.ns());
+  ASSERT_EQ(c.answer(), "OK|");
+  ASSERT_EQ(a.run("BEGIN"), kDone);
+  ASSERT_EQ(a.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("50"));
+  ASSERT_EQ(c.run("BEGIN"), kDone);
+  ASSERT_EQ(c.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("50"));
+  c.send("UPDATE KONTO SET BETRAG = 0 WHERE KONTO_ID = 1");
+  EXPECT_EQ(c.answer(300ms), "") << "A has changed nothing: C waits";
+  EXPECT_EQ(a.run("UPDATE KONTO SET BETRAG = 60 WHERE KONTO_ID = 1"), "1|1");
+  r = c.answer(2s);
+  EXPECT_TRUE(is_error(r, "510")) << r;
+  EXPECT_EQ(a.run("COMMIT"), kDone);
+  EXPECT_EQ(c.run("ABORT"), kDone);
+  EXPECT_EQ(amount(1), tuples("60"));
+}
+
+// A client whose block read and then wrote starts its next block with the
+// write lock: while another transaction holds the lock its first SELECT
+// waits, then reads the committed value, and its UPDATE is never refused.
+// Readers outside a block go on meanwhile; a block that only reads ends
+// the habit.
+TEST_F(Locking, ReadThenWriteClientWaitsBeforeReading) {
+  start();
+  Client a(srv.ns()), b(srv.ns());
+  ASSERT_EQ(a.answer(), "OK|");
+  ASSERT_EQ(b.answer(), "OK|");
+  auto read_then_write = [&b](int value) {
+    EXPECT_EQ(b.run("BEGIN"), kDone);
+    EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1").rfind("2|", 0), 0u);
+    EXPECT_EQ(b.run("UPDATE KONTO SET BETRAG = " + std::to_string(value) + " WHERE KONTO_ID = 1"),
+              "1|1");
+    EXPECT_EQ(b.run("COMMIT"), kDone);
+  };
+  read_then_write(100);
+  ASSERT_EQ(a.run("BEGIN"), kDone);
+  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 120 WHERE KONTO_ID = 1"), "1|1");
+  ASSERT_EQ(b.run("BEGIN"), kDone);
+  b.send("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1");
+  EXPECT_EQ(b.answer(300ms), "") << "B's block starts with the write lock";
+  EXPECT_EQ(amount(1), tuples("100")) << "a reader outside a block goes on";
+  ASSERT_EQ(a.run("COMMIT"), kDone);
+  EXPECT_EQ(b.answer(), tuples("120"));
+  EXPECT_EQ(b.run("UPDATE KONTO SET BETRAG = 121 WHERE KONTO_ID = 1"), "1|1");
+  EXPECT_EQ(b.run("COMMIT"), kDone);
+  EXPECT_EQ(amount(1), tuples("121"));
+
+  // One block that only reads ends it: B's next reading block does not wait.
+  ASSERT_EQ(b.run("BEGIN"), kDone);
+  ASSERT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 2"), tuples("100"));
+  ASSERT_EQ(b.run("END"), kDone);
+  ASSERT_EQ(a.run("BEGIN"), kDone);
+  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 130 WHERE KONTO_ID = 1"), "1|1");
+  ASSERT_EQ(b.run("BEGIN"), kDone);
+  EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("121"));
+  EXPECT_EQ(b.run("END"), kDone);
+  EXPECT_EQ(a.run("COMMIT"), kDone);
 }
 
 // The client beyond --max-clients is refused with a message; a place freed
