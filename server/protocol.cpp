@@ -450,7 +450,9 @@ void ProtocolServer::start_activation() {
     if (!ch || ch->dead || !ch->answer_ready) continue;
     activating_ = channel;
     set_owner_word(channel);
-    activate_.set();
+    // Wakes the parked clients addressed by the channel only; the one the
+    // owner word names takes the event.
+    activate_.set_for(uint32_t(channel));
     return;
   }
 }

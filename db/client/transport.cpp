@@ -207,8 +207,14 @@ int read_chunk(int channel, const Dest &d, size_t pos, int max) {
       // until the server hands it back to this channel.
       g_tp.server_ack.set();
       if (!release_mutex()) return -2;
+      // The wait takes the activation only once the owner word names this
+      // channel, so an activation meant for another parked client is not
+      // taken and passed on here; the pass-on below is for an activation
+      // whose owner word changed in between.
+      const auto *owner = static_cast<const uint32_t *>(g_tp.owner.data());
       for (;;) {
-        if (g_tp.activate.wait(-1, &g_tp.server_proc) != WaitResult::Signalled) {
+        if (g_tp.activate.wait_for(-1, &g_tp.server_proc, owner, uint32_t(channel)) !=
+            WaitResult::Signalled) {
           server_ended();
           return -1;
         }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <ctime>
 #include <linux/futex.h>
@@ -53,15 +54,28 @@ inline bool try_consume(EventWord *w) {
          w->state.compare_exchange_strong(one, 0, std::memory_order_acq_rel);
 }
 
-void futex_wait(std::atomic<uint32_t> *addr, uint32_t expected, int64_t ns) {
-  struct timespec ts = {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
-  syscall(SYS_futex, reinterpret_cast<uint32_t *>(addr), FUTEX_WAIT, expected,
-          ns >= 0 ? &ts : nullptr, nullptr, 0);
+// Sleeps while *addr is expected, at most ns (< 0: no limit), as a waiter
+// for the wakes whose bitset meets `bits` (FUTEX_BITSET_MATCH_ANY: every wake).
+void futex_wait(std::atomic<uint32_t> *addr, uint32_t expected, int64_t ns,
+                uint32_t bits = FUTEX_BITSET_MATCH_ANY) {
+  // FUTEX_WAIT_BITSET takes an absolute CLOCK_MONOTONIC time.
+  struct timespec ts;
+  if (ns >= 0) {
+    int64_t end = now_ns() + ns;
+    ts = {static_cast<time_t>(end / 1000000000), static_cast<long>(end % 1000000000)};
+  }
+  syscall(SYS_futex, reinterpret_cast<uint32_t *>(addr), FUTEX_WAIT_BITSET, expected,
+          ns >= 0 ? &ts : nullptr, nullptr, bits);
 }
 
-void futex_wake(std::atomic<uint32_t> *addr, int n) {
-  syscall(SYS_futex, reinterpret_cast<uint32_t *>(addr), FUTEX_WAKE, n, nullptr, nullptr, 0);
+// Wakes up to n sleepers whose bitset meets `bits`.
+void futex_wake(std::atomic<uint32_t> *addr, int n, uint32_t bits = FUTEX_BITSET_MATCH_ANY) {
+  syscall(SYS_futex, reinterpret_cast<uint32_t *>(addr), FUTEX_WAKE_BITSET, n, nullptr, nullptr,
+          bits);
 }
+
+// The futex bitset of an addressed waiter or wake for value.
+inline uint32_t bit_of(uint32_t value) { return 1u << (value % 32); }
 
 } // namespace
 
@@ -101,13 +115,37 @@ void Event::set() {
   if (w->waiters.load(std::memory_order_seq_cst) != 0) futex_wake(&w->state, 1);
 }
 
+void Event::set_for(uint32_t value) {
+  EventWord *w = word_of(sec_);
+  int cpu = sched_getcpu();
+  w->set_cpu.store(cpu >= 0 ? cpu + 1 : 0, std::memory_order_relaxed);
+  w->state.store(1, std::memory_order_seq_cst);
+  if (w->waiters.load(std::memory_order_seq_cst) != 0)
+    futex_wake(&w->state, INT32_MAX, bit_of(value));
+}
+
 void Event::reset() { word_of(sec_)->state.store(0); }
 
 bool Event::is_set() const { return word_of(sec_)->state.load() == 1; }
 
 WaitResult Event::wait(int timeout_ms, const Process *proc) {
+  return wait_impl(timeout_ms, proc, nullptr, 0);
+}
+
+WaitResult Event::wait_for(int timeout_ms, const Process *proc, const uint32_t *word,
+                           uint32_t value) {
+  return wait_impl(timeout_ms, proc, word, value);
+}
+
+WaitResult Event::wait_impl(int timeout_ms, const Process *proc, const uint32_t *word,
+                            uint32_t value) {
   EventWord *w = word_of(sec_);
-  if (try_consume(w)) return WaitResult::Signalled;
+  // Only an event meant for this waiter is taken (without a word: any).
+  auto mine = [word, value] { return !word || __atomic_load_n(word, __ATOMIC_SEQ_CST) == value; };
+  auto take = [w, &mine] {
+    return w->state.load(std::memory_order_relaxed) == 1 && mine() && try_consume(w);
+  };
+  if (take()) return WaitResult::Signalled;
   // A watch that was never opened or was given up: the process is gone.
   if (proc && !proc->is_open()) return WaitResult::ProcessEnded;
   if (timeout_ms == 0) return WaitResult::Timeout;
@@ -127,7 +165,7 @@ WaitResult Event::wait(int timeout_ms, const Process *proc) {
     const int64_t spin_end = start + spin_ns_;
     for (int64_t t = start; t < spin_end; t = now_ns()) {
       for (int k = 0; k < 16; ++k) {
-        if (try_consume(w)) {
+        if (take()) {
           spin_ns_ = std::min(limit, std::max<int64_t>(spin_ns_, kMinSpinNs));
           return WaitResult::Signalled;
         }
@@ -142,7 +180,7 @@ WaitResult Event::wait(int timeout_ms, const Process *proc) {
   w->waiters.fetch_add(1, std::memory_order_seq_cst);
   WaitResult result;
   for (;;) {
-    if (try_consume(w)) {
+    if (take()) {
       result = WaitResult::Signalled;
       break;
     }
@@ -164,7 +202,17 @@ WaitResult Event::wait(int timeout_ms, const Process *proc) {
       }
       if (sleep_ns < 0 || left < sleep_ns) sleep_ns = left;
     }
-    futex_wait(&w->state, 0, sleep_ns);
+    if (!word) {
+      futex_wait(&w->state, 0, sleep_ns);
+    } else if (w->state.load(std::memory_order_seq_cst) == 1) {
+      // Set for another waiter: it takes the event soon. Nothing wakes this
+      // one when it does, so look again after a short sleep.
+      constexpr int64_t kOtherNs = 100 * 1000;
+      futex_wait(&w->state, 1, sleep_ns < 0 ? kOtherNs : std::min(sleep_ns, kOtherNs),
+                 bit_of(value));
+    } else {
+      futex_wait(&w->state, 0, sleep_ns, bit_of(value));
+    }
   }
   w->waiters.fetch_sub(1, std::memory_order_seq_cst);
   if (result == WaitResult::Signalled && !same_core && limit > 0) {

@@ -7,6 +7,8 @@
 // last ran on another core (the other side usually answers within
 // microseconds; the spin follows how long recent waits took), then sleeps on
 // the futex of the word; when the setter shares this core it sleeps at once.
+// An addressed wait hands an event to one of many waiters: the waiter named by
+// a shared word takes it, and only the waiters addressed are woken.
 // A wait that also watches a process sleeps in slices of at most 20 ms and
 // ends when the process has ended. Which events exist and what they mean is
 // the protocol's business (db/client/transport, server/).
@@ -33,12 +35,20 @@ public:
 
   // Sets the event and wakes one waiter.
   void set();
+  // Sets the event for the waiter that waits for `value` (see wait_for) and
+  // wakes only the waiters addressed by it (a futex bitset of value mod 32,
+  // so at most those that share it, and plain waiters).
+  void set_for(uint32_t value);
   // Clears the event.
   void reset();
   // Waits until the event is set and consumes it. timeout_ms < 0 waits
   // without limit, 0 only tests. With `proc`, the end of that process ends
   // the wait (ProcessEnded). Returns Signalled, Timeout, ProcessEnded.
   WaitResult wait(int timeout_ms, const Process *proc = nullptr);
+  // As wait, but the event is taken only while the shared *word holds value
+  // (read atomically): of many waiters for one event, the one the word names
+  // takes it and the others sleep on. Setters use set_for(value).
+  WaitResult wait_for(int timeout_ms, const Process *proc, const uint32_t *word, uint32_t value);
   // True when the event is set (does not consume it).
   bool is_set() const;
 
@@ -47,6 +57,7 @@ public:
   Section &section() { return sec_; }
 
 private:
+  WaitResult wait_impl(int timeout_ms, const Process *proc, const uint32_t *word, uint32_t value);
   Section sec_;
   int64_t spin_ns_ = INT64_MAX; // this process's next spin on this event
 };

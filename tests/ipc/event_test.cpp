@@ -4,6 +4,8 @@
 #include "tests/ipc/ipc_testutil.h"
 
 #include <chrono>
+#include <cstdint>
+#include <vector>
 
 using namespace ipctest;
 using ipc::WaitResult;
@@ -79,6 +81,51 @@ TEST(IpcEvent, WaitEndsWhenTheWatchedProcessEnds) {
   e.set();
   EXPECT_EQ(e.wait(-1, &p), WaitResult::Signalled);
   ipc::unlink_object("Ev");
+}
+
+// Many processes wait for one event, each for its own value of a shared
+// word (as parked clients wait for their channel in the owner word). Each
+// hand-over reaches the waiter the word names, in any order, also when two
+// waiters share a futex bit (1 and 33); the taker sets the word free. An
+// event set for nobody the word names stays set.
+TEST(IpcEvent, AddressedWaitTakesOnlyTheEventMeantForIt) {
+  fresh_namespace();
+  ipc::Event e;
+  ipc::Section word;
+  ASSERT_TRUE(e.create_or_open("Ev"));
+  ASSERT_TRUE(word.create_or_open("Word", 4));
+  auto *w = static_cast<uint32_t *>(word.data());
+  __atomic_store_n(w, UINT32_MAX, __ATOMIC_SEQ_CST);
+  const std::vector<uint32_t> ids = {1, 2, 33, 7};
+  std::vector<pid_t> kids;
+  for (uint32_t id : ids)
+    kids.push_back(spawn([id] {
+      ipc::Event ev;
+      ipc::Section sec;
+      if (!ev.create_or_open("Ev") || !sec.create_or_open("Word", 4)) return 1;
+      auto *word = static_cast<uint32_t *>(sec.data());
+      if (ev.wait_for(10000, nullptr, word, id) != WaitResult::Signalled) return 2;
+      if (__atomic_load_n(word, __ATOMIC_SEQ_CST) != id) return 3;
+      __atomic_store_n(word, UINT32_MAX, __ATOMIC_SEQ_CST);
+      return 0;
+    }));
+  usleep(50000); // all of them asleep on the event
+  __atomic_store_n(w, 99u, __ATOMIC_SEQ_CST);
+  e.set_for(99);
+  usleep(30000);
+  EXPECT_TRUE(e.is_set()) << "meant for nobody waiting: nobody takes it";
+  e.reset();
+  for (uint32_t id : {7u, 33u, 1u, 2u}) {
+    __atomic_store_n(w, id, __ATOMIC_SEQ_CST);
+    e.set_for(id);
+    auto t = std::chrono::steady_clock::now();
+    while (__atomic_load_n(w, __ATOMIC_SEQ_CST) != UINT32_MAX && ms_since(t) < 5000) usleep(100);
+    EXPECT_EQ(__atomic_load_n(w, __ATOMIC_SEQ_CST), UINT32_MAX) << "waiter " << id;
+    EXPECT_FALSE(e.is_set());
+  }
+  for (size_t i = 0; i < kids.size(); ++i) EXPECT_EQ(join_within(kids[i], 5000), 0) << ids[i];
+  ipc::unlink_object("Ev");
+  ipc::unlink_object("Word");
 }
 
 TEST(IpcEvent, OpenLiveRefusesMissingObjectsAndLeftovers) {
