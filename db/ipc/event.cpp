@@ -28,7 +28,7 @@ static_assert(std::atomic<uint32_t>::is_always_lock_free);
 constexpr size_t kEventSize = 64;
 
 // The process-wide spin limit of waits, and the shortest adaptive spin.
-std::atomic<int> g_spin_us{50};
+std::atomic<int> g_spin_us{150};
 constexpr int64_t kMinSpinNs = 1000;
 
 inline void cpu_relax() {

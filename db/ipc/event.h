@@ -62,7 +62,7 @@ private:
   int64_t spin_ns_ = INT64_MAX; // this process's next spin on this event
 };
 
-// The bounded spin of every wait, in microseconds (default 50; 0 disables
+// The bounded spin of every wait, in microseconds (default 150; 0 disables
 // spinning). Process-wide.
 void set_spin_limit_us(int us);
 int spin_limit_us();

@@ -60,7 +60,7 @@ TEST(IpcEvent, PingPongBetweenProcessesWithAndWithoutSpinning) {
     ipc::unlink_object("Ping");
     ipc::unlink_object("Pong");
   }
-  ipc::set_spin_limit_us(50);
+  ipc::set_spin_limit_us(150);
 }
 
 TEST(IpcEvent, WaitEndsWhenTheWatchedProcessEnds) {
