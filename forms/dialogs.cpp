@@ -72,11 +72,11 @@ std::string fl_join_lines(const char *l1, const char *l2, const char *l3) {
   return text;
 }
 
-std::unique_ptr<QMessageBox> fl_make_question_box(const char *text, int buttons,
-                                                  int default_button) {
+std::unique_ptr<QMessageBox> fl_make_question_box(const char *text, int buttons, int default_button,
+                                                  const char *title) {
   auto box = std::make_unique<QMessageBox>();
   box->setIcon(QMessageBox::Question);
-  box->setWindowTitle(QStringLiteral("Choice"));
+  box->setWindowTitle(QString::fromLatin1(title ? title : ""));
   box->setText(QString::fromLatin1(text ? text : ""));
   box->setWindowModality(Qt::ApplicationModal);
   if (buttons <= 1) {
@@ -92,27 +92,32 @@ std::unique_ptr<QMessageBox> fl_make_question_box(const char *text, int buttons,
   return box;
 }
 
-int fl_show_question(const char *l1, const char *l2, const char *l3, int buttons, const char *,
-                     const char *, const char *, int default_button) {
+int fl_show_titled_question(const char *title, const char *text, int buttons, int default_button) {
   if (buttons < 1) buttons = 1;
   if (buttons > 3) buttons = 3;
   FlShownDialog d;
   d.kind = FL_DIALOG_QUESTION;
   d.icon = FL_ICON_QUESTION;
-  d.title = "Choice";
-  d.text = fl_join_lines(l1, l2, l3);
+  d.title = title ? title : "";
+  d.text = text ? text : "";
   d.buttons = buttons;
   d.default_button = default_button;
   if (fl_seam_enabled()) {
     d.answer = pop_answer(seam().answers, default_answer(buttons, default_button));
   } else {
-    auto box = fl_make_question_box(d.text.c_str(), buttons, default_button);
+    auto box = fl_make_question_box(d.text.c_str(), buttons, default_button, d.title.c_str());
     int r = box->exec();
     d.answer = r == QMessageBox::No ? 2 : r == QMessageBox::Cancel ? 3 : 1;
   }
   g_box_key_pending = 1;
   record(d);
   return d.answer;
+}
+
+int fl_show_question(const char *l1, const char *l2, const char *l3, int buttons, const char *,
+                     const char *, const char *, int default_button) {
+  return fl_show_titled_question("Choice", fl_join_lines(l1, l2, l3).c_str(), buttons,
+                                 default_button);
 }
 
 void fl_show_alert(const char *title, const char *text, int icon) {

@@ -41,6 +41,9 @@ struct FlShownDialog {
 // no 2, cancel 3.
 int fl_show_question(const char *l1, const char *l2, const char *l3, int buttons, const char *b1,
                      const char *b2, const char *b3, int default_button);
+// The same box with a title of the caller's instead of "Choice" and the text
+// given (for questions such as whether to overwrite an existing file).
+int fl_show_titled_question(const char *title, const char *text, int buttons, int default_button);
 // Message box: the lines joined as above, one confirm button, information
 // icon, application-modal, title "Message".
 void fl_show_message(const char *l1, const char *l2, const char *l3);
@@ -52,8 +55,8 @@ void fl_show_termination_warning();
 
 // Builds (does not show) the question box described at fl_show_question; the
 // caller owns it. For tests of the box's buttons and default.
-std::unique_ptr<QMessageBox> fl_make_question_box(const char *text, int buttons,
-                                                  int default_button);
+std::unique_ptr<QMessageBox> fl_make_question_box(const char *text, int buttons, int default_button,
+                                                  const char *title = "Choice");
 // Joins three lines as the boxes do.
 std::string fl_join_lines(const char *l1, const char *l2, const char *l3);
 

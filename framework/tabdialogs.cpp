@@ -357,7 +357,8 @@ void exp_cb(FL_OBJECT *obj, long) {
   std::string file = myfl_export_filename(name);
   struct stat st;
   if (stat(file.c_str(), &st) == 0 &&
-      fl_show_question("Soll Datei überschrieben werden?", "", "", 2, "Ja", "Nein", "", 0) != 1)
+      fl_show_titled_question("Datei existiert bereits", "Soll Datei überschrieben werden?", 2,
+                              0) != 1)
     return;
   std::string text, error;
   if (!myfl_export_tabbox_text(tb, obj == g_dlg.exp_all, &text, &error)) {

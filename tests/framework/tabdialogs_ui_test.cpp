@@ -161,6 +161,7 @@ TEST_F(TabDialogs, ExportDialogWritesAndAsksBeforeOverwriting) {
   fl_seam_queue_answer(2);
   click(d.exp_all);
   EXPECT_EQ(last_box(), "Soll Datei überschrieben werden?");
+  EXPECT_EQ(fl_seam_shown().back().title, "Datei existiert bereits");
   EXPECT_EQ(read_file(file), "alt");
   EXPECT_TRUE(d.exp->visible);
   fl_seam_queue_answer(1);
