@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -21,6 +20,7 @@
 namespace exectest {
 
 using Bytes = std::vector<unsigned char>;
+using Texts = std::vector<std::string>;
 
 struct Column {
   std::string name;
@@ -48,21 +48,18 @@ struct Answer {
   std::string when(size_t r, size_t c) const {
     const Bytes &v = rows.at(r).at(c);
     char buf[48] = "?";
-    if (v.size() == 4)
+    int32_t us = 0;
+    if (v.size() == 12) memcpy(&us, v.data() + 8, 4);
+    if (v.size() == 4 || v.size() == 12)
       snprintf(buf, sizeof buf, "%04d-%02d-%02d", v[0] | v[1] << 8, v[2], v[3]);
-    else if (v.size() == 3)
-      snprintf(buf, sizeof buf, "%02d:%02d:%02d", v[0], v[1], v[2]);
-    else if (v.size() == 12) {
-      int32_t us;
-      memcpy(&us, v.data() + 8, 4);
-      snprintf(buf, sizeof buf, "%04d-%02d-%02d-%02d.%02d.%02d.%06d", v[0] | v[1] << 8, v[2], v[3],
-               v[4], v[5], v[6], us);
-    }
+    if (v.size() == 12)
+      snprintf(buf + 10, sizeof buf - 10, "-%02d.%02d.%02d.%06d", v[4], v[5], v[6], us);
+    if (v.size() == 3) snprintf(buf, sizeof buf, "%02d:%02d:%02d", v[0], v[1], v[2]);
     return buf;
   }
   // Column c of every row, as text.
-  std::vector<std::string> texts(size_t c) const {
-    std::vector<std::string> r;
+  Texts texts(size_t c) const {
+    Texts r;
     for (size_t i = 0; i < rows.size(); ++i) r.push_back(text(i, c));
     return r;
   }
@@ -81,63 +78,53 @@ inline Answer decode(const Bytes &a) {
   Answer r;
   size_t p = 0;
   auto need = [&](size_t n) { return p + n <= a.size(); };
-  auto u16 = [&]() {
-    uint16_t v = static_cast<uint16_t>(a[p] | a[p + 1] << 8);
+  auto u16 = [&] {
     p += 2;
-    return v;
+    return static_cast<uint16_t>(a[p - 2] | a[p - 1] << 8);
   };
-  auto i32 = [&]() {
+  auto i32 = [&] {
     int32_t v;
     memcpy(&v, a.data() + p, 4);
     p += 4;
     return v;
   };
+  // A text of a 16-bit length that counts its final zero byte.
+  auto text = [&](std::string &out, size_t after) {
+    if (!need(2)) return false;
+    uint16_t n = u16();
+    if (n < 1 || !need(n + after) || a[p + n - 1] != 0) return false;
+    out.assign(reinterpret_cast<const char *>(a.data() + p), n - 1);
+    p += n;
+    return true;
+  };
   if (!need(1)) return r;
   r.kind = static_cast<char>(a[p++]);
-  switch (r.kind) {
-  case '0': {
-    if (!need(3) || a[p++] != 'b') return r;
-    uint16_t n = u16();
-    if (n < 1 || !need(n) || a[p + n - 1] != 0) return r;
-    r.error.assign(reinterpret_cast<const char *>(a.data() + p), n - 1);
-    p += n;
-    break;
-  }
-  case '1':
-    break;
-  case '3':
+  if (r.kind == '0') {
+    if (!need(1) || a[p++] != 'b' || !text(r.error, 0)) return r;
+  } else if (r.kind == '3') {
     if (!need(4)) return r;
     r.count = i32();
-    break;
-  case '2':
-  case '4': {
+  } else if (r.kind == '2' || r.kind == '4') {
     if (!need(8)) return r;
     int32_t nc = i32(), nr = i32();
     for (int32_t c = 0; c < nc; ++c) {
       Column col;
-      if (!need(2)) return r;
-      uint16_t n = u16();
-      if (n < 1 || !need(n + 5) || a[p + n - 1] != 0) return r;
-      col.name.assign(reinterpret_cast<const char *>(a.data() + p), n - 1);
-      p += n;
+      if (!text(col.name, 5)) return r;
       col.type = a[p++];
       col.size = i32();
       r.cols.push_back(col);
     }
     for (int32_t i = 0; i < nr; ++i) {
-      std::vector<Bytes> row;
+      r.rows.emplace_back();
       for (int32_t c = 0; c < nc; ++c) {
         if (!need(2)) return r;
         uint16_t n = u16();
         if (!need(n)) return r;
-        row.emplace_back(a.begin() + static_cast<long>(p), a.begin() + static_cast<long>(p + n));
+        r.rows.back().emplace_back(a.begin() + long(p), a.begin() + long(p + n));
         p += n;
       }
-      r.rows.push_back(std::move(row));
     }
-    break;
-  }
-  default:
+  } else if (r.kind != '1') {
     return r;
   }
   r.ok = p == a.size();
@@ -160,10 +147,8 @@ inline Bytes encode(const std::string &statement) {
 inline Bytes command(unsigned char cmd, const char *name = nullptr) {
   Bytes b{cmd};
   if (name) {
-    uint16_t n = static_cast<uint16_t>(strlen(name) + 1);
-    b.push_back('a');
-    b.push_back(static_cast<unsigned char>(n & 0xFF));
-    b.push_back(static_cast<unsigned char>(n >> 8));
+    size_t n = strlen(name) + 1;
+    b.insert(b.end(), {'a', static_cast<unsigned char>(n), static_cast<unsigned char>(n >> 8)});
     b.insert(b.end(), name, name + n);
   }
   return b;

@@ -12,35 +12,17 @@
 // and is stopped by its pid.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <memory>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "base/msg.h"
 #include "db/client/connect.h"
-#include "db/client/exec.h"
 #include "tests/server/faults_server.h"
-
-extern char **environ;
 
 namespace {
 
 using namespace std::chrono_literals;
-using faults::Server;
-using faults::tavrind_program;
 
 // One client process on database DEMO, driven line by line.
 class Client {
@@ -62,18 +44,11 @@ public:
     out_ = to[1];
     in_ = from[0];
   }
+  // Ends the input; the client ends by itself (or is killed after 3 s).
   ~Client() {
-    if (out_ >= 0) close(out_);
-    if (in_ >= 0) close(in_);
-    if (pid_ > 0) {
-      int st = 0;
-      for (int i = 0; i < 300 && waitpid(pid_, &st, WNOHANG) == 0; ++i)
-        std::this_thread::sleep_for(10ms);
-      if (waitpid(pid_, &st, WNOHANG) == 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, &st, 0);
-      }
-    }
+    close(out_);
+    close(in_);
+    if (pid_ > 0) faults::reap(pid_, 3s);
   }
 
   // Sends a statement without waiting for its answer.
@@ -107,9 +82,7 @@ public:
     return answer();
   }
   void kill_now() {
-    kill(pid_, SIGKILL);
-    int st = 0;
-    waitpid(pid_, &st, 0);
+    faults::reap(pid_, 0ms);
     pid_ = -1;
   }
 
@@ -125,30 +98,13 @@ private:
     };
     char name[] = "DEMO";
     DBCONN *c = DBconnect(name);
-    if (DBstatus(c) != DBCONN_OK) {
-      std::string m = DBerrormessage(c);
-      for (char &ch : m)
-        if (ch == '\n') ch = ' ';
-      reply("C|" + m);
-    } else {
-      reply("OK|");
-    }
+    std::string m = DBerrormessage(c);
+    reply(DBstatus(c) == DBCONN_OK ? "OK|" : "C|" + m.substr(0, m.find('\n')));
     char line[4096];
     while (f && fgets(line, sizeof line, f)) {
-      std::string s = line;
+      std::string s = line, v;
       if (!s.empty() && s.back() == '\n') s.pop_back();
-      DBRESULT *r = DBexec(c, s.c_str());
-      int st = DBresult_status(r);
-      std::string v;
-      if (st == DBRES_ERROR || st == DBRES_SYNTAX)
-        v = DBresult_error(r);
-      else if (st == DBRES_TUPLES && DBntuples(r) > 0)
-        v = DBgetvalue(r, 0, 0);
-      else if (st == DBRES_DONE && DBntuples(r) > 0)
-        v = std::to_string(DBntuples(r)); // a count answer
-      for (char &ch : v)
-        if (ch == '\n') ch = ' ';
-      DBclear(r);
+      int st = faults::run(c, s, &v);
       reply(std::to_string(st) + "|" + v);
     }
     DBfinish(c);
@@ -170,7 +126,7 @@ bool is_error(const std::string &a, const std::string &number) {
 class Locking : public ::testing::Test {
 protected:
   void SetUp() override {
-    if (tavrind_program().empty()) GTEST_SKIP() << "tavrind has not been built";
+    if (faults::tavrind_program().empty()) GTEST_SKIP() << "tavrind has not been built";
   }
   // Starts the server and makes table KONTO with accounts 1 and 2.
   void start(const std::vector<std::string> &extra = {}) {
@@ -186,7 +142,7 @@ protected:
     EXPECT_EQ(c.answer(), "OK|");
     return c.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = " + std::to_string(id));
   }
-  Server srv;
+  faults::Server srv;
 };
 
 // A holds the write lock, B's UPDATE is parked; how A's transaction ends

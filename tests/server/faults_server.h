@@ -2,7 +2,8 @@
 // temporary data folder, extra options, its log in a file, stopped by its pid.
 // It can be killed hard and started again on the same folder and namespace
 // (with the dead server's shared-memory objects left behind). Clients are
-// the tests' business.
+// the tests' business; run() executes their statements and reap() ends any
+// child process.
 #pragma once
 
 #include <fcntl.h>
@@ -19,15 +20,50 @@
 #include <thread>
 #include <vector>
 
+#include "db/client/exec.h"
+
 extern char **environ;
 
 namespace faults {
+
+// Runs one statement; returns its status. *value gets the first value of a
+// row answer, the count of a change or the error text, newlines as blanks.
+inline int run(DBCONN *c, const std::string &sql, std::string *value = nullptr) {
+  DBRESULT *r = DBexec(c, sql.c_str());
+  int st = DBresult_status(r);
+  std::string v;
+  if (st == DBRES_ERROR || st == DBRES_SYNTAX)
+    v = DBresult_error(r);
+  else if ((st == DBRES_TUPLES || st == DBRES_DONE) && DBntuples(r) > 0)
+    v = st == DBRES_TUPLES ? DBgetvalue(r, 0, 0) : std::to_string(DBntuples(r));
+  for (char &ch : v)
+    if (ch == '\n') ch = ' ';
+  DBclear(r);
+  if (value) *value = v;
+  return st;
+}
 
 // The built tavrind program, "" when there is none.
 inline std::string tavrind_program() {
   const char *build = std::getenv("ZENTIQ_BUILD_DIR");
   std::string p = std::string(build ? build : "") + "/server/tavrind";
   return std::filesystem::exists(p) ? p : "";
+}
+
+// Waits for the child pid at most `limit`, then kills it. The exit status,
+// or -1 when it had to be killed or ended by a signal.
+inline int reap(pid_t pid, std::chrono::milliseconds limit) {
+  auto end = std::chrono::steady_clock::now() + limit;
+  int st = 0;
+  while (waitpid(pid, &st, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() >= end) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &st, 0);
+      return -1;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
 }
 
 // A tavrind process with the given extra options.
@@ -50,10 +86,7 @@ public:
   // Ends the server with SIGKILL: no rollback, its shared-memory objects
   // stay behind.
   void kill_hard() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    int st = 0;
-    waitpid(pid_, &st, 0);
+    if (pid_ > 0) reap(pid_, std::chrono::milliseconds(0));
     pid_ = -1;
   }
   // Starts the server again on the same folder and namespace.
@@ -62,13 +95,7 @@ public:
   void stop() {
     if (pid_ > 0) {
       kill(pid_, SIGTERM);
-      int st = 0;
-      for (int i = 0; i < 500 && waitpid(pid_, &st, WNOHANG) == 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      if (waitpid(pid_, &st, WNOHANG) == 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, &st, 0);
-      }
+      reap(pid_, std::chrono::seconds(5));
       pid_ = -1;
     }
     if (!dir_.empty()) std::filesystem::remove_all(dir_);

@@ -10,24 +10,14 @@
 // them as the entry "server_load" with the label "load".
 #include <gtest/gtest.h>
 
-#include <signal.h>
 #include <sqlite3.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <random>
 #include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "base/msg.h"
 #include "db/client/connect.h"
-#include "db/client/exec.h"
 #include "tests/server/faults_server.h"
 
 namespace {
@@ -36,16 +26,7 @@ using namespace std::chrono_literals;
 
 constexpr int kAccounts = 100;
 constexpr int kStart = 1000;
-
-// Runs one statement; the status, and the first value of a tuples answer in
-// *value.
-int run(DBCONN *c, const std::string &sql, std::string *value = nullptr) {
-  DBRESULT *r = DBexec(c, sql.c_str());
-  int st = DBresult_status(r);
-  if (value && st == DBRES_TUPLES && DBntuples(r) > 0) *value = DBgetvalue(r, 0, 0);
-  DBclear(r);
-  return st;
-}
+using faults::run;
 
 // In a forked child: connects to DEMO (retrying for a few seconds) and
 // returns the connection; ends the child with status 2 when it cannot.
@@ -138,22 +119,6 @@ pid_t start_worker(const std::string &ns, int worker, int n, const std::string &
   _exit(0);
 }
 
-// Waits for pid at most `limit`, then kills it. The exit status, or -1 when
-// it had to be killed or ended by a signal.
-int reap(pid_t pid, std::chrono::milliseconds limit) {
-  auto end = std::chrono::steady_clock::now() + limit;
-  int st = 0;
-  while (waitpid(pid, &st, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > end) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &st, 0);
-      return -1;
-    }
-    std::this_thread::sleep_for(20ms);
-  }
-  return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-}
-
 // Checks the database file of DEMO with SQLite (the server may run): the
 // integrity check, the sum, every balance against the journal, the recorded
 // commits present and the recorded aborts absent. Returns the number of
@@ -227,8 +192,9 @@ protected:
     pid_t victim = start_worker(srv.ns(), 99, 1000000, record);
     std::this_thread::sleep_for(kill_after);
     kill(victim, SIGKILL);
-    EXPECT_EQ(reap(victim, 5s), -1);
-    for (pid_t w : workers) EXPECT_EQ(reap(w, std::chrono::milliseconds(n * 400 + 20000)), 0);
+    EXPECT_EQ(faults::reap(victim, 5s), -1);
+    for (pid_t w : workers)
+      EXPECT_EQ(faults::reap(w, std::chrono::milliseconds(n * 400 + 20000)), 0);
     check_data(srv.data_dir(), record);
   }
 
@@ -241,12 +207,12 @@ protected:
       workers.push_back(start_worker(srv.ns(), round * 20 + w + 1, 1000000, record));
     std::this_thread::sleep_for(after);
     srv.kill_hard();
-    for (pid_t w : workers) reap(w, 10s);
+    for (pid_t w : workers) faults::reap(w, 10s);
     ASSERT_TRUE(srv.restart());
     int before = check_data(srv.data_dir(), record);
     // The restarted server serves and changes the data again.
     pid_t w = start_worker(srv.ns(), round * 20 + 15, 20, record);
-    EXPECT_EQ(reap(w, 20s), 0);
+    EXPECT_EQ(faults::reap(w, 20s), 0);
     EXPECT_GT(check_data(srv.data_dir(), record), before);
   }
 

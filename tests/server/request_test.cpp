@@ -1,7 +1,7 @@
-// Decoding of requests: the trees of the client's encodings, and requests that
-// do not decode (short, wrong tags, unknown command bytes, nonsense lengths,
-// trailing bytes, hostile nesting), which are answered with a text while the
-// executor goes on serving.
+// Decoding of requests: the bare requests no statement test makes, and
+// requests that do not decode (short, wrong tags, unknown command bytes,
+// nonsense lengths, trailing bytes, hostile nesting), which are answered with
+// a text while the executor goes on serving.
 #include "tests/server/executor_testutil.h"
 
 #include "server/request.h"
@@ -23,64 +23,16 @@ std::string refusal(const Bytes &b) {
   return err;
 }
 
-TEST(Request, ClientEncodingsDecodeIntoTheirTrees) {
-  Request q = decoded(encode("select distinct k.name, min(a.betrag), count(*), k.* from kunde k, "
-                             "auftrag a where k.kunde_id = a.kunde_id and not a.betrag between "
-                             "1 and 2.5 or a.datum in ('x', 'y') order by k.name desc, ort"));
-  ASSERT_EQ(q.kind, ReqKind::Select);
-  const Select &s = *q.select;
-  EXPECT_TRUE(s.distinct);
-  ASSERT_EQ(s.items.size(), 4u);
-  EXPECT_EQ(s.items[0].attr.qualifier, "K");
-  EXPECT_EQ(s.items[0].attr.name, "NAME");
-  EXPECT_EQ(s.items[1].kind, SelectItem::Min);
-  EXPECT_EQ(s.items[1].attr.qualifier, "A");
-  EXPECT_EQ(s.items[2].kind, SelectItem::Count);
-  EXPECT_EQ(s.items[3].kind, SelectItem::TableAll);
-  ASSERT_EQ(s.from.size(), 2u);
-  EXPECT_EQ(s.from[1].name, "AUFTRAG");
-  EXPECT_EQ(s.from[1].alias, "A");
-  // OR(AND(=, NOT(BETWEEN)), IN)
-  const Expr &w = *s.where;
-  ASSERT_EQ(w.kind, Expr::Or);
-  ASSERT_EQ(w.args[0]->kind, Expr::And);
-  EXPECT_EQ(w.args[0]->args[0]->op, '=');
-  EXPECT_EQ(w.args[0]->args[1]->kind, Expr::Not);
-  const Expr &btw = *w.args[0]->args[1]->args[0];
-  EXPECT_EQ(btw.kind, Expr::Between);
-  EXPECT_EQ(btw.args[2]->lit.f, 2.5);
-  ASSERT_EQ(w.args[1]->kind, Expr::InList);
-  EXPECT_EQ(w.args[1]->args.size(), 3u);
-  EXPECT_EQ(w.args[1]->args[1]->lit.s, "x");
-  EXPECT_EQ(w.depth, 5);
-  ASSERT_EQ(s.order.size(), 2u);
-  EXPECT_TRUE(s.order[0].desc);
-  EXPECT_EQ(s.order[1].attr.name, "ORT");
-
-  q = decoded(encode("create table t (a character(10) not null, b binary(4), c timestamp)"));
-  ASSERT_EQ(q.columns.size(), 3u);
-  EXPECT_TRUE(q.columns[0].not_null);
-  EXPECT_EQ(q.columns[0].type.size, 10);
-  EXPECT_EQ(q.columns[1].type.code, 0xA6);
-  EXPECT_EQ(q.columns[2].type.size, 12);
-  q = decoded(encode("create unique index i on t (a, b)"));
-  EXPECT_TRUE(q.unique);
-  EXPECT_EQ(q.attrs, (std::vector<std::string>{"A", "B"}));
-  q = decoded(encode("update t set a = 'x', b = -7 where exists (select * from u where u.a = "
-                     "t.a)"));
+// The statements themselves are decoded in every executor test; these are
+// the requests no statement of those tests makes.
+TEST(Request, BareRequestsDecode) {
+  EXPECT_EQ(decoded(encode(";")).kind, ReqKind::Commit);
+  EXPECT_FALSE(decoded(command('4')).has_name);
+  EXPECT_EQ(decoded(command('4', "X")).name, "X");
+  Request q = decoded(encode("update t set a = 'x', b = -7 where exists (select * from u)"));
   ASSERT_EQ(q.assigns.size(), 2u);
   EXPECT_EQ(q.assigns[1].value.i, -7);
   EXPECT_EQ(q.where->kind, Expr::Exists);
-  q = decoded(encode("fetch all in c"));
-  EXPECT_TRUE(q.all);
-  q = decoded(encode("show indices on table t"));
-  EXPECT_EQ(q.show, Request::IndicesOnTable);
-  EXPECT_EQ(q.table, "T");
-  EXPECT_TRUE(decoded(encode("max")).max_none);
-  EXPECT_EQ(decoded(encode("max 7")).max, 7);
-  EXPECT_EQ(decoded(encode(";")).kind, ReqKind::Commit);
-  EXPECT_EQ(decoded(command('4')).has_name, false);
-  EXPECT_EQ(decoded(command('4', "X")).name, "X");
 }
 
 TEST(Request, MalformedRequestsAreRefusedWithWhatIsWrong) {
