@@ -8,22 +8,12 @@
 #include <cstring>
 #include <string>
 
-#include "answer_support.h"
+#include "client_support.h"
 #include "base/msg.h"
 
 namespace {
 
-using namespace ans;
-
-std::string g_msgs;
-void collect(const char *t) { g_msgs += t; }
-
-// Collects messages for the lifetime of the object.
-struct Messages {
-  MsgHandler old;
-  Messages() : old(msg_set_handler(collect)) { g_msgs.clear(); }
-  ~Messages() { msg_set_handler(old); }
-};
+using namespace ct;
 
 std::string first_text(unsigned char type, const Bytes &cell) {
   DBRESULT *r = column_of(type, {cell});
@@ -33,75 +23,69 @@ std::string first_text(unsigned char type, const Bytes &cell) {
 }
 
 TEST(ResData, ValueToText) {
-  EXPECT_EQ(first_text(DBTYPE_SMALLINT, bin(int16_t(-32768))), "-32768");
-  EXPECT_EQ(first_text(DBTYPE_INTEGER, bin(int32_t(-2147483647))), "-2147483647");
-  EXPECT_EQ(first_text(DBTYPE_INTEGER, bin(int32_t(0))), "0");
-  EXPECT_EQ(first_text(DBTYPE_CHARACTER, text("Straße")), "Straße");
-  EXPECT_EQ(first_text(DBTYPE_DATE, date(2026, 1, 9)), "2026-01-09");
-  EXPECT_EQ(first_text(DBTYPE_DATE, date(800, 12, 31)), "0800-12-31");
-  EXPECT_EQ(first_text(DBTYPE_TIME, time(7, 5, 0)), "07:05:00");
-  EXPECT_EQ(first_text(DBTYPE_TIMESTAMP, stamp(1800, 1, 1, 0, 0, 0, 0)),
-            "1800-01-01-00.00.00.000000");
-  EXPECT_EQ(first_text(DBTYPE_TIMESTAMP, stamp(2026, 11, 22, 23, 59, 58, 42)),
-            "2026-11-22-23.59.58.000042");
-  EXPECT_EQ(first_text('Q', Bytes{1, 2}), "<datatype unknown>");
+  const struct {
+    unsigned char type;
+    Bytes cell;
+    const char *want;
+  } cases[] = {
+      {DBTYPE_SMALLINT, bin(int16_t(-32768)), "-32768"},
+      {DBTYPE_INTEGER, bin(int32_t(-2147483647)), "-2147483647"},
+      {DBTYPE_CHARACTER, text("Straße"), "Straße"},
+      {DBTYPE_DATE, date(800, 1, 9), "0800-01-09"},
+      {DBTYPE_TIME, time(7, 5, 0), "07:05:00"},
+      {DBTYPE_TIMESTAMP, stamp(1800, 1, 1, 0, 0, 0, 0), "1800-01-01-00.00.00.000000"},
+      {DBTYPE_TIMESTAMP, stamp(2026, 11, 22, 23, 59, 58, 42), "2026-11-22-23.59.58.000042"},
+      {'Q', Bytes{1, 2}, "<datatype unknown>"},
+      // Binary values: printable bytes as they are ("$" and 0xA7 doubled),
+      // one other byte as "$" and hex, a run of them as hex between 0xA7.
+      {DBTYPE_BINARY, binary({0x41, 0x00, 0x01, 0x42}),
+       "A\xA7"
+       "0001\xA7"
+       "B"},
+      {DBTYPE_BINARY, binary({0x41, 0x00, 0x42}), "A$00B"},
+      {DBTYPE_BINARY, binary({'$', 0xA7, 'x', 0xA7}), "$$\xA7\xA7x\xA7\xA7"},
+      {DBTYPE_BINARY, binary({' ', '~', 0x7F, 0x1F, 0xFF}),
+       " ~\xA7"
+       "7F1FFF\xA7"},
+      {DBTYPE_BINARY, binary({}), ""},
+  };
+  for (const auto &c : cases) EXPECT_EQ(first_text(c.type, c.cell), c.want) << c.want;
+  // The largest value the wire can carry.
+  Bytes big(65533, 0x80);
+  EXPECT_EQ(first_text(DBTYPE_BINARY, binary(big)).size(), 2 * big.size() + 2);
 
   // The float ladder keeps about 15 significant digits, then drops zeros.
   // A German process locale must not turn "." into ",".
   std::setlocale(LC_ALL, "de_DE.UTF-8");
-  const std::pair<double, const char *> floats[] = {
-      {0.5, "0.5"},
-      {2.0, "2"},
-      {0.0, "0"},
-      {123456789012345.0, "123456789012345"},
-      {1.0 / 3, "0.33333333333333"},
-      {0.6, "0.6"}, // rounds to 1: 13 decimals
-      {2.0 / 3 + 1, "1.6666666666667"},
-      {99.95, "99.95"},
-      {12345.678, "12345.678"},
-      {1e12 + 0.25, "1000000000000.2"},
-      {-2.5, "-2.5"},
-      {-1.0 / 3, "-0.33333333333333"},
-      {-1e20, "-100000000000000000000"},
-      {1e-15, "0"},
-  };
-  for (const auto &[v, want] : floats) EXPECT_EQ(first_text(DBTYPE_FLOAT, bin(v)), want) << v;
+  std::string floats;
+  for (double v : {0.5, 2.0, 0.0, 123456789012345.0, 1.0 / 3, 0.6, 2.0 / 3 + 1, 1e12 + 0.25,
+                   -1.0 / 3, -1e20, 1e-15})
+    floats += first_text(DBTYPE_FLOAT, bin(v)) + " ";
+  // 0.6 rounds to 1, which leaves it 13 decimals.
+  EXPECT_EQ(floats, "0.5 2 0 123456789012345 0.33333333333333 0.6 1.6666666666667 "
+                    "1000000000000.2 -0.33333333333333 -100000000000000000000 0 ");
   std::setlocale(LC_ALL, "C");
 }
 
-TEST(ResData, BinaryEscape) {
-  EXPECT_EQ(first_text(DBTYPE_BINARY, binary({0x41, 0x00, 0x01, 0x42})), "A\xA7"
-                                                                         "0001\xA7"
-                                                                         "B");
-  EXPECT_EQ(first_text(DBTYPE_BINARY, binary({0x41, 0x00, 0x42})), "A$00B");
-  EXPECT_EQ(first_text(DBTYPE_BINARY, binary({'$'})), "$$");
-  EXPECT_EQ(first_text(DBTYPE_BINARY, binary({0xA7, 'x', 0xA7})), "\xA7\xA7x\xA7\xA7");
-  EXPECT_EQ(first_text(DBTYPE_BINARY, binary({' ', '~', 0x7F, 0x1F, 0xFF})), " ~\xA7"
-                                                                             "7F1FFF\xA7");
-  EXPECT_EQ(first_text(DBTYPE_BINARY, binary({0x0A})), "$0A");
-  EXPECT_EQ(first_text(DBTYPE_BINARY, binary({})), "");
-  // The largest value the wire can carry.
-  Bytes big(65533, 0x80);
-  std::string escaped = first_text(DBTYPE_BINARY, binary(big));
-  EXPECT_EQ(escaped.size(), 2 * big.size() + 2);
-}
-
 TEST(ResData, AccessorsCacheAndRawValues) {
+  // The fixed-size values of columns S, I, F, T, D and TS.
+  const Bytes fixed[] = {bin(int16_t(-3)), bin(int32_t(77)),  bin(6.25),
+                         time(1, 2, 3),    date(2000, 2, 29), stamp(2001, 2, 3, 4, 5, 6, 7)};
   Answer a('2');
   a.i32(9).i32(1);
   a.column("C", DBTYPE_CHARACTER, 2).column("B", DBTYPE_BINARY, 10);
   a.column("S", DBTYPE_SMALLINT, 2).column("I", DBTYPE_INTEGER, 4);
   a.column("F", DBTYPE_FLOAT, 8).column("T", DBTYPE_TIME, 3).column("D", DBTYPE_DATE, 4);
   a.column("TS", DBTYPE_TIMESTAMP, 12).column("X", 'x', 1);
-  a.value(Bytes{1, 0}).value(binary({1, 2})).value(bin(int16_t(-3))).value(bin(int32_t(77)));
-  a.value(bin(6.25)).value(time(1, 2, 3)).value(date(2000, 2, 29));
-  a.value(stamp(2001, 2, 3, 4, 5, 6, 7)).value(Bytes{'?'});
+  a.value(Bytes{1, 0}).value(binary({1, 2}));
+  for (const Bytes &v : fixed) a.value(v);
+  a.value(Bytes{'?'});
   DBRESULT *r = decode(a.b);
   ASSERT_EQ(DBntuples(r), 1);
-  const int types[] = {DBFT_CHARACTER, DBFT_BINARY,    DBFT_SMALLINT,
-                       DBFT_INTEGER,   DBFT_FLOAT,     DBFT_TIME,
-                       DBFT_DATE,      DBFT_TIMESTAMP, -1};
-  for (int c = 0; c < 9; ++c) EXPECT_EQ(DBfieldtype(r, c), types[c]) << c;
+  // TIME and DATE are numbered the other way round from their wire codes.
+  EXPECT_EQ(DBfieldtype(r, 5), DBFT_TIME);
+  EXPECT_EQ(DBfieldtype(r, 6), DBFT_DATE);
+  EXPECT_EQ(DBfieldtype(r, 8), -1);
   EXPECT_EQ(DBfieldtype(r, 9), -1);
   EXPECT_EQ(DBfieldsize(r, -1), -1);
   EXPECT_EQ(DBgetvalue(r, 1, 0), nullptr);
@@ -113,33 +97,22 @@ TEST(ResData, AccessorsCacheAndRawValues) {
   EXPECT_STREQ(f, "6.25");
   EXPECT_EQ(DBgetvalue(r, 0, 4), f);
 
-  // Copies into typed variables.
+  // Copies into typed variables take exactly the type's bytes.
   char flag[4] = "zz";
   ASSERT_EQ(DBfillbinary(r, flag, 0, 0), 1);
   EXPECT_STREQ(flag, "1z");
-  unsigned char blob[4] = {};
-  ASSERT_EQ(DBfillbinary(r, blob, 0, 1), 1);
-  EXPECT_EQ(Bytes(blob, blob + 4), (Bytes{2, 0, 1, 2}));
-  int16_t s = 0;
-  int32_t i = 0;
-  double d = 0;
-  TIME t{};
-  DATE dt{};
-  DATI ts{};
-  ASSERT_EQ(DBfillbinary(r, &s, 0, 2) + DBfillbinary(r, &i, 0, 3) + DBfillbinary(r, &d, 0, 4) +
-                DBfillbinary(r, &t, 0, 5) + DBfillbinary(r, &dt, 0, 6) + DBfillbinary(r, &ts, 0, 7),
-            6);
-  EXPECT_EQ(s, -3);
-  EXPECT_EQ(i, 77);
-  EXPECT_EQ(d, 6.25);
-  EXPECT_EQ(t.second, 3);
-  EXPECT_EQ(dt.day, 29);
-  EXPECT_EQ(ts.usec, 7);
+  for (int c = 1; c < 8; ++c) {
+    Bytes want = c == 1 ? binary({1, 2}) : fixed[c - 2];
+    unsigned char out[16];
+    std::memset(out, 0xEE, sizeof out);
+    ASSERT_EQ(DBfillbinary(r, out, 0, c), 1);
+    EXPECT_EQ(Bytes(out, out + want.size() + 1), want + Bytes{0xEE}) << c;
+  }
   {
     Messages m;
     char x[8];
     EXPECT_EQ(DBfillbinary(r, x, 0, 8), 0);
-    EXPECT_EQ(g_msgs, "(DBfillbinary) Unknown datatype!\n");
+    EXPECT_EQ(printed, "(DBfillbinary) Unknown datatype!\n");
   }
 
   // Raw cells when no text is wanted; character and binary stay texts.
@@ -152,23 +125,21 @@ TEST(ResData, AccessorsCacheAndRawValues) {
   DBclear(r);
 
   // A one-character flag column holding 0 gives "0"; longer texts copy.
-  Answer b('2');
-  b.i32(2).i32(1).column("F", DBTYPE_CHARACTER, 2).column("N", DBTYPE_CHARACTER, 9);
-  b.value(Bytes{0}).value(text("Hallo"));
-  r = decode(b.b);
   char c[10] = "xx";
+  r = column_of(DBTYPE_CHARACTER, {Bytes{0}}, 2);
   DBfillbinary(r, c, 0, 0);
-  EXPECT_EQ(c[0], '0');
-  DBfillbinary(r, c, 0, 1);
-  EXPECT_STREQ(c, "Hallo");
   DBclear(r);
+  r = column_of(DBTYPE_CHARACTER, {text("Hallo")}, 9);
+  DBfillbinary(r, c + 1, 0, 0);
+  DBclear(r);
+  EXPECT_STREQ(c, "0Hallo");
 
-  DBRESULT *e = DBresult_new();
-  std::strcpy(e->message, "boom");
-  EXPECT_STREQ(DBresult_error(e), "boom\n");
-  EXPECT_STREQ(DBresult_error(e), "boom\n");
-  DBclear(e);
-  EXPECT_EQ(DBntuples(nullptr), -1);
+  // The line feed is appended once.
+  r = DBresult_new();
+  std::strcpy(r->message, "boom");
+  EXPECT_STREQ(DBresult_error(r), "boom\n");
+  EXPECT_STREQ(DBresult_error(r), "boom\n");
+  DBclear(r);
 }
 
 TEST(ResData, ManyRowsAcrossChunksAndBlocks) {
@@ -195,40 +166,37 @@ TEST(ResData, ManyRowsAcrossChunksAndBlocks) {
 
 TEST(ResData, TextFillingDeletingAndMessages) {
   Messages m;
-  RESDATA d;
-  EXPECT_EQ(RESDATA_Fill(&d, "x"), 0); // no columns yet
-  EXPECT_EQ(g_msgs, "(RESDATA_Fill) Inkonsistent binary definition\n");
-  RESDATA_Header_Data(&d, "A", DBTYPE_CHARACTER, 10);
-  RESDATA_Header_Data(&d, "B", DBTYPE_FLOAT, 8);
-  for (const char *t : {"a0", "b0", "a1", "b1", "a2", "b2"}) EXPECT_EQ(RESDATA_Fill(&d, t), 1);
-  EXPECT_EQ(d.rows, 3);
+  DBRESULT *r = DBresult_new();
+  RESDATA *d = &r->data;
+  EXPECT_EQ(RESDATA_Fill(d, "x"), 0); // no columns yet
+  EXPECT_EQ(printed, "(RESDATA_Fill) Inkonsistent binary definition\n");
+  RESDATA_Header_Data(d, "A", DBTYPE_CHARACTER, 10);
+  RESDATA_Header_Data(d, "B", DBTYPE_FLOAT, 8);
+  for (const char *t : {"a0", "b0", "a1", "b1", "a2", "b2"}) EXPECT_EQ(RESDATA_Fill(d, t), 1);
+  EXPECT_EQ(DBntuples(r), 3);
 
-  g_msgs.clear();
-  EXPECT_EQ(RESDATA_Header_Data(&d, "C", DBTYPE_INTEGER, 4), 0);
-  EXPECT_EQ(RESDATA_XY_Fill(&d, 5, 0, "x"), 0);
-  EXPECT_EQ(RESDATA_XY_Fill(&d, 0, 2, "x"), 0);
-  EXPECT_EQ(RESDATA_XY_Fill_Binary(&d, 0, 0, "x", 2), 0);
-  EXPECT_EQ(RESDATA_XY_Fill_Binary(&d, 9, 0, "x", 2), 0);
-  EXPECT_EQ(RESDATA_DelRow(&d, 3), 0);
-  EXPECT_EQ(RESDATA_DelRow(&d, -1), 0);
-  EXPECT_EQ(g_msgs, "(RESDATA_Header_Data) Inkonsistent header definition\n"
-                    "(RESDATA_XY_Fill) Invalid Row/Column\n"
-                    "(RESDATA_XY_Fill) Invalid Row/Column\n"
-                    "(RESDATA_XY_Fill_Binary) Inkonsistent binary definition\n"
-                    "(RESDATA_XY_Fill_Binary) Invalid Row/Column\n"
-                    "(RESDATA) Invalid row-parameter in RESDATA_DelRow\n"
-                    "(RESDATA) Invalid row-parameter in RESDATA_DelRow\n");
+  printed.clear();
+  EXPECT_EQ(RESDATA_Header_Data(d, "C", DBTYPE_INTEGER, 4), 0);
+  EXPECT_EQ(RESDATA_XY_Fill(d, 5, 0, "x"), 0);
+  EXPECT_EQ(RESDATA_XY_Fill(d, 0, 2, "x"), 0);
+  EXPECT_EQ(RESDATA_XY_Fill_Binary(d, 0, 0, "x", 2), 0);
+  EXPECT_EQ(RESDATA_XY_Fill_Binary(d, 9, 0, "x", 2), 0);
+  EXPECT_EQ(RESDATA_DelRow(d, 3), 0);
+  EXPECT_EQ(RESDATA_DelRow(d, -1), 0);
+  EXPECT_EQ(printed, "(RESDATA_Header_Data) Inkonsistent header definition\n"
+                     "(RESDATA_XY_Fill) Invalid Row/Column\n"
+                     "(RESDATA_XY_Fill) Invalid Row/Column\n"
+                     "(RESDATA_XY_Fill_Binary) Inkonsistent binary definition\n"
+                     "(RESDATA_XY_Fill_Binary) Invalid Row/Column\n"
+                     "(RESDATA) Invalid row-parameter in RESDATA_DelRow\n"
+                     "(RESDATA) Invalid row-parameter in RESDATA_DelRow\n");
 
   // A text data set hands out its texts whatever the column type.
-  DBRESULT *r = DBresult_new();
-  RESDATA_Header_Data(&r->data, "A", DBTYPE_CHARACTER, 10);
-  RESDATA_Header_Data(&r->data, "B", DBTYPE_FLOAT, 8);
-  for (const char *t : {"a0", "b0", "a1", "b1", "a2", "b2"}) RESDATA_Fill(&r->data, t);
-  EXPECT_EQ(RESDATA_XY_Fill(&r->data, 1, 1, "B1"), 1);
-  EXPECT_EQ(RESDATA_XY_Fill(&r->data, 3, 0, "a3"), 1); // appends a row
+  EXPECT_EQ(RESDATA_XY_Fill(d, 1, 1, "B1"), 1);
+  EXPECT_EQ(RESDATA_XY_Fill(d, 3, 0, "a3"), 1); // appends a row
   EXPECT_EQ(DBntuples(r), 4);
   EXPECT_STREQ(DBgetvalue(r, 3, 1), "");
-  EXPECT_EQ(RESDATA_DelRow(&r->data, 0), 1);
+  EXPECT_EQ(RESDATA_DelRow(d, 0), 1);
   EXPECT_EQ(DBntuples(r), 3);
   EXPECT_STREQ(DBgetvalue(r, 0, 0), "a1");
   EXPECT_STREQ(DBgetvalue(r, 0, 1), "B1");
@@ -238,38 +206,40 @@ TEST(ResData, TextFillingDeletingAndMessages) {
   EXPECT_STREQ(copy, "b2");
 
   // Binary cells into a text set are reported but stored, readable as text.
-  g_msgs.clear();
+  printed.clear();
   int32_t v = 0x00434241;
-  EXPECT_EQ(RESDATA_Fill_Binary(&r->data, "zz", 3), 1);
-  EXPECT_EQ(RESDATA_Fill_Binary(&r->data, &v, 4), 1);
-  EXPECT_EQ(g_msgs, "(RESDATA_Fill_Binary) Inkonsistent binary definition\n"
-                    "(RESDATA_Fill_Binary) Inkonsistent binary definition\n");
+  EXPECT_EQ(RESDATA_Fill_Binary(d, "zz", 3), 1);
+  EXPECT_EQ(RESDATA_Fill_Binary(d, &v, 4), 1);
+  EXPECT_EQ(printed, "(RESDATA_Fill_Binary) Inkonsistent binary definition\n"
+                     "(RESDATA_Fill_Binary) Inkonsistent binary definition\n");
   EXPECT_STREQ(DBgetvalue(r, 3, 1), "ABC");
   DBclear(r);
 
   // Binary sets: cells are replaced in place, texts are made anew, and a
   // deleted row's cached texts do not show up in a later row.
   r = column_of(DBTYPE_INTEGER, {bin(int32_t(1)), bin(int32_t(2)), bin(int32_t(3))});
+  d = &r->data;
   EXPECT_STREQ(DBgetvalue(r, 2, 0), "3");
   int32_t nine = 9;
-  g_msgs.clear();
-  EXPECT_EQ(RESDATA_XY_Fill_Binary(&r->data, 0, 0, &nine, 4), 1);
+  printed.clear();
+  EXPECT_EQ(RESDATA_XY_Fill_Binary(d, 0, 0, &nine, 4), 1);
   EXPECT_STREQ(DBgetvalue(r, 0, 0), "9");
-  EXPECT_EQ(RESDATA_XY_Fill(&r->data, 0, 0, "x"), 0);
-  EXPECT_EQ(RESDATA_Fill(&r->data, "x"), 0);
-  EXPECT_EQ(g_msgs, "(RESDATA_XY_Fill) Inkonsistent binary definition\n"
-                    "(RESDATA_Fill) Inkonsistent binary definition\n");
-  EXPECT_EQ(RESDATA_DelRow(&r->data, 1), 1);
+  EXPECT_EQ(RESDATA_XY_Fill(d, 0, 0, "x"), 0);
+  EXPECT_EQ(RESDATA_Fill(d, "x"), 0);
+  EXPECT_EQ(printed, "(RESDATA_XY_Fill) Inkonsistent binary definition\n"
+                     "(RESDATA_Fill) Inkonsistent binary definition\n");
+  EXPECT_EQ(RESDATA_DelRow(d, 1), 1);
   EXPECT_STREQ(DBgetvalue(r, 1, 0), "3");
   int32_t four = 4;
-  RESDATA_Fill_Binary(&r->data, &four, 4);
+  RESDATA_Fill_Binary(d, &four, 4);
   EXPECT_STREQ(DBgetvalue(r, 2, 0), "4");
   DBclear(r);
 
   r = column_of(DBTYPE_CHARACTER, {text("a")});
-  g_msgs.clear();
-  EXPECT_EQ(RESDATA_XY_Fill_Binary(&r->data, 0, 0, "bcd", 3), 0);
-  EXPECT_EQ(g_msgs, "(RESDATA_XY_Fill_Binary) String too long\n");
+  d = &r->data;
+  printed.clear();
+  EXPECT_EQ(RESDATA_XY_Fill_Binary(d, 0, 0, "bcd", 3), 0);
+  EXPECT_EQ(printed, "(RESDATA_XY_Fill_Binary) String too long\n");
   EXPECT_STREQ(DBgetvalue(r, 0, 0), "a");
   DBclear(r);
 }
