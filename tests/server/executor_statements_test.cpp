@@ -4,7 +4,6 @@
 #include "tests/server/executor_testutil.h"
 
 #include <sqlite3.h>
-#include <sys/stat.h>
 
 namespace exectest {
 namespace {
@@ -70,6 +69,8 @@ TEST_F(StatementsTest, SelectListsJoinsAndConditions) {
   // A subquery as a condition of its own: true when its value is not zero.
   EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE k WHERE (SELECT COUNT(*) FROM AUFTRAG a WHERE "
                 "a.KUNDE_ID = k.KUNDE_ID)"),
+            (V{1, 2}));
+  EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE WHERE KUNDE.KUNDE_ID <= 2 ORDER BY KUNDE.NAME"),
             (V{1, 2}));
 
   // MAX n limits the rows of a SELECT; MAX alone lifts the limit.
@@ -286,7 +287,6 @@ TEST_F(StatementsTest, DatabasesAreCreatedSavedSwitchedAndDropped) {
   EXPECT_EQ(good("SELECT * FROM T").cols.size(), 1u);
   EXPECT_EQ(run(command('4', "NEU")).kind, '1');
   EXPECT_FALSE(std::filesystem::exists(dir + "/NEU.db"));
-  EXPECT_TRUE(raw(command('W'), 0, EXEC_NO_ANSWER).empty());
 
   EXPECT_FALSE(ex.stop_requested);
   good("STOP");
@@ -301,9 +301,6 @@ TEST_F(ExecutorTest, FirstStartMakesSystemAndDemoDatabasesAndLaterStartsKeepThem
   EXPECT_EQ(a.text(0, 4), "Tabelle $1 existiert nicht");
   a = good("SELECT BEZEICHNUNG FROM SVZK WHERE CODE = 'A' AND SPRACHE = 'D   ' AND TABELLE = 2");
   EXPECT_EQ(a.texts(0), Texts{"\xD6sterreich"});
-  EXPECT_EQ(good("SHOW TABLE SVZT").texts(1),
-            (Texts{"CHARACTER", "SMALLINT", "SMALLINT", "CHARACTER", "CHARACTER", "TIMESTAMP"}));
-  EXPECT_EQ(good("SELECT COUNT(*) FROM ERR").i32(0, 0), 1);
 
   good("SET DATABASE DEMO");
   EXPECT_EQ(good("SHOW TABLES").texts(0), (Texts{"ARTIKEL", "AUFTRAG", "KUNDE", "POSITION"}));

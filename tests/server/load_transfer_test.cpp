@@ -50,21 +50,21 @@ bool setup(const std::string &ns) {
   pid_t pid = fork();
   if (pid == 0) {
     DBCONN *c = child_connect(ns);
-    bool ok = run(c, "CREATE TABLE KONTO (KONTO_ID INTEGER, BETRAG INTEGER)") == DBRES_DONE &&
-              run(c, "CREATE UNIQUE INDEX KONTO_I ON KONTO (KONTO_ID)") == DBRES_DONE &&
-              run(c, "CREATE TABLE BUCHUNG (BUCHUNG_ID INTEGER, VON INTEGER, NACH INTEGER, "
-                     "BETRAG INTEGER)") == DBRES_DONE &&
-              run(c, "BEGIN") == DBRES_DONE;
-    for (int i = 1; ok && i <= kAccounts; ++i)
-      ok = run(c, "INSERT INTO KONTO VALUES (" + std::to_string(i) + ", " + std::to_string(kStart) +
-                      ")") == DBRES_DONE;
-    ok = ok && run(c, "COMMIT") == DBRES_DONE;
+    std::vector<std::string> sql = {
+        "CREATE TABLE KONTO (KONTO_ID INTEGER, BETRAG INTEGER)",
+        "CREATE UNIQUE INDEX KONTO_I ON KONTO (KONTO_ID)",
+        "CREATE TABLE BUCHUNG (BUCHUNG_ID INTEGER, VON INTEGER, NACH INTEGER, BETRAG INTEGER)",
+        "BEGIN"};
+    for (int i = 1; i <= kAccounts; ++i)
+      sql.push_back("INSERT INTO KONTO VALUES (" + std::to_string(i) + ", " +
+                    std::to_string(kStart) + ")");
+    sql.push_back("COMMIT");
+    for (const std::string &q : sql)
+      if (run(c, q) != DBRES_DONE) _exit(1);
     DBfinish(c);
-    _exit(ok ? 0 : 1);
+    _exit(0);
   }
-  int st = 0;
-  waitpid(pid, &st, 0);
-  return WIFEXITED(st) && WEXITSTATUS(st) == 0;
+  return faults::reap(pid, 60s) == 0;
 }
 
 // Starts a client process that runs n transfers: each one writes its journal
