@@ -352,7 +352,13 @@ int DBhandshake_version(int timeout_ms, const char *version) {
   if (r == WaitResult::Timeout) return DBHS_TIMEOUT;
   if (r != WaitResult::Signalled) return DBHS_SYSTEM;
   int32_t channel = static_cast<int32_t>(get32(a + kChannelAt));
-  if (channel < 0) return DBHS_VERSION;
+  if (channel < 0) {
+    // Refused (a version the server does not speak, all channels in use):
+    // the server's answer is complete, so the exchange is given up here and
+    // the other clients go on while this process reports the refusal.
+    release_mutex();
+    return DBHS_VERSION;
+  }
   if (!g_tp.server_proc.open(static_cast<pid_t>(get32(a + kLengthAt)))) return DBHS_SYSTEM;
   if (!release_mutex()) return DBHS_SYSTEM;
   return channel;

@@ -44,7 +44,9 @@ int DBcomm_init(int size);
 // Asks the server for a channel, announcing DBCOMM_VERSION; waits at most
 // timeout_ms for the mutex and for the answer. Returns the channel (>= 0),
 // DBHS_TIMEOUT, DBHS_SYSTEM or DBHS_VERSION. On success the server process
-// is watched from now on and the mutex is free again; the failures keep the
+// is watched from now on and the mutex is free again. A refusal by the
+// server (DBHS_VERSION: another version, all channels in use) frees the
+// mutex too, as the server's answer is complete; the other failures keep the
 // mutex if they had taken it (DBcomm_close releases it).
 int DBhandshake(int timeout_ms);
 // The same announcing another version text (used to check how a server
