@@ -1,33 +1,18 @@
 // The query store: the file "zentiq.qry" read and written, its malformed
 // forms, and the rules for adding, dropping, paging and marking entries.
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
 
 #include "app/querystore.h"
-#include "base/msg.h"
+#include "tests/framework/test_support.h"
 
 namespace {
 
-void write_file(const std::string &text) { std::ofstream(ZQ_QUERY_FILE, std::ios::binary) << text; }
+std::string read_file() { return zqtest::slurp(ZQ_QUERY_FILE); }
+void write_file(const std::string &text) { zqtest::write_file(ZQ_QUERY_FILE, text); }
 
-std::string read_file() {
-  std::ifstream in(ZQ_QUERY_FILE, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
+// Each test from an empty store and no file, and leaves none behind.
 class QueryStore : public ::testing::Test {
 protected:
-  void SetUp() override {
-    zentiq_store_reset();
-    std::filesystem::remove_all(ZQ_QUERY_FILE);
-  }
+  void SetUp() override { TearDown(); }
   void TearDown() override {
     zentiq_store_reset();
     std::filesystem::remove_all(ZQ_QUERY_FILE);
@@ -51,17 +36,15 @@ TEST_F(QueryStore, RoundTripKeepsOnlySavedEntriesInOrder) {
   EXPECT_EQ(read_file(), "KUNDE\nNAME, ORT\nWHERE ORT = 'K\xF6ln'\n"
                          "AUFTRAG\n\nORDER BY AUFTRAG_ID\n---\nshow databases\n");
 
+  // Read back, every entry is marked saved and none is shown: saving again
+  // writes the same file.
+  const std::string file = read_file();
   zentiq_store_reset();
   ASSERT_EQ(zentiq_load_queries(), 1);
-  const ZqStore &s = zentiq_store();
-  ASSERT_EQ(s.select_count, 2);
-  EXPECT_EQ(s.select[1].table, "AUFTRAG");
-  EXPECT_EQ(s.select[1].attributes, "");
-  EXPECT_EQ(s.select[0].where, "WHERE ORT = 'K\xF6ln'");
-  EXPECT_TRUE(s.select_saved[0] && s.select_saved[1]);
-  ASSERT_EQ(s.sql_count, 1);
-  EXPECT_EQ(s.sql[0], "show databases");
-  EXPECT_EQ(s.select_current, -1);
+  EXPECT_EQ(zentiq_store().select_count, 2);
+  EXPECT_EQ(zentiq_store().select_current, -1);
+  ASSERT_EQ(zentiq_save_queries(), 1);
+  EXPECT_EQ(read_file(), file);
 
   // Only SQL commands saved: the file begins with the separator.
   zentiq_store_reset();
@@ -109,17 +92,27 @@ TEST_F(QueryStore, LoadingOddFiles) {
   EXPECT_EQ(zentiq_store().sql[2], "last");
 }
 
-TEST_F(QueryStore, AddingComparesWithShownOrLastEntry) {
+TEST_F(QueryStore, AddingAndPagingFollowTheShownEntry) {
+  EXPECT_EQ(zentiq_store_prev(1), 0); // empty list: nothing to page or mark
+  EXPECT_EQ(zentiq_store_mark(1, 1), 0);
   EXPECT_EQ(zentiq_store_add_select("KUNDE", "", ""), 1);
   EXPECT_EQ(zentiq_store_add_select("KUNDE", "", ""), 0); // same as the last one
   EXPECT_EQ(zentiq_store_add_select("KUNDE", "NAME", ""), 1);
-  // Shown entry 0: the same texts again are not added, whatever the last is.
-  ASSERT_EQ(zentiq_store_prev(1), 1);
-  ASSERT_EQ(zentiq_store_prev(1), 1);
-  EXPECT_EQ(zentiq_store().select_current, 0);
+  // Back from none shown starts at the last entry and stays on the first.
+  for (int current : {1, 0, 0}) {
+    ASSERT_EQ(zentiq_store_prev(1), 1);
+    EXPECT_EQ(zentiq_store().select_current, current);
+  }
+  // Entry 0 shown: marks and comparisons go to it, not to the last one.
+  EXPECT_EQ(zentiq_store_mark(1, 1), 1);
+  EXPECT_TRUE(zentiq_store_saved(1, 0));
   EXPECT_EQ(zentiq_store_add_select("KUNDE", "", ""), 0);
   EXPECT_EQ(zentiq_store_add_select("KUNDE", "NAME", ""), 1);
   EXPECT_EQ(zentiq_store().select_count, 3);
+  EXPECT_EQ(zentiq_store().select_current, -1);
+  // Forward past the last entry: a fresh query.
+  ASSERT_EQ(zentiq_store_prev(1), 1);
+  EXPECT_EQ(zentiq_store_next(1), 0);
   EXPECT_EQ(zentiq_store().select_current, -1);
   // Texts of 1000 characters or more are not stored.
   EXPECT_EQ(zentiq_store_add_select(std::string(1000, 'T'), "", ""), 0);
@@ -149,34 +142,9 @@ TEST_F(QueryStore, FullListsDropTheOldestButSqlMarksStayInPlace) {
   EXPECT_EQ(s.sql[1], "C2");
 }
 
-TEST_F(QueryStore, PagingAndMarks) {
-  EXPECT_EQ(zentiq_store_prev(0), 0); // empty list
-  EXPECT_EQ(zentiq_store_mark(0, 1), 0);
-  zentiq_store_add_sql("a");
-  zentiq_store_add_sql("b");
-  EXPECT_EQ(zentiq_store_mark_index(0), 1); // none shown: the last
-  ASSERT_EQ(zentiq_store_prev(0), 1);
-  EXPECT_EQ(zentiq_store().sql_current, 1);
-  ASSERT_EQ(zentiq_store_prev(0), 1);
-  ASSERT_EQ(zentiq_store_prev(0), 1); // stays on the first
-  EXPECT_EQ(zentiq_store().sql_current, 0);
-  EXPECT_EQ(zentiq_store_mark(0, 1), 1);
-  EXPECT_TRUE(zentiq_store_saved(0, 0));
-  EXPECT_EQ(zentiq_store_next(0), 1);
-  EXPECT_EQ(zentiq_store().sql_current, 1);
-  EXPECT_EQ(zentiq_store_next(0), 0); // past the last: a fresh query
-  EXPECT_EQ(zentiq_store().sql_current, -1);
-  EXPECT_EQ(zentiq_store_next(0), 0);
-}
-
 TEST_F(QueryStore, UnwritableFileEndsTheProgram) {
   std::filesystem::create_directory(ZQ_QUERY_FILE);
-  EXPECT_EXIT(
-      {
-        msg_set_handler([](const char *t) { std::fputs(t, stderr); });
-        zentiq_save_queries();
-      },
-      ::testing::ExitedWithCode(1), "ERROR: File 'zentiq.qry' cannot be opened for writing!");
+  EXPECT_FATAL("ERROR: File 'zentiq.qry' cannot be opened for writing!", zentiq_save_queries());
 }
 
 } // namespace

@@ -2,69 +2,43 @@
 // database combo box, SELECT building and execution into the result tabbox,
 // SQL commands, failing statements, the detail dialog's update and delete
 // through the key attribute, and the exit question.
-#include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <sys/wait.h>
-#include <string>
 
 #include "app/detail.h"
 #include "app/doku.h"
 #include "app/mainform.h"
 #include "app/querystore.h"
 #include "app/viewer.h"
-#include "base/msg.h"
 #include "db/access/session.h"
-#include "forms/dialogs.h"
 #include "forms/keyfilter.h"
-#include "forms/mytabs.h"
 #include "framework/combo.h"
 #include "framework/dbtabbox.h"
 #include "framework/help.h"
-#include "framework/place.h"
-#include "tests/access/tavrind_fixture.h"
-
-// Qt last: its "slots" keyword would clash with the tabbox record's field.
-#include <QApplication>
-#include <QTest>
-#include <QWidget>
+#include "tests/framework/test_support.h"
 
 namespace {
 
-// The server lives as long as the process (in death-test children too: its
-// destructor stops it at exit).
-tavrind_fixture::Server &server() {
-  static tavrind_fixture::Server s;
-  return s;
-}
+using zqtest::slurp;
 
 class Viewer : public ::testing::Test {
 protected:
-  static bool ready;
-
-  static void SetUpTestSuite() {
-    static bool tried = false;
-    if (tried) return;
-    tried = true;
-    std::string why;
-    if (!server().start(why)) {
-      std::fprintf(stderr, "no server: %s\n", why.c_str());
-      return;
-    }
-    static char a0[] = "program", a1[] = "-dbDEMO";
-    static char *argv[] = {a0, a1, nullptr};
-    ready = zentiq_start(2, argv) == 1;
-    // Diagnostics to stderr, where death tests can see them.
-    msg_set_handler([](const char *t) { std::fputs(t, stderr); });
+  // The viewer, started once per process on the test server's DEMO
+  // database, with its diagnostics on stderr where death tests see them.
+  static bool started() {
+    static const bool ok = [] {
+      if (!zqtest::test_server()) return false;
+      static char a0[] = "program", a1[] = "-dbDEMO";
+      static char *argv[] = {a0, a1, nullptr};
+      bool up = zentiq_start(2, argv) == 1;
+      msg_set_handler(zqtest::to_stderr);
+      return up;
+    }();
+    return ok;
   }
 
   void SetUp() override {
-    if (!ready) GTEST_SKIP() << "no TAVRIN server could be started";
+    if (!started()) GTEST_SKIP() << "no TAVRIN server could be started";
     fl_seam_clear();
   }
 
@@ -88,10 +62,12 @@ protected:
     return v;
   }
 
-  void use_demo() {
+  // DEMO chosen; with `fresh`, an empty query store too.
+  void use_demo(bool fresh = true) {
     if (std::string(myfl_get_cmb_code(m().database)) != "DEMO") {
       ASSERT_EQ(myfl_set_cmb_code(m().database, "DEMO"), 1);
     }
+    if (fresh) zentiq_store_reset();
   }
 
   void select(const char *table, const char *attributes, const char *where) {
@@ -100,16 +76,18 @@ protected:
     fl_set_input(m().where, where);
     QTest::mouseClick(m().sel_run->widget, Qt::LeftButton);
   }
+
+  // Runs an SQL command from a clean record of boxes.
+  void run_sql(const char *sql) {
+    fl_seam_clear();
+    fl_set_input(m().sql, sql);
+    QTest::mouseClick(m().sql_run->widget, Qt::LeftButton);
+  }
 };
-bool Viewer::ready = false;
 
 TEST_F(Viewer, StartUpListsDatabasesAndPrefersTdsys) {
-  MYFL_CMB *cmb = myfl_get_cmb(m().database);
-  ASSERT_NE(cmb, nullptr);
-  std::string codes;
-  for (const auto &c : cmb->codes) codes += c + ",";
-  EXPECT_NE(codes.find("DEMO,"), std::string::npos);
-  EXPECT_NE(codes.find("TDSYS,"), std::string::npos);
+  ASSERT_NE(myfl_get_cmb(m().database), nullptr);
+  EXPECT_EQ(myfl_valid_cmb_code(m().database, "DEMO"), 1);
   EXPECT_STREQ(myfl_get_cmb_code(m().database), "TDSYS");
   EXPECT_EQ(db_depth(), 0);
   EXPECT_FALSE(m().sel_saved->active);
@@ -117,14 +95,13 @@ TEST_F(Viewer, StartUpListsDatabasesAndPrefersTdsys) {
   EXPECT_STREQ(zentiq_title(m().result), "Ergebnis Select-Abfrage");
 
   // Switching the database: the tables of DEMO answer afterwards.
-  use_demo();
+  use_demo(false);
   EXPECT_EQ(value("SELECT KUNDE_ID FROM KUNDE WHERE KUNDE_ID = 1;"), "1");
   EXPECT_EQ(shown(), "");
 }
 
 TEST_F(Viewer, SelectIsBuiltRunStoredAndShown) {
   use_demo();
-  zentiq_store_reset();
   select("KUNDE", "KUNDE_ID, NAME", "WHERE KUNDE_ID < 4\\n ORDER BY KUNDE_ID");
   EXPECT_EQ(shown(), "");
   EXPECT_EQ(db_depth(), 0);
@@ -168,7 +145,6 @@ TEST_F(Viewer, SelectIsBuiltRunStoredAndShown) {
 
 TEST_F(Viewer, SqlCommandsAndFailingStatements) {
   use_demo();
-  zentiq_store_reset();
   select("NOSUCHTABLE", "", "");
   EXPECT_EQ(shown(), "Abfrage konnte nicht erfolgreich durchgef\xFChrt werden|");
   EXPECT_EQ(zentiq_store().select_count, 0);
@@ -181,30 +157,22 @@ TEST_F(Viewer, SqlCommandsAndFailingStatements) {
   EXPECT_EQ(zentiq_store().select_count, 0);
   EXPECT_EQ(db_depth(), 0);
 
-  fl_seam_clear();
-  fl_set_input(m().sql, "   ");
-  QTest::mouseClick(m().sql_run->widget, Qt::LeftButton);
+  run_sql("   ");
   EXPECT_EQ(shown(), "Kein SQL-Kommando definiert|");
   EXPECT_EQ(db_depth(), 0);
 
   // A lower-case show is a query: its rows fill the tabbox.
-  fl_seam_clear();
-  fl_set_input(m().sql, "show databases");
-  QTest::mouseClick(m().sql_run->widget, Qt::LeftButton);
+  run_sql("show databases");
   EXPECT_EQ(shown(), "");
   EXPECT_GE(fl_get_tabbox_maxline(m().result), 2);
   EXPECT_EQ(zentiq_store().sql_count, 1);
 
-  fl_seam_clear();
-  fl_set_input(m().sql, "update KUNDE set PLZ = '99999' where KUNDE_ID = 3");
-  QTest::mouseClick(m().sql_run->widget, Qt::LeftButton);
+  run_sql("update KUNDE set PLZ = '99999' where KUNDE_ID = 3");
   EXPECT_EQ(shown(), "Die Abfrage wurde erfolgreich durchgef\xFChrt|");
   EXPECT_EQ(value("SELECT PLZ FROM KUNDE WHERE KUNDE_ID = 3;"), "99999");
   EXPECT_EQ(zentiq_store().sql_count, 2);
 
-  fl_seam_clear();
-  fl_set_input(m().sql, "update NOSUCHTABLE set X = 1");
-  QTest::mouseClick(m().sql_run->widget, Qt::LeftButton);
+  run_sql("update NOSUCHTABLE set X = 1");
   EXPECT_EQ(shown(), "Abfrage konnte nicht erfolgreich durchgef\xFChrt werden|");
   EXPECT_EQ(zentiq_store().sql_count, 2);
   EXPECT_EQ(db_depth(), 0);
@@ -212,7 +180,6 @@ TEST_F(Viewer, SqlCommandsAndFailingStatements) {
 
 TEST_F(Viewer, ShortcutsRunStatementsAndSqlListPages) {
   use_demo();
-  zentiq_store_reset();
   if (!fl_keyboard_filter_installed()) fl_install_keyboard_filter();
   myfl_show_form(m().form, "Zentiq");
   m().form->window->activateWindow();
@@ -258,7 +225,6 @@ TEST_F(Viewer, ShortcutsRunStatementsAndSqlListPages) {
 
 TEST_F(Viewer, DetailDialogUpdatesAndDeletesThroughTheKey) {
   use_demo();
-  zentiq_store_reset();
   select("KUNDE", "KUNDE_ID, NAME, ORT", "WHERE KUNDE_ID IN (5, 6) ORDER BY KUNDE_ID");
   ASSERT_EQ(fl_get_tabbox_maxline(m().result), 2);
   ZqDetailForm &d = app().detail;
@@ -345,10 +311,7 @@ TEST_F(Viewer, WaysTheProgramEnds) {
         zentiq_main_atclose(zentiq_app().main.form, nullptr);
       },
       ::testing::ExitedWithCode(0), "");
-  std::ifstream in(ZQ_QUERY_FILE);
-  std::stringstream s;
-  s << in.rdbuf();
-  EXPECT_EQ(s.str(), "KUNDE\nNAME\n\n");
+  EXPECT_EQ(slurp(ZQ_QUERY_FILE), "KUNDE\nNAME\n\n");
 
   // The fatal stop: its text, then the termination warning, status as given.
   for (int status : {1, 3}) {
@@ -376,10 +339,7 @@ TEST_F(Viewer, ManualOfTheDialogs) {
   }
   std::filesystem::remove_all("zentiq_hlp.htm");
   ASSERT_EQ(zentiq_write_manual(), 1);
-  std::ifstream in("zentiq_hlp.htm");
-  std::stringstream s;
-  s << in.rdbuf();
-  std::string html = s.str();
+  std::string html = slurp("zentiq_hlp.htm");
   for (const char *part :
        {"SELECT durchf\xFChren", "^u^U", "Zentiq-Detail", "L\xF6schen", "Tabelle ",
         "Pfeil nach oben", "</html>", "Datenbank-Viewer", "Prim\xE4rschl\xFCssel"})
@@ -398,18 +358,20 @@ TEST_F(Viewer, ManualOfTheDialogs) {
 
 TEST(ViewerHelpers, TextRules) {
   EXPECT_EQ(zentiq_strip_newlines("a\\nb\\\\n"), "ab\\");
-  EXPECT_EQ(zentiq_is_blank(""), 1);
-  EXPECT_EQ(zentiq_is_blank(" \t\n"), 1);
-  EXPECT_EQ(zentiq_is_blank(" x "), 0);
+  EXPECT_TRUE(zentiq_is_blank("") && zentiq_is_blank(" \t\n") && !zentiq_is_blank(" x "));
 
-  char q1[] = "  select * from T", q2[] = "ShOw databases", q3[] = "SELECTION", q4[] = "(select 1)",
-       q5[] = "update T set a = 1";
-  EXPECT_EQ(zentiq_is_query(q1), 1);
-  EXPECT_STREQ(q1, "  SELECT * from T");
-  EXPECT_EQ(zentiq_is_query(q2), 1);
-  EXPECT_EQ(zentiq_is_query(q3), 1);
-  EXPECT_EQ(zentiq_is_query(q4), 0);
-  EXPECT_EQ(zentiq_is_query(q5), 0);
+  // A query begins with SELECT or SHOW in any case; the first word is
+  // upper-cased in place.
+  char q[] = "  select * from T";
+  EXPECT_EQ(zentiq_is_query(q), 1);
+  EXPECT_STREQ(q, "  SELECT * from T");
+  for (auto [text, query] : {std::pair{"ShOw databases", 1},
+                             {"SELECTION", 1},
+                             {"(select 1)", 0},
+                             {"update T set a = 1", 0}}) {
+    std::string statement = text;
+    EXPECT_EQ(zentiq_is_query(statement.data()), query) << text;
+  }
 
   for (const char *n : {"", "   ", "42", " -1,5 ", "+3.25", "-"})
     EXPECT_EQ(zentiq_is_number(n), 1) << n;
@@ -422,7 +384,6 @@ TEST(ViewerHelpers, TextRules) {
   auto *small = static_cast<ZqRecord *>(zentiq_make_record("abc"));
   EXPECT_EQ(small->size, static_cast<int>(2 * sizeof(int) + 4));
   EXPECT_STREQ(small->text, "abc");
-  EXPECT_EQ(small->selection, -1);
   std::free(small);
   auto *big = static_cast<ZqRecord *>(zentiq_make_record(std::string(20000, 'x')));
   EXPECT_EQ(big->size, ZQ_RECORD_SIZE);

@@ -2,74 +2,33 @@
 // the settings hook when the title is set (more or fewer columns than saved,
 // bad tokens), the no-settings registration, and the width edits made by a
 // drag in the title line and by "Spalten optimieren" on the real widget.
-#include "framework/place.h"
-#include "framework/tabset.h"
 #include "framework/dbtabbox.h"
+#include "framework/tabset.h"
 
 #include "base/ini.h"
-#include "base/msg.h"
-#include "forms/dialogs.h"
-#include "forms/forms.h"
-#include "forms/mytabs.h"
 #include "forms/mytabs_draw.h"
-#include "tests/qt_env.h"
-
-#include <QTest>
-#include <QWidget>
-
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
+#include "tests/framework/test_support.h"
 
 namespace {
 
-std::string g_out;
-void capture(const char *text) { g_out += text; }
+using zqtest::messages;
+using V = std::vector<int>;
 
-std::string g_title = "Name,Ort,Anzahl";
+std::string g_title;
 const char *title_fn(FL_OBJECT *) { return g_title.c_str(); }
 
-class TabSet : public ::testing::Test {
+class TabSet : public zqtest::FormTest {
 protected:
   void SetUp() override {
-    g_out.clear();
+    FormTest::SetUp();
     g_title = "Name,Ort,Anzahl";
-    fl_seam_clear();
-    msg_set_handler(capture);
-    dir_ = std::filesystem::temp_directory_path() /
-           ("zentiq_tabset_" + std::to_string(getpid()) + "_" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    std::filesystem::create_directories(dir_);
-    base_ = (dir_ / "app").string();
-    myfl_set_appl_name(base_.c_str());
     myfl_install_tabbox_settings();
     form_ = fl_begin_form(0, 420, 260);
     tb_ = fl_add_tabbox(0, 10, 10, 400, 240, "");
     fl_end_form();
   }
-  void TearDown() override {
-    if (myfl_find_tabbox(tb_)) myfl_free_tabbox(tb_);
-    fl_free_form(form_);
-    msg_set_handler(nullptr);
-    myfl_set_appl_name("zentiq");
-    fl_set_tabbox_settings_hook(nullptr);
-    fl_set_tabbox_colwidth_hook(nullptr);
-    fl_set_tabbox_optimize_hook(nullptr);
-    fl_set_tabbox_refresh_hook(nullptr);
-    std::filesystem::remove_all(dir_);
-  }
-  std::string ini() {
-    std::ifstream in(base_ + ".ini");
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
-  void put(const char *key, const char *line) { INI_PutLine(base_.c_str(), key, line); }
+  std::string ini() { return zqtest::slurp("app.ini"); }
+  void put(const char *key, const char *line) { INI_PutLine("app", key, line); }
   void reg(const char *name) {
     myfl_init_tabbox(form_, tb_, name, title_fn, nullptr);
     myfl_addto_tabbox_line(tb_, "Anna,Köln,3", nullptr);
@@ -77,6 +36,8 @@ protected:
   }
   struct Props {
     int nslots, *end, *order, *visible, nsort, *cols, *dirs, maxwidth, *colmax;
+    // A per-column array over the slots 1..nslots-1.
+    V of(const int *values) const { return V(values + 1, values + nslots); }
   };
   Props props() {
     Props p{};
@@ -84,14 +45,6 @@ protected:
                              &p.dirs, &p.maxwidth, &p.colmax);
     return p;
   }
-  std::string shown_title() {
-    fl_layout_tabbox(tb_);
-    return fl_get_tabbox_title(tb_);
-  }
-  std::filesystem::path dir_;
-  std::string base_;
-  FL_FORM *form_ = nullptr;
-  FL_OBJECT *tb_ = nullptr;
 };
 
 TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
@@ -109,73 +62,58 @@ TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
   ASSERT_EQ(myfl_save_tabbox_ini(tb_), 1);
   EXPECT_EQ(ini(), "[Kunden_2] 0 4 3 1 -1 1u 3|12 \n");
 
-  // Setting the title again resets the columns; the hook restores them.
+  // Setting the title again resets the columns; the hook restores them, so
+  // that saving writes the same line.
   myfl_draw_tabbox(tb_);
-  p = props();
-  EXPECT_EQ(p.order[1], 3);
-  EXPECT_EQ(p.order[2], 1);
-  EXPECT_EQ(p.order[3], -1);
-  EXPECT_EQ(p.visible[2], 0);
-  EXPECT_EQ(p.colmax[3], 12);
-  EXPECT_EQ(p.nsort, 1);
-  EXPECT_EQ(shown_title(), "Anzahl | Name" + std::string(15, ' '));
+  fl_layout_tabbox(tb_);
+  EXPECT_EQ(std::string(fl_get_tabbox_title(tb_)), "Anzahl | Name" + std::string(15, ' '));
+  myfl_save_tabbox_ini(tb_);
+  EXPECT_EQ(ini(), "[Kunden_2] 0 4 3 1 -1 1u 3|12 \n");
 
   // Vertical display, database names, a global width and a descending key.
   myfl_set_tabbox_kz_dbnames(tb_, 0, "KD_NAME,KD_ORT,KD_ANZ");
   put("Kunden_2", "[Kunden_2] v 1 4 1 2 3 2d 7m \n");
   myfl_draw_tabbox(tb_);
   EXPECT_EQ(fl_get_tabbox_vert(tb_), 1);
-  EXPECT_EQ(myfl_get_tabbox_kz_dbnames(tb_), 1);
   EXPECT_EQ(std::string(fl_get_tabbox_full_title(tb_)).substr(0, 7), "KD_NAME");
-  p = props();
-  EXPECT_EQ(p.maxwidth, 7);
-  ASSERT_EQ(p.nsort, 1);
-  EXPECT_EQ(p.cols[0], 2);
-  EXPECT_EQ(p.dirs[0], 0);
   myfl_save_tabbox_ini(tb_);
   EXPECT_EQ(ini(), "[Kunden_2] v 1 4 1 2 3 2d 7m \n");
 }
 
-TEST_F(TabSet, ColumnsBeyondTheSavedOnesAreAppended) {
+TEST_F(TabSet, SavedLinesThatDoNotFitTheColumns) {
+  // Saved: only column 2 shown; columns 3 and 4 are new and follow it.
   put("Liste", "[Liste] 0 3 2 -1 \n");
   g_title = "Name,Ort,Anzahl,Datum";
   reg("Liste");
   Props p = props();
-  ASSERT_EQ(p.nslots, 5);
-  // Saved: only column 2 shown; columns 3 and 4 are new and follow it.
-  EXPECT_EQ(p.order[1], 2);
-  EXPECT_EQ(p.order[2], 3);
-  EXPECT_EQ(p.order[3], 4);
-  EXPECT_EQ(p.order[4], -1);
-  EXPECT_EQ(p.visible[1], 0);
-  EXPECT_EQ(p.visible[4], 1);
-  EXPECT_EQ(g_out.find("ini-file"), std::string::npos);
-}
+  EXPECT_EQ(p.of(p.order), (V{2, 3, 4, -1}));
+  EXPECT_EQ(p.of(p.visible), (V{0, 1, 1, 1}));
+  EXPECT_EQ(messages().find("ini-file"), std::string::npos);
 
-TEST_F(TabSet, AnEntryForMoreColumnsIsDropped) {
+  // Saved for more columns than there are: that entry alone is dropped.
+  myfl_free_tabbox(tb_);
+  g_title = "Name,Ort,Anzahl";
+  messages().clear();
   put("Liste", "[Liste] 0 6 5 4 3 2 1 \n");
   put("Andere", "[Andere] 0 2 1 \n");
   reg("Liste");
-  EXPECT_EQ(g_out, "ini-file: wrong tabbox definition (Liste)!\n");
+  EXPECT_EQ(messages(), "ini-file: wrong tabbox definition (Liste)!\n");
   EXPECT_EQ(ini(), "[Andere] 0 2 1 \n");
-  Props p = props();
-  for (int k = 1; k < p.nslots; ++k) {
-    EXPECT_EQ(p.order[k], k);
-    EXPECT_EQ(p.visible[k], 1);
-  }
+  p = props();
+  EXPECT_EQ(p.of(p.order), (V{1, 2, 3}));
+  EXPECT_EQ(p.of(p.visible), (V{1, 1, 1}));
 }
 
 TEST_F(TabSet, BadTokensAreReportedAndSkipped) {
   put("Liste", "[Liste] 0 4 1 2 3 0|5 7|5 2|3 9u 1u x \n");
   reg("Liste");
-  g_out.clear();
+  messages().clear();
   myfl_draw_tabbox(tb_);
-  EXPECT_EQ(g_out, "ini-file: wrong max-width definition (Liste)!\n"
-                   "ini-file: wrong max-width definition (Liste)!\n"
-                   "ini-file: wrong sort definition (Liste)!\n");
+  EXPECT_EQ(messages(), "ini-file: wrong max-width definition (Liste)!\n"
+                        "ini-file: wrong max-width definition (Liste)!\n"
+                        "ini-file: wrong sort definition (Liste)!\n");
   Props p = props();
-  EXPECT_EQ(p.colmax[2], 3);
-  EXPECT_EQ(p.colmax[1], -1);
+  EXPECT_EQ(p.of(p.colmax), (V{-1, 3, -1}));
   ASSERT_EQ(p.nsort, 1);
   EXPECT_EQ(p.cols[0], 1);
 }

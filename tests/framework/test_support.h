@@ -1,0 +1,148 @@
+// Helpers of the framework and viewer tests: the headers they share, the
+// program's messages collected, fatal misuses checked in a death-test child,
+// file contents, a fixture that runs each test in a private temporary folder
+// and frees its form, and the one TAVRIN server of a test program.
+#pragma once
+
+#include "base/msg.h"
+#include "forms/dialogs.h"
+#include "forms/forms.h"
+#include "forms/mytabs.h"
+#include "framework/combo.h"
+#include "framework/dbtabbox.h"
+#include "framework/fields.h"
+#include "framework/help.h"
+#include "framework/place.h"
+#include "tests/access/tavrind_fixture.h"
+#include "tests/qt_env.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+// Qt after every header of the toolkit: its "slots" keyword would clash with
+// the tabbox record's field. A test includes this header last.
+#include <QApplication>
+#include <QTest>
+#include <QWidget>
+
+namespace zqtest {
+
+// What the program reported through its message handler.
+inline std::string &messages() {
+  static std::string text;
+  return text;
+}
+inline void collect(const char *text) { messages() += text; }
+inline void to_stderr(const char *text) { std::fputs(text, stderr); }
+
+inline std::string slurp(const std::filesystem::path &file) {
+  std::ifstream in(file, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+inline void write_file(const std::filesystem::path &file, const std::string &text) {
+  std::ofstream(file, std::ios::binary) << text;
+}
+
+// The server of this test program, started on first use and stopped at exit
+// (death-test children run as processes of their own and start their own);
+// nullptr when none could be started.
+inline tavrind_fixture::Server *test_server() {
+  static tavrind_fixture::Server server;
+  static const bool up = [] {
+    std::string why;
+    if (server.start(why)) return true;
+    std::fprintf(stderr, "no server: %s\n", why.c_str());
+    return false;
+  }();
+  return up ? &server : nullptr;
+}
+
+// The folder of the running test. A death-test child runs the test from its
+// start and ends in exit() without tearing down: the folder goes at exit.
+inline std::filesystem::path &test_folder() {
+  static struct Folder {
+    std::filesystem::path path;
+    ~Folder() {
+      std::error_code ignored;
+      if (!path.empty()) std::filesystem::remove_all(path, ignored);
+    }
+  } folder;
+  return folder.path;
+}
+
+// Each test in a fresh temporary folder that is the current directory, with
+// the application named `appl` (so its INI and help files land there), the
+// messages collected and the recorded boxes cleared. The test's form (form_)
+// is freed at the end together with its managed tabbox (tb_) and the combo
+// boxes, fields, help buttons and form information registered on it; so are
+// the tabbox settings hooks a test may have installed.
+class FormTest : public ::testing::Test {
+protected:
+  explicit FormTest(const char *appl = "app") : appl_(appl) {}
+  void SetUp() override {
+    char tmpl[] = "/tmp/zentiq_fwtest_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    test_folder() = dir_ = tmpl;
+    old_cwd_ = std::filesystem::current_path();
+    std::filesystem::current_path(dir_);
+    myfl_set_appl_name(appl_);
+    messages().clear();
+    msg_set_handler(collect);
+    fl_seam_clear();
+  }
+  void free_form() {
+    if (!form_) return;
+    if (tb_ && myfl_find_tabbox(tb_)) myfl_free_tabbox(tb_);
+    myfl_free_form_cmbs(form_);
+    myfl_free_fields(form_);
+    myfl_free_helpdialogs(form_);
+    myfl_free_forminfo(form_);
+    fl_free_form(form_);
+    form_ = nullptr;
+  }
+  void TearDown() override {
+    free_form();
+    msg_set_handler(nullptr);
+    fl_set_tabbox_settings_hook(nullptr);
+    fl_set_tabbox_colwidth_hook(nullptr);
+    fl_set_tabbox_optimize_hook(nullptr);
+    fl_set_tabbox_refresh_hook(nullptr);
+    myfl_set_appl_name("zentiq");
+    std::filesystem::current_path(old_cwd_);
+    std::filesystem::remove_all(dir_);
+    test_folder().clear();
+  }
+  std::filesystem::path dir_;
+  FL_FORM *form_ = nullptr;
+  FL_OBJECT *tb_ = nullptr;
+
+private:
+  const char *appl_;
+  std::filesystem::path old_cwd_;
+};
+
+} // namespace zqtest
+
+// Expects the statements to end the program with status 1 after writing a
+// diagnostic that matches `pattern`.
+#define EXPECT_FATAL(pattern, ...)                                                                 \
+  EXPECT_EXIT(                                                                                     \
+      {                                                                                            \
+        msg_set_handler(zqtest::to_stderr);                                                        \
+        __VA_ARGS__;                                                                               \
+      },                                                                                           \
+      ::testing::ExitedWithCode(1), pattern)
