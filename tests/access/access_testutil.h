@@ -1,6 +1,6 @@
 // Helpers of the session-layer tests: capturing the message output, a
-// scratch directory as the current directory, and a disabled session (which
-// lets the layers above run without a server).
+// scratch directory as the current directory, whole-file reads and writes,
+// and death tests that see the messages of the dying child.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,6 +9,8 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 #include "base/msg.h"
@@ -16,25 +18,19 @@
 
 namespace access_test {
 
-inline std::string &captured() {
-  static std::string text;
-  return text;
-}
+inline std::string g_captured;
 
 // Collects every message printed while it lives.
 class Capture {
 public:
-  Capture() {
-    captured().clear();
-    old_ = msg_set_handler([](const char *t) { captured() += t; });
-  }
+  Capture() : old_(msg_set_handler([](const char *t) { g_captured += t; })) { g_captured.clear(); }
   ~Capture() { msg_set_handler(old_); }
+  // What was printed since the last take.
   std::string take() {
-    std::string t = captured();
-    captured().clear();
+    std::string t;
+    t.swap(g_captured);
     return t;
   }
-  bool has(const std::string &part) const { return captured().find(part) != std::string::npos; }
 
 private:
   MsgHandler old_;
@@ -53,28 +49,27 @@ public:
     std::filesystem::current_path(old_);
     std::filesystem::remove_all(dir_);
   }
-  const std::filesystem::path &path() const { return dir_; }
 
 private:
   std::filesystem::path dir_, old_;
 };
 
-// Writes a file's bytes.
 inline void write_file(const std::string &name, const std::string &bytes) {
-  std::FILE *f = std::fopen(name.c_str(), "wb");
-  std::fwrite(bytes.data(), 1, bytes.size(), f);
-  std::fclose(f);
+  std::ofstream(name, std::ios::binary) << bytes;
 }
 
 inline std::string read_file(const std::string &name) {
-  std::string out;
-  std::FILE *f = std::fopen(name.c_str(), "rb");
-  if (!f) return out;
-  char buf[4096];
-  size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) out.append(buf, n);
-  std::fclose(f);
-  return out;
+  std::ostringstream s;
+  s << std::ifstream(name, std::ios::binary).rdbuf();
+  return s.str();
+}
+
+inline void to_stderr() {
+  msg_set_handler([](const char *t) { std::fputs(t, stderr); });
 }
 
 } // namespace access_test
+
+// The statement ends the program with status 1 and a message matching re.
+#define EXPECT_FATAL(statement, re)                                                                \
+  EXPECT_EXIT((access_test::to_stderr(), statement), ::testing::ExitedWithCode(1), re)

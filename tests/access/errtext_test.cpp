@@ -27,67 +27,53 @@ TEST(ErrorExpand, PlaceholdersTakeParametersInOrderWithBothWarnings) {
   EXPECT_EQ(cap.take(), "");
 }
 
-TEST(ErrorDo1, EveryKindOfParameterAsText) {
-  std::string t;
+TEST(ErrorDo1DeathTest, EveryKindOfParameterAsText) {
   int16_t s = -12;
   int32_t l = 123456;
   double d = 2.75;
-  char yes = 1, no = 0;
+  char yes = 1, no = 0, c = 'Q';
+  int i = 1;
   DATE date{2003, 7, 12};
   TIME time{10, 30, 5};
   DATI dati{2003, 7, 12, 10, 30, 5, 250};
-  auto text = [&](ERRPARAM p) {
-    ERROR_Do1(&p, t);
-    return t;
+  const std::pair<ERRPARAM, const char *> cases[] = {
+      {ERRPARAM_Text("Kunde"), "Kunde"},
+      {ERRPARAM_Value(DT_SHORT, &s), "-12"}, // 16 bits, sign-extended
+      {ERRPARAM_Value(DT_DOUBLE, &d), "2"},  // stored numbers print as "%d"
+      {ERRPARAM_Value(DT_LOGICAL, &yes), "Ja"},
+      {ERRPARAM_Value(DT_LOGICAL, &no), "Nein"},
+      {ERRPARAM_Value(DT_DATE, &date), "2003-07-12"},
+      {ERRPARAM_Value(DT_TIME, &time), "10:30:05"},
+      {ERRPARAM_Value(DT_DATI, &dati), "2003-07-12-10.30.05.000250"},
+      // Values in their plain C form.
+      {ERRPARAM{DT_DOUBLE, 1, &d, 3}, "2.750"},
+      {ERRPARAM{DT_INT, 1, &l, 0}, "123456"},
+      {ERRPARAM{DT_LOGICAL, 1, &i, 0}, "Ja"},
+      {ERRPARAM{DT_CHAR, 1, &c, 0}, "Q"},
   };
-  EXPECT_EQ(text(ERRPARAM_Text("Kunde")), "Kunde");
-  EXPECT_EQ(text(ERRPARAM_Value(DT_SHORT, &s)), "-12");
-  EXPECT_EQ(text(ERRPARAM_Value(DT_LONG, &l)), "123456");
-  EXPECT_EQ(text(ERRPARAM_Value(DT_DOUBLE, &d)), "2"); // numbers print as "%d"
-  EXPECT_EQ(text(ERRPARAM_Value(DT_LOGICAL, &yes)), "Ja");
-  EXPECT_EQ(text(ERRPARAM_Value(DT_LOGICAL, &no)), "Nein");
-  EXPECT_EQ(text(ERRPARAM_Value(DT_DATE, &date)), "2003-07-12");
-  EXPECT_EQ(text(ERRPARAM_Value(DT_TIME, &time)), "10:30:05");
-  EXPECT_EQ(text(ERRPARAM_Value(DT_DATI, &dati)), "2003-07-12-10.30.05.000250");
-  // Values in their plain C form.
-  int i = 1;
-  char c = 'Q';
-  EXPECT_EQ(text(ERRPARAM{DT_DOUBLE, 1, &d, 3}), "2.750");
-  EXPECT_EQ(text(ERRPARAM{DT_INT, 1, &l, 0}), "123456");
-  EXPECT_EQ(text(ERRPARAM{DT_LOGICAL, 1, &i, 0}), "Ja");
-  EXPECT_EQ(text(ERRPARAM{DT_CHAR, 1, &c, 0}), "Q");
-  EXPECT_EQ(text(ERRPARAM{DT_STRING, 1, "frei", 0}), "frei");
-}
-
-TEST(ErrorDo1DeathTest, UnknownTypeEndsTheProgram) {
+  for (const auto &[param, want] : cases) {
+    std::string t = "old";
+    EXPECT_EQ(ERROR_Do1(&param, t), 1);
+    EXPECT_EQ(t, want) << "type " << param.type;
+  }
   unsigned char bin[4] = {2, 0, 1, 2};
   ERRPARAM p = ERRPARAM_Value(DT_BINARY, bin);
   std::string t;
-  EXPECT_EXIT(
-      {
-        msg_set_handler([](const char *m) { std::fputs(m, stderr); });
-        ERROR_Do1(&p, t);
-      },
-      ::testing::ExitedWithCode(1), "\\(ERROR_Do1\\) Error: Unknown typeid '18'!");
+  EXPECT_FATAL(ERROR_Do1(&p, t), "\\(ERROR_Do1\\) Error: Unknown typeid '18'!");
 }
 
-TEST(ErrorTables, DefinitionsMatchTheRecordsAndKeysAreChecked) {
+TEST(ErrorTables, RecordsMatchTheirDefinitionsAndWrongUseIsReported) {
   TABLE_DEF d;
   ASSERT_EQ(TABLE_Parse(ERROT_Definition(), &d), 1);
-  EXPECT_EQ(d.table, 103);
   EXPECT_EQ(d.size, static_cast<int>(sizeof(ERROT)));
-  ASSERT_EQ(d.attribs.size(), 5u);
-  EXPECT_EQ(d.attribs[4].name, "Text");
-  EXPECT_EQ(d.attribs[4].size, 255);
+  EXPECT_EQ(d.attribs.back().size, 255);
   ASSERT_EQ(TABLE_Parse(ERR_Definition(), &d), 1);
-  EXPECT_EQ(d.table, 102);
-  EXPECT_EQ(d.attribs[2].type, DT_DATI);
+  EXPECT_EQ(d.size, static_cast<int>(sizeof(ERR)));
 
   ERR rec;
   ERR_Init(&rec);
   EXPECT_EQ(rec.size, static_cast<int32_t>(sizeof(ERR)));
   EXPECT_EQ(rec.Fehlercode, -32768);
-  EXPECT_EQ(rec.Zeitpunkt.year, 1800);
   Capture cap;
   EXPECT_EQ(ERR_CmpLk(&rec), 0);
   EXPECT_EQ(cap.take(), "ERR_CmpLk: No logical key!\n");

@@ -2,15 +2,13 @@
 // outcomes of every statement helper, connection strings, re-opening a lost
 // connection, error texts from ERROT with the ERR rows they write, and key
 // directories that ask the database once.
-#include <gtest/gtest.h>
-
 #include <cstring>
+#include <utility>
 
 #include "access_testutil.h"
 #include "db/access/errtext.h"
 #include "base/valstr.h"
 #include "db/access/svz.h"
-#include "db/access/tablefile.h"
 #include "db/client/exec.h"
 #include "tavrind_fixture.h"
 
@@ -21,21 +19,18 @@ using namespace access_test;
 class Served : public ::testing::Test {
 protected:
   static tavrind_fixture::Server *server;
-  DBSESSION *s = nullptr;
+  // The database "demo", and the system database for the tests that open it
+  // (a process has one connection: opening it drops the other).
+  DBSESSION *s = nullptr, *sys = nullptr;
 
   static void SetUpTestSuite() {
     server = new tavrind_fixture::Server;
-    std::string why;
-    if (!server->start(why)) {
-      delete server;
-      server = nullptr;
+    if (std::string why; !server->start(why)) {
       std::fprintf(stderr, "no server: %s\n", why.c_str());
+      delete std::exchange(server, nullptr);
     }
   }
-  static void TearDownTestSuite() {
-    delete server;
-    server = nullptr;
-  }
+  static void TearDownTestSuite() { delete std::exchange(server, nullptr); }
   void SetUp() override {
     if (!server) GTEST_SKIP() << "no TAVRIN server could be started";
     setenv("TAVRIN_NAMESPACE", server->ns().c_str(), 1);
@@ -43,14 +38,14 @@ protected:
     ASSERT_EQ(dbinit(&s, "DBSQL/demo"), 1);
   }
   void TearDown() override {
-    if (s) dbclose(s);
-    s = nullptr;
+    dbclose(sys);
+    dbclose(s);
   }
   // The first value of a query's only row, "" when there is none.
-  std::string value(const char *sql) {
+  std::string value(const std::string &sql, DBSESSION *on = nullptr) {
     DBRESULT *r = nullptr;
     int outcome = 0;
-    dbexec1(s, sql, &r, &outcome);
+    dbexec1(on ? on : s, sql.c_str(), &r, &outcome);
     std::string v = r && DBntuples(r) > 0 && DBgetvalue(r, 0, 0) ? DBgetvalue(r, 0, 0) : "";
     dbclear(s, r);
     return v;
@@ -184,7 +179,7 @@ TEST_F(Served, ConnectionStringsAndALostConnection) {
   // Without a server to come back to, the check ends the program.
   EXPECT_EXIT(
       {
-        msg_set_handler([](const char *m) { std::fputs(m, stderr); });
+        to_stderr();
         setenv("TAVRIN_NAMESPACE", "zqnowhere_", 1);
         s->connection->status = DBCONN_FAILED;
         dbcheck(s);
@@ -193,19 +188,10 @@ TEST_F(Served, ConnectionStringsAndALostConnection) {
 }
 
 TEST_F(Served, ErrorTextsArePrintedWithParametersAndLogged) {
-  DBSESSION *sys = nullptr;
   ASSERT_EQ(dbinit(&sys, "DBSQL/tdsys"), 1);
-  ERROT e;
-  ERROT_Init(&e);
-  std::strcpy(e.ERROT_Id, "T9001");
-  e.Fehlernummer = 9001;
-  std::strcpy(e.Sprache, "D   ");
-  std::strcpy(e.Kuerzel, "DATEI");
-  std::strcpy(e.Text, "Datei $1 fehlt in $2");
+  ERROT e{sizeof(ERROT), "T9001", 9001, "D   ", "DATEI", "Datei $1 fehlt in $2"};
   ASSERT_EQ(ERROT_Do(sys, DB_INSERT, &e), 1);
-  ERROT back;
-  ERROT_Init(&back);
-  std::strcpy(back.ERROT_Id, "T9001");
+  ERROT back{sizeof(ERROT), "T9001", 0, "", "", ""};
   ASSERT_EQ(ERROT_Do(sys, DB_SELECT, &back), 1);
   EXPECT_STREQ(back.Text, "Datei $1 fehlt in $2");
   EXPECT_EQ(back.Fehlernummer, 9001);
@@ -231,25 +217,16 @@ TEST_F(Served, ErrorTextsArePrintedWithParametersAndLogged) {
   EXPECT_EQ(ctx.errors, 5);
   EXPECT_EQ(db_depth(), 0);
 
-  auto count = [&](const std::string &where_clause) {
-    DBRESULT *r = nullptr;
-    int outcome = 0, n = -1;
-    dbexec1(sys, ("SELECT COUNT(*) FROM ERR WHERE " + where_clause).c_str(), &r, &outcome);
-    dbfill_count(sys, r, outcome, &n);
-    dbclear(sys, r);
-    return n;
-  };
-  std::string pid = std::string("PROZESS_ID = '") + ctx.process_id + "'";
-  EXPECT_EQ(count(pid + " AND FEHLERCODE = 9001"), 2);
-  EXPECT_EQ(count(pid + " AND FEHLERTEXT = 'Datei kunden.txt fehlt in 7'"), 1);
-  EXPECT_EQ(count(pid + " AND FEHLERCODE = 9999"), 0);
-  EXPECT_EQ(count(pid + " AND FEHLERCODE = 0 AND FEHLERTEXT LIKE '%_Internal:%'"), 2);
+  std::string errs =
+      std::string("SELECT COUNT(*) FROM ERR WHERE PROZESS_ID = '") + ctx.process_id + "' AND ";
+  EXPECT_EQ(value(errs + "FEHLERCODE = 9001", sys), "2");
+  EXPECT_EQ(value(errs + "FEHLERTEXT = 'Datei kunden.txt fehlt in 7'", sys), "1");
+  EXPECT_EQ(value(errs + "FEHLERCODE = 9999", sys), "0");
+  EXPECT_EQ(value(errs + "FEHLERCODE = 0 AND FEHLERTEXT LIKE '%_Internal:%'", sys), "2");
   ERROT_Do(sys, DB_DELETE, &e);
-  dbclose(sys);
 }
 
 TEST_F(Served, KeyDirectoriesAskTheDatabaseOnce) {
-  DBSESSION *sys = nullptr;
   ASSERT_EQ(dbinit(&sys, "DBSQL/tdsys"), 1);
   SVZ_ClearCaches();
   Capture cap;
@@ -290,7 +267,6 @@ TEST_F(Served, KeyDirectoriesAskTheDatabaseOnce) {
   EXPECT_EQ(cap.take(), "(Make_KeyString) Warning: SVZ-text for code 'QQ' in svz 4 unknown!\n");
   Release_ValueStrings();
   EXPECT_EQ(db_depth(), 0);
-  dbclose(sys);
 }
 
 } // namespace

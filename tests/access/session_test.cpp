@@ -4,10 +4,7 @@
 #include "db/access/session.h"
 
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <string>
-#include <unistd.h>
 
 #include "access_testutil.h"
 #include "db/access/dbcache.h"
@@ -16,58 +13,42 @@ namespace {
 
 using namespace access_test;
 
-TEST(ArgvDbName, DefaultsLastArgumentWinsAndTheLengthLimit) {
+TEST(ArgvDbNameDeathTest, DefaultsLastArgumentWinsAndTheLengthLimit) {
   char name[DBSESSION_NAME_MAX + 1];
   char prog[] = "program", a[] = "-dbKUNDEN", b[] = "-x", c[] = "-dbartikel", d[] = "xx-dbNO";
   char *argv[] = {prog, a, b, c, d};
-  std::strcpy(name, "");
-  ARGV_GetDB_Name(argv, 1, name);
-  EXPECT_STREQ(name, "tdsys");
+  auto name_of = [&](char **args, int n, const char *before) {
+    std::strcpy(name, before);
+    ARGV_GetDB_Name(args, n, name);
+    return std::string(name);
+  };
+  EXPECT_EQ(name_of(argv, 1, ""), "tdsys");
   db_set_default_name("demo");
-  std::strcpy(name, "-");
-  ARGV_GetDB_Name(argv, 1, name);
-  EXPECT_STREQ(name, "demo");
+  EXPECT_EQ(name_of(argv, 1, "-"), "demo");
   db_set_default_name("");
-  std::strcpy(name, "-");
-  ARGV_GetDB_Name(argv, 5, name);
-  EXPECT_STREQ(name, "artikel");
-  // argv[0] is never looked at.
-  char *only_prog[] = {a};
-  std::strcpy(name, "x");
-  ARGV_GetDB_Name(only_prog, 1, name);
-  EXPECT_STREQ(name, "tdsys");
+  EXPECT_EQ(name_of(argv, 5, "-"), "artikel");
+  char *only_prog[] = {a}; // argv[0] is never looked at
+  EXPECT_EQ(name_of(only_prog, 1, "x"), "tdsys");
 
-  char ok19[] = "-dbABCDEFGHIJKLMNOPQRS";
-  char *argv19[] = {prog, ok19};
-  ARGV_GetDB_Name(argv19, 2, name);
-  EXPECT_STREQ(name, "ABCDEFGHIJKLMNOPQRS");
+  char ok19[] = "-dbABCDEFGHIJKLMNOPQRS", long20[] = "-dbABCDEFGHIJKLMNOPQRST";
+  char *argv19[] = {prog, ok19}, *argv20[] = {prog, long20};
+  EXPECT_EQ(name_of(argv19, 2, ""), "ABCDEFGHIJKLMNOPQRS");
+  EXPECT_FATAL(ARGV_GetDB_Name(argv20, 2, name),
+               "\\(ARGV_GetDB_Name\\) DB-name ABCDEFGHIJKLMNOPQRST is too long \\(max. 19\\)");
 }
 
-TEST(ArgvDbNameDeathTest, TwentyCharactersEndTheProgram) {
-  char prog[] = "program", too_long[] = "-dbABCDEFGHIJKLMNOPQRST";
-  char *argv[] = {prog, too_long};
-  char name[DBSESSION_NAME_MAX + 1] = "-";
-  EXPECT_EXIT(
-      {
-        msg_set_handler([](const char *t) { std::fputs(t, stderr); });
-        ARGV_GetDB_Name(argv, 2, name);
-      },
-      ::testing::ExitedWithCode(1),
-      "\\(ARGV_GetDB_Name\\) DB-name ABCDEFGHIJKLMNOPQRST is too long \\(max. 19\\)");
-}
-
-TEST(BeginStack, NestingUnderflowAndCommitDepthsOnADisabledSession) {
+TEST(DisabledSession, BeginStackDepthsAndStatementsThatSendNothing) {
+  ScratchDir dir;
   DBSESSION s;
   s.disabled = 1;
   db_reset_depth();
   Capture cap;
+  long before = db_statements_sent();
   EXPECT_EQ(dbbegin(&s), 1);
   EXPECT_EQ(dbbegin(&s), 1);
-  EXPECT_EQ(db_depth(), 2);
   EXPECT_EQ(dbcommit(&s), 1); // depth 2: nothing
   EXPECT_EQ(db_depth(), 2);
   EXPECT_EQ(dbend(&s), 1);
-  EXPECT_EQ(dbcommit(&s), 1);
   EXPECT_EQ(dbrollback(&s), 1);
   EXPECT_EQ(db_depth(), 1);
   EXPECT_EQ(dbend(&s), 1);
@@ -79,15 +60,9 @@ TEST(BeginStack, NestingUnderflowAndCommitDepthsOnADisabledSession) {
   EXPECT_EQ(db_depth(), -1);
   EXPECT_EQ(dbbegin(&s), 1);
   EXPECT_EQ(db_depth(), 0);
-}
 
-TEST(DisabledSession, EveryStatementSucceedsWithoutSendingAndOutcomeThree) {
-  ScratchDir dir;
-  DBSESSION s;
-  s.disabled = 1;
   dbcache_read();
   dbcache_setbaseline("LAUF");
-  long before = db_statements_sent();
   DBRESULT *res = reinterpret_cast<DBRESULT *>(1);
   int outcome = -1;
   EXPECT_EQ(dbinsert(&s, "kunde", "VALUES (1)", &res, &outcome), 1);
@@ -107,6 +82,7 @@ TEST(DisabledSession, EveryStatementSucceedsWithoutSendingAndOutcomeThree) {
   EXPECT_EQ(dbcache_contains("AUFTRAG"), 1);
   dbcache_setbaseline("");
 
+  // Results are neither read nor written.
   int n = 7;
   char text[10] = "keep";
   EXPECT_EQ(dbfill_count(&s, nullptr, DBOUT_OTHER, &n), 1);
@@ -124,77 +100,56 @@ TEST(DisabledSession, EveryStatementSucceedsWithoutSendingAndOutcomeThree) {
 
 TEST(Results, OutcomesOfEveryStatusAndOneValueQueries) {
   DBSESSION s; // enabled, never connected: only results are looked at
-  DBRESULT *r = DBresult_new();
-  const std::pair<int, int> map[] = {{DBRES_DONE, DBOUT_DONE},
-                                     {DBRES_TUPLES, DBOUT_TUPLES},
-                                     {DBRES_TUPLES2, DBOUT_OTHER},
-                                     {DBRES_ERROR, DBOUT_OTHER},
-                                     {DBRES_SYNTAX, DBOUT_REFUSED},
-                                     {DBRES_TRANSPORT, DBOUT_TRANSPORT},
-                                     {0, DBOUT_NONE}};
-  for (auto [status, outcome] : map) {
-    r->status = status;
-    EXPECT_EQ(dbresultstatus(&s, r), outcome) << status;
-  }
-  EXPECT_EQ(dbresultstatus(&s, nullptr), DBOUT_NONE);
-  DBclear(r);
-
-  Capture cap;
-  auto result_with = [](std::initializer_list<const char *> rows) {
+  auto result_with = [](int status, std::initializer_list<const char *> rows) {
     DBRESULT *res = DBresult_new();
-    res->status = DBRES_TUPLES;
+    res->status = status;
     RESDATA_Header_Data(&res->data, "COUNT", DBTYPE_CHARACTER, 20);
     for (const char *v : rows) RESDATA_Fill(&res->data, v);
     return res;
   };
+  const std::pair<int, int> map[] = {
+      {DBRES_DONE, DBOUT_DONE},          {DBRES_TUPLES, DBOUT_TUPLES},
+      {DBRES_TUPLES2, DBOUT_OTHER},      {DBRES_ERROR, DBOUT_OTHER},
+      {DBRES_SYNTAX, DBOUT_REFUSED},     {0, DBOUT_NONE},
+      {DBRES_TRANSPORT, DBOUT_TRANSPORT}};
+  for (auto [status, outcome] : map) {
+    DBRESULT *r = result_with(status, {});
+    EXPECT_EQ(dbresultstatus(&s, r), outcome) << status;
+    DBclear(r);
+  }
+  EXPECT_EQ(dbresultstatus(&s, nullptr), DBOUT_NONE);
+
+  Capture cap;
   int n = -1;
   char text[8];
-  DBRESULT *one = result_with({"42"});
+  DBRESULT *one = result_with(DBRES_TUPLES, {"42"});
   EXPECT_EQ(dbfill_count(&s, one, DBOUT_TUPLES, &n), 1);
   EXPECT_EQ(n, 42);
   EXPECT_EQ(dbfill_string(&s, one, DBOUT_TUPLES, text, sizeof text), 1);
   EXPECT_STREQ(text, "42");
   EXPECT_EQ(dbfill_count(&s, one, DBOUT_DONE, &n), 0);
   EXPECT_EQ(cap.take(), "(dbfill_count) Status is not MYDB_TUPLES_OK!\n");
-  DBclear(one);
-  DBRESULT *two = result_with({"1", "2"});
+  DBRESULT *two = result_with(DBRES_TUPLES, {"1", "2"});
   EXPECT_EQ(dbfill_string(&s, two, DBOUT_TUPLES, text, sizeof text), 0);
   EXPECT_EQ(cap.take(), "(dbfill_string) More than one resulttuple!\n");
-  DBclear(two);
-  DBRESULT *none = result_with({});
+  DBRESULT *none = result_with(DBRES_TUPLES, {});
   EXPECT_EQ(dbfill_count(&s, none, DBOUT_TUPLES, &n), 0);
   EXPECT_EQ(cap.take(), "");
   EXPECT_EQ(dbntuples(&s, none), 0);
-  DBclear(none);
-
+  for (DBRESULT *r : {one, two, none}) DBclear(r);
   EXPECT_EQ(dbgetlength(&s, nullptr, 0, 0), -1);
   EXPECT_EQ(cap.take(), "(dbgetlength) Not yet implemented\n");
 }
 
-TEST(DbInitDeathTest, InstallsSignalHandlersThatStopThroughTheFatalPath) {
-  EXPECT_EXIT(
-      {
-        msg_set_handler([](const char *t) { std::fputs(t, stderr); });
-        msg_at_fatal([] { std::fputs("[clean-up]", stderr); });
-        setenv("TAVRIN_NAMESPACE", "zqnosignal_", 1);
-        DBSESSION *s = nullptr;
-        DB_Init(&s, "demo"); // fails without a server; the handlers are there all the same
-        std::raise(SIGTERM);
-      },
-      ::testing::ExitedWithCode(1), "Program stopped by signal 15.\n\\[clean-up\\]");
-}
-
-TEST(Dbinit, WithoutAServerPrintsTheConnectionFailure) {
-  // A namespace in which no server runs.
-  std::string ns = "zqnone" + std::to_string(getpid()) + "_";
+TEST(DbinitDeathTest, WithoutAServerPrintsTheConnectionFailure) {
+  std::string ns = "zqnone" + std::to_string(getpid()) + "_"; // no server runs there
   setenv("TAVRIN_NAMESPACE", ns.c_str(), 1);
   Capture cap;
   DBSESSION *s = reinterpret_cast<DBSESSION *>(1);
   EXPECT_EQ(dbinit(&s, "DBSQL/kunden"), 0);
   EXPECT_EQ(s, nullptr);
-  std::string out = cap.take();
-  EXPECT_NE(out.find("Connection to TAVRIN-database 'kunden' failed:\n  "), std::string::npos)
-      << out;
+  EXPECT_NE(cap.take().find("Connection to TAVRIN-database 'kunden' failed:\n  "),
+            std::string::npos);
   EXPECT_EQ(dbinit(&s, "DBSQL/"), 0); // the default name, empty
   EXPECT_NE(cap.take().find("Connection to TAVRIN-database failed:\n  "), std::string::npos);
   setenv("DBSYS", "DBSQL", 1);
@@ -203,6 +158,18 @@ TEST(Dbinit, WithoutAServerPrintsTheConnectionFailure) {
   unsetenv("DBSYS");
   unsetenv("TAVRIN_NAMESPACE");
   EXPECT_EQ(dbstatus(nullptr), 0);
+
+  // DB_Init installs signal handlers that stop through the fatal path, even
+  // when the connection fails.
+  EXPECT_EXIT(
+      {
+        to_stderr();
+        msg_at_fatal([] { std::fputs("[clean-up]", stderr); });
+        setenv("TAVRIN_NAMESPACE", ns.c_str(), 1);
+        DB_Init(&s, "demo");
+        std::raise(SIGTERM);
+      },
+      ::testing::ExitedWithCode(1), "Program stopped by signal 15.\n\\[clean-up\\]");
 }
 
 } // namespace

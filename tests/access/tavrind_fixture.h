@@ -107,10 +107,7 @@ public:
       int st = 0;
       for (int i = 0; i < 500 && waitpid(pid_, &st, WNOHANG) == 0; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      if (waitpid(pid_, &st, WNOHANG) == 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, &st, 0);
-      }
+      if (waitpid(pid_, &st, WNOHANG) == 0 && kill(pid_, SIGKILL) == 0) waitpid(pid_, &st, 0);
       pid_ = -1;
     }
     if (!dir_.empty()) std::filesystem::remove_all(dir_);
@@ -119,25 +116,22 @@ public:
 
   // The server's log so far.
   std::string log() const {
-    std::ifstream in(log_);
     std::stringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(log_).rdbuf();
     return s.str();
   }
+  size_t log_size() const { return log().size(); }
 
   // Lines of the log from `from` on that end with `suffix`.
   int count_log(const std::string &suffix, size_t from = 0) const {
-    std::string text = log().substr(std::min(from, log().size()));
-    std::istringstream in(text);
-    std::string line;
+    std::string text = log();
+    std::istringstream in(text.substr(std::min(from, text.size())));
     int n = 0;
-    while (std::getline(in, line))
-      if (line.size() >= suffix.size() &&
-          line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0)
-        ++n;
+    for (std::string line; std::getline(in, line);)
+      n += line.size() >= suffix.size() &&
+           line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0;
     return n;
   }
-  size_t log_size() const { return log().size(); }
 
   const std::string &data_dir() const { return data_; }
   const std::string &ns() const { return ns_; }

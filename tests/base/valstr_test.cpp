@@ -1,27 +1,12 @@
 // Value strings: texts of typed values, null markers, the reducing helpers
 // and the temporary-string register.
 #include "base/valstr.h"
-#include "base/msg.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <string>
+#include "base_testutil.h"
 
 namespace {
 
-std::string g_out;
-void collect(const char *text) { g_out += text; }
-
-struct Capture {
-  MsgHandler old;
-  Capture() : old(msg_set_handler(collect)) { g_out.clear(); }
-  ~Capture() { msg_set_handler(old); }
-};
-
-void to_stderr() {
-  msg_set_handler([](const char *t) { std::fputs(t, stderr); });
-}
+using namespace base_test;
 
 // Every test brackets its strings, as callers do.
 class ValueStrings : public ::testing::Test {
@@ -33,22 +18,24 @@ protected:
   }
 };
 
-TEST_F(ValueStrings, QuotedValuesForSql) {
+TEST_F(ValueStrings, QuotedLogicalCharAndBinaryValues) {
   EXPECT_STREQ(Make_ValueString("O'Neil", 10), "O\\'Neil");
   EXPECT_STREQ(Make_ValueString("a\"b'", 4), "a\\\"b\\'");
   EXPECT_STREQ(Make_ValueString("", 0), "");
   EXPECT_STREQ(Make_TempString("x'y"), "x'y");
+  EXPECT_STREQ(Make_LogicalString(0), "Nein");
+  EXPECT_STREQ(Make_LogicalString('0'), "Nein");
+  EXPECT_STREQ(Make_LogicalString(1), "Ja");
+  EXPECT_STREQ(Make_LogicalString('1'), "Ja");
+  EXPECT_STREQ(Make_CharString('Q'), "Q");
+  EXPECT_STREQ(Make_CharString('\0'), "");
+  unsigned char bin[4] = {3, 0, 'a', 'b'};
+  EXPECT_STREQ(Make_BinaryString(bin), "<binary value>");
+  bin[0] = 0;
+  EXPECT_STREQ(Make_BinaryString(bin), "");
 }
 
-TEST(ValueStringsDeathTest, BadLengthsEndTheProgram) {
-  EXPECT_EXIT((to_stderr(), Make_ValueString("twelve chars", 10)), ::testing::ExitedWithCode(1),
-              "\\(Make_ValueString\\) Error: Size of string 'twelve chars' is invalid \\(10 "
-              "characters expected\\)");
-  EXPECT_EXIT((to_stderr(), Make_ValueString("x", -1)), ::testing::ExitedWithCode(1),
-              "\\(Make_ValueString\\) Error: Stringsize '-1' of type is invalid \\('x'\\)");
-}
-
-TEST_F(ValueStrings, CalendarValuesAndTheirNulls) {
+TEST_F(ValueStrings, CalendarValuesDurationsAndTheirNulls) {
   TIME t{9, 5, 0};
   DATE d{2003, 7, 5};
   DATI x{2003, 7, 5, 9, 5, 0, 42};
@@ -70,35 +57,13 @@ TEST_F(ValueStrings, CalendarValuesAndTheirNulls) {
   EXPECT_STREQ(Make_TimestampString(&NULL_DATI), "");
   EXPECT_STREQ(Make_GermanDateString(&NULL_DATE), "");
   EXPECT_STREQ(Make_GermanDatiString(&NULL_DATI), "");
-}
 
-TEST_F(ValueStrings, Durations) {
-  DURA d{0, 0, 2, 3, 0, 5, 250};
-  EXPECT_STREQ(Make_DurationString(&d), "2 Tage 3 Stunden 5,000250 Sekunden");
-  DURA full{1, 2, 3, 4, 5, 6, 7};
+  DURA part{0, 0, 2, 3, 0, 5, 250}, full{1, 2, 3, 4, 5, 6, 7}, zero{0, 0, 0, 0, 0, 0, 0};
+  EXPECT_STREQ(Make_DurationString(&part), "2 Tage 3 Stunden 5,000250 Sekunden");
   EXPECT_STREQ(Make_DurationString(&full),
                "1 Jahre 2 Monate 3 Tage 4 Stunden 5 Minuten 6,000007 Sekunden");
-  DURA zero{0, 0, 0, 0, 0, 0, 0};
   EXPECT_STREQ(Make_DurationString(&zero), "0,000000 Sekunden");
   EXPECT_STREQ(Make_DurationString(&NULL_DATI), "");
-}
-
-TEST_F(ValueStrings, LogicalCharBinary) {
-  EXPECT_STREQ(Make_LogicalString(0), "Nein");
-  EXPECT_STREQ(Make_LogicalString('0'), "Nein");
-  EXPECT_STREQ(Make_LogicalString(1), "Ja");
-  EXPECT_STREQ(Make_LogicalString('1'), "Ja");
-  EXPECT_STREQ(Make_CharString('Q'), "Q");
-  EXPECT_STREQ(Make_CharString('\0'), "");
-  unsigned char bin[4] = {3, 0, 'a', 'b'};
-  EXPECT_STREQ(Make_BinaryString(bin), "<binary value>");
-  bin[0] = 0;
-  EXPECT_STREQ(Make_BinaryString(bin), "");
-}
-
-TEST(ValueStringsDeathTest, InvalidLogicalEndsTheProgram) {
-  EXPECT_EXIT((to_stderr(), Make_LogicalString('x')), ::testing::ExitedWithCode(1),
-              "\\(Make_LogicalString\\) Error: Invalid logical value 'x'!");
 }
 
 TEST_F(ValueStrings, NumbersAndDecimalPlaces) {
@@ -128,7 +93,7 @@ TEST_F(ValueStrings, NumbersAndDecimalPlaces) {
   EXPECT_STREQ(Make_BetragString(1.23456), "1.23");
 }
 
-TEST_F(ValueStrings, ReducingTexts) {
+TEST_F(ValueStrings, ReducingAndHtmlTexts) {
   EXPECT_STREQ(Reduce_String("ab c  "), "ab c");
   EXPECT_STREQ(Reduce_NumString("2.500 "), "2.5");
   EXPECT_STREQ(Reduce_NumString("3,0"), "3");
@@ -141,9 +106,6 @@ TEST_F(ValueStrings, ReducingTexts) {
   EXPECT_STREQ(Reduce_String0Dash("   "), "-");
   EXPECT_STREQ(Reduce_String0Dash("007 "), "7");
   EXPECT_STREQ(Reduce_NumString0Dash(".000"), "-");
-}
-
-TEST_F(ValueStrings, HtmlTexts) {
   EXPECT_STREQ(Make_HtmlString("first\n   second  "),
                "first<br><spacer type=horizontal size=30>second");
   EXPECT_STREQ(Make_HtmlString("a\nb\n\n c"), "a<br>b<br><br><spacer type=horizontal size=10>c");
@@ -156,10 +118,10 @@ TEST(FixedCopy, TrailingBlanksAndTooLongTexts) {
   char field[6] = "-----";
   EXPECT_EQ(my_strncpy(field, "abc    ", 5), 1);
   EXPECT_STREQ(field, "abc");
-  EXPECT_EQ(g_out, "");
+  EXPECT_EQ(c.take(), "");
   EXPECT_EQ(my_strncpy(field, "abcdefgh  ", 5), 0);
   EXPECT_STREQ(field, "abcde");
-  EXPECT_EQ(g_out, "(my_strncpy): String too long (strlen = 8; size = 5)!\n");
+  EXPECT_EQ(c.take(), "(my_strncpy): String too long (strlen = 8; size = 5)!\n");
 }
 
 TEST(TempRegister, NestedHoldsKeepStringsAndTheLimitWarnsOnce) {
@@ -171,26 +133,32 @@ TEST(TempRegister, NestedHoldsKeepStringsAndTheLimitWarnsOnce) {
 
   Capture c;
   for (int i = 1; i < 9999; ++i) Make_TempString("x");
-  EXPECT_EQ(g_out, "");
+  EXPECT_EQ(c.take(), "");
   char *last = Make_TempString("over"); // the 10000th registration
   EXPECT_STREQ(last, "over");
-  EXPECT_EQ(g_out, "(Make_ValueString) Warning: Limit for temporary strings reached - memory is "
-                   "wasted (limit = 10000)\n");
-  g_out.clear();
+  EXPECT_EQ(c.take(), "(Make_ValueString) Warning: Limit for temporary strings reached - memory is "
+                      "wasted (limit = 10000)\n");
   Make_TempString("more");
-  EXPECT_EQ(g_out, "");
+  EXPECT_EQ(c.take(), "");
   Release_ValueStrings();
   // After the outermost release the register is empty again, but the warning
   // stays used up for the run.
   Hold_ValueStrings();
   for (int i = 0; i < 10001; ++i) Make_TempString("y");
-  EXPECT_EQ(g_out, "");
+  EXPECT_EQ(c.take(), "");
   Release_ValueStrings();
 }
 
-TEST(TempRegisterDeathTest, ReleaseWithoutHoldEndsTheProgram) {
-  EXPECT_EXIT((to_stderr(), Release_ValueStrings()), ::testing::ExitedWithCode(1),
-              "\\(Release_ValueStrings\\) Error: No corresponding Hold_ValueStrings!");
+TEST(ValueStringsDeathTest, BadLengthsLogicalsAndReleasesEndTheProgram) {
+  EXPECT_FATAL(Make_ValueString("twelve chars", 10),
+               "\\(Make_ValueString\\) Error: Size of string 'twelve chars' is invalid \\(10 "
+               "characters expected\\)");
+  EXPECT_FATAL(Make_ValueString("x", -1),
+               "\\(Make_ValueString\\) Error: Stringsize '-1' of type is invalid \\('x'\\)");
+  EXPECT_FATAL(Make_LogicalString('x'),
+               "\\(Make_LogicalString\\) Error: Invalid logical value 'x'!");
+  EXPECT_FATAL(Release_ValueStrings(),
+               "\\(Release_ValueStrings\\) Error: No corresponding Hold_ValueStrings!");
 }
 
 } // namespace

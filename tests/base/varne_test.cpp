@@ -2,23 +2,18 @@
 // decoder, hand-built streams for every token class, and damaged streams.
 #include "base/varne.h"
 
-#include "base/msg.h"
-
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <random>
-#include <string>
 #include <vector>
+
+#include "base_testutil.h"
 
 namespace {
 
+using namespace base_test;
 using Bytes = std::vector<uint8_t>;
-
-std::string g_msgs;
-void collect(const char *t) { g_msgs += t; }
 
 // Compresses data in memory, writing it in pieces of `chunk` bytes.
 Bytes compress(const Bytes &data, int comp_min = 5, int comp_cache = 4096, size_t chunk = 0,
@@ -122,20 +117,17 @@ struct StreamBuilder {
 };
 
 TEST(Varne, ParameterWarningsAndFallbacks) {
-  MsgHandler old = msg_set_handler(collect);
-  g_msgs.clear();
+  Capture c;
   Bytes s = compress({}, 4, 4096);
-  EXPECT_EQ(
-      g_msgs,
-      "(Compress_Init) Warning: Comp_Min = 4 invalid (must be between 5 and 256) -> using 5.\n");
+  EXPECT_EQ(c.take(), "(Compress_Init) Warning: Comp_Min = 4 invalid (must be between 5 and 256) "
+                      "-> using 5.\n");
   EXPECT_EQ(s[9], 5);
-  g_msgs.clear();
   s = compress({}, 256, 5);
-  EXPECT_EQ(g_msgs, "");
+  EXPECT_EQ(c.take(), "");
   EXPECT_EQ(s[9], 0);
   EXPECT_EQ(s[10], 1);
   compress({}, 257, 4096);
-  EXPECT_NE(g_msgs.find("Comp_Min = 257 invalid"), std::string::npos);
+  EXPECT_NE(c.take().find("Comp_Min = 257 invalid"), std::string::npos);
 
   // Comp_Cache 4097 names 256 but uses 5 KiB search buffers: a repeat 5000
   // bytes back is then out of reach, while 4096 KiB finds it.
@@ -143,14 +135,12 @@ TEST(Varne, ParameterWarningsAndFallbacks) {
   Bytes gap = random_bytes(5000, 2);
   data.insert(data.end(), gap.begin(), gap.end());
   data.insert(data.end(), data.begin(), data.begin() + 300);
-  g_msgs.clear();
   Bytes small = compress(data, 5, 4097);
-  EXPECT_EQ(g_msgs, "(Compress_Init) Warning: Comp_Cache = 4097 invalid (must be between 5 and "
-                    "4096) -> using 256.\n");
+  EXPECT_EQ(c.take(), "(Compress_Init) Warning: Comp_Cache = 4097 invalid (must be between 5 and "
+                      "4096) -> using 256.\n");
   Bytes big = compress(data, 5, 4096);
   EXPECT_GT(small.size(), big.size() + 250);
   EXPECT_EQ(small, compress(data, 5, 5));
-  msg_set_handler(old);
 }
 
 TEST(Varne, RoundTripsOfSmallAndStructuredInputs) {
@@ -209,7 +199,8 @@ TEST(Varne, RoundTripsOfSmallAndStructuredInputs) {
     EXPECT_LT(compress(rep, 200, 4096, 0, thorough).size(), 1900u) << thorough;
 }
 
-TEST(Varne, ThoroughParseCostsFewerBits) {
+TEST(Varne, LargeInputsAcrossBlocksAndFileStreams) {
+  // The thorough parse costs fewer bits than the fast one, same header.
   Bytes data = text(400000);
   Bytes more = random_bytes(20000, 4);
   data.insert(data.begin() + 1000, more.begin(), more.end());
@@ -217,18 +208,15 @@ TEST(Varne, ThoroughParseCostsFewerBits) {
   Bytes fast = compress(data, 5, 4096, 4093, false);
   Bytes best = compress(data, 5, 4096, 4093, true);
   EXPECT_LT(best.size(), fast.size());
-  EXPECT_EQ(std::memcmp(best.data(), fast.data(), VARNE_HEADER), 0); // same header
+  EXPECT_EQ(std::memcmp(best.data(), fast.data(), VARNE_HEADER), 0);
   Bytes back;
   ASSERT_EQ(uncompress(best, back), long(data.size()));
   EXPECT_TRUE(back == data);
-}
 
-TEST(Varne, LargeInputsAcrossBlocksAndFileStreams) {
   Bytes rnd = random_bytes(2 * VARNE_BLOCK + 12345, 3);
   Bytes stream = compress(rnd, 5, 4096, 65536);
   // Random bytes cost at most 11 bits, on average about 10.1.
   EXPECT_LE(stream.size(), rnd.size() * 127 / 100);
-  Bytes back;
   ASSERT_EQ(uncompress(stream, back, 777777), long(rnd.size()));
   EXPECT_TRUE(back == rnd);
 
@@ -381,22 +369,10 @@ TEST(Varne, DamagedStreamsFailWithoutHarm) {
 }
 
 TEST(VarneDeathTest, CallsOutOfOrderEndTheProgram) {
-  EXPECT_EXIT(
-      {
-        msg_set_handler([](const char *t) { std::fputs(t, stderr); });
-        Compress_Init(nullptr, 5, 256);
-        Compress_End();
-        Compress_Write("x", 1);
-      },
-      ::testing::ExitedWithCode(1), "\\(Compress_Write\\) Compression already ended");
-  EXPECT_EXIT(
-      {
-        msg_set_handler([](const char *t) { std::fputs(t, stderr); });
-        Compress_Init(nullptr, 5, 256);
-        Compress_Write("x", 1);
-        Compress_Thorough(1);
-      },
-      ::testing::ExitedWithCode(1), "\\(Compress_Thorough\\) Compression already running");
+  EXPECT_FATAL((Compress_Init(nullptr, 5, 256), Compress_End(), Compress_Write("x", 1)),
+               "\\(Compress_Write\\) Compression already ended");
+  EXPECT_FATAL((Compress_Init(nullptr, 5, 256), Compress_Write("x", 1), Compress_Thorough(1)),
+               "\\(Compress_Thorough\\) Compression already running");
 }
 
 } // namespace

@@ -1,0 +1,37 @@
+// Helpers of the base tests: collecting the printed messages, and death tests
+// that see the messages of the dying child (EXPECT_EXIT matches stderr only).
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+#include "base/msg.h"
+
+namespace base_test {
+
+inline std::string g_out;
+
+// Collects every message printed while it lives into g_out.
+struct Capture {
+  MsgHandler old;
+  Capture() : old(msg_set_handler([](const char *t) { g_out += t; })) { g_out.clear(); }
+  ~Capture() { msg_set_handler(old); }
+  // What was printed since the last take.
+  std::string take() {
+    std::string t;
+    t.swap(g_out);
+    return t;
+  }
+};
+
+inline void to_stderr() {
+  msg_set_handler([](const char *t) { std::fputs(t, stderr); });
+}
+
+} // namespace base_test
+
+// The statement ends the program with status 1 and a message matching re.
+#define EXPECT_FATAL(statement, re)                                                                \
+  EXPECT_EXIT((base_test::to_stderr(), statement), ::testing::ExitedWithCode(1), re)
