@@ -44,6 +44,11 @@ struct Transport {
   size_t payload = 0;       // bytes from offset 8 to the end of the area
   bool ready = false;
   bool mutex_held = false;
+  // The channel of the last handshake. A process has one connection at a
+  // time: a request on an earlier channel (of a connection that a later
+  // connect replaced) would go to a channel the server has given up or given
+  // to another client, and would wait for ever holding the mutex.
+  int32_t channel = -1;
   // A chunk longer than the reader wanted: its rest waits at offset 8 and
   // is taken by the next chunk read without waiting for a new signal.
   bool partial_pending = false;
@@ -325,6 +330,7 @@ void DBcomm_close() {
   g_tp.mutex_held = false;
   g_tp.partial_pending = false;
   g_tp.ready = false;
+  g_tp.channel = -1;
   g_tp.server_proc.close();
   g_tp.mutex.close();
   g_tp.activate.close();
@@ -340,6 +346,7 @@ int DBhandshake(int timeout_ms) { return DBhandshake_version(timeout_ms, DBCOMM_
 
 int DBhandshake_version(int timeout_ms, const char *version) {
   if (!g_tp.ready || !version) return DBHS_SYSTEM;
+  g_tp.channel = -1;
   if (!take_exchange(-1, timeout_ms)) return DBHS_SYSTEM;
   unsigned char *a = area();
   put32(a + kChannelAt, 0xFFFFFFFFu);
@@ -361,11 +368,17 @@ int DBhandshake_version(int timeout_ms, const char *version) {
   }
   if (!g_tp.server_proc.open(static_cast<pid_t>(get32(a + kLengthAt)))) return DBHS_SYSTEM;
   if (!release_mutex()) return DBHS_SYSTEM;
+  g_tp.channel = channel;
   return channel;
 }
 
 int DBclient_write(int channel, const void *data, int length) {
   if (!g_tp.ready || length < 0 || (length > 0 && !data)) return 0;
+  if (channel != g_tp.channel) {
+    msg_print("client write: Channel %d is not the connection of this process (%d)\n", channel,
+              g_tp.channel);
+    return 0;
+  }
   if (!take_exchange(channel, -1)) return 0;
   const auto *p = static_cast<const unsigned char *>(data);
   const uint32_t total = static_cast<uint32_t>(length);

@@ -58,6 +58,8 @@ int DBhandshake_version(int timeout_ms, const char *version);
 // Returns 1 when the whole message is out, 0 on failure. The mutex stays held
 // on success, until DBclient_read has read the answer or DBclient_release
 // gives it back; when the server process has ended it is released at once.
+// A channel other than the last handshake's (a connection that a later
+// connect of this process replaced) fails at once with a message.
 int DBclient_write(int channel, const void *data, int length);
 
 // Reads one answer on `channel` into `buffer` of `size` bytes, following the

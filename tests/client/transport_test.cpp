@@ -242,6 +242,13 @@ TEST_F(Transport, HandshakeAndRequestPacketsAreFramedExactly) {
   }
   EXPECT_EQ(DBhandshake(5000), DBHS_VERSION);
   EXPECT_EQ(join_within(srv, 5000), 0);
+  // The refusal left no connection: channel 3 fails at once, and the
+  // refused handshake gave the mutex back.
+  ct::printed.clear();
+  unsigned char q = '1';
+  EXPECT_EQ(DBclient_write(3, &q, 1), 0);
+  EXPECT_EQ(ct::printed, "client write: Channel 3 is not the connection of this process (-1)\n");
+  EXPECT_EQ(DBhandshake(200), DBHS_TIMEOUT) << "the mutex is free, only nobody answers";
   // 10000 bytes: one packet of 10008; 10001: 10000 + 13; 9992 + 9996: two
   // full packets; one byte more: a third packet of 5.
   std::vector<uint32_t> lens(log_->chunk_len, log_->chunk_len + log_->chunks);
