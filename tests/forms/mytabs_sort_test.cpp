@@ -55,7 +55,8 @@ TEST(TabboxSort, TournamentAndRanksMatchSelectionSortOnIntegers) {
   std::mt19937 rng(7);
   for (int round = 0; round < 300; ++round) {
     int n = static_cast<int>(rng() % 300) + 1;
-    int range = static_cast<int>(rng() % 6) + 1; // many equal keys
+    // Mostly few distinct keys (many equal ones), else about one per line.
+    int range = round % 4 ? static_cast<int>(rng() % 6) + 1 : n;
     std::vector<int> key(n);
     for (int &k : key) k = static_cast<int>(rng() % range);
     auto cmp = [&](int a, int b) { return key[a] < key[b] ? -1 : key[a] > key[b] ? 1 : 0; };
@@ -125,32 +126,6 @@ TEST_F(TabboxSortLines, PermutationMatchesSelectionSort) {
     ASSERT_EQ(r->line_order, selection_sort(n, cmp)) << "round " << round;
     fl_free_form(form_);
     form_ = nullptr;
-  }
-}
-
-TEST_F(TabboxSortLines, LargeSortIsAPermutationInOrder) {
-  FL_OBJECT *tb = make();
-  fl_set_tabbox_title(tb, "Nr     | Name");
-  std::mt19937 rng(3);
-  const int n = 20000;
-  for (int i = 0; i < n; ++i) {
-    char buf[64];
-    std::snprintf(buf, sizeof buf, "%-6u | N%u", static_cast<unsigned>(rng() % 500),
-                  static_cast<unsigned>(rng() % 50));
-    fl_add_tabbox_line(tb, buf);
-  }
-  int cols[2] = {2, 1}, dirs[2] = {1, 0};
-  fl_set_tabbox_sort(tb, 2, cols, dirs);
-  fl_layout_tabbox(tb);
-  FL_TABBOX_REC *r = fl_tabbox_record(tb);
-  std::vector<int> seen(n, 0);
-  for (int raw : r->line_order) seen[raw]++;
-  EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), n);
-  for (int p = 1; p < n; ++p) {
-    std::string_view a = r->lines.at(r->line_order[p - 1]), b = r->lines.at(r->line_order[p]);
-    int c = tabbox_compare_fields(fl_tabbox_field(r, a, 2), fl_tabbox_field(r, b, 2));
-    if (c == 0) c = -tabbox_compare_fields(fl_tabbox_field(r, a, 1), fl_tabbox_field(r, b, 1));
-    ASSERT_LE(c, 0) << "position " << p;
   }
 }
 

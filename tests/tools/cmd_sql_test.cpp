@@ -1,13 +1,14 @@
 // tavrin sql as a user runs it: statements from arguments and from a pipe,
 // the three output formats, counts of changes, transactions, failures and
-// their exit statuses, the -db rules.
-#include "cmd_testutil.h"
+// their exit statuses, the -db rules; and tavrin ping with and without a
+// server.
+#include "tools_testutil.h"
 
 namespace {
 
-using cmdtest::Outcome;
+using tooltest::Outcome;
 
-class TavrinSql : public cmdtest::WithServer {};
+class TavrinSql : public tooltest::WithServer {};
 
 TEST_F(TavrinSql, PrintsRowsInEveryFormatAndCountsChanges) {
   Outcome r =
@@ -32,7 +33,6 @@ TEST_F(TavrinSql, PrintsRowsInEveryFormatAndCountsChanges) {
           " 'UPDATE S1 SET BETRAG = 1 WHERE S1_ID > 0' 'DELETE FROM S1 WHERE S1_ID = 99'");
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "NAME\tBETRAG\nJ\xc3\xb6rg\t2.5\na,\"b\t\n2 rows changed\n0 rows changed\n");
-  run("$T sql -dbdemo 'DROP TABLE S1'");
 }
 
 TEST_F(TavrinSql, StandardInputDrivesATransactionStepByStep) {
@@ -45,12 +45,11 @@ TEST_F(TavrinSql, StandardInputDrivesATransactionStepByStep) {
                   " && $T sql -dbdemo --format csv 'SELECT COUNT(*) FROM S2' >other.txt"
                   " && printf 'COMMIT\\n' >&3 && exec 3>&- && wait");
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(cmdtest::slurp((dir / "mid.txt").string()), "done\n1 row changed\n");
-  EXPECT_EQ(cmdtest::slurp((dir / "other.txt").string()), "COUNT(*)\n0\n"); // not committed yet
-  EXPECT_EQ(cmdtest::slurp((dir / "steps.txt").string()), "done\n1 row changed\ndone\n");
+  EXPECT_EQ(tooltest::slurp(dir / "mid.txt"), "done\n1 row changed\n");
+  EXPECT_EQ(tooltest::slurp(dir / "other.txt"), "COUNT(*)\n0\n"); // not committed yet
+  EXPECT_EQ(tooltest::slurp(dir / "steps.txt"), "done\n1 row changed\ndone\n");
   r = run("$T sql -dbdemo --format csv 'SELECT COUNT(*) FROM S2'");
   EXPECT_EQ(r.out, "COUNT(*)\n1\n");
-  run("$T sql -dbdemo 'DROP TABLE S2'");
 }
 
 TEST_F(TavrinSql, OneTransactionIsAllOrNothing) {
@@ -66,7 +65,6 @@ TEST_F(TavrinSql, OneTransactionIsAllOrNothing) {
       << r.err;
   r = run("$T sql -dbdemo --format csv 'SELECT COUNT(*) FROM S3'");
   EXPECT_EQ(r.out, "COUNT(*)\n2\n");
-  run("$T sql -dbdemo 'DROP TABLE S3'");
 }
 
 TEST_F(TavrinSql, FailuresSetTheExitStatusAndTheDbRulesHold) {
@@ -97,6 +95,23 @@ TEST_F(TavrinSql, FailuresSetTheExitStatusAndTheDbRulesHold) {
   r = run("$T sql --format xml 'SELECT 1'");
   EXPECT_EQ(r.status, 2);
   EXPECT_NE(r.err.find("unknown format 'xml'"), std::string::npos);
+}
+
+class TavrinPing : public tooltest::WithServer {};
+
+TEST_F(TavrinPing, AnswersWithTimeAndDatabasesOrTheConnectionMessage) {
+  Outcome r = run("$T ping");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out.rfind("TAVRIN server on database TDSYS answered in ", 0), 0u) << r.out;
+  EXPECT_NE(r.out.find(" ms\nDatabases: DEMO TDSYS\n"), std::string::npos) << r.out;
+  EXPECT_EQ(run("$T ping -dbdemo").status, 0);
+
+  r = run("TAVRIN_NAMESPACE=zqnoserver_ $T ping");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Connection to TAVRIN-database 'tdsys' failed:\n  "), std::string::npos)
+      << r.err;
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(run("$T ping extra").status, 2);
 }
 
 } // namespace

@@ -1,100 +1,49 @@
-// tavrin as its users run it: the built program as a subprocess on files and
-// pipes, its exit statuses and messages; and the terminal text conversion.
+// tavrin as its users run it, without a server: the built program as a
+// subprocess on files and pipes, its exit statuses and messages, compressing,
+// and the request bytes that encode prints (or the parser's message); and the
+// terminal text conversion.
 #include "tools/term.h"
+#include "tools_testutil.h"
 
-#include <gtest/gtest.h>
-
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
-#include <string>
 
 namespace {
 
 namespace fs = std::filesystem;
+using tooltest::Outcome;
+using tooltest::slurp;
+using tooltest::spill;
 
-struct Result {
-  int status;
-  std::string err;
-};
-
-class Tavrin : public ::testing::Test {
-protected:
-  fs::path dir;
-  std::string exe;
-
-  void SetUp() override {
-    // The build folder: from ctest's environment, else from this program's
-    // own place (BUILD/tests/tools/tools_tests).
-    std::string build;
-    if (const char *b = std::getenv("ZENTIQ_BUILD_DIR")) {
-      build = b;
-    } else {
-      std::error_code ec;
-      build = fs::read_symlink("/proc/self/exe", ec).parent_path().parent_path().parent_path();
-    }
-    exe = build + "/tools/tavrin";
-    ASSERT_TRUE(fs::exists(exe)) << exe;
-    char tmpl[] = "/tmp/tavrin_test_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
-  }
-  void TearDown() override { fs::remove_all(dir); }
-
-  std::string path(const char *name) const { return (dir / name).string(); }
-
-  // Runs a shell command line in which "T" stands for the program; returns
-  // its exit status and what it wrote to standard error.
-  Result run(const std::string &line) {
-    std::string cmd = "cd '" + dir.string() + "' && T='" + exe + "' && { " + line + "; } 2>'" +
-                      path("stderr.txt") + "'";
-    int rc = std::system(cmd.c_str());
-    return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, read(path("stderr.txt"))};
-  }
-
-  static std::string read(const std::string &p) {
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
-  static void write(const std::string &p, const std::string &data) {
-    std::ofstream(p, std::ios::binary) << data;
-  }
-};
+class Tavrin : public tooltest::InScratch {};
 
 TEST_F(Tavrin, HelpUsageAndExitStatuses) {
-  Result r = run("$T help >out.txt");
+  Outcome r = run("$T help");
   EXPECT_EQ(r.status, 0);
-  std::string help = read(path("out.txt"));
-  for (const char *cmd : {"help", "compress", "uncompress"})
-    EXPECT_NE(help.find(std::string("  ") + cmd), std::string::npos) << cmd;
-  EXPECT_EQ(run("$T help uncompress >out.txt").status, 0);
-  EXPECT_NE(read(path("out.txt")).find("usage: tavrin uncompress [IN [OUT]]"), std::string::npos);
-  EXPECT_EQ(run("$T compress --help >out.txt").status, 0);
-  EXPECT_NE(read(path("out.txt")).find("-m MIN"), std::string::npos);
-
-  r = run("$T");
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("tavrin help"), std::string::npos);
-  r = run("$T frobnicate");
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("unknown command 'frobnicate'"), std::string::npos);
-  r = run("$T compress -m x a b");
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("usage: tavrin compress"), std::string::npos);
-  EXPECT_EQ(run("$T compress a b c").status, 2);
-  EXPECT_EQ(run("$T uncompress -m 5 a").status, 2); // uncompress has no options
-  r = run("$T uncompress -x in.vz");
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("unknown option '-x'"), std::string::npos);
-  EXPECT_EQ(run("$T help nothing").status, 2);
+  for (const char *cmd : {"help", "compress", "uncompress", "encode", "sql", "table", "ping"})
+    EXPECT_NE(r.out.find(std::string("\n  ") + cmd + " "), std::string::npos) << cmd;
+  // The command line, its exit status and a text in its output (0) or in its
+  // messages (otherwise).
+  struct Case {
+    const char *line;
+    int status;
+    const char *says;
+  };
+  const Case cases[] = {
+      {"help uncompress", 0, "usage: tavrin uncompress [IN [OUT]]"},
+      {"compress --help", 0, "-m MIN"},
+      {"", 2, "tavrin help"},
+      {"frobnicate", 2, "unknown command 'frobnicate'"},
+      {"compress -m x a b", 2, "usage: tavrin compress"},
+      {"compress a b c", 2, ""},
+      {"uncompress -m 5 a", 2, ""}, // uncompress has no options
+      {"uncompress -x in.vz", 2, "unknown option '-x'"},
+      {"help nothing", 2, ""},
+  };
+  for (const Case &c : cases) {
+    r = run(std::string("$T ") + c.line);
+    EXPECT_EQ(r.status, c.status) << c.line;
+    EXPECT_NE((c.status ? r.err : r.out).find(c.says), std::string::npos) << c.line;
+  }
 }
 
 TEST_F(Tavrin, CompressAndUncompressFilesAndPipes) {
@@ -107,64 +56,90 @@ TEST_F(Tavrin, CompressAndUncompressFilesAndPipes) {
     else
       data += "Größe der Tabelle SVZT: " + std::to_string(rng() % 1000) + " Zeilen\n";
   }
-  write(path("in.bin"), data);
+  spill(dir / "in.bin", data);
 
   ASSERT_EQ(run("$T compress in.bin in.vz").status, 0);
-  EXPECT_EQ(read(path("in.vz")).substr(0, 9), "z01morlet");
-  EXPECT_LT(fs::file_size(path("in.vz")), data.size() / 2);
-  ASSERT_EQ(run("$T uncompress in.vz back.bin").status, 0);
-  EXPECT_TRUE(read(path("back.bin")) == data);
-
-  // Standard input and output, "-" for them, and a pipe between two runs.
-  ASSERT_EQ(run("cat in.bin | $T compress -m 8 -c 64 | $T uncompress - out1.bin").status, 0);
-  EXPECT_TRUE(read(path("out1.bin")) == data);
-  ASSERT_EQ(run("$T compress - <in.bin >s.vz && $T uncompress <s.vz >out2.bin").status, 0);
-  EXPECT_TRUE(read(path("out2.bin")) == data);
-  ASSERT_EQ(run("$T compress -b in.bin - | $T uncompress >out3.bin").status, 0);
-  EXPECT_TRUE(read(path("out3.bin")) == data);
+  EXPECT_EQ(slurp(dir / "in.vz").substr(0, 9), "z01morlet");
+  EXPECT_LT(fs::file_size(dir / "in.vz"), data.size() / 2);
+  // Files, standard input and output, "-" for them, and pipes between runs.
+  for (const char *line : {"$T uncompress in.vz back.bin",
+                           "cat in.bin | $T compress -m 8 -c 64 | $T uncompress - back.bin",
+                           "$T compress - <in.bin >s.vz && $T uncompress <s.vz >back.bin",
+                           "$T compress -b in.bin - | $T uncompress >back.bin"}) {
+    fs::remove(dir / "back.bin");
+    ASSERT_EQ(run(line).status, 0) << line;
+    EXPECT_TRUE(slurp(dir / "back.bin") == data) << line;
+  }
 
   // Empty input.
-  write(path("empty"), "");
+  spill(dir / "empty", "");
   ASSERT_EQ(run("$T compress empty e.vz && $T uncompress e.vz e.out").status, 0);
-  EXPECT_EQ(fs::file_size(path("e.out")), 0u);
+  EXPECT_EQ(fs::file_size(dir / "e.out"), 0u);
 
   // Parameter warnings of the library reach standard error; the run goes on.
-  Result r = run("$T compress -m 4 empty w.vz");
+  Outcome r = run("$T compress -m 4 empty w.vz");
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.err.find("(Compress_Init) Warning: Comp_Min = 4 invalid"), std::string::npos);
 }
 
 TEST_F(Tavrin, FailuresReportAndLeaveNoOutput) {
-  Result r = run("$T compress missing.bin x.vz");
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("cannot open 'missing.bin'"), std::string::npos);
-  EXPECT_FALSE(fs::exists(path("x.vz")));
-
-  write(path("plain.txt"), "just some text, not compressed\n");
-  r = run("$T uncompress plain.txt x.out");
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("(Uncompress_Init) Not in Varne-format!"), std::string::npos);
-  EXPECT_FALSE(fs::exists(path("x.out")));
-
-  // A truncated stream: the part before the damage is not passed off as the
-  // whole file.
+  spill(dir / "plain.txt", "just some text, not compressed\n");
   std::string text;
   for (int i = 0; i < 20000; ++i) text += "Zeile " + std::to_string(i) + "\n";
-  write(path("t.txt"), text);
+  spill(dir / "t.txt", text);
   ASSERT_EQ(run("$T compress t.txt t.vz").status, 0);
-  std::string z = read(path("t.vz"));
-  write(path("cut.vz"), z.substr(0, z.size() - 9));
-  r = run("$T uncompress cut.vz cut.out");
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("damaged or truncated"), std::string::npos);
-  EXPECT_FALSE(fs::exists(path("cut.out")));
-  EXPECT_EQ(run("cat cut.vz | $T uncompress >/dev/null").status, 1);
+  std::string z = slurp(dir / "t.vz");
+  spill(dir / "cut.vz", z.substr(0, z.size() - 9));
 
-  // The input is never overwritten by its own output.
-  r = run("$T compress t.txt ./t.txt");
+  // The command line, its message and the output it must not leave behind.
+  // A truncated stream: the part before the damage is not passed off as the
+  // whole file. The input is never overwritten by its own output.
+  struct Case {
+    const char *line, *says, *output;
+  };
+  const Case cases[] = {
+      {"$T compress missing.bin x.vz", "cannot open 'missing.bin'", "x.vz"},
+      {"$T uncompress plain.txt x.out", "(Uncompress_Init) Not in Varne-format!", "x.out"},
+      {"$T uncompress cut.vz cut.out", "damaged or truncated", "cut.out"},
+      {"cat cut.vz | $T uncompress", "damaged or truncated", ""},
+      {"$T compress t.txt ./t.txt", "", ""},
+      {"$T compress t.txt nodir/x.vz", "", ""},
+  };
+  for (const Case &c : cases) {
+    Outcome r = run(c.line);
+    EXPECT_EQ(r.status, 1) << c.line;
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << c.line << ": " << r.err;
+    EXPECT_TRUE(!*c.output || !fs::exists(dir / c.output)) << c.line;
+  }
+  EXPECT_EQ(slurp(dir / "t.txt"), text);
+}
+
+TEST_F(Tavrin, EncodePrintsRequestBytesOrParserMessage) {
+  // 'C' '*' 'v' name "T" 'x'
+  Outcome r = run("$T encode 'select * from t'");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "4357766102005400"
+                   "78\n");
+  EXPECT_EQ(r.err, "");
+  // Arguments are joined with blanks; a given ";" is not doubled.
+  EXPECT_EQ(run("$T encode DELETE FROM t';'").out, "47610200540078\n");
+  EXPECT_EQ(run("$T encode BEGIN").out, "4a\n");
+  EXPECT_EQ(run("$T encode ''").out, "4b\n");
+  // Terminal text is UTF-8; the request carries Latin-1 ("ä" is e4).
+  EXPECT_EQ(run("$T encode \"INSERT INTO t VALUES ('\xc3\xa4')\"").out,
+            "45610200540058660200e40078\n");
+
+  r = run("$T encode DROP DATABASE x");
   EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(read(path("t.txt")), text);
-  EXPECT_EQ(run("$T compress t.txt nodir/x.vz").status, 1);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "Syntax error: end of SQL-command expected (found '<identifier value>')\n");
+  r = run("$T encode 'INSERT INTO t (a, b) VALUES (1, 2, 3)'");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "(INSERT) attributes (2) do not match values (3)\n");
+
+  r = run("$T encode");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("usage: tavrin encode STATEMENT..."), std::string::npos);
 }
 
 TEST(Term, Latin1AndUtf8AtTheTerminalEdge) {
@@ -172,7 +147,6 @@ TEST(Term, Latin1AndUtf8AtTheTerminalEdge) {
   const std::string latin1 = "Größe";
   const std::string utf8 = "Gr\xC3\xB6\xC3\x9F"
                            "e";
-  EXPECT_EQ(latin1.size(), 5u);
   EXPECT_EQ(term_from_latin1(latin1), utf8);
   bool exact = false;
   EXPECT_EQ(term_to_latin1(utf8, &exact), latin1);

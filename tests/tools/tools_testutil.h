@@ -1,0 +1,92 @@
+// Helpers of the tavrin tests: running the built program as a user does, in a
+// scratch folder, with its exit status, standard output and standard error
+// captured; and a real TAVRIN server shared by the tests of one suite.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "tests/access/tavrind_fixture.h"
+
+namespace tooltest {
+
+struct Outcome {
+  int status;
+  std::string out, err;
+};
+
+inline std::string slurp(const std::filesystem::path &p) {
+  std::ifstream in(p, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+inline void spill(const std::filesystem::path &p, const std::string &data) {
+  std::ofstream(p, std::ios::binary) << data;
+}
+
+// A scratch folder per test and the built tavrin.
+class InScratch : public ::testing::Test {
+protected:
+  std::filesystem::path dir;
+  std::string exe;
+
+  void SetUp() override {
+    const char *build = std::getenv("ZENTIQ_BUILD_DIR");
+    ASSERT_NE(build, nullptr) << "ZENTIQ_BUILD_DIR is set by the test environment";
+    exe = std::string(build) + "/tools/tavrin";
+    ASSERT_TRUE(std::filesystem::exists(exe)) << exe;
+    char tmpl[] = "/tmp/tavrin_test_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir = tmpl;
+  }
+  void TearDown() override {
+    if (!dir.empty()) std::filesystem::remove_all(dir);
+  }
+
+  // Runs a shell command line in the scratch folder in which "T" stands for
+  // tavrin; the captures are hidden files there.
+  Outcome run(const std::string &line) {
+    std::string out = (dir / ".out").string(), err = (dir / ".err").string();
+    std::string cmd = "cd '" + dir.string() + "' && T='" + exe + "' && { " + line + "; } >'" + out +
+                      "' 2>'" + err + "'";
+    int rc = std::system(cmd.c_str());
+    return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, slurp(out), slurp(err)};
+  }
+};
+
+// The scratch folder with a server for the whole suite.
+class WithServer : public InScratch {
+protected:
+  static inline tavrind_fixture::Server *server = nullptr;
+  static inline std::string why;
+
+  static void SetUpTestSuite() {
+    server = new tavrind_fixture::Server;
+    if (!server->start(why)) {
+      delete server;
+      server = nullptr;
+    }
+  }
+  static void TearDownTestSuite() {
+    delete server;
+    server = nullptr;
+  }
+  void SetUp() override {
+    if (!server) GTEST_SKIP() << "no TAVRIN server: " << why;
+    setenv("TAVRIN_NAMESPACE", server->ns().c_str(), 1);
+    unsetenv("DBSYS");
+    InScratch::SetUp();
+  }
+};
+
+} // namespace tooltest
