@@ -34,7 +34,10 @@ void ExecHandler::request(ProtocolServer &srv, int channel, ChannelContext *base
                           const unsigned char *data, size_t length) {
   auto *ctx = static_cast<Context *>(base);
   if (!ctx) return;
-  std::vector<unsigned char> answer;
+  // One buffer for every answer: a large one is built without growing (and
+  // touching fresh pages) again; beyond 32 MiB its memory is given back.
+  std::vector<unsigned char> &answer = answer_;
+  if (answer.capacity() > (32u << 20)) std::vector<unsigned char>().swap(answer);
   int r = exec_request(ctx->ch, data, length, answer);
   if (r == EXEC_ANSWER) {
     srv.answer(channel, answer.data(), answer.size());

@@ -64,6 +64,7 @@ private:
   Executor &ex_;
   std::map<int, Context *> channels_;
   std::deque<int> parked_;
+  std::vector<unsigned char> answer_; // the answer being built (reused)
   std::chrono::milliseconds lock_timeout_{30000};
 };
 

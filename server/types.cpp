@@ -20,10 +20,6 @@ void put16(std::vector<unsigned char> &out, uint16_t v) {
   out.push_back(static_cast<unsigned char>(v >> 8));
 }
 
-void put32(std::vector<unsigned char> &out, uint32_t v) {
-  for (int i = 0; i < 4; ++i) out.push_back(static_cast<unsigned char>(v >> (8 * i)));
-}
-
 std::string trim_blanks(const std::string &s) {
   size_t b = 0, e = s.size();
   while (b < e && (s[b] == ' ' || s[b] == '\t')) ++b;
@@ -623,6 +619,10 @@ inline void store16(unsigned char *p, uint16_t v) {
   p[1] = static_cast<unsigned char>(v >> 8);
 }
 
+inline void store32(unsigned char *p, uint32_t v) {
+  for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(v >> (8 * i));
+}
+
 } // namespace
 
 void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt *stmt, int col) {
@@ -633,25 +633,28 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
     int64_t v = null ? NULL_SMALLINT : sqlite3_column_int64(stmt, col);
     if (v < -32768) v = -32768;
     if (v > 32767) v = 32767;
-    put16(out, 2);
-    put16(out, static_cast<uint16_t>(static_cast<int16_t>(v)));
+    unsigned char *p = grow(out, 4);
+    store16(p, 2);
+    store16(p + 2, static_cast<uint16_t>(static_cast<int16_t>(v)));
     return;
   }
   case TYPE_INTEGER: {
     int64_t v = null ? NULL_INTEGER : sqlite3_column_int64(stmt, col);
     if (v < std::numeric_limits<int32_t>::min()) v = std::numeric_limits<int32_t>::min();
     if (v > std::numeric_limits<int32_t>::max()) v = std::numeric_limits<int32_t>::max();
-    put16(out, 4);
-    put32(out, static_cast<uint32_t>(static_cast<int32_t>(v)));
+    unsigned char *p = grow(out, 6);
+    store16(p, 4);
+    store32(p + 2, static_cast<uint32_t>(static_cast<int32_t>(v)));
     return;
   }
   case TYPE_FLOAT: {
     double v = null ? NULL_FLOAT : sqlite3_column_double(stmt, col);
     uint64_t bits;
     memcpy(&bits, &v, 8);
-    put16(out, 8);
-    put32(out, static_cast<uint32_t>(bits));
-    put32(out, static_cast<uint32_t>(bits >> 32));
+    unsigned char *p = grow(out, 10);
+    store16(p, 8);
+    store32(p + 2, static_cast<uint32_t>(bits));
+    store32(p + 6, static_cast<uint32_t>(bits >> 32));
     return;
   }
   case TYPE_DATE:
@@ -672,25 +675,28 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
       }
     }
     if (t.code == TYPE_DATE) {
-      put16(out, 4);
-      put16(out, static_cast<uint16_t>(p.y));
-      out.push_back(static_cast<unsigned char>(p.mo));
-      out.push_back(static_cast<unsigned char>(p.d));
+      unsigned char *q = grow(out, 6);
+      store16(q, 4);
+      store16(q + 2, static_cast<uint16_t>(p.y));
+      q[4] = static_cast<unsigned char>(p.mo);
+      q[5] = static_cast<unsigned char>(p.d);
     } else if (t.code == TYPE_TIME) {
-      put16(out, 3);
-      out.push_back(static_cast<unsigned char>(p.h));
-      out.push_back(static_cast<unsigned char>(p.mi));
-      out.push_back(static_cast<unsigned char>(p.s));
+      unsigned char *q = grow(out, 5);
+      store16(q, 3);
+      q[2] = static_cast<unsigned char>(p.h);
+      q[3] = static_cast<unsigned char>(p.mi);
+      q[4] = static_cast<unsigned char>(p.s);
     } else {
-      put16(out, 12);
-      put16(out, static_cast<uint16_t>(p.y));
-      out.push_back(static_cast<unsigned char>(p.mo));
-      out.push_back(static_cast<unsigned char>(p.d));
-      out.push_back(static_cast<unsigned char>(p.h));
-      out.push_back(static_cast<unsigned char>(p.mi));
-      out.push_back(static_cast<unsigned char>(p.s));
-      out.push_back(0);
-      put32(out, static_cast<uint32_t>(p.us));
+      unsigned char *q = grow(out, 14);
+      store16(q, 12);
+      store16(q + 2, static_cast<uint16_t>(p.y));
+      q[4] = static_cast<unsigned char>(p.mo);
+      q[5] = static_cast<unsigned char>(p.d);
+      q[6] = static_cast<unsigned char>(p.h);
+      q[7] = static_cast<unsigned char>(p.mi);
+      q[8] = static_cast<unsigned char>(p.s);
+      q[9] = 0;
+      store32(q + 10, static_cast<uint32_t>(p.us));
     }
     return;
   }
@@ -716,6 +722,19 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
     unsigned char *dst = grow(out, 2 + std::min<size_t>(n, 65534) + 1) + 2;
     size_t len = 0;
     for (size_t i = 0; i < n && len < 65534;) {
+      // A run of ASCII bytes other than zero is copied as it is, eight bytes
+      // at a time while no byte has its high bit set or is zero.
+      size_t end = i, max = std::min(n, i + (65534 - len));
+      for (uint64_t w; end + 8 <= max; end += 8) {
+        memcpy(&w, txt + end, 8);
+        const uint64_t high = 0x8080808080808080ull, ones = 0x0101010101010101ull;
+        if ((w & high) || ((w - ones) & ~w & high)) break;
+      }
+      while (end < max && txt[end] != 0 && txt[end] < 0x80) ++end;
+      memcpy(dst + len, txt + i, end - i);
+      len += end - i;
+      i = end;
+      if (i >= n || len >= 65534) break;
       unsigned char c = txt[i] < 0x80 ? txt[i++] : next_latin1(txt, n, i);
       if (c == 0) break;
       dst[len++] = c;

@@ -8,6 +8,7 @@
 #include "server/types.h"
 
 #include <random>
+#include <sqlite3.h>
 
 namespace exectest {
 namespace {
@@ -156,6 +157,40 @@ TEST(TypesUnit, ConversionsAndForeignDeclarations) {
   EXPECT_EQ(type_from_declaration("BIGINT").code, TYPE_INTEGER);
   EXPECT_EQ(type_from_declaration("double").code, TYPE_FLOAT);
   EXPECT_EQ(type_from_declaration("BINARY(8)").size, 8);
+}
+
+// A text value in the answer: its length word, the Latin-1 bytes and a zero,
+// cut at a zero byte and at 65534 bytes; ASCII runs, 8-byte steps and
+// multi-byte characters around their borders give the same bytes as a
+// character-by-character conversion.
+TEST(TypesUnit, TextValuesAreConvertedAndCutInTheAnswer) {
+  sqlite3 *db = nullptr;
+  ASSERT_EQ(sqlite3_open(":memory:", &db), SQLITE_OK);
+  sqlite3_stmt *st = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(db, "SELECT ?", -1, &st, nullptr), SQLITE_OK);
+  auto answer_of = [&](const std::string &utf8) {
+    sqlite3_reset(st);
+    sqlite3_bind_text(st, 1, utf8.data(), int(utf8.size()), SQLITE_TRANSIENT);
+    EXPECT_EQ(sqlite3_step(st), SQLITE_ROW);
+    std::vector<unsigned char> out = {'x'};
+    type_append_value(out, ColType{TYPE_CHARACTER, 0}, st, 0);
+    size_t len = out[1] | out[2] << 8;
+    EXPECT_EQ(out.size(), 3 + len);
+    EXPECT_EQ(out.back(), 0);
+    return std::string(out.begin() + 3, out.end() - 1);
+  };
+  const std::string ae = "\xC3\xA4"; // UTF-8 of the Latin-1 byte E4
+  for (size_t at : {0u, 6u, 7u, 8u, 9u, 15u, 16u, 23u}) {
+    std::string in = std::string(at, 'a') + ae + std::string(20, 'b');
+    EXPECT_EQ(answer_of(in), std::string(at, 'a') + "\xE4" + std::string(20, 'b')) << at;
+    std::string zero = std::string(at, 'a') + std::string(1, '\0') + "cd";
+    EXPECT_EQ(answer_of(zero), std::string(at, 'a')) << "cut at the zero byte " << at;
+  }
+  EXPECT_EQ(answer_of(std::string(70000, 'z')), std::string(65534, 'z'));
+  EXPECT_EQ(answer_of(std::string(65533, 'z') + ae + ae), std::string(65533, 'z') + "\xE4");
+  EXPECT_EQ(answer_of(""), "");
+  sqlite3_finalize(st);
+  sqlite3_close(db);
 }
 
 // The detail dialog sends every shown text (numbers, dates, times,
