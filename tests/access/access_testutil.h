@@ -14,27 +14,12 @@
 #include <string>
 
 #include "base/msg.h"
+#include "tests/msg_capture.h"
 #include "db/access/session.h"
 
 namespace access_test {
 
-inline std::string g_captured;
-
-// Collects every message printed while it lives.
-class Capture {
-public:
-  Capture() : old_(msg_set_handler([](const char *t) { g_captured += t; })) { g_captured.clear(); }
-  ~Capture() { msg_set_handler(old_); }
-  // What was printed since the last take.
-  std::string take() {
-    std::string t;
-    t.swap(g_captured);
-    return t;
-  }
-
-private:
-  MsgHandler old_;
-};
+using testmsg::Capture;
 
 // Makes a fresh temporary directory the current directory while it lives.
 class ScratchDir {

@@ -8,23 +8,11 @@
 #include <string>
 
 #include "base/msg.h"
+#include "tests/msg_capture.h"
 
 namespace base_test {
 
-inline std::string g_out;
-
-// Collects every message printed while it lives into g_out.
-struct Capture {
-  MsgHandler old;
-  Capture() : old(msg_set_handler([](const char *t) { g_out += t; })) { g_out.clear(); }
-  ~Capture() { msg_set_handler(old); }
-  // What was printed since the last take.
-  std::string take() {
-    std::string t;
-    t.swap(g_out);
-    return t;
-  }
-};
+using testmsg::Capture;
 
 inline void to_stderr() {
   msg_set_handler([](const char *t) { std::fputs(t, stderr); });

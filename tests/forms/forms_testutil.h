@@ -4,6 +4,7 @@
 #pragma once
 
 #include "base/msg.h"
+#include "tests/msg_capture.h"
 #include "forms/dialogs.h"
 #include "tests/qt_env.h"
 
@@ -14,20 +15,7 @@
 
 namespace forms_test {
 
-inline std::string g_out;
-
-// Collects every message printed while it lives into g_out.
-struct Capture {
-  MsgHandler old;
-  Capture() : old(msg_set_handler([](const char *t) { g_out += t; })) { g_out.clear(); }
-  ~Capture() { msg_set_handler(old); }
-  // What was printed since the last take.
-  std::string take() {
-    std::string t;
-    t.swap(g_out);
-    return t;
-  }
-};
+using testmsg::Capture;
 
 // Sends messages and the boxes' titles and texts to standard error.
 inline void to_stderr() {
