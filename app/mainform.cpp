@@ -101,6 +101,28 @@ void end_level(DBSESSION *session) {
   if (!dbend(session)) fl_show_message("Funktion 'dbend' lieferte Fehler", "", "");
 }
 
+// Opens a BEGIN level for one of the user's statements; false (with the
+// message shown) when there is no database connection.
+bool begin_level(DBSESSION *session) {
+  if (dbbegin(session)) return true;
+  fl_show_message("Datenbankverbindung nicht vorhanden", "", "");
+  return false;
+}
+
+// Runs a statement the user typed or built. True with its result in
+// *result (the caller clears it and ends the level); false after telling the
+// user that it failed and ending the level. A statement the client's parser
+// refused counts as failed too: the user must learn that it did not run.
+bool run_typed(DBSESSION *session, const std::string &stmt, DBRESULT **result) {
+  *result = nullptr;
+  int outcome = 0;
+  if (dbexec1(session, stmt.c_str(), result, &outcome) && outcome != DBOUT_REFUSED) return true;
+  dbclear(session, *result);
+  fl_show_message("Abfrage konnte nicht erfolgreich durchgeführt werden", "", "");
+  end_level(session);
+  return false;
+}
+
 } // namespace
 
 std::string zentiq_row_text(const std::vector<std::string> &values) {
@@ -185,10 +207,7 @@ void zentiq_run_select(FL_OBJECT *, long) {
   ZqApp &app = zentiq_app();
   ZqMainForm &m = app.main;
   DBSESSION *session = app.session;
-  if (!dbbegin(session)) {
-    fl_show_message("Datenbankverbindung nicht vorhanden", "", "");
-    return;
-  }
+  if (!begin_level(session)) return;
   // Raw texts first: fl_get_input's buffer is reused by the next call.
   std::string raw_table = fl_get_input(m.table);
   std::string raw_attr = fl_get_input(m.attributes);
@@ -206,15 +225,7 @@ void zentiq_run_select(FL_OBJECT *, long) {
   stmt += ";";
 
   DBRESULT *result = nullptr;
-  int outcome = 0;
-  // A statement the client's parser refused counts as failed here too: the
-  // user typed it and must learn that it did not run.
-  if (!dbexec1(session, stmt.c_str(), &result, &outcome) || outcome == DBOUT_REFUSED) {
-    dbclear(session, result);
-    fl_show_message("Abfrage konnte nicht erfolgreich durchgeführt werden", "", "");
-    end_level(session);
-    return;
-  }
+  if (!run_typed(session, stmt, &result)) return;
   if (zentiq_store_add_select(raw_table, raw_attr, raw_where)) fl_set_button(m.sel_saved, 0);
   fill_result(session, result);
   dbclear(session, result);
@@ -225,10 +236,7 @@ void zentiq_run_sql(FL_OBJECT *, long) {
   ZqApp &app = zentiq_app();
   ZqMainForm &m = app.main;
   DBSESSION *session = app.session;
-  if (!dbbegin(session)) {
-    fl_show_message("Datenbankverbindung nicht vorhanden", "", "");
-    return;
-  }
+  if (!begin_level(session)) return;
   std::string raw = fl_get_input(m.sql);
   std::string text = zentiq_strip_newlines(raw.c_str());
   if (zentiq_is_blank(text.c_str())) {
@@ -238,15 +246,7 @@ void zentiq_run_sql(FL_OBJECT *, long) {
   }
   std::string stmt = text + ";";
   DBRESULT *result = nullptr;
-  int outcome = 0;
-  // A statement the client's parser refused counts as failed here too: the
-  // user typed it and must learn that it did not run.
-  if (!dbexec1(session, stmt.c_str(), &result, &outcome) || outcome == DBOUT_REFUSED) {
-    dbclear(session, result);
-    fl_show_message("Abfrage konnte nicht erfolgreich durchgeführt werden", "", "");
-    end_level(session);
-    return;
-  }
+  if (!run_typed(session, stmt, &result)) return;
   if (zentiq_store_add_sql(raw)) fl_set_button(m.sql_saved, 0);
   std::vector<char> word(stmt.begin(), stmt.end());
   word.push_back('\0');
