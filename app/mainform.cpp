@@ -267,6 +267,7 @@ void zentiq_set_database(FL_OBJECT *, long) {
   if (!dbstatus(app.session) || !code || !*code) return;
   std::string stmt = std::string("SET DATABASE ") + code + ";";
   DBRESULT *r = DBexec(app.session->connection, stmt.c_str());
+  if (DBresult_status(r) == DBRES_TRANSPORT) db_transport_fatal();
   if (!r) return;
   if (DBresult_status(r) != DBRES_DONE)
     fl_show_message("Fehler beim Ändern der Datenbank!", DBresult_error(r), "");

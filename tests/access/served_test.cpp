@@ -34,7 +34,7 @@ protected:
   void SetUp() override {
     if (!server) GTEST_SKIP() << "no TAVRIN server could be started";
     setenv("TAVRIN_NAMESPACE", server->ns().c_str(), 1);
-    db_reset_depth();
+    db_reset_depth_for_test();
     ASSERT_EQ(dbinit(&s, "DBSQL/demo"), 1);
   }
   void TearDown() override {

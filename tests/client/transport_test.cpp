@@ -13,6 +13,8 @@
 #include "db/ipc/named.h"
 #include "tests/ipc/ipc_testutil.h"
 
+#include <gmock/gmock.h>
+
 #include <chrono>
 #include <cstring>
 #include <sys/mman.h>
@@ -22,6 +24,10 @@
 
 using namespace ipctest;
 using ct::Bytes;
+using ::testing::AnyOf;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 using ct::operator+;
 
 namespace {
@@ -332,7 +338,7 @@ TEST_F(Transport, ErrorAnswersOfConnectionCommands) {
   char name[] = "demo";
   DBCONN *c = DBconnect(name);
   EXPECT_EQ(DBstatus(c), 1);
-  EXPECT_STREQ(DBerrormessage(c), "(srv) Kaputt");
+  EXPECT_STREQ(DBerrormessage(c), "(srv) Kaputt\n"); // the line feed is added
   DBconn_free(c);
   c = DBconnect(name);
   EXPECT_EQ(DBstatus(c), 1);
@@ -344,7 +350,7 @@ TEST_F(Transport, ErrorAnswersOfConnectionCommands) {
   EXPECT_EQ(DBstatus(c), 1);
   EXPECT_STREQ(DBerrormessage(c), "(DBdropdb) Result error message missing\n");
   EXPECT_EQ(DBreset(c), 0);
-  EXPECT_STREQ(DBerrormessage(c), "(srv) Weg");
+  EXPECT_STREQ(DBerrormessage(c), "(srv) Weg\n");
   EXPECT_EQ(join_within(srv, 10000), 0);
   DBconn_free(c);
 
@@ -356,23 +362,51 @@ TEST_F(Transport, ErrorAnswersOfConnectionCommands) {
   EXPECT_NE(ct::printed.find("DBsend: No data to send\n"), std::string::npos);
 }
 
-using TransportDeathTest = Transport;
-
-TEST_F(TransportDeathTest, ServerGoneDuringConnectEndsTheProcess) {
+TEST_F(Transport, AFailedExchangeLeavesStatusSixAndTheTextAndNeverEndsTheProcess) {
   pid_t srv = stand([](Stand &s) {
     if (!s.handshake(2)) return 1;
     // Take the request, then die without answering.
     s.server.wait(10000);
     return 0;
   });
-  EXPECT_EXIT(
-      {
-        msg_set_handler([](const char *t) { std::fputs(t, stderr); });
-        char name[] = "demo";
-        DBconnect(name);
-      },
-      ::testing::ExitedWithCode(1), "client write: Data missing|DBrecv: No data received");
+  char name[] = "demo";
+  DBCONN *c = DBconnect(name);
+  EXPECT_EQ(DBstatus(c), DBCONN_IO);
+  EXPECT_THAT(DBerrormessage(c), AnyOf(StartsWith("client write: Data missing (expected "),
+                                       EndsWith("DBrecv: No data received\n")));
+  EXPECT_THAT(ct::printed, HasSubstr(DBerrormessage(c)));
+  DBconn_free(c);
   join_within(srv, 5000);
+}
+
+TEST_F(Transport, ASecondConnectRefusesTheFirstConnectionsRequests) {
+  pid_t srv = stand([](Stand &s) {
+    if (!s.handshake(1) || !s.reply(1, Bytes{'1'})) return 1;
+    if (!s.handshake(2) || !s.reply(2, Bytes{'1'})) return 2;
+    // Only the second connection's requests arrive: its drop and close.
+    Bytes drop = s.receive();
+    if (drop.size() < 2 || drop[0] != '4' || !s.send(2, framed(Bytes{'1'}), 10012)) return 3;
+    if (s.receive() != Bytes{'2'}) return 4;
+    return s.log->chunk_channel[s.log->chunks - 1] == 2 ? 0 : 5;
+  });
+  char name[] = "demo";
+  DBCONN *first = DBconnect(name);
+  ASSERT_EQ(DBstatus(first), DBCONN_OK);
+  DBCONN *second = DBconnect(name);
+  ASSERT_EQ(DBstatus(second), DBCONN_OK);
+  ct::printed.clear();
+  EXPECT_EQ(DBreset(first), 0);
+  EXPECT_EQ(DBstatus(first), DBCONN_FAILED);
+  EXPECT_STREQ(DBerrormessage(first),
+               "(DBreset) Connection was replaced by a later connect of this process\n");
+  EXPECT_EQ(DBdropdb(first), 0);
+  DBfinish(first); // sends nothing and leaves the second connection's transport open
+  EXPECT_EQ(ct::printed, "");
+  EXPECT_EQ(DBdropdb(second), 1);
+  EXPECT_EQ(join_within(srv, 10000), 0);
+  DBconn_free(first);
+  DBfinish(second);
+  DBconn_free(second);
 }
 
 } // namespace
