@@ -184,56 +184,64 @@ struct DyingServer : tavrind::RequestHandler {
   }
 };
 
-pid_t start_dying_server(int die_at) {
-  ipctest::fresh_namespace();
-  ipctest::Gate ready;
-  pid_t pid = ipctest::spawn([&] {
-    alarm(60);
-    DyingServer handler(die_at);
-    tavrind::ProtocolServer server(handler);
-    if (!server.start()) return 3;
-    ready.open_gate();
-    server.run();
-    return 0;
-  });
-  EXPECT_TRUE(ready.pass());
-  return pid;
-}
+// The server in a child process; ended at the end of the scope, so that a
+// failing assertion leaves no server behind.
+struct DyingServerProcess {
+  pid_t pid = -1;
+  explicit DyingServerProcess(int die_at) {
+    ipctest::fresh_namespace();
+    ipctest::Gate ready;
+    pid = ipctest::spawn([&] {
+      alarm(60);
+      DyingServer handler(die_at);
+      tavrind::ProtocolServer server(handler);
+      if (!server.start()) return 3;
+      ready.open_gate();
+      server.run();
+      return 0;
+    });
+    EXPECT_TRUE(ready.pass());
+  }
+  ~DyingServerProcess() {
+    if (pid > 0) kill(pid, SIGKILL);
+    ipctest::join_within(pid, 10000);
+    unsetenv("TAVRIN_NAMESPACE");
+  }
+};
 
 TEST(TransportLossDeathTest, TheSessionLayerEndsTheProgramTheClientLibraryDoesNot) {
   const char *lost = "client write: Data missing \\(expected|DBrecv: No data received";
-  // The server ends while the database is opened.
-  pid_t srv = start_dying_server(0);
   DBSESSION *s = nullptr;
-  EXPECT_FATAL(dbinit(&s, "DBSQL/demo"), lost);
-  ipctest::join_within(srv, 10000);
-
-  // It ends at the first statement: the session layer stops the program.
-  srv = start_dying_server(1);
-  ASSERT_EQ(dbinit(&s, "DBSQL/demo"), 1);
-  db_reset_depth_for_test();
-  EXPECT_FATAL(dbbegin(s), lost);
-  EXPECT_FATAL(dbexec1(s, "SELECT * FROM KUNDE", nullptr, nullptr), lost);
-  ipctest::join_within(srv, 10000);
-  // A caller of the client library gets the failure with the printed text
-  // and goes on.
-  Capture cap;
-  DBRESULT *r = DBexec(s->connection, "SELECT * FROM KUNDE");
-  EXPECT_EQ(DBresult_status(r), DBRES_TRANSPORT);
-  EXPECT_EQ(cap.take(), DBresult_error(r));
-  DBclear(r);
-  dbclose(s);
-
-  // dbclose finishes the connection whatever the last status said (a
-  // refused command leaves status 1 on an open connection).
-  srv = start_dying_server(-1);
-  ASSERT_EQ(dbinit(&s, "DBSQL/demo"), 1);
-  s->connection->status = DBCONN_FAILED;
-  dbclose(s);
-  EXPECT_EQ(DBcomm_ready(), 0);
-  kill(srv, SIGTERM);
-  ipctest::join_within(srv, 10000);
-  unsetenv("TAVRIN_NAMESPACE");
+  {
+    // The server ends while the database is opened.
+    DyingServerProcess srv(0);
+    EXPECT_FATAL(dbinit(&s, "DBSQL/demo"), lost);
+  }
+  {
+    // It ends at the first statement: the session layer stops the program.
+    DyingServerProcess srv(1);
+    ASSERT_EQ(dbinit(&s, "DBSQL/demo"), 1);
+    db_reset_depth_for_test();
+    EXPECT_FATAL(dbbegin(s), lost);
+    EXPECT_FATAL(dbexec1(s, "SELECT * FROM KUNDE", nullptr, nullptr), lost);
+    // A caller of the client library gets the failure with the printed
+    // text and goes on.
+    Capture cap;
+    DBRESULT *r = DBexec(s->connection, "SELECT * FROM KUNDE");
+    EXPECT_EQ(DBresult_status(r), DBRES_TRANSPORT);
+    EXPECT_EQ(cap.take(), DBresult_error(r));
+    DBclear(r);
+    dbclose(s);
+  }
+  {
+    // dbclose finishes the connection whatever the last status said (a
+    // refused command leaves status 1 on an open connection).
+    DyingServerProcess srv(-1);
+    ASSERT_EQ(dbinit(&s, "DBSQL/demo"), 1);
+    s->connection->status = DBCONN_FAILED;
+    dbclose(s);
+    EXPECT_EQ(DBcomm_ready(), 0);
+  }
 }
 
 } // namespace
