@@ -192,7 +192,7 @@ int help_atclose(FL_FORM *, void *) {
 
 void build_dialog() {
   FL_FORM *form = fl_begin_form(0, 560, 440);
-  // Without its dialog the help cannot be shown at all: fatal by design.
+  // Fails only before the toolkit has its application, a programming error: fatal by design.
   if (!form) msg_fatal("(myfl_open_help) Cannot create the help dialog\n");
   fl_add_box(FL_UP_BOX, 0, 0, 560, 440, "");
   g_dialog.form = form;
