@@ -194,13 +194,17 @@ int zentiq_is_blank(const char *text) {
   return 1;
 }
 
-int zentiq_is_query(char *statement) {
-  char *p = statement;
-  while (*p && std::isspace(static_cast<unsigned char>(*p))) ++p;
-  char *word = p;
-  for (; *p && !std::isspace(static_cast<unsigned char>(*p)); ++p)
-    *p = static_cast<char>(std::toupper(static_cast<unsigned char>(*p)));
-  return std::strncmp(word, "SELECT", 6) == 0 || std::strncmp(word, "SHOW", 4) == 0;
+int zentiq_is_query(std::string_view statement) {
+  size_t i = 0;
+  while (i < statement.size() && std::isspace(static_cast<unsigned char>(statement[i]))) ++i;
+  // The first word, compared without regard to case; the text stays as it is.
+  auto starts_with = [&](std::string_view word) {
+    if (statement.size() - i < word.size()) return false;
+    for (size_t k = 0; k < word.size(); ++k)
+      if (std::toupper(static_cast<unsigned char>(statement[i + k])) != word[k]) return false;
+    return true;
+  };
+  return starts_with("SELECT") || starts_with("SHOW") ? 1 : 0;
 }
 
 void zentiq_run_select(FL_OBJECT *, long) {
@@ -248,9 +252,7 @@ void zentiq_run_sql(FL_OBJECT *, long) {
   DBRESULT *result = nullptr;
   if (!run_typed(session, stmt, &result)) return;
   if (zentiq_store_add_sql(raw)) fl_set_button(m.sql_saved, 0);
-  std::vector<char> word(stmt.begin(), stmt.end());
-  word.push_back('\0');
-  if (zentiq_is_query(word.data()))
+  if (zentiq_is_query(stmt))
     fill_result(session, result);
   else
     fl_show_message("Die Abfrage wurde erfolgreich durchgeführt", "", "");
@@ -265,6 +267,7 @@ void zentiq_set_database(FL_OBJECT *, long) {
   if (!dbstatus(app.session) || !code || !*code) return;
   std::string stmt = std::string("SET DATABASE ") + code + ";";
   DBRESULT *r = DBexec(app.session->connection, stmt.c_str());
+  if (DBresult_status(r) == DBRES_TRANSPORT) db_transport_fatal();
   if (!r) return;
   if (DBresult_status(r) != DBRES_DONE)
     fl_show_message("Fehler beim Ändern der Datenbank!", DBresult_error(r), "");

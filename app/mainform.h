@@ -9,6 +9,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "forms/forms.h"
 
@@ -23,9 +24,9 @@ void zentiq_run_select(FL_OBJECT *obj, long argument);
 // rows of SELECT and SHOW statements fill the result tabbox, other commands
 // answer "Die Abfrage wurde erfolgreich durchgeführt".
 void zentiq_run_sql(FL_OBJECT *obj, long argument);
-// 1 when the statement's first word (upper-cased in place) begins with
-// SELECT or SHOW.
-int zentiq_is_query(char *statement);
+// 1 when the statement's first word begins with SELECT or SHOW, in any
+// case. The text is only read.
+int zentiq_is_query(std::string_view statement);
 // The text without any two-character sequence backslash, "n".
 std::string zentiq_strip_newlines(const char *text);
 // 1 when every character is white space (also for the empty text).

@@ -46,6 +46,7 @@ void init_database_combo() {
   }
   std::string list, chosen;
   DBRESULT *r = DBexec(app.session->connection, "SHOW DATABASES;");
+  if (DBresult_status(r) == DBRES_TRANSPORT) db_transport_fatal();
   if (!r) {
     fl_show_message("Fehler beim Ändern der Datenbank!", DBerrormessage(app.session->connection),
                     "");

@@ -25,6 +25,7 @@ const char *const kEmptyCode = "    ";
 
 MYFL_CMB *lookup(FL_OBJECT *obj, const char *fn) {
   auto it = g_registry.find(obj);
+  // Programming error (a call the code must never make): fatal by design.
   if (it == g_registry.end()) msg_fatal("(%s) Cmb not defined\n", fn);
   return it->second;
 }
@@ -42,6 +43,7 @@ bool same_code(const std::string &a, const std::string &b) { return rtrim(a) == 
 
 void add_entry(MYFL_CMB *c, const std::string &text, const std::string &code, const char *fn,
                const std::string &parent_code = std::string()) {
+  // More keys than a combo box can hold: fatal by design.
   if (static_cast<int>(c->texts.size()) >= MYFL_CMB_MAX)
     msg_fatal("(%s) Too many keys (max = %d)\n", fn, MYFL_CMB_MAX);
   c->order.push_back(static_cast<int>(c->texts.size()));
@@ -52,8 +54,10 @@ void add_entry(MYFL_CMB *c, const std::string &text, const std::string &code, co
 
 // Registers a new combo box under its input and button.
 MYFL_CMB *create(FL_FORM *form, FL_OBJECT *input, FL_OBJECT *button, int no_empty, const char *fn) {
+  // Programming error (a call the code must never make): fatal by design.
   if (!input) msg_fatal("(%s) Cmb not defined\n", fn);
   fl_set_input_return(input, FL_RETURN_CHANGED);
+  // Programming error (a call the code must never make): fatal by design.
   if (g_registry.count(input)) msg_fatal("(%s) Cmb already defined\n", fn);
   if (button && g_registry.count(button)) msg_fatal("(%s) Cmb (button) already defined\n", fn);
   auto c = std::make_unique<MYFL_CMB>();

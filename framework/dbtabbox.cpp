@@ -35,6 +35,7 @@ std::map<FL_OBJECT *, std::unique_ptr<MYFL_TABBOX, MgrDeleter>> &registry() {
 }
 
 void default_fatal(int) {
+  // Without an application routine: the set-up failure stops the program by design.
   msg_fatal("Error occurred (data is saved)! Please restart the application!\n");
 }
 
@@ -45,18 +46,21 @@ bool g_sort_warned = false;
 // routine returns.
 [[noreturn]] void fatal_stop() {
   g_fatal(1);
+  // Ends the program even when the application's routine returned.
   msg_exit_fatal();
 }
 
 // The management record of tabbox; a miss ends the program with fn's text.
 MYFL_TABBOX *lookup(FL_OBJECT *tabbox, const char *fn) {
   MYFL_TABBOX *m = myfl_find_tabbox(tabbox);
+  // Programming error (a call the code must never make): fatal by design.
   if (!m) msg_fatal("(%s) Tabbox not defined\n", fn);
   return m;
 }
 
 MYFL_TABBOX *lookup_db(FL_OBJECT *tabbox, const char *fn) {
   MYFL_TABBOX *m = lookup(tabbox, fn);
+  // Programming error (a call the code must never make): fatal by design.
   if (!m->db) msg_fatal("(%s) Tabbox is no database tabbox\n", fn);
   return m;
 }
@@ -329,6 +333,7 @@ int myfl_split_fields(const char *text, std::vector<std::string> *fields, const 
     if (cur.size() < kFieldMax) cur.push_back(c);
   };
   auto finish = [&] {
+    // A line with more columns than a tabbox can have: fatal by design.
     if (fields->size() >= static_cast<size_t>(MYFL_MAX_COLS))
       msg_fatal("(%s) Too many columns (max = %d)\n", fn, MYFL_MAX_COLS);
     fields->push_back(cur);
@@ -355,7 +360,9 @@ int myfl_split_fields(const char *text, std::vector<std::string> *fields, const 
 
 MYFL_TABBOX *init_tabbox(FL_FORM *form, FL_OBJECT *tabbox, FL_OBJECT *slider, const char *name,
                          MYFL_TITLE_FUNC title) {
+  // Programming error (a call the code must never make): fatal by design.
   if (myfl_find_tabbox(tabbox)) msg_fatal("(init_tabbox) Tabbox already defined\n");
+  // Programming error (a call the code must never make): fatal by design.
   if (slider)
     for (auto &e : registry())
       if (e.second->slider == slider) msg_fatal("(init_tabbox) Slider already defined\n");
@@ -451,6 +458,7 @@ const char *myfl_get_tabbox_name(FL_OBJECT *tabbox) {
 }
 void myfl_set_tabbox_data_def_types(FL_OBJECT *tabbox, int n, const int *types) {
   MYFL_TABBOX *m = lookup(tabbox, "myfl_set_tabbox_data_def_types");
+  // Programming error (a call the code must never make): fatal by design.
   if (n > MYFL_MAX_COLS)
     msg_fatal("(myfl_set_tabbox_data_def_types) Too many columns (max = %d)\n", MYFL_MAX_COLS);
   m->types.assign(types, types + std::max(n, 0));
@@ -474,6 +482,7 @@ int myfl_addto_tabbox_line(FL_OBJECT *tabbox, const char *text, void *record) {
 
 int myfl_replace_tabbox_line(FL_OBJECT *tabbox, const char *text, void *record) {
   MYFL_TABBOX *m = lookup(tabbox, "myfl_replace_tabbox_line");
+  // Programming error (a call the code must never make): fatal by design.
   if (!m->table_new) msg_fatal("(myfl_replace_tabbox_line) TABLE_New() not defined\n");
   int idx = selected_entry(m);
   if (idx == 0) return 0;
@@ -502,6 +511,7 @@ int myfl_replace_tabbox_line(FL_OBJECT *tabbox, const char *text, void *record) 
 
 int myfl_replace_tabbox_line_idx_1(FL_OBJECT *tabbox, const char *text, void *record) {
   MYFL_TABBOX *m = lookup(tabbox, "myfl_replace_tabbox_line_idx_1");
+  // Programming error (a call the code must never make): fatal by design.
   if (!m->table_data) msg_fatal("(myfl_replace_tabbox_line_idx_1) TABLE_Data not defined\n");
   if (m->lines.empty()) return 0;
   MYFL_TABBOX_LINE &l = m->lines[0];
@@ -669,6 +679,7 @@ int myfl_load_db_tabbox(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE_FUNC li
     rebuild(m, nullptr);
     return 0;
   } else {
+    // Programming error (a call the code must never make): fatal by design.
     if (!m->table_new) msg_fatal("(myfl_load_db_tabbox) TABLE_New() not defined\n");
     void *record = m->table_new();
     while (next && next(table, session, record))
@@ -793,6 +804,7 @@ void myfl_enabled_tabbox_sort(FL_OBJECT *tabbox, int on) {
 
 int _Sort_tabbox(FL_OBJECT *tabbox) {
   MYFL_TABBOX *m = lookup(tabbox, "_Sort_tabbox");
+  // Programming error (a call the code must never make): fatal by design.
   if (!m->sort) msg_fatal("(_Sort_tabbox) Sortfunc not defined\n");
   if (m->lines.size() < 2) return 1;
   std::vector<MYFL_TABBOX_LINE> rest(std::make_move_iterator(m->lines.begin() + 1),

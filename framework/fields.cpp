@@ -23,6 +23,7 @@ struct Field {
 std::map<FL_OBJECT *, Field> g_fields;
 
 void register_field(FL_OBJECT *obj, int kind, const char *fn) {
+  // Programming error (a call the code must never make): fatal by design.
   if (!obj) msg_fatal("(%s) Bad argument\n", fn);
   if (g_fields.count(obj)) msg_fatal("(%s) Callback already defined\n", fn);
   Field f;

@@ -18,6 +18,7 @@ bool g_installed = false;
 MYFL_FORMINFO *record(FL_FORM *form, const char *fn, bool fatal) {
   MYFL_FORMINFO *info = myfl_get_forminfo(form);
   if (info) return info;
+  // Programming error (a call the code must never make): fatal by design.
   if (fatal) msg_fatal("(%s) Form not found!\n", fn);
   msg_print("(%s) Form not found!\n", fn);
   return nullptr;
@@ -129,12 +130,14 @@ void myfl_define_focus_first(FL_FORM *form, FL_OBJECT *obj) {
 
 void myfl_define_focus_second(FL_FORM *form, FL_OBJECT *obj) {
   MYFL_FORMINFO *info = record(form, "myfl_define_focus_second", true);
+  // Programming error (a call the code must never make): fatal by design.
   if (!info->focus_first) msg_fatal("(myfl_define_focus_second) 'first' not defined!\n");
   info->focus_second = obj;
 }
 
 void myfl_define_focus_begin(FL_FORM *form, int n) {
   MYFL_FORMINFO *info = record(form, "yfl_define_focus_begin", true);
+  // Programming error (a call the code must never make): fatal by design.
   if (n >= 1 && !info->focus_first)
     msg_fatal("(myfl_define_focus_begin) Begin-count %d too big (max = 0)!\n", n);
   if (n > 1 && !info->focus_second)

@@ -192,6 +192,7 @@ int help_atclose(FL_FORM *, void *) {
 
 void build_dialog() {
   FL_FORM *form = fl_begin_form(0, 560, 440);
+  // Fails only before the toolkit has its application, a programming error: fatal by design.
   if (!form) msg_fatal("(myfl_open_help) Cannot create the help dialog\n");
   fl_add_box(FL_UP_BOX, 0, 0, 560, 440, "");
   g_dialog.form = form;
@@ -211,6 +212,7 @@ void build_dialog() {
 } // namespace
 
 void myfl_init_helpdialog(FL_FORM *form, FL_OBJECT *button, const char *key) {
+  // Programming error (a call the code must never make): fatal by design.
   for (const HelpButton &b : g_buttons)
     if (b.button == button)
       msg_fatal("(myfl_init_helpdialog) Helpdialog '%s' already defined\n", key ? key : "");

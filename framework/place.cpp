@@ -59,6 +59,7 @@ void myfl_free_forminfo(FL_FORM *form) { g_forms.erase(form); }
 
 void myfl_set_form_atclose(FL_FORM *form, FL_FORM_ATCLOSE fn, void *argument) {
   MYFL_FORMINFO *info = myfl_make_forminfo(form);
+  // Programming error (a call the code must never make): fatal by design.
   if (!info) msg_fatal("(myfl_set_form_atclose) Form-information not defined\n");
   info->atclose = fn;
   info->atclose_arg = argument;
@@ -66,8 +67,10 @@ void myfl_set_form_atclose(FL_FORM *form, FL_FORM_ATCLOSE fn, void *argument) {
 }
 
 void myfl_set_form_name(FL_FORM *form, int number, const char *name) {
+  // Programming error (a call the code must never make): fatal by design.
   if (!name) msg_fatal("(myfl_set_form_name) Form-name is missing!\n");
   MYFL_FORMINFO *info = myfl_make_forminfo(form);
+  // Programming error (a call the code must never make): fatal by design.
   if (!info) msg_fatal("(myfl_set_form_name) Form-information not defined\n");
   info->name = name;
   info->number = number;

@@ -475,6 +475,7 @@ void myfl_free_tabbox_dialogs() {
 void myfl_open_tabbox_settings(FL_OBJECT *tabbox) {
   myfl_create_tabbox_dialogs();
   MYFL_TABBOX *m = myfl_find_tabbox(tabbox);
+  // Programming error (a call the code must never make): fatal by design.
   if (!m) msg_fatal("(myfl_open_tabbox_settings) Tabbox not defined\n");
   g_dlg.tabbox = tabbox;
   g_set = ListData();

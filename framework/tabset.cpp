@@ -132,6 +132,7 @@ std::string myfl_tabbox_ini_line(const std::string &key, int vertical, int kz_db
 
 int myfl_save_tabbox_ini(FL_OBJECT *tabbox) {
   MYFL_TABBOX *m = myfl_find_tabbox(tabbox);
+  // Programming error (a call the code must never make): fatal by design.
   if (!m) msg_fatal("(myfl_save_tabbox_ini) Tabbox not defined\n");
   int slots = 0, *end, *order, *visible, nsort = 0, *cols, *dirs, maxwidth = -1, *colmax;
   if (!fl_get_tabbox_properties(tabbox, &slots, &end, &order, &visible, &nsort, &cols, &dirs,
@@ -201,6 +202,7 @@ void myfl_load_tabbox_ini(FL_OBJECT *tabbox) {
   const char *title = fl_get_tabbox_full_title(tabbox);
   int bounds =
       static_cast<int>(std::count(title, title + std::char_traits<char>::length(title), '|')) + 2;
+  // Programming error (a call the code must never make): fatal by design.
   if (bounds != slots) msg_fatal("error in tabbox definition (%s)!\n", name);
 
   // Display order: up to the first -1 of the saved slots, then the columns
@@ -261,6 +263,7 @@ void myfl_load_tabbox_ini(FL_OBJECT *tabbox) {
 
 void myfl_set_tabbox_colwidth_ini(FL_OBJECT *tabbox, int col, int width) {
   MYFL_TABBOX *m = myfl_find_tabbox(tabbox);
+  // Programming error (a call the code must never make): fatal by design.
   if (!m) msg_fatal("(myfl_set_tabbox_colwidth_ini) Tabbox not defined\n");
   std::string v;
   if (!plain_value(m, &v)) return;
@@ -288,6 +291,7 @@ void myfl_set_tabbox_colwidth_ini(FL_OBJECT *tabbox, int col, int width) {
 
 void myfl_clear_tabbox_colwidth_ini(FL_OBJECT *tabbox, int col) {
   MYFL_TABBOX *m = myfl_find_tabbox(tabbox);
+  // Programming error (a call the code must never make): fatal by design.
   if (!m) msg_fatal("(myfl_clear_tabbox_colwidth_ini) Tabbox not defined\n");
   std::string v;
   if (plain_value(m, &v) && remove_width_tokens(v, col)) put_plain(m, v);
@@ -295,6 +299,7 @@ void myfl_clear_tabbox_colwidth_ini(FL_OBJECT *tabbox, int col) {
 
 void myfl_clear_tabbox_colwidths_ini(FL_OBJECT *tabbox) {
   MYFL_TABBOX *m = myfl_find_tabbox(tabbox);
+  // Programming error (a call the code must never make): fatal by design.
   if (!m) msg_fatal("(myfl_clear_tabbox_colwidths_ini) Tabbox not defined\n");
   std::string v;
   if (plain_value(m, &v) && remove_width_tokens(v, -1)) put_plain(m, v);

@@ -29,9 +29,8 @@ struct FileCloser {
 using File = std::unique_ptr<std::FILE, FileCloser>;
 
 // The upper-cased name as an entry slot holds it.
-std::string entry_of(const char *name) {
-  std::string e(name ? name : "");
-  if (e.size() > ENTRY_MAX) e.resize(ENTRY_MAX);
+std::string entry_of(std::string_view name) {
+  std::string e(name.substr(0, ENTRY_MAX));
   for (char &c : e) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   return e;
 }
@@ -80,7 +79,7 @@ int dbcache_read() {
     while (read_line(f.get(), line)) {
       if (!first_word(line, word)) continue;
       if (g_entries.size() >= DBCACHE_MAX) break;
-      g_entries.push_back(entry_of(word.c_str()));
+      g_entries.push_back(entry_of(word));
       g_index.insert(g_entries.back());
     }
   }
@@ -118,14 +117,14 @@ void dbcache_enable() { g_disabled = false; }
 
 int dbcache_add(const char *table) {
   if (g_disabled || g_baseline.empty()) return 1;
-  std::string e = entry_of(table);
+  std::string e = entry_of(table ? table : "");
   if (g_index.count(e) || g_entries.size() >= DBCACHE_MAX) return 1;
   g_entries.push_back(e);
   g_index.insert(e);
   return 1;
 }
 
-int dbcache_contains(const char *table) {
+int dbcache_contains(std::string_view table) {
   if (g_baseline.empty() || g_entries.empty()) return 1;
   return g_index.count(entry_of(table)) ? 1 : 0;
 }

@@ -290,6 +290,7 @@ int ERROR_Do1(const ERRPARAM *p, std::string &text) {
     return 1;
   }
   default:
+    // Programming error (a call the code must never make): fatal by design.
     msg_fatal("(ERROR_Do1) Error: Unknown typeid '%d'!\n", p->type);
   }
 }

@@ -36,9 +36,7 @@ std::string format_statement(const char *fmt, ...) {
 
 // The connection's message, ending in a line feed like every message.
 std::string conn_text(const DBSESSION *s) {
-  std::string m = s && s->connection ? DBerrormessage(s->connection) : "";
-  if (!m.empty() && m.back() != '\n') m += '\n';
-  return m;
+  return s && s->connection ? DBerrormessage(s->connection) : "";
 }
 
 // The database name a connection string stands for.
@@ -63,6 +61,7 @@ int connect_session(DBSESSION *session, const char *s) {
   std::vector<char> mutable_name(name.begin(), name.end());
   mutable_name.push_back('\0');
   session->connection = DBconnect(mutable_name.data());
+  if (DBstatus(session->connection) == DBCONN_IO) db_transport_fatal();
   if (DBstatus(session->connection) == DBCONN_FAILED) {
     if (name.empty())
       msg_print("Connection to TAVRIN-database failed:\n");
@@ -75,9 +74,11 @@ int connect_session(DBSESSION *session, const char *s) {
 }
 
 // Ends the connection of a session, if it has one, and frees its record.
+// DBfinish also after a failed open or a lost connection: it sends the close
+// only on a channel that is still there and always gives the transport up.
 void disconnect_session(DBSESSION *session) {
   if (!session->connection) return;
-  if (session->connection->status == DBCONN_OK) DBfinish(session->connection);
+  DBfinish(session->connection);
   DBconn_free(session->connection);
   session->connection = nullptr;
 }
@@ -98,9 +99,16 @@ int reopen(DBSESSION *session) {
   return connect_session(session, s.c_str());
 }
 
+// The answer to a statement, unless sending or receiving failed: then the
+// program ends (db_transport_fatal).
+DBRESULT *checked(DBRESULT *res) {
+  if (DBresult_status(res) == DBRES_TRANSPORT) db_transport_fatal();
+  return res;
+}
+
 DBRESULT *send_text(DBSESSION *session, const std::string &text) {
   ++g_sent;
-  return DBexec(session->connection, text.c_str());
+  return checked(DBexec(session->connection, text.c_str()));
 }
 
 // The outcome handling shared by the change helpers and dbexec/dbexec1/
@@ -174,6 +182,7 @@ int bracket(DBSESSION *session, const char *command, const char *failed, const c
   // Back to the default action, so that a fault inside the clean-up cannot
   // come here again.
   std::signal(sig, SIG_DFL);
+  // The program's end on a fatal signal, after the usual clean-up.
   msg_fatal("Program stopped by signal %d.\n", sig);
 }
 
@@ -224,6 +233,7 @@ int dbstatus(const DBSESSION *session) {
 
 int dbcheck(DBSESSION *session) {
   if (!session || session->disabled || dbstatus(session)) return 1;
+  // Without its database the program cannot go on: fatal by design.
   if (!reopen(session)) msg_fatal("Database-connection lost!\n");
   return 1;
 }
@@ -239,6 +249,7 @@ void ARGV_GetDB_Name(char **argv, int argc, char *name) {
   for (int i = 1; i < argc; ++i) {
     if (!argv[i] || std::strncmp(argv[i], "-db", 3) != 0) continue;
     const char *rest = argv[i] + 3;
+    // A wrong command line stops the program before anything is opened.
     if (std::strlen(rest) > DBSESSION_NAME_MAX)
       msg_fatal("(ARGV_GetDB_Name) DB-name %s is too long (max. 19)\n", rest);
     std::strcpy(name, rest);
@@ -306,10 +317,14 @@ int dbrollback(DBSESSION *session) {
 }
 
 int db_depth() { return g_depth; }
-void db_reset_depth() { g_depth = 0; }
-long db_statements_sent() { return g_sent; }
+void db_reset_depth_for_test() { g_depth = 0; }
+long db_statements_sent_for_test() { return g_sent; }
 
+// The back-end failure path of the application: fatal by design.
 void db_backend_failure() { msg_fatal("BE-Error occurred! Please restart the application!\n"); }
+
+// The one place a lost transport ends the program (see session.h).
+void db_transport_fatal() { msg_exit_fatal(); }
 
 // ---- Statements -----------------------------------------------------------------
 
@@ -417,7 +432,7 @@ int dbbinexec1(DBSESSION *session, DBRESULT **result, int *outcome) {
     return 1;
   }
   ++g_sent;
-  DBRESULT *res = DBexec_request(session->connection);
+  DBRESULT *res = checked(DBexec_request(session->connection));
   if (!res) {
     msg_print("dbbinexec1 command failed:\n  %s", conn_text(session).c_str());
     if (outcome) *outcome = DBOUT_NONE;

@@ -56,11 +56,13 @@ enum : int {
 // ignored), "X/" the default database name, anything else the name s itself.
 // Returns 1 with *session set (owned by the caller, freed by dbclose); 0 with
 // the connection messages printed and *session null. The string and the
-// handle are remembered for re-opening.
+// handle are remembered for re-opening. A send or receive failure while the
+// database is opened ends the program (db_transport_fatal).
 int dbinit(DBSESSION **session, const char *s);
 
-// Closes the connection of an enabled session and frees the handle (null
-// allowed). The process-wide memory of the handle is forgotten.
+// Closes the connection of an enabled session (DBfinish, whatever the
+// connection's status) and frees the handle (null allowed). The
+// process-wide memory of the handle is forgotten.
 void dbclose(DBSESSION *session);
 
 // Application start-up: puts the environment variable DBSYS in front of
@@ -106,22 +108,27 @@ int dbrollback(DBSESSION *session);
 
 // The current depth of the BEGIN stack (negative after an underflow).
 int db_depth();
-// Sets the depth back to 0 (for a process that starts over, e.g. tests).
-void db_reset_depth();
-// Statements this process has sent through the session layer (BEGIN, END
-// and the rest), for diagnostics.
-long db_statements_sent();
 
 // The back-end failure path: "BE-Error occurred! Please restart the
 // application!\n" and exit status 1. For callers whose BEGIN or END level
 // failed.
 [[noreturn]] void db_backend_failure();
 
+// The program's answer to a lost transport: a send or receive failure ends
+// the program with exit status 1 after the registered clean-ups. The client
+// printed the failure's text when it happened ("DBrecv: No data received\n"
+// and its kin) and nothing more is printed here. This layer calls it for
+// every connect and statement; an application that calls DBexec directly
+// calls it when the result's status is DBRES_TRANSPORT.
+[[noreturn]] void db_transport_fatal();
+
 // ---- Statements -----------------------------------------------------------------
 // All: a disabled session gives outcome 3 and 1 without sending anything; the
 // result handed back (null then) belongs to the caller, who frees it with
 // dbclear. Returns 1 good, 0 failed (message printed). A statement refused
-// by the client's parser (outcome 4) prints its texts and counts as done.
+// by the client's parser (outcome 4) prints its texts and counts as done. A
+// send or receive failure ends the program (db_transport_fatal), so outcome
+// 5 never comes back from these helpers.
 
 // "DECLARE %s CURSOR FOR %s"; "CLOSE %s". The result is freed here.
 int dbdeclare(DBSESSION *session, const char *cursor, const char *select);
@@ -173,3 +180,13 @@ int dbfill_string(const DBSESSION *session, DBRESULT *result, int outcome, char 
 // The length of a value: this layer does not offer it. Prints
 // "(dbgetlength) Not yet implemented\n" and returns -1.
 int dbgetlength(const DBSESSION *session, const DBRESULT *result, int row, int column);
+
+// ---- For tests only -----------------------------------------------------------
+// Not part of the session layer's interface: hooks for test programs that
+// run many sessions one after another in one process.
+
+// Sets the BEGIN-stack depth back to 0.
+void db_reset_depth_for_test();
+// Statements this process has sent through the session layer (BEGIN, END
+// and the rest).
+long db_statements_sent_for_test();

@@ -2,6 +2,7 @@
 #include "db/client/connect.h"
 
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -10,6 +11,11 @@
 #include "db/client/transport.h"
 
 namespace {
+
+// The record whose handshake the process's transport carries; null when
+// none does (no connect yet, the record was finished or freed, the transport
+// was set up for something else).
+const DBCONN *g_live = nullptr;
 
 void set_message(DBCONN *c, const char *text) {
   std::strncpy(c->message, text, DBCONN_MESSAGE_SIZE - 1);
@@ -32,14 +38,17 @@ bool read_error_text(DBCONN *c, const unsigned char *ans, int len) {
   return true;
 }
 
-// Sends the request buffer and reads the answer into buf; a failure of
-// either ends the process with exit status 1 (the record cannot go on).
-// Returns the answer length.
-int exchange_or_die(DBCONN *c, unsigned char *buf, int size) {
+// Sends the request buffer and reads the answer into buf. Returns the answer
+// length, or -1 when either failed (status 6, the message says why).
+int exchange(DBCONN *c, unsigned char *buf, int size) {
   int len = 0;
-  if (!DBsend(c) || !DBrecv(c, buf, size, &len, nullptr, nullptr)) msg_exit_fatal();
+  if (!DBsend(c) || !DBrecv(c, buf, size, &len, nullptr, nullptr)) return -1;
   return len;
 }
+
+// A record with a channel that is not the one the transport carries: a later
+// connect of this process replaced it.
+bool replaced(const DBCONN *c) { return c->channel >= 0 && c != g_live; }
 
 // Builds the open request `command` with the record's database name.
 void build_open(unsigned char command, const DBCONN *c) {
@@ -62,11 +71,14 @@ DBCONN *DBconnect_open(char *database, int create) {
   for (char *p = database; *p; ++p)
     *p = static_cast<char>(std::toupper(static_cast<unsigned char>(*p)));
   c->database = strdup(database);
+  // Setting up the transport closes the one of the connection before.
+  g_live = nullptr;
   if (!DBcomm_init(DBCOMM_AREA_SIZE)) {
     set_message(c, "(TAVRIN) Communication initialisation error\n");
     c->status = DBCONN_FAILED;
     return c;
   }
+  g_live = c;
   c->channel = DBhandshake(5000);
   if (c->channel == DBHS_VERSION) {
     set_message(c, "(TAVRIN) Connect to database server failed (incompatible TAVRINDB version)\n");
@@ -80,7 +92,8 @@ DBCONN *DBconnect_open(char *database, int create) {
   }
   build_open(create ? '3' : '1', c);
   unsigned char buf[10000];
-  int len = exchange_or_die(c, buf, sizeof buf);
+  int len = exchange(c, buf, sizeof buf);
+  if (len < 0) return c;
   if (buf[0] == '0') {
     if (!read_error_text(c, buf, len)) set_message(c, "(DBconnect) Result error message missing\n");
     c->status = DBCONN_FAILED;
@@ -92,21 +105,44 @@ DBCONN *DBconnect_open(char *database, int create) {
 
 void DBconn_free(DBCONN *conn) {
   if (!conn) return;
+  if (g_live == conn) g_live = nullptr;
   std::free(conn->database);
   delete conn;
 }
 
 int DBstatus(const DBCONN *conn) { return conn->status; }
 
-const char *DBerrormessage(const DBCONN *conn) { return conn->message; }
+const char *DBerrormessage(DBCONN *conn) {
+  size_t n = strnlen(conn->message, DBCONN_MESSAGE_SIZE - 1);
+  conn->message[n] = 0;
+  if (n > 0 && conn->message[n - 1] != '\n') {
+    if (n == DBCONN_MESSAGE_SIZE - 1) --n;
+    conn->message[n] = '\n';
+    conn->message[n + 1] = 0;
+  }
+  return conn->message;
+}
+
+int DBconn_usable(DBCONN *conn, const char *who) {
+  if (!conn || conn->channel < 0 || !DBcomm_ready()) return 0;
+  if (!replaced(conn)) return 1;
+  std::snprintf(conn->message, DBCONN_MESSAGE_SIZE,
+                "(%s) Connection was replaced by a later connect of this process\n", who);
+  conn->status = DBCONN_FAILED;
+  return 0;
+}
 
 int DBsend(DBCONN *conn) {
   if (DBreq_length() == 0) {
     msg_print("DBsend: No data to send\n");
+    set_message(conn, "DBsend: No data to send\n");
     conn->status = DBCONN_IO;
     return 0;
   }
   if (!DBclient_write(conn->channel, DBreq_data(), static_cast<int>(DBreq_length()))) {
+    // The transport printed its reason when it had one.
+    const char *why = DBclient_error();
+    set_message(conn, *why ? why : "DBsend: Request not sent\n");
     conn->status = DBCONN_IO;
     return 0;
   }
@@ -118,6 +154,8 @@ int DBrecv(DBCONN *conn, void *buffer, int size, int *length, unsigned char **al
   int r = DBclient_read(conn->channel, buffer, size, alloc_buffer, alloc_length);
   if (r <= 0) {
     msg_print("DBrecv: No data received\n");
+    std::snprintf(conn->message, DBCONN_MESSAGE_SIZE, "%sDBrecv: No data received\n",
+                  DBclient_error());
     conn->status = DBCONN_IO;
     return 0;
   }
@@ -129,7 +167,7 @@ void DBclosedb(DBCONN *conn) {
   conn->message[0] = 0;
   // Without a transport or a channel there is nothing to close: the open
   // never reached the server.
-  if (!DBcomm_ready() || conn->channel < 0) return;
+  if (!DBcomm_ready() || conn->channel < 0 || replaced(conn)) return;
   DBreq_reset();
   DBreq_byte('2');
   DBsend(conn);
@@ -138,13 +176,17 @@ void DBclosedb(DBCONN *conn) {
 
 void DBfinish(DBCONN *conn) {
   DBclosedb(conn);
+  if (replaced(conn)) return;
   DBcomm_close();
+  g_live = nullptr;
 }
 
 int DBdropdb(DBCONN *conn) {
+  if (replaced(conn)) return DBconn_usable(conn, "DBdropdb");
   build_open('4', conn);
   unsigned char buf[10000];
-  int len = exchange_or_die(conn, buf, sizeof buf);
+  int len = exchange(conn, buf, sizeof buf);
+  if (len < 0) return 0;
   if (buf[0] != '0') {
     DBclosedb(conn);
     return 1;
@@ -156,10 +198,12 @@ int DBdropdb(DBCONN *conn) {
 }
 
 int DBreset(DBCONN *conn) {
+  if (replaced(conn)) return DBconn_usable(conn, "DBreset");
   DBclosedb(conn);
   build_open('1', conn);
   unsigned char buf[10000];
-  int len = exchange_or_die(conn, buf, sizeof buf);
+  int len = exchange(conn, buf, sizeof buf);
+  if (len < 0) return 0;
   if (buf[0] != '0') {
     conn->status = DBCONN_OK;
     return 1;
@@ -171,6 +215,7 @@ int DBreset(DBCONN *conn) {
 }
 
 int DBnotify_server() {
+  g_live = nullptr;
   if (!DBcomm_init(DBCOMM_AREA_SIZE)) return 0;
   int channel = DBhandshake(5000);
   if (channel < 0) return 0;

@@ -1,12 +1,12 @@
 // DBexec and the prebuilt-request variant (see exec.h).
 #include "db/client/exec.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 
-#include "base/msg.h"
 #include "db/client/answer.h"
 #include "db/client/parser.h"
 #include "db/client/reqbuf.h"
@@ -22,20 +22,25 @@ struct FreeDeleter {
   void operator()(unsigned char *p) const { std::free(p); }
 };
 
-// A connection can carry statements once its handshake gave it a channel and
-// until its transport is closed; the status only tells how the last
-// operation went (a refused DBdropdb leaves a usable connection).
-bool usable(const DBCONN *conn) { return conn && conn->channel >= 0 && DBcomm_ready(); }
+// A result of status DBRES_TRANSPORT carrying the connection's message (the
+// text DBsend or DBrecv left there).
+DBRESULT *transport_failure(DBCONN *conn) {
+  DBRESULT *res = DBresult_new();
+  res->status = DBRES_TRANSPORT;
+  std::snprintf(res->message, DB_MSG_SIZE, "%s", conn->message);
+  return res;
+}
 
 // Sends the request buffer, receives the answer and decodes it into a new
-// result. A transport failure is fatal: DBsend/DBrecv have printed why.
+// result; a failure of either gives a DBRES_TRANSPORT result.
 DBRESULT *exchange(DBCONN *conn) {
-  if (!DBsend(conn)) msg_exit_fatal();
+  if (!DBsend(conn)) return transport_failure(conn);
   unsigned char buffer[ANSWER_BUFFER];
   int length = 0;
   unsigned char *big = nullptr;
   int big_length = -1;
-  if (!DBrecv(conn, buffer, sizeof buffer, &length, &big, &big_length)) msg_exit_fatal();
+  if (!DBrecv(conn, buffer, sizeof buffer, &length, &big, &big_length))
+    return transport_failure(conn);
   std::unique_ptr<unsigned char, FreeDeleter> owned(big);
   DBRESULT *res = DBresult_new();
   if (big)
@@ -48,7 +53,10 @@ DBRESULT *exchange(DBCONN *conn) {
 } // namespace
 
 DBRESULT *DBexec(DBCONN *conn, const char *statement) {
-  if (!usable(conn) || !statement) return nullptr;
+  // The status only tells how the last operation went (a refused DBdropdb
+  // leaves a usable connection); whether the connection can carry the
+  // statement is DBconn_usable's answer.
+  if (!statement || !DBconn_usable(conn, "DBexec")) return nullptr;
   // The parser upper-cases words in place: it works on a copy.
   std::string text(statement);
   if (text.empty() || text.back() != ';') text += ';';
@@ -63,6 +71,6 @@ DBRESULT *DBexec(DBCONN *conn, const char *statement) {
 }
 
 DBRESULT *DBexec_request(DBCONN *conn) {
-  if (!usable(conn)) return nullptr;
+  if (!DBconn_usable(conn, "DBexec")) return nullptr;
   return exchange(conn);
 }

@@ -14,10 +14,14 @@
 // ";" appended when it does not end with one; the request buffer is reset
 // first. Returns a result owned by the caller (DBclear): status 5 with the
 // parser's message when the statement does not parse (nothing is sent),
-// otherwise the decoded answer. Returns null, sending nothing, for a null
-// statement or connection, a connection that never got a channel (its
-// message says why) or one whose transport was closed (DBfinish). A send or
-// receive failure ends the process with exit status 1.
+// status 6 (DBRES_TRANSPORT) with the text DBsend or DBrecv printed when
+// sending or receiving failed (connection status 6 too), otherwise the
+// decoded answer. Returns null, sending nothing, for a null statement or
+// connection, a connection that never got a channel (its message says why),
+// one whose transport was closed (DBfinish) and one that a later connect
+// replaced (status 1, its message says so). Nothing here ends the process:
+// whether a program can go on after a transport failure is its caller's
+// decision.
 DBRESULT *DBexec(DBCONN *conn, const char *statement);
 
 // Sends the request already built in the request buffer (by the encoding

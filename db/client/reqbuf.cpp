@@ -31,6 +31,7 @@ unsigned char *reserve(size_t n) {
     else
       cap = g_req.capacity + 1000000 > need ? g_req.capacity + 1000000 : need;
     auto *p = static_cast<unsigned char *>(std::realloc(g_req.data.get(), cap));
+    // Out of memory for a request: the program cannot go on; fatal by design.
     if (!p) msg_fatal("(DBreq) Out of memory (%zu bytes)\n", cap);
     (void)g_req.data.release();
     g_req.data.reset(p);

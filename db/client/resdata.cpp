@@ -17,6 +17,7 @@ namespace {
 constexpr uint32_t NO_TEXT = 0xFFFFFFFFu;
 constexpr unsigned char SECTION = 0xA7; // the escape byte of binary runs
 
+// Out of memory for a result: the program cannot go on; fatal by design.
 [[noreturn]] void out_of_memory() { msg_fatal("(TAVRIN) Out of memory!\n"); }
 
 // Bytes of a value of a fixed-size type; 0 for CHARACTER, BINARY and
@@ -111,6 +112,7 @@ bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length
   if (type == DBTYPE_CHARACTER) {
     const void *zero = length ? std::memchr(bytes, 0, length) : nullptr;
     if (!zero) {
+      // A text without its end cannot be stored as a text: fatal by design.
       if (fatal_on_string)
         msg_fatal("(RESDATA_Fill_Binary) String too long ('%.*s[...]')\n",
                   static_cast<int>(std::min<size_t>(length, 1000)), bytes);
@@ -328,6 +330,7 @@ namespace resdata_detail {
 unsigned char *Arena::reserve(size_t n, uint32_t *ref) {
   if (blocks_.empty() || capacity_ - used_ < n) {
     if (blocks_.size() >= max_blocks_) {
+      // Past the fixed number of storage blocks: fatal by design.
       if (report_max_)
         msg_fatal("(RESDATA) Out of memory (max = %d)\n", static_cast<int>(max_blocks_));
       out_of_memory();

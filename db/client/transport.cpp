@@ -9,10 +9,13 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -57,6 +60,22 @@ struct Transport {
 };
 
 Transport g_tp;
+
+// The text of the transport's last failure, printed when it happened; kept
+// for DBclient_error and cleared when the next write or read starts.
+std::string g_error;
+
+// Prints a failure of the transport and keeps its text for DBclient_error.
+void report(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void report(const char *fmt, ...) {
+  char text[200];
+  va_list ap;
+  va_start(ap, fmt);
+  std::vsnprintf(text, sizeof text, fmt, ap);
+  va_end(ap);
+  msg_print("%s", text);
+  g_error = text;
+}
 
 unsigned char *area() { return static_cast<unsigned char *>(g_tp.area.data()); }
 
@@ -203,7 +222,7 @@ int read_chunk(int channel, const Dest &d, size_t pos, int max) {
     }
     uint32_t n = get32(a + kLengthAt);
     if (n > g_tp.payload) {
-      msg_print("client read: Chunk length %u out of range\n", n);
+      report("client read: Chunk length %u out of range\n", n);
       g_tp.partial_pending = false;
       return -1;
     }
@@ -261,7 +280,7 @@ int read_packet(int channel, const Dest &d, int cap) {
   }
   uint32_t plen = get32(d.head);
   if (plen > static_cast<uint32_t>(cap)) {
-    msg_print("client read: Packet length %u out of range\n", plen);
+    report("client read: Packet length %u out of range\n", plen);
     return -1;
   }
   if (got > static_cast<int>(plen))
@@ -342,9 +361,10 @@ void DBcomm_close() {
   g_tp.area.close();
 }
 
-int DBhandshake(int timeout_ms) { return DBhandshake_version(timeout_ms, DBCOMM_VERSION); }
+namespace {
 
-int DBhandshake_version(int timeout_ms, const char *version) {
+// The handshake announcing `version` (see DBhandshake).
+int handshake(int timeout_ms, const char *version) {
   if (!g_tp.ready || !version) return DBHS_SYSTEM;
   g_tp.channel = -1;
   if (!take_exchange(-1, timeout_ms)) return DBHS_SYSTEM;
@@ -372,11 +392,20 @@ int DBhandshake_version(int timeout_ms, const char *version) {
   return channel;
 }
 
+} // namespace
+
+int DBhandshake(int timeout_ms) { return handshake(timeout_ms, DBCOMM_VERSION); }
+
+int DBhandshake_version_for_test(int timeout_ms, const char *version) {
+  return handshake(timeout_ms, version);
+}
+
 int DBclient_write(int channel, const void *data, int length) {
+  g_error.clear();
   if (!g_tp.ready || length < 0 || (length > 0 && !data)) return 0;
   if (channel != g_tp.channel) {
-    msg_print("client write: Channel %d is not the connection of this process (%d)\n", channel,
-              g_tp.channel);
+    report("client write: Channel %d is not the connection of this process (%d)\n", channel,
+           g_tp.channel);
     return 0;
   }
   if (!take_exchange(channel, -1)) return 0;
@@ -388,7 +417,7 @@ int DBclient_write(int channel, const void *data, int length) {
     put32(head + 4, total);
     int w = send_packet(channel, head, 8, p);
     if (w != static_cast<int>(total + 8)) {
-      msg_print("client write: Data missing (expected %d written %d)\n", int(total + 8), w);
+      report("client write: Data missing (expected %d written %d)\n", int(total + 8), w);
       return 0;
     }
     return 1;
@@ -397,7 +426,7 @@ int DBclient_write(int channel, const void *data, int length) {
   put32(head + 4, total);
   int w = send_packet(channel, head, 8, p);
   if (w != DBCOMM_PACKET_MAX) {
-    msg_print("client write: Data missing (expected %d written %d)\n", DBCOMM_PACKET_MAX, w);
+    report("client write: Data missing (expected %d written %d)\n", DBCOMM_PACKET_MAX, w);
     return 0;
   }
   uint32_t done = DBCOMM_FIRST_DATA;
@@ -406,7 +435,7 @@ int DBclient_write(int channel, const void *data, int length) {
     put32(head, n + 4);
     w = send_packet(channel, head, 4, p + done);
     if (w != static_cast<int>(n + 4)) {
-      msg_print("client write: Data missing (expected %d written %d)\n", int(n + 4), w);
+      report("client write: Data missing (expected %d written %d)\n", int(n + 4), w);
       return 0;
     }
     done += n;
@@ -416,11 +445,12 @@ int DBclient_write(int channel, const void *data, int length) {
 
 int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buffer,
                   int *alloc_length) {
+  g_error.clear();
   if (!g_tp.ready) return -1;
   int got = read_packet(channel);
   if (got <= 0) return got;
   if (got < 8) {
-    msg_print("client read: Message length data missing (received %d)\n", got);
+    report("client read: Message length data missing (received %d)\n", got);
     return -1;
   }
   const unsigned char *pkt = g_tp.packet.data();
@@ -436,13 +466,13 @@ int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buf
   } else if (allocate && total <= static_cast<uint32_t>(INT_MAX)) {
     dst = static_cast<unsigned char *>(std::malloc(total));
     if (!dst) {
-      msg_print("client read: Out of memory (len %d)\n", static_cast<int>(total));
+      report("client read: Out of memory (len %d)\n", static_cast<int>(total));
       return -1;
     }
     advise_huge(dst, total);
   } else {
-    msg_print("client read: Message too big (len %d / buffersize = %d)\n", static_cast<int>(total),
-              size);
+    report("client read: Message too big (len %d / buffersize = %d)\n", static_cast<int>(total),
+           size);
     return -1;
   }
   // The first packet's message bytes, then the further packets' bytes after
@@ -474,3 +504,5 @@ int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buf
 }
 
 int DBclient_release() { return release_mutex() ? 1 : 0; }
+
+const char *DBclient_error() { return g_error.c_str(); }

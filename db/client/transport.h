@@ -49,9 +49,6 @@ int DBcomm_init(int size);
 // mutex too, as the server's answer is complete; the other failures keep the
 // mutex if they had taken it (DBcomm_close releases it).
 int DBhandshake(int timeout_ms);
-// The same announcing another version text (used to check how a server
-// treats clients of other versions).
-int DBhandshake_version(int timeout_ms, const char *version);
 
 // Sends one message of `length` bytes on `channel`: takes the exchange (the
 // mutex, with the owner word free or this channel's), then writes the packets.
@@ -77,6 +74,13 @@ int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buf
 // Returns 1 on success or when it was not held, 0 if the release failed.
 int DBclient_release();
 
+// The text the last DBclient_write or DBclient_read printed when it failed
+// ("client write: Data missing (expected %d written %d)\n" and its kin); ""
+// when it succeeded or failed without a text (the server ended while this
+// process waited for it, the mutex failed). Owned by the transport, valid
+// until the next write or read.
+const char *DBclient_error();
+
 // 1 when DBcomm_init has set up the transport and DBcomm_close has not yet
 // closed it.
 int DBcomm_ready();
@@ -84,3 +88,11 @@ int DBcomm_ready();
 // Closes every object and unmaps both views; the server-process watch only
 // if one is held; releases the mutex if this process still holds it.
 void DBcomm_close();
+
+// ---- For tests only --------------------------------------------------------
+// Not part of the client's interface: hooks that let tests drive the
+// transport into states a conforming client never reaches.
+
+// DBhandshake announcing another version text, to check how a server treats
+// clients of other versions.
+int DBhandshake_version_for_test(int timeout_ms, const char *version);

@@ -119,6 +119,7 @@ TEST(TableRecords, InsertTextsQuoteAndWriteNullsAsEmpty) {
   // The binary request carries what the parser makes of the text.
   std::string text = "INSERT INTO tab " + TABLE_Record_InsertText(d, r.data());
   char message[DB_MSG_SIZE];
+  DBreq_reset(); // as DBexec does: the encoder appends to the buffer
   ASSERT_EQ(DBexec_encode((text + ";").data(), message), 1) << message;
   std::string parsed(reinterpret_cast<const char *>(DBreq_data()), DBreq_length());
   TABLE_Record_InsertRequest(d, "tab", r.data());

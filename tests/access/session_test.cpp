@@ -8,6 +8,10 @@
 
 #include "access_testutil.h"
 #include "db/access/dbcache.h"
+#include "db/client/exec.h"
+#include "db/client/transport.h"
+#include "server/protocol.h"
+#include "tests/ipc/ipc_testutil.h"
 
 namespace {
 
@@ -41,9 +45,9 @@ TEST(DisabledSession, BeginStackDepthsAndStatementsThatSendNothing) {
   ScratchDir dir;
   DBSESSION s;
   s.disabled = 1;
-  db_reset_depth();
+  db_reset_depth_for_test();
   Capture cap;
-  long before = db_statements_sent();
+  long before = db_statements_sent_for_test();
   EXPECT_EQ(dbbegin(&s), 1);
   EXPECT_EQ(dbrollback(&s), 1); // depth 1: a new transaction, the depth stays
   EXPECT_EQ(dbend(&s), 1);
@@ -71,7 +75,7 @@ TEST(DisabledSession, BeginStackDepthsAndStatementsThatSendNothing) {
   EXPECT_EQ(dbbinexec1(&s, &res, &outcome), 1);
   EXPECT_EQ(dbdeclare(&s, "c", "SELECT * FROM x"), 1);
   EXPECT_EQ(dbclosecursor(&s, "c"), 1);
-  EXPECT_EQ(db_statements_sent(), before);
+  EXPECT_EQ(db_statements_sent_for_test(), before);
   // The change helpers record their tables even so.
   EXPECT_EQ(dbcache_count(), 3);
   EXPECT_EQ(dbcache_contains("AUFTRAG"), 1);
@@ -165,6 +169,79 @@ TEST(DbinitDeathTest, WithoutAServerPrintsTheConnectionFailure) {
         std::raise(SIGTERM);
       },
       ::testing::ExitedWithCode(1), "Program stopped by signal 15.\n\\[clean-up\\]");
+}
+
+// A server that opens every database and answers every request "done",
+// except that it ends without an answer at request number `die_at` (from 0).
+struct DyingServer : tavrind::RequestHandler {
+  int left;
+  explicit DyingServer(int die_at) : left(die_at) {}
+  void request(tavrind::ProtocolServer &srv, int ch, tavrind::ChannelContext *,
+               const unsigned char *data, size_t n) override {
+    if (left-- == 0) _exit(0);
+    static const unsigned char done = '1';
+    if (n > 0 && data[0] != '2') srv.answer(ch, &done, 1); // '2' gets no answer
+  }
+};
+
+// The server in a child process; ended at the end of the scope, so that a
+// failing assertion leaves no server behind.
+struct DyingServerProcess {
+  pid_t pid = -1;
+  explicit DyingServerProcess(int die_at) {
+    ipctest::fresh_namespace();
+    ipctest::Gate ready;
+    pid = ipctest::spawn([&] {
+      alarm(60);
+      DyingServer handler(die_at);
+      tavrind::ProtocolServer server(handler);
+      if (!server.start()) return 3;
+      ready.open_gate();
+      server.run();
+      return 0;
+    });
+    EXPECT_TRUE(ready.pass());
+  }
+  ~DyingServerProcess() {
+    if (pid > 0) kill(pid, SIGKILL);
+    ipctest::join_within(pid, 10000);
+    unsetenv("TAVRIN_NAMESPACE");
+  }
+};
+
+TEST(TransportLossDeathTest, TheSessionLayerEndsTheProgramTheClientLibraryDoesNot) {
+  const char *lost = "client write: Data missing \\(expected|DBrecv: No data received";
+  DBSESSION *s = nullptr;
+  {
+    // The server ends while the database is opened.
+    DyingServerProcess srv(0);
+    EXPECT_FATAL(dbinit(&s, "DBSQL/demo"), lost);
+  }
+  {
+    // It ends at the first statement: the session layer stops the program.
+    DyingServerProcess srv(1);
+    ASSERT_EQ(dbinit(&s, "DBSQL/demo"), 1);
+    db_reset_depth_for_test();
+    EXPECT_FATAL(dbbegin(s), lost);
+    EXPECT_FATAL(dbexec1(s, "SELECT * FROM KUNDE", nullptr, nullptr), lost);
+    // A caller of the client library gets the failure with the printed
+    // text and goes on.
+    Capture cap;
+    DBRESULT *r = DBexec(s->connection, "SELECT * FROM KUNDE");
+    EXPECT_EQ(DBresult_status(r), DBRES_TRANSPORT);
+    EXPECT_EQ(cap.take(), DBresult_error(r));
+    DBclear(r);
+    dbclose(s);
+  }
+  {
+    // dbclose finishes the connection whatever the last status said (a
+    // refused command leaves status 1 on an open connection).
+    DyingServerProcess srv(-1);
+    ASSERT_EQ(dbinit(&s, "DBSQL/demo"), 1);
+    s->connection->status = DBCONN_FAILED;
+    dbclose(s);
+    EXPECT_EQ(DBcomm_ready(), 0);
+  }
 }
 
 } // namespace

@@ -74,7 +74,7 @@ protected:
   DBSESSION session;
   void SetUp() override {
     session.disabled = 1;
-    db_reset_depth();
+    db_reset_depth_for_test();
   }
   void TearDown() override { EXPECT_EQ(db_depth(), 0) << "every BEGIN level closed"; }
 };

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <string>
 
-#include "client_support.h"
+#include "client_testutil.h"
 #include "base/msg.h"
 
 namespace {

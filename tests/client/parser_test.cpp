@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "client_support.h"
+#include "client_testutil.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "client_support.h"
+#include "client_testutil.h"
 #include "base/msg.h"
 
 namespace {
@@ -109,10 +109,10 @@ TEST(ResData, AccessorsCacheAndRawValues) {
     EXPECT_EQ(Bytes(out, out + want.size() + 1), want + Bytes{0xEE}) << c;
   }
   {
-    Messages m;
+    testmsg::Capture cap;
     char x[8];
     EXPECT_EQ(DBfillbinary(r, x, 0, 8), 0);
-    EXPECT_EQ(printed, "(DBfillbinary) Unknown datatype!\n");
+    EXPECT_EQ(cap.take(), "(DBfillbinary) Unknown datatype!\n");
   }
 
   // Raw cells when no text is wanted; character and binary stay texts.
@@ -165,17 +165,17 @@ TEST(ResData, ManyRowsAcrossChunksAndBlocks) {
 }
 
 TEST(ResData, TextFillingDeletingAndMessages) {
-  Messages m;
+  testmsg::Capture cap;
   DBRESULT *r = DBresult_new();
   RESDATA *d = &r->data;
   EXPECT_EQ(RESDATA_Fill(d, "x"), 0); // no columns yet
-  EXPECT_EQ(printed, "(RESDATA_Fill) Inkonsistent binary definition\n");
+  EXPECT_EQ(cap.take(), "(RESDATA_Fill) Inkonsistent binary definition\n");
   RESDATA_Header_Data(d, "A", DBTYPE_CHARACTER, 10);
   RESDATA_Header_Data(d, "B", DBTYPE_FLOAT, 8);
   for (const char *t : {"a0", "b0", "a1", "b1", "a2", "b2"}) EXPECT_EQ(RESDATA_Fill(d, t), 1);
   EXPECT_EQ(DBntuples(r), 3);
 
-  printed.clear();
+  cap.take();
   EXPECT_EQ(RESDATA_Header_Data(d, "C", DBTYPE_INTEGER, 4), 0);
   EXPECT_EQ(RESDATA_XY_Fill(d, 5, 0, "x"), 0);
   EXPECT_EQ(RESDATA_XY_Fill(d, 0, 2, "x"), 0);
@@ -183,13 +183,13 @@ TEST(ResData, TextFillingDeletingAndMessages) {
   EXPECT_EQ(RESDATA_XY_Fill_Binary(d, 9, 0, "x", 2), 0);
   EXPECT_EQ(RESDATA_DelRow(d, 3), 0);
   EXPECT_EQ(RESDATA_DelRow(d, -1), 0);
-  EXPECT_EQ(printed, "(RESDATA_Header_Data) Inkonsistent header definition\n"
-                     "(RESDATA_XY_Fill) Invalid Row/Column\n"
-                     "(RESDATA_XY_Fill) Invalid Row/Column\n"
-                     "(RESDATA_XY_Fill_Binary) Inkonsistent binary definition\n"
-                     "(RESDATA_XY_Fill_Binary) Invalid Row/Column\n"
-                     "(RESDATA) Invalid row-parameter in RESDATA_DelRow\n"
-                     "(RESDATA) Invalid row-parameter in RESDATA_DelRow\n");
+  EXPECT_EQ(cap.take(), "(RESDATA_Header_Data) Inkonsistent header definition\n"
+                        "(RESDATA_XY_Fill) Invalid Row/Column\n"
+                        "(RESDATA_XY_Fill) Invalid Row/Column\n"
+                        "(RESDATA_XY_Fill_Binary) Inkonsistent binary definition\n"
+                        "(RESDATA_XY_Fill_Binary) Invalid Row/Column\n"
+                        "(RESDATA) Invalid row-parameter in RESDATA_DelRow\n"
+                        "(RESDATA) Invalid row-parameter in RESDATA_DelRow\n");
 
   // A text data set hands out its texts whatever the column type.
   EXPECT_EQ(RESDATA_XY_Fill(d, 1, 1, "B1"), 1);
@@ -206,12 +206,12 @@ TEST(ResData, TextFillingDeletingAndMessages) {
   EXPECT_STREQ(copy, "b2");
 
   // Binary cells into a text set are reported but stored, readable as text.
-  printed.clear();
+  cap.take();
   int32_t v = 0x00434241;
   EXPECT_EQ(RESDATA_Fill_Binary(d, "zz", 3), 1);
   EXPECT_EQ(RESDATA_Fill_Binary(d, &v, 4), 1);
-  EXPECT_EQ(printed, "(RESDATA_Fill_Binary) Inkonsistent binary definition\n"
-                     "(RESDATA_Fill_Binary) Inkonsistent binary definition\n");
+  EXPECT_EQ(cap.take(), "(RESDATA_Fill_Binary) Inkonsistent binary definition\n"
+                        "(RESDATA_Fill_Binary) Inkonsistent binary definition\n");
   EXPECT_STREQ(DBgetvalue(r, 3, 1), "ABC");
   DBclear(r);
 
@@ -221,13 +221,13 @@ TEST(ResData, TextFillingDeletingAndMessages) {
   d = &r->data;
   EXPECT_STREQ(DBgetvalue(r, 2, 0), "3");
   int32_t nine = 9;
-  printed.clear();
+  cap.take();
   EXPECT_EQ(RESDATA_XY_Fill_Binary(d, 0, 0, &nine, 4), 1);
   EXPECT_STREQ(DBgetvalue(r, 0, 0), "9");
   EXPECT_EQ(RESDATA_XY_Fill(d, 0, 0, "x"), 0);
   EXPECT_EQ(RESDATA_Fill(d, "x"), 0);
-  EXPECT_EQ(printed, "(RESDATA_XY_Fill) Inkonsistent binary definition\n"
-                     "(RESDATA_Fill) Inkonsistent binary definition\n");
+  EXPECT_EQ(cap.take(), "(RESDATA_XY_Fill) Inkonsistent binary definition\n"
+                        "(RESDATA_Fill) Inkonsistent binary definition\n");
   EXPECT_EQ(RESDATA_DelRow(d, 1), 1);
   EXPECT_STREQ(DBgetvalue(r, 1, 0), "3");
   int32_t four = 4;
@@ -237,9 +237,9 @@ TEST(ResData, TextFillingDeletingAndMessages) {
 
   r = column_of(DBTYPE_CHARACTER, {text("a")});
   d = &r->data;
-  printed.clear();
+  cap.take();
   EXPECT_EQ(RESDATA_XY_Fill_Binary(d, 0, 0, "bcd", 3), 0);
-  EXPECT_EQ(printed, "(RESDATA_XY_Fill_Binary) String too long\n");
+  EXPECT_EQ(cap.take(), "(RESDATA_XY_Fill_Binary) String too long\n");
   EXPECT_STREQ(DBgetvalue(r, 0, 0), "a");
   DBclear(r);
 }

@@ -13,15 +13,21 @@
 #include "db/ipc/named.h"
 #include "tests/ipc/ipc_testutil.h"
 
+#include <gmock/gmock.h>
+
 #include <chrono>
 #include <cstring>
 #include <sys/mman.h>
 #include <vector>
 
-#include "client_support.h"
+#include "client_testutil.h"
 
 using namespace ipctest;
 using ct::Bytes;
+using ::testing::AnyOf;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 using ct::operator+;
 
 namespace {
@@ -172,7 +178,7 @@ protected:
     return pid;
   }
   Log *log_ = nullptr;
-  ct::Messages messages_;
+  testmsg::Capture messages_;
 };
 
 TEST_F(Transport, NoServerASilentOneAndALeftoverOfAKilledOne) {
@@ -180,7 +186,7 @@ TEST_F(Transport, NoServerASilentOneAndALeftoverOfAKilledOne) {
   EXPECT_EQ(DBstatus(none), 1);
   EXPECT_STREQ(DBerrormessage(none), "(DBconnect) Database name missing\n");
   EXPECT_EQ(DBcomm_ready(), 0);
-  EXPECT_EQ(ct::printed, "");
+  EXPECT_EQ(testmsg::g_printed, "");
   DBfinish(none); // nothing to close, nothing sent
   DBconn_free(none);
 
@@ -188,7 +194,7 @@ TEST_F(Transport, NoServerASilentOneAndALeftoverOfAKilledOne) {
   DBCONN *c = DBconnect(name);
   EXPECT_EQ(DBstatus(c), 1);
   EXPECT_STREQ(DBerrormessage(c), "(TAVRIN) Communication initialisation error\n");
-  EXPECT_EQ(ct::printed,
+  EXPECT_EQ(testmsg::g_printed,
             std::string("Tavrin database not found!\n") + std::strerror(ENOENT) + "\n");
   EXPECT_EQ(DBcomm_ready(), 0);
   DBconn_free(c);
@@ -212,11 +218,11 @@ TEST_F(Transport, NoServerASilentOneAndALeftoverOfAKilledOne) {
   // Once killed it leaves its objects behind, unlocked.
   kill(srv, SIGKILL);
   join(srv);
-  ct::printed.clear();
+  testmsg::g_printed.clear();
   c = DBconnect(name);
   EXPECT_EQ(DBstatus(c), 1);
   EXPECT_STREQ(DBerrormessage(c), "(TAVRIN) Communication initialisation error\n");
-  EXPECT_EQ(ct::printed.rfind("Tavrin database not found!\n", 0), 0u) << ct::printed;
+  EXPECT_EQ(testmsg::g_printed.rfind("Tavrin database not found!\n", 0), 0u) << testmsg::g_printed;
   DBconn_free(c);
   EXPECT_EQ(DBnotify_server(), 0);
 }
@@ -244,10 +250,11 @@ TEST_F(Transport, HandshakeAndRequestPacketsAreFramedExactly) {
   EXPECT_EQ(join_within(srv, 5000), 0);
   // The refusal left no connection: channel 3 fails at once, and the
   // refused handshake gave the mutex back.
-  ct::printed.clear();
+  testmsg::g_printed.clear();
   unsigned char q = '1';
   EXPECT_EQ(DBclient_write(3, &q, 1), 0);
-  EXPECT_EQ(ct::printed, "client write: Channel 3 is not the connection of this process (-1)\n");
+  EXPECT_EQ(testmsg::g_printed,
+            "client write: Channel 3 is not the connection of this process (-1)\n");
   EXPECT_EQ(DBhandshake(200), DBHS_TIMEOUT) << "the mutex is free, only nobody answers";
   // 10000 bytes: one packet of 10008; 10001: 10000 + 13; 9992 + 9996: two
   // full packets; one byte more: a third packet of 5.
@@ -303,7 +310,7 @@ TEST_F(Transport, AnswersInOddChunksAndAfterParking) {
   EXPECT_EQ(buf[0], '-');
   EXPECT_EQ(buf[1], '!');
   EXPECT_EQ(join_within(srv, 10000), 0);
-  EXPECT_EQ(ct::printed, "");
+  EXPECT_EQ(testmsg::g_printed, "");
   // The exchange is over: the mutex is free for others.
   pid_t other = spawn([] {
     ipc::Mutex m;
@@ -332,7 +339,7 @@ TEST_F(Transport, ErrorAnswersOfConnectionCommands) {
   char name[] = "demo";
   DBCONN *c = DBconnect(name);
   EXPECT_EQ(DBstatus(c), 1);
-  EXPECT_STREQ(DBerrormessage(c), "(srv) Kaputt");
+  EXPECT_STREQ(DBerrormessage(c), "(srv) Kaputt\n"); // the line feed is added
   DBconn_free(c);
   c = DBconnect(name);
   EXPECT_EQ(DBstatus(c), 1);
@@ -344,7 +351,7 @@ TEST_F(Transport, ErrorAnswersOfConnectionCommands) {
   EXPECT_EQ(DBstatus(c), 1);
   EXPECT_STREQ(DBerrormessage(c), "(DBdropdb) Result error message missing\n");
   EXPECT_EQ(DBreset(c), 0);
-  EXPECT_STREQ(DBerrormessage(c), "(srv) Weg");
+  EXPECT_STREQ(DBerrormessage(c), "(srv) Weg\n");
   EXPECT_EQ(join_within(srv, 10000), 0);
   DBconn_free(c);
 
@@ -353,26 +360,54 @@ TEST_F(Transport, ErrorAnswersOfConnectionCommands) {
   DBreq_reset();
   EXPECT_EQ(DBsend(&rec), 0);
   EXPECT_EQ(rec.status, 6);
-  EXPECT_NE(ct::printed.find("DBsend: No data to send\n"), std::string::npos);
+  EXPECT_NE(testmsg::g_printed.find("DBsend: No data to send\n"), std::string::npos);
 }
 
-using TransportDeathTest = Transport;
-
-TEST_F(TransportDeathTest, ServerGoneDuringConnectEndsTheProcess) {
+TEST_F(Transport, AFailedExchangeLeavesStatusSixAndTheTextAndNeverEndsTheProcess) {
   pid_t srv = stand([](Stand &s) {
     if (!s.handshake(2)) return 1;
     // Take the request, then die without answering.
     s.server.wait(10000);
     return 0;
   });
-  EXPECT_EXIT(
-      {
-        msg_set_handler([](const char *t) { std::fputs(t, stderr); });
-        char name[] = "demo";
-        DBconnect(name);
-      },
-      ::testing::ExitedWithCode(1), "client write: Data missing|DBrecv: No data received");
+  char name[] = "demo";
+  DBCONN *c = DBconnect(name);
+  EXPECT_EQ(DBstatus(c), DBCONN_IO);
+  EXPECT_THAT(DBerrormessage(c), AnyOf(StartsWith("client write: Data missing (expected "),
+                                       EndsWith("DBrecv: No data received\n")));
+  EXPECT_THAT(testmsg::g_printed, HasSubstr(DBerrormessage(c)));
+  DBconn_free(c);
   join_within(srv, 5000);
+}
+
+TEST_F(Transport, ASecondConnectRefusesTheFirstConnectionsRequests) {
+  pid_t srv = stand([](Stand &s) {
+    if (!s.handshake(1) || !s.reply(1, Bytes{'1'})) return 1;
+    if (!s.handshake(2) || !s.reply(2, Bytes{'1'})) return 2;
+    // Only the second connection's requests arrive: its drop and close.
+    Bytes drop = s.receive();
+    if (drop.size() < 2 || drop[0] != '4' || !s.send(2, framed(Bytes{'1'}), 10012)) return 3;
+    if (s.receive() != Bytes{'2'}) return 4;
+    return s.log->chunk_channel[s.log->chunks - 1] == 2 ? 0 : 5;
+  });
+  char name[] = "demo";
+  DBCONN *first = DBconnect(name);
+  ASSERT_EQ(DBstatus(first), DBCONN_OK);
+  DBCONN *second = DBconnect(name);
+  ASSERT_EQ(DBstatus(second), DBCONN_OK);
+  testmsg::g_printed.clear();
+  EXPECT_EQ(DBreset(first), 0);
+  EXPECT_EQ(DBstatus(first), DBCONN_FAILED);
+  EXPECT_STREQ(DBerrormessage(first),
+               "(DBreset) Connection was replaced by a later connect of this process\n");
+  EXPECT_EQ(DBdropdb(first), 0);
+  DBfinish(first); // sends nothing and leaves the second connection's transport open
+  EXPECT_EQ(testmsg::g_printed, "");
+  EXPECT_EQ(DBdropdb(second), 1);
+  EXPECT_EQ(join_within(srv, 10000), 0);
+  DBconn_free(first);
+  DBfinish(second);
+  DBconn_free(second);
 }
 
 } // namespace

@@ -67,7 +67,7 @@ protected:
     form_ = fl_begin_form(0, 420, 260);
     tb_ = fl_add_tabbox(2, 10, 10, 400, 240, "");
     fl_end_form();
-    db_reset_depth();
+    db_reset_depth_for_test();
     session_.disabled = 1; // every statement succeeds without rows
   }
   std::string field(int line, int col) {

@@ -12,6 +12,7 @@
 
 #include "base/date.h"
 #include "base/msg.h"
+#include "tests/msg_capture.h"
 #include "db/client/answer.h"
 #include "db/client/parser.h"
 #include "db/client/reqbuf.h"
@@ -79,14 +80,6 @@ inline DBRESULT *column_of(unsigned char type, const std::vector<Bytes> &cells, 
   for (const auto &c : cells) a.value(c);
   return decode(a.b);
 }
-
-// What was printed while a Messages object lived.
-inline std::string printed;
-struct Messages {
-  MsgHandler old = msg_set_handler([](const char *t) { printed += t; });
-  Messages() { printed.clear(); }
-  ~Messages() { msg_set_handler(old); }
-};
 
 // Request fields: a name (tag 'a') and a string value (tag 'f'), each with a
 // 16-bit length that counts the zero byte.
