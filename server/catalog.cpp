@@ -17,6 +17,8 @@
 #include <algorithm>
 #include <memory>
 
+namespace tavrind {
+
 const char *const CATALOG_SYSTEM_DB = "TDSYS";
 const char *const CATALOG_DEMO_DB = "DEMO";
 
@@ -240,33 +242,33 @@ const SvzDir kDirectories[] = {
 
 void fill_system(sqlite3 *db) {
   create_table(db, "SVZT",
-               {{"SVZT_ID", TYPE_CHARACTER, 9, false},
-                {"TABELLE", TYPE_SMALLINT, 0, false},
-                {"TAB_UEBERGEORDNET", TYPE_SMALLINT, 0, false},
-                {"SPRACHE", TYPE_CHARACTER, 5, false},
-                {"BEZEICHNUNG", TYPE_CHARACTER, 36, false},
-                {"SVZT_TST_AB", TYPE_TIMESTAMP, 0, false}});
+               {{"SVZT_ID", DBTYPE_CHARACTER, 9, false},
+                {"TABELLE", DBTYPE_SMALLINT, 0, false},
+                {"TAB_UEBERGEORDNET", DBTYPE_SMALLINT, 0, false},
+                {"SPRACHE", DBTYPE_CHARACTER, 5, false},
+                {"BEZEICHNUNG", DBTYPE_CHARACTER, 36, false},
+                {"SVZT_TST_AB", DBTYPE_TIMESTAMP, 0, false}});
   create_table(db, "SVZK",
-               {{"SVZK_ID", TYPE_CHARACTER, 9, false},
-                {"CODE", TYPE_CHARACTER, 5, false},
-                {"SPRACHE", TYPE_CHARACTER, 5, false},
-                {"CODE_UEBERGEORDNET", TYPE_CHARACTER, 5, false},
-                {"SVZK_SYSSTATUS", TYPE_SMALLINT, 0, false},
-                {"TABELLE", TYPE_SMALLINT, 0, false},
-                {"BEZEICHNUNG", TYPE_CHARACTER, 36, false}});
+               {{"SVZK_ID", DBTYPE_CHARACTER, 9, false},
+                {"CODE", DBTYPE_CHARACTER, 5, false},
+                {"SPRACHE", DBTYPE_CHARACTER, 5, false},
+                {"CODE_UEBERGEORDNET", DBTYPE_CHARACTER, 5, false},
+                {"SVZK_SYSSTATUS", DBTYPE_SMALLINT, 0, false},
+                {"TABELLE", DBTYPE_SMALLINT, 0, false},
+                {"BEZEICHNUNG", DBTYPE_CHARACTER, 36, false}});
   create_table(db, "ERROT",
-               {{"ERROT_ID", TYPE_CHARACTER, 9, false},
-                {"FEHLERNUMMER", TYPE_SMALLINT, 0, false},
-                {"SPRACHE", TYPE_CHARACTER, 5, false},
-                {"KUERZEL", TYPE_CHARACTER, 36, false},
-                {"TEXT", TYPE_CHARACTER, 255, false}});
+               {{"ERROT_ID", DBTYPE_CHARACTER, 9, false},
+                {"FEHLERNUMMER", DBTYPE_SMALLINT, 0, false},
+                {"SPRACHE", DBTYPE_CHARACTER, 5, false},
+                {"KUERZEL", DBTYPE_CHARACTER, 36, false},
+                {"TEXT", DBTYPE_CHARACTER, 255, false}});
   create_table(db, "ERR",
-               {{"ROW_ID", TYPE_CHARACTER, 9, false},
-                {"PROZESS_ID", TYPE_CHARACTER, 17, false},
-                {"ZEITPUNKT", TYPE_TIMESTAMP, 0, false},
-                {"FEHLERCODE", TYPE_SMALLINT, 0, false},
-                {"FUNKTIONSNAME", TYPE_CHARACTER, 9, false},
-                {"FEHLERTEXT", TYPE_CHARACTER, 255, false}});
+               {{"ROW_ID", DBTYPE_CHARACTER, 9, false},
+                {"PROZESS_ID", DBTYPE_CHARACTER, 17, false},
+                {"ZEITPUNKT", DBTYPE_TIMESTAMP, 0, false},
+                {"FEHLERCODE", DBTYPE_SMALLINT, 0, false},
+                {"FUNKTIONSNAME", DBTYPE_CHARACTER, 9, false},
+                {"FEHLERTEXT", DBTYPE_CHARACTER, 255, false}});
   run(db, "CREATE UNIQUE INDEX SVZT_PK ON SVZT (SVZT_ID);"
           "CREATE UNIQUE INDEX SVZT_SPRACHE ON SVZT (SPRACHE, TABELLE);"
           "CREATE UNIQUE INDEX SVZK_PK ON SVZK (SVZK_ID);"
@@ -431,49 +433,49 @@ std::string date_text(int y, int m, int d) {
 
 void fill_demo(sqlite3 *db) {
   create_table(db, "KUNDE",
-               {{"KUNDE_ID", TYPE_INTEGER, 0, true},
-                {"ANREDE", TYPE_CHARACTER, 5, false},
-                {"VORNAME", TYPE_CHARACTER, 21, false},
-                {"NAME", TYPE_CHARACTER, 31, true},
-                {"STRASSE", TYPE_CHARACTER, 41, false},
-                {"PLZ", TYPE_CHARACTER, 6, false},
-                {"ORT", TYPE_CHARACTER, 31, false},
-                {"LAND", TYPE_CHARACTER, 5, false},
-                {"TELEFON", TYPE_CHARACTER, 21, false},
-                {"GEBURTSDATUM", TYPE_DATE, 0, false},
-                {"KUNDE_SEIT", TYPE_DATE, 0, false},
-                {"RABATT", TYPE_SMALLINT, 0, false},
-                {"KREDITLIMIT", TYPE_FLOAT, 0, false},
-                {"ANGELEGT", TYPE_TIMESTAMP, 0, false}});
+               {{"KUNDE_ID", DBTYPE_INTEGER, 0, true},
+                {"ANREDE", DBTYPE_CHARACTER, 5, false},
+                {"VORNAME", DBTYPE_CHARACTER, 21, false},
+                {"NAME", DBTYPE_CHARACTER, 31, true},
+                {"STRASSE", DBTYPE_CHARACTER, 41, false},
+                {"PLZ", DBTYPE_CHARACTER, 6, false},
+                {"ORT", DBTYPE_CHARACTER, 31, false},
+                {"LAND", DBTYPE_CHARACTER, 5, false},
+                {"TELEFON", DBTYPE_CHARACTER, 21, false},
+                {"GEBURTSDATUM", DBTYPE_DATE, 0, false},
+                {"KUNDE_SEIT", DBTYPE_DATE, 0, false},
+                {"RABATT", DBTYPE_SMALLINT, 0, false},
+                {"KREDITLIMIT", DBTYPE_FLOAT, 0, false},
+                {"ANGELEGT", DBTYPE_TIMESTAMP, 0, false}});
   create_table(db, "ARTIKEL",
-               {{"ARTIKEL_ID", TYPE_INTEGER, 0, true},
-                {"BEZEICHNUNG", TYPE_CHARACTER, 41, true},
-                {"EINHEIT", TYPE_CHARACTER, 5, false},
-                {"PREIS", TYPE_FLOAT, 0, false},
-                {"BESTAND", TYPE_INTEGER, 0, false},
-                {"MINDESTBESTAND", TYPE_SMALLINT, 0, false},
-                {"GEWICHT", TYPE_FLOAT, 0, false},
-                {"PRUEFCODE", TYPE_BINARY, 8, false},
-                {"GEAENDERT", TYPE_TIMESTAMP, 0, false}});
+               {{"ARTIKEL_ID", DBTYPE_INTEGER, 0, true},
+                {"BEZEICHNUNG", DBTYPE_CHARACTER, 41, true},
+                {"EINHEIT", DBTYPE_CHARACTER, 5, false},
+                {"PREIS", DBTYPE_FLOAT, 0, false},
+                {"BESTAND", DBTYPE_INTEGER, 0, false},
+                {"MINDESTBESTAND", DBTYPE_SMALLINT, 0, false},
+                {"GEWICHT", DBTYPE_FLOAT, 0, false},
+                {"PRUEFCODE", DBTYPE_BINARY, 8, false},
+                {"GEAENDERT", DBTYPE_TIMESTAMP, 0, false}});
   create_table(db, "AUFTRAG",
-               {{"AUFTRAG_ID", TYPE_INTEGER, 0, true},
-                {"KUNDE_ID", TYPE_INTEGER, 0, true},
-                {"AUFTRAGSDATUM", TYPE_DATE, 0, false},
-                {"UHRZEIT", TYPE_TIME, 0, false},
-                {"STATUS", TYPE_CHARACTER, 5, false},
-                {"ZAHLUNGSART", TYPE_CHARACTER, 5, false},
-                {"LIEFERDATUM", TYPE_DATE, 0, false},
-                {"BETRAG", TYPE_FLOAT, 0, false},
-                {"ERFASST", TYPE_TIMESTAMP, 0, false},
-                {"BEMERKUNG", TYPE_CHARACTER, 81, false}});
+               {{"AUFTRAG_ID", DBTYPE_INTEGER, 0, true},
+                {"KUNDE_ID", DBTYPE_INTEGER, 0, true},
+                {"AUFTRAGSDATUM", DBTYPE_DATE, 0, false},
+                {"UHRZEIT", DBTYPE_TIME, 0, false},
+                {"STATUS", DBTYPE_CHARACTER, 5, false},
+                {"ZAHLUNGSART", DBTYPE_CHARACTER, 5, false},
+                {"LIEFERDATUM", DBTYPE_DATE, 0, false},
+                {"BETRAG", DBTYPE_FLOAT, 0, false},
+                {"ERFASST", DBTYPE_TIMESTAMP, 0, false},
+                {"BEMERKUNG", DBTYPE_CHARACTER, 81, false}});
   create_table(db, "POSITION",
-               {{"POSITION_ID", TYPE_INTEGER, 0, true},
-                {"AUFTRAG_ID", TYPE_INTEGER, 0, true},
-                {"POS_NR", TYPE_SMALLINT, 0, false},
-                {"ARTIKEL_ID", TYPE_INTEGER, 0, true},
-                {"MENGE", TYPE_INTEGER, 0, false},
-                {"EINZELPREIS", TYPE_FLOAT, 0, false},
-                {"RABATT", TYPE_SMALLINT, 0, false}});
+               {{"POSITION_ID", DBTYPE_INTEGER, 0, true},
+                {"AUFTRAG_ID", DBTYPE_INTEGER, 0, true},
+                {"POS_NR", DBTYPE_SMALLINT, 0, false},
+                {"ARTIKEL_ID", DBTYPE_INTEGER, 0, true},
+                {"MENGE", DBTYPE_INTEGER, 0, false},
+                {"EINZELPREIS", DBTYPE_FLOAT, 0, false},
+                {"RABATT", DBTYPE_SMALLINT, 0, false}});
 
   Rng rng;
   const int customers = 600;
@@ -775,3 +777,5 @@ int catalog_init(Catalog &cat, const std::string &dir, std::string &err) {
     return 0;
   return build_database(cat, CATALOG_SYSTEM_DB, fill_system, err);
 }
+
+} // namespace tavrind

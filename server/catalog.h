@@ -15,6 +15,8 @@
 
 struct sqlite3;
 
+namespace tavrind {
+
 // Process-wide state of the data folder; one per server.
 struct Catalog {
   std::string dir;                  // the data folder, without trailing '/'
@@ -62,3 +64,5 @@ int catalog_save(const Catalog &cat, const std::string &name, std::string &path,
 // with the demo schema and rows. Return 1, or 0 with err set.
 int catalog_fill_system(sqlite3 *db, std::string &err);
 int catalog_fill_demo(sqlite3 *db, std::string &err);
+
+} // namespace tavrind

@@ -20,6 +20,8 @@
 #include <optional>
 #include <unordered_map>
 
+namespace tavrind {
+
 namespace {
 
 // An error answer's text, thrown inside the executor.
@@ -91,7 +93,7 @@ struct Cursor {
   bool done = false;
 };
 
-struct ChannelState {
+struct SessionState {
   DbPtr db;
   std::map<std::string, Cursor> cursors;
   int schema_version = -1;
@@ -119,20 +121,20 @@ struct ChannelState {
 
 // Ends the bookkeeping of a BEGIN block; a block that read and then wrote
 // makes the next one start with the write lock.
-static void end_block(ChannelState &st) {
+static void end_block(SessionState &st) {
   st.write_first = st.block_read_first && st.block_write_tried;
   st.block_read_first = st.block_write_tried = st.block_changed = false;
   st.pending_begin = false;
 }
 
 // Is an SQLite transaction open on the channel's connection?
-static bool sqlite_txn(const ChannelState &st) {
+static bool sqlite_txn(const SessionState &st) {
   return st.db && !sqlite3_get_autocommit(st.db.get());
 }
 
-Channel::Channel(Executor &e, int i) : ex(e), id(i), st(std::make_unique<ChannelState>()) {}
+Session::Session(Executor &e, int i) : ex(e), id(i), st(std::make_unique<SessionState>()) {}
 
-bool Channel::in_transaction() const { return st->pending_begin || sqlite_txn(*st); }
+bool Session::in_transaction() const { return st->pending_begin || sqlite_txn(*st); }
 
 namespace {
 
@@ -140,23 +142,24 @@ namespace {
 // SQLite helpers
 
 // Throws the error that an SQLite failure means for the client.
-[[noreturn]] void raise_sqlite(ChannelState &st, int rc) {
+[[noreturn]] void raise_sqlite(SessionState &st, int rc) {
   sqlite3 *db = st.db.get();
   int ext = db ? sqlite3_extended_errcode(db) : rc;
   std::string msg = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
   // A lock held by this very connection (an open cursor on a table that is
   // to be dropped) never goes away by waiting.
-  if ((rc & 0xFF) == SQLITE_LOCKED) throw ExecError{answer_errtext(508, {})};
+  if ((rc & 0xFF) == SQLITE_LOCKED) throw ExecError{answer_errtext(Err::CURSOR_OFFEN, {})};
   if ((rc & 0xFF) == SQLITE_BUSY) {
-    if (ext == SQLITE_BUSY_SNAPSHOT) throw ExecError{answer_errtext(505, {})};
+    if (ext == SQLITE_BUSY_SNAPSHOT) throw ExecError{answer_errtext(Err::TRANSAKTION_KONFLIKT, {})};
     throw WouldBlock{};
   }
   if ((rc & 0xFF) == SQLITE_CONSTRAINT) {
     if (ext == SQLITE_CONSTRAINT_TRIGGER && msg.rfind(STATIC_MESSAGE, 0) == 0)
-      throw ExecError{answer_errtext(306, {msg.substr(strlen(STATIC_MESSAGE))})};
+      throw ExecError{answer_errtext(Err::TABELLE_STATISCH, {msg.substr(strlen(STATIC_MESSAGE))})};
     if (ext == SQLITE_CONSTRAINT_NOTNULL) {
       size_t dot = msg.rfind('.');
-      throw ExecError{answer_errtext(402, {dot == std::string::npos ? msg : msg.substr(dot + 1)})};
+      throw ExecError{
+          answer_errtext(Err::NOT_NULL, {dot == std::string::npos ? msg : msg.substr(dot + 1)})};
     }
     if (ext == SQLITE_CONSTRAINT_UNIQUE || ext == SQLITE_CONSTRAINT_PRIMARYKEY) {
       // "UNIQUE constraint failed: T.A, T.B": find the index over these.
@@ -181,14 +184,14 @@ namespace {
         for (const auto &c : ix.cols) ic.push_back(upper(c));
         if (ix.unique && upper(ix.table) == table && ic == cols) index = ix.name;
       }
-      throw ExecError{answer_errtext(405, {index})};
+      throw ExecError{answer_errtext(Err::INDEX_VERLETZT, {index})};
     }
   }
-  throw ExecError{answer_errtext(901, {utf8_to_latin1(msg)})};
+  throw ExecError{answer_errtext(Err::SPEICHERFEHLER, {utf8_to_latin1(msg)})};
 }
 
 // Runs SQL without results (transaction control, DDL). Throws on failure.
-void exec_sql(ChannelState &st, const std::string &sql) {
+void exec_sql(SessionState &st, const std::string &sql) {
   int rc = sqlite3_exec(st.db.get(), sql.c_str(), nullptr, nullptr, nullptr);
   if (rc != SQLITE_OK) raise_sqlite(st, rc);
 }
@@ -199,7 +202,7 @@ class CachedStmt {
 public:
   // The statement leaves the cache while it is in use, so that neither a
   // full cache nor a nested use of the same text can finalize it under us.
-  CachedStmt(ChannelState &st, const std::string &sql) : st_(st), sql_(sql) {
+  CachedStmt(SessionState &st, const std::string &sql) : st_(st), sql_(sql) {
     auto it = st.cache.find(sql);
     if (it != st.cache.end()) {
       s_ = std::move(it->second);
@@ -223,12 +226,12 @@ public:
   sqlite3_stmt *get() const { return s_.get(); }
 
 private:
-  ChannelState &st_;
+  SessionState &st_;
   std::string sql_;
   StmtPtr s_;
 };
 
-void bind_all(ChannelState &st, sqlite3_stmt *s, const std::vector<SqlValue> &params) {
+void bind_all(SessionState &st, sqlite3_stmt *s, const std::vector<SqlValue> &params) {
   for (size_t i = 0; i < params.size(); ++i) {
     int rc = type_bind(s, static_cast<int>(i + 1), params[i]);
     if (rc != SQLITE_OK) raise_sqlite(st, rc);
@@ -236,7 +239,7 @@ void bind_all(ChannelState &st, sqlite3_stmt *s, const std::vector<SqlValue> &pa
 }
 
 // Runs a statement without result rows; returns the number of changed rows.
-int run_change(ChannelState &st, const std::string &sql, const std::vector<SqlValue> &params) {
+int run_change(SessionState &st, const std::string &sql, const std::vector<SqlValue> &params) {
   CachedStmt s(st, sql);
   bind_all(st, s.get(), params);
   int rc = sqlite3_step(s.get());
@@ -247,7 +250,7 @@ int run_change(ChannelState &st, const std::string &sql, const std::vector<SqlVa
 // ---------------------------------------------------------------------------
 // Schema of the open database
 
-void load_schema(ChannelState &st) {
+void load_schema(SessionState &st) {
   st.tables.clear();
   st.indexes.clear();
   std::vector<std::pair<std::string, std::string>> objects; // type, name
@@ -310,7 +313,7 @@ void load_schema(ChannelState &st) {
 }
 
 // Brings the schema up to date when the database's schema changed.
-void refresh_schema(ChannelState &st) {
+void refresh_schema(SessionState &st) {
   int version = -1;
   {
     CachedStmt s(st, "PRAGMA schema_version");
@@ -324,9 +327,9 @@ void refresh_schema(ChannelState &st) {
   }
 }
 
-const TableInfo &find_table(ChannelState &st, const std::string &name) {
+const TableInfo &find_table(SessionState &st, const std::string &name) {
   auto it = st.tables.find(upper(name));
-  if (it == st.tables.end()) throw ExecError{answer_errtext(301, {name})};
+  if (it == st.tables.end()) throw ExecError{answer_errtext(Err::TABELLE_UNBEKANNT, {name})};
   return it->second;
 }
 
@@ -365,7 +368,7 @@ struct Generated {
 
 class Translator {
 public:
-  explicit Translator(ChannelState &st) : st_(st) {}
+  explicit Translator(SessionState &st) : st_(st) {}
 
   std::vector<SqlValue> params;
 
@@ -377,7 +380,7 @@ public:
       const TableInfo &t = find_table(st_, tr.name);
       std::string user = tr.alias.empty() ? tr.name : tr.alias;
       for (const auto &e : scope.entries)
-        if (e.user == user) throw ExecError{answer_errtext(311, {user})};
+        if (e.user == user) throw ExecError{answer_errtext(Err::ALIAS_DOPPELT, {user})};
       std::string alias = "t" + std::to_string(next_alias_++);
       scope.entries.push_back({user, upper(t.name), &t, alias});
       if (!from.empty()) from += ", ";
@@ -400,7 +403,7 @@ public:
         const Scope::Entry *e = nullptr;
         for (const auto &x : scope.entries)
           if (x.user == it.attr.qualifier || (x.table_name == it.attr.qualifier && !e)) e = &x;
-        if (!e) throw ExecError{answer_errtext(310, {it.attr.qualifier})};
+        if (!e) throw ExecError{answer_errtext(Err::TABELLE_NICHT_IN_ABFRAGE, {it.attr.qualifier})};
         for (const auto &c : e->t->cols) add(e->sql_alias + "." + quote(c.name), c.name, c.type);
         break;
       }
@@ -410,13 +413,13 @@ public:
         break;
       }
       case SelectItem::Count:
-        add("count(*)", "COUNT(*)", type_make(TYPE_INTEGER, 0));
+        add("count(*)", "COUNT(*)", type_make(DBTYPE_INTEGER, 0));
         break;
       case SelectItem::Min:
       case SelectItem::Max: {
         Resolved r = resolve(it.attr, scope);
         std::string f = it.kind == SelectItem::Min ? "min" : "max";
-        std::string arg = r.sql + (r.col->type.code == TYPE_CHARACTER ? " COLLATE TAVRIN" : "");
+        std::string arg = r.sql + (r.col->type.code == DBTYPE_CHARACTER ? " COLLATE TAVRIN" : "");
         add(f + "(" + arg + ")", upper(f) + "(" + r.col->name + ")", r.col->type);
         break;
       }
@@ -430,7 +433,7 @@ public:
         Resolved r = resolve(s.order[i].attr, scope);
         if (i) g.sql += ", ";
         g.sql += r.sql;
-        if (r.col->type.code == TYPE_CHARACTER) g.sql += " COLLATE TAVRIN";
+        if (r.col->type.code == DBTYPE_CHARACTER) g.sql += " COLLATE TAVRIN";
         if (s.order[i].desc) g.sql += " DESC";
       }
     }
@@ -449,8 +452,8 @@ public:
 
   void check_params() const {
     if (params.size() > MAX_PARAMS)
-      throw ExecError{
-          answer_errtext(507, {std::to_string(params.size()), std::to_string(MAX_PARAMS)})};
+      throw ExecError{answer_errtext(Err::ZU_VIELE_WERTE_ANFRAGE,
+                                     {std::to_string(params.size()), std::to_string(MAX_PARAMS)})};
   }
 
 private:
@@ -479,18 +482,18 @@ private:
       if (hits.size() > 1) {
         std::string tables;
         for (const auto &h : hits) tables += (tables.empty() ? "" : ", ") + h.first->user;
-        throw ExecError{answer_errtext(304, {a.name, tables})};
+        throw ExecError{answer_errtext(Err::ATTRIBUT_MEHRDEUTIG, {a.name, tables})};
       }
       if (qualifier_seen) break;
     }
     if (!a.qualifier.empty() && !qualifier_seen)
-      throw ExecError{answer_errtext(310, {a.qualifier})};
+      throw ExecError{answer_errtext(Err::TABELLE_NICHT_IN_ABFRAGE, {a.qualifier})};
     return throw_unknown(a);
   }
 
   [[noreturn]] static Resolved throw_unknown(const AttrRef &a) {
-    throw ExecError{
-        answer_errtext(303, {a.qualifier.empty() ? a.name : a.qualifier + "." + a.name})};
+    throw ExecError{answer_errtext(Err::ATTRIBUT_UNBEKANNT,
+                                   {a.qualifier.empty() ? a.name : a.qualifier + "." + a.name})};
   }
 
   // The declared type of a value node, if it has one.
@@ -531,7 +534,7 @@ private:
       return param(e.lit, t);
     case Expr::Subquery: {
       Generated g = select(*e.sub, &scope);
-      if (g.cols.size() != 1) throw ExecError{answer_errtext(506, {})};
+      if (g.cols.size() != 1) throw ExecError{answer_errtext(Err::UNTERABFRAGE_SPALTEN, {})};
       return "(" + g.sql + ")";
     }
     default:
@@ -540,7 +543,7 @@ private:
   }
 
   bool is_text(const Expr &e, std::optional<ColType> t) const {
-    if (t) return t->code == TYPE_CHARACTER;
+    if (t) return t->code == DBTYPE_CHARACTER;
     return e.kind == Expr::Value && e.lit.kind == Literal::STRING;
   }
 
@@ -606,15 +609,15 @@ private:
       std::optional<ColType> t = type_of(*e.args[0], scope);
       std::string a = value(*e.args[0], scope, t);
       Generated g = select(*e.args[1]->sub, &scope);
-      if (g.cols.size() != 1) throw ExecError{answer_errtext(506, {})};
-      bool text = t ? t->code == TYPE_CHARACTER : g.cols[0].type.code == TYPE_CHARACTER;
+      if (g.cols.size() != 1) throw ExecError{answer_errtext(Err::UNTERABFRAGE_SPALTEN, {})};
+      bool text = t ? t->code == DBTYPE_CHARACTER : g.cols[0].type.code == DBTYPE_CHARACTER;
       return "(" + a + (text ? " COLLATE RTRIM" : "") + " IN (" + g.sql + "))";
     }
     }
     return "NULL";
   }
 
-  ChannelState &st_;
+  SessionState &st_;
   int next_alias_ = 0;
 };
 
@@ -622,19 +625,19 @@ private:
 // Statements
 
 struct Ctx {
-  Channel &ch;
-  ChannelState &st;
+  Session &ch;
+  SessionState &st;
   std::vector<unsigned char> &out;
 };
 
 void need_db(Ctx &c) {
-  if (!c.st.db) throw ExecError{answer_errtext(201, {})};
+  if (!c.st.db) throw ExecError{answer_errtext(Err::KEINE_DATENBANK, {})};
   refresh_schema(c.st);
 }
 
 // Logs one line about channel ch. Texts of the protocol are Latin-1; the log
 // goes to a terminal or file and is written in UTF-8.
-void log_line(Channel &ch, const std::string &text) {
+void log_line(Session &ch, const std::string &text) {
   if (ch.ex.log)
     ch.ex.log("channel " + std::to_string(ch.id) + " [" + ch.database +
               "]: " + latin1_to_utf8(text));
@@ -669,7 +672,7 @@ template <class F> void as_change(Ctx &c, F f) {
 
 const TableInfo &changeable_table(Ctx &c, const std::string &name) {
   const TableInfo &t = find_table(c.st, name);
-  if (t.is_static) throw ExecError{answer_errtext(306, {t.name})};
+  if (t.is_static) throw ExecError{answer_errtext(Err::TABELLE_STATISCH, {t.name})};
   return t;
 }
 
@@ -677,19 +680,19 @@ const TableInfo &changeable_table(Ctx &c, const std::string &name) {
 bool is_null_value(ColType t, const SqlValue &v) {
   if (std::holds_alternative<std::monostate>(v)) return true;
   switch (t.code) {
-  case TYPE_CHARACTER:
+  case DBTYPE_CHARACTER:
     return std::get<std::string>(v).find_first_not_of(' ') == std::string::npos;
-  case TYPE_SMALLINT:
+  case DBTYPE_SMALLINT:
     return std::get<int64_t>(v) == NULL_SMALLINT;
-  case TYPE_INTEGER:
+  case DBTYPE_INTEGER:
     return std::get<int64_t>(v) == NULL_INTEGER;
-  case TYPE_FLOAT:
+  case DBTYPE_FLOAT:
     return std::get<double>(v) == NULL_FLOAT;
-  case TYPE_DATE:
+  case DBTYPE_DATE:
     return std::get<std::string>(v) == "1800-01-01";
-  case TYPE_TIMESTAMP:
+  case DBTYPE_TIMESTAMP:
     return std::get<std::string>(v) == "1800-01-01-00.00.00.000000";
-  case TYPE_BINARY:
+  case DBTYPE_BINARY:
     return std::get<SqlBlob>(v).bytes.empty();
   default:
     return false;
@@ -701,11 +704,11 @@ SqlValue checked_value(const ColumnInfo &col, const Literal &lit) {
   SqlValue v;
   std::string err;
   if (!type_check_value(col.type, lit, v, err))
-    throw ExecError{answer_errtext(401, {col.name, err})};
+    throw ExecError{answer_errtext(Err::WERT_UNGUELTIG, {col.name, err})};
   bool empty_text =
       lit.kind == Literal::STRING && lit.s.find_first_not_of(' ') == std::string::npos;
   if (col.not_null && (empty_text || is_null_value(col.type, v)))
-    throw ExecError{answer_errtext(402, {col.name})};
+    throw ExecError{answer_errtext(Err::NOT_NULL, {col.name})};
   return v;
 }
 
@@ -715,23 +718,23 @@ void do_insert(Ctx &c, const Request &q) {
   if (!q.attrs.empty()) {
     for (const auto &a : q.attrs) {
       const ColumnInfo *col = find_column(t, a);
-      if (!col) throw ExecError{answer_errtext(303, {a})};
+      if (!col) throw ExecError{answer_errtext(Err::ATTRIBUT_UNBEKANNT, {a})};
       if (std::find(cols.begin(), cols.end(), col) != cols.end())
-        throw ExecError{answer_errtext(305, {a})};
+        throw ExecError{answer_errtext(Err::ATTRIBUT_DOPPELT, {a})};
       cols.push_back(col);
     }
     if (q.attrs.size() != q.values.size())
-      throw ExecError{
-          answer_errtext(403, {std::to_string(q.attrs.size()), std::to_string(q.values.size())})};
+      throw ExecError{answer_errtext(
+          Err::ANZAHL_WERTE, {std::to_string(q.attrs.size()), std::to_string(q.values.size())})};
   } else {
     if (q.values.size() > t.cols.size())
-      throw ExecError{answer_errtext(
-          404, {t.name, std::to_string(t.cols.size()), std::to_string(q.values.size())})};
+      throw ExecError{answer_errtext(Err::ZU_VIELE_WERTE, {t.name, std::to_string(t.cols.size()),
+                                                           std::to_string(q.values.size())})};
     for (size_t i = 0; i < q.values.size(); ++i) cols.push_back(&t.cols[i]);
   }
   for (const auto &col : t.cols)
     if (col.not_null && std::find(cols.begin(), cols.end(), &col) == cols.end())
-      throw ExecError{answer_errtext(402, {col.name})};
+      throw ExecError{answer_errtext(Err::NOT_NULL, {col.name})};
   std::vector<SqlValue> params;
   std::string names, marks;
   for (size_t i = 0; i < cols.size(); ++i) {
@@ -754,9 +757,9 @@ void do_update(Ctx &c, const Request &q) {
   std::vector<const ColumnInfo *> seen;
   for (const auto &a : q.assigns) {
     const ColumnInfo *col = find_column(t, a.attr);
-    if (!col) throw ExecError{answer_errtext(303, {a.attr})};
+    if (!col) throw ExecError{answer_errtext(Err::ATTRIBUT_UNBEKANNT, {a.attr})};
     if (std::find(seen.begin(), seen.end(), col) != seen.end())
-      throw ExecError{answer_errtext(305, {a.attr})};
+      throw ExecError{answer_errtext(Err::ATTRIBUT_DOPPELT, {a.attr})};
     seen.push_back(col);
     tr.params.push_back(checked_value(*col, a.value));
     sets += (sets.empty() ? "" : ", ") + quote(col->name) + " = ?";
@@ -816,12 +819,12 @@ void do_select(Ctx &c, const Request &q) {
   if (c.ch.ex.verbose) log_line(c.ch, g.sql);
   CachedStmt s(c.st, g.sql);
   bind_all(c.st, s.get(), tr.params);
-  answer_tuples_begin(c.out, '2', g.cols);
+  answer_tuples_begin(c.out, DBANS_TUPLES, g.cols);
   append_rows(c, s.get(), g.cols, c.ch.max_rows);
 }
 
 void do_declare(Ctx &c, const Request &q) {
-  if (c.st.cursors.count(q.name)) throw ExecError{answer_errtext(503, {q.name})};
+  if (c.st.cursors.count(q.name)) throw ExecError{answer_errtext(Err::CURSOR_EXISTIERT, {q.name})};
   Translator tr(c.st);
   Generated g = tr.select(*q.select, nullptr);
   if (c.ch.ex.verbose) log_line(c.ch, "DECLARE " + q.name + " CURSOR FOR " + g.sql);
@@ -834,23 +837,24 @@ void do_declare(Ctx &c, const Request &q) {
 
 void do_fetch(Ctx &c, const Request &q) {
   auto it = c.st.cursors.find(q.name);
-  if (it == c.st.cursors.end()) throw ExecError{answer_errtext(502, {q.name})};
+  if (it == c.st.cursors.end()) throw ExecError{answer_errtext(Err::CURSOR_UNBEKANNT, {q.name})};
   Cursor &cur = it->second;
-  answer_tuples_begin(c.out, '4', cur.cols);
+  answer_tuples_begin(c.out, DBANS_TUPLES2, cur.cols);
   if (cur.done) return;
   int64_t limit = q.all ? 0 : (c.ch.max_rows > 0 ? c.ch.max_rows : 1);
   if (!append_rows(c, cur.stmt.get(), cur.cols, limit)) cur.done = true;
 }
 
 void do_create_table(Ctx &c, const Request &q) {
-  if (c.st.tables.count(q.name)) throw ExecError{answer_errtext(302, {q.name})};
-  if (c.st.indexes.count(q.name)) throw ExecError{answer_errtext(308, {q.name})};
-  if (q.name.rfind("SQLITE_", 0) == 0) throw ExecError{answer_errtext(105, {q.name})};
+  if (c.st.tables.count(q.name)) throw ExecError{answer_errtext(Err::TABELLE_EXISTIERT, {q.name})};
+  if (c.st.indexes.count(q.name)) throw ExecError{answer_errtext(Err::NAME_VERGEBEN, {q.name})};
+  if (q.name.rfind("SQLITE_", 0) == 0)
+    throw ExecError{answer_errtext(Err::NAME_UNGUELTIG, {q.name})};
   std::string sql = "CREATE TABLE " + quote(q.name) + " (";
   for (size_t i = 0; i < q.columns.size(); ++i) {
     for (size_t j = 0; j < i; ++j)
       if (q.columns[j].name == q.columns[i].name)
-        throw ExecError{answer_errtext(305, {q.columns[i].name})};
+        throw ExecError{answer_errtext(Err::ATTRIBUT_DOPPELT, {q.columns[i].name})};
     sql += (i ? ", " : "") + quote(q.columns[i].name) + " " +
            type_declaration(q.columns[i].type, q.columns[i].not_null);
   }
@@ -869,17 +873,18 @@ void do_drop_table(Ctx &c, const Request &q) {
 }
 
 void do_create_index(Ctx &c, const Request &q) {
-  if (q.name.rfind("SQLITE_", 0) == 0) throw ExecError{answer_errtext(105, {q.name})};
+  if (q.name.rfind("SQLITE_", 0) == 0)
+    throw ExecError{answer_errtext(Err::NAME_UNGUELTIG, {q.name})};
   if (c.st.tables.count(q.name) || c.st.indexes.count(q.name))
-    throw ExecError{answer_errtext(308, {q.name})};
+    throw ExecError{answer_errtext(Err::NAME_VERGEBEN, {q.name})};
   const TableInfo &t = find_table(c.st, q.table);
   std::string cols;
   std::vector<const ColumnInfo *> seen;
   for (const auto &a : q.attrs) {
     const ColumnInfo *col = find_column(t, a);
-    if (!col) throw ExecError{answer_errtext(303, {a})};
+    if (!col) throw ExecError{answer_errtext(Err::ATTRIBUT_UNBEKANNT, {a})};
     if (std::find(seen.begin(), seen.end(), col) != seen.end())
-      throw ExecError{answer_errtext(305, {a})};
+      throw ExecError{answer_errtext(Err::ATTRIBUT_DOPPELT, {a})};
     seen.push_back(col);
     cols += (cols.empty() ? "" : ", ") + quote(col->name);
   }
@@ -889,7 +894,8 @@ void do_create_index(Ctx &c, const Request &q) {
   std::string table = t.name;
   as_change(c, [&] {
     int rc = sqlite3_exec(c.st.db.get(), sql.c_str(), nullptr, nullptr, nullptr);
-    if ((rc & 0xFF) == SQLITE_CONSTRAINT) throw ExecError{answer_errtext(406, {q.name, table})};
+    if ((rc & 0xFF) == SQLITE_CONSTRAINT)
+      throw ExecError{answer_errtext(Err::INDEX_DOPPELTE_WERTE, {q.name, table})};
     if (rc != SQLITE_OK) raise_sqlite(c.st, rc);
   });
   answer_done(c.out);
@@ -897,7 +903,7 @@ void do_create_index(Ctx &c, const Request &q) {
 
 void do_drop_index(Ctx &c, const Request &q) {
   auto it = c.st.indexes.find(q.name);
-  if (it == c.st.indexes.end()) throw ExecError{answer_errtext(307, {q.name})};
+  if (it == c.st.indexes.end()) throw ExecError{answer_errtext(Err::INDEX_UNBEKANNT, {q.name})};
   std::string sql = "DROP INDEX " + quote(it->second.name);
   if (c.ch.ex.verbose) log_line(c.ch, sql);
   as_change(c, [&] { exec_sql(c.st, sql); });
@@ -928,10 +934,10 @@ void do_set_static(Ctx &c, const Request &q, bool make_static) {
 
 // SHOW: answers built from the catalog and the schema.
 void do_show(Ctx &c, const Request &q) {
-  auto text = [](int n) { return type_make(TYPE_CHARACTER, n); };
+  auto text = [](int n) { return type_make(DBTYPE_CHARACTER, n); };
   auto yes_no = [](bool b) { return std::string(b ? "JA" : "NEIN"); };
   if (q.show == Request::Databases) {
-    answer_tuples_begin(c.out, '2', {{"DATABASE", text(20)}});
+    answer_tuples_begin(c.out, DBANS_TUPLES, {{"DATABASE", text(20)}});
     for (const auto &n : catalog_list(c.ch.ex.catalog)) {
       answer_value_text(c.out, n);
       answer_row(c.out);
@@ -941,9 +947,10 @@ void do_show(Ctx &c, const Request &q) {
   need_db(c);
   switch (q.show) {
   case Request::Tables:
-    answer_tuples_begin(
-        c.out, '2',
-        {{"TABLE_NAME", text(32)}, {"ATTRIBUTES", type_make(TYPE_SMALLINT, 0)}, {"MODE", text(7)}});
+    answer_tuples_begin(c.out, DBANS_TUPLES,
+                        {{"TABLE_NAME", text(32)},
+                         {"ATTRIBUTES", type_make(DBTYPE_SMALLINT, 0)},
+                         {"MODE", text(7)}});
     for (const auto &[k, t] : c.st.tables) {
       answer_value_text(c.out, t.name);
       answer_value_smallint(c.out, static_cast<int16_t>(t.cols.size()));
@@ -953,10 +960,10 @@ void do_show(Ctx &c, const Request &q) {
     break;
   case Request::Table: {
     const TableInfo &t = find_table(c.st, q.table);
-    answer_tuples_begin(c.out, '2',
+    answer_tuples_begin(c.out, DBANS_TUPLES,
                         {{"ATTRIBUTE", text(32)},
                          {"TYPE", text(10)},
-                         {"SIZE", type_make(TYPE_INTEGER, 0)},
+                         {"SIZE", type_make(DBTYPE_INTEGER, 0)},
                          {"NOT_NULL", text(5)}});
     for (const auto &col : t.cols) {
       answer_value_text(c.out, col.name);
@@ -971,7 +978,7 @@ void do_show(Ctx &c, const Request &q) {
   case Request::IndicesOnTable: {
     std::string table;
     if (q.show == Request::IndicesOnTable) table = upper(find_table(c.st, q.table).name);
-    answer_tuples_begin(c.out, '2',
+    answer_tuples_begin(c.out, DBANS_TUPLES,
                         {{"INDEX_NAME", text(32)},
                          {"TABLE_NAME", text(32)},
                          {"UNIQUE_INDEX", text(5)},
@@ -990,13 +997,13 @@ void do_show(Ctx &c, const Request &q) {
   }
   case Request::Index: {
     auto it = c.st.indexes.find(q.name);
-    if (it == c.st.indexes.end()) throw ExecError{answer_errtext(307, {q.name})};
+    if (it == c.st.indexes.end()) throw ExecError{answer_errtext(Err::INDEX_UNBEKANNT, {q.name})};
     const IndexInfo &ix = it->second;
-    answer_tuples_begin(c.out, '2',
+    answer_tuples_begin(c.out, DBANS_TUPLES,
                         {{"INDEX_NAME", text(32)},
                          {"TABLE_NAME", text(32)},
                          {"UNIQUE_INDEX", text(5)},
-                         {"POSITION", type_make(TYPE_SMALLINT, 0)},
+                         {"POSITION", type_make(DBTYPE_SMALLINT, 0)},
                          {"ATTRIBUTE", text(32)}});
     for (size_t i = 0; i < ix.cols.size(); ++i) {
       answer_value_text(c.out, ix.name);
@@ -1016,8 +1023,8 @@ void do_show(Ctx &c, const Request &q) {
 // Closes the channel's database: rolls back an open transaction (or commits
 // it when commit is set; a commit that fails throws and leaves the database
 // open), ends the cursors.
-void close_database(Channel &ch, bool commit) {
-  ChannelState &st = *ch.st;
+void close_database(Session &ch, bool commit) {
+  SessionState &st = *ch.st;
   if (!st.db) return;
   end_block(st);
   st.write_first = false;
@@ -1042,15 +1049,15 @@ void close_database(Channel &ch, bool commit) {
 
 // Makes name the channel's database. An open transaction of the previous
 // database is committed first. With create the database is made new.
-void switch_database(Channel &ch, const std::string &name, bool create) {
+void switch_database(Session &ch, const std::string &name, bool create) {
   Catalog &cat = ch.ex.catalog;
-  if (!catalog_valid_name(name)) throw ExecError{answer_errtext(105, {name})};
+  if (!catalog_valid_name(name)) throw ExecError{answer_errtext(Err::NAME_UNGUELTIG, {name})};
   bool exists = catalog_exists(cat, name);
-  if (create && exists) throw ExecError{answer_errtext(203, {name})};
-  if (!create && !exists) throw ExecError{answer_errtext(202, {name})};
+  if (create && exists) throw ExecError{answer_errtext(Err::DATENBANK_EXISTIERT, {name})};
+  if (!create && !exists) throw ExecError{answer_errtext(Err::DATENBANK_UNBEKANNT, {name})};
   std::string err;
   DbPtr db(catalog_open(cat, name, create, err));
-  if (!db) throw ExecError{answer_errtext(206, {name, err})};
+  if (!db) throw ExecError{answer_errtext(Err::DATENBANK_FEHLER, {name, err})};
   close_database(ch, true);
   ch.st->db = std::move(db);
   ch.database = name;
@@ -1060,16 +1067,18 @@ void switch_database(Channel &ch, const std::string &name, bool create) {
 void do_drop_database(Ctx &c, const Request &q) {
   Catalog &cat = c.ch.ex.catalog;
   std::string name = q.has_name ? q.name : c.ch.database;
-  if (name.empty()) throw ExecError{answer_errtext(201, {})};
+  if (name.empty()) throw ExecError{answer_errtext(Err::KEINE_DATENBANK, {})};
   if (!catalog_valid_name(name) || !catalog_exists(cat, name))
-    throw ExecError{answer_errtext(202, {name})};
-  if (name == CATALOG_SYSTEM_DB) throw ExecError{answer_errtext(205, {name})};
+    throw ExecError{answer_errtext(Err::DATENBANK_UNBEKANNT, {name})};
+  if (name == CATALOG_SYSTEM_DB) throw ExecError{answer_errtext(Err::SYSTEMDATENBANK, {name})};
   int others = cat.users.count(name) ? cat.users[name] : 0;
   if (name == c.ch.database) --others;
-  if (others > 0) throw ExecError{answer_errtext(204, {name, std::to_string(others)})};
+  if (others > 0)
+    throw ExecError{answer_errtext(Err::DATENBANK_BENUTZT, {name, std::to_string(others)})};
   if (name == c.ch.database) close_database(c.ch, false);
   std::string err;
-  if (!catalog_drop(cat, name, err)) throw ExecError{answer_errtext(206, {name, err})};
+  if (!catalog_drop(cat, name, err))
+    throw ExecError{answer_errtext(Err::DATENBANK_FEHLER, {name, err})};
   answer_done(c.out);
 }
 
@@ -1133,8 +1142,8 @@ const char *kind_name(ReqKind k) {
 }
 
 int execute(Ctx &c, const Request &q) {
-  Channel &ch = c.ch;
-  ChannelState &st = c.st;
+  Session &ch = c.ch;
+  SessionState &st = c.st;
   if (ch.ex.verbose && kind_name(q.kind)[0])
     log_line(ch, std::string(kind_name(q.kind)) + (q.name.empty() ? "" : " " + q.name));
   switch (q.kind) {
@@ -1174,7 +1183,7 @@ int execute(Ctx &c, const Request &q) {
   default:
     break;
   }
-  if (!st.db) throw ExecError{answer_errtext(201, {})};
+  if (!st.db) throw ExecError{answer_errtext(Err::KEINE_DATENBANK, {})};
   bool writes = q.kind == ReqKind::CreateTable || q.kind == ReqKind::DropTable ||
                 q.kind == ReqKind::CreateIndex || q.kind == ReqKind::DropIndex ||
                 q.kind == ReqKind::Insert || q.kind == ReqKind::Update ||
@@ -1219,7 +1228,7 @@ int execute(Ctx &c, const Request &q) {
     do_delete(c, q);
     break;
   case ReqKind::Begin:
-    if (ch.in_transaction()) throw ExecError{answer_errtext(501, {})};
+    if (ch.in_transaction()) throw ExecError{answer_errtext(Err::TRANSAKTION_OFFEN, {})};
     st.pending_begin = true;
     answer_done(c.out);
     break;
@@ -1242,7 +1251,7 @@ int execute(Ctx &c, const Request &q) {
     do_fetch(c, q);
     break;
   case ReqKind::CloseCursor:
-    if (!st.cursors.erase(q.name)) throw ExecError{answer_errtext(502, {q.name})};
+    if (!st.cursors.erase(q.name)) throw ExecError{answer_errtext(Err::CURSOR_UNBEKANNT, {q.name})};
     answer_done(c.out);
     break;
   case ReqKind::SetStatic:
@@ -1254,7 +1263,7 @@ int execute(Ctx &c, const Request &q) {
   case ReqKind::Save: {
     std::string path, err;
     if (!catalog_save(ch.ex.catalog, ch.database, path, err))
-      throw ExecError{answer_errtext(207, {ch.database, err})};
+      throw ExecError{answer_errtext(Err::SICHERUNG_FEHLER, {ch.database, err})};
     if (ch.ex.log) log_line(ch, "saved to " + path);
     answer_done(c.out);
     break;
@@ -1267,15 +1276,15 @@ int execute(Ctx &c, const Request &q) {
 
 } // namespace
 
-Channel::~Channel() { close_database(*this, false); }
+Session::~Session() { close_database(*this, false); }
 
-int exec_request(Channel &ch, const unsigned char *req, size_t len,
+int exec_request(Session &ch, const unsigned char *req, size_t len,
                  std::vector<unsigned char> &answer) {
   Request q;
   std::string err;
   if (!request_decode(req, len, q, err)) {
     if (ch.ex.log) log_line(ch, "error: " + err);
-    if (len > 0 && req[0] == '0') {
+    if (len > 0 && req[0] == DBREQ_MESSAGE) {
       answer.clear();
       return EXEC_NO_ANSWER; // a broken message-text request is one-way too
     }
@@ -1294,18 +1303,20 @@ int exec_request(Channel &ch, const unsigned char *req, size_t len,
     return EXEC_WOULD_BLOCK;
   } catch (const std::exception &e) {
     // Out of memory and the like: the request fails, the server goes on.
-    std::string text = answer_errtext(901, {e.what()});
+    std::string text = answer_errtext(Err::SPEICHERFEHLER, {e.what()});
     if (ch.ex.log) log_line(ch, "error: " + text);
     return refused(q, answer, text);
   }
 }
 
-bool holds_write_lock(const Channel &ch) {
+bool holds_write_lock(const Session &ch) {
   return ch.st && ch.st->db && sqlite3_txn_state(ch.st->db.get(), "main") == SQLITE_TXN_WRITE;
 }
 
-bool waits_in_vain(const Channel &waiter, const Channel &holder) {
+bool waits_in_vain(const Session &waiter, const Session &holder) {
   return waiter.st && waiter.st->db &&
          sqlite3_txn_state(waiter.st->db.get(), "main") == SQLITE_TXN_READ && holder.st &&
          holder.st->block_changed;
 }
+
+} // namespace tavrind

@@ -20,6 +20,8 @@
 #include <string>
 #include <vector>
 
+namespace tavrind {
+
 // Server-wide state shared by all channels.
 struct Executor {
   Catalog catalog;
@@ -31,43 +33,44 @@ struct Executor {
   bool stop_requested = false;
 };
 
-struct ChannelState;
+struct SessionState;
 
-// One client's channel.
-struct Channel {
-  Channel(Executor &ex, int id);
+// The executor's state of one client (one protocol channel): its SQLite
+// connection, open database, transaction, cursors and MAX setting.
+struct Session {
+  Session(Executor &ex, int id);
   // Rolls back an open transaction, closes cursors and the connection.
-  ~Channel();
-  Channel(const Channel &) = delete;
-  Channel &operator=(const Channel &) = delete;
+  ~Session();
+  Session(const Session &) = delete;
+  Session &operator=(const Session &) = delete;
 
   Executor &ex;
   int id;
   std::string database; // the open database; empty when none
   int32_t max_rows = 0; // MAX n: rows per SELECT and per FETCH; 0 = no limit
-  std::unique_ptr<ChannelState> st;
+  std::unique_ptr<SessionState> st;
 
   // Is a transaction open (BEGIN without COMMIT/END/ABORT yet)?
   bool in_transaction() const;
 };
 
 enum ExecResult {
-  EXEC_NO_ANSWER = 0,   // the request gets no answer ('2', 'W', '0')
+  EXEC_NO_ANSWER = 0,   // the request gets no answer (close, notice, message text)
   EXEC_ANSWER = 1,      // answer holds the answer to send
   EXEC_WOULD_BLOCK = 2, // another channel holds a lock: send the request again later
 };
 
 // Executes one request of channel ch and builds its answer in answer (which
-// is replaced). Requests that do not decode are answered '0' with a text.
+// is replaced). Requests that do not decode get an error answer.
 // Returns one of ExecResult. On EXEC_WOULD_BLOCK nothing of the request has
 // taken effect.
-int exec_request(Channel &ch, const unsigned char *req, size_t len,
+int exec_request(Session &ch, const unsigned char *req, size_t len,
                  std::vector<unsigned char> &answer);
 
 // Does the channel's connection hold the write lock of its open database (its
 // transaction has begun to write, or started with the lock, and is not over)?
 // Parked channels wait for the channel that does.
-bool holds_write_lock(const Channel &ch);
+bool holds_write_lock(const Session &ch);
 
 // Would a statement of waiter, blocked behind holder's write lock, wait in
 // vain? It would when waiter's transaction already reads a snapshot of the
@@ -75,4 +78,6 @@ bool holds_write_lock(const Channel &ch);
 // snapshot is stale and waiter can never write. The two wait for each other
 // (holder's change needs waiter's read to end, waiter needs the lock), so
 // the request handler refuses waiter's statement at once.
-bool waits_in_vain(const Channel &waiter, const Channel &holder);
+bool waits_in_vain(const Session &waiter, const Session &holder);
+
+} // namespace tavrind

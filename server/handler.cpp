@@ -12,7 +12,7 @@ namespace tavrind {
 // waits.
 struct ExecHandler::Context : ChannelContext {
   Context(Executor &ex, int id) : ch(ex, id) {}
-  Channel ch;
+  Session ch;
   std::vector<unsigned char> waiting;
   bool is_parked = false;
   std::chrono::steady_clock::time_point parked_at;
@@ -116,7 +116,7 @@ bool ExecHandler::deadlocked(int channel, const Context *ctx) const {
 
 void ExecHandler::refuse_deadlock(ProtocolServer &srv, int channel) {
   const Context *ctx = channels_.at(channel);
-  std::string text = answer_errtext(510, {ctx->ch.database});
+  std::string text = answer_errtext(Err::VERKLEMMUNG, {ctx->ch.database});
   log("channel " + std::to_string(channel) + ": error: " + text);
   std::vector<unsigned char> answer;
   answer_error(answer, text);
@@ -129,7 +129,7 @@ void ExecHandler::time_out(ProtocolServer &srv, int channel, Context *ctx) {
   char secs[32];
   snprintf(secs, sizeof secs, "%g", double(lock_timeout_.count()) / 1000.0);
   std::string db = ctx->ch.database.empty() ? "?" : ctx->ch.database;
-  std::string text = answer_errtext(509, {db, secs});
+  std::string text = answer_errtext(Err::SPERRE_ZEITABLAUF, {db, secs});
   log("channel " + std::to_string(channel) + ": error: " + text);
   std::vector<unsigned char> answer;
   answer_error(answer, text);

@@ -9,32 +9,16 @@
 #include <unistd.h>
 
 #include "base/msg.h"
-#include "db/client/transport.h"
+#include "db/wire/wire.h"
 
 namespace tavrind {
 
 namespace {
 
-constexpr size_t kChannelAt = 0;
-constexpr size_t kLengthAt = 4;
-constexpr size_t kPayloadAt = 8;
 constexpr size_t kPayload = DBCOMM_PAYLOAD_SIZE;
-constexpr uint32_t kMaxPacket = DBCOMM_PACKET_MAX + 8; // single packet of 10000 bytes
+constexpr uint32_t kMaxPacket = DBCOMM_PACKET_MAX + DBCOMM_FIRST_HEAD; // largest packet
 constexpr uint32_t kMaxRequest = 1u << 30;
 constexpr int64_t kCheckInterval = 100 * 1000000LL; // client processes, ns
-
-const char *const kObjects[] = {"TavrinDB_Shared_Memory", "TavrinDB_Shared_Memory_Socket",
-                                "TavrinDB_Client",        "TavrinDB_Server_Ack",
-                                "TavrinDB_Client_Ack",    "TavrinDB_Client_Activate",
-                                "TavrinDB_Mutex",         "TavrinDB_Server"};
-
-uint32_t get32(const unsigned char *p) {
-  uint32_t v;
-  std::memcpy(&v, p, 4);
-  return v;
-}
-
-void put32(unsigned char *p, uint32_t v) { std::memcpy(p, &v, 4); }
 
 int64_t now_ns() {
   struct timespec ts;
@@ -66,25 +50,25 @@ void ProtocolServer::set_owner_word(int32_t v) {
                    __ATOMIC_SEQ_CST);
 }
 
-ProtocolServer::Channel *ProtocolServer::channel_at(int channel) {
-  if (channel < 0 || size_t(channel) >= channels_.size() || !channels_[size_t(channel)].used)
+ProtocolServer::Slot *ProtocolServer::slot_at(int channel) {
+  if (channel < 0 || size_t(channel) >= slots_.size() || !slots_[size_t(channel)].used)
     return nullptr;
-  return &channels_[size_t(channel)];
+  return &slots_[size_t(channel)];
 }
 
-const ProtocolServer::Channel *ProtocolServer::channel_at(int channel) const {
-  return const_cast<ProtocolServer *>(this)->channel_at(channel);
+const ProtocolServer::Slot *ProtocolServer::slot_at(int channel) const {
+  return const_cast<ProtocolServer *>(this)->slot_at(channel);
 }
 
 bool ProtocolServer::start() {
   if (started_) return true;
   // The liveness lock first: while another server lives, touch nothing.
-  if (!server_.create_owned("TavrinDB_Server")) {
+  if (!server_.create_owned(DBOBJ_SERVER)) {
     if (errno == EWOULDBLOCK)
       msg_print("(tavrind) A server is already running in namespace '%s'\n",
                 ipc::object_name("").c_str() + 1);
     else
-      msg_print("(tavrind) Cannot create %s: %s\n", "TavrinDB_Server", std::strerror(errno));
+      msg_print("(tavrind) Cannot create %s: %s\n", DBOBJ_SERVER, std::strerror(errno));
     return false;
   }
   struct Item {
@@ -92,13 +76,13 @@ bool ProtocolServer::start() {
     const char *name;
   };
   const Item items[] = {
-      {area_.create_or_open("TavrinDB_Shared_Memory", DBCOMM_AREA_SIZE), "TavrinDB_Shared_Memory"},
-      {owner_.create_or_open("TavrinDB_Shared_Memory_Socket", 4), "TavrinDB_Shared_Memory_Socket"},
-      {client_.create_or_open("TavrinDB_Client"), "TavrinDB_Client"},
-      {server_ack_.create_or_open("TavrinDB_Server_Ack"), "TavrinDB_Server_Ack"},
-      {client_ack_.create_or_open("TavrinDB_Client_Ack"), "TavrinDB_Client_Ack"},
-      {activate_.create_or_open("TavrinDB_Client_Activate"), "TavrinDB_Client_Activate"},
-      {mutex_.create_or_open("TavrinDB_Mutex"), "TavrinDB_Mutex"},
+      {area_.create_or_open(DBOBJ_AREA, DBCOMM_AREA_SIZE), DBOBJ_AREA},
+      {owner_.create_or_open(DBOBJ_OWNER, DBCOMM_OWNER_SIZE), DBOBJ_OWNER},
+      {client_.create_or_open(DBOBJ_CLIENT), DBOBJ_CLIENT},
+      {server_ack_.create_or_open(DBOBJ_SERVER_ACK), DBOBJ_SERVER_ACK},
+      {client_ack_.create_or_open(DBOBJ_CLIENT_ACK), DBOBJ_CLIENT_ACK},
+      {activate_.create_or_open(DBOBJ_ACTIVATE), DBOBJ_ACTIVATE},
+      {mutex_.create_or_open(DBOBJ_MUTEX), DBOBJ_MUTEX},
   };
   for (const Item &it : items) {
     if (!it.ok) {
@@ -116,7 +100,7 @@ bool ProtocolServer::start() {
   }
   // A leftover of a dead server may name a parked channel of its own, and
   // may hold an acknowledgement that no chunk of ours has earned.
-  set_owner_word(-1);
+  set_owner_word(DBCOMM_OWNER_FREE);
   server_ack_.reset();
   activate_.reset();
   started_ = true;
@@ -127,14 +111,14 @@ bool ProtocolServer::start() {
 
 void ProtocolServer::shutdown() {
   if (!started_) return;
-  for (size_t i = 0; i < channels_.size(); ++i)
-    if (channels_[i].used) channels_[i].dead = true;
+  for (size_t i = 0; i < slots_.size(); ++i)
+    if (slots_[i].used) slots_[i].dead = true;
   close_dead_channels();
   activations_.clear();
   activating_ = -1;
   // Unlink while the liveness lock is still held: a starting server cannot
   // have taken the names over yet.
-  for (const char *name : kObjects) ipc::unlink_object(name);
+  for (const char *name : DBOBJ_ALL) ipc::unlink_object(name);
   area_.close();
   owner_.close();
   client_.close();
@@ -153,12 +137,12 @@ void ProtocolServer::run() {
 void ProtocolServer::poll(int timeout_ms) {
   if (!started_) return;
   if (activating_ < 0) start_activation();
-  if (activating_ >= 0 && owner_word() == -1) finish_activation();
+  if (activating_ >= 0 && owner_word() == DBCOMM_OWNER_FREE) finish_activation();
   if (activating_ >= 0)
     wait_activation(timeout_ms);
   else if (server_.wait(timeout_ms) == ipc::WaitResult::Signalled)
     handle_chunk();
-  if (activating_ >= 0 && owner_word() == -1) finish_activation();
+  if (activating_ >= 0 && owner_word() == DBCOMM_OWNER_FREE) finish_activation();
   if (now_ns() - last_check_ns_ >= kCheckInterval) check_clients();
   close_dead_channels();
   handler_.idle(*this);
@@ -170,13 +154,14 @@ void ProtocolServer::poll(int timeout_ms) {
 void ProtocolServer::handle_chunk() {
   settle_ack(false);
   unsigned char *a = area();
-  int32_t channel = static_cast<int32_t>(get32(a + kChannelAt));
-  if (channel == -1) {
+  uint32_t word = DBwire_get32(a + DBCOMM_CHANNEL_AT);
+  if (word == DBHS_CHANNEL) {
     handshake();
     return;
   }
-  uint32_t n = get32(a + kLengthAt);
-  Channel *ch = channel_at(channel);
+  int32_t channel = static_cast<int32_t>(word);
+  uint32_t n = DBwire_get32(a + DBCOMM_LENGTH_AT);
+  Slot *ch = slot_at(channel);
   std::vector<int> complete;
   if (n > kPayload) {
     msg_print("(tavrind) Chunk of %u bytes on channel %d is longer than the message area\n", n,
@@ -184,7 +169,7 @@ void ProtocolServer::handle_chunk() {
   } else if (!ch) {
     msg_print("(tavrind) Chunk for unknown channel %d ignored\n", channel);
   } else {
-    feed(channel, a + kPayloadAt, n, complete);
+    feed(channel, a + DBCOMM_PAYLOAD_AT, n, complete);
   }
   // Every chunk is acknowledged, so no client waits for ever on a chunk that
   // was refused.
@@ -194,47 +179,47 @@ void ProtocolServer::handle_chunk() {
 
 void ProtocolServer::handshake() {
   unsigned char *a = area();
-  pid_t pid = static_cast<pid_t>(get32(a + kLengthAt));
-  const auto *version = reinterpret_cast<const char *>(a + kPayloadAt);
-  bool version_ok = std::memchr(version, 0, kPayload) && std::strcmp(version, kClientVersion) == 0;
-  int32_t answer = -1;
+  pid_t pid = static_cast<pid_t>(DBwire_get32(a + DBCOMM_LENGTH_AT));
+  const auto *version = reinterpret_cast<const char *>(a + DBCOMM_PAYLOAD_AT);
+  bool version_ok = std::memchr(version, 0, kPayload) && std::strcmp(version, DBCOMM_VERSION) == 0;
+  int32_t answer = DBHS_REFUSED_VERSION;
   if (!version_ok) {
     msg_print("(tavrind) Client %d refused: version '%.40s' is not %s\n", int(pid),
-              std::memchr(version, 0, 41) ? version : "?", kClientVersion);
+              std::memchr(version, 0, 41) ? version : "?", DBCOMM_VERSION);
   } else {
     // A process holds one transport at a time: a new handshake means its
     // earlier channels are given up.
-    for (Channel &old : channels_)
+    for (Slot &old : slots_)
       if (old.used && !old.dead && old.proc.pid() == pid) old.dead = true;
     int free_slot = -1;
-    for (size_t i = 0; i < channels_.size(); ++i)
-      if (!channels_[i].used) {
+    for (size_t i = 0; i < slots_.size(); ++i)
+      if (!slots_[i].used) {
         free_slot = int(i);
         break;
       }
-    if (free_slot < 0 && int(channels_.size()) < max_channels_) {
-      channels_.emplace_back();
-      free_slot = int(channels_.size()) - 1;
+    if (free_slot < 0 && int(slots_.size()) < max_channels_) {
+      slots_.emplace_back();
+      free_slot = int(slots_.size()) - 1;
     }
     ipc::Process proc;
     if (free_slot < 0) {
       msg_print("(tavrind) Client %d refused: all %d channels in use\n", int(pid), max_channels_);
-      answer = -2;
+      answer = DBHS_REFUSED_FULL;
     } else if (!proc.open(pid)) {
       msg_print("(tavrind) Client %d refused: no such process\n", int(pid));
-      answer = -3;
+      answer = DBHS_REFUSED_PROCESS;
     } else {
-      Channel &ch = channels_[size_t(free_slot)];
-      ch = Channel{};
+      Slot &ch = slots_[size_t(free_slot)];
+      ch = Slot{};
       ch.used = true;
       ch.proc = std::move(proc);
       answer = free_slot;
     }
   }
-  put32(a + kChannelAt, static_cast<uint32_t>(answer));
-  put32(a + kLengthAt, static_cast<uint32_t>(getpid()));
+  DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(answer));
+  DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(getpid()));
   client_.set();
-  if (answer >= 0) channels_[size_t(answer)].ctx = handler_.channel_opened(*this, answer, pid);
+  if (answer >= 0) slots_[size_t(answer)].ctx = handler_.channel_opened(*this, answer, pid);
 }
 
 // Appends chunk bytes to the channel's packet; every complete packet goes
@@ -243,17 +228,17 @@ void ProtocolServer::handshake() {
 // channel's partial request.
 void ProtocolServer::feed(int channel, const unsigned char *bytes, size_t n,
                           std::vector<int> &complete) {
-  Channel &ch = channels_[size_t(channel)];
+  Slot &ch = slots_[size_t(channel)];
   while (n > 0) {
     // First the length word, then the rest of the packet.
     size_t want = 4;
-    if (ch.packet.size() >= 4) want = get32(ch.packet.data());
+    if (ch.packet.size() >= 4) want = DBwire_get32(ch.packet.data());
     size_t take = std::min(n, want - ch.packet.size());
     ch.packet.insert(ch.packet.end(), bytes, bytes + take);
     bytes += take;
     n -= take;
     if (ch.packet.size() < 4) continue;
-    uint32_t plen = get32(ch.packet.data());
+    uint32_t plen = DBwire_get32(ch.packet.data());
     uint32_t min_len = ch.in_message ? 5 : 8;
     if (plen < min_len || plen > kMaxPacket) {
       msg_print("(tavrind) Packet length %u on channel %d out of range\n", plen, channel);
@@ -266,7 +251,7 @@ void ProtocolServer::feed(int channel, const unsigned char *bytes, size_t n,
     const unsigned char *data;
     size_t dn;
     if (!ch.in_message) {
-      uint32_t total = get32(ch.packet.data() + 4);
+      uint32_t total = DBwire_get32(ch.packet.data() + 4);
       if (total > kMaxRequest) {
         msg_print("(tavrind) Request of %u bytes on channel %d too long\n", total, channel);
         ch.packet.clear();
@@ -299,7 +284,7 @@ void ProtocolServer::feed(int channel, const unsigned char *bytes, size_t n,
 }
 
 void ProtocolServer::dispatch(int channel) {
-  Channel *ch = channel_at(channel);
+  Slot *ch = slot_at(channel);
   if (!ch || ch->dead) return;
   std::vector<unsigned char> request;
   request.swap(ch->message);
@@ -308,7 +293,7 @@ void ProtocolServer::dispatch(int channel) {
   handler_.request(*this, channel, ch->ctx.get(), request.data(), request.size());
   current_ = -1;
   // Keep the memory of small requests for the next one.
-  ch = channel_at(channel);
+  ch = slot_at(channel);
   if (ch && request.capacity() <= (1u << 20)) {
     request.clear();
     ch->message.swap(request);
@@ -316,9 +301,10 @@ void ProtocolServer::dispatch(int channel) {
 }
 
 bool ProtocolServer::answer(int channel, const void *data, size_t length) {
-  Channel *ch = channel_at(channel);
+  Slot *ch = slot_at(channel);
   if (!ch || ch->dead) return false;
-  if (length > size_t(INT_MAX) || (length == 1 && *static_cast<const char *>(data) == '-'))
+  if (length > size_t(INT_MAX) ||
+      (length == 1 && *static_cast<const unsigned char *>(data) == DBCOMM_PARKED))
     return false;
   const auto *bytes = static_cast<const unsigned char *>(data);
   if (channel == current_ && !current_done_) {
@@ -335,33 +321,36 @@ bool ProtocolServer::answer(int channel, const void *data, size_t length) {
 }
 
 bool ProtocolServer::park(int channel) {
-  Channel *ch = channel_at(channel);
+  Slot *ch = slot_at(channel);
   if (!ch || ch->dead || channel != current_ || current_done_) return false;
   current_done_ = true;
-  static const unsigned char notice[9] = {9, 0, 0, 0, 1, 0, 0, 0, '-'};
+  unsigned char notice[DBCOMM_PARKED_CHUNK];
+  DBwire_put32(notice, DBCOMM_PARKED_CHUNK);
+  DBwire_put32(notice + 4, 1);
+  notice[DBCOMM_FIRST_HEAD] = DBCOMM_PARKED;
   if (!send_chunk(channel, notice, sizeof notice, nullptr, 0, true)) return false;
   ch->parked = true;
   return true;
 }
 
 bool ProtocolServer::is_parked(int channel) const {
-  const Channel *ch = channel_at(channel);
+  const Slot *ch = slot_at(channel);
   return ch && ch->parked;
 }
 
 bool ProtocolServer::channel_open(int channel) const {
-  const Channel *ch = channel_at(channel);
+  const Slot *ch = slot_at(channel);
   return ch && !ch->dead;
 }
 
 pid_t ProtocolServer::client_pid(int channel) const {
-  const Channel *ch = channel_at(channel);
+  const Slot *ch = slot_at(channel);
   return ch ? ch->proc.pid() : 0;
 }
 
 int ProtocolServer::open_channels() const {
   int n = 0;
-  for (const Channel &ch : channels_) n += ch.used && !ch.dead;
+  for (const Slot &ch : slots_) n += ch.used && !ch.dead;
   return n;
 }
 
@@ -375,12 +364,12 @@ int ProtocolServer::open_channels() const {
 bool ProtocolServer::send_chunk(int channel, const unsigned char *head, size_t hn,
                                 const unsigned char *body, size_t bn, bool last) {
   settle_ack(true);
-  Channel &ch = channels_[size_t(channel)];
+  Slot &ch = slots_[size_t(channel)];
   unsigned char *a = area();
-  put32(a + kChannelAt, static_cast<uint32_t>(channel));
-  put32(a + kLengthAt, static_cast<uint32_t>(hn + bn));
-  if (hn) std::memcpy(a + kPayloadAt, head, hn);
-  if (bn) std::memcpy(a + kPayloadAt + hn, body, bn);
+  DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(channel));
+  DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(hn + bn));
+  if (hn) std::memcpy(a + DBCOMM_PAYLOAD_AT, head, hn);
+  if (bn) std::memcpy(a + DBCOMM_PAYLOAD_AT + hn, body, bn);
   client_.set();
   if (last) {
     ack_channel_ = channel;
@@ -402,7 +391,7 @@ bool ProtocolServer::send_chunk(int channel, const unsigned char *head, size_t h
 // clients acknowledge before they give the mutex up.
 void ProtocolServer::settle_ack(bool wait) {
   if (ack_channel_ < 0) return;
-  Channel *ch = channel_at(ack_channel_);
+  Slot *ch = slot_at(ack_channel_);
   ack_channel_ = -1;
   if (!wait || !ch || ch->dead) {
     server_ack_.wait(0);
@@ -424,17 +413,17 @@ bool ProtocolServer::send_message(int channel, const unsigned char *data, size_t
   unsigned char head[8];
   const uint32_t total = static_cast<uint32_t>(length);
   if (total <= DBCOMM_PACKET_MAX) {
-    put32(head, total + 8);
-    put32(head + 4, total);
+    DBwire_put32(head, total + 8);
+    DBwire_put32(head + 4, total);
     return send_chunk(channel, head, 8, data, total, true);
   }
-  put32(head, DBCOMM_PACKET_MAX);
-  put32(head + 4, total);
+  DBwire_put32(head, DBCOMM_PACKET_MAX);
+  DBwire_put32(head + 4, total);
   if (!send_chunk(channel, head, 8, data, DBCOMM_FIRST_DATA, false)) return false;
   uint32_t done = DBCOMM_FIRST_DATA;
   while (done < total) {
     uint32_t n = std::min<uint32_t>(total - done, DBCOMM_NEXT_DATA);
-    put32(head, n + 4);
+    DBwire_put32(head, n + 4);
     if (!send_chunk(channel, head, 4, data + done, n, done + n >= total)) return false;
     done += n;
   }
@@ -446,7 +435,7 @@ void ProtocolServer::start_activation() {
   while (!activations_.empty()) {
     int channel = activations_.front();
     activations_.pop_front();
-    Channel *ch = channel_at(channel);
+    Slot *ch = slot_at(channel);
     if (!ch || ch->dead || !ch->answer_ready) continue;
     activating_ = channel;
     set_owner_word(channel);
@@ -470,7 +459,7 @@ void ProtocolServer::wait_activation(int timeout_ms) {
       handle_chunk();
       return;
     }
-    if (owner_word() == -1) return;
+    if (owner_word() == DBCOMM_OWNER_FREE) return;
     struct timespec ts = {0, 20000};
     nanosleep(&ts, nullptr);
   } while (now_ns() < end);
@@ -481,7 +470,7 @@ void ProtocolServer::wait_activation(int timeout_ms) {
 void ProtocolServer::finish_activation() {
   int channel = activating_;
   activating_ = -1;
-  Channel *ch = channel_at(channel);
+  Slot *ch = slot_at(channel);
   if (!ch || ch->dead) return;
   std::vector<unsigned char> pending;
   pending.swap(ch->pending);
@@ -492,7 +481,7 @@ void ProtocolServer::finish_activation() {
 
 void ProtocolServer::check_clients() {
   last_check_ns_ = now_ns();
-  for (Channel &ch : channels_)
+  for (Slot &ch : slots_)
     if (ch.used && !ch.dead && !ch.proc.alive()) ch.dead = true;
   // Nobody is being handed the exchange: a set activation event is stale
   // (parked clients would pass it on to each other for ever).
@@ -500,17 +489,17 @@ void ProtocolServer::check_clients() {
 }
 
 void ProtocolServer::close_dead_channels() {
-  for (size_t i = 0; i < channels_.size(); ++i) {
-    Channel &ch = channels_[i];
+  for (size_t i = 0; i < slots_.size(); ++i) {
+    Slot &ch = slots_[i];
     if (!ch.used || !ch.dead) continue;
     int channel = int(i);
     if (activating_ == channel) {
-      if (owner_word() == channel) set_owner_word(-1);
+      if (owner_word() == channel) set_owner_word(DBCOMM_OWNER_FREE);
       activating_ = -1;
     }
     if (ack_channel_ == channel) ack_channel_ = -1;
     handler_.channel_closed(*this, channel, ch.ctx.get());
-    ch = Channel{};
+    ch = Slot{};
   }
 }
 

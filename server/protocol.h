@@ -2,19 +2,20 @@
 //
 // ProtocolServer owns the named objects of a server (it creates them and
 // holds the liveness lock on "TavrinDB_Server" for its whole life), answers
-// handshakes (version "2.0.1" only), gives out channels and watches each
-// client's process, reassembles requests from chunks and packets, and sends
-// answers in packets and chunks. It runs on one thread: run() or poll() waits
+// handshakes (version DBCOMM_VERSION only), gives out channels and watches
+// each client's process, reassembles requests from chunks and packets, and
+// sends answers in packets and chunks. It runs on one thread: run() or poll() waits
 // for the next chunk and calls the RequestHandler for every complete request.
 //
 // The handler decides what a request means. For each request it answers now
-// (answer), parks the client (park: the client gets the one-byte "-" notice,
-// lets other clients go on, and waits), or sends nothing (one-way requests
-// such as '2' and 'W'). A parked client is answered later with answer(): the
-// server hands the exchange back to it through the owner word and
-// "TavrinDB_Client_Activate" as soon as no other exchange is running. The
-// handler keeps per-channel state in a ChannelContext of its own and hears
-// when a client has ended. Executing statements is the handler's business.
+// (answer), parks the client (park: the client gets the one-byte notice
+// DBCOMM_PARKED, lets other clients go on, and waits), or sends nothing
+// (one-way requests such as DBREQ_CLOSE and DBREQ_NOTICE). A parked client is
+// answered later with answer(): the server hands the exchange back to it
+// through the owner word and "TavrinDB_Client_Activate" as soon as no other
+// exchange is running. The handler keeps per-channel state in a
+// ChannelContext of its own and hears when a client has ended. Executing statements is the
+// handler's business.
 #pragma once
 
 #include <csignal>
@@ -29,11 +30,9 @@
 #include "db/ipc/mutex.h"
 #include "db/ipc/named.h"
 #include "db/ipc/process.h"
+#include "db/wire/wire.h"
 
 namespace tavrind {
-
-// The only client version the server accepts.
-inline constexpr const char *kClientVersion = "2.0.1";
 
 class ProtocolServer;
 
@@ -107,7 +106,9 @@ public:
   void set_max_channels(int n) { max_channels_ = n; }
 
 private:
-  struct Channel {
+  // The transport's slot of one channel: its client process, the request
+  // being reassembled and the answer kept for it while it is parked.
+  struct Slot {
     bool used = false;
     bool dead = false;
     bool parked = false;
@@ -136,8 +137,8 @@ private:
   void finish_activation();
   void check_clients();
   void close_dead_channels();
-  Channel *channel_at(int channel);
-  const Channel *channel_at(int channel) const;
+  Slot *slot_at(int channel);
+  const Slot *slot_at(int channel) const;
   unsigned char *area() const;
   int32_t owner_word() const;
   void set_owner_word(int32_t v);
@@ -152,7 +153,7 @@ private:
   ipc::Event client_, server_ack_, client_ack_, activate_;
   ipc::Mutex mutex_;
 
-  std::vector<Channel> channels_;
+  std::vector<Slot> slots_;
   int current_ = -1;          // channel whose request() runs
   bool current_done_ = false; // it was answered or parked
   std::deque<int> activations_;

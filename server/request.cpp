@@ -2,10 +2,13 @@
 #include "server/request.h"
 
 #include "server/answer.h"
+#include "db/wire/wire.h"
 
 #include <cstdio>
 #include <cstring>
 #include <utility>
+
+namespace tavrind {
 
 namespace {
 
@@ -23,6 +26,26 @@ std::string byte_text(unsigned char c) {
   return buf;
 }
 
+// The comparison of an operator code, as Expr::op names it.
+char compare_op(unsigned char code) {
+  switch (code) {
+  case DBOP_LT:
+    return '<';
+  case DBOP_GT:
+    return '>';
+  case DBOP_LE:
+    return 'l';
+  case DBOP_GE:
+    return 'g';
+  case DBOP_EQ:
+    return '=';
+  case DBOP_NE:
+    return '!';
+  default: // DBOP_LIKE
+    return 'L';
+  }
+}
+
 // A name as the client's tokenizer makes it: a letter, then letters, digits
 // and '_', at most 31 characters. Returns it upper-cased; refuses others.
 std::string checked_name(std::string s) {
@@ -32,7 +55,7 @@ std::string checked_name(std::string s) {
     bool letter = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
     ok = letter || (i > 0 && ((c >= '0' && c <= '9') || c == '_'));
   }
-  if (!ok) throw DecodeError{answer_errtext(105, {s})};
+  if (!ok) throw DecodeError{answer_errtext(Err::NAME_UNGUELTIG, {s})};
   for (char &c : s)
     if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
   return s;
@@ -65,11 +88,12 @@ public:
   }
 
   [[noreturn]] void wrong(const char *what, unsigned char got, size_t at) {
-    throw DecodeError{answer_errtext(102, {std::to_string(at), what, byte_text(got)})};
+    throw DecodeError{
+        answer_errtext(Err::ANFRAGE_FEHLERHAFT, {std::to_string(at), what, byte_text(got)})};
   }
 
   void need(size_t k, const char *what) {
-    if (k > left()) throw DecodeError{answer_errtext(101, {what})};
+    if (k > left()) throw DecodeError{answer_errtext(Err::ANFRAGE_UNVOLLSTAENDIG, {what})};
   }
 
   uint16_t u16(const char *what) {
@@ -101,33 +125,37 @@ public:
     expect(tag, what);
     size_t at = pos_;
     uint16_t n = u16(what);
-    if (n < 1) throw DecodeError{answer_errtext(102, {std::to_string(at), what, "Länge 0"})};
+    if (n < 1)
+      throw DecodeError{
+          answer_errtext(Err::ANFRAGE_FEHLERHAFT, {std::to_string(at), what, "Länge 0"})};
     need(n, what);
     const unsigned char *s = p_ + pos_;
     if (s[n - 1] != 0 || memchr(s, 0, n - 1) != nullptr)
-      throw DecodeError{answer_errtext(102, {std::to_string(at), what, "Text ohne Endbyte 0"})};
+      throw DecodeError{answer_errtext(Err::ANFRAGE_FEHLERHAFT,
+                                       {std::to_string(at), what, "Text ohne Endbyte 0"})};
     pos_ += n;
     return std::string(reinterpret_cast<const char *>(s), n - 1);
   }
 
   // A name as the client's tokenizer makes it (see checked_name).
-  std::string name(const char *what) { return checked_name(tagged_string('a', what)); }
+  std::string name(const char *what) { return checked_name(tagged_string(DBTAG_NAME, what)); }
 
-  // A literal: 'd' 32-bit integer, 'e' double, 'f' tagged string.
+  // A literal: DBTAG_INT 32-bit integer, DBTAG_FLOAT double, DBTAG_STRING tagged
+  // string.
   Literal literal(const char *what) {
     Literal l;
     unsigned char t = peek();
-    if (t == 'd') {
+    if (t == DBTAG_INT) {
       ++pos_;
       l.kind = Literal::INT;
       l.i = i32(what);
-    } else if (t == 'e') {
+    } else if (t == DBTAG_FLOAT) {
       ++pos_;
       l.kind = Literal::FLOAT;
       l.f = f64(what);
-    } else if (t == 'f') {
+    } else if (t == DBTAG_STRING) {
       l.kind = Literal::STRING;
-      l.s = tagged_string('f', what);
+      l.s = tagged_string(DBTAG_STRING, what);
     } else {
       need(1, what);
       wrong(what, t, pos_);
@@ -135,7 +163,9 @@ public:
     return l;
   }
 
-  static bool is_literal_tag(unsigned char t) { return t == 'd' || t == 'e' || t == 'f'; }
+  static bool is_literal_tag(unsigned char t) {
+    return t == DBTAG_INT || t == DBTAG_FLOAT || t == DBTAG_STRING;
+  }
 
 private:
   const unsigned char *p_;
@@ -147,34 +177,36 @@ class Decoder {
 public:
   explicit Decoder(Reader &r) : r_(r) {}
 
-  // The select body: list, 'v', tables, ['w' expr 'w'], ['H' order 'H'].
+  // The select body: list, FROM, tables, [WHERE expr WHERE], [ORDER BY order
+  // ORDER BY] (the markers of wire.h).
   std::unique_ptr<Select> select_body(int depth) {
-    if (depth > REQ_MAX_SUBQUERY_DEPTH) throw DecodeError{answer_errtext(106, {"Unterabfragen"})};
+    if (depth > REQ_MAX_SUBQUERY_DEPTH)
+      throw DecodeError{answer_errtext(Err::ANFRAGE_ZU_TIEF, {"Unterabfragen"})};
     auto s = std::make_unique<Select>();
-    if (r_.next_is('7')) {
+    if (r_.next_is(DBMARK_DISTINCT)) {
       r_.byte("DISTINCT");
       s->distinct = true;
     }
-    while (!r_.next_is('v')) {
+    while (!r_.next_is(DBMARK_FROM)) {
       SelectItem it;
       unsigned char t = r_.peek();
       r_.need(1, "FROM");
-      if (t == 'W') {
+      if (t == DBMARK_STAR) {
         r_.byte("*");
         it.kind = SelectItem::All;
-      } else if (t == 'C') {
+      } else if (t == DBMARK_COUNT) {
         r_.byte("COUNT");
         it.kind = SelectItem::Count;
-      } else if (t == 'I' || t == 'J') {
+      } else if (t == DBMARK_MIN || t == DBMARK_MAX) {
         r_.byte("MIN/MAX");
-        it.kind = t == 'I' ? SelectItem::Min : SelectItem::Max;
-        if (r_.next_is('f')) it.attr.qualifier = qualifier();
+        it.kind = t == DBMARK_MIN ? SelectItem::Min : SelectItem::Max;
+        if (r_.next_is(DBTAG_STRING)) it.attr.qualifier = qualifier();
         it.attr.name = r_.name("<Attributname>");
-      } else if (t == 'a') {
+      } else if (t == DBTAG_NAME) {
         it.attr.name = r_.name("<Attributname>");
-      } else if (t == 'f') {
+      } else if (t == DBTAG_STRING) {
         it.attr.qualifier = qualifier();
-        if (r_.next_is('W')) {
+        if (r_.next_is(DBMARK_STAR)) {
           r_.byte("*");
           it.kind = SelectItem::TableAll;
         } else {
@@ -185,41 +217,41 @@ public:
       }
       s->items.push_back(std::move(it));
     }
-    if (s->items.empty()) r_.wrong("Element der SELECT-Liste", 'v', r_.pos());
-    r_.expect('v', "FROM");
+    if (s->items.empty()) r_.wrong("Element der SELECT-Liste", DBMARK_FROM, r_.pos());
+    r_.expect(DBMARK_FROM, "FROM");
     do {
       TableRef tr;
       tr.name = r_.name("<Tabellenname>");
-      if (r_.next_is('f')) tr.alias = qualifier();
+      if (r_.next_is(DBTAG_STRING)) tr.alias = qualifier();
       s->from.push_back(std::move(tr));
-    } while (r_.next_is('a'));
+    } while (r_.next_is(DBTAG_NAME));
     // A subquery that stands alone as the last element of the enclosing
-    // WHERE is followed by that WHERE's closing 'w'; an opening 'w' is always
+    // WHERE is followed by that WHERE's closing marker; an opening one is always
     // followed by the operand an expression starts with.
     unsigned char after = r_.peek_at(1);
-    bool opens = after == 'a' || after == 'D' || after == 'd' || after == 'e' || after == 'f' ||
-                 after == 'u' || after == '=';
-    if (r_.next_is('w') && (depth == 0 || opens)) {
+    bool opens = after == DBTAG_NAME || after == DBMARK_DOT || Reader::is_literal_tag(after) ||
+                 after == DBMARK_SUBSELECT || after == DBMARK_EXISTS;
+    if (r_.next_is(DBMARK_WHERE) && (depth == 0 || opens)) {
       r_.byte("WHERE");
       s->where = expression(depth);
     }
-    if (r_.next_is('H')) {
+    if (r_.next_is(DBMARK_ORDER_BY)) {
       r_.byte("ORDER BY");
       do {
         OrderItem o;
         o.attr = attr_ref("<Attributname> in ORDER BY");
-        if (r_.next_is(']')) {
+        if (r_.next_is(DBMARK_DESC)) {
           r_.byte("DESC");
           o.desc = true;
         }
         s->order.push_back(std::move(o));
-      } while (!r_.next_is('H'));
-      r_.expect('H', "Ende von ORDER BY");
+      } while (!r_.next_is(DBMARK_ORDER_BY));
+      r_.expect(DBMARK_ORDER_BY, "Ende von ORDER BY");
     }
     return s;
   }
 
-  // A postfix expression up to and including its closing 'w'.
+  // A postfix expression up to and including its closing DBMARK_WHERE.
   std::unique_ptr<Expr> expression(int depth) {
     std::vector<std::unique_ptr<Expr>> stack;
     for (;;) {
@@ -227,7 +259,7 @@ public:
       unsigned char t = r_.peek();
       r_.need(1, "Ausdruck oder Ende von WHERE");
       auto node = std::make_unique<Expr>();
-      if (t == 'a' || t == 'D') {
+      if (t == DBTAG_NAME || t == DBMARK_DOT) {
         node->kind = Expr::Column;
         node->attr = attr_ref("<Attributname>");
         stack.push_back(std::move(node));
@@ -241,37 +273,37 @@ public:
       }
       r_.byte("Ausdruck");
       switch (t) {
-      case 'w':
+      case DBMARK_WHERE:
         if (stack.size() != 1)
-          throw DecodeError{answer_errtext(102, {std::to_string(at), "vollständiger Ausdruck",
-                                                 std::to_string(stack.size()) + " Teilausdrücke"})};
+          throw DecodeError{answer_errtext(Err::ANFRAGE_FEHLERHAFT,
+                                           {std::to_string(at), "vollständiger Ausdruck",
+                                            std::to_string(stack.size()) + " Teilausdrücke"})};
         return std::move(stack.back());
-      case 'u':
+      case DBMARK_SUBSELECT:
         node->kind = Expr::Subquery;
         node->sub = select_body(depth + 1);
         break;
-      case '=':
+      case DBMARK_EXISTS:
         node->kind = Expr::Exists;
         node->sub = select_body(depth + 1);
-        r_.expect('L', "EXISTS-Ende 'L'");
+        r_.expect(DBMARK_EXISTS_END, "EXISTS-Ende 'L'");
         break;
-      case 'N':
-      case 'O':
-      case 'P':
-      case 'Q':
-      case 'R':
-      case 'S':
-      case 'V': {
-        // 'N' <, 'O' >, 'P' <=, 'Q' >=, 'R' =, 'S' <>, 'V' LIKE.
+      case DBOP_LT:
+      case DBOP_GT:
+      case DBOP_LE:
+      case DBOP_GE:
+      case DBOP_EQ:
+      case DBOP_NE:
+      case DBOP_LIKE: {
         node->kind = Expr::Compare;
-        node->op = t == 'V' ? 'L' : "<>lg=!"[t - 'N'];
+        node->op = compare_op(t);
         auto right = pop(stack, at, true);
         auto left = pop(stack, at, false);
         node->args.push_back(std::move(left));
         node->args.push_back(std::move(right));
         break;
       }
-      case 'Y': {
+      case DBOP_BETWEEN: {
         node->kind = Expr::Between;
         auto hi = pop(stack, at, false);
         auto lo = pop(stack, at, false);
@@ -281,12 +313,13 @@ public:
         node->args.push_back(std::move(hi));
         break;
       }
-      case 'M': {
+      case DBOP_IN: {
         auto count = pop(stack, at, false);
         if (count->kind != Expr::Value || count->lit.kind != Literal::INT || count->lit.i < 1 ||
             static_cast<size_t>(count->lit.i) >= stack.size())
-          throw DecodeError{answer_errtext(
-              102, {std::to_string(at), "Anzahl der IN-Elemente", "ungültige Anzahl"})};
+          throw DecodeError{
+              answer_errtext(Err::ANFRAGE_FEHLERHAFT,
+                             {std::to_string(at), "Anzahl der IN-Elemente", "ungültige Anzahl"})};
         size_t n = static_cast<size_t>(count->lit.i);
         std::vector<std::unique_ptr<Expr>> items;
         for (size_t i = 0; i < n; ++i) items.push_back(pop(stack, at, true));
@@ -300,22 +333,23 @@ public:
           for (size_t i = n; i-- > 0;) {
             if (items[i]->kind == Expr::Subquery)
               throw DecodeError{
-                  answer_errtext(102, {std::to_string(at), "Werte der IN-Liste", "Unterabfrage"})};
+                  answer_errtext(Err::ANFRAGE_FEHLERHAFT,
+                                 {std::to_string(at), "Werte der IN-Liste", "Unterabfrage"})};
             node->args.push_back(std::move(items[i]));
           }
         }
         break;
       }
-      case 'y':
-      case 'z': {
-        node->kind = t == 'y' ? Expr::And : Expr::Or;
+      case DBOP_AND:
+      case DBOP_OR: {
+        node->kind = t == DBOP_AND ? Expr::And : Expr::Or;
         auto right = pop(stack, at, false);
         auto left = pop(stack, at, false);
         node->args.push_back(std::move(left));
         node->args.push_back(std::move(right));
         break;
       }
-      case 'T':
+      case DBOP_NOT:
         node->kind = Expr::Not;
         node->args.push_back(pop(stack, at, false));
         break;
@@ -324,20 +358,21 @@ public:
       }
       for (auto &a : node->args)
         if (a->depth + 1 > node->depth) node->depth = a->depth + 1;
-      if (node->depth > REQ_MAX_EXPR_DEPTH) throw DecodeError{answer_errtext(106, {"Ausdruck"})};
+      if (node->depth > REQ_MAX_EXPR_DEPTH)
+        throw DecodeError{answer_errtext(Err::ANFRAGE_ZU_TIEF, {"Ausdruck"})};
       stack.push_back(std::move(node));
     }
   }
 
-  // "T" written as a tagged string 'f' (select list and aliases).
+  // "T" written as a tagged string DBTAG_STRING (select list and aliases).
   std::string qualifier() {
-    return checked_name(r_.tagged_string('f', "<Tabellenname oder Alias>"));
+    return checked_name(r_.tagged_string(DBTAG_STRING, "<Tabellenname oder Alias>"));
   }
 
-  // "A" as a name, or "T.A" as 'D' name name.
+  // "A" as a name, or "T.A" as DBMARK_DOT name name.
   AttrRef attr_ref(const char *what) {
     AttrRef a;
-    if (r_.next_is('D')) {
+    if (r_.next_is(DBMARK_DOT)) {
       r_.byte("DOT");
       a.qualifier = r_.name("<Tabellenname oder Alias>");
     }
@@ -351,11 +386,13 @@ private:
   std::unique_ptr<Expr> pop(std::vector<std::unique_ptr<Expr>> &stack, size_t at,
                             bool subquery_ok) {
     if (stack.empty())
-      throw DecodeError{answer_errtext(102, {std::to_string(at), "Operand", "leerer Stapel"})};
+      throw DecodeError{answer_errtext(Err::ANFRAGE_FEHLERHAFT,
+                                       {std::to_string(at), "Operand", "leerer Stapel"})};
     auto e = std::move(stack.back());
     stack.pop_back();
     if (e->kind == Expr::Subquery && !subquery_ok)
-      throw DecodeError{answer_errtext(102, {std::to_string(at), "Operand", "Unterabfrage"})};
+      throw DecodeError{
+          answer_errtext(Err::ANFRAGE_FEHLERHAFT, {std::to_string(at), "Operand", "Unterabfrage"})};
     return e;
   }
 
@@ -366,54 +403,54 @@ private:
 
 namespace {
 
-// CREATE TABLE: per attribute name, type byte, [int n], ['F']; then 'x'.
+// CREATE TABLE: per attribute name, type byte, [int n], [NOT NULL]; then END.
 void decode_create_table(Reader &r, Request &q) {
   q.name = r.name("<Tabellenname>");
-  while (!r.next_is('x')) {
+  while (!r.next_is(DBMARK_END)) {
     ColumnDef c;
     c.name = r.name("<Attributname> oder Ende der Attributliste");
     size_t at = r.pos();
     unsigned char code = r.byte("Datentyp");
     if (!type_code_valid(code)) r.wrong("Datentyp", code, at);
     int32_t length = 0;
-    if (code == TYPE_CHARACTER || code == TYPE_BINARY) {
-      r.expect('d', "Länge des Datentyps");
+    if (code == DBTYPE_CHARACTER || code == DBTYPE_BINARY) {
+      r.expect(DBTAG_INT, "Länge des Datentyps");
       length = r.i32("Länge des Datentyps");
-      int32_t max = code == TYPE_CHARACTER ? TYPE_MAX_CHARACTER : TYPE_MAX_BINARY;
+      int32_t max = code == DBTYPE_CHARACTER ? TYPE_MAX_CHARACTER : TYPE_MAX_BINARY;
       if (length < 1 || length > max)
-        throw DecodeError{
-            answer_errtext(309, {c.name, std::to_string(length), "1 bis " + std::to_string(max)})};
+        throw DecodeError{answer_errtext(Err::LAENGE_UNGUELTIG, {c.name, std::to_string(length),
+                                                                 "1 bis " + std::to_string(max)})};
     }
     c.type = type_make(code, length);
-    if (r.next_is('F')) {
+    if (r.next_is(DBMARK_NULL)) {
       r.byte("NOT NULL");
       c.not_null = true;
     }
     q.columns.push_back(std::move(c));
   }
-  r.expect('x', "Ende der Anweisung");
-  if (q.columns.empty()) r.wrong("<Attributname>", 'x', r.pos() - 1);
+  r.expect(DBMARK_END, "Ende der Anweisung");
+  if (q.columns.empty()) r.wrong("<Attributname>", DBMARK_END, r.pos() - 1);
 }
 
 void decode_show(Reader &r, Request &q) {
   size_t at = r.pos();
   unsigned char t = r.byte("DATABASES, TABLES, INDICES, TABLE oder INDEX");
   switch (t) {
-  case 0xF6:
+  case DBMARK_DATABASES:
     q.show = Request::Databases;
     break;
-  case 0xFC:
+  case DBMARK_TABLES:
     q.show = Request::Tables;
     break;
-  case 0xE4:
+  case DBMARK_INDICES:
     q.show = Request::Indices;
     break;
-  case '9':
+  case DBMARK_INDEX:
     q.show = Request::Index;
     q.name = r.name("<Indexname>");
     break;
-  case '?':
-    if (r.next_is(0xE4)) {
+  case DBMARK_TABLE:
+    if (r.next_is(DBMARK_INDICES)) {
       r.byte("INDICES");
       q.show = Request::IndicesOnTable;
     } else {
@@ -427,85 +464,85 @@ void decode_show(Reader &r, Request &q) {
 }
 
 void decode(Reader &r, Request &q) {
-  if (r.at_end()) throw DecodeError{answer_errtext(107, {})};
+  if (r.at_end()) throw DecodeError{answer_errtext(Err::ANFRAGE_LEER, {})};
   unsigned char cmd = r.byte("Anfragecode");
   Decoder d(r);
   switch (cmd) {
-  case '1':
+  case DBREQ_OPEN:
     q.kind = ReqKind::Open;
     q.name = r.name("<Datenbankname>");
     break;
-  case '2':
+  case DBREQ_CLOSE:
     q.kind = ReqKind::Close;
     break;
-  case '3':
+  case DBREQ_CREATE_DATABASE:
     q.kind = ReqKind::Create;
     q.name = r.name("<Datenbankname>");
     break;
-  case '4':
+  case DBREQ_DROP_DATABASE:
     q.kind = ReqKind::Drop;
     if (!r.at_end()) {
       q.has_name = true;
       q.name = r.name("<Datenbankname>");
     }
     break;
-  case '0':
+  case DBREQ_MESSAGE:
     q.kind = ReqKind::Message;
-    q.text = r.tagged_string('b', "<Meldungstext>");
+    q.text = r.tagged_string(DBTAG_MESSAGE, "<Meldungstext>");
     break;
-  case 'W':
+  case DBREQ_NOTICE:
     q.kind = ReqKind::Notice;
     break;
-  case '5':
+  case DBREQ_CREATE_TABLE:
     q.kind = ReqKind::CreateTable;
     decode_create_table(r, q);
     break;
-  case '6':
+  case DBREQ_DROP_TABLE:
     q.kind = ReqKind::DropTable;
     q.name = r.name("<Tabellenname>");
     break;
-  case '7':
-  case '8':
+  case DBREQ_CREATE_INDEX:
+  case DBREQ_CREATE_UNIQUE_INDEX:
     q.kind = ReqKind::CreateIndex;
-    q.unique = cmd == '8';
-    // The unique form is '8' followed by the whole CREATE INDEX request.
-    if (q.unique) r.expect('7', "CREATE INDEX");
+    q.unique = cmd == DBREQ_CREATE_UNIQUE_INDEX;
+    // The unique form is its code followed by the whole CREATE INDEX request.
+    if (q.unique) r.expect(DBREQ_CREATE_INDEX, "CREATE INDEX");
     q.name = r.name("<Indexname>");
     q.table = r.name("<Tabellenname>");
     do q.attrs.push_back(r.name("<Attributname>"));
-    while (!r.next_is('x'));
-    r.expect('x', "Ende der Anweisung");
+    while (!r.next_is(DBMARK_END));
+    r.expect(DBMARK_END, "Ende der Anweisung");
     break;
-  case '9':
+  case DBREQ_DROP_INDEX:
     q.kind = ReqKind::DropIndex;
     q.name = r.name("<Indexname>");
     break;
-  case 'C':
+  case DBREQ_SELECT:
     q.kind = ReqKind::Select;
     q.select = d.select_body(0);
-    r.expect('x', "Ende der Anweisung");
+    r.expect(DBMARK_END, "Ende der Anweisung");
     break;
-  case 'G':
+  case DBREQ_DELETE:
     q.kind = ReqKind::Delete;
     q.name = r.name("<Tabellenname>");
-    if (r.next_is('w')) {
+    if (r.next_is(DBMARK_WHERE)) {
       r.byte("WHERE");
       q.where = d.expression(0);
     }
-    r.expect('x', "Ende der Anweisung");
+    r.expect(DBMARK_END, "Ende der Anweisung");
     break;
-  case 'E':
+  case DBREQ_INSERT:
     q.kind = ReqKind::Insert;
     q.name = r.name("<Tabellenname>");
-    while (r.next_is('a')) q.attrs.push_back(r.name("<Attributname>"));
-    r.expect('X', "VALUES");
-    while (!r.next_is('x')) q.values.push_back(r.literal("<Wert> oder Ende der Werteliste"));
-    r.expect('x', "Ende der Anweisung");
+    while (r.next_is(DBTAG_NAME)) q.attrs.push_back(r.name("<Attributname>"));
+    r.expect(DBMARK_VALUES, "VALUES");
+    while (!r.next_is(DBMARK_END)) q.values.push_back(r.literal("<Wert> oder Ende der Werteliste"));
+    r.expect(DBMARK_END, "Ende der Anweisung");
     break;
-  case 'I':
+  case DBREQ_UPDATE:
     q.kind = ReqKind::Update;
     q.name = r.name("<Tabellenname>");
-    while (r.next_is('a')) {
+    while (r.next_is(DBTAG_NAME)) {
       Assignment a;
       a.attr = r.name("<Attributname>");
       a.value = r.literal("<Wert>");
@@ -515,80 +552,80 @@ void decode(Reader &r, Request &q) {
       r.need(1, "<Attributname>");
       r.wrong("<Attributname>", r.peek(), r.pos());
     }
-    if (r.next_is('w')) {
+    if (r.next_is(DBMARK_WHERE)) {
       r.byte("WHERE");
       q.where = d.expression(0);
     }
-    r.expect('x', "Ende der Anweisung");
+    r.expect(DBMARK_END, "Ende der Anweisung");
     break;
-  case 'J':
+  case DBREQ_BEGIN:
     q.kind = ReqKind::Begin;
     break;
-  case 'K':
+  case DBREQ_COMMIT:
     q.kind = ReqKind::Commit;
     break;
-  case 'M':
+  case DBREQ_ABORT:
     q.kind = ReqKind::Abort;
     break;
-  case 'N':
+  case DBREQ_DECLARE:
     q.kind = ReqKind::Declare;
     q.name = r.name("<Cursorname>");
     q.select = d.select_body(0);
-    r.expect('x', "Ende der Anweisung");
+    r.expect(DBMARK_END, "Ende der Anweisung");
     break;
-  case 'O':
+  case DBREQ_FETCH:
     q.kind = ReqKind::Fetch;
-    if (r.next_is('%')) {
+    if (r.next_is(DBMARK_ALL)) {
       r.byte("ALL");
       q.all = true;
     }
     q.name = r.name("<Cursorname>");
     break;
-  case 'P':
+  case DBREQ_CLOSE_CURSOR:
     q.kind = ReqKind::CloseCursor;
     q.name = r.name("<Cursorname>");
     break;
-  case 'Q':
+  case DBREQ_SET_STATIC:
     q.kind = ReqKind::SetStatic;
     q.name = r.name("<Tabellenname>");
     break;
-  case 'R':
+  case DBREQ_SAVE:
     q.kind = ReqKind::Save;
     break;
-  case 'S':
+  case DBREQ_SHOW:
     q.kind = ReqKind::Show;
     decode_show(r, q);
     break;
-  case 'T':
+  case DBREQ_MAX:
     q.kind = ReqKind::Max;
-    if (r.next_is('F')) {
+    if (r.next_is(DBMARK_NULL)) {
       r.byte("NULL");
       q.max_none = true;
     } else {
-      r.expect('d', "<Höchstzahl>");
+      r.expect(DBTAG_INT, "<Höchstzahl>");
       q.max = r.i32("<Höchstzahl>");
-      if (q.max < 0) throw DecodeError{answer_errtext(504, {std::to_string(q.max)})};
+      if (q.max < 0) throw DecodeError{answer_errtext(Err::MAX_NEGATIV, {std::to_string(q.max)})};
     }
     break;
-  case 'U':
+  case DBREQ_SET_SECURE:
     q.kind = ReqKind::SetSecure;
     q.name = r.name("<Tabellenname>");
     break;
-  case 'V':
+  case DBREQ_STOP:
     q.kind = ReqKind::Stop;
     break;
-  case 'X':
+  case DBREQ_SET_DATABASE:
     q.kind = ReqKind::SetDatabase;
     q.name = r.name("<Datenbankname>");
     break;
   default:
-    throw DecodeError{answer_errtext(103, {byte_text(cmd)})};
+    throw DecodeError{answer_errtext(Err::ANFRAGECODE_UNBEKANNT, {byte_text(cmd)})};
   }
   // The one-way requests (close, notice, message text) get no answer, so
   // their trailing bytes are ignored rather than answered.
   if (!r.at_end() && q.kind != ReqKind::Close && q.kind != ReqKind::Notice &&
       q.kind != ReqKind::Message)
-    throw DecodeError{answer_errtext(104, {std::to_string(r.left())})};
+    throw DecodeError{answer_errtext(Err::ANFRAGE_UEBERLANG, {std::to_string(r.left())})};
 }
 
 } // namespace
@@ -603,3 +640,5 @@ int request_decode(const unsigned char *req, size_t len, Request &out, std::stri
   }
   return 1;
 }
+
+} // namespace tavrind

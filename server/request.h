@@ -1,15 +1,16 @@
 // Decoding of binary requests into statement trees for tavrind.
 //
-// A request is one message of a client: a command byte ('1' open, '2' close,
-// '3' create and open, '4' drop, '0' message text, 'W' notice) or a statement
-// in the encoder's byte form (names and values as tagged fields, expressions
-// in postfix order). The decoder checks every length before it reads, accepts
-// only names that the client's tokenizer can produce, builds the tree and
-// refuses trailing bytes. What a statement means (resolving names against the
-// database, types, executing) is the executor's business.
+// A request is one message of a client: a request code (db/wire/wire.h, the
+// vocabulary shared with the client) followed by its fields: a database name,
+// a message text, or a statement in the encoder's byte form (names and values
+// as tagged fields, expressions in postfix order). The decoder checks every length before it reads,
+// accepts only names that the client's tokenizer can produce, builds the tree and refuses trailing
+// bytes. What a statement means (resolving names against the database, types, executing) is the
+// executor's business.
 #pragma once
 
 #include "server/types.h"
+#include "db/wire/wire.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -17,35 +18,37 @@
 #include <string>
 #include <vector>
 
-// Kinds of requests; the comments give the first byte(s).
+namespace tavrind {
+
+// Kinds of requests; the comments give the request code (db/wire/wire.h).
 enum class ReqKind {
-  Open,        // '1' name
-  Close,       // '2'
-  Create,      // '3' name: CREATE DATABASE, also the create-and-open request
-  Drop,        // '4' [name]: DROP DATABASE, or the named database
-  Message,     // '0' 'b' text
-  Notice,      // 'W'
-  CreateTable, // '5'
-  DropTable,   // '6'
-  CreateIndex, // '7', '8' (unique)
-  DropIndex,   // '9'
-  Select,      // 'C'
-  Delete,      // 'G'
-  Insert,      // 'E'
-  Update,      // 'I'
-  Begin,       // 'J'
-  Commit,      // 'K'
-  Abort,       // 'M'
-  Declare,     // 'N'
-  Fetch,       // 'O'
-  CloseCursor, // 'P'
-  SetStatic,   // 'Q'
-  Save,        // 'R'
-  Show,        // 'S'
-  Max,         // 'T'
-  SetSecure,   // 'U'
-  Stop,        // 'V'
-  SetDatabase, // 'X'
+  Open,        // DBREQ_OPEN name
+  Close,       // DBREQ_CLOSE
+  Create,      // DBREQ_CREATE_DATABASE name: also the create-and-open request
+  Drop,        // DBREQ_DROP_DATABASE [name]: the named database or the open one
+  Message,     // DBREQ_MESSAGE text
+  Notice,      // DBREQ_NOTICE
+  CreateTable, // DBREQ_CREATE_TABLE
+  DropTable,   // DBREQ_DROP_TABLE
+  CreateIndex, // DBREQ_CREATE_INDEX, DBREQ_CREATE_UNIQUE_INDEX
+  DropIndex,   // DBREQ_DROP_INDEX
+  Select,      // DBREQ_SELECT
+  Delete,      // DBREQ_DELETE
+  Insert,      // DBREQ_INSERT
+  Update,      // DBREQ_UPDATE
+  Begin,       // DBREQ_BEGIN
+  Commit,      // DBREQ_COMMIT
+  Abort,       // DBREQ_ABORT
+  Declare,     // DBREQ_DECLARE
+  Fetch,       // DBREQ_FETCH
+  CloseCursor, // DBREQ_CLOSE_CURSOR
+  SetStatic,   // DBREQ_SET_STATIC
+  Save,        // DBREQ_SAVE
+  Show,        // DBREQ_SHOW
+  Max,         // DBREQ_MAX
+  SetSecure,   // DBREQ_SET_SECURE
+  Stop,        // DBREQ_STOP
+  SetDatabase, // DBREQ_SET_DATABASE
 };
 
 // A possibly qualified attribute: "A" or "T.A".
@@ -120,7 +123,7 @@ struct Request {
   std::string table;               // CREATE INDEX: the table; SHOW INDICES ON TABLE / SHOW TABLE
   bool unique = false;             // CREATE UNIQUE INDEX
   bool all = false;                // FETCH ALL IN
-  bool has_name = false;           // '4' with a database name
+  bool has_name = false;           // DBREQ_DROP_DATABASE with a database name
   std::vector<ColumnDef> columns;  // CREATE TABLE
   std::vector<std::string> attrs;  // CREATE INDEX, INSERT attribute list
   std::vector<Literal> values;     // INSERT
@@ -130,7 +133,7 @@ struct Request {
   enum ShowWhat { Databases, Tables, Indices, IndicesOnTable, Table, Index } show = Databases;
   bool max_none = false; // MAX without a number
   int32_t max = 0;       // MAX n
-  std::string text;      // '0': the message text
+  std::string text;      // DBREQ_MESSAGE: the message text
 };
 
 // Limits that keep hostile requests from exhausting the server.
@@ -142,3 +145,5 @@ constexpr size_t REQ_MAX_NAME = 31;
 // a text that says what is wrong and where (out is then partly filled and must
 // not be executed).
 int request_decode(const unsigned char *req, size_t len, Request &out, std::string &err);
+
+} // namespace tavrind

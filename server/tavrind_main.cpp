@@ -95,7 +95,7 @@ int main(int argc, char **argv) {
   }
   setvbuf(stderr, nullptr, _IOLBF, 0);
 
-  Executor ex;
+  tavrind::Executor ex;
   ex.verbose = verbose;
   ex.log = log_line;
   tavrind::ExecHandler handler(ex);
@@ -114,7 +114,7 @@ int main(int argc, char **argv) {
   sigaction(SIGINT, &sa, nullptr);
   sigaction(SIGTERM, &sa, nullptr);
   std::string err;
-  if (!catalog_init(ex.catalog, data, err)) {
+  if (!tavrind::catalog_init(ex.catalog, data, err)) {
     log_line("cannot use the data folder " + data + ": " + err);
     srv.shutdown();
     return 1;

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <limits>
 
+namespace tavrind {
+
 namespace {
 
 const unsigned char SECTION = 0xA7; // "§", the run marker of escaped binary values
@@ -213,8 +215,8 @@ bool parse_double(const std::string &s, double &v) {
 }
 
 int check_integer(ColType t, const Literal &lit, SqlValue &out, std::string &err) {
-  int64_t lo = t.code == TYPE_SMALLINT ? -32768 : std::numeric_limits<int32_t>::min();
-  int64_t hi = t.code == TYPE_SMALLINT ? 32767 : std::numeric_limits<int32_t>::max();
+  int64_t lo = t.code == DBTYPE_SMALLINT ? -32768 : std::numeric_limits<int32_t>::min();
+  int64_t hi = t.code == DBTYPE_SMALLINT ? 32767 : std::numeric_limits<int32_t>::max();
   int64_t v = 0;
   switch (lit.kind) {
   case Literal::INT:
@@ -230,7 +232,7 @@ int check_integer(ColType t, const Literal &lit, SqlValue &out, std::string &err
   case Literal::STRING: {
     std::string s = trim_blanks(lit.s);
     if (s.empty()) {
-      out = static_cast<int64_t>(t.code == TYPE_SMALLINT ? NULL_SMALLINT : NULL_INTEGER);
+      out = static_cast<int64_t>(t.code == DBTYPE_SMALLINT ? NULL_SMALLINT : NULL_INTEGER);
       return 1;
     }
     if (!parse_int64(s, v)) {
@@ -312,29 +314,29 @@ bool type_date_valid(int y, int m, int d) {
 }
 
 bool type_code_valid(unsigned char code) {
-  return (code >= TYPE_CHARACTER && code <= TYPE_TIMESTAMP) || code == TYPE_BINARY;
+  return (code >= DBTYPE_CHARACTER && code <= DBTYPE_TIMESTAMP) || code == DBTYPE_BINARY;
 }
 
 ColType type_make(unsigned char code, int32_t length) {
   ColType t;
   t.code = code;
   switch (code) {
-  case TYPE_SMALLINT:
+  case DBTYPE_SMALLINT:
     t.size = 2;
     break;
-  case TYPE_INTEGER:
+  case DBTYPE_INTEGER:
     t.size = 4;
     break;
-  case TYPE_FLOAT:
+  case DBTYPE_FLOAT:
     t.size = 8;
     break;
-  case TYPE_DATE:
+  case DBTYPE_DATE:
     t.size = 4;
     break;
-  case TYPE_TIME:
+  case DBTYPE_TIME:
     t.size = 3;
     break;
-  case TYPE_TIMESTAMP:
+  case DBTYPE_TIMESTAMP:
     t.size = 12;
     break;
   default:
@@ -346,21 +348,21 @@ ColType type_make(unsigned char code, int32_t length) {
 
 const char *type_name(unsigned char code) {
   switch (code) {
-  case TYPE_CHARACTER:
+  case DBTYPE_CHARACTER:
     return "CHARACTER";
-  case TYPE_SMALLINT:
+  case DBTYPE_SMALLINT:
     return "SMALLINT";
-  case TYPE_INTEGER:
+  case DBTYPE_INTEGER:
     return "INTEGER";
-  case TYPE_FLOAT:
+  case DBTYPE_FLOAT:
     return "FLOAT";
-  case TYPE_DATE:
+  case DBTYPE_DATE:
     return "DATE";
-  case TYPE_TIME:
+  case DBTYPE_TIME:
     return "TIME";
-  case TYPE_TIMESTAMP:
+  case DBTYPE_TIMESTAMP:
     return "TIMESTAMP";
-  case TYPE_BINARY:
+  case DBTYPE_BINARY:
     return "BINARY";
   default:
     return "?";
@@ -371,30 +373,30 @@ std::string type_declaration(ColType t, bool not_null) {
   std::string d = type_name(t.code);
   std::string def;
   switch (t.code) {
-  case TYPE_CHARACTER:
+  case DBTYPE_CHARACTER:
     d += "(" + std::to_string(t.size) + ") COLLATE RTRIM";
     def = "''";
     break;
-  case TYPE_BINARY:
+  case DBTYPE_BINARY:
     d += "(" + std::to_string(t.size) + ")";
     def = "X''";
     break;
-  case TYPE_SMALLINT:
+  case DBTYPE_SMALLINT:
     def = "-32768";
     break;
-  case TYPE_INTEGER:
+  case DBTYPE_INTEGER:
     def = "-2147483647";
     break;
-  case TYPE_FLOAT:
+  case DBTYPE_FLOAT:
     def = "-1e20";
     break;
-  case TYPE_DATE:
+  case DBTYPE_DATE:
     def = "'1800-01-01'";
     break;
-  case TYPE_TIME:
+  case DBTYPE_TIME:
     def = "'00:00:00'";
     break;
-  case TYPE_TIMESTAMP:
+  case DBTYPE_TIMESTAMP:
     def = "'1800-01-01-00.00.00.000000'";
     break;
   default:
@@ -415,22 +417,22 @@ ColType type_from_declaration(const std::string &decl) {
     return v >= 1 && v <= max ? static_cast<int32_t>(v) : fallback;
   };
   if (u.rfind("CHARACTER", 0) == 0)
-    return type_make(TYPE_CHARACTER, length_of(9, 256, TYPE_MAX_CHARACTER));
+    return type_make(DBTYPE_CHARACTER, length_of(9, 256, TYPE_MAX_CHARACTER));
   if (u.rfind("BINARY", 0) == 0)
-    return type_make(TYPE_BINARY, length_of(6, 65533, TYPE_MAX_BINARY));
-  if (u == "SMALLINT") return type_make(TYPE_SMALLINT, 0);
-  if (u == "DATE") return type_make(TYPE_DATE, 0);
-  if (u == "TIMESTAMP") return type_make(TYPE_TIMESTAMP, 0);
-  if (u == "TIME") return type_make(TYPE_TIME, 0);
-  if (u.find("INT") != std::string::npos) return type_make(TYPE_INTEGER, 0);
+    return type_make(DBTYPE_BINARY, length_of(6, 65533, TYPE_MAX_BINARY));
+  if (u == "SMALLINT") return type_make(DBTYPE_SMALLINT, 0);
+  if (u == "DATE") return type_make(DBTYPE_DATE, 0);
+  if (u == "TIMESTAMP") return type_make(DBTYPE_TIMESTAMP, 0);
+  if (u == "TIME") return type_make(DBTYPE_TIME, 0);
+  if (u.find("INT") != std::string::npos) return type_make(DBTYPE_INTEGER, 0);
   if (u.find("CHAR") != std::string::npos || u.find("TEXT") != std::string::npos ||
       u.find("CLOB") != std::string::npos)
-    return type_make(TYPE_CHARACTER, 256);
+    return type_make(DBTYPE_CHARACTER, 256);
   if (u.find("REAL") != std::string::npos || u.find("FLOA") != std::string::npos ||
       u.find("DOUB") != std::string::npos)
-    return type_make(TYPE_FLOAT, 0);
-  if (u.find("BLOB") != std::string::npos) return type_make(TYPE_BINARY, TYPE_MAX_BINARY);
-  return type_make(TYPE_CHARACTER, 256);
+    return type_make(DBTYPE_FLOAT, 0);
+  if (u.find("BLOB") != std::string::npos) return type_make(DBTYPE_BINARY, TYPE_MAX_BINARY);
+  return type_make(DBTYPE_CHARACTER, 256);
 }
 
 std::string type_literal_text(const Literal &lit) {
@@ -478,7 +480,7 @@ int type_check_value(ColType t, const Literal &lit, SqlValue &out, std::string &
   }
   DateParts p;
   switch (t.code) {
-  case TYPE_CHARACTER: {
+  case DBTYPE_CHARACTER: {
     std::string s = type_literal_text(lit);
     if (static_cast<int64_t>(s.size()) > t.size - 1) {
       err = "Wert ist zu lang für CHARACTER(" + std::to_string(t.size) +
@@ -488,10 +490,10 @@ int type_check_value(ColType t, const Literal &lit, SqlValue &out, std::string &
     out = latin1_to_utf8(s);
     return 1;
   }
-  case TYPE_SMALLINT:
-  case TYPE_INTEGER:
+  case DBTYPE_SMALLINT:
+  case DBTYPE_INTEGER:
     return check_integer(t, lit, out, err);
-  case TYPE_FLOAT: {
+  case DBTYPE_FLOAT: {
     if (lit.kind == Literal::INT) {
       out = static_cast<double>(lit.i);
     } else if (lit.kind == Literal::FLOAT) {
@@ -510,7 +512,7 @@ int type_check_value(ColType t, const Literal &lit, SqlValue &out, std::string &
     }
     return 1;
   }
-  case TYPE_DATE: {
+  case DBTYPE_DATE: {
     std::string s = trim_blanks(type_literal_text(lit));
     if (s.empty() && lit.kind == Literal::STRING) {
       out = std::string("1800-01-01");
@@ -524,7 +526,7 @@ int type_check_value(ColType t, const Literal &lit, SqlValue &out, std::string &
     out = format_date(p);
     return 1;
   }
-  case TYPE_TIME: {
+  case DBTYPE_TIME: {
     std::string s = trim_blanks(type_literal_text(lit));
     if (s.empty() && lit.kind == Literal::STRING) {
       out = std::string("00:00:00");
@@ -537,7 +539,7 @@ int type_check_value(ColType t, const Literal &lit, SqlValue &out, std::string &
     out = format_time(p);
     return 1;
   }
-  case TYPE_TIMESTAMP: {
+  case DBTYPE_TIMESTAMP: {
     std::string s = trim_blanks(type_literal_text(lit));
     if (s.empty() && lit.kind == Literal::STRING) {
       out = std::string("1800-01-01-00.00.00.000000");
@@ -551,7 +553,7 @@ int type_check_value(ColType t, const Literal &lit, SqlValue &out, std::string &
     out = format_timestamp(p);
     return 1;
   }
-  case TYPE_BINARY: {
+  case DBTYPE_BINARY: {
     if (lit.kind != Literal::STRING) {
       err = "BINARY nimmt nur Texte in der Anzeigeform an";
       return 0;
@@ -590,7 +592,7 @@ bool fixed_digits(const unsigned char *s, int n, int &v) {
 // shape returns false and goes through the general parsers. Large answers
 // read every calendar value this way, so it must not allocate.
 bool fast_calendar(int code, const unsigned char *s, size_t n, DateParts &p) {
-  if (code == TYPE_TIME) {
+  if (code == DBTYPE_TIME) {
     return n == 8 && s[2] == ':' && s[5] == ':' && fixed_digits(s, 2, p.h) &&
            fixed_digits(s + 3, 2, p.mi) && fixed_digits(s + 6, 2, p.s) &&
            time_valid(p.h, p.mi, p.s);
@@ -599,7 +601,7 @@ bool fast_calendar(int code, const unsigned char *s, size_t n, DateParts &p) {
       !fixed_digits(s + 5, 2, p.mo) || !fixed_digits(s + 8, 2, p.d) ||
       !type_date_valid(p.y, p.mo, p.d))
     return false;
-  if (code == TYPE_DATE) return true; // only the date part counts
+  if (code == DBTYPE_DATE) return true; // only the date part counts
   if (n == 10) return true;
   return n == 26 && s[10] == '-' && s[13] == '.' && s[16] == '.' && s[19] == '.' &&
          fixed_digits(s + 11, 2, p.h) && fixed_digits(s + 14, 2, p.mi) &&
@@ -629,7 +631,7 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
   int st = sqlite3_column_type(stmt, col);
   bool null = st == SQLITE_NULL;
   switch (t.code) {
-  case TYPE_SMALLINT: {
+  case DBTYPE_SMALLINT: {
     int64_t v = null ? NULL_SMALLINT : sqlite3_column_int64(stmt, col);
     if (v < -32768) v = -32768;
     if (v > 32767) v = 32767;
@@ -638,7 +640,7 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
     store16(p + 2, static_cast<uint16_t>(static_cast<int16_t>(v)));
     return;
   }
-  case TYPE_INTEGER: {
+  case DBTYPE_INTEGER: {
     int64_t v = null ? NULL_INTEGER : sqlite3_column_int64(stmt, col);
     if (v < std::numeric_limits<int32_t>::min()) v = std::numeric_limits<int32_t>::min();
     if (v > std::numeric_limits<int32_t>::max()) v = std::numeric_limits<int32_t>::max();
@@ -647,7 +649,7 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
     store32(p + 2, static_cast<uint32_t>(static_cast<int32_t>(v)));
     return;
   }
-  case TYPE_FLOAT: {
+  case DBTYPE_FLOAT: {
     double v = null ? NULL_FLOAT : sqlite3_column_double(stmt, col);
     uint64_t bits;
     memcpy(&bits, &v, 8);
@@ -657,9 +659,9 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
     store32(p + 6, static_cast<uint32_t>(bits >> 32));
     return;
   }
-  case TYPE_DATE:
-  case TYPE_TIME:
-  case TYPE_TIMESTAMP: {
+  case DBTYPE_DATE:
+  case DBTYPE_TIME:
+  case DBTYPE_TIMESTAMP: {
     DateParts p;
     if (!null) {
       const unsigned char *txt = sqlite3_column_text(stmt, col);
@@ -668,19 +670,19 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
       if (!ok) {
         p = DateParts();
         std::string s = txt ? std::string(reinterpret_cast<const char *>(txt), n) : std::string();
-        ok = t.code == TYPE_DATE   ? parse_date(s.substr(0, 10), p)
-             : t.code == TYPE_TIME ? parse_time(s, p)
-                                   : parse_timestamp(s, p);
+        ok = t.code == DBTYPE_DATE   ? parse_date(s.substr(0, 10), p)
+             : t.code == DBTYPE_TIME ? parse_time(s, p)
+                                     : parse_timestamp(s, p);
         if (!ok) p = DateParts();
       }
     }
-    if (t.code == TYPE_DATE) {
+    if (t.code == DBTYPE_DATE) {
       unsigned char *q = grow(out, 6);
       store16(q, 4);
       store16(q + 2, static_cast<uint16_t>(p.y));
       q[4] = static_cast<unsigned char>(p.mo);
       q[5] = static_cast<unsigned char>(p.d);
-    } else if (t.code == TYPE_TIME) {
+    } else if (t.code == DBTYPE_TIME) {
       unsigned char *q = grow(out, 5);
       store16(q, 3);
       q[2] = static_cast<unsigned char>(p.h);
@@ -700,7 +702,7 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
     }
     return;
   }
-  case TYPE_BINARY: {
+  case DBTYPE_BINARY: {
     size_t n = 0;
     const unsigned char *b = nullptr;
     if (!null) {
@@ -782,3 +784,5 @@ int type_text_compare(const unsigned char *a, size_t na, const unsigned char *b,
 int type_register_collation(sqlite3 *db) {
   return sqlite3_create_collation_v2(db, "TAVRIN", SQLITE_UTF8, nullptr, collate_tavrin, nullptr);
 }
+
+} // namespace tavrind

@@ -14,20 +14,12 @@
 #include <variant>
 #include <vector>
 
+#include "db/wire/wire.h"
+
 struct sqlite3;
 struct sqlite3_stmt;
 
-// Wire type codes of the column headers (the statement encoder's type tokens).
-enum : unsigned char {
-  TYPE_CHARACTER = '0',
-  TYPE_SMALLINT = '1',
-  TYPE_INTEGER = '2',
-  TYPE_FLOAT = '3',
-  TYPE_DATE = '4',
-  TYPE_TIME = '5',
-  TYPE_TIMESTAMP = '6',
-  TYPE_BINARY = 0xA6,
-};
+namespace tavrind {
 
 // Null markers of the typed values.
 constexpr int16_t NULL_SMALLINT = -32768;
@@ -40,7 +32,7 @@ constexpr double NULL_FLOAT = -1e20;
 // their binary layout (SMALLINT 2, INTEGER 4, FLOAT 8, DATE 4, TIME 3,
 // TIMESTAMP 12).
 struct ColType {
-  unsigned char code = TYPE_CHARACTER;
+  unsigned char code = DBTYPE_CHARACTER;
   int32_t size = 0;
 };
 
@@ -128,3 +120,5 @@ int type_register_collation(sqlite3 *db);
 // Calendar checks of the system: year 1800..2800, months 1..12, days by month
 // with every fourth year a leap year (no century rule).
 bool type_date_valid(int y, int m, int d);
+
+} // namespace tavrind

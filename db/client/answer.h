@@ -9,15 +9,7 @@
 #include <cstddef>
 
 #include "db/client/resdata.h"
-
-// Answer kinds (first byte).
-enum : unsigned char {
-  DBANS_ERROR = '0',   // tagged message text follows
-  DBANS_DONE = '1',    // nothing follows
-  DBANS_TUPLES = '2',  // column count, row count, headers, values
-  DBANS_COUNT = '3',   // one 32-bit number
-  DBANS_TUPLES2 = '4', // as DBANS_TUPLES
-};
+#include "db/wire/wire.h"
 
 // Decodes `length` bytes of an answer into `res` (status 1 and no tuples on
 // entry). Sets the status: '0' 4 with the server's text as message, '2' 2,

@@ -22,7 +22,7 @@ void set_message(DBCONN *c, const char *text) {
   c->message[DBCONN_MESSAGE_SIZE - 1] = 0;
 }
 
-// Copies the error text of a '0' answer (byte '0', tag 'b', 16-bit length n,
+// Copies the error text of an error answer (DBANS_ERROR, DBTAG_MESSAGE, 16-bit length n,
 // n bytes) into the record's message, cut at a zero byte and at the field's
 // size. Returns false, touching nothing, if the field is not complete.
 bool read_error_text(DBCONN *c, const unsigned char *ans, int len) {
@@ -90,11 +90,11 @@ DBCONN *DBconnect_open(char *database, int create) {
     c->status = DBCONN_FAILED;
     return c;
   }
-  build_open(create ? '3' : '1', c);
+  build_open(create ? DBREQ_CREATE_DATABASE : DBREQ_OPEN, c);
   unsigned char buf[10000];
   int len = exchange(c, buf, sizeof buf);
   if (len < 0) return c;
-  if (buf[0] == '0') {
+  if (buf[0] == DBANS_ERROR) {
     if (!read_error_text(c, buf, len)) set_message(c, "(DBconnect) Result error message missing\n");
     c->status = DBCONN_FAILED;
   } else {
@@ -169,7 +169,7 @@ void DBclosedb(DBCONN *conn) {
   // never reached the server.
   if (!DBcomm_ready() || conn->channel < 0 || replaced(conn)) return;
   DBreq_reset();
-  DBreq_byte('2');
+  DBreq_byte(DBREQ_CLOSE);
   DBsend(conn);
   DBclient_release();
 }
@@ -183,11 +183,11 @@ void DBfinish(DBCONN *conn) {
 
 int DBdropdb(DBCONN *conn) {
   if (replaced(conn)) return DBconn_usable(conn, "DBdropdb");
-  build_open('4', conn);
+  build_open(DBREQ_DROP_DATABASE, conn);
   unsigned char buf[10000];
   int len = exchange(conn, buf, sizeof buf);
   if (len < 0) return 0;
-  if (buf[0] != '0') {
+  if (buf[0] != DBANS_ERROR) {
     DBclosedb(conn);
     return 1;
   }
@@ -200,11 +200,11 @@ int DBdropdb(DBCONN *conn) {
 int DBreset(DBCONN *conn) {
   if (replaced(conn)) return DBconn_usable(conn, "DBreset");
   DBclosedb(conn);
-  build_open('1', conn);
+  build_open(DBREQ_OPEN, conn);
   unsigned char buf[10000];
   int len = exchange(conn, buf, sizeof buf);
   if (len < 0) return 0;
-  if (buf[0] != '0') {
+  if (buf[0] != DBANS_ERROR) {
     conn->status = DBCONN_OK;
     return 1;
   }
@@ -220,7 +220,7 @@ int DBnotify_server() {
   int channel = DBhandshake(5000);
   if (channel < 0) return 0;
   // A one-way notice: no answer comes, so the exchange ends right here.
-  static const unsigned char notice = 'W';
+  static const unsigned char notice = DBREQ_NOTICE;
   int ok = DBclient_write(channel, &notice, 1);
   DBclient_release();
   return ok;

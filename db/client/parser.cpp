@@ -10,36 +10,23 @@
 
 #include "db/client/reqbuf.h"
 #include "db/client/tokenizer.h"
+#include "db/wire/wire.h"
 
 namespace {
 
-// Bytes of the request that are not token codes.
-enum : unsigned char {
-  REQ_CREATE_DATABASE = '3',
-  REQ_DROP_DATABASE = '4',
-  REQ_CREATE_TABLE = '5',
-  REQ_DROP_TABLE = '6',
-  REQ_CREATE_INDEX = '7',
-  REQ_CREATE_UNIQUE_INDEX = '8',
-  REQ_DROP_INDEX = '9',
-  REQ_SELECT = 'C',
-  REQ_INSERT = 'E',
-  REQ_DELETE = 'G',
-  REQ_UPDATE = 'I',
-  REQ_BEGIN = 'J',
-  REQ_COMMIT = 'K',
-  REQ_ABORT = 'M',
-  REQ_DECLARE = 'N',
-  REQ_FETCH = 'O',
-  REQ_CLOSE = 'P',
-  REQ_SET_STATIC = 'Q',
-  REQ_SAVE = 'R',
-  REQ_SHOW = 'S',
-  REQ_MAX = 'T',
-  REQ_SET_SECURE = 'U',
-  REQ_STOP = 'V',
-  REQ_SET_DATABASE = 'X',
-};
+// The bytes of a request are the wire codes of db/wire/wire.h. Where the
+// encoder writes the code of the current token itself (types, MIN/MAX,
+// comparisons, SHOW's object), that token's code must be the wire's.
+constexpr bool same(int token, int wire) { return token == wire; }
+static_assert(same(DBTOK_CHARACTER, DBTYPE_CHARACTER) && same(DBTOK_SMALLINT, DBTYPE_SMALLINT) &&
+              same(DBTOK_INTEGER, DBTYPE_INTEGER) && same(DBTOK_FLOATTYPE, DBTYPE_FLOAT) &&
+              same(DBTOK_DATE, DBTYPE_DATE) && same(DBTOK_TIME, DBTYPE_TIME) &&
+              same(DBTOK_TIMESTAMP, DBTYPE_TIMESTAMP) && same(DBTOK_BINARY, DBTYPE_BINARY));
+static_assert(same(DBTOK_MIN, DBMARK_MIN) && same(DBTOK_MAX, DBMARK_MAX));
+static_assert(same(DBTOK_LT, DBOP_LT) && same(DBTOK_GT, DBOP_GT) && same(DBTOK_LE, DBOP_LE) &&
+              same(DBTOK_GE, DBOP_GE) && same(DBTOK_EQ, DBOP_EQ) && same(DBTOK_NE, DBOP_NE) &&
+              same(DBTOK_LIKE, DBOP_LIKE));
+static_assert(same(DBTOK_DATABASES, DBMARK_DATABASES) && same(DBTOK_TABLES, DBMARK_TABLES));
 
 // A short copy of an identifier that is written only once the next token
 // shows what it is (a qualifier, a table name before STATIC/SECURE).
@@ -146,7 +133,7 @@ struct Parser {
 
 // CREATE TABLE name ( attr type [ ( n ) ] [NOT NULL] , ... )
 bool Parser::create_table() {
-  DBreq_byte(REQ_CREATE_TABLE);
+  DBreq_byte(DBREQ_CREATE_TABLE);
   if (!advance("table-name") || !name("table-name", "'('")) return false;
   if (!take_as(DBTOK_LPAREN, "'('", "attribute")) return false;
   for (;;) {
@@ -178,21 +165,21 @@ bool Parser::create_table() {
     if (cur == DBTOK_NOT) {
       if (!advance("NULL")) return false;
       if (cur != DBTOK_NULL) return exact(DBTOK_NULL);
-      DBreq_byte(DBTOK_NULL);
+      DBreq_byte(DBMARK_NULL);
       if (!advance("')'")) return false;
     }
     if (cur == DBTOK_RPAREN) break;
     if (!take_as(DBTOK_COMMA, "')'", "attribute")) return false;
   }
-  DBreq_byte(DBTOK_END);
+  DBreq_byte(DBMARK_END);
   return advance("query-end") && finish();
 }
 
 // CREATE [UNIQUE] INDEX name ON table ( attr , ... ); the unique form writes
 // its own byte before the encoding of the plain form.
 bool Parser::create_index(unsigned char first) {
-  if (first == REQ_CREATE_UNIQUE_INDEX) DBreq_byte(REQ_CREATE_UNIQUE_INDEX);
-  DBreq_byte(REQ_CREATE_INDEX);
+  if (first == DBREQ_CREATE_UNIQUE_INDEX) DBreq_byte(DBREQ_CREATE_UNIQUE_INDEX);
+  DBreq_byte(DBREQ_CREATE_INDEX);
   if (!advance(DBtoken_name(DBTOK_IDENT)) || !name(nullptr, "ON")) return false;
   if (!take(DBTOK_ON, "table-name") || !name("table-name", "'('")) return false;
   if (!take_as(DBTOK_LPAREN, "'('", "attribute")) return false;
@@ -201,7 +188,7 @@ bool Parser::create_index(unsigned char first) {
     if (cur == DBTOK_RPAREN) break;
     if (!take_as(DBTOK_COMMA, "')'", "attribute")) return false;
   }
-  DBreq_byte(DBTOK_END);
+  DBreq_byte(DBMARK_END);
   return advance("query-end") && finish();
 }
 
@@ -210,10 +197,10 @@ bool Parser::create_index(unsigned char first) {
 bool Parser::select_item() {
   switch (cur) {
   case DBTOK_STAR:
-    DBreq_byte(DBTOK_STAR);
+    DBreq_byte(DBMARK_STAR);
     return advance("FROM");
   case DBTOK_COUNT:
-    DBreq_byte(DBTOK_COUNT);
+    DBreq_byte(DBMARK_COUNT);
     return advance("'('") && take(DBTOK_LPAREN, "*") && take(DBTOK_STAR, "')'") &&
            take(DBTOK_RPAREN, "FROM");
   case DBTOK_MIN:
@@ -246,7 +233,7 @@ bool Parser::select_item() {
     if (!advance("attribute")) return false;
     if (cur == DBTOK_STAR) {
       DBreq_tag_string(DBTAG_STRING, first.text);
-      DBreq_byte(DBTOK_STAR);
+      DBreq_byte(DBMARK_STAR);
     } else if (cur == DBTOK_IDENT) {
       DBreq_tag_string(DBTAG_STRING, first.text);
       write_name();
@@ -260,9 +247,9 @@ bool Parser::select_item() {
   }
 }
 
-// ORDER BY attr [ASC|DESC] , ... written between two 'H' bytes.
+// ORDER BY attr [ASC|DESC] , ... written between two DBMARK_ORDER_BY bytes.
 bool Parser::order_by() {
-  DBreq_byte(DBTOK_ORDER_BY);
+  DBreq_byte(DBMARK_ORDER_BY);
   if (!advance("attribute")) return false;
   for (;;) {
     if (cur != DBTOK_IDENT) return found("attrib-name");
@@ -272,7 +259,7 @@ bool Parser::order_by() {
     if (cur == DBTOK_DOT) {
       if (!advance("attribute")) return false;
       if (cur != DBTOK_IDENT) return found("attrib-name");
-      DBreq_byte(DBTOK_DOT);
+      DBreq_byte(DBMARK_DOT);
       DBreq_tag_string(DBTAG_NAME, first.text);
       write_name();
       if (!advance("query-end")) return false;
@@ -282,21 +269,21 @@ bool Parser::order_by() {
     if (cur == DBTOK_ASC) {
       if (!advance("query-end")) return false;
     } else if (cur == DBTOK_DESC) {
-      DBreq_byte(DBTOK_DESC);
+      DBreq_byte(DBMARK_DESC);
       if (!advance("query-end")) return false;
     }
     if (cur != DBTOK_COMMA) break;
     if (!advance("attribute")) return false;
   }
-  DBreq_byte(DBTOK_ORDER_BY);
+  DBreq_byte(DBMARK_ORDER_BY);
   return true;
 }
 
-// WHERE expression, written between two 'w' bytes; cur is WHERE.
+// WHERE expression, written between two DBMARK_WHERE bytes; cur is WHERE.
 bool Parser::where_clause() {
-  DBreq_byte(DBTOK_WHERE);
+  DBreq_byte(DBMARK_WHERE);
   if (!advance("expression") || !expression()) return false;
-  DBreq_byte(DBTOK_WHERE);
+  DBreq_byte(DBMARK_WHERE);
   return true;
 }
 
@@ -305,7 +292,7 @@ bool Parser::where_clause() {
 // not continue it.
 bool Parser::select_body() {
   if (cur == DBTOK_DISTINCT) {
-    DBreq_byte(DBTOK_DISTINCT);
+    DBreq_byte(DBMARK_DISTINCT);
     if (!advance("attribute")) return false;
   }
   for (;;) {
@@ -314,7 +301,7 @@ bool Parser::select_body() {
     if (!advance("attribute")) return false;
   }
   if (cur != DBTOK_FROM) return found("FROM");
-  DBreq_byte(DBTOK_FROM);
+  DBreq_byte(DBMARK_FROM);
   if (!advance("table-name")) return false;
   for (;;) {
     if (!name("table-name", "WHERE")) return false;
@@ -335,7 +322,7 @@ bool Parser::expression() {
   if (!and_term()) return false;
   while (cur == DBTOK_OR) {
     if (!advance("element") || !and_term()) return false;
-    DBreq_byte(DBTOK_OR);
+    DBreq_byte(DBOP_OR);
   }
   return true;
 }
@@ -345,7 +332,7 @@ bool Parser::and_term() {
   if (!element()) return false;
   while (cur == DBTOK_AND) {
     if (!advance("element") || !element()) return false;
-    DBreq_byte(DBTOK_AND);
+    DBreq_byte(DBOP_AND);
   }
   return true;
 }
@@ -354,7 +341,7 @@ bool Parser::and_term() {
 bool Parser::element() {
   if (cur != DBTOK_NOT) return primary();
   if (!advance("element") || !primary()) return false;
-  DBreq_byte(DBTOK_NOT);
+  DBreq_byte(DBOP_NOT);
   return true;
 }
 
@@ -364,7 +351,7 @@ bool Parser::subquery(unsigned char marker) {
   if (cur != DBTOK_SELECT) return exact(DBTOK_SELECT);
   DBreq_byte(marker);
   if (!advance("attribute") || !select_body()) return false;
-  if (marker == DBTOK_SELECT_EXISTS) DBreq_byte(DBTOK_EXISTS);
+  if (marker == DBMARK_EXISTS) DBreq_byte(DBMARK_EXISTS_END);
   return take_as(DBTOK_RPAREN, "')'", "query-end");
 }
 
@@ -384,7 +371,7 @@ bool Parser::operand() {
   }
   if (!advance("attribute")) return false;
   if (cur != DBTOK_IDENT) return found("attrib-name");
-  DBreq_byte(DBTOK_DOT);
+  DBreq_byte(DBMARK_DOT);
   DBreq_tag_string(DBTAG_NAME, first.text);
   write_name();
   return advance("query-end");
@@ -395,13 +382,13 @@ bool Parser::operand() {
 bool Parser::primary() {
   if (cur == DBTOK_LPAREN) {
     if (!advance("expression")) return false;
-    if (cur == DBTOK_SELECT) return subquery(DBTOK_SELECT);
+    if (cur == DBTOK_SELECT) return subquery(DBMARK_SUBSELECT);
     if (!expression()) return false;
     return take_as(DBTOK_RPAREN, "')'", "query-end");
   }
   if (cur == DBTOK_EXISTS) {
     if (!advance("'('") || !take_as(DBTOK_LPAREN, "'('", "SELECT")) return false;
-    return subquery(DBTOK_SELECT_EXISTS);
+    return subquery(DBMARK_EXISTS);
   }
   if (cur != DBTOK_IDENT && !is_literal()) return found("expr-element");
   if (!operand()) return false;
@@ -417,7 +404,7 @@ bool Parser::primary() {
     unsigned char op = static_cast<unsigned char>(cur);
     if (!advance("expr-value")) return false;
     if (cur == DBTOK_LPAREN) {
-      if (!advance("SELECT") || !subquery(DBTOK_SELECT)) return false;
+      if (!advance("SELECT") || !subquery(DBMARK_SUBSELECT)) return false;
     } else if (!operand()) {
       return false;
     }
@@ -427,13 +414,13 @@ bool Parser::primary() {
   case DBTOK_BETWEEN:
     if (!advance("<value>") || !literal("<value>", "'AND'")) return false;
     if (!take_as(DBTOK_AND, "'AND'", "<value>") || !literal("<value>", "query-end")) return false;
-    DBreq_byte(DBTOK_BETWEEN);
+    DBreq_byte(DBOP_BETWEEN);
     return true;
   case DBTOK_IN: {
     if (!advance("'('") || !take_as(DBTOK_LPAREN, "'('", "<value>")) return false;
     int32_t items = 0;
     if (cur == DBTOK_SELECT) {
-      DBreq_byte(DBTOK_SELECT);
+      DBreq_byte(DBMARK_SUBSELECT);
       if (!advance("attribute") || !select_body()) return false;
       items = 1;
     } else {
@@ -446,7 +433,7 @@ bool Parser::primary() {
     }
     if (cur != DBTOK_RPAREN) return found("')'");
     DBreq_tag_int(DBTAG_INT, items);
-    DBreq_byte(DBTOK_IN);
+    DBreq_byte(DBOP_IN);
     return advance("query-end");
   }
   default:
@@ -456,7 +443,7 @@ bool Parser::primary() {
 
 // INSERT INTO table [( attr , ... )] VALUES ( value , ... )
 bool Parser::insert() {
-  DBreq_byte(REQ_INSERT);
+  DBreq_byte(DBREQ_INSERT);
   if (!advance("table-name") || !name("table-name", "VALUES")) return false;
   int attributes = -1; // no list: no count check
   if (cur == DBTOK_LPAREN) {
@@ -471,7 +458,7 @@ bool Parser::insert() {
     if (!advance("VALUES")) return false;
   }
   if (cur != DBTOK_VALUES) return exact(DBTOK_VALUES);
-  DBreq_byte(DBTOK_VALUES);
+  DBreq_byte(DBMARK_VALUES);
   if (!advance("'('") || !take_as(DBTOK_LPAREN, "'('", "<value>")) return false;
   int values = 0;
   for (;;) {
@@ -485,13 +472,13 @@ bool Parser::insert() {
                   values);
     return false;
   }
-  DBreq_byte(DBTOK_END);
+  DBreq_byte(DBMARK_END);
   return advance("query-end") && finish();
 }
 
 // UPDATE table SET attr = value , ... [WHERE expression]
 bool Parser::update() {
-  DBreq_byte(REQ_UPDATE);
+  DBreq_byte(DBREQ_UPDATE);
   if (!advance("table-name") || !name("table-name", "SET")) return false;
   if (!take(DBTOK_SET, "attribute")) return false;
   for (;;) {
@@ -501,7 +488,7 @@ bool Parser::update() {
     if (!advance("attribute")) return false;
   }
   if (cur == DBTOK_WHERE && !where_clause()) return false;
-  DBreq_byte(DBTOK_END);
+  DBreq_byte(DBMARK_END);
   return finish();
 }
 
@@ -509,7 +496,7 @@ bool Parser::update() {
 bool Parser::set() {
   if (!advance("TABLE")) return false;
   if (cur == DBTOK_DATABASE) {
-    DBreq_byte(REQ_SET_DATABASE);
+    DBreq_byte(DBREQ_SET_DATABASE);
     return advance(DBtoken_name(DBTOK_IDENT)) && name(nullptr, "query-end") && finish();
   }
   if (cur != DBTOK_TABLE) return found("TABLE");
@@ -519,9 +506,9 @@ bool Parser::set() {
   keep(&table);
   if (!advance("STATIC")) return false;
   if (cur == DBTOK_STATIC)
-    DBreq_byte(REQ_SET_STATIC);
+    DBreq_byte(DBREQ_SET_STATIC);
   else if (cur == DBTOK_SECURE)
-    DBreq_byte(REQ_SET_SECURE);
+    DBreq_byte(DBREQ_SET_SECURE);
   else
     return found("STATIC");
   DBreq_tag_string(DBTAG_NAME, table.text);
@@ -534,27 +521,27 @@ bool Parser::show() {
   switch (cur) {
   case DBTOK_DATABASES:
   case DBTOK_TABLES:
-    DBreq_byte(REQ_SHOW);
+    DBreq_byte(DBREQ_SHOW);
     DBreq_byte(static_cast<unsigned char>(cur));
     return advance("query-end") && finish();
   case DBTOK_INDICES:
-    DBreq_byte(REQ_SHOW);
+    DBreq_byte(DBREQ_SHOW);
     if (!advance("query-end")) return false;
     if (cur != DBTOK_ON) {
-      DBreq_byte(DBTOK_INDICES);
+      DBreq_byte(DBMARK_INDICES);
       return finish();
     }
     if (!advance("TABLE") || !take_as(DBTOK_TABLE, "TABLE", "table-name")) return false;
-    DBreq_byte(DBTOK_TABLE);
-    DBreq_byte(DBTOK_INDICES);
+    DBreq_byte(DBMARK_TABLE);
+    DBreq_byte(DBMARK_INDICES);
     return name("table-name", "query-end") && finish();
   case DBTOK_TABLE:
-    DBreq_byte(REQ_SHOW);
-    DBreq_byte(DBTOK_TABLE);
+    DBreq_byte(DBREQ_SHOW);
+    DBreq_byte(DBMARK_TABLE);
     return advance("table-name") && name("table-name", "query-end") && finish();
   case DBTOK_INDEX:
-    DBreq_byte(REQ_SHOW);
-    DBreq_byte(DBTOK_INDEX);
+    DBreq_byte(DBREQ_SHOW);
+    DBreq_byte(DBMARK_INDEX);
     return advance(DBtoken_name(DBTOK_IDENT)) && name(nullptr, "query-end") && finish();
   default:
     return found("SHOW");
@@ -563,10 +550,10 @@ bool Parser::show() {
 
 // MAX n (n >= 0) or MAX alone
 bool Parser::max() {
-  DBreq_byte(REQ_MAX);
+  DBreq_byte(DBREQ_MAX);
   if (!advance("<max-results>")) return false;
   if (cur == DBTOK_END) {
-    DBreq_byte(DBTOK_NULL);
+    DBreq_byte(DBMARK_NULL);
     return true;
   }
   if (cur != DBTOK_INT) return found("';'");
@@ -589,82 +576,82 @@ bool Parser::statement() {
   if (!advance("SQL-command")) return false;
   switch (cur) {
   case DBTOK_CREATE_DATABASE:
-    DBreq_byte(REQ_CREATE_DATABASE);
+    DBreq_byte(DBREQ_CREATE_DATABASE);
     return advance(DBtoken_name(DBTOK_IDENT)) && name(nullptr, "query-end") && finish();
   case DBTOK_DROP_DATABASE:
     // No name: the server drops the database of the connection.
-    DBreq_byte(REQ_DROP_DATABASE);
+    DBreq_byte(DBREQ_DROP_DATABASE);
     return advance("query-end") && finish();
   case DBTOK_CREATE_TABLE:
     return create_table();
   case DBTOK_DROP_TABLE:
-    DBreq_byte(REQ_DROP_TABLE);
+    DBreq_byte(DBREQ_DROP_TABLE);
     return advance("table-name") && name("table-name", "query-end") && finish();
   case DBTOK_CREATE_INDEX:
-    return create_index(REQ_CREATE_INDEX);
+    return create_index(DBREQ_CREATE_INDEX);
   case DBTOK_CREATE_UNIQUE_INDEX:
-    return create_index(REQ_CREATE_UNIQUE_INDEX);
+    return create_index(DBREQ_CREATE_UNIQUE_INDEX);
   case DBTOK_DROP_INDEX:
-    DBreq_byte(REQ_DROP_INDEX);
+    DBreq_byte(DBREQ_DROP_INDEX);
     return advance(DBtoken_name(DBTOK_IDENT)) && name(nullptr, "query-end") && finish();
   case DBTOK_SELECT:
-    DBreq_byte(REQ_SELECT);
+    DBreq_byte(DBREQ_SELECT);
     if (!advance("attribute") || !select_body()) return false;
-    DBreq_byte(DBTOK_END);
+    DBreq_byte(DBMARK_END);
     return finish();
   case DBTOK_DELETE_FROM:
-    DBreq_byte(REQ_DELETE);
+    DBreq_byte(DBREQ_DELETE);
     if (!advance("table-name") || !name("table-name", "WHERE")) return false;
     if (cur == DBTOK_WHERE && !where_clause()) return false;
-    DBreq_byte(DBTOK_END);
+    DBreq_byte(DBMARK_END);
     return finish();
   case DBTOK_INSERT_INTO:
     return insert();
   case DBTOK_UPDATE:
     return update();
   case DBTOK_BEGIN:
-    DBreq_byte(REQ_BEGIN);
+    DBreq_byte(DBREQ_BEGIN);
     return advance("query-end") && finish();
   case DBTOK_COMMIT:
-    DBreq_byte(REQ_COMMIT);
+    DBreq_byte(DBREQ_COMMIT);
     return advance("query-end") && finish();
   case DBTOK_END:
     // END and an empty statement are the token ";" itself.
-    DBreq_byte(REQ_COMMIT);
+    DBreq_byte(DBREQ_COMMIT);
     return true;
   case DBTOK_ABORT:
-    DBreq_byte(REQ_ABORT);
+    DBreq_byte(DBREQ_ABORT);
     return advance("query-end") && finish();
   case DBTOK_DECLARE:
-    DBreq_byte(REQ_DECLARE);
+    DBreq_byte(DBREQ_DECLARE);
     if (!advance(DBtoken_name(DBTOK_IDENT)) || !name(nullptr, "CURSOR")) return false;
     if (!take(DBTOK_CURSOR, "FOR") || !take(DBTOK_FOR, "SELECT")) return false;
     if (cur != DBTOK_SELECT) return exact(DBTOK_SELECT);
     if (!advance("attribute") || !select_body()) return false;
-    DBreq_byte(DBTOK_END);
+    DBreq_byte(DBMARK_END);
     return finish();
   case DBTOK_FETCH:
-    DBreq_byte(REQ_FETCH);
+    DBreq_byte(DBREQ_FETCH);
     if (!advance(DBtoken_name(DBTOK_IDENT))) return false;
     if (cur == DBTOK_ALL) {
-      DBreq_byte(DBTOK_ALL);
+      DBreq_byte(DBMARK_ALL);
       if (!advance("IN") || !take(DBTOK_IN, DBtoken_name(DBTOK_IDENT))) return false;
     }
     return name(nullptr, "query-end") && finish();
   case DBTOK_CLOSE:
-    DBreq_byte(REQ_CLOSE);
+    DBreq_byte(DBREQ_CLOSE_CURSOR);
     return advance(DBtoken_name(DBTOK_IDENT)) && name(nullptr, "query-end") && finish();
   case DBTOK_SET:
     return set();
   case DBTOK_SAVE:
-    DBreq_byte(REQ_SAVE);
+    DBreq_byte(DBREQ_SAVE);
     return advance("DATABASE") && take(DBTOK_DATABASE, "query-end") && finish();
   case DBTOK_SHOW:
     return show();
   case DBTOK_MAX:
     return max();
   case DBTOK_STOP:
-    DBreq_byte(REQ_STOP);
+    DBreq_byte(DBREQ_STOP);
     return advance("query-end") && finish();
   default:
     return unknown_command();

@@ -117,6 +117,6 @@ void DBreq_tag_long_block(unsigned char tag, const void *data, uint32_t n) {
 }
 
 void DBreq_message(const char *text) {
-  DBreq_byte('0');
+  DBreq_byte(DBREQ_MESSAGE);
   DBreq_tag_string(DBTAG_MESSAGE, text);
 }

@@ -11,15 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 
-// Wire tags of the request and answer fields.
-enum : unsigned char {
-  DBTAG_NAME = 'a',    // name: 16-bit length incl. zero byte, text, zero byte
-  DBTAG_MESSAGE = 'b', // message text: 16-bit length, text
-  DBTAG_SHORT = 'c',   // short value: 2 bytes
-  DBTAG_INT = 'd',     // integer value: 4 bytes
-  DBTAG_FLOAT = 'e',   // float value: 8 bytes
-  DBTAG_STRING = 'f',  // string value: 16-bit length, bytes
-};
+#include "db/wire/wire.h"
 
 // Empties the buffer; keeps its memory.
 void DBreq_reset();

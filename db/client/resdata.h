@@ -18,18 +18,7 @@
 #include <vector>
 
 #include "db/client/tokenizer.h"
-
-// Column type codes on the wire (the statement encoder's type tokens).
-enum : unsigned char {
-  DBTYPE_CHARACTER = '0',
-  DBTYPE_SMALLINT = '1',
-  DBTYPE_INTEGER = '2',
-  DBTYPE_FLOAT = '3',
-  DBTYPE_DATE = '4',
-  DBTYPE_TIME = '5',
-  DBTYPE_TIMESTAMP = '6',
-  DBTYPE_BINARY = 0xA6,
-};
+#include "db/wire/wire.h"
 
 // Application type numbers of a column (DBfieldtype). TIME and DATE are
 // numbered the other way round from their wire codes.

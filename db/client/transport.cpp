@@ -29,14 +29,9 @@ namespace {
 
 using ipc::WaitResult;
 
-// Offsets in the message area.
-constexpr size_t kChannelAt = 0;
-constexpr size_t kLengthAt = 4;
-constexpr size_t kPayloadAt = 8;
-
 struct Transport {
-  ipc::Section area;  // "TavrinDB_Shared_Memory"
-  ipc::Section owner; // "TavrinDB_Shared_Memory_Socket"
+  ipc::Section area;  // DBOBJ_AREA
+  ipc::Section owner; // DBOBJ_OWNER
   ipc::Event server;  // client -> server: a chunk is in the area
   ipc::Event client;  // server -> client: a chunk for a client is in the area
   ipc::Event server_ack;
@@ -78,14 +73,6 @@ void report(const char *fmt, ...) {
 }
 
 unsigned char *area() { return static_cast<unsigned char *>(g_tp.area.data()); }
-
-uint32_t get32(const unsigned char *p) {
-  uint32_t v;
-  std::memcpy(&v, p, 4);
-  return v;
-}
-
-void put32(unsigned char *p, uint32_t v) { std::memcpy(p, &v, 4); }
 
 int32_t owner_word() {
   return static_cast<int32_t>(
@@ -146,7 +133,7 @@ bool take_exchange(int own_channel, int timeout_ms) {
   for (;;) {
     if (!lock_mutex(timeout_ms)) return false;
     int32_t o = owner_word();
-    if (o == -1 || (own_channel >= 0 && o == own_channel)) return true;
+    if (o == DBCOMM_OWNER_FREE || (own_channel >= 0 && o == own_channel)) return true;
     if (!release_mutex()) return false;
     sleep_1ms();
   }
@@ -157,10 +144,10 @@ bool take_exchange(int own_channel, int timeout_ms) {
 int send_chunk(int channel, const unsigned char *head, size_t hn, const unsigned char *body,
                size_t bn) {
   unsigned char *a = area();
-  put32(a + kChannelAt, static_cast<uint32_t>(channel));
-  put32(a + kLengthAt, static_cast<uint32_t>(hn + bn));
-  if (hn) std::memcpy(a + kPayloadAt, head, hn);
-  if (bn) std::memcpy(a + kPayloadAt + hn, body, bn);
+  DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(channel));
+  DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(hn + bn));
+  if (hn) std::memcpy(a + DBCOMM_PAYLOAD_AT, head, hn);
+  if (bn) std::memcpy(a + DBCOMM_PAYLOAD_AT + hn, body, bn);
   g_tp.server.set();
   if (g_tp.client_ack.wait(-1, &g_tp.server_proc) != WaitResult::Signalled) {
     server_ended();
@@ -173,7 +160,7 @@ int send_chunk(int channel, const unsigned char *head, size_t hn, const unsigned
 // length) followed by the rest of the packet's bytes from body, in chunks that fit the area.
 // Returns the bytes sent, or the first chunk result of 0 or less.
 int send_packet(int channel, const unsigned char *head, size_t hn, const unsigned char *body) {
-  const size_t total = get32(head);
+  const size_t total = DBwire_get32(head);
   size_t sent = 0;
   while (sent < total) {
     // The part of [head | body] from `sent`, at most one area's payload.
@@ -220,13 +207,14 @@ int read_chunk(int channel, const Dest &d, size_t pos, int max) {
         return -1;
       }
     }
-    uint32_t n = get32(a + kLengthAt);
+    uint32_t n = DBwire_get32(a + DBCOMM_LENGTH_AT);
     if (n > g_tp.payload) {
       report("client read: Chunk length %u out of range\n", n);
       g_tp.partial_pending = false;
       return -1;
     }
-    if (!g_tp.partial_pending && n == 9 && a[16] == '-') {
+    if (!g_tp.partial_pending && n == DBCOMM_PARKED_CHUNK &&
+        a[DBCOMM_PAYLOAD_AT + DBCOMM_FIRST_HEAD] == DBCOMM_PARKED) {
       // Parked: the server answers later. Give the exchange up and wait
       // until the server hands it back to this channel.
       g_tp.server_ack.set();
@@ -244,7 +232,7 @@ int read_chunk(int channel, const Dest &d, size_t pos, int max) {
         }
         if (owner_word() == channel) {
           if (!lock_mutex(-1)) return -2;
-          set_owner_word(-1);
+          set_owner_word(DBCOMM_OWNER_FREE);
           break;
         }
         // Meant for another parked client: pass it on.
@@ -255,13 +243,13 @@ int read_chunk(int channel, const Dest &d, size_t pos, int max) {
     }
     if (static_cast<int64_t>(n) > max) {
       size_t m = static_cast<size_t>(max);
-      copy_out(d, pos, a + kPayloadAt, m);
-      put32(a + kLengthAt, static_cast<uint32_t>(n - m));
-      std::memmove(a + kPayloadAt, a + kPayloadAt + m, n - m);
+      copy_out(d, pos, a + DBCOMM_PAYLOAD_AT, m);
+      DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(n - m));
+      std::memmove(a + DBCOMM_PAYLOAD_AT, a + DBCOMM_PAYLOAD_AT + m, n - m);
       g_tp.partial_pending = true;
       return max;
     }
-    copy_out(d, pos, a + kPayloadAt, n);
+    copy_out(d, pos, a + DBCOMM_PAYLOAD_AT, n);
     g_tp.partial_pending = false;
     g_tp.server_ack.set();
     return static_cast<int>(n);
@@ -278,7 +266,7 @@ int read_packet(int channel, const Dest &d, int cap) {
     if (r <= 0) return r;
     got += r;
   }
-  uint32_t plen = get32(d.head);
+  uint32_t plen = DBwire_get32(d.head);
   if (plen > static_cast<uint32_t>(cap)) {
     report("client read: Packet length %u out of range\n", plen);
     return -1;
@@ -318,26 +306,26 @@ int DBcomm_init(int size) {
   // Whether a server runs is asked first, so that a client without a
   // server leaves no objects behind (on Linux they outlive their users).
   bool not_found = false;
-  bool ok = size > static_cast<int>(kPayloadAt);
-  if (ok && !g_tp.server.open_live("TavrinDB_Server")) {
+  bool ok = size > static_cast<int>(DBCOMM_PAYLOAD_AT);
+  if (ok && !g_tp.server.open_live(DBOBJ_SERVER)) {
     not_found = true;
     ok = false;
   }
-  ok = ok && g_tp.area.create_or_open("TavrinDB_Shared_Memory", static_cast<size_t>(size)) &&
-       g_tp.owner.create_or_open("TavrinDB_Shared_Memory_Socket", 4);
-  ok = ok && g_tp.client.create_or_open("TavrinDB_Client") &&
-       g_tp.server_ack.create_or_open("TavrinDB_Server_Ack") &&
-       g_tp.client_ack.create_or_open("TavrinDB_Client_Ack") &&
-       g_tp.activate.create_or_open("TavrinDB_Client_Activate") &&
-       g_tp.mutex.create_or_open("TavrinDB_Mutex");
+  ok = ok && g_tp.area.create_or_open(DBOBJ_AREA, static_cast<size_t>(size)) &&
+       g_tp.owner.create_or_open(DBOBJ_OWNER, DBCOMM_OWNER_SIZE);
+  ok = ok && g_tp.client.create_or_open(DBOBJ_CLIENT) &&
+       g_tp.server_ack.create_or_open(DBOBJ_SERVER_ACK) &&
+       g_tp.client_ack.create_or_open(DBOBJ_CLIENT_ACK) &&
+       g_tp.activate.create_or_open(DBOBJ_ACTIVATE) && g_tp.mutex.create_or_open(DBOBJ_MUTEX);
   if (!ok) {
-    int e = size > static_cast<int>(kPayloadAt) ? errno : EINVAL;
+    int e = size > static_cast<int>(DBCOMM_PAYLOAD_AT) ? errno : EINVAL;
     if (not_found) msg_print("Tavrin database not found!\n");
     msg_print("%s\n", std::strerror(e));
     DBcomm_close();
     return 0;
   }
-  g_tp.payload = std::min(static_cast<size_t>(size) - kPayloadAt, size_t{DBCOMM_PAYLOAD_SIZE});
+  g_tp.payload =
+      std::min(static_cast<size_t>(size) - DBCOMM_PAYLOAD_AT, size_t{DBCOMM_PAYLOAD_SIZE});
   g_tp.ready = true;
   return 1;
 }
@@ -369,16 +357,16 @@ int handshake(int timeout_ms, const char *version) {
   g_tp.channel = -1;
   if (!take_exchange(-1, timeout_ms)) return DBHS_SYSTEM;
   unsigned char *a = area();
-  put32(a + kChannelAt, 0xFFFFFFFFu);
-  put32(a + kLengthAt, static_cast<uint32_t>(getpid()));
+  DBwire_put32(a + DBCOMM_CHANNEL_AT, DBHS_CHANNEL);
+  DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(getpid()));
   size_t n = std::min(std::strlen(version), g_tp.payload - 1);
-  std::memcpy(a + kPayloadAt, version, n);
-  a[kPayloadAt + n] = 0;
+  std::memcpy(a + DBCOMM_PAYLOAD_AT, version, n);
+  a[DBCOMM_PAYLOAD_AT + n] = 0;
   g_tp.server.set();
   WaitResult r = g_tp.client.wait(timeout_ms);
   if (r == WaitResult::Timeout) return DBHS_TIMEOUT;
   if (r != WaitResult::Signalled) return DBHS_SYSTEM;
-  int32_t channel = static_cast<int32_t>(get32(a + kChannelAt));
+  int32_t channel = static_cast<int32_t>(DBwire_get32(a + DBCOMM_CHANNEL_AT));
   if (channel < 0) {
     // Refused (a version the server does not speak, all channels in use):
     // the server's answer is complete, so the exchange is given up here and
@@ -386,7 +374,8 @@ int handshake(int timeout_ms, const char *version) {
     release_mutex();
     return DBHS_VERSION;
   }
-  if (!g_tp.server_proc.open(static_cast<pid_t>(get32(a + kLengthAt)))) return DBHS_SYSTEM;
+  if (!g_tp.server_proc.open(static_cast<pid_t>(DBwire_get32(a + DBCOMM_LENGTH_AT))))
+    return DBHS_SYSTEM;
   if (!release_mutex()) return DBHS_SYSTEM;
   g_tp.channel = channel;
   return channel;
@@ -413,8 +402,8 @@ int DBclient_write(int channel, const void *data, int length) {
   const uint32_t total = static_cast<uint32_t>(length);
   unsigned char head[8];
   if (total <= DBCOMM_PACKET_MAX) {
-    put32(head, total + 8);
-    put32(head + 4, total);
+    DBwire_put32(head, total + 8);
+    DBwire_put32(head + 4, total);
     int w = send_packet(channel, head, 8, p);
     if (w != static_cast<int>(total + 8)) {
       report("client write: Data missing (expected %d written %d)\n", int(total + 8), w);
@@ -422,8 +411,8 @@ int DBclient_write(int channel, const void *data, int length) {
     }
     return 1;
   }
-  put32(head, DBCOMM_PACKET_MAX);
-  put32(head + 4, total);
+  DBwire_put32(head, DBCOMM_PACKET_MAX);
+  DBwire_put32(head + 4, total);
   int w = send_packet(channel, head, 8, p);
   if (w != DBCOMM_PACKET_MAX) {
     report("client write: Data missing (expected %d written %d)\n", DBCOMM_PACKET_MAX, w);
@@ -432,7 +421,7 @@ int DBclient_write(int channel, const void *data, int length) {
   uint32_t done = DBCOMM_FIRST_DATA;
   while (done < total) {
     uint32_t n = std::min<uint32_t>(total - done, DBCOMM_NEXT_DATA);
-    put32(head, n + 4);
+    DBwire_put32(head, n + 4);
     w = send_packet(channel, head, 4, p + done);
     if (w != static_cast<int>(n + 4)) {
       report("client write: Data missing (expected %d written %d)\n", int(n + 4), w);
@@ -454,7 +443,7 @@ int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buf
     return -1;
   }
   const unsigned char *pkt = g_tp.packet.data();
-  uint32_t total = get32(pkt + 4);
+  uint32_t total = DBwire_get32(pkt + 4);
   bool allocate = alloc_buffer && alloc_length;
   unsigned char *dst;
   if (static_cast<int64_t>(total) <= size) {

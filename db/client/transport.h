@@ -13,17 +13,7 @@
 
 #include <cstdint>
 
-// Size of the message area "TavrinDB_Shared_Memory" and its layout.
-enum : int {
-  DBCOMM_AREA_SIZE = 10020,    // what DBcomm_init is called with
-  DBCOMM_PAYLOAD_SIZE = 10012, // bytes from offset 8 to the end of the area
-  DBCOMM_PACKET_MAX = 10000,   // message bytes that still go in one packet
-  DBCOMM_FIRST_DATA = 9992,    // message bytes in a full first packet
-  DBCOMM_NEXT_DATA = 9996,     // message bytes in a full further packet
-};
-
-// The version the client announces in the handshake.
-#define DBCOMM_VERSION "2.0.1"
+#include "db/wire/wire.h"
 
 // Results of DBhandshake other than a channel number.
 enum : int {

@@ -157,11 +157,11 @@ private:
     std::string data = data_, log = log_;
     pid_t pid = fork();
     if (pid != 0) return pid;
-    Executor ex;
+    tavrind::Executor ex;
     ex.verbose = true;
     ex.log = [log](const std::string &line) { std::ofstream(log, std::ios::app) << line << "\n"; };
     std::string err;
-    if (!catalog_init(ex.catalog, data, err)) _exit(3);
+    if (!tavrind::catalog_init(ex.catalog, data, err)) _exit(3);
     tavrind::ExecHandler h(ex);
     tavrind::ProtocolServer srv(h);
     if (!srv.start()) _exit(4);

@@ -78,14 +78,11 @@ struct Stand {
   Log *log = nullptr;
 
   bool start() {
-    bool ok = server.create_owned("TavrinDB_Server") &&
-              area.create_or_open("TavrinDB_Shared_Memory", 10020) &&
-              owner.create_or_open("TavrinDB_Shared_Memory_Socket", 4) &&
-              client.create_or_open("TavrinDB_Client") &&
-              server_ack.create_or_open("TavrinDB_Server_Ack") &&
-              client_ack.create_or_open("TavrinDB_Client_Ack") &&
-              activate.create_or_open("TavrinDB_Client_Activate") &&
-              mutex.create_or_open("TavrinDB_Mutex");
+    bool ok = server.create_owned(DBOBJ_SERVER) && area.create_or_open(DBOBJ_AREA, 10020) &&
+              owner.create_or_open(DBOBJ_OWNER, 4) && client.create_or_open(DBOBJ_CLIENT) &&
+              server_ack.create_or_open(DBOBJ_SERVER_ACK) &&
+              client_ack.create_or_open(DBOBJ_CLIENT_ACK) &&
+              activate.create_or_open(DBOBJ_ACTIVATE) && mutex.create_or_open(DBOBJ_MUTEX);
     if (ok) set_owner(-1);
     return ok;
   }
@@ -314,7 +311,7 @@ TEST_F(Transport, AnswersInOddChunksAndAfterParking) {
   // The exchange is over: the mutex is free for others.
   pid_t other = spawn([] {
     ipc::Mutex m;
-    return m.create_or_open("TavrinDB_Mutex") && m.lock(1000) == ipc::WaitResult::Signalled ? 0 : 1;
+    return m.create_or_open(DBOBJ_MUTEX) && m.lock(1000) == ipc::WaitResult::Signalled ? 0 : 1;
   });
   EXPECT_EQ(join_within(other, 5000), 0);
 }

@@ -18,6 +18,8 @@
 #include <string>
 #include <vector>
 
+using namespace tavrind;
+
 namespace {
 
 std::string g_root;     // the folder of this run
@@ -75,7 +77,7 @@ bool answer_well_formed(const std::vector<unsigned char> &a) {
 }
 
 // Runs statements given as request bytes built by hand on a channel.
-void must(Channel &ch, std::vector<unsigned char> req) {
+void must(Session &ch, std::vector<unsigned char> req) {
   std::vector<unsigned char> out;
   if (exec_request(ch, req.data(), req.size(), out) != EXEC_ANSWER || out.empty() ||
       out[0] == '0') {
@@ -125,7 +127,7 @@ void make_template() {
   });
   Executor ex;
   ex.catalog.dir = g_template;
-  Channel ch(ex, 0);
+  Session ch(ex, 0);
   must(ch, name_req('3', "F"));
   // T (A INTEGER NOT NULL, B CHARACTER(8), C SMALLINT, D FLOAT, E DATE, G TIME,
   //    H TIMESTAMP, K BINARY(4)) with a unique index, and U (A INTEGER, B CHARACTER(8)).
@@ -194,14 +196,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::filesystem::copy_file(g_template + "/F.db", g_work + "/F.db");
   Executor ex;
   ex.catalog.dir = g_work;
-  Channel a(ex, 0), b(ex, 1);
-  Channel *chs[2] = {&a, &b};
-  for (Channel *c : chs) must(*c, name_req('1', "F"));
+  Session a(ex, 0), b(ex, 1);
+  Session *chs[2] = {&a, &b};
+  for (Session *c : chs) must(*c, name_req('1', "F"));
   size_t p = 0;
   int steps = 0;
   while (p + 3 <= size && steps++ < 64) {
-    Channel &ch = *chs[data[p] & 1];
-    Channel &other = *chs[(data[p] & 1) ^ 1];
+    Session &ch = *chs[data[p] & 1];
+    Session &other = *chs[(data[p] & 1) ^ 1];
     size_t n = data[p + 1] | data[p + 2] << 8;
     p += 3;
     if (n > size - p) n = size - p;

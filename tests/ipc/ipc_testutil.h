@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "db/wire/wire.h"
+
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
@@ -32,13 +34,9 @@ inline pid_t &namespace_owner() {
 }
 
 inline void remove_namespaces() {
-  static const char *const names[] = {"TavrinDB_Shared_Memory",   "TavrinDB_Shared_Memory_Socket",
-                                      "TavrinDB_Server",          "TavrinDB_Client",
-                                      "TavrinDB_Server_Ack",      "TavrinDB_Client_Ack",
-                                      "TavrinDB_Client_Activate", "TavrinDB_Mutex"};
   if (getpid() != namespace_owner()) return;
   for (const std::string &ns : made_namespaces())
-    for (const char *n : names) shm_unlink(("/" + ns + n).c_str());
+    for (const char *n : DBOBJ_ALL) shm_unlink(("/" + ns + n).c_str());
 }
 
 // Sets TAVRIN_NAMESPACE to a name no other test (or test process) uses.

@@ -19,6 +19,9 @@
 
 namespace exectest {
 
+// The tests of the executor and its modules speak their names unqualified.
+using namespace tavrind;
+
 using Bytes = std::vector<unsigned char>;
 using Texts = std::vector<std::string>;
 
@@ -163,7 +166,7 @@ protected:
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     dir = tmpl;
     std::string err;
-    ASSERT_EQ(catalog_init(ex.catalog, dir, err), 1) << err;
+    ASSERT_EQ(tavrind::catalog_init(ex.catalog, dir, err), 1) << err;
     ex.log = [this](const std::string &line) { log += line + "\n"; };
   }
   void TearDown() override {
@@ -171,16 +174,16 @@ protected:
     std::filesystem::remove_all(dir);
   }
 
-  Channel &channel(size_t i = 0) {
+  tavrind::Session &channel(size_t i = 0) {
     while (channels.size() <= i)
-      channels.push_back(std::make_unique<Channel>(ex, static_cast<int>(channels.size())));
+      channels.push_back(std::make_unique<tavrind::Session>(ex, static_cast<int>(channels.size())));
     return *channels[i];
   }
 
   // Sends raw request bytes; returns the answer's bytes (empty if none).
-  Bytes raw(const Bytes &req, size_t ch = 0, int expect = EXEC_ANSWER) {
+  Bytes raw(const Bytes &req, size_t ch = 0, int expect = tavrind::EXEC_ANSWER) {
     Bytes out;
-    EXPECT_EQ(exec_request(channel(ch), req.data(), req.size(), out), expect);
+    EXPECT_EQ(tavrind::exec_request(channel(ch), req.data(), req.size(), out), expect);
     return out;
   }
   Answer run(const Bytes &req, size_t ch = 0) {
@@ -208,8 +211,8 @@ protected:
 
   std::string dir;
   std::string log;
-  Executor ex;
-  std::vector<std::unique_ptr<Channel>> channels;
+  tavrind::Executor ex;
+  std::vector<std::unique_ptr<tavrind::Session>> channels;
 };
 
 } // namespace exectest

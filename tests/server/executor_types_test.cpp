@@ -153,9 +153,9 @@ TEST(TypesUnit, ConversionsAndForeignDeclarations) {
   EXPECT_EQ(utf8_to_latin1("\xC3\x84\xE2\x82\xAC\xFF"), "\xC4?\xFF");
   // Declarations of tables made by other SQLite tools.
   EXPECT_EQ(type_from_declaration("CHARACTER(10) COLLATE RTRIM").size, 10);
-  EXPECT_EQ(type_from_declaration("varchar(20)").code, TYPE_CHARACTER);
-  EXPECT_EQ(type_from_declaration("BIGINT").code, TYPE_INTEGER);
-  EXPECT_EQ(type_from_declaration("double").code, TYPE_FLOAT);
+  EXPECT_EQ(type_from_declaration("varchar(20)").code, DBTYPE_CHARACTER);
+  EXPECT_EQ(type_from_declaration("BIGINT").code, DBTYPE_INTEGER);
+  EXPECT_EQ(type_from_declaration("double").code, DBTYPE_FLOAT);
   EXPECT_EQ(type_from_declaration("BINARY(8)").size, 8);
 }
 
@@ -173,7 +173,7 @@ TEST(TypesUnit, TextValuesAreConvertedAndCutInTheAnswer) {
     sqlite3_bind_text(st, 1, utf8.data(), int(utf8.size()), SQLITE_TRANSIENT);
     EXPECT_EQ(sqlite3_step(st), SQLITE_ROW);
     std::vector<unsigned char> out = {'x'};
-    type_append_value(out, ColType{TYPE_CHARACTER, 0}, st, 0);
+    type_append_value(out, ColType{DBTYPE_CHARACTER, 0}, st, 0);
     size_t len = out[1] | out[2] << 8;
     EXPECT_EQ(out.size(), 3 + len);
     EXPECT_EQ(out.back(), 0);
