@@ -11,12 +11,22 @@
 # tavrind goes to bin/, not sbin/: besides the system service, users run a
 # server of their own in their own namespace (./run.sh does), and sbin/ is not
 # in an ordinary user's PATH on Debian.
+#
+# CPack makes three packages (scripts/package): zentiq (the viewer, which pulls
+# in Qt), tavrin (the client) and tavrind (the server with its service), so a
+# server machine needs no Qt and a desktop can take the client without a
+# server of its own. Depends come from the libraries actually linked
+# (dpkg-shlibdeps).
 include(GNUInstallDirs)
 
 # The version of the packages and man pages is the viewer's own.
 file(STRINGS ${PROJECT_SOURCE_DIR}/app/viewer.h zentiq_version_line REGEX "ZQ_VERSION = ")
 string(REGEX MATCH "\"([0-9.]+)\"" zentiq_version_line "${zentiq_version_line}")
 set(ZENTIQ_VERSION ${CMAKE_MATCH_1})
+
+# Installing (and so packaging) takes what was built and does not build the
+# whole tree first; scripts/package builds the programs before it packs.
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
 
 set(zentiq_pkg ${PROJECT_SOURCE_DIR}/packaging)
 set(zentiq_datadir ${CMAKE_INSTALL_DATADIR}/zentiq)
@@ -73,3 +83,43 @@ install(FILES ${zentiq_pkg}/tavrin.bash-completion RENAME tavrin
 install(CODE "set(ZENTIQ_PACKAGING \"${zentiq_pkg}\")
 set(ZENTIQ_BINDIR_NAME \"${CMAKE_INSTALL_BINDIR}\")" COMPONENT server)
 install(SCRIPT cmake/install_service.cmake COMPONENT server)
+
+# ---- Debian packages ----------------------------------------------------------------------
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME zentiq)
+set(CPACK_PACKAGE_VERSION ${ZENTIQ_VERSION})
+set(CPACK_PACKAGE_CONTACT "Zentiq developers <zentiq@localhost>")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_INSTALL_PREFIX /usr)
+# Install into the staging folder through DESTDIR, so that the files for /etc
+# land there too and nothing is written on this machine.
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_COMPONENTS_ALL viewer client server)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SECTION database)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_STRIP_FILES ON)
+
+set(CPACK_DEBIAN_VIEWER_PACKAGE_NAME zentiq)
+set(CPACK_DEBIAN_VIEWER_PACKAGE_SECTION database)
+set(CPACK_DEBIAN_VIEWER_PACKAGE_RECOMMENDS "tavrind, tavrin")
+set(CPACK_DEBIAN_VIEWER_DESCRIPTION
+    "Desktop viewer for the databases of a TAVRIN server\nZentiq looks into and repairs the databases of a TAVRIN server on the same\nmachine: SELECT queries built from a table name, any SQL command, rows\nshown as a list and changed or deleted through their key.")
+
+set(CPACK_DEBIAN_CLIENT_PACKAGE_NAME tavrin)
+set(CPACK_DEBIAN_CLIENT_PACKAGE_RECOMMENDS "tavrind")
+set(CPACK_DEBIAN_CLIENT_DESCRIPTION
+    "Command-line client of the TAVRIN database server\ntavrin runs SQL statements on the databases of a local TAVRIN server, saves\nand loads tables as TABLE files and compresses files in the Varne format.")
+
+set(CPACK_DEBIAN_SERVER_PACKAGE_NAME tavrind)
+set(CPACK_DEBIAN_SERVER_PACKAGE_DEPENDS "adduser")
+set(CPACK_DEBIAN_SERVER_PACKAGE_CONTROL_EXTRA
+    ${zentiq_pkg}/debian/tavrind/postinst ${zentiq_pkg}/debian/tavrind/prerm
+    ${zentiq_pkg}/debian/tavrind/postrm ${zentiq_pkg}/debian/tavrind/conffiles)
+set(CPACK_DEBIAN_SERVER_DESCRIPTION
+    "TAVRIN database server\ntavrind serves databases kept as SQLite files to TAVRIN clients on the same\nmachine through shared memory. The package holds the systemd units\ntavrind.service and tavrind@.service (one server per namespace).")
+
+include(CPack)
