@@ -4,9 +4,9 @@
 # scripts/package --built makes zentiq, tavrin and tavrind in a temporary
 # folder; the test checks their files, Depends and maintainer scripts, unpacks
 # them into a scratch root (dpkg -x, nothing is installed on the machine), runs
-# the unpacked `tavrin help` and `tavrind --help`, and has the unpacked viewer
-# write its manual from an empty folder, which takes the help texts from the
-# unpacked share/zentiq.
+# the unpacked `tavrin help` and `tavrind --help`, completes -db names from the
+# unpacked server, and has the unpacked viewer write its manual from an empty
+# folder, which takes the help texts from the unpacked share/zentiq.
 set -euo pipefail
 src=$1 build=$2 tavrin=$3
 fail() { echo "FAIL: $*" >&2; exit 1; }
@@ -58,6 +58,12 @@ for ((i = 0; i < 600; i++)); do
   kill -0 "$server" 2>/dev/null || fail "tavrind ended: $(cat "$tmp/tavrind.log")"
   sleep 0.1
 done
+# The unpacked bash completion offers the running server's databases.
+names=$(bash -c 'source "$1"; compopt() { :; }
+                 COMP_WORDS=("$2" sql -dbd); COMP_CWORD=2; _tavrin; echo "${COMPREPLY[*]}"' \
+  _ "$root/usr/share/bash-completion/completions/tavrin" "$root/usr/bin/tavrin")
+[[ $names == -dbdemo ]] || fail "completion of -db names: '$names'"
+
 mkdir "$tmp/work"
 (cd "$tmp/work" && QT_QPA_PLATFORM=offscreen ASAN_OPTIONS=detect_leaks=0 \
   "$root/usr/bin/zentiq" -dbdemo -doku >"$tmp/zentiq.log" 2>&1) ||
