@@ -23,6 +23,9 @@ include(GNUInstallDirs)
 file(STRINGS ${PROJECT_SOURCE_DIR}/app/viewer.h zentiq_version_line REGEX "ZQ_VERSION = ")
 string(REGEX MATCH "\"([0-9.]+)\"" zentiq_version_line "${zentiq_version_line}")
 set(ZENTIQ_VERSION ${CMAKE_MATCH_1})
+if(NOT ZENTIQ_VERSION)
+  message(FATAL_ERROR "no ZQ_VERSION \"N.N.N\" found in app/viewer.h")
+endif()
 
 # Installing (and so packaging) takes what was built and does not build the
 # whole tree first; scripts/package builds the programs before it packs.
