@@ -1,6 +1,7 @@
 // The help system (see help.h).
 #include "framework/help.h"
 
+#include "base/datadir.h"
 #include "base/msg.h"
 #include "forms/dialogs.h"
 #include "forms/editor.h"
@@ -288,7 +289,9 @@ std::string myfl_html_editor_command() {
 
 // ---- The help file ----------------------------------------------------------------------
 
-std::string myfl_help_filename() { return std::string(myfl_get_appl_name()) + ".hlp"; }
+std::string myfl_help_filename() {
+  return datadir_find((std::string(myfl_get_appl_name()) + ".hlp").c_str());
+}
 
 int myfl_find_help(const char *key) {
   File f(std::fopen(myfl_help_filename().c_str(), "rb"));

@@ -45,7 +45,8 @@ void myfl_cb_help(FL_OBJECT *button, long argument);
 // message "Hilfedialog bereits geöffnet" is shown instead.
 void myfl_open_help(FL_OBJECT *button);
 
-// The name of the help file: "<application name>.hlp".
+// The help file: "<application name>.hlp" in the working folder, else the
+// installed copy (base/datadir.h); edits go to the file found.
 std::string myfl_help_filename();
 // The header line number (from 1) of the section of key, 0 when none.
 int myfl_find_help(const char *key);
