@@ -144,15 +144,8 @@ bool row_unchanged(DBSESSION *session, const std::string &condition, std::string
 // committed; 0 after showing `failed` with the reason.
 int change_row(const std::string &stmt, const std::string &condition, const char *failed) {
   DBSESSION *session = zentiq_app().session;
-  auto abort_level = [session] {
-    dbrollback(session); // ABORT, which opens a fresh transaction at once,
-    dbend(session);      // and END of that one
-  };
-  if (!dbbegin(session)) {
-    dbend(session);
-    fl_show_message("Datenbankverbindung nicht vorhanden", "", "");
-    return 0;
-  }
+  auto abort_level = [session] { zentiq_abort_level(session); };
+  if (!zentiq_begin_level(session)) return 0;
   std::string why;
   if (!row_unchanged(session, condition, &why)) {
     abort_level();
@@ -173,7 +166,7 @@ int change_row(const std::string &stmt, const std::string &condition, const char
     fl_show_message(failed, text.c_str(), "");
     return 0;
   }
-  if (!dbend(session)) {
+  if (!zentiq_end_level(session)) {
     fl_show_message("Funktion 'dbend' lieferte Fehler",
                     "Die Änderungen des Befehls wurden nicht gespeichert", "");
     return 0;

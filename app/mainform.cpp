@@ -103,30 +103,15 @@ void fill_result(DBSESSION *session, DBRESULT *result, const std::string &statem
   for (void *r : records) std::free(r);
 }
 
-// Ends the level of a user's statement; false when END failed. Callers tell
-// the user only after this, so that no box waits while a level is open.
-bool end_level(DBSESSION *session) { return dbend(session) != 0; }
+bool end_level(DBSESSION *session) { return zentiq_end_level(session) != 0; }
 
 void tell_end_failed() {
   fl_show_message("Funktion 'dbend' lieferte Fehler",
                   "Die Änderungen des Befehls wurden nicht gespeichert", "");
 }
 
-// Opens a BEGIN level for one of the user's statements; false (with the
-// message shown, the level taken back) when there is no database connection.
-bool begin_level(DBSESSION *session) {
-  if (dbbegin(session)) return true;
-  dbend(session);
-  fl_show_message("Datenbankverbindung nicht vorhanden", "", "");
-  return false;
-}
-
-// Takes back what the open level did and closes it: ABORT (which opens a
-// fresh transaction at once), then END of that one.
-void abort_level(DBSESSION *session) {
-  dbrollback(session);
-  dbend(session);
-}
+bool begin_level(DBSESSION *session) { return zentiq_begin_level(session) != 0; }
+void abort_level(DBSESSION *session) { zentiq_abort_level(session); }
 
 // Runs a statement the user typed or built inside the open level. True with
 // its result in *result (the caller clears it); false when it failed, also
@@ -198,6 +183,27 @@ bool run_counted_change(DBSESSION *session, const std::string &stmt, const ZqCha
 }
 
 } // namespace
+
+int zentiq_begin_level(DBSESSION *session) {
+  if (dbbegin(session)) return 1;
+  dbend(session);
+  fl_show_message("Datenbankverbindung nicht vorhanden", "", "");
+  return 0;
+}
+
+void zentiq_abort_level(DBSESSION *session) {
+  dbrollback(session); // ABORT, which opens a fresh transaction at once,
+  dbend(session);      // and END of that one
+}
+
+int zentiq_end_level(DBSESSION *session) {
+  if (dbend(session)) return 1;
+  // The level is gone on this side; an ABORT makes sure that the server
+  // holds no transaction (and no lock) of it while the user reads the
+  // message.
+  if (dbstatus(session)) DBclear(DBexec(session->connection, "ABORT"));
+  return 0;
+}
 
 std::string zentiq_row_text(const std::vector<std::string> &values) {
   std::string out;

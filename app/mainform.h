@@ -13,6 +13,8 @@
 
 #include "forms/forms.h"
 
+struct DBSESSION;
+
 // Creates the main form (721 x 606) with its objects into zentiq_app().main.
 void zentiq_create_main_form();
 
@@ -32,6 +34,15 @@ void zentiq_run_select(FL_OBJECT *obj, long argument);
 // another number of rows than the user agreed to.
 void zentiq_run_sql(FL_OBJECT *obj, long argument);
 
+// Opens the BEGIN level of one of the user's actions: 1, or 0 (the level
+// taken back) after "Datenbankverbindung nicht vorhanden".
+int zentiq_begin_level(DBSESSION *session);
+// Takes back what the open level did and closes it.
+void zentiq_abort_level(DBSESSION *session);
+// Ends the BEGIN level of one of the user's actions: 1, or 0 when END was
+// not done; then an ABORT leaves the server without a transaction of this
+// session. Callers tell the user only after this.
+int zentiq_end_level(DBSESSION *session);
 // The one statement of a user's text with ";" appended: 1, or 0 after a
 // message when text other than blanks follows a ";" outside string literals
 // (one ";" at the end is allowed) or the statement is longer than the
