@@ -87,16 +87,17 @@ int selected_column() {
 bool key_condition(const char *what, std::string *condition) {
   const ZqDetailRow &row = zentiq_app().detail_row;
   if (row.info.table.empty()) {
-    fl_show_message(what, "Das Ergebnis stammt nicht aus genau einer Tabelle (Join, Unterabfrage, "
-                          "COUNT oder DISTINCT) und kann hier nicht geändert werden", "");
+    fl_show_message(what,
+                    "Das Ergebnis stammt nicht aus genau einer Tabelle (Join, Unterabfrage, "
+                    "COUNT oder DISTINCT) und kann hier nicht geändert werden",
+                    "");
     return false;
   }
   std::string key = row.info.table + "_ID";
   for (size_t i = 0; i < row.info.names.size() && i < row.values.size(); ++i) {
     if (upper(row.info.names[i]) != key) continue;
     std::string value;
-    if (row.values[i].empty() || !literal(row.info.types[i], row.values[i], &value))
-      break;
+    if (row.values[i].empty() || !literal(row.info.types[i], row.values[i], &value)) break;
     *condition = key + " = " + value;
     return true;
   }
@@ -110,8 +111,7 @@ bool key_condition(const char *what, std::string *condition) {
 bool row_unchanged(DBSESSION *session, const std::string &condition, std::string *why) {
   const ZqDetailRow &row = zentiq_app().detail_row;
   std::string stmt = "SELECT ";
-  for (size_t i = 0; i < row.info.names.size(); ++i)
-    stmt += (i ? ", " : "") + row.info.names[i];
+  for (size_t i = 0; i < row.info.names.size(); ++i) stmt += (i ? ", " : "") + row.info.names[i];
   stmt += " FROM " + row.info.table + " WHERE " + condition + ";";
   DBRESULT *result = nullptr;
   int outcome = 0;
@@ -123,15 +123,15 @@ bool row_unchanged(DBSESSION *session, const std::string &condition, std::string
   int n = dbntuples(session, result);
   if (n != 1) {
     *why = n == 0 ? "Der Datensatz mit " + condition + " ist nicht mehr vorhanden"
-                  : "Der Schlüssel " + condition + " ist nicht eindeutig (" +
-                        std::to_string(n) + " Zeilen)";
+                  : "Der Schlüssel " + condition + " ist nicht eindeutig (" + std::to_string(n) +
+                        " Zeilen)";
   } else {
     for (size_t i = 0; i < row.values.size(); ++i) {
       std::string now = dbgetshown(session, result, 0, static_cast<int>(i));
       if (now == row.values[i]) continue;
       if (why->empty()) why->assign("Inzwischen geändert:");
-      *why += "\n" + row.info.names[i] + " ist jetzt '" + now + "' (angezeigt: '" +
-              row.values[i] + "')";
+      *why += "\n" + row.info.names[i] + " ist jetzt '" + now + "' (angezeigt: '" + row.values[i] +
+              "')";
     }
   }
   dbclear(session, result);
@@ -144,11 +144,10 @@ bool row_unchanged(DBSESSION *session, const std::string &condition, std::string
 // committed; 0 after showing `failed` with the reason.
 int change_row(const std::string &stmt, const std::string &condition, const char *failed) {
   DBSESSION *session = zentiq_app().session;
-  auto abort_level = [session] { zentiq_abort_level(session); };
   if (!zentiq_begin_level(session)) return 0;
   std::string why;
   if (!row_unchanged(session, condition, &why)) {
-    abort_level();
+    zentiq_abort_level(session);
     fl_show_message(failed, why.c_str(), "");
     return 0;
   }
@@ -158,7 +157,7 @@ int change_row(const std::string &stmt, const std::string &condition, const char
   int changed = ran ? dbntuples(session, result) : -1;
   dbclear(session, result);
   if (!ran || changed != 1) {
-    abort_level();
+    zentiq_abort_level(session);
     std::string text;
     if (ran)
       text = std::to_string(changed) + " Zeilen in " + zentiq_app().detail_row.info.table +
@@ -192,9 +191,7 @@ FL_OBJECT *button(int x, int y, int w, int h, const char *label, FL_CALLBACKPTR 
 
 } // namespace
 
-int zentiq_detail_lines() {
-  return static_cast<int>(zentiq_app().detail_row.info.names.size());
-}
+int zentiq_detail_lines() { return static_cast<int>(zentiq_app().detail_row.info.names.size()); }
 
 void zentiq_create_detail_form() {
   ZqDetailForm &d = zentiq_app().detail;
@@ -291,8 +288,9 @@ void zentiq_update_value(FL_OBJECT *, long) {
     fl_show_message("Update nicht möglich!", "Der Wert ist keine Zahl", "");
     return;
   }
-  std::string stmt = "UPDATE " + row.info.table + " SET " + row.info.names[static_cast<size_t>(col)] +
-                     " = " + lit + " WHERE " + condition + ";";
+  std::string stmt = "UPDATE " + row.info.table + " SET " +
+                     row.info.names[static_cast<size_t>(col)] + " = " + lit + " WHERE " +
+                     condition + ";";
   if (change_row(stmt, condition, "Datensatz konnte nicht geändert werden!"))
     after_change("Datensatz wurde geändert");
 }

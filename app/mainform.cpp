@@ -169,8 +169,8 @@ bool run_counted_change(DBSESSION *session, const std::string &stmt, const ZqCha
     if (!ran) {
       tell_failed();
     } else {
-      std::string why = std::to_string(changed) + " statt " + std::to_string(rows) +
-                        " Zeilen in " + change.table + " betroffen";
+      std::string why = std::to_string(changed) + " statt " + std::to_string(rows) + " Zeilen in " +
+                        change.table + " betroffen";
       fl_show_message("Änderung wurde zurückgenommen!", why.c_str(), "");
     }
     return false;
@@ -337,8 +337,7 @@ int zentiq_single_statement(const std::string &text, std::string *statement) {
   *statement = pieces[0] + ";";
   if (statement->size() >= static_cast<size_t>(DB_STATEMENT_SIZE)) {
     std::string why = "Er hat " + std::to_string(statement->size()) +
-                      " Zeichen, erlaubt sind höchstens " +
-                      std::to_string(DB_STATEMENT_SIZE - 1);
+                      " Zeichen, erlaubt sind höchstens " + std::to_string(DB_STATEMENT_SIZE - 1);
     fl_show_message("SQL-Befehl ist zu lang!", why.c_str(), "");
     return 0;
   }

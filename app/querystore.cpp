@@ -9,7 +9,6 @@
 
 #include "base/msg.h"
 
-
 namespace {
 
 struct FileCloser {

@@ -184,8 +184,8 @@ int zentiq_main_atclose(FL_FORM *, void *) {
   // A failed save leaves the old file in place; the user decides whether the
   // marked queries of this session may be lost.
   if (!zentiq_save_queries()) {
-    std::string text = std::string("Fehler beim Schreiben der SQL-Abfragen in Datei '") +
-                       ZQ_QUERY_FILE + "'!";
+    std::string text =
+        std::string("Fehler beim Schreiben der SQL-Abfragen in Datei '") + ZQ_QUERY_FILE + "'!";
     if (fl_show_question(text.c_str(), "Die gespeicherten Abfragen gehen verloren.",
                          "Soll Zentiq trotzdem beendet werden?", 2, "Ja", "Nein", "", 2) != 1)
       return -1;

@@ -67,8 +67,8 @@ struct ZqApp {
   DBSESSION *session = nullptr;
   ZqMainForm main;
   ZqDetailForm detail;
-  ZqResultInfo result;     // the rows in the result tabbox
-  ZqDetailRow detail_row;  // the row in the detail dialog
+  ZqResultInfo result;    // the rows in the result tabbox
+  ZqDetailRow detail_row; // the row in the detail dialog
   std::string current_query_name;
   char database_name[20] = "-";
 };

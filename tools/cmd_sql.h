@@ -23,7 +23,7 @@ struct DBSESSION;
   "  --format F     table (aligned, default), csv or tsv; each with a header line\n"               \
   "  -1             run all statements in one transaction: all or nothing\n"                       \
   "Without STATEMENTs, each line of standard input is run as soon as it is read.\n"                \
-  "An argument or a line may hold several statements separated by \";\"; they run in\n"           \
+  "An argument or a line may hold several statements separated by \";\"; they run in\n"            \
   "order. Without -1 each statement is committed on its own unless the\n"                          \
   "statements say BEGIN ... COMMIT themselves. Changes print their row count.\n"                   \
   "The first statement that fails ends the run with exit status 1.\n"

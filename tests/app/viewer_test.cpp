@@ -90,7 +90,8 @@ protected:
   static std::pair<int, std::string> other(const std::string &sql) {
     std::string exe = std::string(std::getenv("ZENTIQ_BUILD_DIR")) + "/tools/tavrin";
     zqtest::write_file("other.sql", sql + "\n");
-    FILE *p = popen(("timeout 5 " + exe + " sql -dbdemo --format csv <other.sql 2>&1").c_str(), "r");
+    FILE *p =
+        popen(("timeout 5 " + exe + " sql -dbdemo --format csv <other.sql 2>&1").c_str(), "r");
     std::string out;
     for (int c; p && (c = std::fgetc(p)) != EOF;) out += static_cast<char>(c);
     int rc = p ? pclose(p) : -1;
@@ -112,8 +113,8 @@ protected:
   static void watch_boxes() {
     while_shown.clear();
     fl_seam_set_observer([](const FlShownDialog &) {
-      while_shown.emplace_back(
-          db_depth(), other("UPDATE KUNDE SET PLZ = '22222' WHERE KUNDE_ID = 2").first);
+      while_shown.emplace_back(db_depth(),
+                               other("UPDATE KUNDE SET PLZ = '22222' WHERE KUNDE_ID = 2").first);
     });
   }
   void TearDown() override { fl_seam_set_observer(nullptr); }
@@ -316,7 +317,8 @@ TEST_F(Viewer, TypedChangesAreCountedAndConfirmed) {
   fl_set_input(m().sql, "delete from RC");
   QTest::mouseClick(m().sql_run->widget, Qt::LeftButton);
   EXPECT_EQ(shown(), "1 Zeile in RC wird gel\xF6scht.\nFortfahren?|\xC4nderung wurde "
-                     "zur\xFC" "ckgenommen!\n2 statt 1 Zeilen in RC betroffen|");
+                     "zur\xFC"
+                     "ckgenommen!\n2 statt 1 Zeilen in RC betroffen|");
   EXPECT_EQ(other_out("SELECT COUNT(*) FROM RC"), "COUNT(*)\n2\n");
   EXPECT_EQ(db_depth(), 0);
 }
@@ -385,9 +387,9 @@ TEST_F(Viewer, DetailDialogChangesTheRowOnScreenOnlyWhileItIsUnchanged) {
                      "einer Tabelle (Join, Unterabfrage, COUNT oder DISTINCT) und kann hier nicht "
                      "ge\xE4ndert werden|");
   std::string t;
-  for (const char *sql : {"SELECT DISTINCT ORT FROM KUNDE", "SELECT * FROM KUNDE, AUFTRAG",
-                          "SELECT * FROM KUNDE WHERE EXISTS (SELECT * FROM AUFTRAG)",
-                          "SELECT * FROM KUNDE K"})
+  for (const char *sql :
+       {"SELECT DISTINCT ORT FROM KUNDE", "SELECT * FROM KUNDE, AUFTRAG",
+        "SELECT * FROM KUNDE WHERE EXISTS (SELECT * FROM AUFTRAG)", "SELECT * FROM KUNDE K"})
     EXPECT_EQ(zentiq_plain_table(sql, &t), 0) << sql;
   EXPECT_EQ(zentiq_plain_table("select * from kunde where NAME = 'x' order by NAME;", &t), 1);
   EXPECT_EQ(t, "KUNDE");
@@ -451,10 +453,11 @@ TEST_F(Viewer, StatementsAreNeverCutOrSplit) {
   EXPECT_EQ(shown(), "");
   EXPECT_EQ(fl_get_tabbox_maxline(m().result), 1);
   // Too long for the session layer: refused with length and limit.
-  std::string many = "select NAME from KUNDE where KUNDE_ID = 9" +
-                     std::string(DB_STATEMENT_SIZE, ' ');
+  std::string many =
+      "select NAME from KUNDE where KUNDE_ID = 9" + std::string(DB_STATEMENT_SIZE, ' ');
   run_sql(many.c_str());
-  EXPECT_EQ(shown(), "SQL-Befehl ist zu lang!\nEr hat 10042 Zeichen, erlaubt sind h\xF6" "chstens 9999|");
+  EXPECT_EQ(shown(), "SQL-Befehl ist zu lang!\nEr hat 10042 Zeichen, erlaubt sind h\xF6"
+                     "chstens 9999|");
   int outcome = 0;
   DBRESULT *r = nullptr;
   EXPECT_EQ(dbexec1(app().session, many.c_str(), &r, &outcome), 0);

@@ -42,8 +42,7 @@ TEST(Tokenizer, KeywordsIdentifiersAndPunctuation) {
 }
 
 TEST(Tokenizer, NumbersAndStrings) {
-  char text[] = "12 -  7 3.25 1e5 2E+2 -4.5e-1 4294967296 9e999 1e 'a\\'b' 'O''Neil' '" "'''"
-                " '' 'open";
+  char text[] = "12 -  7 3.25 1e5 2E+2 -4.5e-1 4294967296 9e999 1e 'a\\'b' 'O''Neil' '''' '' 'open";
   EXPECT_EQ(tokens(text), "d:12|d:-7|e:3.25|e:1e5|e:2E+2|e:-4.5e-1|e:4294967296|e:9e999|-:1e|"
                           "f:a'b|f:O'Neil|f:'|f:|f:open");
   // A minus that is not followed by a number is no token; Latin-1 letters

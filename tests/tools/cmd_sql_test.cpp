@@ -58,10 +58,11 @@ TEST_F(TavrinSql, SemicolonsSeparateStatementsThatRunInOrderUntilOneFails) {
   // Both deletes run (once only the first did); ";" in a literal and an
   // empty statement between two ";" separate nothing, and the empty one is
   // not sent as a COMMIT. The failing insert ends the run.
-  Outcome r = run("printf \"INSERT INTO S4 VALUES (1, 'a;b');; INSERT INTO S4 VALUES (2, 'O''N');\\n"
-                  "DELETE FROM S4 WHERE S4_ID = 1; DELETE FROM S4 WHERE S4_ID = 2; "
-                  "INSERT INTO NIX VALUES (1); INSERT INTO S4 VALUES (3, 'c')\\n"
-                  "INSERT INTO S4 VALUES (4, 'd')\\n\" | $T sql -dbdemo");
+  Outcome r =
+      run("printf \"INSERT INTO S4 VALUES (1, 'a;b');; INSERT INTO S4 VALUES (2, 'O''N');\\n"
+          "DELETE FROM S4 WHERE S4_ID = 1; DELETE FROM S4 WHERE S4_ID = 2; "
+          "INSERT INTO NIX VALUES (1); INSERT INTO S4 VALUES (3, 'c')\\n"
+          "INSERT INTO S4 VALUES (4, 'd')\\n\" | $T sql -dbdemo");
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.out, "1 row changed\n1 row changed\n1 row changed\n1 row changed\n");
   EXPECT_EQ(server->count_log(": COMMIT", mark), 0) << server->log();
