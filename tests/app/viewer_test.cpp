@@ -137,6 +137,17 @@ TEST_F(Viewer, StartUpListsDatabasesAndPrefersTdsys) {
   EXPECT_EQ(value("SELECT KUNDE_ID FROM KUNDE WHERE KUNDE_ID = 1;"), "");
   use_demo(false);
   EXPECT_EQ(value("SELECT KUNDE_ID FROM KUNDE WHERE KUNDE_ID = 1;"), "1");
+
+  // No database chosen: "SET DATABASE ;" is still sent, and its refusal shown.
+  myfl_free_cmb(m().database);
+  myfl_init_data_cmb(m().form, m().database, m().database_button, "", 1);
+  fl_seam_clear();
+  zentiq_set_database(m().database, 0);
+  EXPECT_EQ(shown().rfind("Fehler beim \xC4ndern der Datenbank!\n", 0), 0u) << shown();
+  myfl_free_cmb(m().database);
+  myfl_init_data_cmb(m().form, m().database, m().database_button, "DEMO,DEMO|TDSYS,TDSYS", 1);
+  myfl_set_cmb_callback(m().database, zentiq_set_database, 0);
+  use_demo(false);
 }
 
 TEST_F(Viewer, SelectIsBuiltRunStoredAndShown) {
