@@ -5,11 +5,12 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "app/mainform.h"
-#include "app/querystore.h"
 #include "app/viewer.h"
 #include "db/access/session.h"
+#include "db/client/tokenizer.h"
 #include "forms/dialogs.h"
 #include "forms/mytabs.h"
 #include "framework/dbtabbox.h"
@@ -30,27 +31,146 @@ std::string take(char *p) {
   return owned ? std::string(owned.get()) : std::string();
 }
 
-// Finds the key line of the detail tabbox. Returns true with the key name
-// and value; false after showing `what` / "Primary Key nicht gefunden".
-bool find_key(const char *what, std::string *table, std::string *key, std::string *value) {
-  ZqApp &app = zentiq_app();
-  const ZqStore &s = zentiq_store();
-  FL_OBJECT *tb = app.detail.tabbox;
-  if (s.select_count > 0 && fl_get_tabbox_vert(tb)) {
-    *table = s.select[s.select_count - 1].table;
-    *key = *table + "_ID";
-    int n = zentiq_detail_lines();
-    for (int i = 1; i <= n; ++i) {
-      if (take(fl_get_tabbox_vert_attr_line(tb, i)) == *key) {
-        *value = take(fl_get_tabbox_vert_attr_line_value(tb, i));
-        return true;
-      }
-    }
+std::string upper(std::string t) {
+  for (char &c : t) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return t;
+}
+
+bool numeric_type(int type) {
+  return type == DBFT_SMALLINT || type == DBFT_INTEGER || type == DBFT_FLOAT;
+}
+
+// The SQL literal of a value of a column of `type`: a number as it stands
+// when the client's tokenizer reads it as exactly one number; any other text
+// in single quotes with every quote doubled and every backslash escaped, so
+// that the value is stored as typed. An empty value is the empty text, which
+// the server stores as no value (the type's null marker) in every type.
+// False (numbers only) when the text is no number.
+bool literal(int type, const std::string &value, std::string *out) {
+  if (numeric_type(type) && !value.empty()) {
+    std::vector<char> text(value.begin(), value.end());
+    text.push_back('\0');
+    auto t = std::make_unique<DBtokenizer>();
+    DBtoken_begin(t.get(), text.data());
+    std::vector<char> message(DB_MSG_SIZE);
+    bool number = DBtoken_next(t.get(), message.data()) == 1 &&
+                  (t->code == DBTOK_INT || t->code == DBTOK_FLOAT) &&
+                  DBtoken_next(t.get(), message.data()) == 0;
+    if (number) *out = value;
+    return number;
   }
-  // Without a stored SELECT (the result came from an SQL command) there is
-  // no table to derive the key from: the change is refused the same way.
+  *out = "'";
+  for (char c : value) {
+    if (c == '\'' || c == '\\') *out += c == '\'' ? '\'' : '\\';
+    *out += c;
+  }
+  *out += "'";
+  return true;
+}
+
+// The column of the selected attribute line; -1 when no line is selected or
+// its name is not one column of the row.
+int selected_column() {
+  const ZqDetailRow &row = zentiq_app().detail_row;
+  std::string name = take(fl_get_tabbox_vert_attr(zentiq_app().detail.tabbox));
+  int found = -1;
+  for (size_t i = 0; i < row.info.names.size(); ++i)
+    if (!name.empty() && upper(row.info.names[i]) == name) {
+      if (found >= 0) return -1;
+      found = static_cast<int>(i);
+    }
+  return found;
+}
+
+// The condition that addresses the dialog's row: "<table>_ID = <key>". False
+// after showing `what` and why the row cannot be changed.
+bool key_condition(const char *what, std::string *condition) {
+  const ZqDetailRow &row = zentiq_app().detail_row;
+  if (row.info.table.empty()) {
+    fl_show_message(what,
+                    "Das Ergebnis stammt nicht aus genau einer Tabelle (Join, Unterabfrage, "
+                    "COUNT oder DISTINCT) und kann hier nicht geändert werden",
+                    "");
+    return false;
+  }
+  std::string key = row.info.table + "_ID";
+  for (size_t i = 0; i < row.info.names.size() && i < row.values.size(); ++i) {
+    if (upper(row.info.names[i]) != key) continue;
+    std::string value;
+    if (row.values[i].empty() || !literal(row.info.types[i], row.values[i], &value)) break;
+    *condition = key + " = " + value;
+    return true;
+  }
   fl_show_message(what, "Primary Key nicht gefunden", "");
   return false;
+}
+
+// Reads the dialog's row again inside the open level. True when the key
+// still finds exactly one row and it holds the values the dialog shows;
+// false with what differs in *why.
+bool row_unchanged(DBSESSION *session, const std::string &condition, std::string *why) {
+  const ZqDetailRow &row = zentiq_app().detail_row;
+  std::string stmt = "SELECT ";
+  for (size_t i = 0; i < row.info.names.size(); ++i) stmt += (i ? ", " : "") + row.info.names[i];
+  stmt += " FROM " + row.info.table + " WHERE " + condition + ";";
+  DBRESULT *result = nullptr;
+  int outcome = 0;
+  if (!dbexec1(session, stmt.c_str(), &result, &outcome) || outcome != DBOUT_TUPLES) {
+    dbclear(session, result);
+    *why = "Der Datensatz konnte nicht erneut gelesen werden";
+    return false;
+  }
+  int n = dbntuples(session, result);
+  if (n != 1) {
+    *why = n == 0 ? "Der Datensatz mit " + condition + " ist nicht mehr vorhanden"
+                  : "Der Schlüssel " + condition + " ist nicht eindeutig (" + std::to_string(n) +
+                        " Zeilen)";
+  } else {
+    for (size_t i = 0; i < row.values.size(); ++i) {
+      std::string now = dbgetshown(session, result, 0, static_cast<int>(i));
+      if (now == row.values[i]) continue;
+      if (why->empty()) why->assign("Inzwischen geändert:");
+      *why += "\n" + row.info.names[i] + " ist jetzt '" + now + "' (angezeigt: '" + row.values[i] +
+              "')";
+    }
+  }
+  dbclear(session, result);
+  return why->empty();
+}
+
+// Runs `stmt`, which changes the dialog's row, in its own transaction: reads
+// the row again first, and commits only when it was unchanged and the server
+// changed exactly one row; otherwise takes everything back. Returns 1 when
+// committed; 0 after showing `failed` with the reason.
+int change_row(const std::string &stmt, const std::string &condition, const char *failed) {
+  DBSESSION *session = zentiq_app().session;
+  if (!zentiq_begin_level(session)) return 0;
+  std::string why;
+  if (!row_unchanged(session, condition, &why)) {
+    zentiq_abort_level(session);
+    fl_show_message(failed, why.c_str(), "");
+    return 0;
+  }
+  DBRESULT *result = nullptr;
+  int outcome = 0;
+  bool ran = dbexec1(session, stmt.c_str(), &result, &outcome) && outcome == DBOUT_DONE;
+  int changed = ran ? dbntuples(session, result) : -1;
+  dbclear(session, result);
+  if (!ran || changed != 1) {
+    zentiq_abort_level(session);
+    std::string text;
+    if (ran)
+      text = std::to_string(changed) + " Zeilen in " + zentiq_app().detail_row.info.table +
+             " mit " + condition + " betroffen - Änderung zurückgenommen";
+    fl_show_message(failed, text.c_str(), "");
+    return 0;
+  }
+  if (!zentiq_end_level(session)) {
+    fl_show_message("Funktion 'dbend' lieferte Fehler",
+                    "Die Änderungen des Befehls wurden nicht gespeichert", "");
+    return 0;
+  }
+  return 1;
 }
 
 // After a successful change: back to the main form with a fresh result.
@@ -71,13 +191,7 @@ FL_OBJECT *button(int x, int y, int w, int h, const char *label, FL_CALLBACKPTR 
 
 } // namespace
 
-int zentiq_detail_lines() {
-  FL_OBJECT *tb = zentiq_app().detail.tabbox;
-  FL_TABBOX_REC *rec = fl_tabbox_record(tb);
-  if (!rec) return 0;
-  fl_layout_tabbox(tb);
-  return fl_tabbox_active(rec)->line_count;
-}
+int zentiq_detail_lines() { return static_cast<int>(zentiq_app().detail_row.info.names.size()); }
 
 void zentiq_create_detail_form() {
   ZqDetailForm &d = zentiq_app().detail;
@@ -108,10 +222,15 @@ void zentiq_open_detail(FL_OBJECT *, long) {
   FL_OBJECT *result = app.main.result;
   if (fl_get_tabbox_maxline(result) <= 0) return;
   void *record = myfl_get_tabbox(result);
-  if (!record) {
+  std::vector<std::string> values;
+  if (record) values = zentiq_row_values(static_cast<ZqRecord *>(record)->text);
+  if (!record || values.size() != app.result.names.size()) {
     fl_show_message("Ungültiger Eintrag in der Tabbox", "", "");
     return;
   }
+  // The dialog keeps the row's values itself: the tabbox shows them, but
+  // edits and the check before a change work on the values as they were.
+  app.detail_row = {app.result, values};
   FL_OBJECT *tb = app.detail.tabbox;
   myfl_free_tabbox(tb);
   fl_unset_tabbox_vert(tb);
@@ -130,87 +249,61 @@ void zentiq_open_detail(FL_OBJECT *, long) {
   myfl_show_form(app.detail.form, "Zentiq-Detail");
 }
 
-int zentiq_is_number(const char *text) {
-  const unsigned char *p = reinterpret_cast<const unsigned char *>(text ? text : "");
-  while (*p && std::isspace(*p)) ++p;
-  if (*p == '-' || *p == '+') ++p;
-  int separators = 0;
-  for (; *p && !std::isspace(*p); ++p) {
-    if (*p == '.' || *p == ',')
-      ++separators;
-    else if (!std::isdigit(*p))
-      return 0;
-  }
-  while (*p && std::isspace(*p)) ++p;
-  return *p == '\0' && separators <= 1;
-}
-
 void zentiq_edit_value(FL_OBJECT *, long) {
-  ZqDetailForm &d = zentiq_app().detail;
-  // Appended rather than prefixed: GCC 12 at -O3 warns falsely on inserting
-  // at the front of a temporary string.
-  std::string text(1, ' ');
-  text += take(fl_get_tabbox_vert_attr_value(d.tabbox));
-  if (text.size() > static_cast<size_t>(ZQ_VALUE_MAX)) {
+  ZqApp &app = zentiq_app();
+  int col = selected_column();
+  if (col < 0) return;
+  const std::string &value = app.detail_row.values[static_cast<size_t>(col)];
+  if (value.size() >= static_cast<size_t>(ZQ_VALUE_MAX)) {
     fl_show_message("Wert ist nicht editierbar!", "String ist länger als 4000 Zeichen", "");
     return;
   }
-  if (!zentiq_is_number(text.c_str())) {
-    text[0] = '\'';
-    text += '\'';
-  }
-  fl_set_input(d.value, text.c_str());
-  fl_set_focus_object(d.form, d.value);
-}
-
-int zentiq_exec_change(const char *statement) {
-  DBSESSION *session = zentiq_app().session;
-  if (!dbbegin(session)) {
-    fl_show_message("Datenbankverbindung nicht vorhanden", "", "");
-    return 0;
-  }
-  DBRESULT *result = nullptr;
-  int outcome = 0;
-  int ok = 0;
-  if (dbexec1(session, statement, &result, &outcome)) {
-    dbclear(session, result);
-    ok = outcome == DBOUT_DONE;
-  }
-  if (!dbend(session)) {
-    fl_show_message("Funktion 'dbend' lieferte Fehler", "", "");
-    return 0;
-  }
-  return ok;
+  // The value as it is: the update quotes it (see literal).
+  fl_set_input(app.detail.value, value.c_str());
+  fl_set_focus_object(app.detail.form, app.detail.value);
 }
 
 void zentiq_update_value(FL_OBJECT *, long) {
-  ZqDetailForm &d = zentiq_app().detail;
-  std::string table, key, key_value;
-  if (!find_key("Update nicht möglich", &table, &key, &key_value)) return;
-  std::string attribute = take(fl_get_tabbox_vert_attr(d.tabbox));
-  std::string value = fl_get_input(d.value);
+  ZqApp &app = zentiq_app();
+  const ZqDetailRow &row = app.detail_row;
+  std::string condition;
+  if (!key_condition("Update nicht möglich", &condition)) return;
+  int col = selected_column();
+  if (col < 0) {
+    fl_show_message("Update nicht möglich",
+                    "Bitte zuerst in der Liste die Zeile des Attributs wählen, dessen Wert "
+                    "geändert werden soll",
+                    "");
+    return;
+  }
+  std::string value = fl_get_input(app.detail.value);
   if (value.size() >= static_cast<size_t>(ZQ_VALUE_MAX)) {
     fl_show_message("Update nicht möglich!", "Wert-String zu lange (maximal 4000 Zeichen erlaubt)",
                     "");
     return;
   }
-  std::string stmt = "update " + table + " set " + attribute + " = " + value + " where " + key +
-                     " = '" + key_value + "';";
-  if (zentiq_exec_change(stmt.c_str()))
+  int type = row.info.types[static_cast<size_t>(col)];
+  std::string lit;
+  if (!literal(type, value, &lit)) {
+    fl_show_message("Update nicht möglich!", "Der Wert ist keine Zahl", "");
+    return;
+  }
+  std::string stmt = "UPDATE " + row.info.table + " SET " +
+                     row.info.names[static_cast<size_t>(col)] + " = " + lit + " WHERE " +
+                     condition + ";";
+  if (change_row(stmt, condition, "Datensatz konnte nicht geändert werden!"))
     after_change("Datensatz wurde geändert");
-  else
-    fl_show_message("Datensatz konnte nicht geändert werden!", "", "");
 }
 
 void zentiq_delete_row(FL_OBJECT *, long) {
-  std::string table, key, key_value;
-  if (!find_key("Löschen nicht möglich", &table, &key, &key_value)) return;
-  if (fl_show_question("Der ausgewählte Datensatz wird gelöscht!", "Wollen Sie dennoch fortfahren?",
-                       "", 2, "Ja", "Nein", "", 3) != 1)
+  const ZqDetailRow &row = zentiq_app().detail_row;
+  std::string condition;
+  if (!key_condition("Löschen nicht möglich", &condition)) return;
+  std::string which = "Tabelle " + row.info.table + ", " + condition;
+  if (fl_show_question("Der ausgewählte Datensatz wird gelöscht!", which.c_str(),
+                       "Wollen Sie dennoch fortfahren?", 2, "Ja", "Nein", "", 2) != 1)
     return;
-  std::string stmt = "delete from " + table + " where " + key + " = '" + key_value + "';";
-  if (zentiq_exec_change(stmt.c_str()))
+  std::string stmt = "DELETE FROM " + row.info.table + " WHERE " + condition + ";";
+  if (change_row(stmt, condition, "Datensatz konnte nicht gelöscht werden!"))
     after_change("Datensatz wurde gelöscht");
-  else
-    fl_show_message("Datensatz konnte nicht gelöscht werden!", "", "");
 }

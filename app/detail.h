@@ -1,10 +1,13 @@
 // The detail dialog of the viewer: one result row as attribute / value
 // lines, where one value can be changed (UPDATE) or the row deleted (DELETE),
-// both addressed through the key attribute "<table>_ID" of the table of the
-// last stored SELECT query.
+// both addressed through the key attribute "<table>_ID" of the table the
+// shown result comes from (a plain SELECT of one table; other results are
+// not changed). A change reads the row again first and goes through only
+// while the row still holds the values shown; it runs in a transaction of
+// its own that commits only when the server changed exactly one row.
 //
-// The result tabbox and the query store are mainform.h's and
-// querystore.h's; the form's configuration at start is viewer.h's.
+// The result tabbox is mainform.h's; the form's configuration at start is
+// viewer.h's.
 #pragma once
 
 #include "forms/forms.h"
@@ -13,24 +16,19 @@
 // zentiq_app().detail.
 void zentiq_create_detail_form();
 
-// Number of lines the detail tabbox shows: one per attribute in the
-// attribute / value layout.
+// Number of lines the detail tabbox shows: one per attribute of the row.
 int zentiq_detail_lines();
 // Double-click on a result line: fills the dialog with the selected row and
 // shows it (the main form is deactivated meanwhile).
 void zentiq_open_detail(FL_OBJECT *obj, long argument);
-// Double-click on an attribute line: puts its value into the value input,
-// quoted as a literal unless it reads as a number, and focuses the input.
+// Double-click on an attribute line: puts its value, as it is, into the
+// value input and focuses the input.
 void zentiq_edit_value(FL_OBJECT *obj, long argument);
-// 1 when the text is a number by the dialog's loose rule: blanks, an optional
-// sign, digits with at most one "." or "," separator, blanks. An empty or
-// all-blank text counts as a number.
-int zentiq_is_number(const char *text);
-// "Update", its shortcut or Return in the value input: "update <table> set
-// <attribute> = <value> where <table>_ID = '<key>';".
+// "Update", its shortcut or Return in the value input: "UPDATE <table> SET
+// <attribute> = <value> WHERE <table>_ID = <key>;" for the selected
+// attribute line; the value is quoted by the column's type so that it is
+// stored as typed (numbers must read as numbers; empty: no value).
 void zentiq_update_value(FL_OBJECT *obj, long argument);
-// "Löschen": asks, then "delete from <table> where <table>_ID = '<key>';".
+// "Löschen": asks, naming table and key ("Nein" the default), then "DELETE
+// FROM <table> WHERE <table>_ID = <key>;".
 void zentiq_delete_row(FL_OBJECT *obj, long argument);
-// Runs one modifying statement in its own BEGIN level. Returns 1 when the
-// server reported the command done, 0 otherwise (messages shown).
-int zentiq_exec_change(const char *statement);

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "app/detail.h"
@@ -11,6 +12,7 @@
 #include "app/viewer.h"
 #include "db/access/session.h"
 #include "db/client/exec.h"
+#include "db/client/tokenizer.h"
 #include "forms/dialogs.h"
 #include "forms/mytabs.h"
 #include "framework/combo.h"
@@ -57,19 +59,25 @@ FL_OBJECT *indicator(int x, int y) {
 }
 
 // Result titles and rows go into the result tabbox (steps shared by SELECT
-// and SQL commands). Leaves the result open.
-void fill_result(DBSESSION *session, DBRESULT *result) {
+// and SQL commands); `statement` is what produced them, from which the
+// table the rows may be changed in is taken. Leaves the result open.
+void fill_result(DBSESSION *session, DBRESULT *result, const std::string &statement) {
   ZqApp &app = zentiq_app();
   int cols = dbnfields(session, result);
   int rows = dbntuples(session, result);
+  ZqResultInfo info;
   std::string title;
   for (int c = 0; c < cols; ++c) {
     if (c) title += ",";
     const char *n = dbfieldname(session, result, c);
-    title += n ? n : "";
+    info.names.emplace_back(n ? n : "");
+    info.types.push_back(dbfieldtype(session, result, c));
+    title += info.names.back();
   }
   for (char &ch : title) ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
   app.current_query_name = title;
+  if (!zentiq_plain_table(statement, &info.table)) info.table.clear();
+  app.result = info;
 
   FL_OBJECT *tb = app.main.result;
   myfl_free_tabbox(tb);
@@ -82,10 +90,8 @@ void fill_result(DBSESSION *session, DBRESULT *result) {
   std::vector<std::string> values;
   for (int r = 0; r < rows; ++r) {
     values.clear();
-    for (int c = 0; c < cols; ++c) {
-      const char *v = dbgetvalue(session, result, r, c);
-      values.emplace_back(v ? v : "");
-    }
+    // Null values show as empty texts, not as their type's marker.
+    for (int c = 0; c < cols; ++c) values.push_back(dbgetshown(session, result, r, c));
     records.push_back(zentiq_make_record(zentiq_row_text(values)));
   }
   myfl_load_multiple_tabbox(
@@ -97,33 +103,107 @@ void fill_result(DBSESSION *session, DBRESULT *result) {
   for (void *r : records) std::free(r);
 }
 
-void end_level(DBSESSION *session) {
-  if (!dbend(session)) fl_show_message("Funktion 'dbend' lieferte Fehler", "", "");
+bool end_level(DBSESSION *session) { return zentiq_end_level(session) != 0; }
+
+void tell_end_failed() {
+  fl_show_message("Funktion 'dbend' lieferte Fehler",
+                  "Die Änderungen des Befehls wurden nicht gespeichert", "");
 }
 
-// Opens a BEGIN level for one of the user's statements; false (with the
-// message shown) when there is no database connection.
-bool begin_level(DBSESSION *session) {
-  if (dbbegin(session)) return true;
-  fl_show_message("Datenbankverbindung nicht vorhanden", "", "");
-  return false;
-}
+bool begin_level(DBSESSION *session) { return zentiq_begin_level(session) != 0; }
+void abort_level(DBSESSION *session) { zentiq_abort_level(session); }
 
-// Runs a statement the user typed or built. True with its result in
-// *result (the caller clears it and ends the level); false after telling the
-// user that it failed and ending the level. A statement the client's parser
-// refused counts as failed too: the user must learn that it did not run.
+// Runs a statement the user typed or built inside the open level. True with
+// its result in *result (the caller clears it); false when it failed, also
+// when the client's parser refused it: the user must learn that it did not
+// run.
 bool run_typed(DBSESSION *session, const std::string &stmt, DBRESULT **result) {
   *result = nullptr;
   int outcome = 0;
   if (dbexec1(session, stmt.c_str(), result, &outcome) && outcome != DBOUT_REFUSED) return true;
   dbclear(session, *result);
-  fl_show_message("Abfrage konnte nicht erfolgreich durchgeführt werden", "", "");
-  end_level(session);
+  *result = nullptr;
   return false;
 }
 
+void tell_failed() {
+  fl_show_message("Abfrage konnte nicht erfolgreich durchgeführt werden", "", "");
+}
+
+// A typed UPDATE or DELETE: counts the rows it will change in a short read
+// of its own, asks when that is not exactly one row (always without WHERE),
+// then runs it in its own transaction and takes it back when the server
+// changed another number of rows than the user agreed to. Returns true
+// when the change was made and committed (messages shown otherwise).
+bool run_counted_change(DBSESSION *session, const std::string &stmt, const ZqChange &change) {
+  std::string count_stmt = "SELECT COUNT(*) FROM " + change.table;
+  if (!change.where.empty()) count_stmt += " " + change.where;
+  count_stmt += ";";
+  if (!begin_level(session)) return false;
+  DBRESULT *result = nullptr;
+  bool counted = run_typed(session, count_stmt, &result) && dbntuples(session, result) == 1;
+  const char *v = counted ? dbgetvalue(session, result, 0, 0) : nullptr;
+  long rows = v ? std::strtol(v, nullptr, 10) : -1;
+  dbclear(session, result);
+  bool ended = end_level(session);
+  if (!counted || !v) {
+    tell_failed();
+    return false;
+  }
+  if (!ended) {
+    tell_end_failed();
+    return false;
+  }
+  if (rows != 1 || change.where.empty()) {
+    std::string q = std::to_string(rows) + (rows == 1 ? " Zeile in " : " Zeilen in ") +
+                    change.table + (rows == 1 ? " wird " : " werden ") +
+                    (change.is_delete ? "gelöscht." : "geändert.");
+    if (fl_show_question(q.c_str(), "Fortfahren?", "", 2, "Ja", "Nein", "", 2) != 1) return false;
+  }
+  if (!begin_level(session)) return false;
+  bool ran = run_typed(session, stmt, &result);
+  long changed = ran ? dbntuples(session, result) : -1;
+  dbclear(session, result);
+  if (!ran || changed != rows) {
+    abort_level(session);
+    if (!ran) {
+      tell_failed();
+    } else {
+      std::string why = std::to_string(changed) + " statt " + std::to_string(rows) + " Zeilen in " +
+                        change.table + " betroffen";
+      fl_show_message("Änderung wurde zurückgenommen!", why.c_str(), "");
+    }
+    return false;
+  }
+  if (!end_level(session)) {
+    tell_end_failed();
+    return false;
+  }
+  return true;
+}
+
 } // namespace
+
+int zentiq_begin_level(DBSESSION *session) {
+  if (dbbegin(session)) return 1;
+  dbend(session);
+  fl_show_message("Datenbankverbindung nicht vorhanden", "", "");
+  return 0;
+}
+
+void zentiq_abort_level(DBSESSION *session) {
+  dbrollback(session); // ABORT, which opens a fresh transaction at once,
+  dbend(session);      // and END of that one
+}
+
+int zentiq_end_level(DBSESSION *session) {
+  if (dbend(session)) return 1;
+  // The level is gone on this side; an ABORT makes sure that the server
+  // holds no transaction (and no lock) of it while the user reads the
+  // message.
+  if (dbstatus(session)) DBclear(DBexec(session->connection, "ABORT"));
+  return 0;
+}
 
 std::string zentiq_row_text(const std::vector<std::string> &values) {
   std::string out;
@@ -131,12 +211,137 @@ std::string zentiq_row_text(const std::vector<std::string> &values) {
     if (i) out += ",";
     out += '"';
     for (char ch : values[i]) {
-      if (ch == '"') out += '\\';
+      if (ch == '"' || ch == '\\') out += '\\';
       out += ch;
     }
     out += '"';
   }
   return out;
+}
+
+std::vector<std::string> zentiq_row_values(const char *text) {
+  std::vector<std::string> values;
+  std::string cur;
+  bool quoted = false;
+  for (const char *p = text ? text : ""; *p; ++p) {
+    if (*p == '\\' && p[1])
+      cur += *++p;
+    else if (*p == '"')
+      quoted = !quoted;
+    else if (*p == ',' && !quoted)
+      values.push_back(std::move(cur)), cur.clear();
+    else
+      cur += *p;
+  }
+  values.push_back(cur);
+  return values;
+}
+
+namespace {
+// Reads the tokens of a statement (a copy: the tokenizer upper-cases words in
+// place) and hands each with its start in the text to fn until fn returns
+// false. Returns false on a lexical error.
+template <typename Fn> bool each_token(const std::string &statement, Fn fn) {
+  std::vector<char> text(statement.begin(), statement.end());
+  text.push_back('\0');
+  auto t = std::make_unique<DBtokenizer>();
+  DBtoken_begin(t.get(), text.data());
+  std::vector<char> message(DB_MSG_SIZE);
+  for (;;) {
+    size_t start = t->pos;
+    while (start < statement.size() && std::isspace(static_cast<unsigned char>(statement[start])))
+      ++start;
+    int r = DBtoken_next(t.get(), message.data());
+    if (r < 0) return false;
+    if (r == 0 || !fn(t->code, t->token, start)) return true;
+  }
+}
+} // namespace
+
+int zentiq_plain_table(const std::string &statement, std::string *table) {
+  table->clear();
+  int n = 0, from_at = -1;
+  bool plain = true;
+  std::string name;
+  bool lexed = each_token(statement, [&](int code, const char *token, size_t) {
+    switch (code) {
+    case DBTOK_SELECT:
+      plain = n == 0; // a second SELECT is a subquery
+      break;
+    case DBTOK_DISTINCT:
+    case DBTOK_COUNT:
+    case DBTOK_MAX:
+    case DBTOK_MIN:
+    case DBTOK_EXISTS:
+    case DBTOK_SELECT_EXISTS:
+      plain = false;
+      break;
+    case DBTOK_FROM:
+      if (from_at < 0) from_at = n;
+      break;
+    default:
+      break;
+    }
+    // FROM, one name, then the statement's end, WHERE or ORDER BY.
+    if (from_at >= 0 && n == from_at + 1) {
+      if (code == DBTOK_IDENT)
+        name = token;
+      else
+        plain = false;
+    }
+    if (from_at >= 0 && n == from_at + 2 && code != DBTOK_WHERE && code != DBTOK_ORDER_BY &&
+        code != DBTOK_END)
+      plain = false;
+    ++n;
+    return plain;
+  });
+  if (!lexed || !plain || name.empty()) return 0;
+  *table = name;
+  return 1;
+}
+
+int zentiq_change_target(const std::string &statement, ZqChange *change) {
+  *change = ZqChange();
+  int n = 0, depth = 0;
+  int kind = 0;
+  size_t where_at = std::string::npos;
+  bool lexed = each_token(statement, [&](int code, const char *token, size_t start) {
+    if (n == 0) kind = code;
+    if (n == 1 && code == DBTOK_IDENT) change->table = token;
+    if (code == DBTOK_LPAREN) ++depth;
+    if (code == DBTOK_RPAREN) --depth;
+    if (code == DBTOK_WHERE && depth == 0 && where_at == std::string::npos) where_at = start;
+    ++n;
+    return kind == DBTOK_UPDATE || kind == DBTOK_DELETE_FROM;
+  });
+  if (!lexed || (kind != DBTOK_UPDATE && kind != DBTOK_DELETE_FROM) || change->table.empty())
+    return 0;
+  change->is_delete = kind == DBTOK_DELETE_FROM;
+  if (where_at != std::string::npos) {
+    std::string w = statement.substr(where_at);
+    while (!w.empty() && (w.back() == ';' || std::isspace(static_cast<unsigned char>(w.back()))))
+      w.pop_back();
+    change->where = w;
+  }
+  return 1;
+}
+
+int zentiq_single_statement(const std::string &text, std::string *statement) {
+  std::vector<std::string> pieces = DBsplit_statements(text.c_str());
+  for (size_t i = 1; i < pieces.size(); ++i)
+    if (!zentiq_is_blank(pieces[i].c_str())) {
+      fl_show_message("Nach dem ';' folgt weiterer Text!",
+                      "Bitte nur einen SQL-Befehl eingeben (ein ';' am Ende ist erlaubt)", "");
+      return 0;
+    }
+  *statement = pieces[0] + ";";
+  if (statement->size() >= static_cast<size_t>(DB_STATEMENT_SIZE)) {
+    std::string why = "Er hat " + std::to_string(statement->size()) +
+                      " Zeichen, erlaubt sind höchstens " + std::to_string(DB_STATEMENT_SIZE - 1);
+    fl_show_message("SQL-Befehl ist zu lang!", why.c_str(), "");
+    return 0;
+  }
+  return 1;
 }
 
 void zentiq_create_main_form() {
@@ -211,61 +416,78 @@ void zentiq_run_select(FL_OBJECT *, long) {
   ZqApp &app = zentiq_app();
   ZqMainForm &m = app.main;
   DBSESSION *session = app.session;
-  if (!begin_level(session)) return;
   // Raw texts first: fl_get_input's buffer is reused by the next call.
   std::string raw_table = fl_get_input(m.table);
   std::string raw_attr = fl_get_input(m.attributes);
   std::string raw_where = fl_get_input(m.where);
   std::string table = zentiq_strip_newlines(raw_table.c_str());
-  // A blank table stops here; the level begun above stays open, as the
-  // program always did.
+  // A blank table stops here, before any level is opened.
   if (zentiq_is_blank(table.c_str())) return;
   std::string attr = zentiq_strip_newlines(raw_attr.c_str());
   std::string where = zentiq_strip_newlines(raw_where.c_str());
-  std::string stmt = "SELECT ";
-  stmt += zentiq_is_blank(attr.c_str()) ? std::string("* ") : attr + " ";
-  stmt += "FROM " + table;
-  if (!zentiq_is_blank(where.c_str())) stmt += " " + where;
-  stmt += ";";
+  std::string body = "SELECT ";
+  body += zentiq_is_blank(attr.c_str()) ? std::string("* ") : attr + " ";
+  body += "FROM " + table;
+  if (!zentiq_is_blank(where.c_str())) body += " " + where;
+  std::string stmt;
+  if (!zentiq_single_statement(body, &stmt)) return;
 
+  if (!begin_level(session)) return;
   DBRESULT *result = nullptr;
-  if (!run_typed(session, stmt, &result)) return;
-  if (zentiq_store_add_select(raw_table, raw_attr, raw_where)) fl_set_button(m.sel_saved, 0);
-  fill_result(session, result);
+  bool ran = run_typed(session, stmt, &result);
+  if (ran) {
+    if (zentiq_store_add_select(raw_table, raw_attr, raw_where)) fl_set_button(m.sel_saved, 0);
+    fill_result(session, result, stmt);
+  }
   dbclear(session, result);
-  end_level(session);
+  bool ended = end_level(session);
+  if (!ran) tell_failed();
+  if (!ended) tell_end_failed();
 }
 
 void zentiq_run_sql(FL_OBJECT *, long) {
   ZqApp &app = zentiq_app();
   ZqMainForm &m = app.main;
   DBSESSION *session = app.session;
-  if (!begin_level(session)) return;
   std::string raw = fl_get_input(m.sql);
   std::string text = zentiq_strip_newlines(raw.c_str());
   if (zentiq_is_blank(text.c_str())) {
     fl_show_message("Kein SQL-Kommando definiert", "", "");
-    end_level(session);
     return;
   }
-  std::string stmt = text + ";";
-  DBRESULT *result = nullptr;
-  if (!run_typed(session, stmt, &result)) return;
-  if (zentiq_store_add_sql(raw)) fl_set_button(m.sql_saved, 0);
-  if (zentiq_is_query(stmt))
-    fill_result(session, result);
-  else
+  std::string stmt;
+  if (!zentiq_single_statement(text, &stmt)) return;
+  ZqChange change;
+  if (zentiq_change_target(stmt, &change)) {
+    if (!run_counted_change(session, stmt, change)) return;
+    if (zentiq_store_add_sql(raw)) fl_set_button(m.sql_saved, 0);
     fl_show_message("Die Abfrage wurde erfolgreich durchgeführt", "", "");
+    return;
+  }
+  if (!begin_level(session)) return;
+  DBRESULT *result = nullptr;
+  bool ran = run_typed(session, stmt, &result);
+  bool query = zentiq_is_query(stmt);
+  if (ran) {
+    if (zentiq_store_add_sql(raw)) fl_set_button(m.sql_saved, 0);
+    if (query) fill_result(session, result, stmt);
+  }
   dbclear(session, result);
-  end_level(session);
+  bool ended = end_level(session);
+  if (!ran)
+    tell_failed();
+  else if (!ended)
+    tell_end_failed();
+  else if (!query)
+    fl_show_message("Die Abfrage wurde erfolgreich durchgeführt", "", "");
 }
 
 void zentiq_set_database(FL_OBJECT *, long) {
   ZqApp &app = zentiq_app();
   const char *code = myfl_get_cmb_code(app.main.database);
-  // Nothing to switch to while the server listed no database.
-  if (!dbstatus(app.session) || !code || !*code) return;
-  std::string stmt = std::string("SET DATABASE ") + code + ";";
+  if (!dbstatus(app.session)) return;
+  // An empty code (the server listed no database) is sent as it is.
+  std::string stmt = std::string("SET DATABASE ") + (code ? code : "") + ";";
   DBRESULT *r = DBexec(app.session->connection, stmt.c_str());
   if (DBresult_status(r) == DBRES_TRANSPORT) db_transport_fatal();
   if (!r) return;

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "base/msg.h"
 
@@ -16,6 +18,11 @@ struct FileCloser {
 };
 using File = std::unique_ptr<FILE, FileCloser>;
 
+// The first line of a file whose texts are escaped: "\\" a backslash, "\n"
+// a line feed, "\r" a carriage return. Written only when a text needs it,
+// so that every other file keeps the plain form of one text per line.
+constexpr const char *ESCAPED_HEADER = "ZENTIQ.QRY 2";
+
 // Reads the next value: at most ZQ_TEXT_SIZE - 1 characters, cut at the first
 // line feed. Returns false at the end of the file.
 bool read_value(FILE *f, std::string *out) {
@@ -24,6 +31,51 @@ bool read_value(FILE *f, std::string *out) {
   if (char *lf = std::strchr(buf, '\n')) *lf = '\0';
   *out = buf;
   return true;
+}
+
+// Reads the next whole line of an escaped file and decodes it. Returns
+// false at the end of the file; sets *bad for an unknown escape.
+bool read_escaped(FILE *f, std::string *out, bool *bad) {
+  std::string line;
+  int c;
+  while ((c = std::fgetc(f)) != EOF && c != '\n') line += static_cast<char>(c);
+  if (c == EOF && line.empty()) return false;
+  out->clear();
+  for (size_t i = 0; i < line.size(); ++i) {
+    if (line[i] != '\\') {
+      *out += line[i];
+      continue;
+    }
+    char e = i + 1 < line.size() ? line[++i] : '\0';
+    if (e == '\\')
+      *out += '\\';
+    else if (e == 'n')
+      *out += '\n';
+    else if (e == 'r')
+      *out += '\r';
+    else
+      *bad = true;
+  }
+  return true;
+}
+
+std::string escaped(const std::string &text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '\\')
+      out += "\\\\";
+    else if (c == '\n')
+      out += "\\n";
+    else if (c == '\r')
+      out += "\\r";
+    else
+      out += c;
+  }
+  return out;
+}
+
+bool needs_escape(const std::string &text) {
+  return text.find_first_of("\\\n\r") != std::string::npos;
 }
 
 bool fits(const std::string &s) { return s.size() < static_cast<size_t>(ZQ_TEXT_SIZE); }
@@ -49,9 +101,24 @@ int zentiq_load_queries() {
   s.select_current = s.sql_current = -1;
   File f(std::fopen(ZQ_QUERY_FILE, "r"));
   if (!f) return 1;
+  bool escaped_file = false, bad = false;
+  std::string first;
+  if (read_escaped(f.get(), &first, &bad) && first == ESCAPED_HEADER)
+    escaped_file = true;
+  else
+    std::rewind(f.get());
+  bad = false;
+  auto next = [&](std::string *out) {
+    return escaped_file ? read_escaped(f.get(), out, &bad) : read_value(f.get(), out);
+  };
+  auto fail = [&] {
+    s.select_count = s.sql_count = 0;
+    s.select_current = s.sql_current = -1;
+    return 0;
+  };
   bool sql_part = false;
   std::string line;
-  while (read_value(f.get(), &line)) {
+  while (next(&line)) {
     if (line == "---") {
       sql_part = true;
       continue;
@@ -67,36 +134,56 @@ int zentiq_load_queries() {
     }
     ZqSelectEntry e;
     e.table = line;
-    if (!read_value(f.get(), &e.attributes) || !read_value(f.get(), &e.where)) {
-      s.select_count = s.sql_count = 0;
-      s.select_current = s.sql_current = -1;
-      return 0;
-    }
+    if (!next(&e.attributes) || !next(&e.where)) return fail();
     if (s.select_count >= ZQ_STORE_MAX) continue;
     s.select[s.select_count] = e;
     s.select_saved[s.select_count] = 1;
     ++s.select_count;
   }
-  return 1;
+  return bad ? fail() : 1;
+}
+
+void zentiq_open_store() {
+  if (zentiq_load_queries()) return;
+  std::string bad = std::string(ZQ_QUERY_FILE) + ".bad";
+  msg_print("Fehler beim Lesen der SQL-Abfragen aus Datei '%s' (Datei wird als '%s' "
+            "aufbewahrt)!\n",
+            ZQ_QUERY_FILE, bad.c_str());
+  std::rename(ZQ_QUERY_FILE, bad.c_str());
 }
 
 int zentiq_save_queries() {
   const ZqStore &s = zentiq_store();
-  File f(std::fopen(ZQ_QUERY_FILE, "w"));
-  if (!f) msg_fatal("ERROR: File '%s' cannot be opened for writing!\n", ZQ_QUERY_FILE);
+  std::vector<std::string> lines;
+  bool escape = false;
   for (int i = 0; i < s.select_count; ++i) {
     if (!s.select_saved[i]) continue;
     const ZqSelectEntry &e = s.select[i];
-    std::fprintf(f.get(), "%s\n%s\n%s\n", e.table.c_str(), e.attributes.c_str(), e.where.c_str());
+    lines.insert(lines.end(), {e.table, e.attributes, e.where});
   }
   bool separator = false;
   for (int i = 0; i < s.sql_count; ++i) {
     if (!s.sql_saved[i]) continue;
-    if (!separator) std::fputs("---\n", f.get());
+    if (!separator) lines.emplace_back("---");
     separator = true;
-    std::fprintf(f.get(), "%s\n", s.sql[i].c_str());
+    lines.push_back(s.sql[i]);
   }
-  return 1;
+  for (const std::string &l : lines) escape = escape || needs_escape(l);
+  // Written beside the file and renamed over it: a failed write (a full
+  // disk) leaves the previous file as it was.
+  std::string tmp = std::string(ZQ_QUERY_FILE) + ".tmp";
+  File f(std::fopen(tmp.c_str(), "w"));
+  if (!f) return 0;
+  if (escape) std::fprintf(f.get(), "%s\n", ESCAPED_HEADER);
+  for (const std::string &l : lines) {
+    std::fputs((escape ? escaped(l) : l).c_str(), f.get());
+    std::fputc('\n', f.get());
+  }
+  bool ok = !std::ferror(f.get()) && std::fflush(f.get()) == 0;
+  ok = std::fclose(f.release()) == 0 && ok;
+  if (ok && std::rename(tmp.c_str(), ZQ_QUERY_FILE) == 0) return 1;
+  std::remove(tmp.c_str());
+  return 0;
 }
 
 int zentiq_store_add_select(const std::string &table, const std::string &attributes,

@@ -5,7 +5,9 @@
 //
 // The file holds, one value per line: three lines per saved SELECT entry,
 // then, when any SQL command is saved, the line "---" and one line per saved
-// command. There is no header and no escaping; texts must be single lines.
+// command. When a text holds a line feed, a carriage return or a backslash,
+// the file begins with the line "ZENTIQ.QRY 2" and every text in it is
+// written escaped ("\\\\", "\\n", "\\r"); otherwise texts stand as they are.
 //
 // What the form shows and when statements are added is mainform.h's; this
 // module keeps the lists, their navigation indices and the file.
@@ -49,13 +51,19 @@ void zentiq_store_reset();
 
 // Reads ZQ_QUERY_FILE into the store. Returns 1 (a missing file is an empty
 // store), or 0 with both lists emptied when the file ends inside a SELECT
-// entry. Lines are read in pieces of at most 999 characters: a longer line
-// becomes several values.
+// entry or holds an unknown escape. Lines of a plain file are read in pieces
+// of at most 999 characters (a longer line becomes several values); lines of
+// an escaped file are read whole.
 int zentiq_load_queries();
+// The store at start: zentiq_load_queries; a file it cannot read is kept
+// aside as "zentiq.qry.bad" (replacing an older one) after "Fehler beim
+// Lesen der SQL-Abfragen aus Datei 'zentiq.qry' (Datei wird als
+// 'zentiq.qry.bad' aufbewahrt)!\n", and the store starts empty.
+void zentiq_open_store();
 // Writes the saved entries to ZQ_QUERY_FILE (replacing it; nothing saved
-// gives an empty file). Returns 1. A file that cannot be created prints
-// "ERROR: File 'zentiq.qry' cannot be opened for writing!\n" and ends the
-// process with exit status 1.
+// gives an empty file) through a temporary file beside it. Returns 1, or 0
+// when the file could not be written completely; the previous file is then
+// left as it was.
 int zentiq_save_queries();
 
 // Stores an executed SELECT. A full list first loses its oldest entry (with

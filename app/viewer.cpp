@@ -3,6 +3,7 @@
 #include "app/viewer.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -34,8 +35,9 @@ std::string main_title() {
          ZQ_RELEASE_DATE;
 }
 
-// Fills the database combo box from "SHOW DATABASES;" and preselects TDSYS
-// when the server lists it, else the last database listed.
+// Fills the database combo box from "SHOW DATABASES;" and preselects the
+// database of "-db" when the server lists it, else TDSYS when listed, else
+// the last database listed.
 void init_database_combo() {
   ZqApp &app = zentiq_app();
   ZqMainForm &m = app.main;
@@ -54,13 +56,21 @@ void init_database_combo() {
     fl_show_message("Vorhandene Datenbanken konnten nicht ermittelt werden!", DBresult_error(r),
                     "");
   } else {
+    // The database given with "-db" is chosen when the server lists it:
+    // the session is open on it already, and the switch below must not
+    // move it elsewhere. Otherwise TDSYS, else the last one listed.
+    std::string wanted = app.database_name;
+    for (char &c : wanted) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    bool found = false;
     for (int i = 0; i < DBntuples(r); ++i) {
       const char *v = DBgetvalue(r, i, 0);
       std::string name = v ? v : "";
       if (!list.empty()) list += "|";
       list += name + "," + name;
+      found = found || (!wanted.empty() && name == wanted);
       chosen = (name == "TDSYS" || chosen == "TDSYS") ? "TDSYS" : name;
     }
+    if (found) chosen = wanted;
   }
   DBclear(r);
   myfl_init_data_cmb(m.form, m.database, m.database_button, list.c_str(), 1);
@@ -68,6 +78,14 @@ void init_database_combo() {
 }
 
 void tabbox_fatal(int status) { zentiq_fatal(status); }
+
+bool g_store_loaded = false; // the store holds what the file held
+
+// A fatal stop keeps the marked queries of the session, as the exit does.
+void save_at_fatal() {
+  if (g_store_loaded && !zentiq_save_queries())
+    msg_print("Fehler beim Schreiben der SQL-Abfragen in Datei '%s'!\n", ZQ_QUERY_FILE);
+}
 
 } // namespace
 
@@ -91,7 +109,7 @@ void *zentiq_new_record() {
 
 void *zentiq_make_record(const std::string &text) {
   constexpr size_t header = offsetof(ZqRecord, text);
-  size_t n = std::min(text.size(), sizeof(ZqRecord::text) - 1);
+  size_t n = text.size();
   auto *rec = static_cast<ZqRecord *>(std::malloc(header + n + 1));
   if (!rec) msg_fatal("(zentiq_make_record) Out of memory!\n");
   rec->size = static_cast<int>(header + n + 1);
@@ -107,6 +125,8 @@ void zentiq_print(const char *text) { fl_console_print(text); }
 
 void zentiq_fatal(int status) {
   msg_print("Error occurred (data is saved)! Please restart the application!\n");
+  // Status 1 saves the store in the clean-ups of the common fatal stop.
+  if (status != 1) save_at_fatal();
   // Status 1 is the common fatal stop, whose clean-ups show the termination
   // warning; any other status shows it here.
   if (status == 1) msg_exit_fatal();
@@ -131,14 +151,11 @@ void zentiq_build_forms() {
   myfl_set_main_tabbox(m.result);
   myfl_define_focus_first(m.form, m.table);
   myfl_define_ctrl_tabbox(m.form, m.result);
-  const struct {
-    FL_OBJECT *obj;
-    int max;
-  } limits[] = {{m.table, 255}, {m.attributes, 256}, {m.where, 612}, {m.sql, 1024}};
-  for (const auto &l : limits) {
-    fl_set_input_maxchars(l.obj, l.max);
-    fl_set_object_lstyle(l.obj, FL_FIXED_STYLE);
-  }
+  // No maximum lengths on the inputs: an input with one cuts pasted text
+  // without a word, and a cut statement may lose its WHERE. Statements too
+  // long for the session layer are refused with their length instead.
+  for (FL_OBJECT *in : {m.table, m.attributes, m.where, m.sql})
+    fl_set_object_lstyle(in, FL_FIXED_STYLE);
   for (FL_OBJECT *ind : {m.sel_saved, m.sql_saved}) {
     fl_set_button(ind, 0);
     fl_deactivate_object(ind);
@@ -154,7 +171,8 @@ void zentiq_build_forms() {
   myfl_init_db_tabbox_no_ini(d.form, d.tabbox, "DZTQ", zentiq_title, zentiq_new_record, nullptr,
                              nullptr, zentiq_accept_record, zentiq_edit_value);
   myfl_define_ctrl_tabbox(d.form, d.tabbox);
-  fl_set_input_maxchars(d.value, 4000);
+  // The value input has no maximum length either (see above); the update
+  // refuses values of 4000 characters or more.
   fl_set_input_return(d.value, FL_RETURN_ALWAYS);
 
   myfl_set_form_atclose(m.form, zentiq_main_atclose, nullptr);
@@ -164,9 +182,14 @@ void zentiq_build_forms() {
 int zentiq_main_atclose(FL_FORM *, void *) {
   if (fl_show_question("Soll Zentiq beendet werden?", "", "", 2, "Ja", "Nein", "", 3) != 1)
     return -1;
+  // A failed save leaves the old file in place; the user decides whether the
+  // marked queries of this session may be lost.
   if (!zentiq_save_queries()) {
-    msg_print("Fehler beim Schreiben der SQL-Abfragen aus Datei '%s'!\n", ZQ_QUERY_FILE);
-    std::remove(ZQ_QUERY_FILE);
+    std::string text =
+        std::string("Fehler beim Schreiben der SQL-Abfragen in Datei '") + ZQ_QUERY_FILE + "'!";
+    if (fl_show_question(text.c_str(), "Die gespeicherten Abfragen gehen verloren.",
+                         "Soll Zentiq trotzdem beendet werden?", 2, "Ja", "Nein", "", 2) != 1)
+      return -1;
   }
   ZqApp &app = zentiq_app();
   fl_clear_program_running();
@@ -195,11 +218,11 @@ int zentiq_start(int argc, char **argv) {
   std::strcpy(app.database_name, "-");
   ARGV_GetDB_Name(argv, argc, app.database_name);
 
-  if (!zentiq_load_queries()) {
-    msg_print("Fehler beim Lesen der SQL-Abfragen aus Datei '%s' (Datei wird gelöscht)!\n",
-              ZQ_QUERY_FILE);
-    std::remove(ZQ_QUERY_FILE);
-  }
+  zentiq_open_store();
+  // From here on a fatal stop saves the store (before, it would write an
+  // empty store over the file).
+  g_store_loaded = true;
+  msg_at_fatal(save_at_fatal);
 
   myfl_create_tabbox_dialogs();
   if (!DB_Init(&app.session, app.database_name)) zentiq_fatal(1);
@@ -233,6 +256,7 @@ int zentiq_main(int argc, char **argv) {
   dbclose(app.session);
   app.session = nullptr;
   fl_exit_toolkit();
+  msg_remove_at_fatal(save_at_fatal);
   msg_remove_at_fatal(fl_show_termination_warning);
   fl_show_termination_warning();
   msg_set_handler(nullptr);

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "forms/forms.h"
 
@@ -46,10 +47,28 @@ struct ZqDetailForm {
   FL_OBJECT *update = nullptr;
 };
 
+// What the rows of a result are: their columns and, when they come from one
+// table through a plain SELECT, that table. The detail dialog changes rows
+// of that table only.
+struct ZqResultInfo {
+  std::vector<std::string> names;
+  std::vector<int> types; // column types (DBFT_ of db/client/resdata.h)
+  std::string table;      // "" when the rows cannot be changed
+};
+
+// The row the detail dialog shows: the result's columns and the row's
+// values as shown (null values empty).
+struct ZqDetailRow {
+  ZqResultInfo info;
+  std::vector<std::string> values;
+};
+
 struct ZqApp {
   DBSESSION *session = nullptr;
   ZqMainForm main;
   ZqDetailForm detail;
+  ZqResultInfo result;    // the rows in the result tabbox
+  ZqDetailRow detail_row; // the row in the detail dialog
   std::string current_query_name;
   char database_name[20] = "-";
 };
@@ -72,13 +91,16 @@ int zentiq_start(int argc, char **argv);
 void zentiq_build_forms();
 // The main form's close handler: asks "Soll Zentiq beendet werden?"; -1 when
 // the answer is not yes; on yes saves the store and the form's position,
-// closes the session and ends the process with status 0.
+// closes the session and ends the process with status 0. When the store
+// cannot be saved the user is told and asked again whether to end (-1 on
+// no); the file on disk is left as it was.
 int zentiq_main_atclose(FL_FORM *form, void *argument);
 // The detail form's close handler: hides it, reactivates the main form and
 // returns -1.
 int zentiq_detail_atclose(FL_FORM *form, void *argument);
 // Prints "Error occurred (data is saved)! Please restart the application!\n",
-// shows the termination warning and ends the process with the status.
+// saves the query store, shows the termination warning and ends the process
+// with the status.
 [[noreturn]] void zentiq_fatal(int status);
 // The diagnostic print handler: the text goes to the console window.
 void zentiq_print(const char *text);
@@ -89,9 +111,10 @@ const char *zentiq_title(FL_OBJECT *tabbox);
 // The line record of both tabboxes: size 9812, selection index -1, empty
 // text. malloc'ed; the tabbox line that takes it frees it.
 void *zentiq_new_record();
-// A line record holding text (cut to the record's capacity), sized to the
-// text rather than to the full 9812 bytes, so that large results stay small.
-// malloc'ed; the caller frees it (or hands it to a tabbox line).
+// A line record holding the whole text, sized to it rather than to the full
+// 9812 bytes, so that large results stay small and long rows are not cut
+// (the text may run past the record's declared array). malloc'ed; the
+// caller frees it (or hands it to a tabbox line).
 void *zentiq_make_record(const std::string &text);
 // The line filter: accepts every record.
 int zentiq_accept_record(const void *record);

@@ -600,8 +600,11 @@ void TabboxWidget::draw(QPainter &p) {
   const int vis = std::max(0, r->visible_chars);
   auto visible_part = [&](const std::string &t) {
     if (r->offset >= static_cast<int>(t.size())) return QString();
-    return QString::fromLatin1(t.data() + r->offset,
-                               std::min<int>(vis + 1, static_cast<int>(t.size()) - r->offset));
+    QString s = QString::fromLatin1(t.data() + r->offset,
+                                    std::min<int>(vis + 1, static_cast<int>(t.size()) - r->offset));
+    // A line feed inside a value keeps the line one line: it is drawn as a
+    // return mark in its one character cell (Latin-1 has no such sign).
+    return s.replace(QChar('\n'), QChar(0x21B5));
   };
   QRect inner(BW, BW, W - S - 2 * BW, H - S - 2 * BW);
   p.save();

@@ -235,6 +235,22 @@ void end_level(DBSESSION *session) {
   if (!dbend(session)) fatal_stop();
 }
 
+// Where the line that starts at `start` ends: the next line feed outside
+// double quotes (a backslash escapes the character after it), npos when
+// none follows.
+size_t line_end(const std::string &text, size_t start) {
+  bool quoted = false;
+  for (size_t i = start; i < text.size(); ++i) {
+    if (text[i] == '\\')
+      ++i;
+    else if (text[i] == '"')
+      quoted = !quoted;
+    else if (text[i] == '\n' && !quoted)
+      return i;
+  }
+  return std::string::npos;
+}
+
 // Adds the line of one record (a copy) as the loaders do: decimal places of
 // the tabbox while the text is made, the filter first.
 void load_record(MYFL_TABBOX *m, DBSESSION *session, MYFL_LINE_FUNC line, void *record,
@@ -245,9 +261,11 @@ void load_record(MYFL_TABBOX *m, DBSESSION *session, MYFL_LINE_FUNC line, void *
   std::string copy = text ? text : "";
   Set_ValueDecimals(-1);
   size_t start = 0;
-  // Several lines of one record (line feeds) each get a copy of it.
+  // Several lines of one record (line feeds) each get a copy of it. A line
+  // feed inside a quoted field belongs to the value: the tabbox shows it
+  // with a mark in its line.
   do {
-    size_t end = copy.find('\n', start);
+    size_t end = line_end(copy, start);
     std::string piece = copy.substr(start, end == std::string::npos ? end : end - start);
     if (!piece.empty() || start == 0) {
       void *rec = copy_record(record);
@@ -342,7 +360,8 @@ int myfl_split_fields(const char *text, std::vector<std::string> *fields, const 
   for (; *p; ++p) {
     char c = *p;
     if (c == '\\' && p[1]) {
-      put(c);
+      // The backslash only escapes: the field shows the character after it,
+      // so a value with a double quote or a backslash shows as it is.
       put(*++p);
     } else if (c == '"') {
       quoted = !quoted;

@@ -12,6 +12,7 @@
 
 #include "base/valstr.h"
 #include "db/access/session.h"
+#include "db/client/tokenizer.h"
 #include "tools/commands.h"
 #include "tools/term.h"
 
@@ -21,35 +22,7 @@ enum Format { TABLE, CSV, TSV };
 
 // The display text of a cell: the null markers of the server show as empty
 // texts, as they do in the viewer.
-std::string cell(DBSESSION *s, DBRESULT *r, int row, int col) {
-  const char *v = dbgetvalue(s, r, row, col);
-  std::string t = v ? v : "";
-  const void *raw = DBgetrawvalue(r, row, col);
-  if (!raw) return t;
-  switch (dbfieldtype(s, r, col)) {
-  case DBFT_SMALLINT: {
-    int16_t x;
-    std::memcpy(&x, raw, 2);
-    return x == NULL_SHORT ? "" : t;
-  }
-  case DBFT_INTEGER: {
-    int32_t x;
-    std::memcpy(&x, raw, 4);
-    return x == NULL_INT ? "" : t;
-  }
-  case DBFT_FLOAT: {
-    double x;
-    std::memcpy(&x, raw, 8);
-    return DOUBLE_IsNull(x) ? "" : t;
-  }
-  case DBFT_DATE:
-    return t == "1800-01-01" ? "" : t;
-  case DBFT_TIMESTAMP:
-    return t == "1800-01-01-00.00.00.000000" ? "" : t;
-  default:
-    return t;
-  }
-}
+std::string cell(DBSESSION *s, DBRESULT *r, int row, int col) { return dbgetshown(s, r, row, col); }
 
 bool numeric(int type) {
   return type == DBFT_SMALLINT || type == DBFT_INTEGER || type == DBFT_FLOAT;
@@ -182,6 +155,16 @@ bool blank(const std::string &line) {
   return true;
 }
 
+// Runs the ";"-separated statements of one argument or input line in order
+// (";" inside string literals does not separate; empty statements are
+// skipped rather than sent, since an empty statement is a COMMIT). Returns
+// false at the first statement that fails; those after it are not run.
+bool run_text(DBSESSION *s, const std::string &text, Format format) {
+  for (const std::string &statement : DBsplit_statements(text.c_str()))
+    if (!blank(statement) && !run_one(s, statement, format)) return false;
+  return true;
+}
+
 } // namespace
 
 DBSESSION *tavrin_open_session(int argc, char **argv, std::vector<std::string> &rest) {
@@ -239,13 +222,16 @@ int cmd_sql(int argc, char **argv) {
   if (single && !dbbegin(s)) failed = true;
   if (!failed) {
     if (!statements.empty()) {
-      for (const auto &st : statements) failed = !run_one(s, st, format) || failed;
+      for (const auto &st : statements)
+        if (!run_text(s, st, format)) {
+          failed = true;
+          break;
+        }
     } else {
       std::string line;
-      while (std::getline(std::cin, line)) {
+      while (!failed && std::getline(std::cin, line)) {
         if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (blank(line)) continue;
-        failed = !run_one(s, term_to_latin1(line), format) || failed;
+        failed = !run_text(s, term_to_latin1(line), format);
       }
     }
   }

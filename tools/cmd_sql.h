@@ -1,8 +1,10 @@
 // tavrin sql: runs SQL statements on a TAVRIN database through the session
 // layer, as the viewer does, and prints rows as an aligned table, CSV or TSV.
 //
-// Statements come from the arguments or, without any, one per line of
-// standard input, each run as soon as its line is read, so that a script or
+// Statements come from the arguments or, without any, from the lines of
+// standard input, each line run as soon as it is read; an argument or a line
+// may hold several statements separated by ";". The first statement that
+// fails ends the run, so that a script or
 // a pipe can drive a transaction step by step. The session layer prints its
 // messages on standard error; parsing and encoding are the client's.
 //
@@ -20,10 +22,11 @@ struct DBSESSION;
   "  -dbNAME        the database (default tdsys); DBSYS is put in front as the viewer does\n"      \
   "  --format F     table (aligned, default), csv or tsv; each with a header line\n"               \
   "  -1             run all statements in one transaction: all or nothing\n"                       \
-  "Without STATEMENTs, each line of standard input is one statement, run as soon as\n"             \
-  "it is read. Without -1 each statement is committed on its own unless the\n"                     \
+  "Without STATEMENTs, each line of standard input is run as soon as it is read.\n"                \
+  "An argument or a line may hold several statements separated by \";\"; they run in\n"            \
+  "order. Without -1 each statement is committed on its own unless the\n"                          \
   "statements say BEGIN ... COMMIT themselves. Changes print their row count.\n"                   \
-  "Exit status 1 when any statement failed.\n"
+  "The first statement that fails ends the run with exit status 1.\n"
 
 // Opens the session for the "-db" arguments of argv (argv[0] is the command
 // name; the last -db wins, more than 19 characters end the program) with

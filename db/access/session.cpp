@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/msg.h"
+#include "base/valstr.h"
 #include "db/access/dbcache.h"
 #include "db/client/exec.h"
 
@@ -22,16 +23,29 @@ DBSESSION *g_last_session = nullptr; // last session handle made by dbinit
 std::string g_default_name;          // default database name
 long g_sent = 0;                     // statements sent
 
-// Formats a statement into a string of at most DB_STATEMENT_SIZE - 1
-// characters, as the fixed statement buffer would hold it.
-std::string format_statement(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format_statement(const char *fmt, ...) {
-  std::vector<char> buf(DB_STATEMENT_SIZE);
-  va_list ap;
+// Formats a statement. A text that would not fit the statement buffer of
+// DB_STATEMENT_SIZE bytes is refused rather than cut (a cut UPDATE may lose
+// its WHERE): returns false with "<label> command failed:\n  Statement of
+// N characters is longer than the limit of 9999\n" printed.
+bool format_statement(std::string *out, const char *label, const char *fmt, ...)
+    __attribute__((format(printf, 3, 4)));
+bool format_statement(std::string *out, const char *label, const char *fmt, ...) {
+  va_list ap, again;
   va_start(ap, fmt);
-  std::vsnprintf(buf.data(), buf.size(), fmt, ap);
+  va_copy(again, ap);
+  int n = std::vsnprintf(nullptr, 0, fmt, ap);
   va_end(ap);
-  return std::string(buf.data());
+  if (n < 0 || n >= DB_STATEMENT_SIZE) {
+    va_end(again);
+    msg_print("%s command failed:\n  Statement of %d characters is longer than the limit of %d\n",
+              label, n, DB_STATEMENT_SIZE - 1);
+    return false;
+  }
+  out->assign(static_cast<size_t>(n) + 1, '\0');
+  std::vsnprintf(out->data(), out->size(), fmt, again);
+  va_end(again);
+  out->resize(static_cast<size_t>(n));
+  return true;
 }
 
 // The connection's message, ending in a line feed like every message.
@@ -136,9 +150,10 @@ int judge(DBSESSION *session, DBRESULT *result, int *outcome, const char *what) 
 }
 
 // Runs a change statement of table `table`: records the table in the cache,
-// sends `text`, judges the answer. `label` is the command name of the
+// sends `text` (null: the text was refused as too long, nothing is sent and
+// 0 returned), judges the answer. `label` is the command name of the
 // messages.
-int change(DBSESSION *session, const char *table, const std::string &text, const char *label,
+int change(DBSESSION *session, const char *table, const std::string *text, const char *label,
            DBRESULT **result, int *outcome) {
   dbcache_add(table);
   if (result) *result = nullptr;
@@ -146,7 +161,11 @@ int change(DBSESSION *session, const char *table, const std::string &text, const
     if (outcome) *outcome = DBOUT_OTHER;
     return 1;
   }
-  DBRESULT *res = send_text(session, text);
+  if (!text) {
+    if (outcome) *outcome = DBOUT_NONE;
+    return 0;
+  }
+  DBRESULT *res = send_text(session, *text);
   if (!res) {
     msg_print("%s command failed for table '%s':\n  %s", label, table, conn_text(session).c_str());
     if (outcome) *outcome = DBOUT_NONE;
@@ -330,7 +349,10 @@ void db_transport_fatal() { msg_exit_fatal(); }
 
 int dbdeclare(DBSESSION *session, const char *cursor, const char *select) {
   if (session->disabled) return 1;
-  DBRESULT *res = send_text(session, format_statement("DECLARE %s CURSOR FOR %s", cursor, select));
+  std::string text;
+  if (!format_statement(&text, "DECLARE CURSOR", "DECLARE %s CURSOR FOR %s", cursor, select))
+    return 0;
+  DBRESULT *res = send_text(session, text);
   if (!res) {
     msg_print("DECLARE CURSOR command failed:\n  %s", conn_text(session).c_str());
     msg_print("Error: %s", conn_text(session).c_str());
@@ -348,7 +370,9 @@ int dbdeclare(DBSESSION *session, const char *cursor, const char *select) {
 
 int dbclosecursor(DBSESSION *session, const char *cursor) {
   if (session->disabled) return 1;
-  DBRESULT *res = send_text(session, format_statement("CLOSE %s", cursor));
+  std::string text;
+  if (!format_statement(&text, "CLOSE CURSOR", "CLOSE %s", cursor)) return 0;
+  DBRESULT *res = send_text(session, text);
   if (!res) {
     msg_print("CLOSE CURSOR command failed: %s\n", conn_text(session).c_str());
     msg_print("Error: %s", conn_text(session).c_str());
@@ -366,25 +390,29 @@ int dbclosecursor(DBSESSION *session, const char *cursor) {
 
 int dbinsert(DBSESSION *session, const char *table, const char *rest, DBRESULT **result,
              int *outcome) {
-  return change(session, table, format_statement("INSERT INTO %s %s", table, rest), "INSERT",
-                result, outcome);
+  std::string text;
+  bool fits = format_statement(&text, "INSERT", "INSERT INTO %s %s", table, rest);
+  return change(session, table, fits ? &text : nullptr, "INSERT", result, outcome);
 }
 
 int dbupdate(DBSESSION *session, const char *table, const char *assignments, DBRESULT **result,
              int *outcome) {
-  return change(session, table, format_statement("UPDATE %s SET %s", table, assignments), "UPDATE",
-                result, outcome);
+  std::string text;
+  bool fits = format_statement(&text, "UPDATE", "UPDATE %s SET %s", table, assignments);
+  return change(session, table, fits ? &text : nullptr, "UPDATE", result, outcome);
 }
 
 int dbdelete(DBSESSION *session, const char *table, const char *condition, DBRESULT **result,
              int *outcome) {
-  return change(session, table, format_statement("DELETE FROM %s WHERE %s", table, condition),
-                "DELETE", result, outcome);
+  std::string text;
+  bool fits = format_statement(&text, "DELETE", "DELETE FROM %s WHERE %s", table, condition);
+  return change(session, table, fits ? &text : nullptr, "DELETE", result, outcome);
 }
 
 int dbdeleteall(DBSESSION *session, const char *table, DBRESULT **result, int *outcome) {
-  return change(session, table, format_statement("DELETE FROM %s", table), "DELETEALL", result,
-                outcome);
+  std::string text;
+  bool fits = format_statement(&text, "DELETEALL", "DELETE FROM %s", table);
+  return change(session, table, fits ? &text : nullptr, "DELETEALL", result, outcome);
 }
 
 int dbexec(DBSESSION *session, const char *command, const char *rest, DBRESULT **result,
@@ -394,14 +422,19 @@ int dbexec(DBSESSION *session, const char *command, const char *rest, DBRESULT *
     if (outcome) *outcome = DBOUT_OTHER;
     return 1;
   }
-  DBRESULT *res = send_text(session, format_statement("%s %s", command, rest));
+  std::string text;
+  std::string what = std::string("'") + command + "'";
+  if (!format_statement(&text, ("(dbexec) " + what).c_str(), "%s %s", command, rest)) {
+    if (outcome) *outcome = DBOUT_NONE;
+    return 0;
+  }
+  DBRESULT *res = send_text(session, text);
   if (!res) {
     msg_print("(dbexec) '%s' command failed:\n  %s", command, conn_text(session).c_str());
     if (outcome) *outcome = DBOUT_NONE;
     return 0;
   }
   if (result) *result = res;
-  std::string what = std::string("'") + command + "'";
   int ok = judge(session, res, outcome, what.c_str());
   if (!result) DBclear(res);
   return ok;
@@ -413,7 +446,12 @@ int dbexec1(DBSESSION *session, const char *statement, DBRESULT **result, int *o
     if (outcome) *outcome = DBOUT_OTHER;
     return 1;
   }
-  DBRESULT *res = send_text(session, format_statement("%s", statement));
+  std::string text;
+  if (!format_statement(&text, "dbexec1", "%s", statement)) {
+    if (outcome) *outcome = DBOUT_NONE;
+    return 0;
+  }
+  DBRESULT *res = send_text(session, text);
   if (!res) {
     msg_print("dbexec1 command failed:\n  %s", conn_text(session).c_str());
     if (outcome) *outcome = DBOUT_NONE;
@@ -492,6 +530,36 @@ int dbfieldsize(const DBSESSION *session, const DBRESULT *result, int column) {
 }
 const char *dbgetvalue(const DBSESSION *session, DBRESULT *result, int row, int column) {
   return readable(session, result) ? DBgetvalue(result, row, column) : nullptr;
+}
+
+std::string dbgetshown(const DBSESSION *session, DBRESULT *result, int row, int column) {
+  const char *v = dbgetvalue(session, result, row, column);
+  std::string t = v ? v : "";
+  const void *raw = v ? DBgetrawvalue(result, row, column) : nullptr;
+  if (!raw) return t;
+  switch (DBfieldtype(result, column)) {
+  case DBFT_SMALLINT: {
+    int16_t x;
+    std::memcpy(&x, raw, sizeof x);
+    return x == NULL_SHORT ? "" : t;
+  }
+  case DBFT_INTEGER: {
+    int32_t x;
+    std::memcpy(&x, raw, sizeof x);
+    return x == NULL_INT ? "" : t;
+  }
+  case DBFT_FLOAT: {
+    double x;
+    std::memcpy(&x, raw, sizeof x);
+    return DOUBLE_IsNull(x) ? "" : t;
+  }
+  case DBFT_DATE:
+    return t == "1800-01-01" ? "" : t;
+  case DBFT_TIMESTAMP:
+    return t == "1800-01-01-00.00.00.000000" ? "" : t;
+  default:
+    return t;
+  }
 }
 
 namespace {

@@ -168,6 +168,11 @@ const char *dbfieldname(const DBSESSION *session, const DBRESULT *result, int co
 int dbfieldtype(const DBSESSION *session, const DBRESULT *result, int column);
 int dbfieldsize(const DBSESSION *session, const DBRESULT *result, int column);
 const char *dbgetvalue(const DBSESSION *session, DBRESULT *result, int row, int column);
+// The text of a cell as users see it: the null markers the server sends for
+// SMALLINT, INTEGER, FLOAT, DATE and TIMESTAMP cells become the empty text.
+// TIME keeps 00:00:00, which is midnight as well as its null marker. "" for
+// a disabled session or a missing cell.
+std::string dbgetshown(const DBSESSION *session, DBRESULT *result, int row, int column);
 
 // One-value queries: outcome must be 2 and exactly one tuple; its first field
 // becomes *count (as an integer) resp. text (copied, at most size - 1

@@ -257,10 +257,14 @@ int read_string(DBtokenizer *t, char *message) {
     unsigned char c = static_cast<unsigned char>(s[p]);
     if (c == '\0') break; // the end of the text ends the literal quietly
     if (c == '\'') {
-      ++p;
-      break;
-    }
-    if (c == '\\') {
+      // Two quotes in a row are one quote of the text, as standard SQL
+      // writes it; the backslash form below works as well.
+      if (s[p + 1] != '\'') {
+        ++p;
+        break;
+      }
+      p += 2;
+    } else if (c == '\\') {
       if (s[p + 1] == '\0') {
         t->token[n] = '\0';
         std::snprintf(message, DB_MSG_SIZE, "Syntax error: unexpected end of string (%.*s)",
@@ -487,4 +491,34 @@ int DBnext_token(int *code, char *text) {
   *code = g_tokenizer->code;
   std::memcpy(text, g_tokenizer->token, g_tokenizer->length + 1);
   return 1;
+}
+
+std::vector<std::string> DBsplit_statements(const char *text) {
+  std::vector<std::string> out;
+  std::string cur;
+  const char *p = text ? text : "";
+  bool literal = false;
+  for (; *p; ++p) {
+    char c = *p;
+    if (literal) {
+      cur += c;
+      if (c == '\\' && p[1]) {
+        cur += *++p;
+      } else if (c == '\'') {
+        // '' inside a literal is a quote of the text, not its end.
+        if (p[1] == '\'')
+          cur += *++p;
+        else
+          literal = false;
+      }
+    } else if (c == ';') {
+      out.push_back(cur);
+      cur.clear();
+    } else {
+      if (c == '\'') literal = true;
+      cur += c;
+    }
+  }
+  out.push_back(cur);
+  return out;
 }

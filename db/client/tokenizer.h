@@ -11,6 +11,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 // Size of the parser's and the result's message buffers, zero included.
 constexpr size_t DB_MSG_SIZE = 10000;
@@ -136,3 +138,10 @@ int DBtoken_next(DBtokenizer *t, char *message);
 // bytes), or -1 with the error message in `text`.
 void DBtoken_start(char *statement);
 int DBnext_token(int *code, char *text);
+
+// Splits a text at every ";" outside string literals, by the literal rules
+// of DBtoken_next ('' and a backslash escape a character inside a literal;
+// an unterminated literal runs to the end of the text). Returns the pieces
+// in order without their ";", white space kept: one piece more than there
+// are such ";" (so "A;" gives "A" and "").
+std::vector<std::string> DBsplit_statements(const char *text);

@@ -142,9 +142,43 @@ TEST_F(QueryStore, FullListsDropTheOldestButSqlMarksStayInPlace) {
   EXPECT_EQ(s.sql[1], "C2");
 }
 
-TEST_F(QueryStore, UnwritableFileEndsTheProgram) {
-  std::filesystem::create_directory(ZQ_QUERY_FILE);
-  EXPECT_FATAL("ERROR: File 'zentiq.qry' cannot be opened for writing!", zentiq_save_queries());
+TEST_F(QueryStore, TextsWithLineFeedsAndDamagedOrUnwritableFiles) {
+  // A text with a line feed or a backslash makes the whole file escaped;
+  // it reads back as it was, and the entries stay in their places.
+  zentiq_store_add_select("KUNDE", "NAME", "WHERE ORT = 'a\\b'\nORDER BY NAME\r");
+  zentiq_store_mark(1, 1);
+  zentiq_store_add_sql("select 1 from KUNDE\n");
+  zentiq_store_mark(0, 1);
+  ASSERT_EQ(zentiq_save_queries(), 1);
+  EXPECT_EQ(read_file(), "ZENTIQ.QRY 2\nKUNDE\nNAME\nWHERE ORT = 'a\\\\b'\\nORDER BY NAME\\r\n"
+                         "---\nselect 1 from KUNDE\\n\n");
+  zentiq_store_reset();
+  ASSERT_EQ(zentiq_load_queries(), 1);
+  ASSERT_EQ(zentiq_store().select_count, 1);
+  EXPECT_EQ(zentiq_store().select[0].where, "WHERE ORT = 'a\\b'\nORDER BY NAME\r");
+  EXPECT_EQ(zentiq_store().sql[0], "select 1 from KUNDE\n");
+
+  // A damaged file is kept aside, never deleted; an unknown escape damages.
+  for (const char *bad : {"T\nA\n", "ZENTIQ.QRY 2\n---\nx\\q\n"}) {
+    write_file(bad);
+    msg_set_handler(zqtest::collect);
+    zqtest::messages().clear();
+    zentiq_open_store();
+    msg_set_handler(nullptr);
+    EXPECT_EQ(zentiq_store().sql_count, 0);
+    EXPECT_FALSE(std::filesystem::exists(ZQ_QUERY_FILE));
+    EXPECT_EQ(zqtest::slurp("zentiq.qry.bad"), bad);
+    EXPECT_EQ(zqtest::messages(), "Fehler beim Lesen der SQL-Abfragen aus Datei 'zentiq.qry' "
+                                  "(Datei wird als 'zentiq.qry.bad' aufbewahrt)!\n");
+  }
+  std::filesystem::remove("zentiq.qry.bad");
+
+  // A save that cannot be completed reports it and leaves the old file.
+  write_file("---\nold\n");
+  std::filesystem::create_directory("zentiq.qry.tmp");
+  EXPECT_EQ(zentiq_save_queries(), 0);
+  EXPECT_EQ(read_file(), "---\nold\n");
+  std::filesystem::remove_all("zentiq.qry.tmp");
 }
 
 } // namespace

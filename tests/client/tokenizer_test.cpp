@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -41,13 +42,22 @@ TEST(Tokenizer, KeywordsIdentifiersAndPunctuation) {
 }
 
 TEST(Tokenizer, NumbersAndStrings) {
-  char text[] = "12 -  7 3.25 1e5 2E+2 -4.5e-1 4294967296 9e999 1e 'a\\'b' 'open";
+  char text[] = "12 -  7 3.25 1e5 2E+2 -4.5e-1 4294967296 9e999 1e 'a\\'b' 'O''Neil' '''' '' 'open";
   EXPECT_EQ(tokens(text), "d:12|d:-7|e:3.25|e:1e5|e:2E+2|e:-4.5e-1|e:4294967296|e:9e999|-:1e|"
-                          "f:a'b|f:open");
+                          "f:a'b|f:O'Neil|f:'|f:|f:open");
   // A minus that is not followed by a number is no token; Latin-1 letters
   // are not letters of the language.
   char minus[] = "- x _y \xC4pfel";
   EXPECT_EQ(tokens(minus), "-:-|a:X|-:_|a:Y|-:\xC4|a:PFEL");
+}
+
+TEST(Tokenizer, StatementsSplitAtSemicolonsOutsideLiterals) {
+  using V = std::vector<std::string>;
+  EXPECT_EQ(DBsplit_statements("A; B ;;"), (V{"A", " B ", "", ""}));
+  EXPECT_EQ(DBsplit_statements("X = 'a;b' ; Y = 'O''N;' ; Z = 'c\\';d'"),
+            (V{"X = 'a;b' ", " Y = 'O''N;' ", " Z = 'c\\';d'"}));
+  EXPECT_EQ(DBsplit_statements("'open; to the end"), (V{"'open; to the end"}));
+  EXPECT_EQ(DBsplit_statements(""), (V{""}));
 }
 
 TEST(Tokenizer, TokenNamesOfUnnamedAndOutOfRangeCodes) {

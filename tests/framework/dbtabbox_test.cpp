@@ -87,9 +87,10 @@ TEST_F(DbTabbox, FieldsAreSplitAtCommasOutsideQuotes) {
   std::vector<std::string> f;
   EXPECT_EQ(myfl_split_fields("\"Müller, Hans\",Köln", &f, "t"), 2);
   EXPECT_EQ(f, (std::vector<std::string>{"Müller, Hans", "Köln"}));
-  // An escaped quote stays escaped and does not end the quoted part.
-  EXPECT_EQ(myfl_split_fields("\"a\\\"b,c\",d", &f, "t"), 2);
-  EXPECT_EQ(f[0], "a\\\"b,c");
+  // An escaped quote does not end the quoted part; the field shows the
+  // escaped character alone.
+  EXPECT_EQ(myfl_split_fields("\"a\\\"b\\\\,c\",d", &f, "t"), 2);
+  EXPECT_EQ(f[0], "a\"b\\,c");
   EXPECT_EQ(myfl_split_fields("", &f, "t"), 1);
   EXPECT_EQ(myfl_split_fields("x,", &f, "t"), 2);
   // The field buffer holds 9999 characters.

@@ -52,6 +52,24 @@ TEST_F(TavrinSql, StandardInputDrivesATransactionStepByStep) {
   EXPECT_EQ(r.out, "COUNT(*)\n1\n");
 }
 
+TEST_F(TavrinSql, SemicolonsSeparateStatementsThatRunInOrderUntilOneFails) {
+  run("$T sql -dbdemo 'CREATE TABLE S4 (S4_ID INTEGER, T CHARACTER(10))'");
+  size_t mark = server->log_size();
+  // Both deletes run (once only the first did); ";" in a literal and an
+  // empty statement between two ";" separate nothing, and the empty one is
+  // not sent as a COMMIT. The failing insert ends the run.
+  Outcome r =
+      run("printf \"INSERT INTO S4 VALUES (1, 'a;b');; INSERT INTO S4 VALUES (2, 'O''N');\\n"
+          "DELETE FROM S4 WHERE S4_ID = 1; DELETE FROM S4 WHERE S4_ID = 2; "
+          "INSERT INTO NIX VALUES (1); INSERT INTO S4 VALUES (3, 'c')\\n"
+          "INSERT INTO S4 VALUES (4, 'd')\\n\" | $T sql -dbdemo");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "1 row changed\n1 row changed\n1 row changed\n1 row changed\n");
+  EXPECT_EQ(server->count_log(": COMMIT", mark), 0) << server->log();
+  r = run("$T sql -dbdemo --format csv 'SELECT COUNT(*) FROM S4'");
+  EXPECT_EQ(r.out, "COUNT(*)\n0\n");
+}
+
 TEST_F(TavrinSql, OneTransactionIsAllOrNothing) {
   run("$T sql -dbdemo 'CREATE TABLE S3 (S3_ID INTEGER)'");
   size_t mark = server->log_size();
@@ -68,12 +86,19 @@ TEST_F(TavrinSql, OneTransactionIsAllOrNothing) {
 }
 
 TEST_F(TavrinSql, FailuresSetTheExitStatusAndTheDbRulesHold) {
-  // A statement the parser refuses is reported and counts as failed here.
+  // A statement the parser refuses is reported, counts as failed here and
+  // ends the run: the statements after it do not run.
   Outcome r = run("$T sql -dbdemo 'SELEC 1' 'SELECT COUNT(*) FROM KUNDE'");
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "NONFATAL ERROR occured in dbexec1 command.\n"
                    "Error: (DBexec) Syntax error: SQL-command SELEC not known\n");
-  EXPECT_NE(r.out.find("600"), std::string::npos); // the statements after it still run
+  EXPECT_EQ(r.out, "");
+  // A statement too long for the session layer is refused, never cut.
+  r = run("$T sql -dbdemo \"UPDATE KUNDE SET ORT = '" + std::string(9980, 'x') +
+          "' WHERE KUNDE_ID = 1\"");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "dbexec1 command failed:\n  Statement of 10024 characters is longer than the "
+                   "limit of 9999\n");
   r = run("$T sql -dbdemo 'SELECT * FROM NIX'");
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "BAD RESPONSE to dbexec1 command.\n"
