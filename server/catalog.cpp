@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -665,17 +666,31 @@ sqlite3 *catalog_open(const Catalog &cat, const std::string &name, bool create, 
     err = "existiert bereits";
     return nullptr;
   }
+  std::string path = catalog_path(cat, name);
+  // A new database's file is made here, exclusively, so that a failure
+  // below (a full disk) removes just what this call made: a file left
+  // behind would be listed as a database and block the next CREATE.
+  if (create) {
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) {
+      err = errno == EEXIST ? "existiert bereits" : path + ": " + strerror(errno);
+      return nullptr;
+    }
+    close(fd);
+  }
   sqlite3 *raw = nullptr;
   // The server runs one thread and each connection belongs to one channel:
   // SQLite need not lock around every call.
-  int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | (create ? SQLITE_OPEN_CREATE : 0);
-  int rc = sqlite3_open_v2(catalog_path(cat, name).c_str(), &raw, flags, nullptr);
+  int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
+  int rc = sqlite3_open_v2(path.c_str(), &raw, flags, nullptr);
   Db db(raw);
-  if (rc != SQLITE_OK) {
-    err = raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc);
+  if (rc != SQLITE_OK) err = raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc);
+  if (rc != SQLITE_OK || !catalog_configure(db.get(), err)) {
+    db.reset();
+    if (create)
+      for (const char *suffix : {"", "-wal", "-shm", "-journal"}) unlink((path + suffix).c_str());
     return nullptr;
   }
-  if (!catalog_configure(db.get(), err)) return nullptr;
   return db.release();
 }
 
@@ -692,7 +707,7 @@ int catalog_drop(const Catalog &cat, const std::string &name, std::string &err) 
 
 int catalog_save(const Catalog &cat, const std::string &name, std::string &path, std::string &err) {
   std::string dir = cat.dir + "/backup";
-  if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
+  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
     err = dir + ": " + strerror(errno);
     return 0;
   }
@@ -762,7 +777,7 @@ int catalog_fill_demo(sqlite3 *db, std::string &err) {
 int catalog_init(Catalog &cat, const std::string &dir, std::string &err) {
   cat.dir = dir;
   while (cat.dir.size() > 1 && cat.dir.back() == '/') cat.dir.pop_back();
-  if (mkdir(cat.dir.c_str(), 0755) != 0 && errno != EEXIST) {
+  if (mkdir(cat.dir.c_str(), 0700) != 0 && errno != EEXIST) {
     err = cat.dir + ": " + strerror(errno);
     return 0;
   }
@@ -776,6 +791,44 @@ int catalog_init(Catalog &cat, const std::string &dir, std::string &err) {
       !build_database(cat, CATALOG_DEMO_DB, fill_demo, err))
     return 0;
   return build_database(cat, CATALOG_SYSTEM_DB, fill_system, err);
+}
+
+std::vector<std::string> catalog_make_private(const Catalog &cat) {
+  std::vector<std::string> lines;
+  auto mode_text = [](mode_t m) {
+    char t[8];
+    snprintf(t, sizeof t, "%04o", static_cast<unsigned>(m & 07777));
+    return std::string(t);
+  };
+  // Takes group and other access away from one entry (symbolic links are
+  // left alone: their own mode means nothing). True when it had any.
+  auto tighten = [&](const std::string &path, bool dir) {
+    struct stat sb;
+    if (lstat(path.c_str(), &sb) != 0 || (dir ? !S_ISDIR(sb.st_mode) : !S_ISREG(sb.st_mode)) ||
+        (sb.st_mode & 077) == 0)
+      return false;
+    if (chmod(path.c_str(), sb.st_mode & 07700) != 0) {
+      lines.push_back("cannot make " + path + " private (mode " + mode_text(sb.st_mode) +
+                      "): " + strerror(errno));
+      return false;
+    }
+    if (dir)
+      lines.push_back("made the folder " + path + " private (was " + mode_text(sb.st_mode) +
+                      ", now " + mode_text(sb.st_mode & 07700) + ")");
+    return true;
+  };
+  for (const std::string &folder : {cat.dir, cat.dir + "/backup"}) {
+    tighten(folder, true);
+    DIR *d = opendir(folder.c_str());
+    if (!d) continue;
+    int files = 0;
+    while (struct dirent *e = readdir(d)) files += tighten(folder + "/" + e->d_name, false);
+    closedir(d);
+    if (files > 0)
+      lines.push_back("made " + std::to_string(files) + (files == 1 ? " file" : " files") + " in " +
+                      folder + " private (no access for group and others)");
+  }
+  return lines;
 }
 
 } // namespace tavrind

@@ -33,6 +33,12 @@ extern const char *const CATALOG_DEMO_DB;
 // leaves existing databases untouched. Returns 1, or 0 with err set.
 int catalog_init(Catalog &cat, const std::string &dir, std::string &err);
 
+// Takes every access of group and others away from the data folder, its
+// backup folder and the files in both (databases, their WAL and shared-memory
+// files, backups, a log kept there) that an older server or another umask
+// left open. Returns one line for the log per change or failure.
+std::vector<std::string> catalog_make_private(const Catalog &cat);
+
 // A database name: 1 to 19 characters, upper-case letters, digits and '_',
 // starting with a letter.
 bool catalog_valid_name(const std::string &name);

@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <sys/stat.h>
 
 namespace {
 
@@ -113,12 +114,20 @@ int main(int argc, char **argv) {
   sigemptyset(&sa.sa_mask);
   sigaction(SIGINT, &sa, nullptr);
   sigaction(SIGTERM, &sa, nullptr);
+  // A file size limit makes a write fail (the statement gets its error)
+  // instead of killing the server in the middle of it.
+  signal(SIGXFSZ, SIG_IGN);
+  // The databases are private to the server's user: everything made from
+  // here on is 0600 (folders 0700), and what an older server or another
+  // umask left open is closed now.
+  umask(077);
   std::string err;
   if (!tavrind::catalog_init(ex.catalog, data, err)) {
     log_line("cannot use the data folder " + data + ": " + err);
     srv.shutdown();
     return 1;
   }
+  for (const std::string &line : catalog_make_private(ex.catalog)) log_line(line);
   const char *ns = getenv("TAVRIN_NAMESPACE");
   log_line("serving " + ex.catalog.dir + (ns && *ns ? std::string(" in namespace ") + ns : ""));
   srv.run();

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/msg.h"
+#include "base/savefile.h"
 #include "db/access/session.h"
 #include "db/access/tablefile.h"
 #include "db/access/tablerec.h"
@@ -63,7 +64,9 @@ int save(DBSESSION *s, const std::string &table, const std::string &file,
   if (!describe(s, table, tavrin_table_number(table.c_str()), def)) return TAVRIN_FAIL;
   std::string text = TABLE_Text(def);
   std::vector<unsigned char> record(static_cast<size_t>(def.size));
-  File f(std::fopen(file.c_str(), "wb"));
+  // The rows go into a temporary file that replaces the file only when the
+  // save succeeds: a failed save leaves an existing file as it was.
+  SaveFile f(SAVEFILE_Open(file.c_str()));
   if (!f) {
     term_error("cannot write %s: %s", file_shown.c_str(), std::strerror(errno));
     return TAVRIN_FAIL;
@@ -71,7 +74,7 @@ int save(DBSESSION *s, const std::string &table, const std::string &file,
   DBRESULT *rows = nullptr;
   int next = 0;
   int ok = TABLE_File_Save(
-      s, f.get(), text.c_str(), record.data(),
+      s, SAVEFILE_Stream(f.get()), text.c_str(), record.data(),
       [&](void *, DBSESSION *session) {
         int outcome = 0;
         std::string q = "SELECT * FROM " + table;
@@ -84,9 +87,9 @@ int save(DBSESSION *s, const std::string &table, const std::string &file,
         return 1;
       });
   dbclear(s, rows);
-  if (std::fclose(f.release()) != 0) ok = 0;
-  if (!ok) {
-    std::remove(file.c_str());
+  if (!ok) return TAVRIN_FAIL; // the message is out; the old file stays
+  if (!SAVEFILE_Commit(f.release())) {
+    term_error("cannot write %s: %s", file_shown.c_str(), std::strerror(errno));
     return TAVRIN_FAIL;
   }
   term_write(stdout, std::to_string(next) + (next == 1 ? " row" : " rows") + " of " + table +

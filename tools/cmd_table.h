@@ -8,7 +8,8 @@
 #pragma once
 
 #define TABLE_HELP                                                                                 \
-  "  save   writes every row of TABLE into FILE (replacing it)\n"                                  \
+  "  save   writes every row of TABLE into FILE (replacing it only when the save\n"                \
+  "         succeeds)\n"                                                                           \
   "  load   inserts the rows of FILE into TABLE, all or none\n"                                    \
   "  -dbNAME   the database (default tdsys); DBSYS is put in front as the viewer does\n"           \
   "Attributes are matched by name; ones that are missing or changed are reported\n"                \

@@ -1,6 +1,7 @@
 // tavrin compress / uncompress (see cmd_varne.h).
 #include "tools/cmd_varne.h"
 
+#include "base/savefile.h"
 #include "base/varne.h"
 #include "tools/commands.h"
 #include "tools/term.h"
@@ -19,21 +20,18 @@ namespace {
 constexpr size_t kChunk = 1 << 20; // bytes moved per read and write
 
 // The input and output of one command: named files or the standard streams.
-// Closes what it opened; an output it created is removed unless kept.
+// A named output is written through a temporary file that replaces it only
+// when the command succeeds, so a failure leaves an existing file as it was.
 struct Streams {
   const char *cmd = "";
   const char *in_name = nullptr; // nullptr: standard input
   const char *out_name = nullptr;
   FILE *in = stdin;
   FILE *out = stdout;
-  bool keep = false;
+  SaveFile out_file; // the named output until it is committed
 
   ~Streams() {
     if (in && in != stdin) std::fclose(in);
-    if (out && out != stdout) {
-      std::fclose(out);
-      if (!keep) std::remove(out_name);
-    }
   }
   std::string in_label() const {
     return in_name ? "'" + term_to_latin1(in_name) + "'" : std::string("standard input");
@@ -48,16 +46,12 @@ struct Streams {
       term_error("%s: %s %s", cmd, what, label.c_str());
     return TAVRIN_FAIL;
   }
-  // Closes the output; returns false when the last writes failed.
+  // Finishes the output (a named one takes the place of the old file);
+  // returns false when the last writes failed.
   bool close_out() {
     if (out == stdout) return std::fflush(stdout) == 0 && !std::ferror(stdout);
-    int rc = std::fclose(out);
     out = nullptr;
-    if (rc == 0)
-      keep = true;
-    else
-      std::remove(out_name);
-    return rc == 0;
+    return SAVEFILE_Commit(out_file.release()) == 1;
   }
 };
 
@@ -107,14 +101,11 @@ int open_streams(Streams &s) {
   if (s.out_name) {
     struct stat a, b;
     if (s.in_name && stat(s.in_name, &a) == 0 && stat(s.out_name, &b) == 0 &&
-        a.st_dev == b.st_dev && a.st_ino == b.st_ino) {
-      s.keep = true; // never remove the input
+        a.st_dev == b.st_dev && a.st_ino == b.st_ino)
       return s.fail("input and output are the same file", s.in_label());
-    }
-    if (!(s.out = std::fopen(s.out_name, "wb"))) {
-      s.keep = true;
-      return s.fail("cannot create", s.out_label(), errno);
-    }
+    s.out_file.reset(SAVEFILE_Open(s.out_name));
+    if (!s.out_file) return s.fail("cannot create", s.out_label(), errno);
+    s.out = SAVEFILE_Stream(s.out_file.get());
   }
   return TAVRIN_OK;
 }

@@ -15,7 +15,8 @@
   "            and finds repeats only nearer back\n"
 #define VARNE_UNCOMPRESS_HELP                                                                      \
   "IN defaults to standard input, OUT to standard output; \"-\" names them too.\n"                 \
-  "Damaged or truncated input ends the command with exit status 1.\n"
+  "Damaged or truncated input ends the command with exit status 1; an existing\n"                  \
+  "OUT is replaced only when the command succeeds.\n"
 
 // The run functions of the command table; argv[0] is the command name.
 int cmd_compress(int argc, char **argv);

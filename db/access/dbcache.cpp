@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/msg.h"
+#include "base/savefile.h"
 
 namespace {
 
@@ -90,14 +91,16 @@ int dbcache_read() {
 
 int dbcache_write() {
   if (g_baseline.empty()) return 1;
-  File f(std::fopen(DBCACHE_FILE, "w"));
+  // A failed write leaves the file of an earlier write as it was.
+  SaveFile f(SAVEFILE_Open(DBCACHE_FILE));
   if (!f) {
     msg_print("(dbcache_write) DB-cache-file write-error!\n");
     return 1;
   }
-  std::fprintf(f.get(), "%s\n", g_baseline.c_str());
-  for (const auto &e : g_entries) std::fprintf(f.get(), "%s\n", e.c_str());
-  if (std::fflush(f.get()) != 0) msg_print("(dbcache_write) DB-cache-file write-error!\n");
+  std::FILE *out = SAVEFILE_Stream(f.get());
+  std::fprintf(out, "%s\n", g_baseline.c_str());
+  for (const auto &e : g_entries) std::fprintf(out, "%s\n", e.c_str());
+  if (!SAVEFILE_Commit(f.release())) msg_print("(dbcache_write) DB-cache-file write-error!\n");
   return 1;
 }
 

@@ -1,11 +1,13 @@
 // Error and message texts, the ERROT and ERR table modules (see errtext.h).
 #include "db/access/errtext.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <sys/random.h>
 #include <sys/time.h>
 #include <unistd.h>
 #include <vector>
@@ -16,9 +18,9 @@
 
 namespace {
 
-// Attempts at writing an ERR row with a fresh ROW_Id. The row ids have eight
-// digits, so a taken one is rare; attempts beyond these show that the insert
-// fails for another reason, and the log entry is given up.
+// Attempts at writing an ERR row with a fresh ROW_Id. Row ids are drawn from
+// 185^8 (about 2^60) values, so a taken one is rare; attempts beyond these
+// show that the insert fails for another reason, and the entry is given up.
 constexpr int ERR_ATTEMPTS_INTERNAL = 9;
 constexpr int ERR_ATTEMPTS_MAX = 1000;
 // Characters of Fehlertext that are stored.
@@ -51,11 +53,20 @@ const TABLE_DEF &err_def() {
   return def;
 }
 
-// A fresh ROW_Id: eight random digits.
-void new_row_id(char *id) {
-  uint32_t n = 0;
-  DATA_GetNumber(nullptr, &n, 8);
-  std::snprintf(id, 9, "%08u", n);
+// The characters of a ROW_Id: every printable Latin-1 character that the
+// CHARACTER column keeps as it is, except the blank (trailing blanks do not
+// count when texts are compared), the quotes and the backslash (a TABLE file
+// load blanks double quotes in key attributes, and typed keys need no
+// escapes), and the invisible soft hyphen. 185 characters.
+const std::string &row_id_alphabet() {
+  static const std::string alphabet = [] {
+    std::string a;
+    for (int c = 0x21; c <= 0xFF; ++c)
+      if ((c < 0x7F || c > 0xA0) && c != '"' && c != '\'' && c != '\\' && c != 0xAD)
+        a += static_cast<char>(c);
+    return a;
+  }();
+  return alphabet;
 }
 
 // The current local time as a timestamp.
@@ -88,7 +99,7 @@ int write_err(BASECTX *ctx, int code, const std::string &text, int attempts) {
   std::string t = text.substr(0, ERR_TEXT_MAX);
   std::memcpy(rec.Fehlertext, t.c_str(), t.size() + 1);
   for (int i = 0; i < attempts; ++i) {
-    new_row_id(rec.ROW_Id);
+    if (!ERR_NewRowId(rec.ROW_Id)) break;
     if (ERR_Do(ctx->session, DB_INSERT, &rec)) return 1;
     if (!dbstatus(ctx->session)) break; // no connection: no further try can succeed
   }
@@ -176,6 +187,27 @@ const char *const ERROT_COLUMNS = "ERROT_Id,Fehlernummer,Sprache,Kuerzel,Text";
 const char *const ERR_COLUMNS = "ROW_Id,Prozess_Id,Zeitpunkt,Fehlercode,Funktionsname,Fehlertext";
 const char *const ERROT_QUERY_ALL = "SELECT * FROM ERROT ";
 const char *const ERR_QUERY_ALL = "SELECT * FROM ERR ";
+
+int ERR_NewRowId(char *id) {
+  const std::string &alphabet = row_id_alphabet();
+  size_t n = 0;
+  while (n < ERR_ROW_ID_LEN) {
+    // Bytes beyond the alphabet's last multiple are passed over, so that
+    // every character is equally likely.
+    unsigned char bytes[16];
+    ssize_t got = getrandom(bytes, sizeof bytes, 0);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) {
+      msg_print("(ERR_NewRowId) No random source: %s!\n", std::strerror(errno));
+      id[0] = 0;
+      return 0;
+    }
+    for (ssize_t i = 0; i < got && n < ERR_ROW_ID_LEN; ++i)
+      if (bytes[i] < alphabet.size()) id[n++] = alphabet[bytes[i]];
+  }
+  id[n] = 0;
+  return 1;
+}
 
 int BASECTX_Init(BASECTX *ctx, DBSESSION *session) {
   ctx->session = session;

@@ -98,6 +98,18 @@ struct ERR {
   char Fehlertext[255];
 };
 
+// Characters of a ROW_Id (the column holds one more byte, the terminator).
+constexpr size_t ERR_ROW_ID_LEN = 8;
+
+// A fresh ROW_Id into id (ERR_ROW_ID_LEN characters and a zero byte): every
+// character drawn from the kernel's random source over the printable
+// characters the column keeps unchanged, apart from blanks, quotes, the
+// backslash and the soft hyphen. Ids of different processes and hosts do not
+// depend on each other; an insert that still finds its id taken draws a new
+// one. Returns 1, or 0 with a message (id empty) when the kernel gives no
+// random bytes.
+int ERR_NewRowId(char *id);
+
 // Definition texts with sizes and positions filled in, and column lists.
 const char *ERROT_Definition();
 const char *ERR_Definition();

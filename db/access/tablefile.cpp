@@ -1,6 +1,9 @@
 // TABLE files (see tablefile.h).
 #include "db/access/tablefile.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -99,6 +102,109 @@ HeaderResult read_header(std::FILE *file, std::string &header) {
     if (header.size() >= static_cast<size_t>(TABLE_HEADER_MAX)) return HEADER_TOO_LONG;
     header.push_back(static_cast<char>(c));
   }
+}
+
+// False when `file` is a regular file with fewer than `count` records of
+// `size` bytes after the current position. Other files (a pipe) tell their
+// length only when they are read.
+bool file_holds(std::FILE *file, int count, int size) {
+  struct stat sb;
+  long at = std::ftell(file);
+  if (at < 0 || fstat(fileno(file), &sb) != 0 || !S_ISREG(sb.st_mode)) return true;
+  return static_cast<int64_t>(sb.st_size) - at >= static_cast<int64_t>(count) * size;
+}
+
+// Checks the numbers of a section header before anything is allocated or
+// read from them: the record count, and for a section with records the
+// record size and every attribute's type and place inside the record.
+// Prints the reason with `who` and returns false when the header is damaged.
+bool header_ok(int count, const Definition &fd, const char *who) {
+  if (count < 0 || count > TABLE_COUNT_MAX) {
+    msg_print("(%s) Damaged header: record count %d (max = %d)!\n", who, count, TABLE_COUNT_MAX);
+    return false;
+  }
+  if (count == 0) return true;
+  if (!size_ok(fd.size)) {
+    msg_print("(%s) Damaged header: record size %d (%d to %d)!\n", who, fd.size, STRUCT_MIN_SIZE,
+              STRUCT_MAX_SIZE);
+    return false;
+  }
+  for (const Attrib &a : fd.attribs) {
+    if (a.type < DT_FIRST || a.type > DT_LAST) {
+      msg_print("(%s) Damaged header: attribute '%s' has the unknown type %d!\n", who,
+                a.name.c_str(), a.type);
+      return false;
+    }
+    if (a.idx < 0 || a.size < 0 || static_cast<int64_t>(a.idx) + a.size > fd.size) {
+      msg_print("(%s) Damaged header: attribute '%s' (position %d, size %d) lies outside the "
+                "record of %d bytes!\n",
+                who, a.name.c_str(), a.idx, a.size, fd.size);
+      return false;
+    }
+  }
+  return true;
+}
+
+// Reads `total` bytes into `data` in pieces, so that memory grows only with
+// what the file really holds (a pipe's length is not known beforehand).
+// False when the file ends or fails first.
+bool read_records(std::FILE *file, size_t total, std::vector<unsigned char> &data) {
+  constexpr size_t piece = 1 << 20;
+  data.clear();
+  while (data.size() < total) {
+    size_t n = std::min(piece, total - data.size());
+    size_t at = data.size();
+    data.resize(at + n);
+    if (std::fread(data.data() + at, 1, n, file) != n) return false;
+  }
+  return true;
+}
+
+// A calendar value of a file record that is neither unset (all bytes zero,
+// as a record that nothing filled) nor valid: its fields as text, else "".
+std::string damaged_value(int type, int size, const unsigned char *p) {
+  bool zero = std::all_of(p, p + size, [](unsigned char b) { return b == 0; });
+  char text[160] = "";
+  if (type == DT_DATE && size == static_cast<int>(sizeof(DATE))) {
+    DATE v;
+    std::memcpy(&v, p, sizeof v);
+    if (!zero && !DATE_IsValid(&v))
+      std::snprintf(text, sizeof text, "date (year %d, month %d, day %d)", v.year, v.month, v.day);
+  } else if (type == DT_TIME && size == static_cast<int>(sizeof(TIME))) {
+    TIME v;
+    std::memcpy(&v, p, sizeof v);
+    if (!zero && !TIME_IsValid(&v))
+      std::snprintf(text, sizeof text, "time (hour %d, minute %d, second %d)", v.hour, v.minute,
+                    v.second);
+  } else if ((type == DT_DATI || type == DT_DURA) && size == static_cast<int>(sizeof(DATI))) {
+    DATI v;
+    std::memcpy(&v, p, sizeof v);
+    if (!zero && !DATI_IsValid(&v))
+      std::snprintf(text, sizeof text,
+                    "timestamp (year %d, month %d, day %d, hour %d, minute %d, second %d, "
+                    "microsecond %d)",
+                    v.year, v.month, v.day, v.hour, v.minute, v.second, v.usec);
+  }
+  return text;
+}
+
+// Checks the calendar values of every record before the first one is
+// stored, so that a damaged file is refused as a whole instead of becoming
+// rows without their values. Prints the first damaged value with its record
+// number (from 1) and returns false.
+bool records_ok(const Definition &fd, int count, const std::vector<unsigned char> &data) {
+  for (int r = 0; r < count; ++r)
+    for (const Attrib &a : fd.attribs) {
+      size_t at =
+          static_cast<size_t>(r) * static_cast<size_t>(fd.size) + static_cast<size_t>(a.idx);
+      std::string bad = damaged_value(a.type, a.size, data.data() + at);
+      if (!bad.empty()) {
+        msg_print("(TABLE_File_Load) Record %d: attribute '%s' holds no valid %s!\n", r + 1,
+                  a.name.c_str(), bad.c_str());
+        return false;
+      }
+    }
+  return true;
 }
 
 // Closes the BEGIN level of a load or save; a failure ends the program.
@@ -293,18 +399,15 @@ int TABLE_File_Load(DBSESSION *session, std::FILE *file, const char *definition,
     if (cd.table == fd.table) break;
     msg_print("(TABLE_File_Load) Table %d not found (actual table is %d)!\n", cd.table, fd.table);
   }
+  if (!header_ok(count, fd, "TABLE_File_Load")) return 0;
   if (count == 0) return 1;
-  if (count < 0 || fd.size <= 0) {
-    msg_print("(TABLE_File_Load) Error reading file!\n");
-    return 0;
-  }
   std::vector<unsigned char> data;
-  size_t total = static_cast<size_t>(count) * static_cast<size_t>(fd.size);
-  data.resize(total);
-  if (std::fread(data.data(), 1, total, file) != total) {
+  if (!file_holds(file, count, fd.size) ||
+      !read_records(file, static_cast<size_t>(count) * static_cast<size_t>(fd.size), data)) {
     msg_print("(TABLE_File_Load) Error reading file!\n");
     return 0;
   }
+  if (!records_ok(fd, count, data)) return 0;
   if (cd.size <= 0) {
     msg_print("(TABLE_File_Load) Syntax error in definition 'TBL,SIZE'!\n");
     return 0;
@@ -315,7 +418,8 @@ int TABLE_File_Load(DBSESSION *session, std::FILE *file, const char *definition,
   for (const auto &e : entries_of(definition)) {
     Attrib a;
     // An entry outside the record would write beyond it.
-    if (!scan_entry(e, a) || a.idx < 0 || a.size < 0 || a.idx + a.size > cd.size) {
+    if (!scan_entry(e, a) || a.idx < 0 || a.size < 0 ||
+        static_cast<int64_t>(a.idx) + a.size > cd.size) {
       msg_print("(TABLE_File_Load) Syntax error 'NAME,TYP,SIZE,IDX'!\n");
       close_level(session);
       return 0;
@@ -357,8 +461,9 @@ int TABLE_File_Skip(std::FILE *file, const char *definition) {
     if (cd.table == fd.table) break;
     msg_print("(TABLE_File_Skip) Table %d not found (actual table %d)!\n", cd.table, fd.table);
   }
+  if (!header_ok(count, fd, "TABLE_File_Skip")) return 0;
   long skip = static_cast<long>(count) * static_cast<long>(fd.size);
-  if (skip < 0 || std::fseek(file, skip, SEEK_CUR) != 0) {
+  if (!file_holds(file, count, fd.size) || std::fseek(file, skip, SEEK_CUR) != 0) {
     msg_print("(TABLE_File_Skip) Unexpected end of file!\n");
     return 0;
   }
@@ -383,7 +488,7 @@ int Set_TABLE_Attrib_Value(const char *definition, int n, void *record, const vo
   Attrib a;
   Definition d;
   if (!scan_entry(entries[static_cast<size_t>(n)], a) || a.idx < 0 || a.size < 0 ||
-      (scan_head(definition, d) && a.idx + a.size > d.size)) {
+      (scan_head(definition, d) && static_cast<int64_t>(a.idx) + a.size > d.size)) {
     msg_print("(Set_TABLE_Attrib_Value) Syntax error 'NAME,TYP,SIZE,IDX'!\n");
     return 0;
   }

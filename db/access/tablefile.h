@@ -47,7 +47,12 @@ int TABLE_File_Save(DBSESSION *session, std::FILE *file, const char *definition,
 // other tables must be empty or passed over with TABLE_File_Skip first. Each
 // file record is converted into one record of the current definition (made
 // once by init, then reused, so attributes that the file lacks keep their
-// last value) and handed to insert. Returns 1, or 0 with a message.
+// last value) and handed to insert. A damaged section is refused before
+// anything is allocated from its numbers or stored: a count beyond
+// TABLE_COUNT_MAX, a record size outside 1..10000, an attribute of an unknown
+// type or outside the record, fewer bytes than the records need, or a date,
+// time or timestamp that is neither valid nor unset (named with its record
+// number). Returns 1, or 0 with a message.
 int TABLE_File_Load(DBSESSION *session, std::FILE *file, const char *definition,
                     const TABLE_Init &init, const TABLE_Insert &insert);
 

@@ -257,7 +257,7 @@ int TABLE_Parse(const char *definition, TABLE_DEF *def) {
     if (std::sscanf(entry.c_str(), "%[^,],%d,%d,%d", name.data(), &a.type, &a.size, &a.idx) != 4)
       return 0;
     a.name = name.data();
-    if (a.idx < 0 || a.size < 0 || a.idx + a.size > def->size) return 0;
+    if (a.idx < 0 || a.size < 0 || static_cast<int64_t>(a.idx) + a.size > def->size) return 0;
     def->attribs.push_back(a);
     p = next;
   }

@@ -217,10 +217,35 @@ TEST_F(TableFile, BadDefinitionsAndDamagedFilesFailWithTheirMessages) {
   std::string good = std::string("00002,7,20|A,11,9,4") + '\0' + std::string(40, 'x');
   std::string many = "00000,7,20";
   for (int i = 0; i < 501; ++i) many += "|A" + std::to_string(i) + ",11,2,4";
+  // Dates: a valid one, one that nothing filled (all bytes zero) and a
+  // damaged one in the third record.
+  const char *dates = "7,20|D,12,4,4";
+  std::string date_records = std::string(4, '\0') + "\xd3\x07\x07\x0c" + std::string(12, '\0') +
+                             std::string(20, '\0') + std::string(4, '\0') + "\xff\xff\x0d\x28" +
+                             std::string(12, '\0');
+  // Header numbers that would make the load allocate or read what the file
+  // does not hold, or read values from outside a record.
+  auto section = [](const std::string &head, size_t bytes) {
+    return head + '\0' + std::string(bytes, 'x');
+  };
   const struct {
     std::string bytes;
     const char *def, *message;
   } damaged[] = {
+      {section("2000000000,7,20|A,11,9,4", 40), def,
+       "Damaged header: record count 2000000000 (max = 99999)!"},
+      {section("-0001,7,20|A,11,9,4", 40), def, "Damaged header: record count -1 (max = 99999)!"},
+      {section("00001,7,2000000000|A,11,9,4", 40), def,
+       "Damaged header: record size 2000000000 (1 to 10000)!"},
+      {section("99999,7,10000|A,11,9,4", 120000), def, "Error reading file!"},
+      {section("00002,7,20|A,11,9,-4", 40), def,
+       "Damaged header: attribute 'A' (position -4, size 9) lies outside the record of 20 bytes!"},
+      {section("00002,7,20|A,11,9,12", 40), def,
+       "Damaged header: attribute 'A' (position 12, size 9) lies outside the record of 20 bytes!"},
+      {section("00002,7,20|A,99,9,4", 40), def,
+       "Damaged header: attribute 'A' has the unknown type 99!"},
+      {"00003," + std::string(dates) + '\0' + date_records, dates,
+       "Record 3: attribute 'D' holds no valid date (year -1, month 13, day 40)!"},
       {good.substr(0, 10), def, "Unexpected end of file!"},
       {"00001,7\xff" + good.substr(8), def, "Unexpected end of file!"},
       {good.substr(0, good.size() - 1), def, "Error reading file!"},
@@ -233,19 +258,26 @@ TEST_F(TableFile, BadDefinitionsAndDamagedFilesFailWithTheirMessages) {
   for (const auto &k : damaged) {
     write_file("d.tbl", k.bytes);
     std::FILE *f = std::fopen("d.tbl", "rb");
-    EXPECT_EQ(load(&session, f, k.def, 20).ok, 0);
+    Loaded l = load(&session, f, k.def, 20);
     std::fclose(f);
+    EXPECT_EQ(l.ok, 0);
+    EXPECT_TRUE(l.rows.empty()) << "nothing stored from a damaged file";
     EXPECT_EQ(cap.take(), std::string("(TABLE_File_Load) ") + k.message + "\n");
   }
-  write_file("d.tbl", std::string(10001, '1'));
-  std::FILE *f = std::fopen("d.tbl", "rb");
-  EXPECT_EQ(TABLE_File_Skip(f, def), 0);
-  std::fclose(f);
-  EXPECT_EQ(cap.take(), "(TABLE_File_Skip) Definition too long (max = 10000)!\n");
+  for (auto [bytes, message] :
+       {std::pair<std::string, const char *>{std::string(10001, '1'),
+                                             "Definition too long (max = 10000)!"},
+        {section("99999,7,10000|A,11,9,4", 120000), "Unexpected end of file!"}}) {
+    write_file("d.tbl", bytes);
+    std::FILE *f = std::fopen("d.tbl", "rb");
+    EXPECT_EQ(TABLE_File_Skip(f, def), 0);
+    std::fclose(f);
+    EXPECT_EQ(cap.take(), std::string("(TABLE_File_Skip) ") + message + "\n");
+  }
 
   // A refused insert ends the load.
   write_file("d.tbl", good);
-  f = std::fopen("d.tbl", "rb");
+  std::FILE *f = std::fopen("d.tbl", "rb");
   int calls = 0;
   EXPECT_EQ(TABLE_File_Load(
                 &session, f, def, [](void *) {},

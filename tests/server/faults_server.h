@@ -104,6 +104,11 @@ public:
 
   const std::string &ns() const { return ns_; }
   std::string data_dir() const { return dir_ + "/data"; }
+  std::string log_text() const {
+    std::ifstream in(dir_ + "/tavrind.log");
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+  pid_t pid() const { return pid_; }
 
 private:
   bool launch() {

@@ -43,7 +43,7 @@ TEST_F(TavrinTable, SavesAndLoadsIntoAChangedLayout) {
   EXPECT_EQ(r.out, "TT_ID,NEU,NAME,STAMP,CODE\n1,,K\xc3\xa4se,,AB\n2,,Brot,,X$$Y\n");
 }
 
-TEST_F(TavrinTable, ALoadThatFailsLeavesNothingBehind) {
+TEST_F(TavrinTable, FailedLoadsAndSavesLeaveNothingBehind) {
   run("$T sql -dbdemo 'CREATE TABLE TD (TD_ID INTEGER)' 'INSERT INTO TD VALUES (1)'"
       " 'INSERT INTO TD VALUES (2)' 'INSERT INTO TD VALUES (1)'");
   ASSERT_EQ(run("$T table save -dbdemo td td.tbl").status, 0);
@@ -65,6 +65,13 @@ TEST_F(TavrinTable, ALoadThatFailsLeavesNothingBehind) {
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("Tabelle NIXDA existiert nicht"), std::string::npos);
   EXPECT_FALSE(std::filesystem::exists(dir / "x.tbl"));
+  // A save that fails while writing (a file size limit stands in for a full
+  // disk) leaves the file of the last save as it was.
+  std::string saved = tooltest::slurp(dir / "td.tbl");
+  r = run("trap '' XFSZ; ulimit -f 1; $T table save -dbdemo kunde td.tbl");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("(TABLE_File_Save) Error writing file!"), std::string::npos) << r.err;
+  EXPECT_EQ(tooltest::slurp(dir / "td.tbl"), saved);
   EXPECT_EQ(run("$T table copy td x.tbl").status, 2);
   EXPECT_EQ(run("$T table save td").status, 2);
 }

@@ -91,9 +91,13 @@ TEST_F(Tavrin, FailuresReportAndLeaveNoOutput) {
   std::string z = slurp(dir / "t.vz");
   spill(dir / "cut.vz", z.substr(0, z.size() - 9));
 
+  spill(dir / "old.txt", "the user's file\n");
+
   // The command line, its message and the output it must not leave behind.
   // A truncated stream: the part before the damage is not passed off as the
-  // whole file. The input is never overwritten by its own output.
+  // whole file. The input is never overwritten by its own output, and an
+  // existing output file survives a failure as it was, also a write failure
+  // (a file size limit stands in for a full disk).
   struct Case {
     const char *line, *says, *output;
   };
@@ -104,6 +108,8 @@ TEST_F(Tavrin, FailuresReportAndLeaveNoOutput) {
       {"cat cut.vz | $T uncompress", "damaged or truncated", ""},
       {"$T compress t.txt ./t.txt", "", ""},
       {"$T compress t.txt nodir/x.vz", "", ""},
+      {"$T uncompress cut.vz old.txt", "damaged or truncated", ""},
+      {"trap '' XFSZ; ulimit -f 4; $T compress t.txt old.txt", "cannot write 'old.txt'", ""},
   };
   for (const Case &c : cases) {
     Outcome r = run(c.line);
@@ -112,6 +118,16 @@ TEST_F(Tavrin, FailuresReportAndLeaveNoOutput) {
     EXPECT_TRUE(!*c.output || !fs::exists(dir / c.output)) << c.line;
   }
   EXPECT_EQ(slurp(dir / "t.txt"), text);
+  EXPECT_EQ(slurp(dir / "old.txt"), "the user's file\n");
+  for (auto &e : fs::directory_iterator(dir)) // no temporary file is left
+    EXPECT_TRUE(e.path().filename() == ".out" || e.path().filename() == ".err" ||
+                e.path().filename().string()[0] != '.')
+        << e.path();
+  // A successful run replaces the file and keeps its permissions.
+  fs::permissions(dir / "old.txt", fs::perms(0640));
+  ASSERT_EQ(run("$T uncompress t.vz old.txt").status, 0);
+  EXPECT_EQ(slurp(dir / "old.txt"), text);
+  EXPECT_EQ(fs::status(dir / "old.txt").permissions(), fs::perms(0640));
 }
 
 TEST_F(Tavrin, EncodePrintsRequestBytesOrParserMessage) {

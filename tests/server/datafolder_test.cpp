@@ -1,0 +1,98 @@
+// tavrind's data folder as files on disk: private to the server's user from
+// the first start on and tightened when it was left open, and a CREATE
+// DATABASE that fails for lack of room leaves no file behind.
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "faults_server.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Paths under dir (the folder itself too) that group or others may use.
+std::vector<std::string> open_to_others(const std::string &dir) {
+  std::vector<std::string> open;
+  auto check = [&](const fs::path &p) {
+    struct stat sb;
+    if (lstat(p.c_str(), &sb) == 0 && (sb.st_mode & 077)) open.push_back(p.string());
+  };
+  check(dir);
+  for (auto &e : fs::recursive_directory_iterator(dir)) check(e.path());
+  return open;
+}
+
+class DataFolder : public ::testing::Test {
+protected:
+  faults::Server server;
+  DBCONN *c = nullptr;
+  void SetUp() override {
+    if (faults::tavrind_program().empty()) GTEST_SKIP() << "tavrind has not been built";
+    ASSERT_TRUE(server.start({})) << server.log_text();
+    setenv("TAVRIN_NAMESPACE", server.ns().c_str(), 1);
+    char tdsys[] = "tdsys";
+    c = DBconnect(tdsys);
+    ASSERT_EQ(DBstatus(c), DBCONN_OK) << DBerrormessage(c);
+  }
+  void TearDown() override {
+    if (c) DBfinish(c), DBconn_free(c);
+  }
+};
+
+TEST_F(DataFolder, IsPrivateFromTheStartAndTightenedWhenLeftOpen) {
+  // The first start's databases, a new one with its WAL files, a backup.
+  ASSERT_EQ(faults::run(c, "CREATE DATABASE EIGEN"), DBRES_DONE);
+  ASSERT_EQ(faults::run(c, "CREATE TABLE T (T_ID INTEGER)"), DBRES_DONE);
+  ASSERT_EQ(faults::run(c, "INSERT INTO T VALUES (1)"), DBRES_DONE);
+  ASSERT_EQ(faults::run(c, "SAVE DATABASE"), DBRES_DONE);
+  EXPECT_TRUE(fs::exists(server.data_dir() + "/EIGEN.db-wal"));
+  EXPECT_EQ(open_to_others(server.data_dir()), std::vector<std::string>{});
+  DBfinish(c), DBconn_free(c), c = nullptr;
+  server.kill_hard();
+
+  // Left open by an older server or another umask, with a log kept there:
+  // the next start closes everything and says so.
+  std::ofstream(server.data_dir() + "/tavrind.log") << "old log\n";
+  for (auto &e : fs::recursive_directory_iterator(server.data_dir()))
+    fs::permissions(e.path(), e.is_directory() ? fs::perms(0755) : fs::perms(0644));
+  fs::permissions(server.data_dir(), fs::perms(0755));
+  ASSERT_TRUE(server.restart()) << server.log_text();
+  EXPECT_EQ(open_to_others(server.data_dir()), std::vector<std::string>{});
+  std::string log = server.log_text();
+  EXPECT_NE(log.find("made the folder " + server.data_dir() + " private (was 0755, now 0700)"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find("files in " + server.data_dir() + " private"), std::string::npos) << log;
+  EXPECT_NE(log.find("made 1 file in " + server.data_dir() + "/backup private"), std::string::npos)
+      << log;
+}
+
+TEST_F(DataFolder, CreateDatabaseWithoutRoomLeavesNoFile) {
+  // A file size limit of nothing stands in for a full disk: every write
+  // of the server fails as it would there.
+  struct rlimit old, none;
+  ASSERT_EQ(prlimit(server.pid(), RLIMIT_FSIZE, nullptr, &old), 0);
+  none = old;
+  none.rlim_cur = 0;
+  ASSERT_EQ(prlimit(server.pid(), RLIMIT_FSIZE, &none, nullptr), 0);
+  std::string text;
+  EXPECT_EQ(faults::run(c, "CREATE DATABASE VOLL", &text), DBRES_ERROR);
+  EXPECT_NE(text.find("(TAVRIN 206) Datenbank VOLL"), std::string::npos) << text;
+  EXPECT_FALSE(fs::exists(server.data_dir() + "/VOLL.db"));
+  DBRESULT *r = DBexec(c, "SHOW DATABASES");
+  ASSERT_EQ(DBntuples(r), 2) << "DEMO and TDSYS only";
+  EXPECT_STREQ(DBgetvalue(r, 1, 0), "TDSYS");
+  DBclear(r);
+
+  // With room again the same CREATE succeeds.
+  ASSERT_EQ(prlimit(server.pid(), RLIMIT_FSIZE, &old, nullptr), 0);
+  EXPECT_EQ(faults::run(c, "CREATE DATABASE VOLL", &text), DBRES_DONE) << text;
+  EXPECT_TRUE(fs::exists(server.data_dir() + "/VOLL.db"));
+}
+
+} // namespace
