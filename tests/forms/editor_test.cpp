@@ -152,6 +152,10 @@ TEST(EditorFiles, ReadsWholeFilesAndReportsMissingOnes) {
   char path[] = "/tmp/zentiq_editor_XXXXXX";
   int fd = mkstemp(path);
   ASSERT_GE(fd, 0);
+  struct Unlink {
+    const char *path;
+    ~Unlink() { unlink(path); }
+  } gone_at_end{path};
   std::string data;
   for (int i = 0; i < 25000; ++i) data += static_cast<char>('A' + i % 26);
   data += "\r\nEnde";
@@ -161,7 +165,6 @@ TEST(EditorFiles, ReadsWholeFilesAndReportsMissingOnes) {
   ASSERT_NE(text, nullptr);
   EXPECT_EQ(std::string(text), data);
   std::free(text);
-  unlink(path);
 
   forms_test::Capture printed;
   EXPECT_EQ(fl_get_file_data("/nonexistent/datei.txt"), nullptr);

@@ -15,14 +15,17 @@ class TabboxModel : public ::testing::Test {
 protected:
   void TearDown() override {
     if (form_) fl_free_form(form_);
+    if (other_) fl_free_form(other_);
   }
   FL_OBJECT *make(int type, int w = 500, int h = 200) {
+    if (form_) fl_free_form(form_); // the previous tabbox of the test
     form_ = fl_begin_form(0, w + 20, h + 20);
     FL_OBJECT *tb = fl_add_tabbox(type, 10, 10, w, h, "");
     fl_end_form();
     return tb;
   }
   FL_FORM *form_ = nullptr;
+  FL_FORM *other_ = nullptr; // a second form of a test
   forms_test::Capture printed;
 };
 
@@ -184,7 +187,6 @@ TEST_F(TabboxModel, SelectionFollowsTheType) {
   EXPECT_EQ(fl_isselected_tabbox_line(none, 2), 0);
   EXPECT_EQ(fl_selectall_tabbox(none), 1); // any type
   EXPECT_EQ(fl_get_tabbox_selectcount(none), 3);
-  fl_free_form(form_);
 
   FL_OBJECT *single = make(2, 300, 100);
   for (int i = 0; i < 30; ++i) fl_add_tabbox_line(single, std::to_string(i).c_str());
@@ -194,7 +196,6 @@ TEST_F(TabboxModel, SelectionFollowsTheType) {
   EXPECT_EQ(fl_get_tabbox(single), 25);
   // A selection outside the visible lines brings it to the top.
   EXPECT_EQ(fl_get_tabbox_topline(single), 25);
-  fl_free_form(form_);
 
   FL_OBJECT *multi = make(3, 300, 100);
   for (int i = 0; i < 30; ++i) fl_add_tabbox_line(multi, std::to_string(i).c_str());
@@ -285,7 +286,6 @@ TEST_F(TabboxModel, VerticalDisplayTurnsLinesIntoColumns) {
   EXPECT_EQ(c->slots, 5);
 
   // A type-1 tabbox never turns.
-  fl_free_form(form_);
   FL_OBJECT *t1 = make(1);
   fl_set_tabbox_vert(t1);
   EXPECT_EQ(fl_get_tabbox_vert(t1), 0);
@@ -293,8 +293,7 @@ TEST_F(TabboxModel, VerticalDisplayTurnsLinesIntoColumns) {
 
 TEST_F(TabboxModel, BadObjectsAndFixedTexts) {
   FL_OBJECT *tb = make(1);
-  form_ = nullptr;
-  FL_FORM *f = fl_begin_form(0, 100, 100);
+  other_ = fl_begin_form(0, 100, 100);
   FL_OBJECT *box = fl_add_box(FL_UP_BOX, 0, 0, 10, 10, "");
   fl_end_form();
   fl_deselect_tabbox_line(nullptr, 1);
@@ -327,8 +326,6 @@ TEST_F(TabboxModel, BadObjectsAndFixedTexts) {
   EXPECT_EQ(y, 10 + r->char_h + 3 * FL_TABBOX_BW);
   EXPECT_EQ(w, 500 - 18);
   EXPECT_EQ(h, 200 - r->char_h - 3 * FL_TABBOX_BW - 18);
-  fl_free_form(f);
-  fl_free_form(tb->form);
 }
 
 } // namespace

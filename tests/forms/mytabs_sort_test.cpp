@@ -76,6 +76,7 @@ protected:
     if (form_) fl_free_form(form_);
   }
   FL_OBJECT *make() {
+    if (form_) fl_free_form(form_); // the previous round's
     form_ = fl_begin_form(0, 300, 200);
     FL_OBJECT *tb = fl_add_tabbox(1, 0, 0, 300, 200, "");
     fl_end_form();
@@ -124,8 +125,6 @@ TEST_F(TabboxSortLines, PermutationMatchesSelectionSort) {
       return 0;
     };
     ASSERT_EQ(r->line_order, selection_sort(n, cmp)) << "round " << round;
-    fl_free_form(form_);
-    form_ = nullptr;
   }
 }
 

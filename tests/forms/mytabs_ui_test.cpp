@@ -49,6 +49,7 @@ protected:
   }
   // A tabbox of the type with n lines "Zeile i" and a wide second column.
   FL_OBJECT *make(int type, int n, int w = 400, int h = 240) {
+    if (form_) fl_free_form(form_); // the previous tabbox of the test
     form_ = fl_begin_form(0, w + 20, h + 20);
     FL_OBJECT *tb = fl_add_tabbox(type, 10, 10, w, h, "");
     fl_end_form();
@@ -133,13 +134,11 @@ TEST_F(TabboxUi, ClicksSelectByTypeWithShiftAndControl) {
   click(tb, line_point(tb, 1));
   click(tb, line_point(tb, 3));
   EXPECT_EQ(selected(tb), V({2, 4}));
-  fl_free_form(form_);
 
   FL_OBJECT *single = make(1, 8);
   click(single, line_point(single, 1));
   click(single, line_point(single, 3), Qt::ShiftModifier);
   EXPECT_EQ(selected(single), V({4}));
-  fl_free_form(form_);
 
   FL_OBJECT *none = make(0, 8);
   g.callback = 0;
@@ -364,7 +363,6 @@ TEST_F(TabboxUi, KeysMoveTheSelectionAndCallBack) {
       tb, [](FL_OBJECT *, long a) { g.corner = static_cast<int>(a); }, 9);
   click(tb, QPoint(tb->w - 9, tb->h - 9));
   EXPECT_EQ(g.corner, 9);
-  fl_free_form(form_);
 
   // Type 3: a multiple selection shrinks to its first line, then moves.
   FL_OBJECT *multi = make(3, 10);

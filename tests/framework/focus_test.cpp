@@ -2,7 +2,7 @@
 // next-input search, navigation keys forwarded to the control tabbox, and the
 // fatal and non-fatal misuses.
 #include "framework/focus.h"
-#include "tests/framework/test_support.h"
+#include "tests/framework/framework_testutil.h"
 
 namespace {
 

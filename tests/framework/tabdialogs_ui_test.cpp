@@ -10,7 +10,7 @@
 #include "base/ini.h"
 #include "forms/editor.h"
 #include "forms/mytabs_draw.h"
-#include "tests/framework/test_support.h"
+#include "tests/framework/framework_testutil.h"
 
 namespace {
 
@@ -109,7 +109,7 @@ TEST_F(TabDialogs, ExportDialogWritesAndAsksBeforeOverwriting) {
   click(d.exp_shown);
   EXPECT_FALSE(d.exp->visible);
   std::filesystem::path file = base + ".csv";
-  EXPECT_EQ(slurp(file).substr(0, 14), "Name\tWert\tOrt\n");
+  EXPECT_THAT(slurp(file), testing::StartsWith("Name\tWert\tOrt\n"));
 
   // Existing file: "Nein" keeps it and the dialog, "Ja" overwrites.
   std::ofstream(file) << "alt";
@@ -122,7 +122,7 @@ TEST_F(TabDialogs, ExportDialogWritesAndAsksBeforeOverwriting) {
   EXPECT_TRUE(d.exp->visible);
   fl_seam_queue_answer(1);
   click(d.exp_all);
-  EXPECT_EQ(slurp(file).substr(0, 14), "Name\tWert\tOrt\n");
+  EXPECT_THAT(slurp(file), testing::StartsWith("Name\tWert\tOrt\n"));
   EXPECT_FALSE(d.exp->visible);
   myfl_close_tabbox_export();
   EXPECT_EQ(messages(), "Export-Tabbox-Dialog bereits geschlossen\n");
@@ -190,7 +190,7 @@ TEST_F(TabDialogs, SortDialogSetsAndStoresTheKeys) {
   EXPECT_FALSE(d.sort->visible);
   EXPECT_EQ(setting(), "[Liste] 0 4 1 2 3 3u 1u \n");
   fl_layout_tabbox(tb_);
-  EXPECT_EQ(std::string(fl_get_tabbox_full_line(tb_, 1)).substr(0, 4), "B\tC ");
+  EXPECT_THAT(std::string(fl_get_tabbox_full_line(tb_, 1)), testing::StartsWith("B\tC "));
   myfl_close_tabbox_sort();
   EXPECT_EQ(messages(), "Sortierung-Tabbox-Dialog bereits geschlossen\n");
 }

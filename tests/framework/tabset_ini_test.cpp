@@ -7,7 +7,7 @@
 
 #include "base/ini.h"
 #include "forms/mytabs_draw.h"
-#include "tests/framework/test_support.h"
+#include "tests/framework/framework_testutil.h"
 
 namespace {
 
@@ -75,7 +75,7 @@ TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
   put("Kunden_2", "[Kunden_2] v 1 4 1 2 3 2d 7m \n");
   myfl_draw_tabbox(tb_);
   EXPECT_EQ(fl_get_tabbox_vert(tb_), 1);
-  EXPECT_EQ(std::string(fl_get_tabbox_full_title(tb_)).substr(0, 7), "KD_NAME");
+  EXPECT_THAT(std::string(fl_get_tabbox_full_title(tb_)), testing::StartsWith("KD_NAME"));
   myfl_save_tabbox_ini(tb_);
   EXPECT_EQ(ini(), "[Kunden_2] v 1 4 1 2 3 2d 7m \n");
 }
@@ -88,7 +88,7 @@ TEST_F(TabSet, SavedLinesThatDoNotFitTheColumns) {
   Props p = props();
   EXPECT_EQ(p.of(p.order), (V{2, 3, 4, -1}));
   EXPECT_EQ(p.of(p.visible), (V{0, 1, 1, 1}));
-  EXPECT_EQ(messages().find("ini-file"), std::string::npos);
+  EXPECT_THAT(messages(), testing::Not(testing::HasSubstr("ini-file")));
 
   // Saved for more columns than there are: that entry alone is dropped.
   myfl_free_tabbox(tb_);
