@@ -71,13 +71,7 @@ FL_OBJECT *button(int x, int y, int w, int h, const char *label, FL_CALLBACKPTR 
 
 } // namespace
 
-int zentiq_detail_lines() {
-  FL_OBJECT *tb = zentiq_app().detail.tabbox;
-  FL_TABBOX_REC *rec = fl_tabbox_record(tb);
-  if (!rec) return 0;
-  fl_layout_tabbox(tb);
-  return fl_tabbox_active(rec)->line_count;
-}
+int zentiq_detail_lines() { return mytabs_get_shown_lines(zentiq_app().detail.tabbox); }
 
 void zentiq_create_detail_form() {
   ZqDetailForm &d = zentiq_app().detail;

@@ -8,6 +8,8 @@
 // Process-wide state: the modifiers of the event being handled (read through
 // the framework's modifier hook when it is installed).
 #include "forms/mytabs_draw.h"
+// Before Qt's headers, whose "slots" macro would empty a field name.
+#include "forms/mytabs_int.h"
 
 #include "base/msg.h"
 #include "forms/draw.h"
@@ -438,7 +440,6 @@ void TabboxWidget::press(QPoint pos, Qt::MouseButton button, bool dbl) {
     tabbox_knob(obj, v, &ks, &kl);
     bool back = (v ? pos.y() : pos.x()) < ks;
     r->trough_pressed[v] = 1;
-    r->trough_back[v] = back ? 1 : 0;
     r->trough_repeat[v] = 0;
     r->trough_started[v] = 0;
     timer_.start();
@@ -530,7 +531,6 @@ bool TabboxWidget::key(int k) {
   FL_TABBOX_REC *own = own_of(obj);
   if (!own || !k) return false;
   fl_layout_tabbox(obj);
-  FL_TABBOX_REC *r = fl_tabbox_active(own);
   TabboxHooks &h = fl_tabbox_hooks();
   bool ctrl = held(FL_KEY_CONTROL), shift = held(FL_KEY_SHIFT);
   auto allowed = [&] { return ctrl || !h.key || h.key(obj, k); };
@@ -554,17 +554,8 @@ bool TabboxWidget::key(int k) {
     fl_tabbox_rightmost(obj);
     return true;
   case FL_KEY_LEFT:
-    if (shift)
-      r->offset -= r->visible_chars + 1;
-    else if (r->offset >= 1)
-      --r->offset;
-    r->offset = std::max(0, r->offset);
-    redraw(obj);
-    return true;
   case FL_KEY_RIGHT:
-    if (r->offset < r->max_display_len - r->visible_chars)
-      r->offset = shift ? std::min(r->offset + r->visible_chars - 1, max_offset(r)) : r->offset + 1;
-    redraw(obj);
+    mytabs_step_horizontal(obj, k == FL_KEY_RIGHT, shift);
     return true;
   case FL_KEY_RETURN:
     if (!ctrl && (!h.key || h.key(obj, k))) run_dblclick(obj);
@@ -690,6 +681,12 @@ void tabbox_repaint_now(FL_OBJECT *obj) {
 }
 
 int tabbox_text_x(FL_OBJECT *) { return BW + 2; }
+
+void tabbox_char_size(FL_OBJECT *obj, int *w, int *h) {
+  FL_TABBOX_REC *r = active_of(obj);
+  if (w) *w = r ? r->char_w : 0;
+  if (h) *h = r ? r->char_h : 0;
+}
 
 int tabbox_list_y(FL_OBJECT *obj) {
   FL_TABBOX_REC *r = active_of(obj);
@@ -818,6 +815,22 @@ void fl_tabbox_leftmost(FL_OBJECT *obj) {
   FL_TABBOX_REC *r = nav_rec(obj, "fl_tabbox_leftmost");
   if (!r) return;
   r->offset = 0;
+  redraw(obj);
+}
+
+void mytabs_step_horizontal(FL_OBJECT *obj, int right, int page) {
+  FL_TABBOX_REC *own = own_of(obj);
+  if (!own) return;
+  fl_layout_tabbox(obj);
+  FL_TABBOX_REC *r = fl_tabbox_active(own);
+  if (right) {
+    if (r->offset < max_offset(r))
+      r->offset = page ? std::min(r->offset + r->visible_chars - 1, max_offset(r)) : r->offset + 1;
+  } else if (page) {
+    r->offset = std::max(0, r->offset - (r->visible_chars + 1));
+  } else if (r->offset >= 1) {
+    --r->offset;
+  }
   redraw(obj);
 }
 

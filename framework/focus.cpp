@@ -26,26 +26,8 @@ MYFL_FORMINFO *record(FL_FORM *form, const char *fn, bool fatal) {
 // The control tabbox for a forwarding operation, or nullptr.
 FL_OBJECT *ctrl(FL_FORM *form, const char *fn) {
   MYFL_FORMINFO *info = record(form, fn, false);
-  if (!info || !info->ctrl_tabbox || !fl_tabbox_record(info->ctrl_tabbox)) return nullptr;
+  if (!info || !info->ctrl_tabbox || !mytabs_is_tabbox(info->ctrl_tabbox)) return nullptr;
   return info->ctrl_tabbox;
-}
-
-// One horizontal step of a tabbox as its Left / Right keys do it.
-void step_horizontal(FL_OBJECT *tabbox, bool right) {
-  fl_layout_tabbox(tabbox);
-  FL_TABBOX_REC *r = fl_tabbox_active(fl_tabbox_record(tabbox));
-  if (!r) return;
-  int limit = std::max(0, r->max_display_len - r->visible_chars);
-  bool shift = myfl_get_modifier(FL_KEY_SHIFT) != 0;
-  if (right) {
-    if (r->offset < limit)
-      r->offset = shift ? std::min(r->offset + r->visible_chars - 1, limit) : r->offset + 1;
-  } else if (shift) {
-    r->offset = std::max(0, r->offset - (r->visible_chars + 1));
-  } else if (r->offset >= 1) {
-    --r->offset;
-  }
-  fl_redraw_object(tabbox);
 }
 
 bool is_input(const FL_OBJECT *obj) { return obj && obj->objclass == FL_INPUT; }
@@ -63,7 +45,7 @@ int key_hook(FL_FORM *form, FL_OBJECT *focus, int key, int pressed) {
     return 1;
   }
   MYFL_FORMINFO *info = myfl_get_forminfo(form);
-  if (!info || !info->ctrl_tabbox || !fl_tabbox_record(info->ctrl_tabbox)) return 0;
+  if (!info || !info->ctrl_tabbox || !mytabs_is_tabbox(info->ctrl_tabbox)) return 0;
   switch (key) {
   case FL_KEY_UP:
   case FL_KEY_DOWN:
@@ -213,14 +195,14 @@ MYFL_FORWARD(myfl_call_ctrl_tabbox_pgdown, fl_tabbox_pgdown)
 int myfl_call_ctrl_tabbox_left(FL_FORM *form) {
   FL_OBJECT *t = ctrl(form, "myfl_call_ctrl_tabbox_left");
   if (!t) return 0;
-  step_horizontal(t, false);
+  mytabs_step_horizontal(t, 0, myfl_get_modifier(FL_KEY_SHIFT));
   return 1;
 }
 
 int myfl_call_ctrl_tabbox_right(FL_FORM *form) {
   FL_OBJECT *t = ctrl(form, "myfl_call_ctrl_tabbox_right");
   if (!t) return 0;
-  step_horizontal(t, true);
+  mytabs_step_horizontal(t, 1, myfl_get_modifier(FL_KEY_SHIFT));
   return 1;
 }
 

@@ -72,7 +72,7 @@ protected:
   }
   std::string field(int line, int col) {
     fl_layout_tabbox(tb_);
-    return fl_tabbox_field(fl_tabbox_record(tb_), fl_get_tabbox_full_line(tb_, line), col);
+    return mytabs_get_field(tb_, fl_get_tabbox_full_line(tb_, line), col);
   }
   std::vector<int> ids() {
     std::vector<int> v;

@@ -45,9 +45,9 @@ protected:
   }
   void popup(int item) {
     fl_seam_queue_popup(item);
-    FL_TABBOX_REC *r = fl_tabbox_record(tb_);
-    QTest::mouseClick(tb_->widget, Qt::RightButton, {},
-                      QPoint(30, tabbox_list_y(tb_) + r->char_h / 2));
+    int cw, ch;
+    tabbox_char_size(tb_, &cw, &ch);
+    QTest::mouseClick(tb_->widget, Qt::RightButton, {}, QPoint(30, tabbox_list_y(tb_) + ch / 2));
   }
   void click(FL_OBJECT *button) { QTest::mouseClick(button->widget, Qt::LeftButton); }
   void type_into(FL_OBJECT *input, const char *text) {

@@ -150,22 +150,25 @@ TEST_F(TabSet, DragAndOptimiseOnTheWidgetUpdateTheEntry) {
   fl_layout_tabbox(tb_);
   myfl_save_tabbox_ini(tb_);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 \n");
-  FL_TABBOX_REC *r = fl_tabbox_record(tb_);
-  const int cw = r->char_w;
-  auto cell = [&](int pos) {
-    return QPoint(tabbox_text_x(tb_) + pos * cw + cw / 2, r->char_h / 2 + 2);
+  int cw, ch;
+  tabbox_char_size(tb_, &cw, &ch);
+  auto cell = [&](int pos) { return QPoint(tabbox_text_x(tb_) + pos * cw + cw / 2, ch / 2 + 2); };
+  auto maxwidth = [&](int col) {
+    int *colmax = nullptr;
+    fl_get_tabbox_properties(tb_, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                             nullptr, &colmax);
+    return colmax[col];
   };
   // The bar after "Name" (19 wide) dragged five characters to the left.
   int bar = static_cast<int>(std::string(fl_get_tabbox_title(tb_)).find('|'));
   QTest::mousePress(tb_->widget, Qt::LeftButton, {}, cell(bar));
   QTest::mouseRelease(tb_->widget, Qt::LeftButton, {}, cell(bar - 5));
-  EXPECT_EQ(r->col_maxwidth[1], bar - 6);
+  EXPECT_EQ(maxwidth(1), bar - 6);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 1|" + std::to_string(bar - 6) + " \n");
   // "Spalten optimieren" from the popup.
   fl_seam_queue_popup(2);
-  QTest::mouseClick(tb_->widget, Qt::RightButton, {},
-                    QPoint(30, tabbox_list_y(tb_) + r->char_h / 2));
-  EXPECT_EQ(r->col_maxwidth[1], -1);
+  QTest::mouseClick(tb_->widget, Qt::RightButton, {}, QPoint(30, tabbox_list_y(tb_) + ch / 2));
+  EXPECT_EQ(maxwidth(1), -1);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 \n");
   fl_hide_form(form_);
 }
