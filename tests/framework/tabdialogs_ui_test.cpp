@@ -91,6 +91,12 @@ TEST_F(TabDialogs, ExportTextTurnsPlainNumbersToCommas) {
   fl_end_form();
   EXPECT_EQ(myfl_export_tabbox_text(bare, 1, &text, &error), 0);
   EXPECT_EQ(error, "Es ist ein Fehler aufgetreten (Tabellenanzahl inkonsistent)");
+  // Only trailing blanks are cut: a right-aligned number stays as it is.
+  fl_set_tabbox_title(bare, "Betrag | Nr");
+  fl_add_tabbox_line(bare, "   1.5 | 2 ");
+  fl_add_tabbox_line(bare, "2.5    | 3");
+  ASSERT_EQ(myfl_export_tabbox_text(bare, 1, &text, &error), 1);
+  EXPECT_EQ(text, "Betrag\tNr\n   1.5\t2\n2,5\t3\n");
   fl_free_form(f);
 }
 
