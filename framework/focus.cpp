@@ -147,21 +147,13 @@ int myfl_set_focus_next(FL_FORM *form) {
   } else {
     return 0;
   }
-  if (!fl_object_can_focus(target)) return 0;
+  // The focus goes to the object in any case; only the result tells whether
+  // it is one that can take it (the Tab key then goes on to the next input).
   fl_set_focus_object(form, target);
-  return 1;
+  return fl_object_can_focus(target);
 }
 
-int myfl_focus_next_input(FL_FORM *form, FL_OBJECT *obj) {
-  if (!form || !obj || obj->form != form) return 0;
-  for (FL_OBJECT *o = obj->next; o && o != obj; o = o->next) {
-    if (o->objclass == FL_INPUT && fl_object_can_focus(o)) {
-      fl_set_focus_object(form, o);
-      return 1;
-    }
-  }
-  return 0;
-}
+int myfl_focus_next_input(FL_FORM *form, FL_OBJECT *obj) { return fl_focus_next_input(form, obj); }
 
 void myfl_define_ctrl_tabbox(FL_FORM *form, FL_OBJECT *tabbox) {
   MYFL_FORMINFO *info = record(form, "myfl_define_ctrl_tabbox", false);

@@ -74,7 +74,8 @@ TEST_F(Focus, FirstObjectOnlyAndTheNextInputSearch) {
   myfl_show_form(form_, "FocusTest");
   EXPECT_EQ(fl_get_focus_object(form_), b_)
       << "a first object that cannot take the focus: next input";
-  EXPECT_EQ(myfl_set_focus_next(form_), 0);
+  EXPECT_EQ(myfl_set_focus_next(form_), 0) << "the first object cannot take the focus";
+  EXPECT_EQ(form_->focus, button_) << "but the step moves it there";
   // The search for the next input wraps round.
   EXPECT_EQ(myfl_focus_next_input(form_, multi_), 1);
   EXPECT_EQ(fl_get_focus_object(form_), a_);
