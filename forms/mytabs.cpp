@@ -292,7 +292,10 @@ void rebuild_companion(FL_TABBOX_REC *r) {
   std::string title = padded("Attribut", attr_w);
   for (int p = 0; p < n; ++p) title += " | " + padded(heads[p], line_w[p]);
   c->full_title = title;
+  // Widths the user dragged on the companion stay while its shape does.
+  std::vector<int> dragged = std::move(c->col_maxwidth);
   reset_columns(c, count_bars(title) + 2);
+  if (dragged.size() == c->col_maxwidth.size()) c->col_maxwidth = std::move(dragged);
   c->lines.clear();
   c->selected.clear();
   for (int col : shown) {

@@ -218,6 +218,8 @@ void built_in_popup(FL_OBJECT *obj, QWidget *w) {
     break;
   case 2:
     std::fill(own->col_maxwidth.begin(), own->col_maxwidth.end(), -1);
+    if (own->companion)
+      std::fill(own->companion->col_maxwidth.begin(), own->companion->col_maxwidth.end(), -1);
     fl_draw_tabbox(obj);
     if (h.optimize) h.optimize(obj);
     break;
@@ -291,9 +293,14 @@ int popup_shortcut(FL_OBJECT *obj, int key) {
   return 0;
 }
 
-// Ends a column resize at widget x (title line or not).
-void finish_resize(FL_OBJECT *obj, int x, bool over_title) {
-  FL_TABBOX_REC *r = own_of(obj);
+// Ends a column resize of r (the record shown) at widget x (title line or
+// not). In vertical display r is the companion: its columns are the lines
+// turned, so the new width is kept with the companion (across rebuilds of the
+// same shape) and not written to the settings, which describe the columns of
+// the horizontal display.
+void finish_resize(FL_OBJECT *obj, FL_TABBOX_REC *r, int x, bool over_title) {
+  FL_TABBOX_REC *own = own_of(obj);
+  const bool turned = r != own;
   int start = r->resize_col;
   r->resize_col = -1;
   if (!over_title || r->char_w <= 0) return;
@@ -312,8 +319,8 @@ void finish_resize(FL_OBJECT *obj, int x, bool over_title) {
   width = std::max(1, std::min(width, r->col_width[col]));
   r->col_maxwidth[col] = width;
   TabboxHooks &h = fl_tabbox_hooks();
-  if (h.colwidth) h.colwidth(obj, col, width);
-  r->changed = 1;
+  if (h.colwidth && !turned) h.colwidth(obj, col, width);
+  own->changed = 1;
   if (h.refresh)
     h.refresh(obj);
   else
@@ -447,7 +454,8 @@ void TabboxWidget::press(QPoint pos, Qt::MouseButton button, bool dbl) {
     break;
   }
   case TB_HIT_TITLE: {
-    if (button != Qt::LeftButton || own->vertical || r->char_w <= 0) return;
+    // Any button, and in vertical display on the companion's title.
+    if (r->char_w <= 0) return;
     // Title positions count from one cell left of the text, so that p - 1
     // is the character under the mouse: a press on a "|" starts the resize.
     int title_x = tabbox_text_x(obj) - r->char_w;
@@ -505,9 +513,9 @@ void TabboxWidget::release(QPoint pos) {
   FL_TABBOX_REC *r = fl_tabbox_active(own);
   timer_.stop();
   bool any = false;
-  if (own->resize_col >= 0) {
+  if (r->resize_col >= 0) {
     unsetCursor();
-    finish_resize(obj, pos.x(), tabbox_hit_area(obj, pos.x(), pos.y()) == TB_HIT_TITLE);
+    finish_resize(obj, r, pos.x(), tabbox_hit_area(obj, pos.x(), pos.y()) == TB_HIT_TITLE);
     any = true;
   }
   for (FL_TABBOX_REC *x : {own, r}) {

@@ -287,13 +287,39 @@ TEST_F(TabboxUi, DraggingABarInTheTitleCutsTheColumn) {
   EXPECT_EQ(std::string(fl_get_tabbox_title(tb)), "Name   | " + title().substr(12));
   EXPECT_EQ(std::string(fl_get_tabbox_line(tb, 1)), "Zeile ~| " + std::string(150, 'b'));
   // Never narrower than 1 nor wider than the column.
-  QTest::mousePress(tb->widget, Qt::LeftButton, {}, cell(7));
-  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, cell(0));
+  // Every button resizes.
+  QTest::mousePress(tb->widget, Qt::RightButton, {}, cell(7));
+  QTest::mouseRelease(tb->widget, Qt::RightButton, {}, cell(0));
   EXPECT_EQ(maxwidth(tb, 1), 1);
-  QTest::mousePress(tb->widget, Qt::LeftButton, {}, cell(2));
-  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, cell(30));
+  QTest::mousePress(tb->widget, Qt::MiddleButton, {}, cell(2));
+  QTest::mouseRelease(tb->widget, Qt::MiddleButton, {}, cell(30));
   EXPECT_EQ(maxwidth(tb, 1), 10);
   EXPECT_EQ(g.widths, (std::vector<std::pair<int, int>>{{1, 6}, {1, 1}, {1, 10}}));
+
+  // In vertical display the companion's columns are resized: "Attribut" is
+  // padded to "Beschreibung", its bar at 13. The width stays with the
+  // companion, away from the settings of the horizontal columns.
+  FL_OBJECT *turned = make(0, 1);
+  fl_set_tabbox_vert(turned);
+  fl_layout_tabbox(turned);
+  auto last_offset = [&] {
+    fl_tabbox_rightmost(turned);
+    int o = mytabs_get_offset(turned);
+    fl_tabbox_leftmost(turned);
+    return o;
+  };
+  auto turned_cell = [&](int pos) {
+    return QPoint(tabbox_text_x(turned) + pos * cw + cw / 2, char_h(turned) / 2 + 2);
+  };
+  const int before = last_offset();
+  QTest::mousePress(turned->widget, Qt::LeftButton, {}, turned_cell(13));
+  EXPECT_EQ(turned->widget->cursor().shape(), Qt::SizeAllCursor);
+  QTest::mouseRelease(turned->widget, Qt::LeftButton, {}, turned_cell(8));
+  EXPECT_EQ(last_offset(), before - 5);
+  EXPECT_EQ(maxwidth(turned, 1), -1);
+  EXPECT_EQ(g.widths.size(), 3u);
+  fl_draw_tabbox(turned); // a rebuild keeps the dragged width
+  EXPECT_EQ(last_offset(), before - 5);
 }
 
 TEST_F(TabboxUi, PopupsOfferTheirChoices) {
