@@ -623,6 +623,17 @@ int fl_object_can_focus(FL_OBJECT *obj) {
   return (obj->widget->focusPolicy() & Qt::TabFocus) ? 1 : 0;
 }
 
+int fl_focus_next_input(FL_FORM *form, FL_OBJECT *obj) {
+  if (!form || !obj || obj->form != form) return 0;
+  for (FL_OBJECT *o = obj->next; o && o != obj; o = o->next) {
+    if (o->objclass == FL_INPUT && fl_object_can_focus(o)) {
+      fl_set_focus_object(form, o);
+      return 1;
+    }
+  }
+  return 0;
+}
+
 int fl_focus_next_object(FL_FORM *form, int backward) {
   if (!form || form->objects.empty()) return 0;
   const auto &objs = form->objects;

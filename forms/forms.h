@@ -306,6 +306,10 @@ int fl_object_can_focus(FL_OBJECT *obj);
 // Moves the focus to the next (backward: previous) focusable object of the
 // ring after the focus object. Returns 1 when the focus moved.
 int fl_focus_next_object(FL_FORM *form, int backward);
+// Gives the focus to the first input field after obj in the form's object
+// ring (wrapping round) that can take it; the search ends when it comes back
+// to obj. Returns 1 when an input got the focus, 0 when none could.
+int fl_focus_next_input(FL_FORM *form, FL_OBJECT *obj);
 
 // The form and object a widget belongs to (walking up its parents), or null.
 FL_FORM *fl_form_of_widget(const QWidget *widget);

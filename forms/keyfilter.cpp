@@ -3,6 +3,7 @@
 #include "forms/keyfilter.h"
 
 #include "forms/dialogs.h"
+#include "forms/editor.h"
 #include "forms/popup.h"
 
 #include <QApplication>
@@ -101,7 +102,11 @@ private:
       if (!pressed) {
         bool back = qtkey == Qt::Key_Backtab || (e->modifiers() & Qt::ShiftModifier);
         FL_FORM *cur = fl_get_current_form() ? fl_get_current_form() : form;
-        if (!(g_tab_handler && g_tab_handler(cur, back ? 1 : 0)))
+        FL_OBJECT *focus = fl_get_focus_object(cur);
+        // An editor passes Tab to the next input field, past its own buttons.
+        if (!back && focus && fl_get_editor(focus))
+          fl_focus_next_input(cur, focus);
+        else if (!(g_tab_handler && g_tab_handler(cur, back ? 1 : 0)))
           fl_focus_next_object(cur, back ? 1 : 0);
       }
       return true;

@@ -6,6 +6,7 @@
 //   1. Tab and Shift-Tab are swallowed; on release the focus moves to the next
 //      (previous) object of the current form, through the tab handler when one
 //      is installed (the framework's focus order), else in creation order.
+//      Tab in an editor's input goes to the next input field instead.
 //   2. Escape (no pop-up menu open): on release the form's close handler is
 //      asked; unless it refuses with -1 the form closes and gets the
 //      deactivation event.

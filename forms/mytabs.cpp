@@ -10,6 +10,7 @@
 
 #include "base/msg.h"
 #include "forms/mytabs_draw.h"
+#include "forms/mytabs_int.h"
 #include "forms/mytabs_sort.h"
 
 #include <algorithm>
@@ -149,20 +150,6 @@ FL_TABBOX_REC *rec_of(FL_OBJECT *obj, const char *fn) {
 }
 
 void index_error(const char *fn) { msg_print("%s: Index out of range\n", fn); }
-
-// Grows the text capacity before a text of length len is stored.
-void grow_text(FL_TABBOX_REC *r, size_t len) {
-  while (static_cast<long>(len) >= r->text_capacity) {
-    long c = r->text_capacity;
-    r->text_capacity =
-        static_cast<int>((static_cast<long>(len) > c + 500 ? static_cast<long>(len) : c) + 500);
-  }
-}
-
-// Grows the line capacity before a line is added or inserted.
-void grow_lines(FL_TABBOX_REC *r) {
-  if (r->line_count >= r->line_capacity) r->line_capacity += 50;
-}
 
 void set_changed(FL_OBJECT *obj, FL_TABBOX_REC *r) {
   r->changed = 1;
@@ -304,9 +291,11 @@ void rebuild_companion(FL_TABBOX_REC *r) {
   }
   std::string title = padded("Attribut", attr_w);
   for (int p = 0; p < n; ++p) title += " | " + padded(heads[p], line_w[p]);
-  grow_text(c, title.size());
   c->full_title = title;
+  // Widths the user dragged on the companion stay while its shape does.
+  std::vector<int> dragged = std::move(c->col_maxwidth);
   reset_columns(c, count_bars(title) + 2);
+  if (dragged.size() == c->col_maxwidth.size()) c->col_maxwidth = std::move(dragged);
   c->lines.clear();
   c->selected.clear();
   for (int col : shown) {
@@ -318,12 +307,10 @@ void rebuild_companion(FL_TABBOX_REC *r) {
       if (f.size() > cut) f.resize(cut);
       line += " | " + padded(f, line_w[p]);
     }
-    grow_text(c, line.size());
     c->lines.push_back(line);
     c->selected.push_back(0);
   }
   c->line_count = c->lines.size();
-  c->line_capacity = std::max(50, (c->line_count + 49) / 50 * 50);
   c->nsort = 0;
   c->sort_cols.clear();
   c->sort_dirs.clear();
@@ -415,8 +402,6 @@ int add_line(FL_OBJECT *obj, const char *text, const char *fn) {
   FL_TABBOX_REC *r = rec_of(obj, fn);
   if (!r) return 0;
   std::string_view t = text ? text : "";
-  grow_text(r, t.size());
-  grow_lines(r);
   r->lines.push_back(t);
   r->selected.push_back(0);
   r->line_order.push_back(r->line_count);
@@ -598,8 +583,6 @@ int fl_insert_tabbox_line(FL_OBJECT *obj, int line, const char *text) {
     return 0;
   }
   std::string_view t = text ? text : "";
-  grow_text(r, t.size());
-  grow_lines(r);
   int at = line - 1;
   r->lines.insert(at, t);
   r->selected.insert(r->selected.begin() + at, 0);
@@ -638,7 +621,6 @@ int fl_replace_tabbox_line(FL_OBJECT *obj, int line, const char *text) {
     return 0;
   }
   std::string_view t = text ? text : "";
-  grow_text(r, t.size());
   if (line - 1 < r->line_count) {
     r->lines.replace(line - 1, t);
     r->selected[line - 1] = 0;
@@ -821,7 +803,6 @@ int fl_set_tabbox_title(FL_OBJECT *obj, const char *text) {
   FL_TABBOX_REC *r = rec_of(obj, "fl_set_tabbox_title");
   if (!r) return 0;
   std::string_view t = text ? text : "";
-  grow_text(r, t.size());
   r->full_title = std::string(t);
   reset_columns(r, count_bars(t) + 2);
   r->changed = 1;
@@ -857,7 +838,6 @@ void fl_set_tabbox_dblclick_callback(FL_OBJECT *obj, FL_CALLBACKPTR cb, long arg
   if (!r) return;
   r->dblclick = cb;
   r->dblclick_arg = argument;
-  r->dblclick_ms = 400;
 }
 
 void fl_set_tabbox_callback2(FL_OBJECT *obj, FL_CALLBACKPTR cb, long argument) {
@@ -960,4 +940,56 @@ char *fl_get_tabbox_vert_attr_line_value(FL_OBJECT *obj, int line) {
 void fl_set_tabbox_viewer(FL_OBJECT *obj, int on) {
   FL_TABBOX_REC *r = rec_of(obj, "fl_set_tabbox_viewer");
   if (r) r->viewer = on ? 1 : 0;
+}
+
+// ---- Accessors --------------------------------------------------------------------
+
+int mytabs_is_tabbox(FL_OBJECT *obj) { return fl_tabbox_record(obj) ? 1 : 0; }
+
+int mytabs_get_slots(FL_OBJECT *obj) {
+  FL_TABBOX_REC *r = fl_tabbox_record(obj);
+  return r ? r->slots : -1;
+}
+
+int mytabs_get_shown_lines(FL_OBJECT *obj) {
+  FL_TABBOX_REC *r = fl_tabbox_record(obj);
+  if (!r) return 0;
+  fl_layout_tabbox(obj);
+  return fl_tabbox_active(r)->line_count;
+}
+
+int mytabs_get_offset(FL_OBJECT *obj) {
+  FL_TABBOX_REC *r = fl_tabbox_record(obj);
+  if (!r) return 0;
+  fl_layout_tabbox(obj);
+  return fl_tabbox_active(r)->offset;
+}
+
+std::string mytabs_get_field(FL_OBJECT *obj, std::string_view text, int col) {
+  FL_TABBOX_REC *r = fl_tabbox_record(obj);
+  if (!r) return std::string();
+  fl_layout_tabbox(obj);
+  return fl_tabbox_field(r, text, col);
+}
+
+int mytabs_copy_shown_line(FL_OBJECT *src, int line, FL_OBJECT *dst) {
+  FL_TABBOX_REC *own = fl_tabbox_record(src);
+  if (!own || !fl_tabbox_record(dst)) return 0;
+  fl_layout_tabbox(src);
+  const FL_TABBOX_REC *r = fl_tabbox_active(own);
+  if (line < 1 || line > r->line_count) return 0;
+  // Copies first: dst may be src, and its title and lines are replaced.
+  std::string title = r->full_title, text(r->lines.at(line - 1));
+  std::vector<int> order = r->col_order, visible = r->col_visible, colmax = r->col_maxwidth;
+  fl_unset_tabbox_vert(dst);
+  fl_set_tabbox_title(dst, title.c_str());
+  FL_TABBOX_REC *d = fl_tabbox_record(dst);
+  for (size_t k = 0; k < order.size() && k < static_cast<size_t>(d->slots); ++k) {
+    d->col_order[k] = order[k];
+    d->col_visible[k] = visible[k];
+    d->col_maxwidth[k] = colmax[k];
+  }
+  fl_clear_tabbox(dst);
+  fl_add_tabbox_line(dst, text.c_str());
+  return 1;
 }

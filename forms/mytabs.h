@@ -5,13 +5,15 @@
 // a vertical and a horizontal scroll position, and can show its content turned
 // by 90 degrees (vertical display through a companion record).
 //
-// This module holds the record, the layout rules and every fl_ operation of
-// the tabbox's table. The sort order is computed in mytabs_sort.h; drawing,
-// mouse, keys and popups live in mytabs_draw.cpp. What the framework adds
-// (stored settings, the sort, export and viewer dialogs, the program-wide
-// modifier state, which keys it lets through) reaches the tabbox through the
-// replaceable hooks at the end of this header; until the framework installs
-// them the tabbox does the plain thing described there.
+// This header is the tabbox's whole public face: the fl_ operations of its
+// table, the mytabs_ accessors the framework and the application need beside
+// them, and the replaceable hooks through which the framework adds what the
+// tabbox leaves to it (stored settings, the sort, export and viewer dialogs,
+// the program-wide modifier state, which keys it lets through); until the
+// framework installs them the tabbox does the plain thing described there.
+// The record itself (FL_TABBOX_REC, opaque here) and the layout rules are
+// private to forms/ (mytabs_int.h); the sort order is computed in
+// mytabs_sort.h, drawing, mouse, keys and popups live in mytabs_draw.cpp.
 //
 // Texts are Latin-1. Line numbers in the interface are 1-based; a display
 // position is the place in the current sort order.
@@ -19,117 +21,25 @@
 
 #include "forms/forms.h"
 
-#include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
+
+// The tabbox record behind obj->priv; its fields are the tabbox's own.
+struct FL_TABBOX_REC;
 
 // Callback of the application's popup: the object and the chosen item (from 1).
 using FL_TABBOX_POPUP_CB = void (*)(FL_OBJECT *obj, int item);
-
-// The raw texts of a tabbox: one arena of texts in blocks plus a pointer and a
-// length per line. Replacing a line appends its new text; the arena is
-// compacted when more than half of it is garbage. Each text is stored with a
-// terminating zero so that it can be handed out as a C string.
-class TabboxTexts {
-public:
-  int size() const { return static_cast<int>(ptr_.size()); }
-  std::string_view at(int i) const { return {ptr_[i], len_[i]}; }
-  const char *c_str(int i) const { return ptr_[i]; }
-  void push_back(std::string_view text);
-  void insert(int i, std::string_view text);
-  void erase(int i);
-  void replace(int i, std::string_view text);
-  void clear();
-  // Bytes held by the arena blocks and the per-line arrays.
-  size_t memory_bytes() const;
-
-private:
-  const char *store(std::string_view text);
-  void compact();
-  std::vector<std::unique_ptr<char[]>> blocks_;
-  std::vector<size_t> block_size_;
-  size_t used_ = 0;    // bytes used in the last block
-  size_t live_ = 0;    // bytes of texts still referenced
-  size_t garbage_ = 0; // bytes of replaced or erased texts
-  std::vector<const char *> ptr_;
-  std::vector<uint32_t> len_;
-};
 
 // The border width of the tabbox's frame, title line and buttons, in pixels.
 constexpr int FL_TABBOX_BW = 2;
 // Width or height of every scroll element.
 constexpr int FL_TABBOX_SCROLL = 18;
 
-// Scroll elements (pressed flags, repeat counters), in the order of the hit
-// areas of the drawing code.
-enum { TB_LEFT = 0, TB_RIGHT = 1, TB_DOWN = 2, TB_UP = 3, TB_CORNER = 4 };
-
-// The tabbox record: obj->priv of a class-1001 object, and the companion used
-// for vertical display.
-struct FL_TABBOX_REC {
-  FL_OBJECT *owner = nullptr;
-  std::string title;      // display title (derived)
-  std::string full_title; // the title as given
-  TabboxTexts lines;      // raw lines by raw line number (0-based)
-  std::vector<unsigned char> selected;
-  int changed = 1;
-  // Per column slot (slot 0 = left edge).
-  std::vector<int> col_end, col_width, col_visible, col_order, col_maxwidth;
-  std::vector<int> line_order; // display position -> raw line (0-based)
-  int nsort = 0;
-  std::vector<int> sort_cols, sort_dirs;
-  int line_capacity = 50;
-  int text_capacity = 250;
-  int slots = 0;
-  int maxwidth = -1;
-  int char_h = 16, char_w = 8, visible_chars = 0, screen_lines = 0;
-  int max_display_len = 0;
-  int line_count = 0;
-  int offset = 0;
-  int topline = 0;
-  int fontsize = 12, fontstyle = FL_FIXED_STYLE, title_fontstyle = FL_FIXEDBOLD_STYLE;
-  // Interaction state (mytabs_draw.cpp).
-  int pressed[5] = {0, 0, 0, 0, 0};
-  int repeat[5] = {0, 0, 0, 0, 0};
-  int repeat_started[5] = {0, 0, 0, 0, 0};
-  int trough_pressed[2] = {0, 0}; // horizontal, vertical
-  int trough_repeat[2] = {0, 0};
-  int trough_started[2] = {0, 0};
-  int trough_back[2] = {0, 0}; // the press was before the knob
-  int hdrag = 0, vdrag = 0;
-  int drag_x = 0, drag_y = 0, drag_offset = 0, drag_topline = 0;
-  int resize_col = -1; // display-title position of the "|" being dragged
-  int hslider_len = 0, vslider_len = 0;
-  FL_CALLBACKPTR dblclick = nullptr;
-  long dblclick_arg = 0;
-  int dblclick_ms = 0;
-  FL_CALLBACKPTR callback2 = nullptr;
-  long callback2_arg = 0;
-  std::string popup;
-  FL_TABBOX_POPUP_CB popup_cb = nullptr;
-  int vertical = 0;
-  std::unique_ptr<FL_TABBOX_REC> companion;
-  int comma = -1;
-  int viewer = 1;
-  int flag2 = 1;
-  // Layout plan: for each shown column in display order its field start
-  // rule, length and cut width (-1 none); built at layout.
-  struct Field {
-    int prev_end, end, cut, col;
-  };
-  std::vector<Field> plan;
-  std::string line_buffer; // the text handed out by fl_get_tabbox_line
-};
-
 // ---- The object -------------------------------------------------------------
 
 // Creates a class-1001 object in the form being built (fatal outside a form,
 // like every fl_add_ function). Type 0 no selection, 3 multiple, other single.
 FL_OBJECT *fl_add_tabbox(int type, int x, int y, int w, int h, const char *label);
-// The record of a tabbox object, or nullptr for anything else.
-FL_TABBOX_REC *fl_tabbox_record(FL_OBJECT *obj);
 
 // ---- Operations (each reports a bad object on the diagnostic output) ----------
 
@@ -206,20 +116,40 @@ void fl_tabbox_down(FL_OBJECT *obj);
 void fl_tabbox_pgup(FL_OBJECT *obj);
 void fl_tabbox_pgdown(FL_OBJECT *obj);
 
-// ---- Layout helpers (also used by the framework) --------------------------------
-
 // Lays the record out now when its changed flag is set (column ends, display
 // title, sort order, maximum display length; in vertical display also the
 // companion) and clears the flag. Drawing does this itself.
 void fl_layout_tabbox(FL_OBJECT *obj);
-// The field between the end positions of column slots col - 1 and col of
-// text, without leading and trailing "|" and blanks.
-std::string fl_tabbox_field(const FL_TABBOX_REC *rec, std::string_view text, int col);
-// The display text of raw line `raw` (0-based) of a laid-out record.
-std::string fl_tabbox_display_text(const FL_TABBOX_REC *rec, int raw);
-// The record drawing and selection work on: the companion in vertical display.
-FL_TABBOX_REC *fl_tabbox_active(FL_TABBOX_REC *rec);
 
+// ---- Accessors for the framework and the application -----------------------------
+// Each reads or changes the list the user sees: in vertical display that is
+// the attribute / value list of the companion. None reports a bad object;
+// they answer as for an empty tabbox instead.
+
+// 1 when obj is a tabbox object, else 0.
+int mytabs_is_tabbox(FL_OBJECT *obj);
+// The column slot count of the title as last set (number of "|" plus 2; 0
+// before the first title), without laying out; -1 for anything but a tabbox.
+int mytabs_get_slots(FL_OBJECT *obj);
+// The number of lines shown (lays out first); 0 for anything but a tabbox.
+int mytabs_get_shown_lines(FL_OBJECT *obj);
+// The horizontal scroll position: the first character shown of the display
+// texts (0-based, lays out first); 0 for anything but a tabbox.
+int mytabs_get_offset(FL_OBJECT *obj);
+// One step of the Left (right 0) or Right (right 1) key: one character, with
+// page 1 a page of visible characters as Shift does; the position stays in
+// 0 .. maximum display length - visible characters. Redraws.
+void mytabs_step_horizontal(FL_OBJECT *obj, int right, int page);
+// The field of column col (1-based title column) of text by the tabbox's
+// laid-out column ends, without the surrounding "|" and blanks; empty when col
+// is no column or obj no tabbox.
+std::string mytabs_get_field(FL_OBJECT *obj, std::string_view text, int col);
+// Shows in dst (a tabbox not in vertical display afterwards, its lines
+// replaced) src's shown title and its shown line `line` (1-based raw line)
+// with src's column order, visibility and maximum widths. src and dst may be
+// the same object. Returns 1; 0 with dst unchanged when line is not a shown
+// line of src or either object is no tabbox.
+int mytabs_copy_shown_line(FL_OBJECT *src, int line, FL_OBJECT *dst);
 // ---- Hooks of the framework ----------------------------------------------------
 
 using FL_TABBOX_HOOK = void (*)(FL_OBJECT *obj);
@@ -250,15 +180,3 @@ FL_TABBOX_MODIFIER_HOOK fl_set_tabbox_modifier_hook(FL_TABBOX_MODIFIER_HOOK hook
 // Page Up, Page Down, Return) without Control: 1 yes. Default: always yes.
 using FL_TABBOX_KEY_HOOK = int (*)(FL_OBJECT *obj, int key);
 FL_TABBOX_KEY_HOOK fl_set_tabbox_key_hook(FL_TABBOX_KEY_HOOK hook);
-
-// Internal to the tabbox's modules: the hooks as installed.
-struct TabboxHooks {
-  FL_TABBOX_HOOK settings = nullptr;
-  FL_TABBOX_COLWIDTH_HOOK colwidth = nullptr;
-  FL_TABBOX_HOOK optimize = nullptr;
-  FL_TABBOX_HOOK refresh = nullptr;
-  FL_TABBOX_HOOK sort_dialog = nullptr, export_dialog = nullptr, viewer = nullptr;
-  FL_TABBOX_MODIFIER_HOOK modifier = nullptr;
-  FL_TABBOX_KEY_HOOK key = nullptr;
-};
-TabboxHooks &fl_tabbox_hooks();

@@ -8,6 +8,8 @@
 // Process-wide state: the modifiers of the event being handled (read through
 // the framework's modifier hook when it is installed).
 #include "forms/mytabs_draw.h"
+// Before Qt's headers, whose "slots" macro would empty a field name.
+#include "forms/mytabs_int.h"
 
 #include "base/msg.h"
 #include "forms/draw.h"
@@ -216,6 +218,8 @@ void built_in_popup(FL_OBJECT *obj, QWidget *w) {
     break;
   case 2:
     std::fill(own->col_maxwidth.begin(), own->col_maxwidth.end(), -1);
+    if (own->companion)
+      std::fill(own->companion->col_maxwidth.begin(), own->companion->col_maxwidth.end(), -1);
     fl_draw_tabbox(obj);
     if (h.optimize) h.optimize(obj);
     break;
@@ -289,9 +293,14 @@ int popup_shortcut(FL_OBJECT *obj, int key) {
   return 0;
 }
 
-// Ends a column resize at widget x (title line or not).
-void finish_resize(FL_OBJECT *obj, int x, bool over_title) {
-  FL_TABBOX_REC *r = own_of(obj);
+// Ends a column resize of r (the record shown) at widget x (title line or
+// not). In vertical display r is the companion: its columns are the lines
+// turned, so the new width is kept with the companion (across rebuilds of the
+// same shape) and not written to the settings, which describe the columns of
+// the horizontal display.
+void finish_resize(FL_OBJECT *obj, FL_TABBOX_REC *r, int x, bool over_title) {
+  FL_TABBOX_REC *own = own_of(obj);
+  const bool turned = r != own;
   int start = r->resize_col;
   r->resize_col = -1;
   if (!over_title || r->char_w <= 0) return;
@@ -310,8 +319,8 @@ void finish_resize(FL_OBJECT *obj, int x, bool over_title) {
   width = std::max(1, std::min(width, r->col_width[col]));
   r->col_maxwidth[col] = width;
   TabboxHooks &h = fl_tabbox_hooks();
-  if (h.colwidth) h.colwidth(obj, col, width);
-  r->changed = 1;
+  if (h.colwidth && !turned) h.colwidth(obj, col, width);
+  own->changed = 1;
   if (h.refresh)
     h.refresh(obj);
   else
@@ -438,7 +447,6 @@ void TabboxWidget::press(QPoint pos, Qt::MouseButton button, bool dbl) {
     tabbox_knob(obj, v, &ks, &kl);
     bool back = (v ? pos.y() : pos.x()) < ks;
     r->trough_pressed[v] = 1;
-    r->trough_back[v] = back ? 1 : 0;
     r->trough_repeat[v] = 0;
     r->trough_started[v] = 0;
     timer_.start();
@@ -446,7 +454,8 @@ void TabboxWidget::press(QPoint pos, Qt::MouseButton button, bool dbl) {
     break;
   }
   case TB_HIT_TITLE: {
-    if (button != Qt::LeftButton || own->vertical || r->char_w <= 0) return;
+    // Any button, and in vertical display on the companion's title.
+    if (r->char_w <= 0) return;
     // Title positions count from one cell left of the text, so that p - 1
     // is the character under the mouse: a press on a "|" starts the resize.
     int title_x = tabbox_text_x(obj) - r->char_w;
@@ -504,9 +513,9 @@ void TabboxWidget::release(QPoint pos) {
   FL_TABBOX_REC *r = fl_tabbox_active(own);
   timer_.stop();
   bool any = false;
-  if (own->resize_col >= 0) {
+  if (r->resize_col >= 0) {
     unsetCursor();
-    finish_resize(obj, pos.x(), tabbox_hit_area(obj, pos.x(), pos.y()) == TB_HIT_TITLE);
+    finish_resize(obj, r, pos.x(), tabbox_hit_area(obj, pos.x(), pos.y()) == TB_HIT_TITLE);
     any = true;
   }
   for (FL_TABBOX_REC *x : {own, r}) {
@@ -530,7 +539,6 @@ bool TabboxWidget::key(int k) {
   FL_TABBOX_REC *own = own_of(obj);
   if (!own || !k) return false;
   fl_layout_tabbox(obj);
-  FL_TABBOX_REC *r = fl_tabbox_active(own);
   TabboxHooks &h = fl_tabbox_hooks();
   bool ctrl = held(FL_KEY_CONTROL), shift = held(FL_KEY_SHIFT);
   auto allowed = [&] { return ctrl || !h.key || h.key(obj, k); };
@@ -554,17 +562,8 @@ bool TabboxWidget::key(int k) {
     fl_tabbox_rightmost(obj);
     return true;
   case FL_KEY_LEFT:
-    if (shift)
-      r->offset -= r->visible_chars + 1;
-    else if (r->offset >= 1)
-      --r->offset;
-    r->offset = std::max(0, r->offset);
-    redraw(obj);
-    return true;
   case FL_KEY_RIGHT:
-    if (r->offset < r->max_display_len - r->visible_chars)
-      r->offset = shift ? std::min(r->offset + r->visible_chars - 1, max_offset(r)) : r->offset + 1;
-    redraw(obj);
+    mytabs_step_horizontal(obj, k == FL_KEY_RIGHT, shift);
     return true;
   case FL_KEY_RETURN:
     if (!ctrl && (!h.key || h.key(obj, k))) run_dblclick(obj);
@@ -694,6 +693,12 @@ void tabbox_repaint_now(FL_OBJECT *obj) {
 
 int tabbox_text_x(FL_OBJECT *) { return BW + 2; }
 
+void tabbox_char_size(FL_OBJECT *obj, int *w, int *h) {
+  FL_TABBOX_REC *r = active_of(obj);
+  if (w) *w = r ? r->char_w : 0;
+  if (h) *h = r ? r->char_h : 0;
+}
+
 int tabbox_list_y(FL_OBJECT *obj) {
   FL_TABBOX_REC *r = active_of(obj);
   return r ? title_height(r) + 1 : 0;
@@ -821,6 +826,22 @@ void fl_tabbox_leftmost(FL_OBJECT *obj) {
   FL_TABBOX_REC *r = nav_rec(obj, "fl_tabbox_leftmost");
   if (!r) return;
   r->offset = 0;
+  redraw(obj);
+}
+
+void mytabs_step_horizontal(FL_OBJECT *obj, int right, int page) {
+  FL_TABBOX_REC *own = own_of(obj);
+  if (!own) return;
+  fl_layout_tabbox(obj);
+  FL_TABBOX_REC *r = fl_tabbox_active(own);
+  if (right) {
+    if (r->offset < max_offset(r))
+      r->offset = page ? std::min(r->offset + r->visible_chars - 1, max_offset(r)) : r->offset + 1;
+  } else if (page) {
+    r->offset = std::max(0, r->offset - (r->visible_chars + 1));
+  } else if (r->offset >= 1) {
+    --r->offset;
+  }
   redraw(obj);
 }
 

@@ -43,6 +43,10 @@ void tabbox_knob(FL_OBJECT *obj, int vertical, int *start, int *length);
 // list line.
 int tabbox_text_x(FL_OBJECT *obj);
 int tabbox_list_y(FL_OBJECT *obj);
+// The character cell of the tabbox's font in pixels (0, 0 for anything but
+// a tabbox): a title or line position maps to x = tabbox_text_x + pos * w
+// less the horizontal offset, a list line k to y = tabbox_list_y + k * h.
+void tabbox_char_size(FL_OBJECT *obj, int *w, int *h);
 // One repeated mouse event while a button or trough is held (the widget's
 // timer delivers them every FL_TABBOX_REPEAT_MS): counts the element's repeat
 // counter down and steps when it runs out. Returns 1 when a step was taken.

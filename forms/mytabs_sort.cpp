@@ -4,7 +4,7 @@
 // tournament tree touch no raw text in the common case.
 #include "forms/mytabs_sort.h"
 
-#include "forms/mytabs.h"
+#include "forms/mytabs_int.h"
 
 #include <algorithm>
 #include <array>

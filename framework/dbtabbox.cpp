@@ -174,9 +174,8 @@ bool widen(MYFL_TABBOX *m, const std::vector<std::string> &fields) {
 // rebuilding the whole tabbox. raw: 1-based raw line, 0 to append.
 void show_line(MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l, int raw) {
   if (m->frozen) return;
-  FL_TABBOX_REC *r = fl_tabbox_record(m->tabbox);
   bool more = !m->title && l.fields.size() > m->widths.size();
-  if (!r || r->slots == 0 || more || widen(m, l.fields)) {
+  if (mytabs_get_slots(m->tabbox) <= 0 || more || widen(m, l.fields)) {
     rebuild(m, nullptr);
     return;
   }

@@ -27,26 +27,8 @@ MYFL_FORMINFO *record(FL_FORM *form, const char *fn, bool fatal) {
 // The control tabbox for a forwarding operation, or nullptr.
 FL_OBJECT *ctrl(FL_FORM *form, const char *fn) {
   MYFL_FORMINFO *info = record(form, fn, false);
-  if (!info || !info->ctrl_tabbox || !fl_tabbox_record(info->ctrl_tabbox)) return nullptr;
+  if (!info || !info->ctrl_tabbox || !mytabs_is_tabbox(info->ctrl_tabbox)) return nullptr;
   return info->ctrl_tabbox;
-}
-
-// One horizontal step of a tabbox as its Left / Right keys do it.
-void step_horizontal(FL_OBJECT *tabbox, bool right) {
-  fl_layout_tabbox(tabbox);
-  FL_TABBOX_REC *r = fl_tabbox_active(fl_tabbox_record(tabbox));
-  if (!r) return;
-  int limit = std::max(0, r->max_display_len - r->visible_chars);
-  bool shift = myfl_get_modifier(FL_KEY_SHIFT) != 0;
-  if (right) {
-    if (r->offset < limit)
-      r->offset = shift ? std::min(r->offset + r->visible_chars - 1, limit) : r->offset + 1;
-  } else if (shift) {
-    r->offset = std::max(0, r->offset - (r->visible_chars + 1));
-  } else if (r->offset >= 1) {
-    --r->offset;
-  }
-  fl_redraw_object(tabbox);
 }
 
 bool is_input(const FL_OBJECT *obj) { return obj && obj->objclass == FL_INPUT; }
@@ -64,7 +46,7 @@ int key_hook(FL_FORM *form, FL_OBJECT *focus, int key, int pressed) {
     return 1;
   }
   MYFL_FORMINFO *info = myfl_get_forminfo(form);
-  if (!info || !info->ctrl_tabbox || !fl_tabbox_record(info->ctrl_tabbox)) return 0;
+  if (!info || !info->ctrl_tabbox || !mytabs_is_tabbox(info->ctrl_tabbox)) return 0;
   switch (key) {
   case FL_KEY_UP:
   case FL_KEY_DOWN:
@@ -168,21 +150,13 @@ int myfl_set_focus_next(FL_FORM *form) {
   } else {
     return 0;
   }
-  if (!fl_object_can_focus(target)) return 0;
+  // The focus goes to the object in any case; only the result tells whether
+  // it is one that can take it (the Tab key then goes on to the next input).
   fl_set_focus_object(form, target);
-  return 1;
+  return fl_object_can_focus(target);
 }
 
-int myfl_focus_next_input(FL_FORM *form, FL_OBJECT *obj) {
-  if (!form || !obj || obj->form != form) return 0;
-  for (FL_OBJECT *o = obj->next; o && o != obj; o = o->next) {
-    if (o->objclass == FL_INPUT && fl_object_can_focus(o)) {
-      fl_set_focus_object(form, o);
-      return 1;
-    }
-  }
-  return 0;
-}
+int myfl_focus_next_input(FL_FORM *form, FL_OBJECT *obj) { return fl_focus_next_input(form, obj); }
 
 void myfl_define_ctrl_tabbox(FL_FORM *form, FL_OBJECT *tabbox) {
   MYFL_FORMINFO *info = record(form, "myfl_define_ctrl_tabbox", false);
@@ -216,14 +190,14 @@ MYFL_FORWARD(myfl_call_ctrl_tabbox_pgdown, fl_tabbox_pgdown)
 int myfl_call_ctrl_tabbox_left(FL_FORM *form) {
   FL_OBJECT *t = ctrl(form, "myfl_call_ctrl_tabbox_left");
   if (!t) return 0;
-  step_horizontal(t, false);
+  mytabs_step_horizontal(t, 0, myfl_get_modifier(FL_KEY_SHIFT));
   return 1;
 }
 
 int myfl_call_ctrl_tabbox_right(FL_FORM *form) {
   FL_OBJECT *t = ctrl(form, "myfl_call_ctrl_tabbox_right");
   if (!t) return 0;
-  step_horizontal(t, true);
+  mytabs_step_horizontal(t, 1, myfl_get_modifier(FL_KEY_SHIFT));
   return 1;
 }
 

@@ -29,9 +29,9 @@ FL_OBJECT *myfl_get_focus_first(FL_FORM *form);
 FL_OBJECT *myfl_get_focus_second(FL_FORM *form);
 
 // The Tab step: to the first object while the count allows (counting up),
-// else to the second (count back to the begin count). Returns 1 when the
-// object that got the focus can take it, 0 otherwise or when neither object
-// is defined.
+// else to the second (count back to the begin count). The focus is set on
+// that object even when it cannot take it (deactivated, hidden); returns 1
+// when it can, 0 when it cannot or when neither object is defined.
 int myfl_set_focus_next(FL_FORM *form);
 
 // Gives the focus to the first input field after obj in the form's object

@@ -48,9 +48,7 @@ Props props_of(FL_OBJECT *tb) {
 
 // The trimmed title of column col.
 std::string column_title(FL_OBJECT *tb, int col) {
-  FL_TABBOX_REC *r = fl_tabbox_record(tb);
-  fl_layout_tabbox(tb);
-  std::string t = fl_tabbox_field(r, fl_get_tabbox_full_title(tb), col);
+  std::string t = mytabs_get_field(tb, fl_get_tabbox_full_title(tb), col);
   return t.empty() ? "Spalte " + std::to_string(col) : t;
 }
 
@@ -548,33 +546,19 @@ void myfl_close_tabbox_export() {
 
 void myfl_open_tabbox_viewer(FL_OBJECT *tabbox) {
   myfl_create_tabbox_dialogs();
-  FL_TABBOX_REC *own = fl_tabbox_record(tabbox);
-  if (!own) return;
-  // The lines the user sees: in vertical display the attribute lines.
+  if (!mytabs_is_tabbox(tabbox)) return;
+  // The line the user sees: in vertical display an attribute line.
   fl_layout_tabbox(tabbox);
-  FL_TABBOX_REC *r = fl_tabbox_active(own);
   int raw = fl_get_tabbox(tabbox);
-  if (fl_get_tabbox_selectcount(tabbox) != 1 || raw < 1 || raw > r->line_count) {
+  if (fl_get_tabbox_selectcount(tabbox) != 1 || raw < 1 || raw > mytabs_get_shown_lines(tabbox)) {
     fl_show_message("Keine Daten darstellbar", "", "");
     return;
   }
   g_dlg.tabbox = tabbox;
-  // Copies first: the source may be the viewer's own tabbox.
-  std::string title = r->full_title, line(r->lines.at(raw - 1));
-  std::vector<int> order = r->col_order, visible = r->col_visible, colmax = r->col_maxwidth;
-  FL_OBJECT *v = g_dlg.viewer_tabbox;
   // The selected line with the source's columns, order and widths, shown
   // as attribute / value lines.
-  fl_unset_tabbox_vert(v);
-  fl_set_tabbox_title(v, title.c_str());
-  FL_TABBOX_REC *dst = fl_tabbox_record(v);
-  for (size_t k = 0; k < order.size() && k < static_cast<size_t>(dst->slots); ++k) {
-    dst->col_order[k] = order[k];
-    dst->col_visible[k] = visible[k];
-    dst->col_maxwidth[k] = colmax[k];
-  }
-  fl_clear_tabbox(v);
-  fl_add_tabbox_line(v, line.c_str());
+  FL_OBJECT *v = g_dlg.viewer_tabbox;
+  mytabs_copy_shown_line(tabbox, raw, v);
   fl_set_tabbox_vert(v);
   fl_select_tabbox_line(v, 1);
   show(g_dlg.viewer, "Tabbox-Viewer");

@@ -32,13 +32,13 @@ std::vector<Column> title_columns(const std::string &t) {
   return cols;
 }
 
-// One field: blanks around it cut, TABs made '_', and in a plain number
-// (digits, '-' and at most one '.') the '.' made ','.
+// One field: trailing blanks cut, TABs made '_', and in a plain number
+// (digits, '-' and at most one '.') the '.' made ','. Leading blanks stay: a
+// right-aligned number keeps its place in the column and, as it is then no
+// plain number, its '.'.
 std::string export_field(const std::string &line, const Column &c) {
   std::string f = c.start < line.size() ? line.substr(c.start, c.width) : std::string();
   while (!f.empty() && f.back() == ' ') f.pop_back();
-  size_t lead = f.find_first_not_of(' ');
-  f.erase(0, lead == std::string::npos ? f.size() : lead);
   int dots = 0;
   bool number = true;
   for (char &ch : f) {

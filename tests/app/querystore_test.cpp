@@ -2,7 +2,7 @@
 // forms, and the rules for adding, dropping, paging and marking entries.
 
 #include "app/querystore.h"
-#include "tests/framework/test_support.h"
+#include "tests/framework/framework_testutil.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "framework/combo.h"
 #include "framework/dbtabbox.h"
 #include "framework/help.h"
-#include "tests/framework/test_support.h"
+#include "tests/framework/framework_testutil.h"
 
 namespace {
 

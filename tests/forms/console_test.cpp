@@ -10,6 +10,7 @@
 #include <QProcess>
 #include <QTest>
 #include <QWidget>
+#include <gmock/gmock.h>
 
 #include <cstdlib>
 #include <string>
@@ -27,7 +28,7 @@ TEST(ConsoleTest, KeepsTheLast200LinesOnePerPrint) {
   }
   EXPECT_EQ(fl_console_line_count(), 200);
   const std::string &text = fl_console_text();
-  EXPECT_EQ(text.rfind("Zeile 51 \r\r\nZeile 52 ", 0), 0u) << text.substr(0, 40);
+  EXPECT_THAT(text, testing::StartsWith("Zeile 51 \r\r\nZeile 52 "));
   EXPECT_EQ(text.substr(text.size() - 13), "\r\r\nZeile 250 ");
   // Printing shows the console restored again.
   EXPECT_FALSE(fl_console_window()->isMinimized());
@@ -45,8 +46,7 @@ TEST(ProcessTest, MissingProgramIsReportedAndTheNextStartWorks) {
   ASSERT_NE(fl_command_window(), nullptr);
   EXPECT_EQ(fl_start_program("zentiq-no-such-program -x", 0), 0);
   EXPECT_EQ(fl_program_running(), 0);
-  EXPECT_NE(fl_command_text().find("Unable to start zentiq-no-such-program -x\n"),
-            std::string::npos);
+  EXPECT_THAT(fl_command_text(), testing::HasSubstr("Unable to start zentiq-no-such-program -x\n"));
 
   ASSERT_EQ(fl_start_program("/bin/sh -c \"echo aus-dem-kind; echo fehler >&2; sleep 0.2\"", 1), 1);
   EXPECT_EQ(fl_program_running(), 1);
@@ -87,6 +87,10 @@ TEST(DemoTest, ScreenshotOfTheDemoForm) {
   ASSERT_TRUE(QFile::exists(program)) << program.toStdString();
   QString png = QString::fromLocal8Bit(::testing::TempDir().c_str()) + QStringLiteral("demo.png");
   QFile::remove(png);
+  struct Remove {
+    QString path;
+    ~Remove() { QFile::remove(path); }
+  } gone_at_end{png};
   QProcess demo;
   QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
   env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
@@ -98,7 +102,6 @@ TEST(DemoTest, ScreenshotOfTheDemoForm) {
   QImage image(png);
   ASSERT_FALSE(image.isNull());
   EXPECT_EQ(image.size(), QSize(480, 330));
-  QFile::remove(png);
 }
 
 } // namespace

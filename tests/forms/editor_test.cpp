@@ -105,6 +105,25 @@ TEST_F(EditorObject, ButtonsWrapAndZoom) {
   EXPECT_EQ(zoomed, input_);
 }
 
+TEST_F(EditorObject, TabGoesToTheNextInputNotToTheButtons) {
+  fl_free_form(form_);
+  form_ = fl_begin_form(0, 500, 360);
+  FL_OBJECT *before = fl_add_input(FL_NORMAL_INPUT, 20, 10, 100, 24, "");
+  FL_OBJECT *editor = fl_add_editor(0, 20, 60, 400, 200, "");
+  FL_OBJECT *after = fl_add_input(FL_NORMAL_INPUT, 20, 300, 100, 24, "");
+  fl_end_form();
+  show_and_activate(form_);
+  fl_set_focus_object(form_, editor);
+  QTest::keyClick(editor->widget, Qt::Key_Tab);
+  EXPECT_EQ(fl_get_focus_object(form_), after);
+  // The search wraps round to the form's first input field.
+  fl_deactivate_object(after);
+  fl_set_focus_object(form_, editor);
+  QTest::keyClick(editor->widget, Qt::Key_Tab);
+  EXPECT_EQ(fl_get_focus_object(form_), before);
+  fl_hide_form(form_);
+}
+
 TEST_F(EditorObject, PositionFieldAndKeyThrottle) {
   show_and_activate(form_);
   fl_set_input(input_, "erste Zeile\nzweite Zeile\ndritte\nvierte\nfünfte");
@@ -152,6 +171,10 @@ TEST(EditorFiles, ReadsWholeFilesAndReportsMissingOnes) {
   char path[] = "/tmp/zentiq_editor_XXXXXX";
   int fd = mkstemp(path);
   ASSERT_GE(fd, 0);
+  struct Unlink {
+    const char *path;
+    ~Unlink() { unlink(path); }
+  } gone_at_end{path};
   std::string data;
   for (int i = 0; i < 25000; ++i) data += static_cast<char>('A' + i % 26);
   data += "\r\nEnde";
@@ -161,7 +184,6 @@ TEST(EditorFiles, ReadsWholeFilesAndReportsMissingOnes) {
   ASSERT_NE(text, nullptr);
   EXPECT_EQ(std::string(text), data);
   std::free(text);
-  unlink(path);
 
   forms_test::Capture printed;
   EXPECT_EQ(fl_get_file_data("/nonexistent/datei.txt"), nullptr);

@@ -8,6 +8,7 @@
 #include "forms/dialogs.h"
 #include "tests/qt_env.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>

@@ -4,6 +4,7 @@
 #include "forms/mytabs.h"
 
 #include "forms/forms.h"
+#include "forms/mytabs_draw.h"
 #include "tests/forms/forms_testutil.h"
 
 #include <cstdlib>
@@ -15,14 +16,17 @@ class TabboxModel : public ::testing::Test {
 protected:
   void TearDown() override {
     if (form_) fl_free_form(form_);
+    if (other_) fl_free_form(other_);
   }
   FL_OBJECT *make(int type, int w = 500, int h = 200) {
+    if (form_) fl_free_form(form_); // the previous tabbox of the test
     form_ = fl_begin_form(0, w + 20, h + 20);
     FL_OBJECT *tb = fl_add_tabbox(type, 10, 10, w, h, "");
     fl_end_form();
     return tb;
   }
   FL_FORM *form_ = nullptr;
+  FL_FORM *other_ = nullptr; // a second form of a test
   forms_test::Capture printed;
 };
 
@@ -42,7 +46,6 @@ TEST_F(TabboxModel, TitleDefinesColumns) {
   columns(kTitle);
   EXPECT_EQ(slots, 4);
   EXPECT_EQ(std::vector<int>(end, end + 4), (std::vector<int>{0, 10, 19, 28})); // length + 1
-  EXPECT_EQ(fl_tabbox_record(tb)->col_width, (std::vector<int>{0, 10, 8, 9}));
   EXPECT_STREQ(fl_get_tabbox_title(tb), kTitle);
 
   // No bar: one column ending after the title; empty: no column end at all.
@@ -61,27 +64,29 @@ TEST_F(TabboxModel, DisplayTextsHideReorderAndCut) {
   fl_add_tabbox_line(tb, "Abc       | Ulm    | 7");
   EXPECT_STREQ(fl_get_tabbox_line(tb, 1), "Schmidt   | Köln   | 12");
 
-  FL_TABBOX_REC *r = fl_tabbox_record(tb);
-  std::vector<int> &vis = r->col_visible, &order = r->col_order, &colmax = r->col_maxwidth;
+  // The record's own arrays, as the framework's settings change them.
+  int *vis, *order, *colmax;
+  fl_get_tabbox_properties(tb, nullptr, nullptr, &order, &vis, nullptr, nullptr, nullptr, nullptr,
+                           &colmax);
+  auto set_order = [&](std::vector<int> o) { std::copy(o.begin(), o.end(), order); };
   vis[2] = 0;
   fl_draw_tabbox(tb);
   EXPECT_STREQ(fl_get_tabbox_title(tb), "Name      | Anzahl");
   EXPECT_STREQ(fl_get_tabbox_line(tb, 1), "Schmidt   | 12");
   vis[2] = 1;
-  order = {0, 3, 1, 2};
+  set_order({0, 3, 1, 2});
   fl_draw_tabbox(tb);
   EXPECT_STREQ(fl_get_tabbox_line(tb, 1), "12     | Schmidt   | Köln  ");
-  order = {0, 1, 2, -1}; // the order ends here
+  set_order({0, 1, 2, -1}); // the order ends here
   fl_draw_tabbox(tb);
   EXPECT_STREQ(fl_get_tabbox_line(tb, 2), "Abc       | Ulm   ");
-  order = {0, 1, 2, 3};
+  set_order({0, 1, 2, 3});
 
   // A maximum width of 5: a cut word marks the separator, cut blanks do not.
   colmax[1] = 5;
   fl_draw_tabbox(tb);
   EXPECT_STREQ(fl_get_tabbox_line(tb, 1), "Schmi~| Köln   | 12");
   EXPECT_STREQ(fl_get_tabbox_line(tb, 2), "Abc   | Ulm    | 7");
-  EXPECT_EQ(r->max_display_len, static_cast<int>(std::string(fl_get_tabbox_title(tb)).size()));
 
   // The global width applies where no column width is set; the column's wins.
   fl_set_tabbox_maxwidth(tb, 2);
@@ -96,11 +101,13 @@ TEST_F(TabboxModel, DisplayTextsHideReorderAndCut) {
   hook_calls = 0;
   FL_TABBOX_HOOK old = fl_set_tabbox_settings_hook([](FL_OBJECT *obj) {
     ++hook_calls;
-    FL_TABBOX_REC *r = fl_tabbox_record(obj);
-    EXPECT_EQ(r->col_visible[2], 1);
-    EXPECT_EQ(r->col_order[1], 1);
-    EXPECT_EQ(r->col_maxwidth[1], -1);
-    r->col_visible[2] = 0; // reapplied settings hide a column
+    int *vis, *order, *colmax;
+    fl_get_tabbox_properties(obj, nullptr, nullptr, &order, &vis, nullptr, nullptr, nullptr,
+                             nullptr, &colmax);
+    EXPECT_EQ(vis[2], 1);
+    EXPECT_EQ(order[1], 1);
+    EXPECT_EQ(colmax[1], -1);
+    vis[2] = 0; // reapplied settings hide a column
   });
   vis[2] = 0;
   order[1] = 2;
@@ -184,7 +191,6 @@ TEST_F(TabboxModel, SelectionFollowsTheType) {
   EXPECT_EQ(fl_isselected_tabbox_line(none, 2), 0);
   EXPECT_EQ(fl_selectall_tabbox(none), 1); // any type
   EXPECT_EQ(fl_get_tabbox_selectcount(none), 3);
-  fl_free_form(form_);
 
   FL_OBJECT *single = make(2, 300, 100);
   for (int i = 0; i < 30; ++i) fl_add_tabbox_line(single, std::to_string(i).c_str());
@@ -194,7 +200,6 @@ TEST_F(TabboxModel, SelectionFollowsTheType) {
   EXPECT_EQ(fl_get_tabbox(single), 25);
   // A selection outside the visible lines brings it to the top.
   EXPECT_EQ(fl_get_tabbox_topline(single), 25);
-  fl_free_form(form_);
 
   FL_OBJECT *multi = make(3, 300, 100);
   for (int i = 0; i < 30; ++i) fl_add_tabbox_line(multi, std::to_string(i).c_str());
@@ -226,8 +231,11 @@ TEST_F(TabboxModel, SortedLinesShowInDisplayOrder) {
 TEST_F(TabboxModel, VerticalDisplayTurnsLinesIntoColumns) {
   FL_OBJECT *tb = make(0);
   static int hook_calls;
+  static FL_OBJECT *counted;
   hook_calls = 0;
-  FL_TABBOX_HOOK old = fl_set_tabbox_settings_hook([](FL_OBJECT *) { ++hook_calls; });
+  counted = tb;
+  FL_TABBOX_HOOK old =
+      fl_set_tabbox_settings_hook([](FL_OBJECT *obj) { hook_calls += obj == counted; });
   fl_set_tabbox_title(tb, kTitle);
   fl_add_tabbox_line(tb, "Schmidt   | Köln   | 12");
   EXPECT_EQ(fl_get_tabbox_vert_attr(tb), nullptr);
@@ -236,14 +244,19 @@ TEST_F(TabboxModel, VerticalDisplayTurnsLinesIntoColumns) {
   EXPECT_EQ(hook_calls, 2);
   EXPECT_EQ(fl_get_tabbox_vert(tb), 1);
   EXPECT_EQ(fl_is_tabbox_horizontal(tb), 0);
-  fl_layout_tabbox(tb);
-  FL_TABBOX_REC *c = fl_tabbox_record(tb)->companion.get();
-  ASSERT_NE(c, nullptr);
-  EXPECT_EQ(c->full_title, "Attribut  | Wert      ");
-  ASSERT_EQ(c->line_count, 3);
-  EXPECT_EQ(std::string(c->lines.at(0)), "Name      | Schmidt   ");
-  EXPECT_EQ(std::string(c->lines.at(1)), "Ort       | Köln      ");
-  EXPECT_EQ(std::string(c->lines.at(2)), "Anzahl    | 12        ");
+  // The attribute / value lines as the viewer copies them out.
+  other_ = fl_begin_form(0, 300, 200);
+  FL_OBJECT *copy = fl_add_tabbox(1, 0, 0, 300, 200, "");
+  fl_end_form();
+  auto shown = [&](int line) {
+    if (!mytabs_copy_shown_line(tb, line, copy)) return std::string("-");
+    return std::string(fl_get_tabbox_full_title(copy)) + " / " + fl_get_tabbox_full_line(copy, 1);
+  };
+  ASSERT_EQ(mytabs_get_shown_lines(tb), 3);
+  EXPECT_EQ(shown(1), "Attribut  | Wert       / Name      | Schmidt   ");
+  EXPECT_EQ(shown(2), "Attribut  | Wert       / Ort       | Köln      ");
+  EXPECT_EQ(shown(3), "Attribut  | Wert       / Anzahl    | 12        ");
+  EXPECT_EQ(shown(4), "-");
 
   // Selection works on the companion even though the type is 0.
   fl_select_tabbox_line(tb, 2);
@@ -261,8 +274,7 @@ TEST_F(TabboxModel, VerticalDisplayTurnsLinesIntoColumns) {
 
   // The selection survives a rebuild.
   fl_replace_tabbox_line(tb, 1, "Meier     | Bonn   | 3");
-  fl_layout_tabbox(tb);
-  EXPECT_EQ(std::string(c->lines.at(1)), "Ort       | Bonn      ");
+  EXPECT_EQ(shown(2), "Attribut  | Wert       / Ort       | Bonn      ");
   EXPECT_EQ(fl_isselected_tabbox_line(tb, 2), 1);
 
   fl_unset_tabbox_vert(tb);
@@ -274,18 +286,19 @@ TEST_F(TabboxModel, VerticalDisplayTurnsLinesIntoColumns) {
   // fields end where the title's last column ends.
   fl_add_tabbox_line(tb, "Aachenbach| Ulm    | 7");
   fl_add_tabbox_line(tb, "Bauer     | Hof    | 1234567890123");
-  fl_tabbox_record(tb)->col_visible[2] = 0;
+  int *vis;
+  fl_get_tabbox_properties(tb, nullptr, nullptr, nullptr, &vis, nullptr, nullptr, nullptr, nullptr,
+                           nullptr);
+  vis[2] = 0;
   fl_set_tabbox_vert(tb);
-  fl_layout_tabbox(tb);
-  c = fl_tabbox_record(tb)->companion.get();
-  EXPECT_EQ(c->full_title, "Attribut  | Zeile 1    | Zeile 2    | Zeile 3   ");
-  ASSERT_EQ(c->line_count, 2);
-  EXPECT_EQ(std::string(c->lines.at(0)), "Name      | Meier      | Aachenbach | Bauer     ");
-  EXPECT_EQ(std::string(c->lines.at(1)), "Anzahl    | 3          | 7          | 1234567   ");
-  EXPECT_EQ(c->slots, 5);
+  ASSERT_EQ(mytabs_get_shown_lines(tb), 2);
+  EXPECT_EQ(shown(1), "Attribut  | Zeile 1    | Zeile 2    | Zeile 3    / "
+                      "Name      | Meier      | Aachenbach | Bauer     ");
+  EXPECT_EQ(shown(2), "Attribut  | Zeile 1    | Zeile 2    | Zeile 3    / "
+                      "Anzahl    | 3          | 7          | 1234567   ");
+  EXPECT_EQ(mytabs_get_slots(copy), 5);
 
   // A type-1 tabbox never turns.
-  fl_free_form(form_);
   FL_OBJECT *t1 = make(1);
   fl_set_tabbox_vert(t1);
   EXPECT_EQ(fl_get_tabbox_vert(t1), 0);
@@ -293,8 +306,7 @@ TEST_F(TabboxModel, VerticalDisplayTurnsLinesIntoColumns) {
 
 TEST_F(TabboxModel, BadObjectsAndFixedTexts) {
   FL_OBJECT *tb = make(1);
-  form_ = nullptr;
-  FL_FORM *f = fl_begin_form(0, 100, 100);
+  other_ = fl_begin_form(0, 100, 100);
   FL_OBJECT *box = fl_add_box(FL_UP_BOX, 0, 0, 10, 10, "");
   fl_end_form();
   fl_deselect_tabbox_line(nullptr, 1);
@@ -322,13 +334,12 @@ TEST_F(TabboxModel, BadObjectsAndFixedTexts) {
 
   int x, y, w, h;
   fl_get_tabbox_listarea(tb, &x, &y, &w, &h);
-  FL_TABBOX_REC *r = fl_tabbox_record(tb);
+  int cw, ch;
+  tabbox_char_size(tb, &cw, &ch);
   EXPECT_EQ(x, 10);
-  EXPECT_EQ(y, 10 + r->char_h + 3 * FL_TABBOX_BW);
+  EXPECT_EQ(y, 10 + ch + 3 * FL_TABBOX_BW);
   EXPECT_EQ(w, 500 - 18);
-  EXPECT_EQ(h, 200 - r->char_h - 3 * FL_TABBOX_BW - 18);
-  fl_free_form(f);
-  fl_free_form(tb->form);
+  EXPECT_EQ(h, 200 - ch - 3 * FL_TABBOX_BW - 18);
 }
 
 } // namespace

@@ -6,7 +6,7 @@
 
 #include "db/access/session.h"
 #include "framework/focus.h"
-#include "tests/framework/test_support.h"
+#include "tests/framework/framework_testutil.h"
 
 #include <QListWidget>
 

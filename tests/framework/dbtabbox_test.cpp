@@ -8,7 +8,7 @@
 
 #include "base/valstr.h"
 #include "db/access/session.h"
-#include "tests/framework/test_support.h"
+#include "tests/framework/framework_testutil.h"
 
 namespace {
 
@@ -72,7 +72,7 @@ protected:
   }
   std::string field(int line, int col) {
     fl_layout_tabbox(tb_);
-    return fl_tabbox_field(fl_tabbox_record(tb_), fl_get_tabbox_full_line(tb_, line), col);
+    return mytabs_get_field(tb_, fl_get_tabbox_full_line(tb_, line), col);
   }
   std::vector<int> ids() {
     std::vector<int> v;
@@ -104,8 +104,8 @@ TEST_F(DbTabbox, LinesArePaddedToTheWidestField) {
   myfl_addto_tabbox_line(tb_, "1,Anna", nullptr);
   myfl_addto_tabbox_line(tb_, "22,\"Bernhard, B.\"", nullptr);
   myfl_addto_tabbox_line(tb_, "3", nullptr);
-  EXPECT_NE(messages().find("(addto_tabbox_line) Line is invalid (only 1 of 2 cols)\n"),
-            std::string::npos);
+  EXPECT_THAT(messages(),
+              testing::HasSubstr("(addto_tabbox_line) Line is invalid (only 1 of 2 cols)\n"));
   EXPECT_EQ(std::string(fl_get_tabbox_full_title(tb_)), "Nr | Name        ");
   EXPECT_EQ(std::string(fl_get_tabbox_full_line(tb_, 1)), "1  | Anna        ");
   EXPECT_EQ(field(2, 2), "Bernhard, B.");
@@ -127,8 +127,7 @@ TEST_F(DbTabbox, LinesArePaddedToTheWidestField) {
   EXPECT_EQ(myfl_get_tabbox_items(tb_), 5);
 
   EXPECT_EQ(myfl_get_tabbox_attrib_info(tb_, 6, 1), nullptr);
-  EXPECT_NE(messages().find("(myfl_get_tabbox_attrib_info) Invalid index (6)\n"),
-            std::string::npos);
+  EXPECT_THAT(messages(), testing::HasSubstr("(myfl_get_tabbox_attrib_info) Invalid index (6)\n"));
   // Attributes are found by title, or by database name once those are set.
   EXPECT_EQ(myfl_get_tabbox_title_attrib_idx(tb_, "Name"), 2);
   myfl_set_tabbox_kz_dbnames(tb_, 1, "KD_NR,KD_NAME");
@@ -249,7 +248,7 @@ TEST_F(DbTabbox, LoaderFillsFromTheTableInsideOneLevel) {
 
   // State: the selected record is found again after a reload.
   EXPECT_EQ(myfl_restore_tabbox_state(tb_), 0);
-  EXPECT_NE(messages().find("(myfl_restore_tabbox_state) Data not defined\n"), std::string::npos);
+  EXPECT_THAT(messages(), testing::HasSubstr("(myfl_restore_tabbox_state) Data not defined\n"));
   myfl_set_tabbox_compfunc(tb_, [](const void *x, const void *y) { return id_of(x) - id_of(y); });
   EXPECT_EQ(myfl_load_multiple_tabbox(&session_, tb_, rec_line, list, 2), 1);
   fl_select_tabbox_line(tb_, 2);
@@ -312,7 +311,7 @@ TEST_F(DbTabbox, DatabaseOperationsRunTheHooksInsideOneLevel) {
   EXPECT_EQ(id_of(first), 7);
   EXPECT_EQ(field(1, 2), "sieben");
   EXPECT_EQ(myfl_get_tabbox_item_info(tb_, 3), nullptr);
-  EXPECT_NE(messages().find("(myfl_get_tabbox_item_info) Invalid index (3)\n"), std::string::npos);
+  EXPECT_THAT(messages(), testing::HasSubstr("(myfl_get_tabbox_item_info) Invalid index (3)\n"));
 }
 
 TEST_F(DbTabbox, ProgrammingErrorsEndTheProgram) {

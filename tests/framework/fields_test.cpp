@@ -1,7 +1,7 @@
 // Typed input fields: short forms of dates, times and timestamps, strict
 // number scans, and the field callback driven by real keys.
 #include "framework/fields.h"
-#include "tests/framework/test_support.h"
+#include "tests/framework/framework_testutil.h"
 
 namespace {
 
@@ -123,7 +123,7 @@ TEST_F(FieldsForm, FieldCallbackRewritesOrRejectsTypedText) {
   QTest::keyClicks(b_->widget, "8:15:00");
   QTest::keyClick(b_->widget, Qt::Key_Return);
   ASSERT_EQ(fl_seam_shown().size(), 1u);
-  EXPECT_EQ(fl_seam_shown()[0].text.rfind("Ungültige Uhrzeit!", 0), 0u);
+  EXPECT_THAT(fl_seam_shown()[0].text, testing::StartsWith("Ungültige Uhrzeit!"));
   EXPECT_STREQ(fl_get_input(b_), "8:15:00") << "the text stays for correction";
   EXPECT_EQ(fl_get_focus_object(form_), b_);
 

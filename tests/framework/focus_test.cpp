@@ -2,7 +2,7 @@
 // next-input search, navigation keys forwarded to the control tabbox, and the
 // fatal and non-fatal misuses.
 #include "framework/focus.h"
-#include "tests/framework/test_support.h"
+#include "tests/framework/framework_testutil.h"
 
 namespace {
 
@@ -74,7 +74,8 @@ TEST_F(Focus, FirstObjectOnlyAndTheNextInputSearch) {
   myfl_show_form(form_, "FocusTest");
   EXPECT_EQ(fl_get_focus_object(form_), b_)
       << "a first object that cannot take the focus: next input";
-  EXPECT_EQ(myfl_set_focus_next(form_), 0);
+  EXPECT_EQ(myfl_set_focus_next(form_), 0) << "the first object cannot take the focus";
+  EXPECT_EQ(form_->focus, button_) << "but the step moves it there";
   // The search for the next input wraps round.
   EXPECT_EQ(myfl_focus_next_input(form_, multi_), 1);
   EXPECT_EQ(fl_get_focus_object(form_), a_);
@@ -96,21 +97,20 @@ TEST_F(Focus, NavigationKeysReachTheControlTabbox) {
   QTest::keyClick(w, Qt::Key_Up);
   EXPECT_EQ(fl_get_tabbox(tabbox_), 1) << "Down and Up in an input move the tabbox selection";
 
-  FL_TABBOX_REC *r = fl_tabbox_active(fl_tabbox_record(tabbox_));
   QTest::keyClicks(w, "abc");
   QTest::keyClick(w, Qt::Key_Left);
   EXPECT_EQ(fl_get_input_cursorpos(a_), 2) << "Left edits in an input";
-  EXPECT_EQ(r->offset, 0);
+  EXPECT_EQ(mytabs_get_offset(tabbox_), 0);
   QTest::keyPress(w, Qt::Key_Control);
   QTest::keyClick(w, Qt::Key_End, Qt::ControlModifier);
-  EXPECT_GT(r->offset, 0) << "with Control it scrolls the tabbox";
+  EXPECT_GT(mytabs_get_offset(tabbox_), 0) << "with Control it scrolls the tabbox";
   QTest::keyClick(w, Qt::Key_Home, Qt::ControlModifier);
   QTest::keyRelease(w, Qt::Key_Control);
-  EXPECT_EQ(r->offset, 0);
+  EXPECT_EQ(mytabs_get_offset(tabbox_), 0);
 
   fl_set_focus_object(form_, button_);
   QTest::keyClick(button_->widget, Qt::Key_End);
-  EXPECT_GT(r->offset, 0) << "outside inputs no Control is needed";
+  EXPECT_GT(mytabs_get_offset(tabbox_), 0) << "outside inputs no Control is needed";
   QTest::keyClick(button_->widget, Qt::Key_Return);
   EXPECT_EQ(g_dblclicks, 1) << "Return opens the selected line";
 

@@ -2,7 +2,7 @@
 // the tag check, the display texts, and the help dialog driven by F1 and its
 // buttons, with the external editor replaced by a shell command.
 #include "framework/help.h"
-#include "tests/framework/test_support.h"
+#include "tests/framework/framework_testutil.h"
 
 namespace {
 
@@ -150,7 +150,7 @@ TEST_F(HelpDialog, F1ShowsTheTextAndEditingSavesIt) {
   QTest::mouseClick(d_->close->widget, Qt::LeftButton);
   EXPECT_EQ(d_->open, 0);
   EXPECT_FALSE(d_->form->window->isVisible());
-  EXPECT_NE(slurp("helptest.ini").find("[Hilfedialog_XY]"), std::string::npos)
+  EXPECT_THAT(slurp("helptest.ini"), testing::HasSubstr("[Hilfedialog_XY]"))
       << "the dialog's position is kept";
   fl_hide_form(form_);
 }

@@ -5,7 +5,7 @@
 
 #include "base/ini.h"
 #include "framework/help.h"
-#include "tests/framework/test_support.h"
+#include "tests/framework/framework_testutil.h"
 
 namespace {
 

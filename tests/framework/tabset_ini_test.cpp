@@ -7,7 +7,7 @@
 
 #include "base/ini.h"
 #include "forms/mytabs_draw.h"
-#include "tests/framework/test_support.h"
+#include "tests/framework/framework_testutil.h"
 
 namespace {
 
@@ -75,7 +75,7 @@ TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
   put("Kunden_2", "[Kunden_2] v 1 4 1 2 3 2d 7m \n");
   myfl_draw_tabbox(tb_);
   EXPECT_EQ(fl_get_tabbox_vert(tb_), 1);
-  EXPECT_EQ(std::string(fl_get_tabbox_full_title(tb_)).substr(0, 7), "KD_NAME");
+  EXPECT_THAT(std::string(fl_get_tabbox_full_title(tb_)), testing::StartsWith("KD_NAME"));
   myfl_save_tabbox_ini(tb_);
   EXPECT_EQ(ini(), "[Kunden_2] v 1 4 1 2 3 2d 7m \n");
 }
@@ -88,7 +88,7 @@ TEST_F(TabSet, SavedLinesThatDoNotFitTheColumns) {
   Props p = props();
   EXPECT_EQ(p.of(p.order), (V{2, 3, 4, -1}));
   EXPECT_EQ(p.of(p.visible), (V{0, 1, 1, 1}));
-  EXPECT_EQ(messages().find("ini-file"), std::string::npos);
+  EXPECT_THAT(messages(), testing::Not(testing::HasSubstr("ini-file")));
 
   // Saved for more columns than there are: that entry alone is dropped.
   myfl_free_tabbox(tb_);
@@ -150,22 +150,25 @@ TEST_F(TabSet, DragAndOptimiseOnTheWidgetUpdateTheEntry) {
   fl_layout_tabbox(tb_);
   myfl_save_tabbox_ini(tb_);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 \n");
-  FL_TABBOX_REC *r = fl_tabbox_record(tb_);
-  const int cw = r->char_w;
-  auto cell = [&](int pos) {
-    return QPoint(tabbox_text_x(tb_) + pos * cw + cw / 2, r->char_h / 2 + 2);
+  int cw, ch;
+  tabbox_char_size(tb_, &cw, &ch);
+  auto cell = [&](int pos) { return QPoint(tabbox_text_x(tb_) + pos * cw + cw / 2, ch / 2 + 2); };
+  auto maxwidth = [&](int col) {
+    int *colmax = nullptr;
+    fl_get_tabbox_properties(tb_, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                             nullptr, &colmax);
+    return colmax[col];
   };
   // The bar after "Name" (19 wide) dragged five characters to the left.
   int bar = static_cast<int>(std::string(fl_get_tabbox_title(tb_)).find('|'));
   QTest::mousePress(tb_->widget, Qt::LeftButton, {}, cell(bar));
   QTest::mouseRelease(tb_->widget, Qt::LeftButton, {}, cell(bar - 5));
-  EXPECT_EQ(r->col_maxwidth[1], bar - 6);
+  EXPECT_EQ(maxwidth(1), bar - 6);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 1|" + std::to_string(bar - 6) + " \n");
   // "Spalten optimieren" from the popup.
   fl_seam_queue_popup(2);
-  QTest::mouseClick(tb_->widget, Qt::RightButton, {},
-                    QPoint(30, tabbox_list_y(tb_) + r->char_h / 2));
-  EXPECT_EQ(r->col_maxwidth[1], -1);
+  QTest::mouseClick(tb_->widget, Qt::RightButton, {}, QPoint(30, tabbox_list_y(tb_) + ch / 2));
+  EXPECT_EQ(maxwidth(1), -1);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 \n");
   fl_hide_form(form_);
 }

@@ -16,6 +16,7 @@
 #include "tests/access/tavrind_fixture.h"
 #include "tests/qt_env.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <unistd.h>
