@@ -1,5 +1,5 @@
-// The tabbox record, its layout and the fl_ operations of its table (see
-// mytabs.h). Display texts are not stored: the layout keeps a plan of the
+// The tabbox record (mytabs_int.h), its layout, the fl_ operations of its
+// table and the mytabs_ accessors (mytabs.h). Display texts are not stored: the layout keeps a plan of the
 // shown fields, and a display text is built from its raw text when somebody
 // asks for it (drawing asks only for the visible lines). That keeps a million
 // lines at little more than their raw texts.

@@ -122,9 +122,10 @@ void fl_tabbox_pgdown(FL_OBJECT *obj);
 void fl_layout_tabbox(FL_OBJECT *obj);
 
 // ---- Accessors for the framework and the application -----------------------------
-// Each reads or changes the list the user sees: in vertical display that is
-// the attribute / value list of the companion. None reports a bad object;
-// they answer as for an empty tabbox instead.
+// Lines, offset and the horizontal step are those of the list the user sees:
+// in vertical display the attribute / value list; slots and fields are those
+// of the tabbox's own title. None reports a bad object; they answer as for an
+// empty tabbox instead.
 
 // 1 when obj is a tabbox object, else 0.
 int mytabs_is_tabbox(FL_OBJECT *obj);
@@ -150,6 +151,7 @@ std::string mytabs_get_field(FL_OBJECT *obj, std::string_view text, int col);
 // the same object. Returns 1; 0 with dst unchanged when line is not a shown
 // line of src or either object is no tabbox.
 int mytabs_copy_shown_line(FL_OBJECT *src, int line, FL_OBJECT *dst);
+
 // ---- Hooks of the framework ----------------------------------------------------
 
 using FL_TABBOX_HOOK = void (*)(FL_OBJECT *obj);
@@ -157,7 +159,8 @@ using FL_TABBOX_HOOK = void (*)(FL_OBJECT *obj);
 // fl_unset_tabbox_vert to reapply stored settings. Default: none.
 FL_TABBOX_HOOK fl_set_tabbox_settings_hook(FL_TABBOX_HOOK hook);
 // Called after the user dragged a column to a new maximum width (column
-// number, width), to store it with the settings. Default: none.
+// number, width), to store it with the settings; not for the columns of the
+// vertical display, which the settings do not describe. Default: none.
 using FL_TABBOX_COLWIDTH_HOOK = void (*)(FL_OBJECT *obj, int col, int width);
 FL_TABBOX_COLWIDTH_HOOK fl_set_tabbox_colwidth_hook(FL_TABBOX_COLWIDTH_HOOK hook);
 // Called by "Spalten optimieren" after all maximum widths became -1, to drop

@@ -1,7 +1,8 @@
 // The tabbox on the screen: its widget (drawing, hit areas, mouse, keys,
-// auto-repeat, popups) and the font metrics it depends on. The record, the
-// layout and the fl_ operations are mytabs.h's; this header is shared by the
-// tabbox's own modules and its tests.
+// auto-repeat, popups) and the font metrics it depends on. The operations are
+// mytabs.h's, the record and the layout mytabs_int.h's; this header answers in
+// object terms only (geometry, hit areas, a repeat tick), for the tabbox's own
+// modules and for tests that drive the widget with mouse events.
 #pragma once
 
 #include "forms/mytabs.h"

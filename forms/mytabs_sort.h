@@ -2,17 +2,18 @@
 // permutation of the lines by the sort keys.
 //
 // The order is defined by a selection sort with exchanges: for each display
-// position i the leftmost smallest remaining entry m is found and the entries
-// at i and m are exchanged. Equal lines therefore do not keep their order; the
-// permutation here is exactly that one, computed in O(n log n) instead of the
-// sort's O(n^2): from ranks of the lines with one heap per rank, or, where the
-// comparison is no consistent order, with a tournament tree. Field extraction and the record
-// itself are mytabs.h's.
+// position i a scan from i to the end keeps a candidate m, replaced by every
+// later entry that compares below it, and the entries at i and m are
+// exchanged. Equal lines therefore do not keep their order; the permutation
+// here is exactly that one, computed without the sort's O(n^2): from ranks of
+// the lines with one heap per rank where the keys are a consistent order, and
+// by following the scan's candidates through a segment tree where a key mixes
+// numbers and texts (9 < 10 < 1a < 9). Field extraction and the record itself
+// are the tabbox's (mytabs_int.h).
 #pragma once
 
 #include <cstdint>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 struct FL_TABBOX_REC;
@@ -31,46 +32,22 @@ int tabbox_compare_text(std::string_view a, std::string_view b);
 // Two fields: numerically when both are numbers, else by the text rule.
 int tabbox_compare_fields(std::string_view a, std::string_view b);
 
-// Orders `order` (entries are anything cmp understands) as the selection sort
-// with exchanges does: for i = 0.., m = leftmost position in [i, n) whose
-// entry no later entry compares below (cmp(order[m], order[j]) > 0 moves the
-// candidate to j), then order[i] and order[m] are exchanged. cmp must be a
-// consistent ordering (a total preorder) on the entries; then the result is
-// the same permutation as the quadratic scan.
-template <class Cmp> void tabbox_tournament_order(std::vector<int> &order, Cmp cmp) {
-  const int n = static_cast<int>(order.size());
-  if (n < 2) return;
-  int size = 1;
-  while (size < n) size <<= 1;
-  // Nodes hold positions into order; -1 is an empty (finished) slot.
-  std::vector<int> tree(2 * size, -1);
-  auto winner = [&](int a, int b) {
-    if (a < 0) return b;
-    if (b < 0) return a;
-    return cmp(order[a], order[b]) > 0 ? b : a; // ties keep the left one
-  };
-  for (int k = 0; k < n; ++k) tree[size + k] = k;
-  for (int v = size - 1; v >= 1; --v) tree[v] = winner(tree[2 * v], tree[2 * v + 1]);
-  // Recomputes the winners on the path of one leaf up to the root.
-  auto update = [&](int pos) {
-    for (int v = (size + pos) >> 1; v >= 1; v >>= 1) tree[v] = winner(tree[2 * v], tree[2 * v + 1]);
-  };
-  for (int i = 0; i < n - 1; ++i) {
-    int m = tree[1];
-    std::swap(order[i], order[m]);
-    tree[size + i] = -1;
-    update(i);
-    // Both paths are recomputed after both changes: the part they share is
-    // done again by the second pass.
-    if (m != i) update(m);
-  }
-}
-
 // The same permutation for entries given by dense ranks (0, 1, ...; equal
 // entries, equal ranks; the entries are 0..n-1 in their initial order): per
 // rank a heap of the positions still holding that rank, O(n log n) at worst
 // and linear when the ranks are distinct.
 std::vector<int> tabbox_rank_order(const std::vector<uint32_t> &rank);
+
+// The permutation of n lines by k key fields each (fields[i * k + q] is key q
+// of line i; dirs[q] 1 ascending, 0 descending) that the selection sort with
+// exchanges gives under tabbox_compare_fields, also where a key mixes numbers
+// and texts and the comparison is no consistent order. O(n log^2 n) while the
+// scan's candidate seldom changes between lines with and without numbers,
+// as in columns of numbers with a few words; at worst (such changes all
+// along, or more than four kinds of lines by which keys hold numbers) the
+// quadratic scan itself. The views must stay valid during the call.
+std::vector<int> tabbox_exact_order(const std::vector<std::string_view> &fields, int n, int k,
+                                    const int *dirs);
 
 // The permutation of the record's lines (display position -> raw line) by
 // its sort keys; identity without keys.
