@@ -2,14 +2,19 @@
 #include "tools/sqlstream.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
+#include <condition_variable>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
+#include "base/date.h"
 #include "base/msg.h"
 #include "base/valstr.h"
 #include "db/access/session.h"
@@ -89,6 +94,17 @@ void put_utf8(std::string &out, const char *p, size_t n) {
   }
 }
 
+// What a byte needs in a field: CSV quoting, TSV escaping, UTF-8 conversion.
+enum : unsigned char { CSV_SPECIAL = 1, TSV_SPECIAL = 2, HIGH = 4 };
+constexpr auto kByteClass = [] {
+  std::array<unsigned char, 256> t{};
+  t[','] = t['"'] = CSV_SPECIAL;
+  t['\t'] = t['\\'] = TSV_SPECIAL;
+  t['\n'] = t['\r'] = CSV_SPECIAL | TSV_SPECIAL;
+  for (int c = 0x80; c < 0x100; ++c) t[static_cast<size_t>(c)] = HIGH;
+  return t;
+}();
+
 bool numeric(int type) {
   return type == DBFT_SMALLINT || type == DBFT_INTEGER || type == DBFT_FLOAT;
 }
@@ -115,10 +131,19 @@ std::string_view cell(DBRESULT *r, int row, int col, int type) {
     std::memcpy(&x, raw, 8);
     return DOUBLE_IsNull(x) ? std::string_view() : v;
   }
-  case DBFT_DATE:
-    return std::strcmp(v, "1800-01-01") == 0 ? std::string_view() : v;
-  case DBFT_TIMESTAMP:
-    return std::strcmp(v, "1800-01-01-00.00.00.000000") == 0 ? std::string_view() : v;
+  case DBFT_DATE: {
+    DATE d;
+    std::memcpy(&d, raw, sizeof d);
+    return d.year == 1800 && d.month == 1 && d.day == 1 ? std::string_view() : v;
+  }
+  case DBFT_TIMESTAMP: {
+    DATI t;
+    std::memcpy(&t, raw, sizeof t);
+    return t.year == 1800 && t.month == 1 && t.day == 1 && t.hour == 0 && t.minute == 0 &&
+                   t.second == 0 && t.usec == 0
+               ? std::string_view()
+               : v;
+  }
   default:
     return v;
   }
@@ -184,11 +209,19 @@ private:
   // CSV quotes a field holding a separator, quote or line end; TSV escapes
   // tabs, line ends and backslashes.
   void field(std::string_view t) {
+    // Most fields need neither: one pass over a class table tells.
+    unsigned char any = 0;
+    for (char c : t) any |= kByteClass[static_cast<unsigned char>(c)];
+    unsigned char special = format_ == SQL_CSV ? CSV_SPECIAL : TSV_SPECIAL;
+    if (!(any & (special | HIGH))) {
+      text_.append(t);
+      return;
+    }
+    if (!(any & special)) {
+      put_utf8(text_, t.data(), t.size());
+      return;
+    }
     if (format_ == SQL_CSV) {
-      if (t.find_first_of(",\"\n\r") == std::string_view::npos) {
-        put_utf8(text_, t.data(), t.size());
-        return;
-      }
       text_ += '"';
       for (size_t i = 0; i < t.size();) {
         size_t q = t.find('"', i);
@@ -316,6 +349,93 @@ long next_block(long current, size_t bytes, long rows, long left) {
   return left > 0 ? std::min(n, left) : n;
 }
 
+// Fetches the cursor's blocks in a thread of its own and hands them over
+// one at a time; at most one fetched block waits while the caller writes
+// another, so memory stays at about three blocks. Only the fetching thread
+// uses the session until finish() returns.
+class Fetcher {
+public:
+  explicit Fetcher(DBSESSION *s) : s_(s), thread_([this] { run(); }) {}
+  ~Fetcher() { finish(); }
+
+  // The next block (owned by the caller), or null after the last one or a
+  // failure.
+  DBRESULT *next() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return ready_ || ended_; });
+    DBRESULT *r = ready_;
+    ready_ = nullptr;
+    changed_.notify_all();
+    return r;
+  }
+
+  // Stops fetching (also in the middle) and waits for the thread. True when
+  // every statement of the fetching succeeded.
+  bool finish() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stop_ = true;
+      changed_.notify_all();
+    }
+    if (thread_.joinable()) thread_.join();
+    DBclear(ready_);
+    ready_ = nullptr;
+    return good_;
+  }
+
+private:
+  void run() {
+    long total = 0;
+    long block = g_user_max > 0 ? std::min(kFirstBlock, g_user_max) : kFirstBlock;
+    bool good = done(s_, "MAX " + std::to_string(block));
+    while (good) {
+      DBRESULT *r = fetch(s_);
+      if (!r) {
+        good = false;
+        break;
+      }
+      long rows = DBntuples(r);
+      size_t bytes = RESDATA_Memory(&r->data);
+      total += rows;
+      if (!hand_over(r)) break;
+      long left = g_user_max > 0 ? g_user_max - total : 0;
+      if (rows < block || (g_user_max > 0 && left <= 0)) break;
+      long next = next_block(block, bytes, rows, left);
+      if (next != block) {
+        block = next;
+        good = done(s_, "MAX " + std::to_string(block));
+      }
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    good_ = good;
+    ended_ = true;
+    changed_.notify_all();
+  }
+
+  // Waits until the last block was taken, then offers r. False (r freed)
+  // when the caller stopped.
+  bool hand_over(DBRESULT *r) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return !ready_ || stop_; });
+    if (stop_) {
+      DBclear(r);
+      return false;
+    }
+    ready_ = r;
+    changed_.notify_all();
+    return true;
+  }
+
+  DBSESSION *s_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  DBRESULT *ready_ = nullptr; // a fetched block not yet taken
+  bool ended_ = false;        // the thread fetches no more
+  bool stop_ = false;         // the caller wants no more
+  bool good_ = true;
+  std::thread thread_; // last: starts when the state above is ready
+};
+
 } // namespace
 
 int sqlstream_select(DBSESSION *s, const std::string &statement, SqlFormat format, FILE *out) {
@@ -330,35 +450,28 @@ int sqlstream_select(DBSESSION *s, const std::string &statement, SqlFormat forma
     return -1;
 
   if (!done(s, kDeclare + statement)) return 0;
+  // The fetcher runs the channel while this thread writes: the server makes
+  // the next block while the last one is written out.
+  Fetcher fetcher(s);
   Writer writer(format, out);
-  bool good = true, written = true;
+  bool written = true;
+  int write_error = 0;
   long total = 0;
-  long block = g_user_max > 0 ? std::min(kFirstBlock, g_user_max) : kFirstBlock;
-  good = done(s, "MAX " + std::to_string(block));
-  while (good) {
-    DBRESULT *r = fetch(s);
-    if (!r) {
-      good = false;
+  while (DBRESULT *r = fetcher.next()) {
+    total += DBntuples(r);
+    written = writer.block(r);
+    DBclear(r);
+    if (!written) {
+      write_error = errno;
       break;
     }
-    long rows = DBntuples(r);
-    size_t bytes = RESDATA_Memory(&r->data);
-    good = written = writer.block(r);
-    DBclear(r);
-    total += rows;
-    long left = g_user_max > 0 ? g_user_max - total : 0;
-    if (!good || rows < block || (g_user_max > 0 && left <= 0)) break;
-    long next = next_block(block, bytes, rows, left);
-    if (next != block) {
-      block = next;
-      good = done(s, "MAX " + std::to_string(block));
-    }
   }
+  bool good = fetcher.finish() && written;
   // The cursor is closed and the user's limit set back also after a
   // failure; a failure of either counts.
   if (!done(s, std::string("CLOSE ") + kCursor)) good = false;
   if (!done(s, "MAX " + std::to_string(g_user_max))) good = false;
   if (good) good = writer.finish(total);
-  else if (!written) term_error("the rows could not be written: %s", std::strerror(errno));
+  if (!written) term_error("the rows could not be written: %s", std::strerror(write_error));
   return good ? 1 : 0;
 }
