@@ -272,8 +272,8 @@ int main(int argc, char **argv) {
   if (!pg) g_pgc.stop();
   long tav_lines = tav ? lines_of(tavrin_args()) : -1;
   long pg_lines = pg ? lines_of(psql_args()) : -1;
-  std::printf("lines written: tavrin %ld, psql %ld (header and %d rows: %d)\n", tav_lines,
-              pg_lines, kRows, kRows + 1);
+  std::printf("lines written: tavrin %ld, psql %ld (header and %d rows: %d)\n", tav_lines, pg_lines,
+              kRows, kRows + 1);
   register_runs();
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();

@@ -156,8 +156,7 @@ std::string first_word(const std::string &statement) {
 bool run_one(DBSESSION *s, const std::string &statement, Format format) {
   // A SELECT streams its rows through a cursor, in flat memory whatever
   // its size (sqlstream.h).
-  if (int streamed = sqlstream_select(s, statement, static_cast<SqlFormat>(format));
-      streamed >= 0)
+  if (int streamed = sqlstream_select(s, statement, static_cast<SqlFormat>(format)); streamed >= 0)
     return streamed == 1;
   DBRESULT *r = nullptr;
   int outcome = 0;

@@ -4,7 +4,9 @@
 // size of the result and the first rows show at once.
 //
 // The cursor (DECLARE / FETCH / CLOSE) and the channel's row limit (MAX) are
-// the server's; blocks are sized by the bytes of the rows already fetched.
+// the server's; blocks are sized by the bytes of the rows already fetched
+// (about 4 MB). A second thread fetches the next block while one is written;
+// at most one fetched block waits.
 // Which statements are run, in what order and in which transaction is the
 // command's business (cmd_sql.h); other statements keep its path.
 #pragma once

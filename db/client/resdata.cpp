@@ -113,9 +113,9 @@ bool ensure_row(RESDATA *d) {
 // Room for n bytes of cell data (see Arena::reserve); null with the refusal
 // noted when a new block would pass the budget or cannot be had.
 unsigned char *reserve_cell(RESDATA *d, size_t n, uint32_t *ref) {
-  if (!d->store.fits(n) && d->store.allocated() + row_table_bytes(d) +
-                                   resdata_detail::Arena::block_for(n) >
-                               DBresult_budget()) {
+  if (!d->store.fits(n) &&
+      d->store.allocated() + row_table_bytes(d) + resdata_detail::Arena::block_for(n) >
+          DBresult_budget()) {
     too_large(d);
     return nullptr;
   }
@@ -182,11 +182,11 @@ bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length
     if (!zero) {
       // A text without its end cannot be stored as a text.
       if (in_order)
-        return refuse(d, RESDATA_BAD_VALUE,
-                      "(RESDATA_Fill_Binary) String too long ('" +
-                          std::string(reinterpret_cast<const char *>(bytes),
-                                      std::min<size_t>(length, 1000)) +
-                          "[...]')");
+        return refuse(
+            d, RESDATA_BAD_VALUE,
+            "(RESDATA_Fill_Binary) String too long ('" +
+                std::string(reinterpret_cast<const char *>(bytes), std::min<size_t>(length, 1000)) +
+                "[...]')");
       msg_print("(RESDATA_XY_Fill_Binary) String too long\n");
       return false;
     }
@@ -621,8 +621,7 @@ int RESDATA_XY_Fill(RESDATA *data, int row, int column, const char *text) {
   std::vector<uint32_t> blank(new_row ? static_cast<size_t>(cols) : 0);
   for (int c = 0; c < static_cast<int>(blank.size()); ++c)
     if (!store_text(data, c, "", &blank[static_cast<size_t>(c)])) return 0;
-  if (!store_text(data, column, text ? text : "", &ref) || (new_row && !ensure_row(data)))
-    return 0;
+  if (!store_text(data, column, text ? text : "", &ref) || (new_row && !ensure_row(data))) return 0;
   for (uint32_t b : blank) place(data, b);
   slot(data->cells, cols, row, column) = ref;
   drop_text(data, row, column);

@@ -167,10 +167,10 @@ TEST_F(Served, BigResultsAreReadOrRefusedAndTheSessionGoesOn) {
             1);
   const std::string fill(3999, 'w');
   for (int i = 1; i <= 240; ++i)
-    ASSERT_EQ(dbexec1(s,
-                      ("INSERT INTO WIDE VALUES (" + std::to_string(i) + ", '" + fill + "')").c_str(),
-                      nullptr, nullptr),
-              1);
+    ASSERT_EQ(
+        dbexec1(s, ("INSERT INTO WIDE VALUES (" + std::to_string(i) + ", '" + fill + "')").c_str(),
+                nullptr, nullptr),
+        1);
   const char *join = "SELECT A.T, B.WIDE_ID FROM WIDE A, WIDE B";
   DBRESULT *r = DBexec(s->connection, join);
   EXPECT_EQ(DBresult_status(r), DBRES_TUPLES) << r->message;
