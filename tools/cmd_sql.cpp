@@ -14,6 +14,7 @@
 #include "db/access/session.h"
 #include "db/client/tokenizer.h"
 #include "tools/commands.h"
+#include "tools/sqlstream.h"
 #include "tools/term.h"
 
 namespace {
@@ -126,6 +127,10 @@ std::string first_word(const std::string &statement) {
 
 // Runs one statement and prints what it gave. Returns false when it failed.
 bool run_one(DBSESSION *s, const std::string &statement, Format format) {
+  // A SELECT streams its rows through a cursor, in flat memory whatever
+  // its size (sqlstream.h).
+  if (int streamed = sqlstream_select(s, statement, static_cast<SqlFormat>(format)); streamed >= 0)
+    return streamed == 1;
   DBRESULT *r = nullptr;
   int outcome = 0;
   int ok = dbexec1(s, statement.c_str(), &r, &outcome);

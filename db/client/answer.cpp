@@ -75,6 +75,16 @@ struct Reader {
   }
 };
 
+// A cell the result data refused: its message becomes the result's. A
+// result that passed its budget, or found no memory, gives its rows back at
+// once: the caller gets the error, not a part of the data.
+bool refused(Reader &r, DBRESULT *res) {
+  std::snprintf(r.msg, DB_MSG_SIZE, "%s", res->data.failure.c_str());
+  if (res->data.failed == RESDATA_TOO_LARGE || res->data.failed == RESDATA_NO_MEMORY)
+    RESDATA_Drop_Rows(&res->data);
+  return false;
+}
+
 // Column headers and values of a tuples answer.
 bool read_tuples(Reader &r, DBRESULT *res) {
   int32_t cols = 0, rows = 0;
@@ -96,7 +106,7 @@ bool read_tuples(Reader &r, DBRESULT *res) {
     const unsigned char *value;
     size_t n;
     if (!r.counted(&value, &n, "<string value>")) return false;
-    RESDATA_Fill_Binary(&res->data, value, n);
+    if (!RESDATA_Fill_Binary(&res->data, value, n)) return refused(r, res);
   }
   return true;
 }

@@ -14,10 +14,12 @@
 // Decodes `length` bytes of an answer into `res` (status 1 and no tuples on
 // entry). Sets the status: '0' 4 with the server's text as message, '2' 2,
 // '4' 3, '1', '3' and unknown kinds leave 1. Returns 1 when the answer was
-// read completely, 0 when a field was missing or malformed: then the status
-// is 4 and the message is the field reader's ("Syntax error: <integer value>
-// expected (unexpected end of query)" and its kin), or "(DBreset) Result
-// error message missing\n" for an error answer without its text. Tuples read
-// before the failure stay in the result. A CHARACTER value without its zero
-// byte ends the process (RESDATA_Fill_Binary).
+// read completely, 0 when a field was missing or malformed or a cell was
+// refused: then the status is 4 and the message is the field reader's
+// ("Syntax error: <integer value> expected (unexpected end of query)" and its
+// kin), "(DBreset) Result error message missing\n" for an error answer
+// without its text, or the result data's refusal (RESDATA_Fill_Binary: a
+// CHARACTER value without its zero byte; the result budget passed, or no
+// memory, which also drops every row). Otherwise tuples read before the
+// failure stay in the result. Nothing here ends the process.
 int DBanswer_decode(const unsigned char *answer, size_t length, DBRESULT *res);

@@ -26,6 +26,7 @@ struct FreeDeleter {
 // text DBsend or DBrecv left there).
 DBRESULT *transport_failure(DBCONN *conn) {
   DBRESULT *res = DBresult_new();
+  if (!res) return nullptr;
   res->status = DBRES_TRANSPORT;
   std::snprintf(res->message, DB_MSG_SIZE, "%s", conn->message);
   return res;
@@ -43,6 +44,7 @@ DBRESULT *exchange(DBCONN *conn) {
     return transport_failure(conn);
   std::unique_ptr<unsigned char, FreeDeleter> owned(big);
   DBRESULT *res = DBresult_new();
+  if (!res) return nullptr;
   if (big)
     DBanswer_decode(big, static_cast<size_t>(big_length), res);
   else
@@ -62,6 +64,7 @@ DBRESULT *DBexec(DBCONN *conn, const char *statement) {
   if (text.empty() || text.back() != ';') text += ';';
   DBreq_reset();
   DBRESULT *res = DBresult_new();
+  if (!res) return nullptr;
   if (!DBexec_encode(text.data(), res->message)) {
     res->status = DBRES_SYNTAX;
     return res;

@@ -19,7 +19,9 @@
 // decoded answer. Returns null, sending nothing, for a null statement or
 // connection, a connection that never got a channel (its message says why),
 // one whose transport was closed (DBfinish) and one that a later connect
-// replaced (status 1, its message says so). Nothing here ends the process:
+// replaced (status 1, its message says so), and when memory for the result
+// runs out. A result too large for the result budget (resdata.h) comes back
+// as status 4 with "result too large: …". Nothing here ends the process:
 // whether a program can go on after a transport failure is its caller's
 // decision.
 DBRESULT *DBexec(DBCONN *conn, const char *statement);

@@ -2,10 +2,14 @@
 // conversion of values to text and the binary escape.
 #include "db/client/resdata.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -15,10 +19,46 @@
 namespace {
 
 constexpr uint32_t NO_TEXT = 0xFFFFFFFFu;
+// A text slot whose text is in RESDATA::spilled (no block reference reaches
+// this value: the block index would be RESDATA_REF_BLOCKS).
+constexpr uint32_t SPILLED_TEXT = 0xFFFFFFFEu;
 constexpr unsigned char SECTION = 0xA7; // the escape byte of binary runs
+constexpr size_t MB = 1000000;
 
-// Out of memory for a result: the program cannot go on; fatal by design.
-[[noreturn]] void out_of_memory() { msg_fatal("(TAVRIN) Out of memory!\n"); }
+std::atomic<size_t> g_budget{0}; // set by DBset_result_budget; 0: the default
+
+// The default budget: TAVRIN_RESULT_BUDGET megabytes, else a quarter of the
+// machine's memory (1 GB when the system does not say).
+size_t default_budget() {
+  if (const char *env = std::getenv("TAVRIN_RESULT_BUDGET")) {
+    char *end = nullptr;
+    unsigned long long mb = std::strtoull(env, &end, 10);
+    if (end != env && *end == '\0' && mb > 0 && mb < SIZE_MAX / MB) return mb * MB;
+  }
+  long pages = sysconf(_SC_PHYS_PAGES), page = sysconf(_SC_PAGE_SIZE);
+  if (pages <= 0 || page <= 0) return 1000 * MB;
+  return static_cast<size_t>(pages) / 4 * static_cast<size_t>(page);
+}
+
+// Marks a refused fill; returns false for the caller to pass on.
+bool refuse(RESDATA *d, int why, std::string text) {
+  d->failed = why;
+  d->failure = std::move(text);
+  return false;
+}
+
+bool too_large(RESDATA *d) {
+  return refuse(d, RESDATA_TOO_LARGE,
+                "result too large: " + std::to_string(d->rows) + " rows read, budget " +
+                    std::to_string(DBresult_budget() / MB) + " MB");
+}
+
+bool out_of_memory(RESDATA *d) { return refuse(d, RESDATA_NO_MEMORY, "(TAVRIN) Out of memory!"); }
+
+// Bytes of the row table.
+size_t row_table_bytes(const RESDATA *d) {
+  return d->cells.size() * RESDATA_ROW_STEP * d->types.size() * sizeof(uint32_t);
+}
 
 // Bytes of a value of a fixed-size type; 0 for CHARACTER, BINARY and
 // unknown codes.
@@ -55,56 +95,84 @@ uint32_t &slot(std::vector<std::unique_ptr<uint32_t[]>> &table, int cols, int ro
   return table[r / RESDATA_ROW_STEP][(r % RESDATA_ROW_STEP) * cols + col];
 }
 
-// Makes sure the row table has a chunk for `row`.
-void ensure_row(RESDATA *d, int row) {
-  size_t chunk = static_cast<size_t>(row) / RESDATA_ROW_STEP;
+// Makes sure the row table has a chunk for the row being filled. False (the
+// refusal noted) when the chunk would pass the budget or cannot be had.
+bool ensure_row(RESDATA *d) {
+  size_t chunk = static_cast<size_t>(d->stored_rows) / RESDATA_ROW_STEP;
   while (d->cells.size() <= chunk) {
     size_t n = RESDATA_ROW_STEP * d->types.size();
+    if (d->store.allocated() + row_table_bytes(d) + n * sizeof(uint32_t) > DBresult_budget())
+      return too_large(d);
     std::unique_ptr<uint32_t[]> c(new (std::nothrow) uint32_t[n]);
-    if (!c) out_of_memory();
+    if (!c) return out_of_memory(d);
     d->cells.push_back(std::move(c));
   }
+  return true;
 }
 
-// The text-cache slot of a cell, allocating its chunk on first use.
-uint32_t &text_slot(RESDATA *d, int row, int col) {
+// Room for n bytes of cell data (see Arena::reserve); null with the refusal
+// noted when a new block would pass the budget or cannot be had.
+unsigned char *reserve_cell(RESDATA *d, size_t n, uint32_t *ref) {
+  if (!d->store.fits(n) &&
+      d->store.allocated() + row_table_bytes(d) + resdata_detail::Arena::block_for(n) >
+          DBresult_budget()) {
+    too_large(d);
+    return nullptr;
+  }
+  unsigned char *p = d->store.reserve(n, ref);
+  if (!p) out_of_memory(d);
+  return p;
+}
+
+// The text-cache slot of a cell, allocating its chunk on first use; null when
+// the chunk cannot be had.
+uint32_t *text_slot(RESDATA *d, int row, int col) {
   size_t chunk = static_cast<size_t>(row) / RESDATA_ROW_STEP;
   if (d->texts.size() <= chunk) d->texts.resize(chunk + 1);
   if (!d->texts[chunk]) {
     size_t n = RESDATA_ROW_STEP * d->types.size();
     d->texts[chunk].reset(new (std::nothrow) uint32_t[n]);
-    if (!d->texts[chunk]) out_of_memory();
+    if (!d->texts[chunk]) return nullptr;
     std::fill_n(d->texts[chunk].get(), n, NO_TEXT);
   }
-  return slot(d->texts, static_cast<int>(d->types.size()), row, col);
+  return &slot(d->texts, static_cast<int>(d->types.size()), row, col);
+}
+
+uint64_t cell_number(const RESDATA *d, int row, int col) {
+  return static_cast<uint64_t>(row) * d->types.size() + static_cast<uint64_t>(col);
 }
 
 // Forgets the cached text of a cell (after it was replaced).
 void drop_text(RESDATA *d, int row, int col) {
   size_t chunk = static_cast<size_t>(row) / RESDATA_ROW_STEP;
-  if (chunk < d->texts.size() && d->texts[chunk])
-    slot(d->texts, static_cast<int>(d->types.size()), row, col) = NO_TEXT;
+  if (chunk < d->texts.size() && d->texts[chunk]) {
+    uint32_t &s = slot(d->texts, static_cast<int>(d->types.size()), row, col);
+    if (s == SPILLED_TEXT) d->spilled.erase(cell_number(d, row, col));
+    s = NO_TEXT;
+  }
 }
 
-uint32_t store_text(RESDATA *d, const char *text) {
+// Stores a text as a cell of column `col`; false with the refusal noted.
+bool store_text(RESDATA *d, int col, const char *text, uint32_t *ref) {
   size_t n = std::strlen(text) + 1;
   // A text cell is at least as long as the column's binary form so that no
   // typed reader of a mixed data set can read past it.
-  size_t room = std::max(n, fixed_size(d->types[d->fill_col]));
-  uint32_t ref;
-  unsigned char *p = d->store.reserve(room, &ref);
+  size_t room = std::max(n, fixed_size(d->types[col]));
+  unsigned char *p = reserve_cell(d, room, ref);
+  if (!p) return false;
   std::memcpy(p, text, n);
   if (room > n) std::memset(p + n, 0, room - n);
-  return ref;
+  return true;
 }
 
 // Stores one binary value of column `col`. Fixed-size values shorter than
 // their type are padded with zero bytes, a BINARY value's own length is cut
 // to the bytes that came, so that typed readers never read past a cell.
-// A CHARACTER value without zero byte ends the process (fatal_on_string,
-// the filling in row order) or is refused with a message (false).
-bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length,
-                  bool fatal_on_string, uint32_t *ref) {
+// Returns false with the refusal noted when the room cannot be had; a
+// CHARACTER value without zero byte is noted as a refusal (in_order, the
+// filling in row order) or refused with a message.
+bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length, bool in_order,
+                  uint32_t *ref) {
   unsigned char type = d->types[col];
   // In a text data set every cell must read as a zero-terminated text.
   size_t tail = d->kind == RESDATA::TEXT ? 1 : 0;
@@ -112,20 +180,25 @@ bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length
   if (type == DBTYPE_CHARACTER) {
     const void *zero = length ? std::memchr(bytes, 0, length) : nullptr;
     if (!zero) {
-      // A text without its end cannot be stored as a text: fatal by design.
-      if (fatal_on_string)
-        msg_fatal("(RESDATA_Fill_Binary) String too long ('%.*s[...]')\n",
-                  static_cast<int>(std::min<size_t>(length, 1000)), bytes);
+      // A text without its end cannot be stored as a text.
+      if (in_order)
+        return refuse(
+            d, RESDATA_BAD_VALUE,
+            "(RESDATA_Fill_Binary) String too long ('" +
+                std::string(reinterpret_cast<const char *>(bytes), std::min<size_t>(length, 1000)) +
+                "[...]')");
       msg_print("(RESDATA_XY_Fill_Binary) String too long\n");
       return false;
     }
     size_t n = static_cast<size_t>(static_cast<const unsigned char *>(zero) - bytes) + 1;
-    p = d->store.reserve(n, ref);
+    p = reserve_cell(d, n, ref);
+    if (!p) return false;
     std::memcpy(p, bytes, n);
   } else if (type == DBTYPE_BINARY) {
     size_t own = length >= 2 ? load16(bytes) : 0;
     if (length < 2 || own > length - 2) own = length >= 2 ? length - 2 : 0;
-    p = d->store.reserve(own + 2 + tail, ref);
+    p = reserve_cell(d, own + 2 + tail, ref);
+    if (!p) return false;
     p[0] = static_cast<unsigned char>(own);
     p[1] = static_cast<unsigned char>(own >> 8);
     if (own) std::memcpy(p + 2, bytes + 2, own);
@@ -135,16 +208,17 @@ bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length
     // Unknown types keep their bytes and get a zero byte after them.
     size_t room = fixed ? std::max(length, fixed) : length + 1;
     room += tail;
-    p = d->store.reserve(room, ref);
+    p = reserve_cell(d, room, ref);
+    if (!p) return false;
     if (length) std::memcpy(p, bytes, length);
     std::memset(p + length, 0, room - length);
   }
   return true;
 }
 
-// Places a stored cell at the fill position and advances it.
+// Places a stored cell at the fill position and advances it; the row table
+// has room (ensure_row).
 void place(RESDATA *d, uint32_t ref) {
-  if (d->fill_col == 0) ensure_row(d, d->stored_rows);
   slot(d->cells, static_cast<int>(d->types.size()), d->stored_rows, d->fill_col) = ref;
   if (++d->fill_col == static_cast<int>(d->types.size())) {
     d->fill_col = 0;
@@ -298,11 +372,30 @@ size_t escape_binary(const unsigned char *b, size_t n, char *out) {
   return static_cast<size_t>(o - out);
 }
 
+// The text of a cell that the cache could not take: kept in the spilled
+// texts, made there on first use.
+const char *spilled_text(RESDATA *d, int row, int col, const unsigned char *p, uint32_t *s) {
+  auto [it, made] = d->spilled.try_emplace(cell_number(d, row, col));
+  if (made) {
+    if (d->types[col] == DBTYPE_BINARY) {
+      size_t n = load16(p);
+      it->second.resize(3 * n + 3);
+      it->second.resize(escape_binary(p + 2, n, it->second.data()));
+    } else {
+      char buf[400];
+      it->second.assign(buf, value_text(d->types[col], p, buf, sizeof buf));
+    }
+  }
+  if (s) *s = SPILLED_TEXT;
+  return it->second.c_str();
+}
+
 // The cached text of a cell, converting it on first use.
 const char *cached_text(RESDATA *d, int row, int col, const unsigned char *p) {
   // The slot lives in a chunk that never moves; the text store is separate.
-  uint32_t &s = text_slot(d, row, col);
-  if (s != NO_TEXT) return reinterpret_cast<const char *>(d->text_store.at(s));
+  uint32_t *s = text_slot(d, row, col);
+  if (!s || *s == SPILLED_TEXT) return spilled_text(d, row, col, p, s);
+  if (*s != NO_TEXT) return reinterpret_cast<const char *>(d->text_store.at(*s));
   unsigned char type = d->types[col];
   uint32_t ref;
   char *out;
@@ -311,15 +404,17 @@ const char *cached_text(RESDATA *d, int row, int col, const unsigned char *p) {
     size_t n = load16(p);
     size_t room = 3 * n + 3;
     out = reinterpret_cast<char *>(d->text_store.reserve(room, &ref));
+    if (!out) return spilled_text(d, row, col, p, s);
     used = escape_binary(p + 2, n, out) + 1;
     d->text_store.shrink_last(room - used);
   } else {
     char buf[400];
     used = value_text(type, p, buf, sizeof buf) + 1;
     out = reinterpret_cast<char *>(d->text_store.reserve(used, &ref));
+    if (!out) return spilled_text(d, row, col, p, s);
     std::memcpy(out, buf, used);
   }
-  s = ref;
+  *s = ref;
   return out;
 }
 
@@ -327,42 +422,41 @@ const char *cached_text(RESDATA *d, int row, int col, const unsigned char *p) {
 
 namespace resdata_detail {
 
-unsigned char *Arena::reserve(size_t n, uint32_t *ref) {
-  if (blocks_.empty() || capacity_ - used_ < n) {
-    if (blocks_.size() >= max_blocks_) {
-      // Past the fixed number of storage blocks: fatal by design.
-      if (report_max_)
-        msg_fatal("(RESDATA) Out of memory (max = %d)\n", static_cast<int>(max_blocks_));
-      out_of_memory();
-    }
-    size_t size = std::max(n, RESDATA_BLOCK_SIZE);
-    std::unique_ptr<unsigned char[]> b(new (std::nothrow) unsigned char[size]);
-    if (!b) out_of_memory();
-    blocks_.push_back(std::move(b));
-    capacity_ = size;
-    used_ = 0;
-    allocated_ += size;
-  }
+bool Arena::open(size_t n) {
+  if (blocks_.size() >= RESDATA_REF_BLOCKS) return false;
   // A block larger than the standard size holds one value at offset 0, so
   // the 18-bit offset always suffices.
-  *ref = static_cast<uint32_t>((blocks_.size() - 1) << 18 | used_);
-  unsigned char *p = blocks_.back().get() + used_;
-  used_ += n;
-  return p;
+  size_t size = block_for(n);
+  std::unique_ptr<unsigned char[]> b(new (std::nothrow) unsigned char[size]);
+  if (!b) return false;
+  blocks_.push_back(std::move(b));
+  capacity_ = size;
+  used_ = 0;
+  allocated_ += size;
+  return true;
+}
+
+void Arena::clear() {
+  blocks_.clear();
+  used_ = capacity_ = allocated_ = 0;
 }
 
 } // namespace resdata_detail
 
-RESDATA::RESDATA()
-    : store(RESDATA_MAX_BLOCKS, true),
-      // The text cache is bounded only by the reference width.
-      text_store((1u << 14) - 1, false) {}
+RESDATA::RESDATA() = default;
 
-DBRESULT *DBresult_new() {
-  auto *res = new (std::nothrow) DBRESULT;
-  if (!res) out_of_memory();
-  return res;
+void DBset_result_budget(size_t bytes) { g_budget.store(bytes, std::memory_order_relaxed); }
+
+size_t DBresult_budget() {
+  size_t b = g_budget.load(std::memory_order_relaxed);
+  if (b == 0) {
+    static const size_t fallback = default_budget();
+    b = fallback;
+  }
+  return std::min(b, RESDATA_REF_BLOCKS * RESDATA_BLOCK_SIZE);
 }
+
+DBRESULT *DBresult_new() { return new (std::nothrow) DBRESULT; }
 
 void DBclear(DBRESULT *res) { delete res; }
 
@@ -485,7 +579,10 @@ int RESDATA_Fill_Binary(RESDATA *data, const void *bytes, size_t length) {
     data->kind = RESDATA::BINARY;
   }
   uint32_t ref;
-  store_binary(data, data->fill_col, static_cast<const unsigned char *>(bytes), length, true, &ref);
+  if ((data->fill_col == 0 && !ensure_row(data)) ||
+      !store_binary(data, data->fill_col, static_cast<const unsigned char *>(bytes), length, true,
+                    &ref))
+    return 0;
   place(data, ref);
   return 1;
 }
@@ -496,7 +593,11 @@ int RESDATA_Fill(RESDATA *data, const char *text) {
     return 0;
   }
   data->kind = RESDATA::TEXT;
-  place(data, store_text(data, text ? text : ""));
+  uint32_t ref;
+  if ((data->fill_col == 0 && !ensure_row(data)) ||
+      !store_text(data, data->fill_col, text ? text : "", &ref))
+    return 0;
+  place(data, ref);
   return 1;
 }
 
@@ -514,13 +615,14 @@ int RESDATA_XY_Fill(RESDATA *data, int row, int column, const char *text) {
     return 0;
   }
   data->kind = RESDATA::TEXT;
-  if (new_row)
-    for (int c = 0; c < cols; ++c) place(data, store_text(data, ""));
-  // store_text sizes the cell by the fill column; point it at this one.
-  int saved = data->fill_col;
-  data->fill_col = column;
-  uint32_t ref = store_text(data, text ? text : "");
-  data->fill_col = saved;
+  uint32_t ref;
+  // The new row's cells are stored before it is placed, so that a refusal
+  // leaves the data set as it was.
+  std::vector<uint32_t> blank(new_row ? static_cast<size_t>(cols) : 0);
+  for (int c = 0; c < static_cast<int>(blank.size()); ++c)
+    if (!store_text(data, c, "", &blank[static_cast<size_t>(c)])) return 0;
+  if (!store_text(data, column, text ? text : "", &ref) || (new_row && !ensure_row(data))) return 0;
+  for (uint32_t b : blank) place(data, b);
   slot(data->cells, cols, row, column) = ref;
   drop_text(data, row, column);
   return 1;
@@ -559,10 +661,14 @@ int RESDATA_DelRow(RESDATA *data, int row) {
       uint32_t t = from < data->texts.size() && data->texts[from]
                        ? slot(data->texts, cols, r + 1, c)
                        : NO_TEXT;
-      if (t != NO_TEXT)
-        text_slot(data, r, c) = t;
-      else
+      // Spilled texts are found by cell number: they are made anew.
+      uint32_t *s = t != NO_TEXT && t != SPILLED_TEXT ? text_slot(data, r, c) : nullptr;
+      if (s) {
+        if (*s == SPILLED_TEXT) data->spilled.erase(cell_number(data, r, c));
+        *s = t;
+      } else {
         drop_text(data, r, c);
+      }
     }
   }
   // The vacated row keeps no cached texts for the cells filled there later.
@@ -573,6 +679,15 @@ int RESDATA_DelRow(RESDATA *data, int row) {
 }
 
 void RESDATA_Set_Count(RESDATA *data, int count) { data->rows = count; }
+
+void RESDATA_Drop_Rows(RESDATA *data) {
+  data->cells.clear();
+  data->texts.clear();
+  data->spilled.clear();
+  data->store.clear();
+  data->text_store.clear();
+  data->rows = data->stored_rows = data->fill_col = 0;
+}
 
 size_t RESDATA_Memory(const RESDATA *data) {
   size_t bytes = data->store.allocated();

@@ -3,18 +3,24 @@
 // the server's binary form and turns them into text on request, converting
 // each cell once.
 //
-// Storage: cells live packed in storage blocks of 200000 bytes (at most 1000
-// of them); the row table holds one 32-bit block reference per cell and grows
-// by 5000 rows at a time; texts made from cells go into a cache of the same
-// shape, allocated on first use. Cells are stored unaligned: read raw values
-// with memcpy or DBfillbinary. Decoding answers is answer.h's business,
-// running statements exec.h's.
+// Storage: cells live packed in storage blocks of 200000 bytes; the row table
+// holds one 32-bit block reference per cell and grows by 5000 rows at a time;
+// texts made from cells go into a cache of the same shape, allocated on first
+// use. Cells are stored unaligned: read raw values with memcpy or
+// DBfillbinary. Decoding answers is answer.h's business, running statements
+// exec.h's.
+//
+// Size: the cells and the row table of one result are limited by the result
+// budget (DBset_result_budget), never by a fixed number of blocks; a fill
+// that would pass it is refused and the caller turns that into an error
+// result. Nothing here ends the process.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "db/client/tokenizer.h"
@@ -45,36 +51,63 @@ enum : int {
 
 constexpr size_t RESDATA_ROW_STEP = 5000;     // rows added to the row table at a time
 constexpr size_t RESDATA_BLOCK_SIZE = 200000; // bytes of a storage block
-constexpr size_t RESDATA_MAX_BLOCKS = 1000;   // storage blocks of one data set
+// Storage blocks a 32-bit reference can name (14 bits of block index): about
+// 3.2 GB of cells, the ceiling of every budget.
+constexpr size_t RESDATA_REF_BLOCKS = (1u << 14) - 1;
+
+// Why a fill was refused (RESDATA::failed).
+enum : int {
+  RESDATA_OK = 0,
+  RESDATA_TOO_LARGE = 1, // the result budget would be passed
+  RESDATA_NO_MEMORY = 2, // an allocation failed
+  RESDATA_BAD_VALUE = 3, // a CHARACTER value without its zero byte
+};
+
+// The result budget: how many bytes the cells and the row table of one result
+// may hold. The default is the environment variable TAVRIN_RESULT_BUDGET
+// (megabytes of 1 000 000 bytes) when it holds a positive number, else a
+// quarter of the machine's memory; RESDATA_REF_BLOCKS blocks at most either
+// way. DBset_result_budget(0) goes back to the default. Process-wide; a
+// change applies to every fill from then on.
+void DBset_result_budget(size_t bytes);
+size_t DBresult_budget();
 
 namespace resdata_detail {
 
 // Blocks of packed bytes addressed by 32-bit references (block index in the
 // high bits, offset in the low 18 bits). Blocks never move, so pointers into
-// them stay valid until the arena is destroyed.
+// them stay valid until the arena is cleared or destroyed.
 class Arena {
 public:
-  // max_blocks: how many blocks may be opened; one more ends the process
-  // with "(RESDATA) Out of memory (max = <max_blocks>)\n" (report_max) or
-  // "(TAVRIN) Out of memory!\n".
-  Arena(size_t max_blocks, bool report_max) : max_blocks_(max_blocks), report_max_(report_max) {}
-  // Room for n bytes; returns where to write and sets *ref. May end the
-  // process when the arena is full or memory runs out.
-  unsigned char *reserve(size_t n, uint32_t *ref);
+  // Whether n bytes fit into the open block.
+  bool fits(size_t n) const { return capacity_ - used_ >= n; }
+  // Bytes of the block that opening room for n bytes would allocate.
+  static size_t block_for(size_t n) { return n > RESDATA_BLOCK_SIZE ? n : RESDATA_BLOCK_SIZE; }
+  // Room for n bytes; returns where to write and sets *ref. Opens a block
+  // when the open one is too small; null (nothing changed) when all
+  // RESDATA_REF_BLOCKS blocks are in use or the allocation fails.
+  unsigned char *reserve(size_t n, uint32_t *ref) {
+    if (!fits(n) && !open(n)) return nullptr;
+    *ref = static_cast<uint32_t>((blocks_.size() - 1) << 18 | used_);
+    unsigned char *p = blocks_.back().get() + used_;
+    used_ += n;
+    return p;
+  }
   // Gives back the unused tail of the last reserve (used <= reserved).
   void shrink_last(size_t unused) { used_ -= unused; }
   unsigned char *at(uint32_t ref) const {
     return blocks_[ref >> 18].get() + (ref & ((1u << 18) - 1));
   }
   size_t allocated() const { return allocated_; }
+  // Frees every block; references handed out before are invalid.
+  void clear();
 
 private:
+  bool open(size_t n);
   std::vector<std::unique_ptr<unsigned char[]>> blocks_;
   size_t used_ = 0;     // used bytes of the last block
   size_t capacity_ = 0; // size of the last block
   size_t allocated_ = 0;
-  size_t max_blocks_;
-  bool report_max_;
 };
 
 } // namespace resdata_detail
@@ -101,6 +134,12 @@ struct RESDATA {
   std::vector<std::unique_ptr<uint32_t[]>> texts; // same shape, allocated on first use
   resdata_detail::Arena store;
   resdata_detail::Arena text_store;
+  // Texts the cache could not take (its blocks or memory ran out), by cell
+  // number row * columns + column; nodes never move.
+  std::unordered_map<uint64_t, std::string> spilled;
+  // Why the last refused fill was refused (RESDATA_...) and its message.
+  int failed = RESDATA_OK;
+  std::string failure;
 };
 
 // A statement result, made by DBexec (or DBresult_new) and freed by DBclear.
@@ -111,8 +150,7 @@ struct DBRESULT {
 };
 
 // A new result: status 1, empty message, no tuples. Owned by the caller
-// (DBclear). Running out of memory prints "(TAVRIN) Out of memory!\n" and
-// ends the process.
+// (DBclear); null when memory runs out.
 DBRESULT *DBresult_new();
 // Frees a result and everything handed out from it (null allowed).
 void DBclear(DBRESULT *res);
@@ -135,7 +173,8 @@ int DBfieldsize(const DBRESULT *res, int column);
 
 // The value of a cell: text for CHARACTER and BINARY (escaped) cells and,
 // when text conversion is wanted, for all others; otherwise the raw cell.
-// Null when the cell does not exist. The text belongs to the result.
+// Null when the cell does not exist. The text belongs to the result. Texts
+// made here are cached; the cache is not counted against the budget.
 const char *DBgetvalue(DBRESULT *res, int row, int column);
 // The stored cell in the server's binary form (unaligned), null when the
 // cell does not exist.
@@ -151,14 +190,18 @@ int DBfillbinary(const DBRESULT *res, void *destination, int row, int column);
 // Inkonsistent header definition\n" once cells have been filled.
 int RESDATA_Header_Data(RESDATA *data, const char *name, int type, int size);
 // Appends the next cell (row by row, column by column) from `length` bytes
-// in the server's binary form of its column's type. Returns 1, 0 when no
-// column is defined. A CHARACTER value without its zero byte ends the
-// process; so does a 1001st storage block.
+// in the server's binary form of its column's type. Returns 1; 0 when no
+// column is defined (message printed) and, without a message, with `failed`
+// and `failure` set and the data set as it was, when the cell would pass the
+// result budget ("result too large: <n> rows read, budget <b> MB"), memory
+// runs out ("(TAVRIN) Out of memory!") or a CHARACTER value lacks its zero
+// byte ("(RESDATA_Fill_Binary) String too long ('<up to 1000 bytes>[...]')").
 int RESDATA_Fill_Binary(RESDATA *data, const void *bytes, size_t length);
-// Appends the next cell of a data set filled with texts. Returns 1 or 0.
+// Appends the next cell of a data set filled with texts. Returns 1 or 0 (a
+// refused fill as RESDATA_Fill_Binary's).
 int RESDATA_Fill(RESDATA *data, const char *text);
 // Sets the text of a cell of a text data set; the row after the last one
-// appends a row of empty texts. Returns 1 or 0.
+// appends a row of empty texts. Returns 1 or 0 (also for a refused fill).
 int RESDATA_XY_Fill(RESDATA *data, int row, int column, const char *text);
 // Replaces a cell of a binary data set (as RESDATA_Fill_Binary, but a
 // CHARACTER value without zero byte is refused). Returns 1 or 0.
@@ -167,6 +210,9 @@ int RESDATA_XY_Fill_Binary(RESDATA *data, int row, int column, const void *bytes
 int RESDATA_DelRow(RESDATA *data, int row);
 // Stores a count answer's number as the row count (no cells).
 void RESDATA_Set_Count(RESDATA *data, int count);
+// Frees every row, cell and cached text; the column headers stay. For a
+// result that was refused part-way, so that its memory comes back at once.
+void RESDATA_Drop_Rows(RESDATA *data);
 
 // Bytes held for the cells, the row table and the column headers; and bytes
 // held by the text cache.

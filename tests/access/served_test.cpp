@@ -158,6 +158,39 @@ TEST_F(Served, StatementHelpersReportTheirOutcomes) {
   EXPECT_EQ(dbexec1(s, "DROP TABLE PROBE", nullptr, nullptr), 1);
 }
 
+// A result past the old fixed cap of 1 000 blocks of 200 000 bytes (57 600
+// rows of 4 000 bytes from a join of 240 wide rows, 230 MB) is read whole;
+// with the budget set lower the same query is an error result, and the
+// session goes on.
+TEST_F(Served, BigResultsAreReadOrRefusedAndTheSessionGoesOn) {
+  ASSERT_EQ(dbexec1(s, "CREATE TABLE WIDE (WIDE_ID INTEGER, T CHARACTER(4000))", nullptr, nullptr),
+            1);
+  const std::string fill(3999, 'w');
+  for (int i = 1; i <= 240; ++i)
+    ASSERT_EQ(
+        dbexec1(s, ("INSERT INTO WIDE VALUES (" + std::to_string(i) + ", '" + fill + "')").c_str(),
+                nullptr, nullptr),
+        1);
+  const char *join = "SELECT A.T, B.WIDE_ID FROM WIDE A, WIDE B";
+  DBRESULT *r = DBexec(s->connection, join);
+  EXPECT_EQ(DBresult_status(r), DBRES_TUPLES) << r->message;
+  EXPECT_EQ(DBntuples(r), 57600);
+  EXPECT_GT(RESDATA_Memory(&r->data), 1000 * RESDATA_BLOCK_SIZE);
+  EXPECT_EQ(DBgetvalue(r, 57599, 0), fill);
+  DBclear(r);
+
+  DBset_result_budget(50000000);
+  r = DBexec(s->connection, join);
+  EXPECT_EQ(DBresult_status(r), DBRES_ERROR);
+  EXPECT_THAT(r->message, StartsWith("result too large: 12"));
+  EXPECT_THAT(r->message, ::testing::EndsWith(" rows read, budget 50 MB"));
+  EXPECT_EQ(DBntuples(r), 0);
+  DBclear(r);
+  DBset_result_budget(0);
+  EXPECT_EQ(value("SELECT COUNT(*) FROM WIDE"), "240");
+  EXPECT_EQ(dbexec1(s, "DROP TABLE WIDE", nullptr, nullptr), 1);
+}
+
 TEST_F(Served, ConnectionStringsAndALostConnection) {
   Capture cap;
   DBSESSION *t = nullptr;

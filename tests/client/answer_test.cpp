@@ -103,16 +103,38 @@ TEST(Answer, ShortAndMalformedAnswers) {
   DBclear(r);
 }
 
-TEST(AnswerDeathTest, CharacterValueWithoutZeroByteIsFatal) {
+// Refused cells give an error result and the program goes on: a CHARACTER
+// value without its zero byte keeps the rows before it; a result that passes
+// the budget is dropped whole, and the next one is read as usual.
+TEST(Answer, RefusedCellsGiveErrorResults) {
   Answer a('2');
-  a.i32(1).i32(1).column("A", DBTYPE_CHARACTER, 4).value({'a', 'b', 'c'});
-  EXPECT_EXIT(
-      {
-        msg_set_handler([](const char *t) { std::fputs(t, stderr); });
-        decode(a.b);
-      },
-      ::testing::ExitedWithCode(1),
-      "\\(RESDATA_Fill_Binary\\) String too long \\('abc\\[\\.\\.\\.\\]'\\)\n");
+  a.i32(1).i32(2).column("A", DBTYPE_CHARACTER, 4).value(text("ok")).value({'a', 'b', 'c'});
+  int rows = 0;
+  EXPECT_EQ(failure(a.b, &rows), "(RESDATA_Fill_Binary) String too long ('abc[...]')");
+  EXPECT_EQ(rows, 1);
+
+  // 3 000 rows of 1 000 bytes against a budget of 1 MB: the row table
+  // (20 000 bytes) and four storage blocks of 200 cells fit, a fifth does not.
+  Answer big('2');
+  big.i32(1).i32(3000).column("T", DBTYPE_CHARACTER, 1000);
+  Bytes cell = Answer('x').value(text(std::string(999, 'x'))).b;
+  for (int i = 0; i < 3000; ++i) big.b.insert(big.b.end(), cell.begin() + 1, cell.end());
+  DBset_result_budget(1000000);
+  EXPECT_EQ(DBresult_budget(), 1000000u);
+  int ok = 1;
+  DBRESULT *r = decode(big.b, &ok);
+  EXPECT_EQ(ok, 0);
+  EXPECT_EQ(DBresult_status(r), DBRES_ERROR);
+  EXPECT_STREQ(r->message, "result too large: 800 rows read, budget 1 MB");
+  EXPECT_EQ(DBntuples(r), 0);
+  EXPECT_LT(RESDATA_Memory(&r->data), 1000u); // only the column header is left
+  DBclear(r);
+  DBset_result_budget(0);
+  EXPECT_GT(DBresult_budget(), 1000000u);
+  r = decode(big.b, &ok);
+  EXPECT_EQ(ok, 1);
+  EXPECT_EQ(DBntuples(r), 3000);
+  DBclear(r);
 }
 
 } // namespace

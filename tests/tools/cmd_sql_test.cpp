@@ -4,6 +4,9 @@
 // server.
 #include "tools_testutil.h"
 
+#include <algorithm>
+#include <cstdio>
+
 namespace {
 
 using tooltest::Outcome;
@@ -120,6 +123,50 @@ TEST_F(TavrinSql, FailuresSetTheExitStatusAndTheDbRulesHold) {
   r = run("$T sql --format xml 'SELECT 1'");
   EXPECT_EQ(r.status, 2);
   EXPECT_NE(r.err.find("unknown format 'xml'"), std::string::npos);
+}
+
+// SELECTs stream through a cursor: the first rows are out while the cursor
+// is still open; every format gets every row (the table also past the rows
+// that fix its widths); a MAX of the user still limits the rows and is set
+// back after each stream.
+TEST_F(TavrinSql, SelectsStreamTheirRowsInEveryFormat) {
+  // 600 x 100 = 60 000 rows: the first block and one far larger than a pipe.
+  const std::string big = "SELECT A.KUNDE_ID, B.AUFTRAG_ID FROM KUNDE A, AUFTRAG B "
+                          "WHERE B.AUFTRAG_ID <= 100 ORDER BY A.KUNDE_ID, B.AUFTRAG_ID";
+  size_t mark = server->log_size();
+  FILE *p = popen(("'" + exe + "' sql -dbdemo --format csv '" + big + "'").c_str(), "r");
+  ASSERT_NE(p, nullptr);
+  char line[100] = "";
+  ASSERT_NE(std::fgets(line, sizeof line, p), nullptr);
+  ASSERT_NE(std::fgets(line, sizeof line, p), nullptr);
+  EXPECT_STREQ(line, "1,1\n");
+  EXPECT_EQ(server->count_log("CLOSE TAVRIN_STREAM", mark), 0); // not at the end yet
+  long lines = 2;
+  while (std::fgets(line, sizeof line, p)) ++lines;
+  EXPECT_STREQ(line, "600,100\n");
+  EXPECT_EQ(pclose(p), 0);
+  EXPECT_EQ(lines, 60001);
+  EXPECT_EQ(server->count_log("CLOSE TAVRIN_STREAM", mark), 1);
+
+  // 1 200 rows as a table: the widths come from the first 1 000.
+  const std::string rows = "SELECT AUFTRAG_ID, KUNDE_ID FROM AUFTRAG WHERE AUFTRAG_ID <= 1200 "
+                           "ORDER BY AUFTRAG_ID";
+  Outcome r = run("$T sql -dbdemo '" + rows + "'");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out.substr(0, 47), "AUFTRAG_ID | KUNDE_ID\n-----------+---------\n   ");
+  EXPECT_NE(r.out.find("\n      1200 | "), std::string::npos);
+  EXPECT_EQ(r.out.substr(r.out.size() - 12), "(1200 rows)\n");
+  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 1203);
+  r = run("$T sql -dbdemo --format tsv '" + rows + "' | sed -n '1p;2p;1201p'");
+  EXPECT_EQ(r.out.substr(0, 20), "AUFTRAG_ID\tKUNDE_ID\n");
+  EXPECT_EQ(r.out.substr(20, 2), "1\t");
+  EXPECT_EQ(r.out.substr(r.out.rfind('\n', r.out.size() - 2) + 1, 5), "1200\t");
+
+  r = run("printf 'MAX 3\\n%s\\n%s\\nMAX\\n%s\\n' '" + rows + "' '" + rows + "' '" + rows +
+          " ' | $T sql -dbdemo --format csv | cut -d, -f1 | tr '\\n' ' '");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out.substr(0, 44), "AUFTRAG_ID 1 2 3 AUFTRAG_ID 1 2 3 AUFTRAG_ID");
+  EXPECT_EQ(r.out.substr(r.out.size() - 10), "1199 1200 ");
 }
 
 class TavrinPing : public tooltest::WithServer {};
