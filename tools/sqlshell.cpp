@@ -397,7 +397,9 @@ bool Shell::run() {
       continue;
     }
     warned_ = false;
-    entry += (entry.empty() ? "" : " ") + line;
+    // The history keeps a statement as typed, its lines joined by line
+    // feeds, so that a recalled text that spans lines stays the same.
+    entry += (entry.empty() ? "" : "\n") + line;
     std::vector<std::string> done;
     collector_.add(line, done);
     for (const auto &st : done) statement(st);
