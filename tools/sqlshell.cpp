@@ -48,8 +48,8 @@ std::vector<std::string> words(const std::string &statement, size_t max) {
   while (out.size() < max) {
     while (i < statement.size() && std::isspace(static_cast<unsigned char>(statement[i]))) ++i;
     std::string w;
-    while (i < statement.size() && (std::isalnum(static_cast<unsigned char>(statement[i])) ||
-                                    statement[i] == '_'))
+    while (i < statement.size() &&
+           (std::isalnum(static_cast<unsigned char>(statement[i])) || statement[i] == '_'))
       w += static_cast<char>(std::toupper(static_cast<unsigned char>(statement[i++])));
     if (w.empty()) break;
     out.push_back(w);
@@ -77,7 +77,8 @@ void on_interrupt(int) { g_interrupted = 1; }
 // statement runs: it ends the read, with *interrupted set. Returns the line
 // (owned by the caller, free), or null at the end of input or after Ctrl-C.
 char *read_line(const std::string &prompt, bool *interrupted) {
-  struct sigaction mine {}, old {};
+  struct sigaction mine {};
+  struct sigaction old {};
   mine.sa_handler = on_interrupt;
   sigemptyset(&mine.sa_mask);
   mine.sa_flags = 0; // no restart: the read returns
@@ -95,22 +96,25 @@ char *read_line(const std::string &prompt, bool *interrupted) {
 
 // ---- Tab completion ---------------------------------------------------------------
 // Words offered on Tab: the shell's commands at the start of a line, else
-// the statement keywords and the tables of the open database (read once per
-// database with SHOW TABLES).
+// the statement keywords and the tables of the open database (read with
+// SHOW TABLES on the first Tab, again after \c, CREATE and DROP).
 
 const char *const kCommands[] = {"\\c", "\\d", "\\di", "\\dt", "\\l", "\\q", "\\timing", "\\?"};
 const char *const kKeywords[] = {
-    "ABORT",    "ALL",      "AND",      "ASC",      "BEGIN",     "BETWEEN", "BY",     "CHARACTER",
-    "CLOSE",    "COMMIT",   "COUNT",    "CREATE",   "CURSOR",    "DATABASE", "DATABASES", "DATE",
-    "DECLARE",  "DELETE",   "DESC",     "DISTINCT", "DROP",      "END",     "EXISTS", "FETCH",
-    "FLOAT",    "FOR",      "FROM",     "IN",       "INDEX",     "INDICES", "INSERT", "INTEGER",
-    "INTO",     "LIKE",     "MAX",      "MIN",      "NOT",       "NULL",    "ON",     "OR",
-    "ORDER",    "SAVE",     "SECURE",   "SELECT",   "SET",       "SHOW",    "SMALLINT", "STATIC",
-    "TABLE",    "TABLES",   "TIME",     "TIMESTAMP", "UNIQUE",   "UPDATE",  "VALUES", "WHERE",
-    "BINARY"};
+    "ABORT",     "ALL",     "AND",    "ASC",    "BEGIN",     "BETWEEN", "BINARY",   "BY",
+    "CHARACTER", "CLOSE",   "COMMIT", "COUNT",  "CREATE",    "CURSOR",  "DATABASE", "DATABASES",
+    "DATE",      "DECLARE", "DELETE", "DESC",   "DISTINCT",  "DROP",    "END",      "EXISTS",
+    "FETCH",     "FLOAT",   "FOR",    "FROM",   "IN",        "INDEX",   "INDICES",  "INSERT",
+    "INTEGER",   "INTO",    "LIKE",   "MAX",    "MIN",       "NOT",     "NULL",     "ON",
+    "OR",        "ORDER",   "SAVE",   "SECURE", "SELECT",    "SET",     "SHOW",     "SMALLINT",
+    "STATIC",    "TABLE",   "TABLES", "TIME",   "TIMESTAMP", "UNIQUE",  "UPDATE",   "VALUES",
+    "WHERE"};
 
 struct Completion {
   DBSESSION *session = nullptr;
+  // The table names are read only outside a transaction, where a statement
+  // of the shell's own cannot change how the server treats the user's.
+  bool may_read = false;
   bool tables_read = false;
   std::vector<std::string> tables; // UTF-8
   std::vector<std::string> offered;
@@ -121,11 +125,11 @@ Completion g_completion;
 // The table names of the open database, without printing anything.
 void read_tables() {
   Completion &c = g_completion;
-  c.tables_read = true;
   c.tables.clear();
   DBRESULT *r = nullptr;
   int outcome = 0;
-  if (!dbstatus(c.session)) return;
+  if (!c.may_read || !dbstatus(c.session)) return;
+  c.tables_read = true;
   // A failure here must stay quiet: the messages would land in the line
   // being edited.
   MsgHandler old = msg_set_handler([](const char *) {});
@@ -249,8 +253,8 @@ void Shell::statement(const std::string &text) {
   auto t0 = std::chrono::steady_clock::now();
   bool ok = tavrin_sql_run(s_, term_to_latin1(text), format_);
   if (timing_) {
-    double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0)
-                    .count();
+    double ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
     std::printf("Time: %.3f ms\n", ms);
     std::fflush(stdout);
   }
@@ -264,6 +268,7 @@ void Shell::statement(const std::string &text) {
   // that \c and \q do not silently end an open transaction.
   std::vector<std::string> w = words(text, 3);
   if (w.empty()) return;
+  if (w[0] == "CREATE" || w[0] == "DROP") g_completion.tables_read = false;
   if (w[0] == "BEGIN")
     in_transaction_ = true;
   else if (w[0] == "COMMIT" || w[0] == "END" || w[0] == "ABORT")
@@ -370,13 +375,15 @@ bool Shell::run() {
     }
   }
   bool begun = !single_ || dbbegin(s_);
-  if (!begun) failed_ = true;
+  if (!begun)
+    failed_ = true;
   else
     term_write(rl_outstream, "Statements end with ';'; \\? lists the commands, \\q quits.\n");
 
   std::string entry; // the lines of the unfinished statement, for the history
   while (begun) {
     bool interrupted = false;
+    g_completion.may_read = !in_transaction_ && !single_;
     char *raw = read_line(prompt(), &interrupted);
     if (interrupted) { // Ctrl-C: the unfinished statement is dropped
       std::fputc('\n', rl_outstream);
@@ -408,8 +415,7 @@ bool Shell::run() {
       entry.clear();
     }
   }
-  if (collector_.pending())
-    term_error("the unfinished statement (no ';' yet) was not run");
+  if (collector_.pending()) term_error("the unfinished statement (no ';' yet) was not run");
   if (single_ && s_) {
     // All or nothing, as on the command line.
     if (failed_) dbrollback(s_);

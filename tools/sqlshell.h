@@ -20,8 +20,8 @@ struct DBSESSION;
 
 // Further help lines of tavrin sql about the shell.
 #define SQLSHELL_HELP                                                                              \
-  "With a terminal on standard input and no STATEMENT, tavrin sql is an interactive\n"           \
-  "shell: statements end with ';' and may span lines; \\d [TABLE], \\dt, \\c NAME,\n"            \
+  "With a terminal on standard input and no STATEMENT, tavrin sql is an interactive\n"             \
+  "shell: statements end with ';' and may span lines; \\d [TABLE], \\dt, \\c NAME,\n"              \
   "\\timing and \\q are its own commands, \\? lists them. The history is kept in\n"                \
   "$XDG_STATE_HOME/zentiq/tavrin_history (default ~/.local/state/zentiq/tavrin_history).\n"
 
