@@ -774,7 +774,7 @@ int catalog_fill_demo(sqlite3 *db, std::string &err) {
   return 1;
 }
 
-int catalog_init(Catalog &cat, const std::string &dir, std::string &err) {
+int catalog_init(Catalog &cat, const std::string &dir, std::string &err, bool with_demo) {
   cat.dir = dir;
   while (cat.dir.size() > 1 && cat.dir.back() == '/') cat.dir.pop_back();
   if (mkdir(cat.dir.c_str(), 0700) != 0 && errno != EEXIST) {
@@ -787,7 +787,7 @@ int catalog_init(Catalog &cat, const std::string &dir, std::string &err) {
     return 0;
   }
   if (catalog_exists(cat, CATALOG_SYSTEM_DB)) return 1;
-  if (!catalog_exists(cat, CATALOG_DEMO_DB) &&
+  if (with_demo && !catalog_exists(cat, CATALOG_DEMO_DB) &&
       !build_database(cat, CATALOG_DEMO_DB, fill_demo, err))
     return 0;
   return build_database(cat, CATALOG_SYSTEM_DB, fill_system, err);

@@ -29,9 +29,10 @@ extern const char *const CATALOG_SYSTEM_DB;
 extern const char *const CATALOG_DEMO_DB;
 
 // Makes dir the catalog's data folder: creates the folder if needed; when
-// TDSYS does not exist yet (first start) creates TDSYS and DEMO. A later start
-// leaves existing databases untouched. Returns 1, or 0 with err set.
-int catalog_init(Catalog &cat, const std::string &dir, std::string &err);
+// TDSYS does not exist yet (first start) creates TDSYS and, with with_demo,
+// DEMO. A later start leaves existing databases untouched. Returns 1, or 0
+// with err set.
+int catalog_init(Catalog &cat, const std::string &dir, std::string &err, bool with_demo = true);
 
 // Takes every access of group and others away from the data folder, its
 // backup folder and the files in both (databases, their WAL and shared-memory

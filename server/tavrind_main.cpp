@@ -28,11 +28,12 @@ void on_signal(int) {
 
 void usage(FILE *f) {
   fputs("Usage: tavrind --data DIR [--namespace NS] [--lock-timeout SECONDS] [--max-clients N]\n"
-        "               [--verbose]\n"
+        "               [--no-demo] [--verbose]\n"
         "Serves the TAVRIN databases of the folder DIR (one SQLite file DIR/<NAME>.db each)\n"
         "to clients on this machine through shared memory.\n"
         "  --data DIR       the data folder; the first start creates it with the system\n"
         "                   database TDSYS and the demo database DEMO\n"
+        "  --no-demo        the first start creates TDSYS only, without DEMO\n"
         "  --namespace NS   prefix of the shared-memory objects (default: the environment\n"
         "                   variable TAVRIN_NAMESPACE, else none)\n"
         "  --lock-timeout SECONDS\n"
@@ -60,7 +61,7 @@ void log_line(const std::string &line) { fprintf(stderr, "tavrind: %s\n", line.c
 
 int main(int argc, char **argv) {
   std::string data;
-  bool verbose = false;
+  bool verbose = false, demo = true;
   double lock_timeout = 30, max_clients = 64;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
@@ -69,6 +70,8 @@ int main(int argc, char **argv) {
       return 0;
     } else if (a == "--verbose") {
       verbose = true;
+    } else if (a == "--no-demo") {
+      demo = false;
     } else if ((a == "--lock-timeout" || a == "--max-clients") && i + 1 < argc) {
       const char *v = argv[++i];
       bool ok = a == "--lock-timeout" ? read_number(v, 0, 1e6, lock_timeout)
@@ -122,7 +125,7 @@ int main(int argc, char **argv) {
   // umask left open is closed now.
   umask(077);
   std::string err;
-  if (!tavrind::catalog_init(ex.catalog, data, err)) {
+  if (!tavrind::catalog_init(ex.catalog, data, err, demo)) {
     log_line("cannot use the data folder " + data + ": " + err);
     srv.shutdown();
     return 1;

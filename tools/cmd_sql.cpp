@@ -15,7 +15,10 @@
 #include "db/client/tokenizer.h"
 #include "tools/commands.h"
 #include "tools/sqlstream.h"
+#include "tools/sqlshell.h"
 #include "tools/term.h"
+
+#include <unistd.h>
 
 namespace {
 
@@ -172,6 +175,12 @@ bool run_text(DBSESSION *s, const std::string &text, Format format) {
 
 } // namespace
 
+bool tavrin_sql_run(DBSESSION *s, const std::string &statement, TavrinSqlFormat format) {
+  static_assert(int(TAVRIN_SQL_TABLE) == TABLE && int(TAVRIN_SQL_CSV) == CSV &&
+                int(TAVRIN_SQL_TSV) == TSV);
+  return run_one(s, statement, static_cast<Format>(format));
+}
+
 DBSESSION *tavrin_open_session(int argc, char **argv, std::vector<std::string> &rest) {
   char name[DBSESSION_NAME_MAX + 1] = "";
   ARGV_GetDB_Name(argv, argc, name);
@@ -223,6 +232,13 @@ int cmd_sql(int argc, char **argv) {
   std::vector<std::string> ignored;
   DBSESSION *s = tavrin_open_session(argc, argv, ignored);
   if (!s) return TAVRIN_FAIL;
+  if (statements.empty() && isatty(STDIN_FILENO)) {
+    // A person at a terminal: the interactive shell, which runs each
+    // statement through tavrin_sql_run.
+    bool good = sqlshell_run(s, name, static_cast<TavrinSqlFormat>(format), single);
+    dbclose(s);
+    return good ? TAVRIN_OK : TAVRIN_FAIL;
+  }
   bool failed = false;
   if (single && !dbbegin(s)) failed = true;
   if (!failed) {

@@ -36,3 +36,11 @@ DBSESSION *tavrin_open_session(int argc, char **argv, std::vector<std::string> &
 
 // The run function of the command table; argv[0] is the command name.
 int cmd_sql(int argc, char **argv);
+
+// The result formats of tavrin sql.
+enum TavrinSqlFormat { TAVRIN_SQL_TABLE, TAVRIN_SQL_CSV, TAVRIN_SQL_TSV };
+
+// Runs one statement (Latin-1) on s as tavrin sql runs each of its
+// statements and prints what it gave. Returns false when it failed (the
+// session layer printed why). For the interactive shell (sqlshell.h).
+bool tavrin_sql_run(DBSESSION *s, const std::string &statement, TavrinSqlFormat format);

@@ -6,6 +6,7 @@
 #include "tools/cmd_sql.h"
 #include "tools/cmd_table.h"
 #include "tools/cmd_varne.h"
+#include "tools/sqlshell.h"
 #include "tools/term.h"
 
 #include <cstdarg>
@@ -26,7 +27,7 @@ const TavrinCommand kCommands[] = {
     {"encode", "STATEMENT...", "show the request bytes of an SQL statement", ENCODE_HELP,
      cmd_encode},
     {"sql", "[-dbNAME] [--format table|csv|tsv] [-1] [STATEMENT...]",
-     "run SQL statements on a database", SQL_HELP, cmd_sql},
+     "run SQL statements on a database", SQL_HELP SQLSHELL_HELP, cmd_sql},
     {"table", "save|load [-dbNAME] TABLE FILE", "save a table into a TABLE file, or load one",
      TABLE_HELP, cmd_table},
     {"ping", "[-dbNAME]", "check that the TAVRIN server answers", PING_HELP, cmd_ping},

@@ -63,6 +63,9 @@ class Server {
 public:
   ~Server() { stop(); }
 
+  // Further options of the program (not used by the library server).
+  std::vector<std::string> options;
+
   // Starts a server; returns false with `why` set when none can run.
   bool start(std::string &why) {
     static std::atomic<int> n{0};
@@ -143,6 +146,7 @@ private:
     posix_spawn_file_actions_addopen(&fa, 1, log_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     posix_spawn_file_actions_adddup2(&fa, 1, 2);
     std::vector<std::string> args = {prog, "--data", data_, "--namespace", ns_, "--verbose"};
+    args.insert(args.end(), options.begin(), options.end());
     std::vector<char *> argv;
     for (auto &a : args) argv.push_back(a.data());
     argv.push_back(nullptr);

@@ -29,12 +29,14 @@ for want in /usr/bin/zentiq /usr/bin/tavrin /usr/bin/tavrind /usr/share/zentiq/z
 done
 
 # Depends come from the linked libraries: the viewer needs Qt, the server
-# SQLite, and neither the client nor the server pulls in Qt.
+# SQLite, the client its line editor, and neither the client nor the server
+# pulls in Qt.
 depends() { dpkg-deb -f "$(deb "$1")" Depends; }
 [[ $(depends zentiq) == *libqt6widgets6* ]] || fail "zentiq Depends: $(depends zentiq)"
 [[ $(depends tavrind) == *libsqlite3-0* && $(depends tavrind) == *adduser* ]] ||
   fail "tavrind Depends: $(depends tavrind)"
 [[ $(depends tavrin) != *qt6* && $(depends tavrind) != *qt6* ]] || fail "Qt in a Depends"
+[[ $(depends tavrin) == *libedit2* ]] || fail "tavrin Depends (line editor): $(depends tavrin)"
 
 # The server package makes its user, keeps the defaults file as a conffile and
 # removes no data.

@@ -106,4 +106,22 @@ TEST(EndToEnd, EveryTypeTravelsAndStopEndsTheProgram) {
   EXPECT_TRUE(gone);
 }
 
+TEST(EndToEnd, NoDemoMakesTheSystemDatabaseOnly) {
+  if (tavrind_fixture::program().empty()) GTEST_SKIP() << "tavrind has not been built";
+  tavrind_fixture::Server server;
+  server.options = {"--no-demo"};
+  std::string why;
+  ASSERT_TRUE(server.start(why)) << why;
+  char db[] = "tdsys";
+  DBCONN *c = DBconnect(db);
+  ASSERT_EQ(DBstatus(c), DBCONN_OK) << DBerrormessage(c);
+  Texts out;
+  ASSERT_EQ(run(c, "SHOW DATABASES", &out), DBRES_TUPLES);
+  EXPECT_EQ(out, Texts{"TDSYS"});
+  ASSERT_EQ(run(c, "SELECT COUNT(*) FROM ERROT", &out), DBRES_TUPLES);
+  EXPECT_NE(out, Texts{"0"}) << "TDSYS is filled as without the option";
+  DBfinish(c);
+  DBconn_free(c);
+}
+
 } // namespace

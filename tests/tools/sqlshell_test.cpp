@@ -1,0 +1,142 @@
+// The interactive shell of tavrin sql as a person meets it: the built
+// program on a pseudo-terminal against a real server, typing lines and
+// reading what the terminal shows.
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/stat.h>
+
+#include <chrono>
+
+#include "tools_testutil.h"
+
+namespace {
+
+// tavrin sql -dbdemo on a pseudo-terminal, with HOME in the scratch folder.
+class Terminal {
+public:
+  Terminal(const std::string &exe, const std::filesystem::path &home) {
+    pid_ = forkpty(&fd_, nullptr, nullptr, nullptr);
+    if (pid_ == 0) {
+      setenv("HOME", home.c_str(), 1);
+      unsetenv("XDG_STATE_HOME");
+      setenv("TERM", "dumb", 1);
+      execl(exe.c_str(), "tavrin", "sql", "-dbdemo", static_cast<char *>(nullptr));
+      _exit(127);
+    }
+  }
+  ~Terminal() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    if (fd_ >= 0) close(fd_);
+  }
+  bool started() const { return pid_ > 0 && fd_ >= 0; }
+
+  void type(const std::string &keys) {
+    ASSERT_EQ(write(fd_, keys.data(), keys.size()), ssize_t(keys.size()));
+  }
+
+  // Reads until the screen shows `want` after what earlier waits consumed
+  // (at most 20 s). Returns true when it came; `seen` keeps everything.
+  bool wait_for(const std::string &want) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (seen.find(want, from_) == std::string::npos) {
+      if (std::chrono::steady_clock::now() > end) return false;
+      pollfd p{fd_, POLLIN, 0};
+      if (poll(&p, 1, 100) <= 0) continue;
+      char buf[4096];
+      ssize_t n = read(fd_, buf, sizeof buf);
+      if (n <= 0) return false;
+      seen.append(buf, size_t(n));
+    }
+    from_ = seen.find(want, from_) + want.size();
+    return true;
+  }
+
+  // The exit status once the program ended (at most 20 s), else -1.
+  int status() {
+    for (int i = 0; i < 200; ++i) {
+      int st = 0;
+      char buf[4096];
+      pollfd p{fd_, POLLIN, 0};
+      while (poll(&p, 1, 0) > 0 && read(fd_, buf, sizeof buf) > 0) {
+      }
+      if (waitpid(pid_, &st, WNOHANG) == pid_) {
+        pid_ = -1;
+        return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return -1;
+  }
+
+  std::string seen;
+
+private:
+  pid_t pid_ = -1;
+  int fd_ = -1;
+  size_t from_ = 0;
+};
+
+class SqlShell : public tooltest::WithServer {};
+
+TEST_F(SqlShell, PromptStatementsOverLinesCommandsAndHistoryAcrossRuns) {
+  {
+    Terminal t(exe, dir);
+    ASSERT_TRUE(t.started());
+    ASSERT_TRUE(t.wait_for("demo> ")) << t.seen;
+    t.type("CREATE TABLE SH1 (SH1_ID INTEGER, T CHARACTER(10));\r");
+    ASSERT_TRUE(t.wait_for("done")) << t.seen;
+    // A ';' inside a quoted text does not end the statement, also when the
+    // text spans lines; the continuation prompts say what is open.
+    t.type("INSERT INTO SH1 VALUES (1, 'a;\r");
+    ASSERT_TRUE(t.wait_for("'> ")) << t.seen;
+    t.type("b');\r");
+    ASSERT_TRUE(t.wait_for("1 row changed")) << t.seen;
+    t.type("SELECT SH1_ID, T\r");
+    ASSERT_TRUE(t.wait_for("-> ")) << t.seen;
+    t.type("FROM SH1 WHERE T <> 'x\\';';\r");
+    EXPECT_TRUE(t.wait_for("(1 row)")) << t.seen;
+    t.type("\\dt\r");
+    ASSERT_TRUE(t.wait_for("TABLE_NAME | ATTRIBUTES | MODE")) << t.seen;
+    EXPECT_TRUE(t.wait_for("SH1")) << t.seen;
+    t.type("\\q\r");
+    EXPECT_EQ(t.status(), 0) << t.seen;
+  }
+  std::filesystem::path history = dir / ".local/state/zentiq/tavrin_history";
+  ASSERT_TRUE(std::filesystem::exists(history));
+  struct stat sb {};
+  ASSERT_EQ(stat(history.c_str(), &sb), 0);
+  EXPECT_EQ(sb.st_mode & 0777, 0600u);
+
+  {
+    // The second run recalls the multi-line SELECT from the history of the
+    // first (three entries back: \q, \dt, the SELECT), as one line.
+    Terminal t(exe, dir);
+    ASSERT_TRUE(t.wait_for("demo> ")) << t.seen;
+    t.type("\x1b[A\x1b[A\x1b[A\r");
+    EXPECT_TRUE(t.wait_for("a;\r\nb")) << t.seen;
+    EXPECT_TRUE(t.wait_for("(1 row)")) << t.seen;
+    // An open transaction is not ended by the first \q, nor by \c.
+    t.type("BEGIN;\r");
+    ASSERT_TRUE(t.wait_for("done")) << t.seen;
+    t.type("DELETE FROM SH1;\r");
+    ASSERT_TRUE(t.wait_for("1 row changed")) << t.seen;
+    t.type("\\c tdsys\r");
+    EXPECT_TRUE(t.wait_for("COMMIT or ABORT it first")) << t.seen;
+    t.type("\\q\r");
+    EXPECT_TRUE(t.wait_for("a transaction is open")) << t.seen;
+    t.type("ABORT;\r");
+    ASSERT_TRUE(t.wait_for("done")) << t.seen;
+    t.type("\\c tdsys\r");
+    EXPECT_TRUE(t.wait_for("tdsys> ")) << t.seen;
+    t.type("\\q\r");
+    EXPECT_EQ(t.status(), 0) << t.seen;
+  }
+  tooltest::Outcome r = run("$T sql -dbdemo --format csv 'SELECT COUNT(*) FROM SH1'");
+  EXPECT_EQ(r.out, "COUNT(*)\n1\n") << "the aborted DELETE left the row";
+}
+
+} // namespace
