@@ -251,9 +251,10 @@ size_t line_end(const std::string &text, size_t start) {
 }
 
 // Adds the line of one record (a copy) as the loaders do: decimal places of
-// the tabbox while the text is made, the filter first.
-void load_record(MYFL_TABBOX *m, DBSESSION *session, MYFL_LINE_FUNC line, void *record,
-                 const char *fn) {
+// the tabbox while the text is made, the filter first. Every loader adds its
+// lines through the one line adder, so its messages ("Line is invalid", "Too
+// many columns") name addto_tabbox_line whichever loader called.
+void load_record(MYFL_TABBOX *m, DBSESSION *session, MYFL_LINE_FUNC line, void *record) {
   if (m->filter && !m->filter(record)) return;
   Set_ValueDecimals(fl_get_tabbox_comma(m->tabbox));
   const char *text = line ? line(session, record, m->kz_dbnames) : "";
@@ -268,7 +269,7 @@ void load_record(MYFL_TABBOX *m, DBSESSION *session, MYFL_LINE_FUNC line, void *
     std::string piece = copy.substr(start, end == std::string::npos ? end : end - start);
     if (!piece.empty() || start == 0) {
       void *rec = copy_record(record);
-      if (!add_line(m, piece.c_str(), rec, fn)) std::free(rec);
+      if (!add_line(m, piece.c_str(), rec, "addto_tabbox_line")) std::free(rec);
       ++m->rows;
     }
     start = end == std::string::npos ? copy.size() + 1 : end + 1;
@@ -701,7 +702,7 @@ int myfl_load_db_tabbox(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE_FUNC li
     if (!m->table_new) msg_fatal("(myfl_load_db_tabbox) TABLE_New() not defined\n");
     void *record = m->table_new();
     while (next && next(table, session, record))
-      load_record(m, session, line, record, "myfl_load_db_tabbox");
+      load_record(m, session, line, record);
     std::free(record);
     end_level(session);
   }
@@ -745,7 +746,7 @@ int myfl_insert_db_tabbox(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE_FUNC 
   if (m->insert) ok = m->insert(session, record);
   if (ok) {
     if (line) m->line_func = line;
-    load_record(m, session, m->line_func, record, "myfl_insert_db_tabbox");
+    load_record(m, session, m->line_func, record);
   }
   end_level(session);
   return ok;
@@ -766,7 +767,7 @@ int load_list(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE_FUNC line, void *
   m->line_func = line;
   if (!keep) clear_data(m);
   for (int i = 0; i < count; ++i)
-    if (records[i]) load_record(m, session, line, records[i], fn);
+    if (records[i]) load_record(m, session, line, records[i]);
   end_level(session);
   m->frozen = 0;
   return myfl_draw_tabbox(tabbox);

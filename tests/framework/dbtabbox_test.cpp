@@ -241,6 +241,13 @@ TEST_F(DbTabbox, LoaderFillsFromTheTableInsideOneLevel) {
   EXPECT_EQ(ids(), (std::vector<int>{4, 5, 21, 22}));
   EXPECT_EQ(myfl_load_single_tabbox(&session_, tb_, rec_line, &b), 1);
   EXPECT_EQ(ids(), (std::vector<int>{22}));
+  // Whichever loader adds a line, a bad line is reported by the line adder.
+  Rec odd = {sizeof(Rec), 23, "c\",\"d"};
+  void *odd_list[] = {&odd};
+  messages().clear();
+  myfl_load_multiple_tabbox_1(&session_, tb_, rec_line, odd_list, 1);
+  EXPECT_EQ(messages(), "(addto_tabbox_line) Line is invalid (only 3 of 2 cols)\n");
+  myfl_load_single_tabbox(&session_, tb_, rec_line, &b);
   fl_select_tabbox_line(tb_, 1);
   std::vector<void *> selected;
   EXPECT_EQ(myfl_get_multiple_tabbox(tb_, &selected), 1);
