@@ -79,8 +79,8 @@ namespace resdata_detail {
 // them stay valid until the arena is cleared or destroyed.
 class Arena {
 public:
-  // Whether n bytes fit into the open block.
-  bool fits(size_t n) const { return capacity_ - used_ >= n; }
+  // Whether n bytes fit into the open block (there is none at first).
+  bool fits(size_t n) const { return !blocks_.empty() && capacity_ - used_ >= n; }
   // Bytes of the block that opening room for n bytes would allocate.
   static size_t block_for(size_t n) { return n > RESDATA_BLOCK_SIZE ? n : RESDATA_BLOCK_SIZE; }
   // Room for n bytes; returns where to write and sets *ref. Opens a block
