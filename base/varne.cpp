@@ -134,7 +134,6 @@ constexpr uint32_t kLengthBits[3] = {4, 5, 8};
 // Compressor
 
 // Tuning of the match search.
-constexpr int kMaxChain = 24;      // chain steps per search (fast parse)
 constexpr int kThoroughChain = 16; // chain steps per search (thorough parse)
 constexpr uint32_t kNiceLen = 96;  // a match this long ends the search
 constexpr uint32_t kLazyLen = 40;  // matches this long are taken without lazy look
@@ -155,7 +154,7 @@ struct Compressor {
   uint32_t comp_min = 5;
   uint32_t max_token = 260; // longest repeat one token codes
   uint32_t nice_len = 96;   // a repeat this long is taken without further search
-  int max_chain = kMaxChain;
+  int max_chain = kThoroughChain;
   bool thorough = false; // optimal parse instead of the lazy one
   uint32_t window_mask = 0;
   uint32_t max_dist = 0;
@@ -969,7 +968,6 @@ int Compress_Thorough(int on) {
     }
   }
   c.thorough = on != 0;
-  c.max_chain = on ? kThoroughChain : kMaxChain;
   return 1;
 }
 

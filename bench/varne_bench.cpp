@@ -304,8 +304,8 @@ int main(int argc, char **argv) {
                   : nullptr);
     target("encode_speed_" + in.name, enc, ">=", 1.0, "x");
     if (!random)
-      target("size_" + in.name, double(in.varne.size()) / double(in.zlib.size()), "<=",
-             in.text ? 1.15 : 1.25, "x");
+      target("size_" + in.name, double(in.varne.size()) / double(in.zlib.size()),
+             "<=", in.text ? 1.15 : 1.25, "x");
   }
   const Input &rnd = list.back();
   target("random_growth", double(rnd.varne.size()) / double(rnd.data.size()), "<=", 1.27, "x");
