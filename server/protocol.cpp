@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstring>
 #include <ctime>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/msg.h"
@@ -60,49 +61,92 @@ const ProtocolServer::Slot *ProtocolServer::slot_at(int channel) const {
   return const_cast<ProtocolServer *>(this)->slot_at(channel);
 }
 
+// Prints why the server does not start: an object of its namespace that
+// another user made, another group owns or a wider mode opens. Returns false.
+static bool refuse_object(const char *name, const struct stat &st) {
+  msg_print("(tavrind) Refusing to start: %s is not this server's own; remove it or use "
+            "another namespace\n",
+            ipc::describe_object(name, st).c_str());
+  return false;
+}
+
+void ProtocolServer::close_objects() {
+  area_.close();
+  owner_.close();
+  client_.close();
+  server_ack_.close();
+  client_ack_.close();
+  activate_.close();
+  mutex_.close();
+  server_.close();
+}
+
 bool ProtocolServer::start() {
   if (started_) return true;
-  // The liveness lock first: while another server lives, touch nothing.
-  if (!server_.create_owned(DBOBJ_SERVER)) {
+  // The liveness lock first: while another server lives, touch nothing. An
+  // object another user could have made or could read is never used: its
+  // owner could read the exchange or run statements as this server's user.
+  struct stat st;
+  if (ipc::stat_object(DBOBJ_SERVER, &st) && !ipc::server_may_use(st, access_))
+    return refuse_object(DBOBJ_SERVER, st);
+  if (!server_.create_owned(DBOBJ_SERVER, access_)) {
     if (errno == EWOULDBLOCK)
       msg_print("(tavrind) A server is already running in namespace '%s'\n",
-                ipc::object_name("").c_str() + 1);
+                ipc::namespace_name().c_str());
     else
-      msg_print("(tavrind) Cannot create %s: %s\n", DBOBJ_SERVER, std::strerror(errno));
+      msg_print("(tavrind) Cannot create %s: %s\n", ipc::object_name(DBOBJ_SERVER).c_str(),
+                std::strerror(errno));
     return false;
   }
-  struct Item {
-    bool ok;
-    const char *name;
-  };
-  const Item items[] = {
-      {area_.create_or_open(DBOBJ_AREA, DBCOMM_AREA_SIZE), DBOBJ_AREA},
-      {owner_.create_or_open(DBOBJ_OWNER, DBCOMM_OWNER_SIZE), DBOBJ_OWNER},
-      {client_.create_or_open(DBOBJ_CLIENT), DBOBJ_CLIENT},
-      {server_ack_.create_or_open(DBOBJ_SERVER_ACK), DBOBJ_SERVER_ACK},
-      {client_ack_.create_or_open(DBOBJ_CLIENT_ACK), DBOBJ_CLIENT_ACK},
-      {activate_.create_or_open(DBOBJ_ACTIVATE), DBOBJ_ACTIVATE},
-      {mutex_.create_or_open(DBOBJ_MUTEX), DBOBJ_MUTEX},
-  };
-  for (const Item &it : items) {
-    if (!it.ok) {
-      msg_print("(tavrind) Cannot create %s: %s\n", it.name, std::strerror(errno));
-      area_.close();
-      owner_.close();
-      client_.close();
-      server_ack_.close();
-      client_ack_.close();
-      activate_.close();
-      mutex_.close();
-      server_.close();
-      return false;
-    }
+  // What was opened is checked again: the name may have changed hands.
+  if (!server_.section().stat(&st) || !ipc::server_may_use(st, access_)) {
+    server_.close();
+    return refuse_object(DBOBJ_SERVER, st);
   }
-  // A leftover of a dead server may name a parked channel of its own, and
-  // may hold an acknowledgement that no chunk of ours has earned.
+  // The other objects are made anew, exclusively: a leftover of a dead
+  // server of this user is removed first, so that nothing a dead process
+  // left behind carries over (a mutex locked for ever by a client that
+  // unmapped it, a set event, a parked channel in the owner word), and
+  // clients still attached to the leftovers cannot reach this server.
+  for (const char *name : DBOBJ_ALL) {
+    if (std::strcmp(name, DBOBJ_SERVER) == 0 || !ipc::stat_object(name, &st)) continue;
+    if (!ipc::server_may_use(st, access_)) {
+      close_objects();
+      return refuse_object(name, st);
+    }
+    if (std::strcmp(name, DBOBJ_MUTEX) == 0) {
+      ipc::Mutex old;
+      if (old.open_existing(DBOBJ_MUTEX) && old.locked_by_other())
+        msg_print("(tavrind) %s was left locked; it is replaced\n",
+                  ipc::object_name(DBOBJ_MUTEX).c_str());
+    }
+    ipc::unlink_object(name);
+  }
+  const char *failed = nullptr;
+  if (!area_.create_new(DBOBJ_AREA, DBCOMM_AREA_SIZE, access_))
+    failed = DBOBJ_AREA;
+  else if (!owner_.create_new(DBOBJ_OWNER, DBCOMM_OWNER_SIZE, access_))
+    failed = DBOBJ_OWNER;
+  else if (!client_.create_new(DBOBJ_CLIENT, access_))
+    failed = DBOBJ_CLIENT;
+  else if (!server_ack_.create_new(DBOBJ_SERVER_ACK, access_))
+    failed = DBOBJ_SERVER_ACK;
+  else if (!client_ack_.create_new(DBOBJ_CLIENT_ACK, access_))
+    failed = DBOBJ_CLIENT_ACK;
+  else if (!activate_.create_new(DBOBJ_ACTIVATE, access_))
+    failed = DBOBJ_ACTIVATE;
+  else if (!mutex_.create_new(DBOBJ_MUTEX, access_))
+    failed = DBOBJ_MUTEX;
+  if (failed) {
+    int e = errno;
+    close_objects();
+    // Taken between the removal and the creation: by whom?
+    if (e == EEXIST && ipc::stat_object(failed, &st)) return refuse_object(failed, st);
+    msg_print("(tavrind) Cannot create %s: %s\n", ipc::object_name(failed).c_str(),
+              std::strerror(e));
+    return false;
+  }
   set_owner_word(DBCOMM_OWNER_FREE);
-  server_ack_.reset();
-  activate_.reset();
   started_ = true;
   stop_ = 0;
   last_check_ns_ = now_ns();
@@ -119,14 +163,7 @@ void ProtocolServer::shutdown() {
   // Unlink while the liveness lock is still held: a starting server cannot
   // have taken the names over yet.
   for (const char *name : DBOBJ_ALL) ipc::unlink_object(name);
-  area_.close();
-  owner_.close();
-  client_.close();
-  server_ack_.close();
-  client_ack_.close();
-  activate_.close();
-  mutex_.close();
-  server_.close();
+  close_objects();
   started_ = false;
 }
 
@@ -218,6 +255,8 @@ void ProtocolServer::handshake() {
   }
   DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(answer));
   DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(getpid()));
+  // A refusal tells the client how many channels this server gives out.
+  if (answer < 0) DBwire_put32(a + DBCOMM_PAYLOAD_AT, static_cast<uint32_t>(max_channels_));
   client_.set();
   if (answer >= 0) slots_[size_t(answer)].ctx = handler_.channel_opened(*this, answer, pid);
 }

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <grp.h>
 #include <string>
 
 namespace {
@@ -26,14 +27,16 @@ void on_signal(int) {
 }
 
 void usage(FILE *f) {
-  fputs("Usage: tavrind --data DIR [--namespace NS] [--lock-timeout SECONDS] [--max-clients N]\n"
-        "               [--verbose]\n"
+  fputs("Usage: tavrind --data DIR [--namespace NS] [--group NAME] [--lock-timeout SECONDS]\n"
+        "               [--max-clients N] [--verbose]\n"
         "Serves the TAVRIN databases of the folder DIR (one SQLite file DIR/<NAME>.db each)\n"
         "to clients on this machine through shared memory.\n"
         "  --data DIR       the data folder; the first start creates it with the system\n"
         "                   database TDSYS and the demo database DEMO\n"
         "  --namespace NS   prefix of the shared-memory objects (default: the environment\n"
-        "                   variable TAVRIN_NAMESPACE, else none)\n"
+        "                   variable TAVRIN_NAMESPACE, else u<uid>_ of this user)\n"
+        "  --group NAME     a shared server: the members of group NAME may connect too\n"
+        "                   (the objects get mode 0660 instead of 0600)\n"
         "  --lock-timeout SECONDS\n"
         "                   how long a statement waits for a lock that another client\n"
         "                   holds before it is refused with error 509 (default 30)\n"
@@ -61,6 +64,8 @@ int main(int argc, char **argv) {
   std::string data;
   bool verbose = false;
   double lock_timeout = 30, max_clients = 64;
+  ipc::Access access;
+  std::string group_name;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
     if (a == "--help" || a == "-h") {
@@ -77,6 +82,14 @@ int main(int argc, char **argv) {
         fprintf(stderr, "tavrind: invalid value '%s' for %s\n", v, a.c_str());
         return 2;
       }
+    } else if (a == "--group" && i + 1 < argc) {
+      const struct group *gr = getgrnam(argv[++i]);
+      if (!gr) {
+        fprintf(stderr, "tavrind: unknown group '%s'\n", argv[i]);
+        return 2;
+      }
+      access.group = gr->gr_gid;
+      group_name = gr->gr_name;
     } else if ((a == "--data" || a == "--namespace") && i + 1 < argc) {
       if (a == "--data")
         data = argv[++i];
@@ -103,6 +116,7 @@ int main(int argc, char **argv) {
       std::chrono::milliseconds(static_cast<long long>(std::llround(lock_timeout * 1000))));
   tavrind::ProtocolServer srv(handler);
   srv.set_max_channels(static_cast<int>(max_clients));
+  srv.set_access(access);
   // The namespace first: a second server stops here and touches no data.
   if (!srv.start()) return 1; // the reason has been printed
   // A signal during the first start's creation of TDSYS and DEMO ends the
@@ -119,8 +133,9 @@ int main(int argc, char **argv) {
     srv.shutdown();
     return 1;
   }
-  const char *ns = getenv("TAVRIN_NAMESPACE");
-  log_line("serving " + ex.catalog.dir + (ns && *ns ? std::string(" in namespace ") + ns : ""));
+  std::string ns = ipc::namespace_name();
+  log_line("serving " + ex.catalog.dir + (ns.empty() ? "" : " in namespace " + ns) +
+           (access.shared() ? " for group " + group_name : ""));
   srv.run();
   srv.shutdown();
   g_server = nullptr;
