@@ -18,8 +18,7 @@ namespace {
 
 constexpr size_t kPayload = DBCOMM_PAYLOAD_SIZE;
 constexpr uint32_t kMaxPacket = DBCOMM_PACKET_MAX + DBCOMM_FIRST_HEAD; // largest packet
-constexpr uint32_t kMaxRequest = 1u << 30;
-constexpr int64_t kCheckInterval = 100 * 1000000LL; // client processes, ns
+constexpr int64_t kCheckInterval = 100 * 1000000LL;                    // client processes, ns
 
 int64_t now_ns() {
   struct timespec ts;
@@ -291,14 +290,17 @@ void ProtocolServer::feed(int channel, const unsigned char *bytes, size_t n,
     size_t dn;
     if (!ch.in_message) {
       uint32_t total = DBwire_get32(ch.packet.data() + 4);
-      if (total > kMaxRequest) {
+      if (total > max_request_) {
         msg_print("(tavrind) Request of %u bytes on channel %d too long\n", total, channel);
         ch.packet.clear();
         return;
       }
       ch.message_length = total;
       ch.message.clear();
-      ch.message.reserve(total);
+      // Memory follows the bytes that came, not the length announced: a
+      // request announced and never sent costs nothing.
+      ch.message.reserve(std::min<size_t>(total, size_t{1} << 20));
+      ch.message_started_ns = now_ns();
       ch.in_message = true;
       data = ch.packet.data() + 8;
       dn = plen - 8;
@@ -520,8 +522,20 @@ void ProtocolServer::finish_activation() {
 
 void ProtocolServer::check_clients() {
   last_check_ns_ = now_ns();
-  for (Slot &ch : slots_)
+  for (size_t i = 0; i < slots_.size(); ++i) {
+    Slot &ch = slots_[i];
     if (ch.used && !ch.dead && !ch.proc.alive()) ch.dead = true;
+    // A request that stays incomplete (a client stopped or misbehaving in
+    // the middle of it) is dropped with its memory after the time limit.
+    if (ch.used && ch.in_message &&
+        last_check_ns_ - ch.message_started_ns > int64_t(incomplete_limit_ms_) * 1000000) {
+      msg_print("(tavrind) Incomplete request of %u bytes on channel %d dropped after %d ms\n",
+                ch.message_length, int(i), incomplete_limit_ms_);
+      ch.in_message = false;
+      ch.packet.clear();
+      std::vector<unsigned char>().swap(ch.message);
+    }
+  }
   // Nobody is being handed the exchange: a set activation event is stale
   // (parked clients would pass it on to each other for ever).
   if (activating_ < 0 && activate_.is_set()) activate_.reset();

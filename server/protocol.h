@@ -110,6 +110,13 @@ public:
   // Who may use the objects start() creates: this user alone (the default)
   // or this user and a group (a shared server).
   void set_access(const ipc::Access &access) { access_ = access; }
+  // The longest request one client may announce (default 1 GiB); a longer
+  // one is dropped at its first packet. Its memory is taken as the bytes
+  // come in.
+  void set_max_request(uint32_t bytes) { max_request_ = bytes; }
+  // How long a request may stay incomplete before it is dropped with its
+  // memory (default 30 s).
+  void set_incomplete_limit_ms(int ms) { incomplete_limit_ms_ = ms; }
 
 private:
   // The transport's slot of one channel: its client process, the request
@@ -124,6 +131,7 @@ private:
     std::vector<unsigned char> packet;  // the packet being received
     std::vector<unsigned char> message; // the request being reassembled
     uint32_t message_length = 0;
+    int64_t message_started_ns = 0; // when its first packet came
     bool in_message = false;
     std::vector<unsigned char> pending; // the answer of a parked request
   };
@@ -155,6 +163,8 @@ private:
   volatile sig_atomic_t stop_ = 0;
   int max_channels_ = 1024;
   ipc::Access access_;
+  uint32_t max_request_ = 1u << 30;
+  int incomplete_limit_ms_ = 30000;
 
   ipc::Event server_;
   ipc::Section area_, owner_;

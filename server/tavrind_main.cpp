@@ -28,7 +28,7 @@ void on_signal(int) {
 
 void usage(FILE *f) {
   fputs("Usage: tavrind --data DIR [--namespace NS] [--group NAME] [--lock-timeout SECONDS]\n"
-        "               [--max-clients N] [--verbose]\n"
+        "               [--max-clients N] [--max-request-mb N] [--verbose]\n"
         "Serves the TAVRIN databases of the folder DIR (one SQLite file DIR/<NAME>.db each)\n"
         "to clients on this machine through shared memory.\n"
         "  --data DIR       the data folder; the first start creates it with the system\n"
@@ -42,6 +42,10 @@ void usage(FILE *f) {
         "                   holds before it is refused with error 509 (default 30)\n"
         "  --max-clients N  how many clients may be connected at once; further ones are\n"
         "                   refused at the handshake (default 64)\n"
+        "  --max-request-mb N\n"
+        "                   the longest request a client may send, in MiB (1-1024,\n"
+        "                   default 1024); memory is taken as its bytes come in, and a\n"
+        "                   request left incomplete for 30 s is dropped\n"
         "  --verbose        log every statement, not only connects, disconnects and errors\n"
         "  --help           show this text\n"
         "SIGINT and SIGTERM, and the statement STOP, end the server.\n",
@@ -63,7 +67,7 @@ void log_line(const std::string &line) { fprintf(stderr, "tavrind: %s\n", line.c
 int main(int argc, char **argv) {
   std::string data;
   bool verbose = false;
-  double lock_timeout = 30, max_clients = 64;
+  double lock_timeout = 30, max_clients = 64, max_request_mb = 1024;
   ipc::Access access;
   std::string group_name;
   for (int i = 1; i < argc; ++i) {
@@ -73,11 +77,14 @@ int main(int argc, char **argv) {
       return 0;
     } else if (a == "--verbose") {
       verbose = true;
-    } else if ((a == "--lock-timeout" || a == "--max-clients") && i + 1 < argc) {
+    } else if ((a == "--lock-timeout" || a == "--max-clients" || a == "--max-request-mb") &&
+               i + 1 < argc) {
       const char *v = argv[++i];
       bool ok = a == "--lock-timeout" ? read_number(v, 0, 1e6, lock_timeout)
-                                      : read_number(v, 1, 1024, max_clients) &&
-                                            max_clients == std::floor(max_clients);
+                : a == "--max-clients"
+                    ? read_number(v, 1, 1024, max_clients) && max_clients == std::floor(max_clients)
+                    : read_number(v, 1, 1024, max_request_mb) &&
+                          max_request_mb == std::floor(max_request_mb);
       if (!ok) {
         fprintf(stderr, "tavrind: invalid value '%s' for %s\n", v, a.c_str());
         return 2;
@@ -117,6 +124,7 @@ int main(int argc, char **argv) {
   tavrind::ProtocolServer srv(handler);
   srv.set_max_channels(static_cast<int>(max_clients));
   srv.set_access(access);
+  srv.set_max_request(static_cast<uint32_t>(max_request_mb) << 20);
   // The namespace first: a second server stops here and touches no data.
   if (!srv.start()) return 1; // the reason has been printed
   // A signal during the first start's creation of TDSYS and DEMO ends the

@@ -8,6 +8,7 @@
 #include "db/client/reqbuf.h"
 #include "db/client/transport.h"
 #include "server/protocol.h"
+#include "db/ipc/event.h"
 #include "db/ipc/mutex.h"
 #include "tests/ipc/ipc_testutil.h"
 
@@ -35,6 +36,7 @@ struct Counters {
   std::atomic<int> closes;    // '2'
   std::atomic<int> misuse_ok; // answer()/park() refused where they must be
   std::atomic<int> max_channels;
+  std::atomic<int> incomplete_ms; // 0: the server's default
 };
 
 Counters *shared_counters() {
@@ -137,6 +139,7 @@ pid_t start_server(Counters *c) {
     TestHandler h(c);
     tavrind::ProtocolServer srv(h);
     srv.set_max_channels(c->max_channels);
+    if (c->incomplete_ms) srv.set_incomplete_limit_ms(c->incomplete_ms);
     if (!srv.start()) return 3;
     g_server = &srv;
     signal(SIGTERM, [](int) { g_server->request_stop(); });
@@ -587,6 +590,33 @@ TEST_F(Protocol, ObjectsOfAnotherUserAreRefusedByServerAndClient) {
   ipc::unlink_object(DBOBJ_AREA);
   EXPECT_TRUE(srv.start());
   srv.shutdown();
+}
+
+// A request announced as 1 GiB whose first packet alone comes is dropped
+// after the time limit; the channel then serves its next request.
+TEST_F(Protocol, AnIncompleteRequestIsDroppedAfterTheTimeLimit) {
+  c_->incomplete_ms = 300;
+  pid_t srv = start_server(c_);
+  ASSERT_GT(srv, 0);
+  pid_t client = spawn([] {
+    DBCONN *k = connect_demo();
+    ipc::Section area;
+    ipc::Event server, client_ack;
+    if (!k || !area.open_existing(DBOBJ_AREA, DBCOMM_AREA_SIZE) ||
+        !server.open_existing(DBOBJ_SERVER) || !client_ack.open_existing(DBOBJ_CLIENT_ACK))
+      return 1;
+    auto *a = static_cast<unsigned char *>(area.data());
+    DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(k->channel));
+    DBwire_put32(a + DBCOMM_LENGTH_AT, DBCOMM_PACKET_MAX);
+    DBwire_put32(a + DBCOMM_PAYLOAD_AT, DBCOMM_PACKET_MAX);
+    DBwire_put32(a + DBCOMM_PAYLOAD_AT + 4, 1u << 30);
+    server.set();
+    if (client_ack.wait(5000) != ipc::WaitResult::Signalled) return 2;
+    usleep(800000);
+    return echoes(k, 300, 4) ? 0 : 3;
+  });
+  EXPECT_EQ(join_within(client, 10000), 0);
+  EXPECT_EQ(stop_server(srv), 0);
 }
 
 } // namespace
