@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstring>
 #include <ctime>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +20,17 @@ namespace {
 constexpr size_t kPayload = DBCOMM_PAYLOAD_SIZE;
 constexpr uint32_t kMaxPacket = DBCOMM_PACKET_MAX + DBCOMM_FIRST_HEAD; // largest packet
 constexpr int64_t kCheckInterval = 100 * 1000000LL;                    // client processes, ns
+
+// Is thread tid one of process pid's? Shared memory cannot tell who wrote
+// a word, but a client writes only while it holds the exchange's mutex, and
+// the mutex knows its owner's thread.
+bool thread_of(pid_t tid, pid_t pid) {
+  if (tid <= 0 || pid <= 0) return false;
+  if (tid == pid) return true;
+  struct stat st;
+  std::string task = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid);
+  return ::stat(task.c_str(), &st) == 0;
+}
 
 int64_t now_ns() {
   struct timespec ts;
@@ -80,28 +92,55 @@ void ProtocolServer::close_objects() {
   server_.close();
 }
 
+// Takes the liveness lock of the namespace on a fresh object of this
+// server's own. While another server lives, nothing is touched. An object
+// another user could have made or could read is never used: its owner could
+// read the exchange or run statements as this server's user. A leftover of
+// a dead server of this user is locked (proving that no server lives),
+// then replaced, so that clients still attached to it cannot signal this
+// server. Returns false with the reason printed.
+bool ProtocolServer::take_liveness() {
+  struct stat st, held;
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    if (ipc::stat_object(DBOBJ_SERVER, &st) && !ipc::server_may_use(st, access_))
+      return refuse_object(DBOBJ_SERVER, st);
+    bool created = false;
+    if (!server_.create_owned(DBOBJ_SERVER, access_, &created)) {
+      if (errno == EWOULDBLOCK)
+        msg_print("(tavrind) A server is already running in namespace '%s'\n",
+                  ipc::namespace_name().c_str());
+      else
+        msg_print("(tavrind) Cannot create %s: %s\n", ipc::object_name(DBOBJ_SERVER).c_str(),
+                  std::strerror(errno));
+      return false;
+    }
+    if (created) return true;
+    // What was opened is checked again: the name may have changed hands, or
+    // a server that started at the same time may have replaced it.
+    if (!server_.section().stat(&held) || !ipc::server_may_use(held, access_)) {
+      server_.close();
+      return refuse_object(DBOBJ_SERVER, held);
+    }
+    if (!ipc::stat_object(DBOBJ_SERVER, &st) || st.st_ino != held.st_ino) {
+      server_.close();
+      continue;
+    }
+    ipc::unlink_object(DBOBJ_SERVER);
+    ipc::Event fresh;
+    if (fresh.create_owned(DBOBJ_SERVER, access_, &created) && created) {
+      server_ = std::move(fresh); // the leftover's lock goes only now
+      return true;
+    }
+    server_.close();
+  }
+  msg_print("(tavrind) Cannot take over %s\n", ipc::object_name(DBOBJ_SERVER).c_str());
+  return false;
+}
+
 bool ProtocolServer::start() {
   if (started_) return true;
-  // The liveness lock first: while another server lives, touch nothing. An
-  // object another user could have made or could read is never used: its
-  // owner could read the exchange or run statements as this server's user.
   struct stat st;
-  if (ipc::stat_object(DBOBJ_SERVER, &st) && !ipc::server_may_use(st, access_))
-    return refuse_object(DBOBJ_SERVER, st);
-  if (!server_.create_owned(DBOBJ_SERVER, access_)) {
-    if (errno == EWOULDBLOCK)
-      msg_print("(tavrind) A server is already running in namespace '%s'\n",
-                ipc::namespace_name().c_str());
-    else
-      msg_print("(tavrind) Cannot create %s: %s\n", ipc::object_name(DBOBJ_SERVER).c_str(),
-                std::strerror(errno));
-    return false;
-  }
-  // What was opened is checked again: the name may have changed hands.
-  if (!server_.section().stat(&st) || !ipc::server_may_use(st, access_)) {
-    server_.close();
-    return refuse_object(DBOBJ_SERVER, st);
-  }
+  if (!take_liveness()) return false;
   // The other objects are made anew, exclusively: a leftover of a dead
   // server of this user is removed first, so that nothing a dead process
   // left behind carries over (a mutex locked for ever by a client that
@@ -204,6 +243,9 @@ void ProtocolServer::handle_chunk() {
               channel);
   } else if (!ch) {
     msg_print("(tavrind) Chunk for unknown channel %d ignored\n", channel);
+  } else if (!thread_of(mutex_.owner_tid(), ch->proc.pid())) {
+    msg_print("(tavrind) Chunk for channel %d from process %d (not its client %d) refused\n",
+              channel, int(mutex_.owner_tid()), int(ch->proc.pid()));
   } else {
     feed(channel, a + DBCOMM_PAYLOAD_AT, n, complete);
   }
@@ -222,6 +264,12 @@ void ProtocolServer::handshake() {
   if (!version_ok) {
     msg_print("(tavrind) Client %d refused: version '%.40s' is not %s\n", int(pid),
               std::memchr(version, 0, 41) ? version : "?", DBCOMM_VERSION);
+  } else if (pid_t writer = mutex_.owner_tid(); !thread_of(writer, pid)) {
+    // A process may only speak for itself: the claimed id must be the one
+    // of the process holding the exchange.
+    msg_print("(tavrind) Client %d refused: the handshake came from thread %d\n", int(pid),
+              int(writer));
+    answer = DBHS_REFUSED_PROCESS;
   } else {
     // A process holds one transport at a time: a new handshake means its
     // earlier channels are given up.

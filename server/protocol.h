@@ -136,6 +136,7 @@ private:
     std::vector<unsigned char> pending; // the answer of a parked request
   };
 
+  bool take_liveness();
   void close_objects();
   void handle_chunk();
   void handshake();

@@ -100,8 +100,9 @@ bool Event::open_live(const char *name) {
   return true;
 }
 
-bool Event::create_owned(const char *name, const Access &access) {
-  if (!sec_.create_new(name, kEventSize, access)) {
+bool Event::create_owned(const char *name, const Access &access, bool *created) {
+  *created = sec_.create_new(name, kEventSize, access);
+  if (!*created) {
     if (errno != EEXIST || !sec_.open_existing(name, kEventSize)) return false;
   }
   if (!sec_.lock_exclusive()) {

@@ -38,9 +38,9 @@ public:
   // this object. False (EWOULDBLOCK) if a live process holds it already.
   bool create_owned(const char *name);
   // The same for a server's own liveness event: created exclusively for
-  // `access`, or the existing object opened (whose owner and mode the caller
-  // checks, see server_may_use). False with errno.
-  bool create_owned(const char *name, const Access &access);
+  // `access` (*created set), or the existing object opened (whose owner and
+  // mode the caller checks, see server_may_use). False with errno.
+  bool create_owned(const char *name, const Access &access, bool *created);
 
   // Sets the event and wakes one waiter.
   void set();

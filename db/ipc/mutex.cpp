@@ -84,6 +84,16 @@ void Mutex::close() {
   sec_.close();
 }
 
+pid_t Mutex::owner_tid() const {
+  auto *b = static_cast<MutexBlock *>(sec_.data());
+  if (!b) return 0;
+  // A robust mutex keeps its owner's thread id in the low 30 bits of its
+  // futex word (FUTEX_TID_MASK); the high bits are the waiter and owner-died
+  // flags.
+  int word = __atomic_load_n(&b->mutex.__data.__lock, __ATOMIC_ACQUIRE);
+  return static_cast<pid_t>(static_cast<unsigned>(word) & 0x3fffffffu);
+}
+
 bool Mutex::locked_by_other() {
   WaitResult r = lock(0);
   if (r == WaitResult::Signalled || r == WaitResult::Abandoned) {

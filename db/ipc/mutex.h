@@ -13,6 +13,8 @@
 
 #include "db/ipc/named.h"
 
+#include <sys/types.h>
+
 namespace ipc {
 
 class Mutex {
@@ -36,6 +38,9 @@ public:
   bool unlock();
   // True while this object holds the mutex (locked and not yet unlocked).
   bool held() const { return held_; }
+  // The thread id of the mutex's owner now, 0 when it is free (read from the
+  // robust mutex's lock word, which the kernel's clean-up relies on too).
+  pid_t owner_tid() const;
   // Whether some thread holds the mutex now (tries to take it without
   // waiting and gives it back). An abandoned mutex counts as free.
   bool locked_by_other();

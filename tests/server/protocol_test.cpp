@@ -605,6 +605,9 @@ TEST_F(Protocol, AnIncompleteRequestIsDroppedAfterTheTimeLimit) {
     if (!k || !area.open_existing(DBOBJ_AREA, DBCOMM_AREA_SIZE) ||
         !server.open_existing(DBOBJ_SERVER) || !client_ack.open_existing(DBOBJ_CLIENT_ACK))
       return 1;
+    ipc::Mutex mutex; // chunks count only from the holder of the exchange
+    if (!mutex.open_existing(DBOBJ_MUTEX) || mutex.lock(5000) != ipc::WaitResult::Signalled)
+      return 1;
     auto *a = static_cast<unsigned char *>(area.data());
     DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(k->channel));
     DBwire_put32(a + DBCOMM_LENGTH_AT, DBCOMM_PACKET_MAX);
@@ -612,10 +615,53 @@ TEST_F(Protocol, AnIncompleteRequestIsDroppedAfterTheTimeLimit) {
     DBwire_put32(a + DBCOMM_PAYLOAD_AT + 4, 1u << 30);
     server.set();
     if (client_ack.wait(5000) != ipc::WaitResult::Signalled) return 2;
+    mutex.unlock();
     usleep(800000);
     return echoes(k, 300, 4) ? 0 : 3;
   });
   EXPECT_EQ(join_within(client, 10000), 0);
+  EXPECT_EQ(stop_server(srv), 0);
+}
+
+// A process can neither claim another's process id at the handshake nor
+// write chunks for another process's channel: the server checks both
+// against the holder of the exchange's mutex. The victim goes on undisturbed.
+TEST_F(Protocol, ForgedHandshakesAndChunksAreRefused) {
+  pid_t srv = start_server(c_);
+  ASSERT_GT(srv, 0);
+  DBCONN *victim = connect_demo();
+  ASSERT_NE(victim, nullptr);
+  int victim_channel = victim->channel;
+  pid_t me = getpid();
+  pid_t forger = spawn([me, victim_channel] {
+    ipc::Section area;
+    ipc::Event server, client, client_ack;
+    ipc::Mutex mutex;
+    if (!area.open_existing(DBOBJ_AREA, DBCOMM_AREA_SIZE) || !server.open_existing(DBOBJ_SERVER) ||
+        !client.open_existing(DBOBJ_CLIENT) || !client_ack.open_existing(DBOBJ_CLIENT_ACK) ||
+        !mutex.open_existing(DBOBJ_MUTEX) || mutex.lock(5000) != ipc::WaitResult::Signalled)
+      return 1;
+    auto *a = static_cast<unsigned char *>(area.data());
+    // A handshake in the victim's name.
+    DBwire_put32(a + DBCOMM_CHANNEL_AT, DBHS_CHANNEL);
+    DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(me));
+    std::strcpy(reinterpret_cast<char *>(a + DBCOMM_PAYLOAD_AT), DBCOMM_VERSION);
+    server.set();
+    if (client.wait(5000) != ipc::WaitResult::Signalled) return 2;
+    if (static_cast<int32_t>(DBwire_get32(a + DBCOMM_CHANNEL_AT)) != DBHS_REFUSED_PROCESS) return 3;
+    // A notice ('W') on the victim's channel.
+    const unsigned char notice[9] = {9, 0, 0, 0, 1, 0, 0, 0, DBREQ_NOTICE};
+    DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(victim_channel));
+    DBwire_put32(a + DBCOMM_LENGTH_AT, sizeof notice);
+    std::memcpy(a + DBCOMM_PAYLOAD_AT, notice, sizeof notice);
+    server.set();
+    return client_ack.wait(5000) == ipc::WaitResult::Signalled ? 0 : 4;
+  });
+  EXPECT_EQ(join_within(forger, 10000), 0);
+  EXPECT_TRUE(echoes(victim, 500, 5));
+  EXPECT_EQ(c_->notices, 0);
+  EXPECT_EQ(c_->closed, 0);
+  DBconn_free(victim);
   EXPECT_EQ(stop_server(srv), 0);
 }
 
