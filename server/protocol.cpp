@@ -6,6 +6,8 @@
 #include <climits>
 #include <cstring>
 #include <ctime>
+#include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/msg.h"
@@ -17,8 +19,18 @@ namespace {
 
 constexpr size_t kPayload = DBCOMM_PAYLOAD_SIZE;
 constexpr uint32_t kMaxPacket = DBCOMM_PACKET_MAX + DBCOMM_FIRST_HEAD; // largest packet
-constexpr uint32_t kMaxRequest = 1u << 30;
-constexpr int64_t kCheckInterval = 100 * 1000000LL; // client processes, ns
+constexpr int64_t kCheckInterval = 100 * 1000000LL;                    // client processes, ns
+
+// Is thread tid one of process pid's? Shared memory cannot tell who wrote
+// a word, but a client writes only while it holds the exchange's mutex, and
+// the mutex knows its owner's thread.
+bool thread_of(pid_t tid, pid_t pid) {
+  if (tid <= 0 || pid <= 0) return false;
+  if (tid == pid) return true;
+  struct stat st;
+  std::string task = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid);
+  return ::stat(task.c_str(), &st) == 0;
+}
 
 int64_t now_ns() {
   struct timespec ts;
@@ -60,49 +72,119 @@ const ProtocolServer::Slot *ProtocolServer::slot_at(int channel) const {
   return const_cast<ProtocolServer *>(this)->slot_at(channel);
 }
 
-bool ProtocolServer::start() {
-  if (started_) return true;
-  // The liveness lock first: while another server lives, touch nothing.
-  if (!server_.create_owned(DBOBJ_SERVER)) {
-    if (errno == EWOULDBLOCK)
-      msg_print("(tavrind) A server is already running in namespace '%s'\n",
-                ipc::object_name("").c_str() + 1);
-    else
-      msg_print("(tavrind) Cannot create %s: %s\n", DBOBJ_SERVER, std::strerror(errno));
-    return false;
-  }
-  struct Item {
-    bool ok;
-    const char *name;
-  };
-  const Item items[] = {
-      {area_.create_or_open(DBOBJ_AREA, DBCOMM_AREA_SIZE), DBOBJ_AREA},
-      {owner_.create_or_open(DBOBJ_OWNER, DBCOMM_OWNER_SIZE), DBOBJ_OWNER},
-      {client_.create_or_open(DBOBJ_CLIENT), DBOBJ_CLIENT},
-      {server_ack_.create_or_open(DBOBJ_SERVER_ACK), DBOBJ_SERVER_ACK},
-      {client_ack_.create_or_open(DBOBJ_CLIENT_ACK), DBOBJ_CLIENT_ACK},
-      {activate_.create_or_open(DBOBJ_ACTIVATE), DBOBJ_ACTIVATE},
-      {mutex_.create_or_open(DBOBJ_MUTEX), DBOBJ_MUTEX},
-  };
-  for (const Item &it : items) {
-    if (!it.ok) {
-      msg_print("(tavrind) Cannot create %s: %s\n", it.name, std::strerror(errno));
-      area_.close();
-      owner_.close();
-      client_.close();
-      server_ack_.close();
-      client_ack_.close();
-      activate_.close();
-      mutex_.close();
-      server_.close();
+// Prints why the server does not start: an object of its namespace that
+// another user made, another group owns or a wider mode opens. Returns false.
+static bool refuse_object(const char *name, const struct stat &st) {
+  msg_print("(tavrind) Refusing to start: %s is not this server's own; remove it or use "
+            "another namespace\n",
+            ipc::describe_object(name, st).c_str());
+  return false;
+}
+
+void ProtocolServer::close_objects() {
+  area_.close();
+  owner_.close();
+  client_.close();
+  server_ack_.close();
+  client_ack_.close();
+  activate_.close();
+  mutex_.close();
+  server_.close();
+}
+
+// Takes the liveness lock of the namespace on a fresh object of this
+// server's own. While another server lives, nothing is touched. An object
+// another user could have made or could read is never used: its owner could
+// read the exchange or run statements as this server's user. A leftover of
+// a dead server of this user is locked (proving that no server lives),
+// then replaced, so that clients still attached to it cannot signal this
+// server. Returns false with the reason printed.
+bool ProtocolServer::take_liveness() {
+  struct stat st, held;
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    if (ipc::stat_object(DBOBJ_SERVER, &st) && !ipc::server_may_use(st, access_))
+      return refuse_object(DBOBJ_SERVER, st);
+    bool created = false;
+    if (!server_.create_owned(DBOBJ_SERVER, access_, &created)) {
+      if (errno == EWOULDBLOCK)
+        msg_print("(tavrind) A server is already running in namespace '%s'\n",
+                  ipc::namespace_name().c_str());
+      else
+        msg_print("(tavrind) Cannot create %s: %s\n", ipc::object_name(DBOBJ_SERVER).c_str(),
+                  std::strerror(errno));
       return false;
     }
+    if (created) return true;
+    // What was opened is checked again: the name may have changed hands, or
+    // a server that started at the same time may have replaced it.
+    if (!server_.section().stat(&held) || !ipc::server_may_use(held, access_)) {
+      server_.close();
+      return refuse_object(DBOBJ_SERVER, held);
+    }
+    if (!ipc::stat_object(DBOBJ_SERVER, &st) || st.st_ino != held.st_ino) {
+      server_.close();
+      continue;
+    }
+    ipc::unlink_object(DBOBJ_SERVER);
+    ipc::Event fresh;
+    if (fresh.create_owned(DBOBJ_SERVER, access_, &created) && created) {
+      server_ = std::move(fresh); // the leftover's lock goes only now
+      return true;
+    }
+    server_.close();
   }
-  // A leftover of a dead server may name a parked channel of its own, and
-  // may hold an acknowledgement that no chunk of ours has earned.
+  msg_print("(tavrind) Cannot take over %s\n", ipc::object_name(DBOBJ_SERVER).c_str());
+  return false;
+}
+
+bool ProtocolServer::start() {
+  if (started_) return true;
+  struct stat st;
+  if (!take_liveness()) return false;
+  // The other objects are made anew, exclusively: a leftover of a dead
+  // server of this user is removed first, so that nothing a dead process
+  // left behind carries over (a mutex locked for ever by a client that
+  // unmapped it, a set event, a parked channel in the owner word), and
+  // clients still attached to the leftovers cannot reach this server.
+  for (const char *name : DBOBJ_ALL) {
+    if (std::strcmp(name, DBOBJ_SERVER) == 0 || !ipc::stat_object(name, &st)) continue;
+    if (!ipc::server_may_use(st, access_)) {
+      close_objects();
+      return refuse_object(name, st);
+    }
+    if (std::strcmp(name, DBOBJ_MUTEX) == 0) {
+      ipc::Mutex old;
+      if (old.open_existing(DBOBJ_MUTEX) && old.locked_by_other())
+        msg_print("(tavrind) %s was left locked; it is replaced\n",
+                  ipc::object_name(DBOBJ_MUTEX).c_str());
+    }
+    ipc::unlink_object(name);
+  }
+  const char *failed = nullptr;
+  if (!area_.create_new(DBOBJ_AREA, DBCOMM_AREA_SIZE, access_))
+    failed = DBOBJ_AREA;
+  else if (!owner_.create_new(DBOBJ_OWNER, DBCOMM_OWNER_SIZE, access_))
+    failed = DBOBJ_OWNER;
+  else if (!client_.create_new(DBOBJ_CLIENT, access_))
+    failed = DBOBJ_CLIENT;
+  else if (!server_ack_.create_new(DBOBJ_SERVER_ACK, access_))
+    failed = DBOBJ_SERVER_ACK;
+  else if (!client_ack_.create_new(DBOBJ_CLIENT_ACK, access_))
+    failed = DBOBJ_CLIENT_ACK;
+  else if (!activate_.create_new(DBOBJ_ACTIVATE, access_))
+    failed = DBOBJ_ACTIVATE;
+  else if (!mutex_.create_new(DBOBJ_MUTEX, access_))
+    failed = DBOBJ_MUTEX;
+  if (failed) {
+    int e = errno;
+    close_objects();
+    // Taken between the removal and the creation: by whom?
+    if (e == EEXIST && ipc::stat_object(failed, &st)) return refuse_object(failed, st);
+    msg_print("(tavrind) Cannot create %s: %s\n", ipc::object_name(failed).c_str(),
+              std::strerror(e));
+    return false;
+  }
   set_owner_word(DBCOMM_OWNER_FREE);
-  server_ack_.reset();
-  activate_.reset();
   started_ = true;
   stop_ = 0;
   last_check_ns_ = now_ns();
@@ -119,14 +201,7 @@ void ProtocolServer::shutdown() {
   // Unlink while the liveness lock is still held: a starting server cannot
   // have taken the names over yet.
   for (const char *name : DBOBJ_ALL) ipc::unlink_object(name);
-  area_.close();
-  owner_.close();
-  client_.close();
-  server_ack_.close();
-  client_ack_.close();
-  activate_.close();
-  mutex_.close();
-  server_.close();
+  close_objects();
   started_ = false;
 }
 
@@ -168,6 +243,9 @@ void ProtocolServer::handle_chunk() {
               channel);
   } else if (!ch) {
     msg_print("(tavrind) Chunk for unknown channel %d ignored\n", channel);
+  } else if (!thread_of(mutex_.owner_tid(), ch->proc.pid())) {
+    msg_print("(tavrind) Chunk for channel %d from process %d (not its client %d) refused\n",
+              channel, int(mutex_.owner_tid()), int(ch->proc.pid()));
   } else {
     feed(channel, a + DBCOMM_PAYLOAD_AT, n, complete);
   }
@@ -186,6 +264,12 @@ void ProtocolServer::handshake() {
   if (!version_ok) {
     msg_print("(tavrind) Client %d refused: version '%.40s' is not %s\n", int(pid),
               std::memchr(version, 0, 41) ? version : "?", DBCOMM_VERSION);
+  } else if (pid_t writer = mutex_.owner_tid(); !thread_of(writer, pid)) {
+    // A process may only speak for itself: the claimed id must be the one
+    // of the process holding the exchange.
+    msg_print("(tavrind) Client %d refused: the handshake came from thread %d\n", int(pid),
+              int(writer));
+    answer = DBHS_REFUSED_PROCESS;
   } else {
     // A process holds one transport at a time: a new handshake means its
     // earlier channels are given up.
@@ -218,6 +302,8 @@ void ProtocolServer::handshake() {
   }
   DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(answer));
   DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(getpid()));
+  // A refusal tells the client how many channels this server gives out.
+  if (answer < 0) DBwire_put32(a + DBCOMM_PAYLOAD_AT, static_cast<uint32_t>(max_channels_));
   client_.set();
   if (answer >= 0) slots_[size_t(answer)].ctx = handler_.channel_opened(*this, answer, pid);
 }
@@ -252,14 +338,17 @@ void ProtocolServer::feed(int channel, const unsigned char *bytes, size_t n,
     size_t dn;
     if (!ch.in_message) {
       uint32_t total = DBwire_get32(ch.packet.data() + 4);
-      if (total > kMaxRequest) {
+      if (total > max_request_) {
         msg_print("(tavrind) Request of %u bytes on channel %d too long\n", total, channel);
         ch.packet.clear();
         return;
       }
       ch.message_length = total;
       ch.message.clear();
-      ch.message.reserve(total);
+      // Memory follows the bytes that came, not the length announced: a
+      // request announced and never sent costs nothing.
+      ch.message.reserve(std::min<size_t>(total, size_t{1} << 20));
+      ch.message_started_ns = now_ns();
       ch.in_message = true;
       data = ch.packet.data() + 8;
       dn = plen - 8;
@@ -481,8 +570,20 @@ void ProtocolServer::finish_activation() {
 
 void ProtocolServer::check_clients() {
   last_check_ns_ = now_ns();
-  for (Slot &ch : slots_)
+  for (size_t i = 0; i < slots_.size(); ++i) {
+    Slot &ch = slots_[i];
     if (ch.used && !ch.dead && !ch.proc.alive()) ch.dead = true;
+    // A request that stays incomplete (a client stopped or misbehaving in
+    // the middle of it) is dropped with its memory after the time limit.
+    if (ch.used && ch.in_message &&
+        last_check_ns_ - ch.message_started_ns > int64_t(incomplete_limit_ms_) * 1000000) {
+      msg_print("(tavrind) Incomplete request of %u bytes on channel %d dropped after %d ms\n",
+                ch.message_length, int(i), incomplete_limit_ms_);
+      ch.in_message = false;
+      ch.packet.clear();
+      std::vector<unsigned char>().swap(ch.message);
+    }
+  }
   // Nobody is being handed the exchange: a set activation event is stale
   // (parked clients would pass it on to each other for ever).
   if (activating_ < 0 && activate_.is_set()) activate_.reset();

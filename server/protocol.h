@@ -68,10 +68,13 @@ public:
   ProtocolServer(const ProtocolServer &) = delete;
   ProtocolServer &operator=(const ProtocolServer &) = delete;
 
-  // Creates or opens the named objects of the current TAVRIN_NAMESPACE and
-  // takes the liveness lock. Returns false, with the reason printed, when a
-  // live server already holds the namespace or an object cannot be made; the
-  // server is then not started and touched no object of the other server.
+  // Takes the liveness lock of the current namespace and creates the other
+  // named objects anew (removing this user's leftovers of a dead server).
+  // Returns false, with the reason printed, when a live server already holds
+  // the namespace, an object of the namespace is not this server's own (see
+  // ipc::server_may_use; the message names it, its owner and mode), or an
+  // object cannot be made; the server is then not started and touched no
+  // object of another server or user.
   bool start();
   // Serves until request_stop(). start() must have succeeded.
   void run();
@@ -104,6 +107,16 @@ public:
   int open_channels() const;
   // The highest number of channels given out at once (default 1024).
   void set_max_channels(int n) { max_channels_ = n; }
+  // Who may use the objects start() creates: this user alone (the default)
+  // or this user and a group (a shared server).
+  void set_access(const ipc::Access &access) { access_ = access; }
+  // The longest request one client may announce (default 1 GiB); a longer
+  // one is dropped at its first packet. Its memory is taken as the bytes
+  // come in.
+  void set_max_request(uint32_t bytes) { max_request_ = bytes; }
+  // How long a request may stay incomplete before it is dropped with its
+  // memory (default 30 s).
+  void set_incomplete_limit_ms(int ms) { incomplete_limit_ms_ = ms; }
 
 private:
   // The transport's slot of one channel: its client process, the request
@@ -118,10 +131,13 @@ private:
     std::vector<unsigned char> packet;  // the packet being received
     std::vector<unsigned char> message; // the request being reassembled
     uint32_t message_length = 0;
+    int64_t message_started_ns = 0; // when its first packet came
     bool in_message = false;
     std::vector<unsigned char> pending; // the answer of a parked request
   };
 
+  bool take_liveness();
+  void close_objects();
   void handle_chunk();
   void handshake();
   void feed(int channel, const unsigned char *bytes, size_t n, std::vector<int> &complete);
@@ -147,6 +163,9 @@ private:
   bool started_ = false;
   volatile sig_atomic_t stop_ = 0;
   int max_channels_ = 1024;
+  ipc::Access access_;
+  uint32_t max_request_ = 1u << 30;
+  int incomplete_limit_ms_ = 30000;
 
   ipc::Event server_;
   ipc::Section area_, owner_;

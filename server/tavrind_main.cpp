@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <grp.h>
 #include <string>
 #include <sys/stat.h>
 
@@ -27,20 +28,26 @@ void on_signal(int) {
 }
 
 void usage(FILE *f) {
-  fputs("Usage: tavrind --data DIR [--namespace NS] [--lock-timeout SECONDS] [--max-clients N]\n"
-        "               [--no-demo] [--verbose]\n"
+  fputs("Usage: tavrind --data DIR [--namespace NS] [--group NAME] [--lock-timeout SECONDS]\n"
+        "               [--max-clients N] [--max-request-mb N] [--no-demo] [--verbose]\n"
         "Serves the TAVRIN databases of the folder DIR (one SQLite file DIR/<NAME>.db each)\n"
         "to clients on this machine through shared memory.\n"
         "  --data DIR       the data folder; the first start creates it with the system\n"
         "                   database TDSYS and the demo database DEMO\n"
         "  --no-demo        the first start creates TDSYS only, without DEMO\n"
         "  --namespace NS   prefix of the shared-memory objects (default: the environment\n"
-        "                   variable TAVRIN_NAMESPACE, else none)\n"
+        "                   variable TAVRIN_NAMESPACE, else u<uid>_ of this user)\n"
+        "  --group NAME     a shared server: the members of group NAME may connect too\n"
+        "                   (the objects get mode 0660 instead of 0600)\n"
         "  --lock-timeout SECONDS\n"
         "                   how long a statement waits for a lock that another client\n"
         "                   holds before it is refused with error 509 (default 30)\n"
         "  --max-clients N  how many clients may be connected at once; further ones are\n"
         "                   refused at the handshake (default 64)\n"
+        "  --max-request-mb N\n"
+        "                   the longest request a client may send, in MiB (1-1024,\n"
+        "                   default 1024); memory is taken as its bytes come in, and a\n"
+        "                   request left incomplete for 30 s is dropped\n"
         "  --verbose        log every statement, not only connects, disconnects and errors\n"
         "  --help           show this text\n"
         "SIGINT and SIGTERM, and the statement STOP, end the server.\n",
@@ -62,7 +69,9 @@ void log_line(const std::string &line) { fprintf(stderr, "tavrind: %s\n", line.c
 int main(int argc, char **argv) {
   std::string data;
   bool verbose = false, demo = true;
-  double lock_timeout = 30, max_clients = 64;
+  double lock_timeout = 30, max_clients = 64, max_request_mb = 1024;
+  ipc::Access access;
+  std::string group_name;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
     if (a == "--help" || a == "-h") {
@@ -72,15 +81,26 @@ int main(int argc, char **argv) {
       verbose = true;
     } else if (a == "--no-demo") {
       demo = false;
-    } else if ((a == "--lock-timeout" || a == "--max-clients") && i + 1 < argc) {
+    } else if ((a == "--lock-timeout" || a == "--max-clients" || a == "--max-request-mb") &&
+               i + 1 < argc) {
       const char *v = argv[++i];
       bool ok = a == "--lock-timeout" ? read_number(v, 0, 1e6, lock_timeout)
-                                      : read_number(v, 1, 1024, max_clients) &&
-                                            max_clients == std::floor(max_clients);
+                : a == "--max-clients"
+                    ? read_number(v, 1, 1024, max_clients) && max_clients == std::floor(max_clients)
+                    : read_number(v, 1, 1024, max_request_mb) &&
+                          max_request_mb == std::floor(max_request_mb);
       if (!ok) {
         fprintf(stderr, "tavrind: invalid value '%s' for %s\n", v, a.c_str());
         return 2;
       }
+    } else if (a == "--group" && i + 1 < argc) {
+      const struct group *gr = getgrnam(argv[++i]);
+      if (!gr) {
+        fprintf(stderr, "tavrind: unknown group '%s'\n", argv[i]);
+        return 2;
+      }
+      access.group = gr->gr_gid;
+      group_name = gr->gr_name;
     } else if ((a == "--data" || a == "--namespace") && i + 1 < argc) {
       if (a == "--data")
         data = argv[++i];
@@ -107,6 +127,8 @@ int main(int argc, char **argv) {
       std::chrono::milliseconds(static_cast<long long>(std::llround(lock_timeout * 1000))));
   tavrind::ProtocolServer srv(handler);
   srv.set_max_channels(static_cast<int>(max_clients));
+  srv.set_access(access);
+  srv.set_max_request(static_cast<uint32_t>(max_request_mb) << 20);
   // The namespace first: a second server stops here and touches no data.
   if (!srv.start()) return 1; // the reason has been printed
   // A signal during the first start's creation of TDSYS and DEMO ends the
@@ -131,8 +153,9 @@ int main(int argc, char **argv) {
     return 1;
   }
   for (const std::string &line : catalog_make_private(ex.catalog)) log_line(line);
-  const char *ns = getenv("TAVRIN_NAMESPACE");
-  log_line("serving " + ex.catalog.dir + (ns && *ns ? std::string(" in namespace ") + ns : ""));
+  std::string ns = ipc::namespace_name();
+  log_line("serving " + ex.catalog.dir + (ns.empty() ? "" : " in namespace " + ns) +
+           (access.shared() ? " for group " + group_name : ""));
   srv.run();
   srv.shutdown();
   g_server = nullptr;

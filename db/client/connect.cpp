@@ -80,6 +80,15 @@ DBCONN *DBconnect_open(char *database, int create) {
   }
   g_live = c;
   c->channel = DBhandshake(5000);
+  if (c->channel == DBHS_FULL) {
+    char text[100];
+    std::snprintf(text, sizeof text,
+                  "(TAVRIN) Connect to database server failed (all channels in use (%d))\n",
+                  DBhandshake_channel_limit());
+    set_message(c, text);
+    c->status = DBCONN_FAILED;
+    return c;
+  }
   if (c->channel == DBHS_VERSION) {
     set_message(c, "(TAVRIN) Connect to database server failed (incompatible TAVRINDB version)\n");
     c->status = DBCONN_FAILED;

@@ -17,6 +17,7 @@
 #include <ctime>
 #include <string>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/msg.h"
@@ -42,6 +43,10 @@ struct Transport {
   size_t payload = 0;       // bytes from offset 8 to the end of the area
   bool ready = false;
   bool mutex_held = false;
+  // The server process ended during an exchange of this connection.
+  bool ended = false;
+  // The channel limit a full server reported at the last handshake.
+  int channel_limit = 0;
   // The channel of the last handshake. A process has one connection at a
   // time: a request on an earlier channel (of a connection that a later
   // connect replaced) would go to a channel the server has given up or given
@@ -121,9 +126,17 @@ bool lock_mutex(int timeout_ms) {
 
 // The server process ended while this process waited for it: forget the
 // watch and give the exchange up, so that other clients are not blocked.
+// Says so, and whether another server runs in the namespace by now: either
+// way what this connection did in its transaction is gone.
 void server_ended() {
   g_tp.server_proc.close();
   release_mutex();
+  g_tp.ended = true;
+  ipc::Event probe;
+  if (probe.open_live(DBOBJ_SERVER))
+    report("client: The server was restarted; the transaction is lost\n");
+  else
+    report("client: The server has ended; the transaction is lost\n");
 }
 
 // Takes the exchange: the mutex with the owner word free (or, with
@@ -298,25 +311,57 @@ void advise_huge(unsigned char *p, size_t n) {
   if (to > from) madvise(reinterpret_cast<void *>(from), to - from, MADV_HUGEPAGE);
 }
 
+// Does this process trust the object open in sec (ipc::client_may_trust)?
+// Prints the refusal, naming the object and its owner, and sets errno.
+bool trusted(const ipc::Section &sec, const char *name) {
+  struct stat st;
+  if (!sec.stat(&st)) return false;
+  if (ipc::client_may_trust(st)) return true;
+  msg_print("Refusing %s: it belongs to another user\n", ipc::describe_object(name, st).c_str());
+  errno = EACCES;
+  return false;
+}
+
+// Opens the server's objects other than its liveness event, each only when
+// trusted. False with errno.
+bool open_objects(int size) {
+  return g_tp.area.open_existing(DBOBJ_AREA, static_cast<size_t>(size)) &&
+         trusted(g_tp.area, DBOBJ_AREA) &&
+         g_tp.owner.open_existing(DBOBJ_OWNER, DBCOMM_OWNER_SIZE) &&
+         trusted(g_tp.owner, DBOBJ_OWNER) && g_tp.client.open_existing(DBOBJ_CLIENT) &&
+         trusted(g_tp.client.section(), DBOBJ_CLIENT) &&
+         g_tp.server_ack.open_existing(DBOBJ_SERVER_ACK) &&
+         trusted(g_tp.server_ack.section(), DBOBJ_SERVER_ACK) &&
+         g_tp.client_ack.open_existing(DBOBJ_CLIENT_ACK) &&
+         trusted(g_tp.client_ack.section(), DBOBJ_CLIENT_ACK) &&
+         g_tp.activate.open_existing(DBOBJ_ACTIVATE) &&
+         trusted(g_tp.activate.section(), DBOBJ_ACTIVATE) &&
+         g_tp.mutex.open_existing(DBOBJ_MUTEX) && trusted(g_tp.mutex.section(), DBOBJ_MUTEX);
+}
+
 } // namespace
 
 int DBcomm_init(int size) {
   DBcomm_close();
   msg_at_fatal(DBcomm_close);
-  // Whether a server runs is asked first, so that a client without a
-  // server leaves no objects behind (on Linux they outlive their users).
+  // Whether a server runs is asked first; a client creates no object, so
+  // one without a server leaves nothing behind.
   bool not_found = false;
   bool ok = size > static_cast<int>(DBCOMM_PAYLOAD_AT);
   if (ok && !g_tp.server.open_live(DBOBJ_SERVER)) {
     not_found = true;
     ok = false;
   }
-  ok = ok && g_tp.area.create_or_open(DBOBJ_AREA, static_cast<size_t>(size)) &&
-       g_tp.owner.create_or_open(DBOBJ_OWNER, DBCOMM_OWNER_SIZE);
-  ok = ok && g_tp.client.create_or_open(DBOBJ_CLIENT) &&
-       g_tp.server_ack.create_or_open(DBOBJ_SERVER_ACK) &&
-       g_tp.client_ack.create_or_open(DBOBJ_CLIENT_ACK) &&
-       g_tp.activate.create_or_open(DBOBJ_ACTIVATE) && g_tp.mutex.create_or_open(DBOBJ_MUTEX);
+  ok = ok && trusted(g_tp.server.section(), DBOBJ_SERVER);
+  // A starting server makes the other objects right after it has taken its
+  // liveness lock; a client that comes in between waits for them briefly.
+  for (int tries = 0; ok; ++tries) {
+    if (open_objects(size)) break;
+    if (errno != ENOENT || tries == 100)
+      ok = false;
+    else
+      sleep_1ms();
+  }
   if (!ok) {
     int e = size > static_cast<int>(DBCOMM_PAYLOAD_AT) ? errno : EINVAL;
     if (not_found) msg_print("Tavrin database not found!\n");
@@ -371,12 +416,14 @@ int handshake(int timeout_ms, const char *version) {
     // Refused (a version the server does not speak, all channels in use):
     // the server's answer is complete, so the exchange is given up here and
     // the other clients go on while this process reports the refusal.
+    g_tp.channel_limit = static_cast<int>(DBwire_get32(a + DBCOMM_PAYLOAD_AT));
     release_mutex();
-    return DBHS_VERSION;
+    return channel == DBHS_REFUSED_FULL ? DBHS_FULL : DBHS_VERSION;
   }
   if (!g_tp.server_proc.open(static_cast<pid_t>(DBwire_get32(a + DBCOMM_LENGTH_AT))))
     return DBHS_SYSTEM;
   if (!release_mutex()) return DBHS_SYSTEM;
+  g_tp.ended = false;
   g_tp.channel = channel;
   return channel;
 }
@@ -406,7 +453,8 @@ int DBclient_write(int channel, const void *data, int length) {
     DBwire_put32(head + 4, total);
     int w = send_packet(channel, head, 8, p);
     if (w != static_cast<int>(total + 8)) {
-      report("client write: Data missing (expected %d written %d)\n", int(total + 8), w);
+      if (!g_tp.ended)
+        report("client write: Data missing (expected %d written %d)\n", int(total + 8), w);
       return 0;
     }
     return 1;
@@ -415,7 +463,8 @@ int DBclient_write(int channel, const void *data, int length) {
   DBwire_put32(head + 4, total);
   int w = send_packet(channel, head, 8, p);
   if (w != DBCOMM_PACKET_MAX) {
-    report("client write: Data missing (expected %d written %d)\n", DBCOMM_PACKET_MAX, w);
+    if (!g_tp.ended)
+      report("client write: Data missing (expected %d written %d)\n", DBCOMM_PACKET_MAX, w);
     return 0;
   }
   uint32_t done = DBCOMM_FIRST_DATA;
@@ -424,7 +473,8 @@ int DBclient_write(int channel, const void *data, int length) {
     DBwire_put32(head, n + 4);
     w = send_packet(channel, head, 4, p + done);
     if (w != static_cast<int>(n + 4)) {
-      report("client write: Data missing (expected %d written %d)\n", int(n + 4), w);
+      if (!g_tp.ended)
+        report("client write: Data missing (expected %d written %d)\n", int(n + 4), w);
       return 0;
     }
     done += n;
@@ -495,3 +545,5 @@ int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buf
 int DBclient_release() { return release_mutex() ? 1 : 0; }
 
 const char *DBclient_error() { return g_error.c_str(); }
+
+int DBhandshake_channel_limit() { return g_tp.channel_limit; }

@@ -19,7 +19,8 @@
 enum : int {
   DBHS_TIMEOUT = -1,
   DBHS_SYSTEM = -2,
-  DBHS_VERSION = -10,
+  DBHS_VERSION = -10, // another version, or a refusal the client does not know
+  DBHS_FULL = -11,    // all channels in use (DBhandshake_channel_limit)
 };
 
 // Opens "TavrinDB_Server" (which only a running server provides; it is asked
@@ -33,11 +34,11 @@ int DBcomm_init(int size);
 
 // Asks the server for a channel, announcing DBCOMM_VERSION; waits at most
 // timeout_ms for the mutex and for the answer. Returns the channel (>= 0),
-// DBHS_TIMEOUT, DBHS_SYSTEM or DBHS_VERSION. On success the server process
-// is watched from now on and the mutex is free again. A refusal by the
-// server (DBHS_VERSION: another version, all channels in use) frees the
-// mutex too, as the server's answer is complete; the other failures keep the
-// mutex if they had taken it (DBcomm_close releases it).
+// DBHS_TIMEOUT, DBHS_SYSTEM, DBHS_VERSION or DBHS_FULL. On success the
+// server process is watched from now on and the mutex is free again. A
+// refusal by the server (DBHS_VERSION: another version; DBHS_FULL: all
+// channels in use) frees the mutex too, as the server's answer is complete; the other failures keep
+// the mutex if they had taken it (DBcomm_close releases it).
 int DBhandshake(int timeout_ms);
 
 // Sends one message of `length` bytes on `channel`: takes the exchange (the
@@ -59,6 +60,9 @@ int DBclient_write(int channel, const void *data, int length);
 // allocation: -1), -2 on a failure of the mutex.
 int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buffer,
                   int *alloc_length);
+
+// After DBHS_FULL: how many channels the server gives out at most.
+int DBhandshake_channel_limit();
 
 // Releases "TavrinDB_Mutex" if this process holds it through the transport.
 // Returns 1 on success or when it was not held, 0 if the release failed.

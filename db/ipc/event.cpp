@@ -84,11 +84,31 @@ int spin_limit_us() { return g_spin_us.load(); }
 
 bool Event::create_or_open(const char *name) { return sec_.create_or_open(name, kEventSize); }
 
+bool Event::create_new(const char *name, const Access &access) {
+  return sec_.create_new(name, kEventSize, access);
+}
+
+bool Event::open_existing(const char *name) { return sec_.open_existing(name, kEventSize); }
+
 bool Event::open_live(const char *name) {
   if (!sec_.open_existing(name, sizeof(EventWord))) return false;
   if (!sec_.held_by_live_owner()) {
     sec_.close();
     errno = ENOENT;
+    return false;
+  }
+  return true;
+}
+
+bool Event::create_owned(const char *name, const Access &access, bool *created) {
+  *created = sec_.create_new(name, kEventSize, access);
+  if (!*created) {
+    if (errno != EEXIST || !sec_.open_existing(name, kEventSize)) return false;
+  }
+  if (!sec_.lock_exclusive()) {
+    int e = errno;
+    sec_.close();
+    errno = e;
     return false;
   }
   return true;

@@ -25,6 +25,11 @@ class Event {
 public:
   // Creates the event (clear) or opens the existing one. False with errno.
   bool create_or_open(const char *name);
+  // Creates a new event (clear) exclusively for `access` (EEXIST if the
+  // name is taken). False with errno.
+  bool create_new(const char *name, const Access &access);
+  // Opens an existing event only (ENOENT if there is none).
+  bool open_existing(const char *name);
   // Opens an existing event only if a live process holds its liveness lock
   // (a server's own event); a leftover of a dead owner counts as missing
   // (ENOENT).
@@ -32,6 +37,10 @@ public:
   // Creates or opens the event and takes its liveness lock for the life of
   // this object. False (EWOULDBLOCK) if a live process holds it already.
   bool create_owned(const char *name);
+  // The same for a server's own liveness event: created exclusively for
+  // `access` (*created set), or the existing object opened (whose owner and
+  // mode the caller checks, see server_may_use). False with errno.
+  bool create_owned(const char *name, const Access &access, bool *created);
 
   // Sets the event and wakes one waiter.
   void set();

@@ -52,15 +52,55 @@ bool make_ready(MutexBlock *b) {
 
 } // namespace
 
+// Makes the mapped mutex ready; closes the section (errno kept) if it never
+// became ready.
+bool Mutex::ready_or_close() {
+  held_ = false;
+  if (make_ready(static_cast<MutexBlock *>(sec_.data()))) return true;
+  int e = errno;
+  sec_.close();
+  errno = e;
+  return false;
+}
+
 bool Mutex::create_or_open(const char *name) {
-  if (!sec_.create_or_open(name, kMutexSize)) return false;
-  if (!make_ready(static_cast<MutexBlock *>(sec_.data()))) {
-    int e = errno;
-    sec_.close();
-    errno = e;
+  close();
+  return sec_.create_or_open(name, kMutexSize) && ready_or_close();
+}
+
+bool Mutex::create_new(const char *name, const Access &access) {
+  close();
+  return sec_.create_new(name, kMutexSize, access) && ready_or_close();
+}
+
+bool Mutex::open_existing(const char *name) {
+  close();
+  return sec_.open_existing(name, kMutexSize) && ready_or_close();
+}
+
+void Mutex::close() {
+  if (held_ && sec_.is_open()) unlock();
+  held_ = false;
+  sec_.close();
+}
+
+pid_t Mutex::owner_tid() const {
+  auto *b = static_cast<MutexBlock *>(sec_.data());
+  if (!b) return 0;
+  // A robust mutex keeps its owner's thread id in the low 30 bits of its
+  // futex word (FUTEX_TID_MASK); the high bits are the waiter and owner-died
+  // flags.
+  int word = __atomic_load_n(&b->mutex.__data.__lock, __ATOMIC_ACQUIRE);
+  return static_cast<pid_t>(static_cast<unsigned>(word) & 0x3fffffffu);
+}
+
+bool Mutex::locked_by_other() {
+  WaitResult r = lock(0);
+  if (r == WaitResult::Signalled || r == WaitResult::Abandoned) {
+    unlock();
     return false;
   }
-  return true;
+  return r == WaitResult::Timeout;
 }
 
 WaitResult Mutex::lock(int timeout_ms) {
@@ -81,9 +121,11 @@ WaitResult Mutex::lock(int timeout_ms) {
   }
   switch (r) {
   case 0:
+    held_ = true;
     return WaitResult::Signalled;
   case EOWNERDEAD:
     pthread_mutex_consistent(&b->mutex);
+    held_ = true;
     return WaitResult::Abandoned;
   case ETIMEDOUT:
     return WaitResult::Timeout;
@@ -96,6 +138,7 @@ WaitResult Mutex::lock(int timeout_ms) {
 bool Mutex::unlock() {
   int r = pthread_mutex_unlock(&static_cast<MutexBlock *>(sec_.data())->mutex);
   if (r != 0) errno = r;
+  if (r == 0 || r == EPERM) held_ = false; // EPERM: not (or no longer) ours
   return r == 0;
 }
 

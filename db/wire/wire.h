@@ -84,10 +84,11 @@ inline constexpr size_t DBCOMM_PARKED_CHUNK = 9;
 // The client writes DBHS_CHANNEL as the channel word, its process id as the
 // length word and its version text (zero-terminated) as the payload. The
 // server answers in place: the channel number (>= 0) or a refusal below, and
-// its own process id in the length word.
+// its own process id in the length word; with a refusal the payload's first
+// word is the number of channels the server gives out.
 
 inline constexpr uint32_t DBHS_CHANNEL = 0xFFFFFFFFu; // channel word of a handshake
-#define DBCOMM_VERSION "2.0.1"                        // the one version both ends speak
+#define DBCOMM_VERSION "2.1.0"                        // the one version both ends speak
 
 enum : int {
   DBHS_REFUSED_VERSION = -1, // the server does not speak the client's version

@@ -12,8 +12,12 @@ using namespace ipctest;
 TEST(IpcNamed, NamesCarryTheNamespace) {
   setenv("TAVRIN_NAMESPACE", "abc_", 1);
   EXPECT_EQ(ipc::object_name("TavrinDB_Mutex"), "/abc_TavrinDB_Mutex");
-  unsetenv("TAVRIN_NAMESPACE");
+  setenv("TAVRIN_NAMESPACE", "", 1);
   EXPECT_EQ(ipc::object_name("TavrinDB_Mutex"), "/TavrinDB_Mutex");
+  // Unset: the user's own namespace.
+  unsetenv("TAVRIN_NAMESPACE");
+  EXPECT_EQ(ipc::object_name("TavrinDB_Mutex"),
+            "/u" + std::to_string(geteuid()) + "_TavrinDB_Mutex");
 }
 
 TEST(IpcNamed, SectionIsSharedBetweenProcessesAndOpenExistingNeedsTheObject) {

@@ -328,8 +328,8 @@ TEST_F(Locking, MaxClientsRefusesTheClientTooMany) {
   {
     // The refused client reports it and, while it lives on, holds up nobody.
     Client c(srv.ns());
-    EXPECT_EQ(c.greeting(), "C|(TAVRIN) Connect to database server failed (incompatible "
-                            "TAVRINDB version)");
+    EXPECT_EQ(c.greeting(), "C|(TAVRIN) Connect to database server failed (all channels in use "
+                            "(2))");
     EXPECT_EQ(a->run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("100"));
   }
   a.reset();

@@ -8,6 +8,8 @@
 #include "db/client/reqbuf.h"
 #include "db/client/transport.h"
 #include "server/protocol.h"
+#include "db/ipc/event.h"
+#include "db/ipc/mutex.h"
 #include "tests/ipc/ipc_testutil.h"
 
 #include <atomic>
@@ -16,6 +18,7 @@
 #include <cstring>
 #include <string>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <vector>
 
 using namespace ipctest;
@@ -33,6 +36,7 @@ struct Counters {
   std::atomic<int> closes;    // '2'
   std::atomic<int> misuse_ok; // answer()/park() refused where they must be
   std::atomic<int> max_channels;
+  std::atomic<int> incomplete_ms; // 0: the server's default
 };
 
 Counters *shared_counters() {
@@ -135,6 +139,7 @@ pid_t start_server(Counters *c) {
     TestHandler h(c);
     tavrind::ProtocolServer srv(h);
     srv.set_max_channels(c->max_channels);
+    if (c->incomplete_ms) srv.set_incomplete_limit_ms(c->incomplete_ms);
     if (!srv.start()) return 3;
     g_server = &srv;
     signal(SIGTERM, [](int) { g_server->request_stop(); });
@@ -326,13 +331,13 @@ TEST_F(Protocol, OtherVersionsAndAFullServerAreRefused) {
   DBcomm_close(); // the refused handshake keeps the mutex until here
   ASSERT_EQ(DBcomm_init(DBCOMM_AREA_SIZE), 1);
   EXPECT_EQ(DBhandshake(5000), 0);
-  // The only channel is taken: the next client gets a negative channel too.
+  // The only channel is taken: the next client is told so.
   pid_t other = spawn([] {
     char n[] = "x";
     DBCONN *k = DBconnect(n);
     return std::strcmp(DBerrormessage(k),
-                       "(TAVRIN) Connect to database server failed (incompatible TAVRINDB "
-                       "version)\n") == 0
+                       "(TAVRIN) Connect to database server failed (all channels in use "
+                       "(1))\n") == 0
                ? 0
                : 1;
   });
@@ -380,15 +385,15 @@ TEST_F(Protocol, DeadClientsAndADeadServerEndTheWaitsOfOthers) {
   EXPECT_EQ(DBrecv(c, buf, sizeof buf, &len, nullptr, nullptr), 0);
   EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(3));
   EXPECT_EQ(DBstatus(c), 6);
-  EXPECT_EQ(g_out, "DBrecv: No data received\n");
+  EXPECT_EQ(g_out, "client: The server has ended; the transaction is lost\n"
+                   "DBrecv: No data received\n");
   join_within(killer, 5000);
   EXPECT_EQ(join_within(srv, 5000), 128 + SIGKILL);
   // Every further wait on the dead server ends at once; the mutex was given
   // up, so a new server in the same namespace serves a new client.
   g_out.clear();
   EXPECT_EQ(DBsend(c), 0);
-  EXPECT_NE(g_out.find("client write: Data missing (expected 9 written -1)\n"), std::string::npos)
-      << g_out;
+  EXPECT_EQ(g_out, "client: The server has ended; the transaction is lost\n");
   DBconn_free(c);
   pid_t srv2 = start_server(c_);
   ASSERT_GT(srv2, 0);
@@ -463,6 +468,200 @@ TEST_F(Protocol, EightClientsThousandExchangesEachAllAnswersRight) {
     }));
   }
   for (pid_t p : clients) EXPECT_EQ(join_within(p, 150000), 0);
+  EXPECT_EQ(stop_server(srv), 0);
+}
+
+// The exchange can never stay locked. A client whose handshake times out at
+// a stopped server ends through exit() while it holds the mutex (its static
+// destructors unmap the transport): later clients are served. A mutex left
+// locked by a process that unmapped it is replaced by the next server start.
+TEST_F(Protocol, NoClientCanWedgeTheExchange) {
+  pid_t srv = start_server(c_);
+  ASSERT_GT(srv, 0);
+  kill(srv, SIGSTOP);
+  pid_t quitter = spawn([] {
+    if (DBcomm_init(DBCOMM_AREA_SIZE) != 1 || DBhandshake(300) != DBHS_TIMEOUT) return 1;
+    std::exit(0);
+  });
+  EXPECT_EQ(join_within(quitter, 10000), 0);
+  kill(srv, SIGCONT);
+  auto served = [] {
+    pid_t client = spawn([] {
+      DBCONN *k = connect_demo();
+      return k && echoes(k, 300, 1) ? 0 : 1;
+    });
+    return join_within(client, 10000);
+  };
+  EXPECT_EQ(served(), 0);
+
+  // The old fault: the mutex unmapped while held, so the kernel cannot mark
+  // it abandoned; then the server is killed, its objects stay behind.
+  pid_t wedger = spawn([] {
+    ipc::Mutex m;
+    if (!m.open_existing(DBOBJ_MUTEX) || m.lock(1000) != ipc::WaitResult::Signalled) return 1;
+    munmap(m.section().data(), m.section().size());
+    _exit(0);
+  });
+  EXPECT_EQ(join_within(wedger, 5000), 0);
+  kill(srv, SIGKILL);
+  EXPECT_EQ(join_within(srv, 5000), 128 + SIGKILL);
+  srv = start_server(c_);
+  ASSERT_GT(srv, 0);
+  EXPECT_EQ(served(), 0);
+  EXPECT_EQ(stop_server(srv), 0);
+}
+
+// A client of a server that was killed and started again is never served
+// by the new one: its next request fails and says that the transaction is
+// lost; the new server's own client goes on undisturbed.
+TEST_F(Protocol, AClientOfAKilledServerIsNotServedByItsSuccessor) {
+  pid_t srv = start_server(c_);
+  ASSERT_GT(srv, 0);
+  DBCONN *old = connect_demo();
+  ASSERT_NE(old, nullptr);
+  ASSERT_TRUE(echoes(old, 100, 1));
+  kill(srv, SIGKILL);
+  EXPECT_EQ(join_within(srv, 5000), 128 + SIGKILL);
+  srv = start_server(c_);
+  ASSERT_GT(srv, 0);
+  Gate connected, done;
+  pid_t other = spawn([&] {
+    DBCONN *k = connect_demo();
+    if (!k) return 1;
+    connected.open_gate();
+    done.pass();
+    return echoes(k, 200, 2) ? 0 : 2;
+  });
+  ASSERT_TRUE(connected.pass());
+  msg_set_handler(collect);
+  g_out.clear();
+  EXPECT_TRUE(roundtrip(old, echo_request(100, 3)).empty());
+  EXPECT_NE(g_out.find("The server was restarted; the transaction is lost"), std::string::npos)
+      << g_out;
+  done.open_gate();
+  EXPECT_EQ(join_within(other, 10000), 0);
+  DBconn_free(old);
+  EXPECT_EQ(stop_server(srv), 0);
+}
+
+// Objects of another user in the namespace: a server refuses to start,
+// naming the object, its owner and mode; a client refuses another user's
+// server. The other user is a user id without an account, taken by a child
+// process of the test when it runs as root.
+TEST_F(Protocol, ObjectsOfAnotherUserAreRefusedByServerAndClient) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to act as a second user";
+  constexpr uid_t kOther = 54321;
+  Gate squatting, leave;
+  pid_t squatter = spawn([&] {
+    umask(0);
+    if (setgid(kOther) != 0 || setuid(kOther) != 0) return 1;
+    ipc::Event server;
+    ipc::Section area;
+    if (!server.create_owned(DBOBJ_SERVER) || !area.create_or_open(DBOBJ_AREA, 10020)) return 2;
+    for (const char *name : {DBOBJ_SERVER, DBOBJ_AREA})
+      chmod(("/dev/shm" + ipc::object_name(name)).c_str(), 0666);
+    squatting.open_gate();
+    leave.pass();
+    return 0;
+  });
+  ASSERT_TRUE(squatting.pass());
+  msg_set_handler(collect);
+  g_out.clear();
+  EXPECT_EQ(DBcomm_init(DBCOMM_AREA_SIZE), 0);
+  EXPECT_NE(g_out.find("Refusing /" + ipc::namespace_name() +
+                       "TavrinDB_Server (owner uid 54321, group gid 54321, mode 0666)"),
+            std::string::npos)
+      << g_out;
+  leave.open_gate();
+  EXPECT_EQ(join_within(squatter, 5000), 0);
+  // The squatter has gone, its objects stay (no other user may remove them).
+  TestHandler h(c_);
+  tavrind::ProtocolServer srv(h);
+  g_out.clear();
+  EXPECT_FALSE(srv.start());
+  EXPECT_NE(g_out.find("Refusing to start: /" + ipc::namespace_name() +
+                       "TavrinDB_Server (owner uid 54321, group gid 54321, mode 0666)"),
+            std::string::npos)
+      << g_out;
+  ipc::unlink_object(DBOBJ_SERVER);
+  g_out.clear();
+  EXPECT_FALSE(srv.start());
+  EXPECT_NE(g_out.find("TavrinDB_Shared_Memory (owner uid 54321"), std::string::npos) << g_out;
+  ipc::unlink_object(DBOBJ_AREA);
+  EXPECT_TRUE(srv.start());
+  srv.shutdown();
+}
+
+// A request announced as 1 GiB whose first packet alone comes is dropped
+// after the time limit; the channel then serves its next request.
+TEST_F(Protocol, AnIncompleteRequestIsDroppedAfterTheTimeLimit) {
+  c_->incomplete_ms = 300;
+  pid_t srv = start_server(c_);
+  ASSERT_GT(srv, 0);
+  pid_t client = spawn([] {
+    DBCONN *k = connect_demo();
+    ipc::Section area;
+    ipc::Event server, client_ack;
+    if (!k || !area.open_existing(DBOBJ_AREA, DBCOMM_AREA_SIZE) ||
+        !server.open_existing(DBOBJ_SERVER) || !client_ack.open_existing(DBOBJ_CLIENT_ACK))
+      return 1;
+    ipc::Mutex mutex; // chunks count only from the holder of the exchange
+    if (!mutex.open_existing(DBOBJ_MUTEX) || mutex.lock(5000) != ipc::WaitResult::Signalled)
+      return 1;
+    auto *a = static_cast<unsigned char *>(area.data());
+    DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(k->channel));
+    DBwire_put32(a + DBCOMM_LENGTH_AT, DBCOMM_PACKET_MAX);
+    DBwire_put32(a + DBCOMM_PAYLOAD_AT, DBCOMM_PACKET_MAX);
+    DBwire_put32(a + DBCOMM_PAYLOAD_AT + 4, 1u << 30);
+    server.set();
+    if (client_ack.wait(5000) != ipc::WaitResult::Signalled) return 2;
+    mutex.unlock();
+    usleep(800000);
+    return echoes(k, 300, 4) ? 0 : 3;
+  });
+  EXPECT_EQ(join_within(client, 10000), 0);
+  EXPECT_EQ(stop_server(srv), 0);
+}
+
+// A process can neither claim another's process id at the handshake nor
+// write chunks for another process's channel: the server checks both
+// against the holder of the exchange's mutex. The victim goes on undisturbed.
+TEST_F(Protocol, ForgedHandshakesAndChunksAreRefused) {
+  pid_t srv = start_server(c_);
+  ASSERT_GT(srv, 0);
+  DBCONN *victim = connect_demo();
+  ASSERT_NE(victim, nullptr);
+  int victim_channel = victim->channel;
+  pid_t me = getpid();
+  pid_t forger = spawn([me, victim_channel] {
+    ipc::Section area;
+    ipc::Event server, client, client_ack;
+    ipc::Mutex mutex;
+    if (!area.open_existing(DBOBJ_AREA, DBCOMM_AREA_SIZE) || !server.open_existing(DBOBJ_SERVER) ||
+        !client.open_existing(DBOBJ_CLIENT) || !client_ack.open_existing(DBOBJ_CLIENT_ACK) ||
+        !mutex.open_existing(DBOBJ_MUTEX) || mutex.lock(5000) != ipc::WaitResult::Signalled)
+      return 1;
+    auto *a = static_cast<unsigned char *>(area.data());
+    // A handshake in the victim's name.
+    DBwire_put32(a + DBCOMM_CHANNEL_AT, DBHS_CHANNEL);
+    DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(me));
+    std::strcpy(reinterpret_cast<char *>(a + DBCOMM_PAYLOAD_AT), DBCOMM_VERSION);
+    server.set();
+    if (client.wait(5000) != ipc::WaitResult::Signalled) return 2;
+    if (static_cast<int32_t>(DBwire_get32(a + DBCOMM_CHANNEL_AT)) != DBHS_REFUSED_PROCESS) return 3;
+    // A notice ('W') on the victim's channel.
+    const unsigned char notice[9] = {9, 0, 0, 0, 1, 0, 0, 0, DBREQ_NOTICE};
+    DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(victim_channel));
+    DBwire_put32(a + DBCOMM_LENGTH_AT, sizeof notice);
+    std::memcpy(a + DBCOMM_PAYLOAD_AT, notice, sizeof notice);
+    server.set();
+    return client_ack.wait(5000) == ipc::WaitResult::Signalled ? 0 : 4;
+  });
+  EXPECT_EQ(join_within(forger, 10000), 0);
+  EXPECT_TRUE(echoes(victim, 500, 5));
+  EXPECT_EQ(c_->notices, 0);
+  EXPECT_EQ(c_->closed, 0);
+  DBconn_free(victim);
   EXPECT_EQ(stop_server(srv), 0);
 }
 
