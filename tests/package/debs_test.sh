@@ -24,7 +24,7 @@ for want in /usr/bin/zentiq /usr/bin/tavrin /usr/bin/tavrind /usr/share/zentiq/z
   /usr/share/man/man8/tavrind.8.gz /usr/share/applications/zentiq.desktop \
   /usr/share/icons/hicolor/scalable/apps/zentiq.svg /usr/share/bash-completion/completions/tavrin \
   /usr/lib/systemd/system/tavrind.service /usr/lib/systemd/system/tavrind@.service \
-  /etc/default/tavrind; do
+  /etc/default/tavrind /etc/profile.d/tavrin.sh; do
   grep -qxF "$want" <<<"$files" || fail "no package holds $want"
 done
 
@@ -42,7 +42,8 @@ depends() { dpkg-deb -f "$(deb "$1")" Depends; }
 # removes no data.
 dpkg-deb -e "$(deb tavrind)" "$tmp/control"
 grep -q 'adduser --system' "$tmp/control/postinst" || fail "postinst makes no system user"
-[[ $(cat "$tmp/control/conffiles") == /etc/default/tavrind ]] || fail "conffiles"
+grep -q 'addgroup --system --quiet tavrin$' "$tmp/control/postinst" || fail "postinst makes no client group"
+[[ $(cat "$tmp/control/conffiles") == $'/etc/default/tavrind\n/etc/profile.d/tavrin.sh' ]] || fail "conffiles"
 ! grep -q 'rm ' "$tmp/control/postrm" || fail "postrm removes files"
 
 root=$tmp/root

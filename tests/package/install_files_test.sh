@@ -59,7 +59,8 @@ complete_words() {
 root=$tmp/root
 DESTDIR=$root cmake --install "$build" --prefix /usr --component server >/dev/null
 [[ -f $root/etc/default/tavrind ]] || fail "no /etc/default/tavrind for the prefix /usr"
-grep -qx "ExecStart=/usr/bin/tavrind --data /var/lib/tavrind --no-demo \$TAVRIND_OPTIONS" \
+[[ -f $root/etc/profile.d/tavrin.sh ]] || fail "no /etc/profile.d/tavrin.sh for the prefix /usr"
+grep -qx "ExecStart=/usr/bin/tavrind --data /var/lib/tavrind --group tavrin --no-demo \$TAVRIND_OPTIONS" \
   "$root/usr/lib/systemd/system/tavrind.service" || fail "ExecStart of tavrind.service"
 if command -v systemd-analyze >/dev/null; then
   # Verified with the paths pointing into the scratch root, so that the
