@@ -2,6 +2,7 @@
 #include "app/mainform.h"
 
 #include <cctype>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -9,6 +10,7 @@
 
 #include "app/detail.h"
 #include "app/querystore.h"
+#include "app/resultlimit.h"
 #include "app/viewer.h"
 #include "db/access/session.h"
 #include "db/client/exec.h"
@@ -60,8 +62,10 @@ FL_OBJECT *indicator(int x, int y) {
 
 // Result titles and rows go into the result tabbox (steps shared by SELECT
 // and SQL commands); `statement` is what produced them, from which the
-// table the rows may be changed in is taken. Leaves the result open.
-void fill_result(DBSESSION *session, DBRESULT *result, const std::string &statement) {
+// table the rows may be changed in is taken. Leaves the result open. Returns
+// true when the rows reach `limit` (the MAX they were read with), so that
+// more may exist: the title then names "die ersten <limit> Zeilen".
+bool fill_result(DBSESSION *session, DBRESULT *result, const std::string &statement, long limit) {
   ZqApp &app = zentiq_app();
   int cols = dbnfields(session, result);
   int rows = dbntuples(session, result);
@@ -75,6 +79,8 @@ void fill_result(DBSESSION *session, DBRESULT *result, const std::string &statem
     title += info.names.back();
   }
   for (char &ch : title) ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+  bool cut = rows >= limit;
+  if (cut) title += " (die ersten " + zentiq_group_digits(limit) + " Zeilen)";
   app.current_query_name = title;
   if (!zentiq_plain_table(statement, &info.table)) info.table.clear();
   app.result = info;
@@ -101,6 +107,7 @@ void fill_result(DBSESSION *session, DBRESULT *result, const std::string &statem
       },
       records.data(), static_cast<int>(records.size()));
   for (void *r : records) std::free(r);
+  return cut;
 }
 
 bool end_level(DBSESSION *session) { return zentiq_end_level(session) != 0; }
@@ -128,6 +135,41 @@ bool run_typed(DBSESSION *session, const std::string &stmt, DBRESULT **result) {
 
 void tell_failed() {
   fl_show_message("Abfrage konnte nicht erfolgreich durchgeführt werden", "", "");
+}
+
+// Runs the query `stmt` (SELECT or SHOW) in a level of its own with the
+// viewer's row limit and shows its rows; `stored` is called after the first
+// run that succeeded. Rows cut at the limit are named in the result's title
+// and the user is asked whether to load more: the query then runs again, in
+// a new level, with twice the limit. A result the budget refuses is told in
+// a box and the rows shown before stay. Every level has ended before a box
+// or question shows.
+template <typename Fn> void run_query(DBSESSION *session, const std::string &stmt, Fn stored) {
+  long limit = zentiq_result_settings();
+  for (bool first = true;; first = false) {
+    if (!begin_level(session)) return;
+    DBRESULT *result = nullptr;
+    std::string too_large;
+    bool ran = zentiq_run_limited(session, stmt, limit, &result, &too_large);
+    bool cut = false;
+    if (ran) {
+      if (first) stored();
+      cut = fill_result(session, result, stmt, limit);
+    }
+    dbclear(session, result);
+    bool ended = end_level(session);
+    if (!too_large.empty())
+      fl_show_message(too_large.c_str(), "Bitte die Abfrage einschränken (WHERE)",
+                      "oder das Budget erhöhen (Ergebnis_MB in zentiq.ini)");
+    else if (!ran)
+      tell_failed();
+    if (!ended) tell_end_failed();
+    if (!ran || !ended || !cut) return;
+    std::string shown = "Gezeigt werden die ersten " + zentiq_group_digits(limit) + " Zeilen.";
+    if (fl_show_question(shown.c_str(), "Weitere Zeilen laden?", "", 2, "Ja", "Nein", "", 2) != 1)
+      return;
+    limit = limit > LONG_MAX / 2 ? LONG_MAX : limit * 2;
+  }
 }
 
 // A typed UPDATE or DELETE: counts the rows it will change in a short read
@@ -432,17 +474,9 @@ void zentiq_run_select(FL_OBJECT *, long) {
   std::string stmt;
   if (!zentiq_single_statement(body, &stmt)) return;
 
-  if (!begin_level(session)) return;
-  DBRESULT *result = nullptr;
-  bool ran = run_typed(session, stmt, &result);
-  if (ran) {
+  run_query(session, stmt, [&] {
     if (zentiq_store_add_select(raw_table, raw_attr, raw_where)) fl_set_button(m.sel_saved, 0);
-    fill_result(session, result, stmt);
-  }
-  dbclear(session, result);
-  bool ended = end_level(session);
-  if (!ran) tell_failed();
-  if (!ended) tell_end_failed();
+  });
 }
 
 void zentiq_run_sql(FL_OBJECT *, long) {
@@ -464,21 +498,23 @@ void zentiq_run_sql(FL_OBJECT *, long) {
     fl_show_message("Die Abfrage wurde erfolgreich durchgeführt", "", "");
     return;
   }
+  if (zentiq_is_query(stmt)) {
+    run_query(session, stmt, [&] {
+      if (zentiq_store_add_sql(raw)) fl_set_button(m.sql_saved, 0);
+    });
+    return;
+  }
   if (!begin_level(session)) return;
   DBRESULT *result = nullptr;
   bool ran = run_typed(session, stmt, &result);
-  bool query = zentiq_is_query(stmt);
-  if (ran) {
-    if (zentiq_store_add_sql(raw)) fl_set_button(m.sql_saved, 0);
-    if (query) fill_result(session, result, stmt);
-  }
+  if (ran && zentiq_store_add_sql(raw)) fl_set_button(m.sql_saved, 0);
   dbclear(session, result);
   bool ended = end_level(session);
   if (!ran)
     tell_failed();
   else if (!ended)
     tell_end_failed();
-  else if (!query)
+  else
     fl_show_message("Die Abfrage wurde erfolgreich durchgeführt", "", "");
 }
 

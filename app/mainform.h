@@ -21,7 +21,11 @@ void zentiq_create_main_form();
 
 // Every statement of the user runs in a BEGIN level of its own that has
 // ended before any box is shown, so that no lock is held while the user
-// reads or answers.
+// reads or answers. Queries (SELECT, SHOW) are read with the row limit and
+// result budget of resultlimit.h; rows cut at the limit are named in the
+// result's title ("die ersten <n> Zeilen") and "Weitere Zeilen laden?" runs
+// the query again with twice the limit; a result over the budget is told in
+// a box, and the rows shown before stay.
 //
 // "SELECT durchführen": builds "SELECT <attributes|*> FROM <table>[ <where>];",
 // runs it inside one BEGIN level, stores the query and fills the result

@@ -1,7 +1,8 @@
 // The viewer against a real server on its DEMO database: start-up with the
 // database combo box, SELECT building and execution into the result tabbox,
 // SQL commands, failing statements, the detail dialog's update and delete
-// through the key attribute, and the exit question.
+// through the key attribute, the row limit and result budget of big
+// results, and the exit question.
 
 #include <sys/wait.h>
 
@@ -9,6 +10,9 @@
 #include "app/doku.h"
 #include "app/mainform.h"
 #include "app/querystore.h"
+#include "app/resultlimit.h"
+#include "base/ini.h"
+#include "db/client/resdata.h"
 #include "app/viewer.h"
 #include "db/access/session.h"
 #include "forms/keyfilter.h"
@@ -295,6 +299,66 @@ TEST_F(Viewer, NoLevelIsOpenWhileABoxWaitsAndOthersAreNotBlocked) {
   zentiq_detail_atclose(app().detail.form, nullptr);
 }
 
+TEST_F(Viewer, BigResultsAreCutOrRefusedAndToldWithoutHoldingALock) {
+  use_demo();
+  std::string fill = "CREATE TABLE BIGV (ID INTEGER, T CHARACTER(4000))\nBEGIN\n";
+  for (int i = 1; i <= 300; ++i)
+    fill +=
+        "INSERT INTO BIGV VALUES (" + std::to_string(i) + ", '" + std::string(3999, 'x') + "')\n";
+  auto made = other(fill + "END");
+  ASSERT_EQ(made.first, 0) << made.second.substr(0, 2000);
+  // Rows per result from the INI file: the first rows, the cut named in the
+  // title and a question asked with no level open and others not blocked.
+  INI_PutLine("zentiq", ZQ_INI_ROW_LIMIT, "[Ergebnis_Zeilen] 100\n");
+  watch_boxes();
+  select("BIGV", "ID", "ORDER BY ID");
+  EXPECT_EQ(shown(), "Gezeigt werden die ersten 100 Zeilen.\nWeitere Zeilen laden?|");
+  EXPECT_EQ(fl_get_tabbox_maxline(m().result), 100);
+  EXPECT_EQ(app().current_query_name, "ID (die ersten 100 Zeilen)");
+  EXPECT_STREQ(static_cast<ZqRecord *>(myfl_get_tabbox_item_info(m().result, 1))->text, "\"1\"");
+  // "Ja" twice: 200 rows, then all 300 (below 400), no further question.
+  fl_seam_clear();
+  fl_seam_queue_answer(1);
+  fl_seam_queue_answer(1);
+  fl_set_input(m().sql, "select ID from BIGV");
+  QTest::mouseClick(m().sql_run->widget, Qt::LeftButton);
+  EXPECT_EQ(shown(), "Gezeigt werden die ersten 100 Zeilen.\nWeitere Zeilen laden?|"
+                     "Gezeigt werden die ersten 200 Zeilen.\nWeitere Zeilen laden?|");
+  EXPECT_EQ(fl_get_tabbox_maxline(m().result), 300);
+  EXPECT_EQ(app().current_query_name, "ID");
+  EXPECT_EQ(while_shown, (std::vector<std::pair<int, int>>(3, {0, 0})));
+  EXPECT_EQ(zentiq_store().sql_count, 1);
+  // No MAX is left on the channel.
+  DBRESULT *r = nullptr;
+  int outcome = 0;
+  dbexec1(app().session, "SELECT ID FROM BIGV;", &r, &outcome);
+  EXPECT_EQ(dbntuples(app().session, r), 300);
+  dbclear(app().session, r);
+
+  // Over the budget (1 MB, the table holds 1.2): told in a box while no
+  // level is open; the rows shown before stay and the viewer goes on.
+  INI_DeleteLine("zentiq", ZQ_INI_ROW_LIMIT);
+  INI_PutLine("zentiq", ZQ_INI_BUDGET_MB, "[Ergebnis_MB]1\n");
+  watch_boxes();
+  fl_seam_clear();
+  select("BIGV", "", "");
+  ASSERT_EQ(fl_seam_shown().size(), 1u);
+  EXPECT_EQ(fl_seam_shown()[0].text.rfind("Ergebnis zu gro\xDF: ", 0), 0u) << shown();
+  EXPECT_NE(fl_seam_shown()[0].text.find(" Zeilen gelesen, Budget 1 MB\n"), std::string::npos);
+  EXPECT_EQ(while_shown, (std::vector<std::pair<int, int>>{{0, 0}}));
+  EXPECT_EQ(fl_get_tabbox_maxline(m().result), 300);
+  EXPECT_EQ(zentiq_store().select_count, 1); // only the first query
+  select("BIGV", "ID", "WHERE ID < 3");
+  EXPECT_EQ(fl_get_tabbox_maxline(m().result), 2);
+  EXPECT_EQ(DBresult_budget(), 1000000u);
+  INI_DeleteLine("zentiq", ZQ_INI_BUDGET_MB);
+  select("BIGV", "T", "");
+  EXPECT_EQ(fl_get_tabbox_maxline(m().result), 300);
+  EXPECT_GT(DBresult_budget(), 1000000u);
+  EXPECT_EQ(db_depth(), 0);
+  EXPECT_EQ(other("DROP TABLE BIGV").first, 0);
+}
+
 TEST_F(Viewer, TypedChangesAreCountedAndConfirmed) {
   use_demo();
   ASSERT_EQ(other("CREATE TABLE RC (RC_ID INTEGER, V INTEGER)\n"
@@ -570,6 +634,12 @@ TEST(ViewerHelpers, TextRules) {
                              {"(select 1)", 0},
                              {"update T set a = 1", 0}})
     EXPECT_EQ(zentiq_is_query(text), query) << text;
+
+  EXPECT_EQ(zentiq_group_digits(1000000), "1 000 000");
+  EXPECT_EQ(zentiq_group_digits(999), "999");
+  EXPECT_EQ(zentiq_too_large_text("result too large: 12345 rows read, budget 1000 MB\n"),
+            "Ergebnis zu gro\xDF: 12 345 Zeilen gelesen, Budget 1 000 MB");
+  EXPECT_EQ(zentiq_too_large_text("result too large"), "");
 
   std::vector<std::string> row = {"1", "Say \"hi\" \\o/", "", "a,b\nc"};
   EXPECT_EQ(zentiq_row_text(row), "\"1\",\"Say \\\"hi\\\" \\\\o/\",\"\",\"a,b\nc\"");
