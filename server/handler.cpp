@@ -25,6 +25,7 @@ void ExecHandler::log(const std::string &line) const {
 std::unique_ptr<ChannelContext> ExecHandler::channel_opened(ProtocolServer &, int channel,
                                                             pid_t pid) {
   auto ctx = std::make_unique<Context>(ex_, channel);
+  ctx->ch.client_pid = pid;
   channels_[channel] = ctx.get();
   log("channel " + std::to_string(channel) + ": connected (process " + std::to_string(pid) + ")");
   return ctx;
@@ -129,7 +130,10 @@ void ExecHandler::time_out(ProtocolServer &srv, int channel, Context *ctx) {
   char secs[32];
   snprintf(secs, sizeof secs, "%g", double(lock_timeout_.count()) / 1000.0);
   std::string db = ctx->ch.database.empty() ? "?" : ctx->ch.database;
-  std::string text = answer_errtext(Err::SPERRE_ZEITABLAUF, {db, secs});
+  int holder = lock_holder(channel, ctx);
+  std::string who = holder >= 0 ? lock_holder_text(channels_.at(holder)->ch)
+                                : std::string("ein Programm außerhalb des Servers");
+  std::string text = answer_errtext(Err::SPERRE_ZEITABLAUF, {db, secs, who});
   log("channel " + std::to_string(channel) + ": error: " + text);
   std::vector<unsigned char> answer;
   answer_error(answer, text);
