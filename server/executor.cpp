@@ -137,6 +137,9 @@ struct SessionState {
   // When the channel's transaction took the write lock of its database; 0
   // while it holds none.
   time_t lock_since = 0;
+  // When the channel's statement began to wait for a write lock; 0 while it
+  // does not wait.
+  time_t wait_since = 0;
 };
 
 // Ends the bookkeeping of a BEGIN block; a block that read and then wrote
@@ -152,7 +155,9 @@ static bool sqlite_txn(const SessionState &st) {
   return st.db && !sqlite3_get_autocommit(st.db.get());
 }
 
-Session::Session(Executor &e, int i) : ex(e), id(i), st(std::make_unique<SessionState>()) {}
+Session::Session(Executor &e, int i) : ex(e), id(i), st(std::make_unique<SessionState>()) {
+  ex.sessions.push_back(this);
+}
 
 bool Session::in_transaction() const { return st->pending_begin || sqlite_txn(*st); }
 
@@ -1057,6 +1062,35 @@ void do_show(Ctx &c, const Request &q) {
   }
 }
 
+// The list of lock holders and waiters: one row per channel that holds the
+// write lock of a database or waits for one, holders first.
+void do_locks(Ctx &c) {
+  auto text = [](int n) { return type_make(DBTYPE_CHARACTER, n); };
+  answer_tuples_begin(c.out, DBANS_TUPLES,
+                      {{"ZUSTAND", text(7)},
+                       {"DATENBANK", text(20)},
+                       {"KANAL", type_make(DBTYPE_INTEGER, 0)},
+                       {"PROZESS", type_make(DBTYPE_INTEGER, 0)},
+                       {"BENUTZER", text(33)},
+                       {"SEIT", text(20)}});
+  for (bool holders : {true, false})
+    for (const Session *s : c.ch.ex.sessions) {
+      time_t since = holders ? s->st->lock_since : s->st->wait_since;
+      if (!since || s->database.empty()) continue;
+      struct tm tm;
+      localtime_r(&since, &tm);
+      char stamp[32];
+      strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &tm);
+      answer_value_text(c.out, holders ? "HAELT" : "WARTET");
+      answer_value_text(c.out, s->database);
+      answer_value_integer(c.out, s->id);
+      answer_value_integer(c.out, s->client_pid);
+      answer_value_text(c.out, utf8_to_latin1(session_user(*s)).substr(0, 32));
+      answer_value_text(c.out, stamp);
+      answer_row(c.out);
+    }
+}
+
 // Closes the channel's database: rolls back an open transaction (or commits
 // it when commit is set; a commit that fails throws and leaves the database
 // open), ends the cursors.
@@ -1251,6 +1285,9 @@ int execute(Ctx &c, const Request &q) {
     ch.ex.stop_requested = true;
     answer_done(c.out);
     return EXEC_ANSWER;
+  case ReqKind::Locks:
+    do_locks(c);
+    return EXEC_ANSWER;
   default:
     break;
   }
@@ -1347,7 +1384,10 @@ int execute(Ctx &c, const Request &q) {
 
 } // namespace
 
-Session::~Session() { close_database(*this, false); }
+Session::~Session() {
+  close_database(*this, false);
+  ex.sessions.erase(std::remove(ex.sessions.begin(), ex.sessions.end(), this), ex.sessions.end());
+}
 
 int exec_request(Session &ch, const unsigned char *req, size_t len,
                  std::vector<unsigned char> &answer) {
@@ -1380,12 +1420,17 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
     ~Arm() {
       SessionState &s = *ch.st;
       s.armed = false;
+      if (!blocked)
+        s.wait_since = 0;
+      else if (s.wait_since == 0)
+        s.wait_since = time(nullptr);
       if (!holds_write_lock(ch))
         s.lock_since = 0;
       else if (s.lock_since == 0)
         s.lock_since = time(nullptr);
     }
     void disarm() { ch.st->armed = false; }
+    bool blocked = false;
   } arm(ch);
   bool block = ch.in_transaction();
   try {
@@ -1426,6 +1471,7 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
     if (ch.ex.log) log_line(ch, "error: " + e.text);
     return refused(q, answer, e.text);
   } catch (const WouldBlock &) {
+    arm.blocked = true;
     answer.clear();
     if (ch.ex.verbose) log_line(ch, "waits for a lock");
     return EXEC_WOULD_BLOCK;
@@ -1453,6 +1499,8 @@ std::string session_user(const Session &ch) {
 }
 
 time_t session_lock_since(const Session &ch) { return ch.st ? ch.st->lock_since : 0; }
+
+void session_wait_ended(Session &ch) { ch.st->wait_since = 0; }
 
 std::string lock_holder_text(const Session &holder) {
   std::string t = "Kanal " + std::to_string(holder.id);

@@ -32,9 +32,14 @@
 
 namespace tavrind {
 
+struct Session;
+
 // Server-wide state shared by all channels.
 struct Executor {
   Catalog catalog;
+  // Every channel's session (each adds and removes itself), for the list of
+  // lock holders and waiters.
+  std::vector<Session *> sessions;
   // Receives one log line in UTF-8 (without line feed): errors always, every
   // statement when verbose is set. Null: no logging.
   std::function<void(const std::string &)> log;
@@ -108,6 +113,10 @@ bool waits_in_vain(const Session &waiter, const Session &holder);
 // "Kanal 3 (Prozess 1234, Benutzer anna) seit 14:02:11". The time is when the
 // holder's transaction took the lock.
 std::string lock_holder_text(const Session &holder);
+
+// The waiting statement of ch is over without the executor seeing it (the
+// caller refused it: lock timeout, deadlock); it no longer shows as waiting.
+void session_wait_ended(Session &ch);
 
 // The same facts as values: the user name of the client's process ("" when
 // unknown) and the time the lock was taken (0 when the channel holds none).

@@ -116,7 +116,8 @@ bool ExecHandler::deadlocked(int channel, const Context *ctx) const {
 }
 
 void ExecHandler::refuse_deadlock(ProtocolServer &srv, int channel) {
-  const Context *ctx = channels_.at(channel);
+  Context *ctx = channels_.at(channel);
+  session_wait_ended(ctx->ch);
   std::string text = answer_errtext(Err::VERKLEMMUNG, {ctx->ch.database});
   log("channel " + std::to_string(channel) + ": error: " + text);
   std::vector<unsigned char> answer;
@@ -127,6 +128,7 @@ void ExecHandler::refuse_deadlock(ProtocolServer &srv, int channel) {
 void ExecHandler::time_out(ProtocolServer &srv, int channel, Context *ctx) {
   ctx->is_parked = false;
   ctx->waiting.clear();
+  session_wait_ended(ctx->ch);
   char secs[32];
   snprintf(secs, sizeof secs, "%g", double(lock_timeout_.count()) / 1000.0);
   std::string db = ctx->ch.database.empty() ? "?" : ctx->ch.database;

@@ -124,6 +124,20 @@ private:
   std::string buf_, greeting_;
 };
 
+// The output of `tavrin locks` against the server in namespace ns.
+std::string tavrin_locks(const std::string &ns) {
+  const char *build = std::getenv("ZENTIQ_BUILD_DIR");
+  std::string cmd = "TAVRIN_NAMESPACE=" + ns + " " + (build ? build : ".") + "/tools/tavrin locks 2>&1";
+  std::string out;
+  if (FILE *p = popen(cmd.c_str(), "r")) {
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    pclose(p);
+  }
+  return out;
+}
+
 const std::string kDone = "1|";
 std::string tuples(const std::string &v) { return "2|" + v; }
 bool is_error(const std::string &a, const std::string &number) {
@@ -152,8 +166,9 @@ protected:
   faults::Server srv;
 };
 
-// A holds the write lock, B's UPDATE is parked; how A's transaction ends
-// decides when B is answered and what is visible afterwards.
+// A holds the write lock, B's UPDATE is parked (`tavrin locks` lists both);
+// how A's transaction ends decides when B is answered and what is visible
+// afterwards.
 TEST_F(Locking, ParkedWriterGoesOnWhenTheHolderCommitsAbortsOrDies) {
   start();
   int b_changes = 0;
@@ -166,6 +181,16 @@ TEST_F(Locking, ParkedWriterGoesOnWhenTheHolderCommitsAbortsOrDies) {
     ASSERT_EQ(a->run("UPDATE KONTO SET BETRAG = 110 WHERE KONTO_ID = 1"), "1|1");
     b.send("UPDATE KONTO SET BETRAG = " + std::to_string(101 + b_changes) + " WHERE KONTO_ID = 2");
     EXPECT_EQ(b.answer(400ms), "") << "B must wait for A's lock";
+    if (end == "COMMIT") {
+      // `tavrin locks` lists A as holder, then B as waiter.
+      std::string locks = tavrin_locks(srv.ns());
+      size_t holds = locks.find("holds  DEMO"), waits = locks.find("waits  DEMO");
+      ASSERT_NE(holds, std::string::npos) << locks;
+      ASSERT_NE(waits, std::string::npos) << locks;
+      EXPECT_LT(holds, waits) << locks;
+      EXPECT_NE(locks.find(" " + std::to_string(a->pid()) + " ", holds), std::string::npos) << locks;
+      EXPECT_NE(locks.find(" " + std::to_string(b.pid()) + " ", waits), std::string::npos) << locks;
+    }
     // A reader is never parked behind the lock and sees only committed data.
     std::string before = amount(1);
     if (end == "kill")
