@@ -884,6 +884,10 @@ void do_fetch(Ctx &c, const Request &q) {
     // them silently, so it is closed (a further FETCH gets error 502).
     c.st.cursors.erase(it);
     throw;
+  } catch (const Interrupted &) {
+    // A stopped statement would start again from its first row.
+    c.st.cursors.erase(it);
+    throw;
   }
 }
 
