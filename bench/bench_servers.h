@@ -50,7 +50,9 @@ inline pid_t spawn_tavrind(const std::string &data, const std::string &log, cons
   posix_spawn_file_actions_init(&fa);
   posix_spawn_file_actions_addopen(&fa, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
   posix_spawn_file_actions_adddup2(&fa, 1, 2);
-  std::vector<std::string> args = {prog, "--data", data, "--namespace", ns};
+  // PostgreSQL runs with fsync=off below: tavrind gets the matching
+  // durability (commits survive a crash of the server, not of the machine).
+  std::vector<std::string> args = {prog, "--data", data, "--namespace", ns, "--sync", "normal"};
   std::vector<char *> argv;
   for (auto &a : args) argv.push_back(a.data());
   argv.push_back(nullptr);

@@ -71,12 +71,19 @@ namespace tavrind {
     "Ein offener Cursor dieser Verbindung liest die Tabelle noch; bitte erst mit CLOSE "           \
     "schließen")                                                                                   \
   X(509, SPERRE_ZEITABLAUF,                                                                        \
-    "Zeitablauf: die Schreibsperre der Datenbank $1 wurde nach $2 Sekunden nicht frei; die "       \
-    "Anweisung ist nicht ausgeführt")                                                              \
+    "Zeitablauf: die Schreibsperre der Datenbank $1 wurde nach $2 Sekunden nicht frei (sie hält " \
+    "$3); die Anweisung ist nicht ausgeführt")                                                              \
   X(510, VERKLEMMUNG,                                                                              \
     "Verklemmung: die Transaktion hat die Datenbank $1 gelesen und wartet auf deren "              \
     "Schreibsperre, die eine andere Verbindung mit eigenen Änderungen hält; die Anweisung ist "  \
     "nicht ausgeführt, bitte die Transaktion mit ABORT beenden und wiederholen")                   \
+  X(511, ANWEISUNG_ZEITABLAUF,                                                                     \
+    "Zeitablauf: die Anweisung lief länger als $1 Sekunden und ist abgebrochen; $2")              \
+  X(512, SERVER_ENDET, "Der Server wird beendet: die Anweisung ist abgebrochen; $1")              \
+  X(513, KLIENT_ENDET, "Der Klient (Prozess $1) ist beendet: seine Anweisung ist abgebrochen; $2") \
+  X(514, ANTWORT_ZU_GROSS,                                                                         \
+    "Das Ergebnis ist größer als $1 MB und wird nicht gesendet; bitte mit WHERE oder MAX "        \
+    "einschränken oder mit DECLARE und FETCH in Teilen lesen")                                      \
   X(901, SPEICHERFEHLER, "Interner Datenbankfehler: $1")                                           \
   X(1001, DATEI_FEHLT, "Datei $1 nicht gefunden")                                                  \
   X(1002, DATEI_SCHREIBEN, "Datei $1 kann nicht geschrieben werden")                               \

@@ -685,7 +685,15 @@ sqlite3 *catalog_open(const Catalog &cat, const std::string &name, bool create, 
   int rc = sqlite3_open_v2(path.c_str(), &raw, flags, nullptr);
   Db db(raw);
   if (rc != SQLITE_OK) err = raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc);
-  if (rc != SQLITE_OK || !catalog_configure(db.get(), err)) {
+  if (rc == SQLITE_OK && !catalog_configure(db.get(), err)) rc = SQLITE_ERROR;
+  // With --sync full every commit syncs the WAL (catalog_configure leaves
+  // NORMAL, which syncs at checkpoints only).
+  if (rc == SQLITE_OK && cat.sync_full &&
+      sqlite3_exec(db.get(), "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr) != SQLITE_OK) {
+    err = sqlite3_errmsg(db.get());
+    rc = SQLITE_ERROR;
+  }
+  if (rc != SQLITE_OK) {
     db.reset();
     if (create)
       for (const char *suffix : {"", "-wal", "-shm", "-journal"}) unlink((path + suffix).c_str());

@@ -21,6 +21,10 @@ namespace tavrind {
 struct Catalog {
   std::string dir;                  // the data folder, without trailing '/'
   std::map<std::string, int> users; // database name -> channels that have it open
+  // Sync the WAL at every commit (a commit survives a power loss); off: the
+  // WAL is synced at checkpoints only (a commit survives a crash of the
+  // server process, not of the machine).
+  bool sync_full = true;
 };
 
 // The name of the system database, which cannot be dropped.

@@ -12,7 +12,12 @@
 
 #include <sqlite3.h>
 
+#include <pwd.h>
+#include <signal.h>
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -30,6 +35,9 @@ struct ExecError {
 };
 // Another channel holds the lock a statement needs.
 struct WouldBlock {};
+// The progress handler stopped the running statement (the reason is in the
+// channel's state).
+struct Interrupted {};
 
 struct StmtDeleter {
   void operator()(sqlite3_stmt *s) const { sqlite3_finalize(s); }
@@ -117,6 +125,21 @@ struct SessionState {
   // the holder before it reads, instead of reading a state that the
   // holder's commit makes stale and being refused when it writes.
   bool write_first = false;
+
+  // Why the progress handler stopped the running statement.
+  enum class Stop { None, Timeout, Server, Client } stop = Stop::None;
+  // The progress handler only stops statements of a request (never the
+  // rollback that cleans up after one).
+  bool armed = false;
+  std::chrono::steady_clock::time_point deadline; // of the running request, when timed
+  bool timed = false;
+  std::chrono::steady_clock::time_point next_client_check;
+  // When the channel's transaction took the write lock of its database; 0
+  // while it holds none.
+  time_t lock_since = 0;
+  // When the channel's statement began to wait for a write lock; 0 while it
+  // does not wait.
+  time_t wait_since = 0;
 };
 
 // Ends the bookkeeping of a BEGIN block; a block that read and then wrote
@@ -132,7 +155,9 @@ static bool sqlite_txn(const SessionState &st) {
   return st.db && !sqlite3_get_autocommit(st.db.get());
 }
 
-Session::Session(Executor &e, int i) : ex(e), id(i), st(std::make_unique<SessionState>()) {}
+Session::Session(Executor &e, int i) : ex(e), id(i), st(std::make_unique<SessionState>()) {
+  ex.sessions.push_back(this);
+}
 
 bool Session::in_transaction() const { return st->pending_begin || sqlite_txn(*st); }
 
@@ -143,6 +168,7 @@ namespace {
 
 // Throws the error that an SQLite failure means for the client.
 [[noreturn]] void raise_sqlite(SessionState &st, int rc) {
+  if (rc == SQLITE_INTERRUPT && st.stop != SessionState::Stop::None) throw Interrupted{};
   sqlite3 *db = st.db.get();
   int ext = db ? sqlite3_extended_errcode(db) : rc;
   std::string msg = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
@@ -794,8 +820,12 @@ StmtPtr prepare_query(Ctx &c, const Generated &g, const std::vector<SqlValue> &p
   return p;
 }
 
+// The largest tuples answer the server builds.
+size_t answer_limit(const Executor &ex) { return std::min(ex.max_answer, ANSWER_LIMIT_MAX); }
+
 // Steps s and appends up to limit rows (0: all) to a tuples answer. Returns
-// false when the statement has no more rows.
+// false when the statement has no more rows. An answer that grows past the
+// answer limit throws (error 514) and its memory is freed.
 bool append_rows(Ctx &c, sqlite3_stmt *s, const std::vector<AnswerColumn> &cols, int64_t limit) {
   int64_t n = 0;
   while (limit == 0 || n < limit) {
@@ -809,6 +839,11 @@ bool append_rows(Ctx &c, sqlite3_stmt *s, const std::vector<AnswerColumn> &cols,
       type_append_value(c.out, cols[i].type, s, static_cast<int>(i));
     answer_row(c.out);
     ++n;
+    if (c.out.size() > answer_limit(c.ch.ex)) {
+      std::vector<unsigned char>().swap(c.out); // give the memory back at once
+      throw ExecError{answer_errtext(Err::ANTWORT_ZU_GROSS,
+                                     {std::to_string(answer_limit(c.ch.ex) >> 20)})};
+    }
   }
   return true;
 }
@@ -842,7 +877,18 @@ void do_fetch(Ctx &c, const Request &q) {
   answer_tuples_begin(c.out, DBANS_TUPLES2, cur.cols);
   if (cur.done) return;
   int64_t limit = q.all ? 0 : (c.ch.max_rows > 0 ? c.ch.max_rows : 1);
-  if (!append_rows(c, cur.stmt.get(), cur.cols, limit)) cur.done = true;
+  try {
+    if (!append_rows(c, cur.stmt.get(), cur.cols, limit)) cur.done = true;
+  } catch (const ExecError &) {
+    // The rows stepped over are gone: a cursor that went on would skip
+    // them silently, so it is closed (a further FETCH gets error 502).
+    c.st.cursors.erase(it);
+    throw;
+  } catch (const Interrupted &) {
+    // A stopped statement would start again from its first row.
+    c.st.cursors.erase(it);
+    throw;
+  }
 }
 
 void do_create_table(Ctx &c, const Request &q) {
@@ -1020,6 +1066,35 @@ void do_show(Ctx &c, const Request &q) {
   }
 }
 
+// The list of lock holders and waiters: one row per channel that holds the
+// write lock of a database or waits for one, holders first.
+void do_locks(Ctx &c) {
+  auto text = [](int n) { return type_make(DBTYPE_CHARACTER, n); };
+  answer_tuples_begin(c.out, DBANS_TUPLES,
+                      {{"ZUSTAND", text(7)},
+                       {"DATENBANK", text(20)},
+                       {"KANAL", type_make(DBTYPE_INTEGER, 0)},
+                       {"PROZESS", type_make(DBTYPE_INTEGER, 0)},
+                       {"BENUTZER", text(33)},
+                       {"SEIT", text(20)}});
+  for (bool holders : {true, false})
+    for (const Session *s : c.ch.ex.sessions) {
+      time_t since = holders ? s->st->lock_since : s->st->wait_since;
+      if (!since || s->database.empty()) continue;
+      struct tm tm;
+      localtime_r(&since, &tm);
+      char stamp[32];
+      strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &tm);
+      answer_value_text(c.out, holders ? "HAELT" : "WARTET");
+      answer_value_text(c.out, s->database);
+      answer_value_integer(c.out, s->id);
+      answer_value_integer(c.out, s->client_pid);
+      answer_value_text(c.out, utf8_to_latin1(session_user(*s)).substr(0, 32));
+      answer_value_text(c.out, stamp);
+      answer_row(c.out);
+    }
+}
+
 // Closes the channel's database: rolls back an open transaction (or commits
 // it when commit is set; a commit that fails throws and leaves the database
 // open), ends the cursors.
@@ -1041,10 +1116,43 @@ void close_database(Session &ch, bool commit) {
   st.tables.clear();
   st.indexes.clear();
   st.schema_version = -1;
+  st.lock_since = 0;
   st.db.reset();
   auto it = ch.ex.catalog.users.find(ch.database);
   if (it != ch.ex.catalog.users.end() && --it->second <= 0) ch.ex.catalog.users.erase(it);
   ch.database.clear();
+}
+
+// How many SQLite virtual machine steps pass between two calls of the
+// progress handler: a few microseconds of work.
+constexpr int PROGRESS_STEPS = 1000;
+// How often the progress handler asks whether the client process lives.
+constexpr std::chrono::milliseconds CLIENT_CHECK{100};
+
+// SQLite's progress handler of a channel's connection: non-zero stops the
+// running statement (SQLITE_INTERRUPT); the reason is left in the state.
+int progress(void *arg) {
+  Session &ch = *static_cast<Session *>(arg);
+  SessionState &st = *ch.st;
+  if (!st.armed || st.stop != SessionState::Stop::None) return 0;
+  if (ch.ex.stopping.load(std::memory_order_relaxed)) {
+    st.stop = SessionState::Stop::Server;
+    return 1;
+  }
+  auto now = std::chrono::steady_clock::now();
+  if (st.timed && now >= st.deadline) {
+    st.stop = SessionState::Stop::Timeout;
+    return 1;
+  }
+  if (ch.client_pid > 0 && now >= st.next_client_check) {
+    st.next_client_check = now + CLIENT_CHECK;
+    // EPERM: the process lives under another user.
+    if (kill(ch.client_pid, 0) != 0 && errno == ESRCH) {
+      st.stop = SessionState::Stop::Client;
+      return 1;
+    }
+  }
+  return 0;
 }
 
 // Makes name the channel's database. An open transaction of the previous
@@ -1059,6 +1167,7 @@ void switch_database(Session &ch, const std::string &name, bool create) {
   DbPtr db(catalog_open(cat, name, create, err));
   if (!db) throw ExecError{answer_errtext(Err::DATENBANK_FEHLER, {name, err})};
   close_database(ch, true);
+  sqlite3_progress_handler(db.get(), PROGRESS_STEPS, progress, &ch);
   ch.st->db = std::move(db);
   ch.database = name;
   ++cat.users[name];
@@ -1180,6 +1289,9 @@ int execute(Ctx &c, const Request &q) {
     ch.ex.stop_requested = true;
     answer_done(c.out);
     return EXEC_ANSWER;
+  case ReqKind::Locks:
+    do_locks(c);
+    return EXEC_ANSWER;
   default:
     break;
   }
@@ -1276,7 +1388,10 @@ int execute(Ctx &c, const Request &q) {
 
 } // namespace
 
-Session::~Session() { close_database(*this, false); }
+Session::~Session() {
+  close_database(*this, false);
+  ex.sessions.erase(std::remove(ex.sessions.begin(), ex.sessions.end(), this), ex.sessions.end());
+}
 
 int exec_request(Session &ch, const unsigned char *req, size_t len,
                  std::vector<unsigned char> &answer) {
@@ -1292,12 +1407,75 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
     return EXEC_ANSWER;
   }
   Ctx c{ch, *ch.st, answer};
+  SessionState &st = *ch.st;
+  // Arms the progress handler for this request and, when it ends, notes
+  // whether the channel's transaction holds the write lock now.
+  struct Arm {
+    Session &ch;
+    explicit Arm(Session &c) : ch(c) {
+      SessionState &s = *ch.st;
+      s.armed = true;
+      s.stop = SessionState::Stop::None;
+      s.timed = ch.ex.statement_timeout.count() > 0;
+      auto now = std::chrono::steady_clock::now();
+      if (s.timed) s.deadline = now + ch.ex.statement_timeout;
+      s.next_client_check = now + CLIENT_CHECK;
+    }
+    ~Arm() {
+      SessionState &s = *ch.st;
+      s.armed = false;
+      if (!blocked)
+        s.wait_since = 0;
+      else if (s.wait_since == 0)
+        s.wait_since = time(nullptr);
+      if (!holds_write_lock(ch))
+        s.lock_since = 0;
+      else if (s.lock_since == 0)
+        s.lock_since = time(nullptr);
+    }
+    void disarm() { ch.st->armed = false; }
+    bool blocked = false;
+  } arm(ch);
+  bool block = ch.in_transaction();
   try {
     return execute(c, q);
+  } catch (const Interrupted &) {
+    arm.disarm();
+    // A stopped change inside BEGIN ... COMMIT may have taken the whole
+    // transaction with it (SQLite rolls it back): the client is told.
+    bool lost = block && !ch.in_transaction();
+    if (lost) end_block(st);
+    std::string what = lost ? "die offene Transaktion ist zurückgesetzt"
+                            : "nichts davon ist ausgeführt";
+    std::string text;
+    switch (st.stop) {
+    case SessionState::Stop::Timeout: {
+      char secs[32];
+      snprintf(secs, sizeof secs, "%g", double(ch.ex.statement_timeout.count()) / 1000.0);
+      text = answer_errtext(Err::ANWEISUNG_ZEITABLAUF, {secs, what});
+      break;
+    }
+    case SessionState::Stop::Server:
+      text = answer_errtext(Err::SERVER_ENDET, {what});
+      break;
+    default:
+      text = answer_errtext(Err::KLIENT_ENDET, {std::to_string(ch.client_pid), what});
+      break;
+    }
+    if (ch.ex.log) log_line(ch, "error: " + text);
+    // Nobody reads the answer of a client that has ended; sent anyway, it
+    // could overwrite a chunk another client has put into the exchange
+    // meanwhile.
+    if (st.stop == SessionState::Stop::Client) {
+      answer.clear();
+      return EXEC_NO_ANSWER;
+    }
+    return refused(q, answer, text);
   } catch (const ExecError &e) {
     if (ch.ex.log) log_line(ch, "error: " + e.text);
     return refused(q, answer, e.text);
   } catch (const WouldBlock &) {
+    arm.blocked = true;
     answer.clear();
     if (ch.ex.verbose) log_line(ch, "waits for a lock");
     return EXEC_WOULD_BLOCK;
@@ -1311,6 +1489,38 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
 
 bool holds_write_lock(const Session &ch) {
   return ch.st && ch.st->db && sqlite3_txn_state(ch.st->db.get(), "main") == SQLITE_TXN_WRITE;
+}
+
+std::string session_user(const Session &ch) {
+  if (ch.client_pid <= 0) return "";
+  struct stat sb;
+  std::string proc = "/proc/" + std::to_string(ch.client_pid);
+  if (stat(proc.c_str(), &sb) != 0) return "";
+  struct passwd pw, *found = nullptr;
+  char buf[1024];
+  if (getpwuid_r(sb.st_uid, &pw, buf, sizeof buf, &found) == 0 && found) return found->pw_name;
+  return std::to_string(sb.st_uid);
+}
+
+time_t session_lock_since(const Session &ch) { return ch.st ? ch.st->lock_since : 0; }
+
+void session_wait_ended(Session &ch) { ch.st->wait_since = 0; }
+
+std::string lock_holder_text(const Session &holder) {
+  std::string t = "Kanal " + std::to_string(holder.id);
+  std::string user = session_user(holder);
+  if (holder.client_pid > 0)
+    t += " (Prozess " + std::to_string(holder.client_pid) +
+         (user.empty() ? "" : ", Benutzer " + utf8_to_latin1(user)) + ")";
+  time_t since = session_lock_since(holder);
+  if (since) {
+    struct tm tm;
+    localtime_r(&since, &tm);
+    char stamp[32];
+    strftime(stamp, sizeof stamp, "%H:%M:%S", &tm);
+    t += std::string(" seit ") + stamp;
+  }
+  return t;
 }
 
 bool waits_in_vain(const Session &waiter, const Session &holder) {

@@ -9,29 +9,56 @@
 // EXEC_WOULD_BLOCK, leaves the channel as it was, and the caller sends the
 // same request again later. Transport (shared memory, packets, parking
 // clients) is the caller's business; this module never blocks.
+//
+// Every statement can be stopped: a progress handler on each connection ends
+// the running statement when it has run longer than the statement timeout,
+// when the server is asked to stop, or when its client process has ended.
+// A tuples answer that grows past the answer limit is not sent; the client
+// gets an error instead.
 #pragma once
 
 #include "server/catalog.h"
 
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace tavrind {
 
+struct Session;
+
 // Server-wide state shared by all channels.
 struct Executor {
   Catalog catalog;
+  // Every channel's session (each adds and removes itself), for the list of
+  // lock holders and waiters.
+  std::vector<Session *> sessions;
   // Receives one log line in UTF-8 (without line feed): errors always, every
   // statement when verbose is set. Null: no logging.
   std::function<void(const std::string &)> log;
   bool verbose = false;
   // Set by the STOP statement; the caller ends the server after answering.
   bool stop_requested = false;
+  // Set (also from a signal handler) when the server is to end: the running
+  // statement is stopped at once and answered with an error.
+  std::atomic<bool> stopping{false};
+  // A statement that runs longer is stopped; zero: no limit.
+  std::chrono::milliseconds statement_timeout{0};
+  // A tuples answer that grows past this many bytes is refused (at most
+  // ANSWER_LIMIT_MAX, below 2 GiB).
+  size_t max_answer = size_t(1024) << 20;
 };
+
+// The largest answer the server ever builds (an answer's length travels as a
+// signed 32-bit number).
+constexpr size_t ANSWER_LIMIT_MAX = (size_t(1) << 31) - (size_t(1) << 20);
 
 struct SessionState;
 
@@ -46,6 +73,7 @@ struct Session {
 
   Executor &ex;
   int id;
+  pid_t client_pid = 0; // the client's process, when the transport knows it
   std::string database; // the open database; empty when none
   int32_t max_rows = 0; // MAX n: rows per SELECT and per FETCH; 0 = no limit
   std::unique_ptr<SessionState> st;
@@ -63,7 +91,8 @@ enum ExecResult {
 // Executes one request of channel ch and builds its answer in answer (which
 // is replaced). Requests that do not decode get an error answer.
 // Returns one of ExecResult. On EXEC_WOULD_BLOCK nothing of the request has
-// taken effect.
+// taken effect. A statement stopped because its client process ended gets
+// no answer (EXEC_NO_ANSWER).
 int exec_request(Session &ch, const unsigned char *req, size_t len,
                  std::vector<unsigned char> &answer);
 
@@ -79,5 +108,19 @@ bool holds_write_lock(const Session &ch);
 // (holder's change needs waiter's read to end, waiter needs the lock), so
 // the request handler refuses waiter's statement at once.
 bool waits_in_vain(const Session &waiter, const Session &holder);
+
+// Who holds a write lock, for the texts of lock waits (German, Latin-1):
+// "Kanal 3 (Prozess 1234, Benutzer anna) seit 14:02:11". The time is when the
+// holder's transaction took the lock.
+std::string lock_holder_text(const Session &holder);
+
+// The waiting statement of ch is over without the executor seeing it (the
+// caller refused it: lock timeout, deadlock); it no longer shows as waiting.
+void session_wait_ended(Session &ch);
+
+// The same facts as values: the user name of the client's process ("" when
+// unknown) and the time the lock was taken (0 when the channel holds none).
+std::string session_user(const Session &ch);
+time_t session_lock_since(const Session &ch);
 
 } // namespace tavrind

@@ -25,6 +25,7 @@ void ExecHandler::log(const std::string &line) const {
 std::unique_ptr<ChannelContext> ExecHandler::channel_opened(ProtocolServer &, int channel,
                                                             pid_t pid) {
   auto ctx = std::make_unique<Context>(ex_, channel);
+  ctx->ch.client_pid = pid;
   channels_[channel] = ctx.get();
   log("channel " + std::to_string(channel) + ": connected (process " + std::to_string(pid) + ")");
   return ctx;
@@ -115,7 +116,8 @@ bool ExecHandler::deadlocked(int channel, const Context *ctx) const {
 }
 
 void ExecHandler::refuse_deadlock(ProtocolServer &srv, int channel) {
-  const Context *ctx = channels_.at(channel);
+  Context *ctx = channels_.at(channel);
+  session_wait_ended(ctx->ch);
   std::string text = answer_errtext(Err::VERKLEMMUNG, {ctx->ch.database});
   log("channel " + std::to_string(channel) + ": error: " + text);
   std::vector<unsigned char> answer;
@@ -126,10 +128,14 @@ void ExecHandler::refuse_deadlock(ProtocolServer &srv, int channel) {
 void ExecHandler::time_out(ProtocolServer &srv, int channel, Context *ctx) {
   ctx->is_parked = false;
   ctx->waiting.clear();
+  session_wait_ended(ctx->ch);
   char secs[32];
   snprintf(secs, sizeof secs, "%g", double(lock_timeout_.count()) / 1000.0);
   std::string db = ctx->ch.database.empty() ? "?" : ctx->ch.database;
-  std::string text = answer_errtext(Err::SPERRE_ZEITABLAUF, {db, secs});
+  int holder = lock_holder(channel, ctx);
+  std::string who = holder >= 0 ? lock_holder_text(channels_.at(holder)->ch)
+                                : std::string("ein Programm außerhalb des Servers");
+  std::string text = answer_errtext(Err::SPERRE_ZEITABLAUF, {db, secs, who});
   log("channel " + std::to_string(channel) + ": error: " + text);
   std::vector<unsigned char> answer;
   answer_error(answer, text);

@@ -493,6 +493,9 @@ void decode(Reader &r, Request &q) {
   case DBREQ_NOTICE:
     q.kind = ReqKind::Notice;
     break;
+  case DBREQ_LOCKS:
+    q.kind = ReqKind::Locks;
+    break;
   case DBREQ_CREATE_TABLE:
     q.kind = ReqKind::CreateTable;
     decode_create_table(r, q);

@@ -45,6 +45,7 @@ enum class ReqKind {
   SetStatic,   // DBREQ_SET_STATIC
   Save,        // DBREQ_SAVE
   Show,        // DBREQ_SHOW
+  Locks,       // DBREQ_LOCKS
   Max,         // DBREQ_MAX
   SetSecure,   // DBREQ_SET_SECURE
   Stop,        // DBREQ_STOP

@@ -22,14 +22,18 @@
 namespace {
 
 tavrind::ProtocolServer *g_server = nullptr;
+tavrind::Executor *g_executor = nullptr;
 
 void on_signal(int) {
+  // A running statement is stopped first, so that the server ends promptly.
+  if (g_executor) g_executor->stopping.store(true);
   if (g_server) g_server->request_stop();
 }
 
 void usage(FILE *f) {
   fputs("Usage: tavrind --data DIR [--namespace NS] [--group NAME] [--lock-timeout SECONDS]\n"
-        "               [--max-clients N] [--max-request-mb N] [--no-demo] [--verbose]\n"
+        "               [--max-clients N] [--max-request-mb N] [--statement-timeout SECONDS]\n"
+        "               [--max-answer-mb MB] [--sync full|normal] [--no-demo] [--verbose]\n"
         "Serves the TAVRIN databases of the folder DIR (one SQLite file DIR/<NAME>.db each)\n"
         "to clients on this machine through shared memory.\n"
         "  --data DIR       the data folder; the first start creates it with the system\n"
@@ -48,6 +52,17 @@ void usage(FILE *f) {
         "                   the longest request a client may send, in MiB (1-1024,\n"
         "                   default 1024); memory is taken as its bytes come in, and a\n"
         "                   request left incomplete for 30 s is dropped\n"
+        "  --statement-timeout SECONDS\n"
+        "                   a statement that runs longer is stopped and refused with\n"
+        "                   error 511 (default 0: no limit)\n"
+        "  --max-answer-mb MB\n"
+        "                   a query whose answer grows past MB megabytes is refused with\n"
+        "                   error 514 (default 1024; at most 2047)\n"
+        "  --sync full|normal\n"
+        "                   full: every COMMIT syncs the log to disk, so a committed\n"
+        "                   transaction survives a power loss (the default); normal:\n"
+        "                   faster commits that survive a crash of the server, but the\n"
+        "                   last ones may be lost when the machine goes down\n"
         "  --verbose        log every statement, not only connects, disconnects and errors\n"
         "  --help           show this text\n"
         "SIGINT and SIGTERM, and the statement STOP, end the server.\n",
@@ -68,8 +83,9 @@ void log_line(const std::string &line) { fprintf(stderr, "tavrind: %s\n", line.c
 
 int main(int argc, char **argv) {
   std::string data;
-  bool verbose = false, demo = true;
-  double lock_timeout = 30, max_clients = 64, max_request_mb = 1024;
+  bool verbose = false, demo = true, sync_full = true;
+  double lock_timeout = 30, max_clients = 64, max_request_mb = 1024, statement_timeout = 0,
+         max_answer_mb = 1024;
   ipc::Access access;
   std::string group_name;
   for (int i = 1; i < argc; ++i) {
@@ -101,6 +117,20 @@ int main(int argc, char **argv) {
       }
       access.group = gr->gr_gid;
       group_name = gr->gr_name;
+    } else if ((a == "--statement-timeout" || a == "--max-answer-mb") && i + 1 < argc) {
+      const char *v = argv[++i];
+      if (!(a == "--statement-timeout" ? read_number(v, 0, 1e6, statement_timeout)
+                                       : read_number(v, 1, 2047, max_answer_mb))) {
+        fprintf(stderr, "tavrind: invalid value '%s' for %s\n", v, a.c_str());
+        return 2;
+      }
+    } else if (a == "--sync" && i + 1 < argc) {
+      std::string v = argv[++i];
+      if (v != "full" && v != "normal") {
+        fprintf(stderr, "tavrind: invalid value '%s' for --sync (full or normal)\n", v.c_str());
+        return 2;
+      }
+      sync_full = v == "full";
     } else if ((a == "--data" || a == "--namespace") && i + 1 < argc) {
       if (a == "--data")
         data = argv[++i];
@@ -122,6 +152,11 @@ int main(int argc, char **argv) {
   tavrind::Executor ex;
   ex.verbose = verbose;
   ex.log = log_line;
+  ex.statement_timeout =
+      std::chrono::milliseconds(static_cast<long long>(std::llround(statement_timeout * 1000)));
+  ex.max_answer = static_cast<size_t>(max_answer_mb * 1048576.0);
+  ex.catalog.sync_full = sync_full;
+  g_executor = &ex;
   tavrind::ExecHandler handler(ex);
   handler.set_lock_timeout(
       std::chrono::milliseconds(static_cast<long long>(std::llround(lock_timeout * 1000))));
@@ -159,6 +194,7 @@ int main(int argc, char **argv) {
   srv.run();
   srv.shutdown();
   g_server = nullptr;
+  g_executor = nullptr;
   log_line("stopped");
   return 0;
 }

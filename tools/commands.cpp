@@ -2,6 +2,7 @@
 #include "tools/commands.h"
 
 #include "tools/cmd_encode.h"
+#include "tools/cmd_locks.h"
 #include "tools/cmd_ping.h"
 #include "tools/cmd_sql.h"
 #include "tools/cmd_table.h"
@@ -31,6 +32,8 @@ const TavrinCommand kCommands[] = {
     {"table", "save|load [-dbNAME] TABLE FILE", "save a table into a TABLE file, or load one",
      TABLE_HELP, cmd_table},
     {"ping", "[-dbNAME]", "check that the TAVRIN server answers", PING_HELP, cmd_ping},
+    {"locks", "[-dbNAME]", "list who holds and who waits for write locks", LOCKS_HELP,
+     cmd_locks},
 };
 
 int cmd_help(int argc, char **argv) {

@@ -128,6 +128,7 @@ enum : unsigned char {
   DBREQ_STOP = 'V',                // end the server
   DBREQ_NOTICE = 'W',              // a client announces itself (no answer)
   DBREQ_SET_DATABASE = 'X',        // database name
+  DBREQ_LOCKS = 'Y',               // list who holds and who waits for write locks
 };
 
 // ---------------------------------------------------------------------------

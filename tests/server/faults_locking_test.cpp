@@ -3,7 +3,9 @@
 // aborts or dies; a wait longer than --lock-timeout is refused; crossing
 // updates never hang; a deadlock refuses one transaction at once; a
 // read-then-write client waits before it reads; --max-clients refuses the
-// client too many.
+// client too many. Statements that run away are stopped: by the statement
+// timeout, when their client dies, when the server is asked to stop; an
+// answer past --max-answer-mb is refused.
 //
 // Every client runs in a forked process of its own (the transport is one
 // connection per process) and is driven through pipes: the test writes one
@@ -89,6 +91,7 @@ public:
     faults::reap(pid_, 0ms);
     pid_ = -1;
   }
+  pid_t pid() const { return pid_; }
 
 private:
   // The child: connects (retrying while the server comes up), then runs one
@@ -121,6 +124,20 @@ private:
   std::string buf_, greeting_;
 };
 
+// The output of `tavrin locks` against the server in namespace ns.
+std::string tavrin_locks(const std::string &ns) {
+  const char *build = std::getenv("ZENTIQ_BUILD_DIR");
+  std::string cmd = "TAVRIN_NAMESPACE=" + ns + " " + (build ? build : ".") + "/tools/tavrin locks 2>&1";
+  std::string out;
+  if (FILE *p = popen(cmd.c_str(), "r")) {
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    pclose(p);
+  }
+  return out;
+}
+
 const std::string kDone = "1|";
 std::string tuples(const std::string &v) { return "2|" + v; }
 bool is_error(const std::string &a, const std::string &number) {
@@ -149,8 +166,9 @@ protected:
   faults::Server srv;
 };
 
-// A holds the write lock, B's UPDATE is parked; how A's transaction ends
-// decides when B is answered and what is visible afterwards.
+// A holds the write lock, B's UPDATE is parked (`tavrin locks` lists both);
+// how A's transaction ends decides when B is answered and what is visible
+// afterwards.
 TEST_F(Locking, ParkedWriterGoesOnWhenTheHolderCommitsAbortsOrDies) {
   start();
   int b_changes = 0;
@@ -163,6 +181,16 @@ TEST_F(Locking, ParkedWriterGoesOnWhenTheHolderCommitsAbortsOrDies) {
     ASSERT_EQ(a->run("UPDATE KONTO SET BETRAG = 110 WHERE KONTO_ID = 1"), "1|1");
     b.send("UPDATE KONTO SET BETRAG = " + std::to_string(101 + b_changes) + " WHERE KONTO_ID = 2");
     EXPECT_EQ(b.answer(400ms), "") << "B must wait for A's lock";
+    if (end == "COMMIT") {
+      // `tavrin locks` lists A as holder, then B as waiter.
+      std::string locks = tavrin_locks(srv.ns());
+      size_t holds = locks.find("holds  DEMO"), waits = locks.find("waits  DEMO");
+      ASSERT_NE(holds, std::string::npos) << locks;
+      ASSERT_NE(waits, std::string::npos) << locks;
+      EXPECT_LT(holds, waits) << locks;
+      EXPECT_NE(locks.find(" " + std::to_string(a->pid()) + " ", holds), std::string::npos) << locks;
+      EXPECT_NE(locks.find(" " + std::to_string(b.pid()) + " ", waits), std::string::npos) << locks;
+    }
     // A reader is never parked behind the lock and sees only committed data.
     std::string before = amount(1);
     if (end == "kill")
@@ -194,6 +222,9 @@ TEST_F(Locking, LockTimeoutRefusesTheWaitingStatementOnly) {
   auto waited = std::chrono::steady_clock::now() - t0;
   EXPECT_TRUE(is_error(r, "509")) << r;
   EXPECT_NE(r.find("DEMO"), std::string::npos) << r;
+  // The text names the holder: A's channel and process.
+  EXPECT_NE(r.find("Kanal "), std::string::npos) << r;
+  EXPECT_NE(r.find("Prozess " + std::to_string(a.pid())), std::string::npos) << r;
   EXPECT_GE(waited, 450ms);
   EXPECT_LT(waited, 5s);
   ASSERT_EQ(a.run("COMMIT"), kDone);
@@ -334,6 +365,73 @@ TEST_F(Locking, MaxClientsRefusesTheClientTooMany) {
   }
   a.reset();
   EXPECT_TRUE(connect());
+}
+
+// A runaway statement (a 12-way self-join of 7 rows) is stopped by the
+// statement timeout with its own error, and the server answers at once
+// after it. An answer past --max-answer-mb is refused; the channel goes on,
+// and a cursor that passed the limit is closed rather than skip rows.
+TEST_F(Locking, RunawayStatementsAndOversizedAnswersAreStopped) {
+  start({"--statement-timeout", "1", "--max-answer-mb", "1"});
+  Client a(srv.ns()), b(srv.ns());
+  ASSERT_TRUE(a.ok() && b.ok());
+  for (int i = 3; i <= 7; ++i)
+    ASSERT_EQ(a.run("INSERT INTO KONTO VALUES (" + std::to_string(i) + ", 1)"), "1|1");
+  std::string join = "SELECT COUNT(*) FROM KONTO A";
+  for (char t = 'B'; t <= 'L'; ++t) join += std::string(", KONTO ") + t;
+  ASSERT_EQ(a.run("BEGIN"), kDone);
+  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 5 WHERE KONTO_ID = 3"), "1|1");
+  auto t0 = std::chrono::steady_clock::now();
+  std::string r = a.run(join);
+  EXPECT_TRUE(is_error(r, "511")) << r;
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, 8s);
+  // A stopped read leaves the open transaction as it was.
+  EXPECT_EQ(a.run("COMMIT"), kDone);
+  EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 3"), tuples("5"));
+
+  // 600 x 600 customers are far more than 1 MB.
+  r = b.run("SELECT * FROM KUNDE A, KUNDE B");
+  EXPECT_TRUE(is_error(r, "514")) << r;
+  EXPECT_NE(r.find("1 MB"), std::string::npos) << r;
+  EXPECT_EQ(b.run("SELECT COUNT(*) FROM KUNDE"), tuples("600"));
+  ASSERT_EQ(b.run("DECLARE C CURSOR FOR SELECT * FROM KUNDE A, KUNDE B"), kDone);
+  EXPECT_EQ(b.run("FETCH C").rfind("3|", 0), 0u);
+  EXPECT_TRUE(is_error(b.run("FETCH ALL IN C"), "514"));
+  EXPECT_TRUE(is_error(b.run("FETCH C"), "502"));
+}
+
+// The runaway's client is killed: the server stops the statement (error 513
+// in its log) and answers others. SIGTERM during a runaway statement ends
+// the server promptly and rolls back the open transaction.
+TEST_F(Locking, RunawayEndsWithItsClientAndWithTheServer) {
+  start();
+  std::string join = "SELECT COUNT(*) FROM KONTO A";
+  for (char t = 'B'; t <= 'L'; ++t) join += std::string(", KONTO ") + t;
+  {
+    Client a(srv.ns());
+    ASSERT_TRUE(a.ok());
+    for (int i = 3; i <= 7; ++i)
+      ASSERT_EQ(a.run("INSERT INTO KONTO VALUES (" + std::to_string(i) + ", 1)"), "1|1");
+    a.send(join);
+    std::this_thread::sleep_for(300ms);
+    a.kill_now();
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(amount(1), tuples("100"));
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
+    EXPECT_NE(srv.log_text().find("(TAVRIN 513)"), std::string::npos) << srv.log_text();
+  }
+  Client a(srv.ns());
+  ASSERT_TRUE(a.ok());
+  ASSERT_EQ(a.run("BEGIN"), kDone);
+  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 1 WHERE KONTO_ID = 1"), "1|1");
+  a.send(join);
+  std::this_thread::sleep_for(300ms);
+  auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(srv.terminate(5s), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
+  EXPECT_NE(srv.log_text().find("(TAVRIN 512)"), std::string::npos) << srv.log_text();
+  ASSERT_TRUE(srv.restart());
+  EXPECT_EQ(amount(1), tuples("100")) << "the open transaction was rolled back";
 }
 
 } // namespace

@@ -91,6 +91,15 @@ public:
   }
   // Starts the server again on the same folder and namespace.
   bool restart() { return launch(); }
+  // Sends SIGTERM and waits at most `limit` for the server to end: its exit
+  // status, or -1 when it had to be killed. The folder stays for restart().
+  int terminate(std::chrono::milliseconds limit) {
+    if (pid_ <= 0) return -1;
+    kill(pid_, SIGTERM);
+    int st = reap(pid_, limit);
+    pid_ = -1;
+    return st;
+  }
 
   void stop() {
     if (pid_ > 0) {
