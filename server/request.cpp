@@ -181,7 +181,9 @@ public:
   // ORDER BY] (the markers of wire.h).
   std::unique_ptr<Select> select_body(int depth) {
     if (depth > REQ_MAX_SUBQUERY_DEPTH)
-      throw DecodeError{answer_errtext(Err::ANFRAGE_ZU_TIEF, {"Unterabfragen"})};
+      throw DecodeError{answer_errtext(
+          Err::ANFRAGE_ZU_TIEF,
+          {"Unterabfragen, höchstens " + std::to_string(REQ_MAX_SUBQUERY_DEPTH) + " Ebenen"})};
     auto s = std::make_unique<Select>();
     if (r_.next_is(DBMARK_DISTINCT)) {
       r_.byte("DISTINCT");
@@ -359,7 +361,11 @@ public:
       for (auto &a : node->args)
         if (a->depth + 1 > node->depth) node->depth = a->depth + 1;
       if (node->depth > REQ_MAX_EXPR_DEPTH)
-        throw DecodeError{answer_errtext(Err::ANFRAGE_ZU_TIEF, {"Ausdruck"})};
+        // An OR or AND of many terms nests one level per term: the message
+        // names the limit so that the user knows to shorten the condition.
+        throw DecodeError{answer_errtext(
+            Err::ANFRAGE_ZU_TIEF,
+            {"Ausdruck, höchstens " + std::to_string(REQ_MAX_EXPR_DEPTH) + " Ebenen"})};
       stack.push_back(std::move(node));
     }
   }

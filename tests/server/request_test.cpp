@@ -74,11 +74,13 @@ TEST(Request, MalformedRequestsAreRefusedWithWhatIsWrong) {
   Bytes deep{'G', 'a', 2, 0, 'T', 0, 'w', 'd', 1, 0, 0, 0};
   for (int i = 0; i < 150; ++i) deep.push_back('T');
   deep.insert(deep.end(), {'w', 'x'});
-  EXPECT_EQ(refusal(deep), "(TAVRIN 106) Anfrage zu tief geschachtelt (Ausdruck)");
+  EXPECT_EQ(refusal(deep),
+            "(TAVRIN 106) Anfrage zu tief geschachtelt (Ausdruck, höchstens 100 Ebenen)");
   Bytes nested{'C'};
   for (int i = 0; i < 12; ++i) nested.insert(nested.end(), {'W', 'v', 'a', 2, 0, 'T', 0, 'w', '='});
   nested.insert(nested.end(), {'W', 'v', 'a', 2, 0, 'T', 0});
-  EXPECT_EQ(refusal(nested), "(TAVRIN 106) Anfrage zu tief geschachtelt (Unterabfragen)");
+  EXPECT_EQ(refusal(nested),
+            "(TAVRIN 106) Anfrage zu tief geschachtelt (Unterabfragen, höchstens 8 Ebenen)");
 }
 
 TEST_F(ExecutorTest, BadRequestsAreAnsweredAndServingGoesOn) {
