@@ -50,11 +50,9 @@ void init_database_combo() {
   DBRESULT *r = DBexec(app.session->connection, "SHOW DATABASES;");
   if (DBresult_status(r) == DBRES_TRANSPORT) db_transport_fatal();
   if (!r) {
-    fl_show_message("Fehler beim Ändern der Datenbank!", DBerrormessage(app.session->connection),
-                    "");
+    fl_show_error("Fehler beim Ändern der Datenbank!", DBerrormessage(app.session->connection), "");
   } else if (DBresult_status(r) != DBRES_TUPLES && DBresult_status(r) != DBRES_TUPLES2) {
-    fl_show_message("Vorhandene Datenbanken konnten nicht ermittelt werden!", DBresult_error(r),
-                    "");
+    fl_show_error("Vorhandene Datenbanken konnten nicht ermittelt werden!", DBresult_error(r), "");
   } else {
     // The database given with "-db" is chosen when the server lists it:
     // the session is open on it already, and the switch below must not

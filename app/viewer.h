@@ -35,6 +35,7 @@ struct ZqMainForm {
   FL_OBJECT *sql = nullptr;
   FL_OBJECT *result = nullptr;
   FL_OBJECT *database = nullptr, *database_button = nullptr;
+  FL_OBJECT *log = nullptr; // "Protokoll": opens the console
 };
 
 // The detail form's objects, in the order of its object table.

@@ -11,6 +11,7 @@
 #include "app/querystore.h"
 #include "app/viewer.h"
 #include "db/access/session.h"
+#include "forms/console.h"
 #include "forms/keyfilter.h"
 #include "framework/combo.h"
 #include "framework/dbtabbox.h"
@@ -193,16 +194,25 @@ TEST_F(Viewer, SelectIsBuiltRunStoredAndShown) {
 }
 
 TEST_F(Viewer, SqlCommandsAndFailingStatements) {
+  // A failed statement says why in an error box: the server's text with its
+  // number, or the client parser's.
+  auto failed = [this](const char *why) {
+    EXPECT_EQ(shown(),
+              std::string("Abfrage konnte nicht erfolgreich durchgef\xFChrt werden\n") + why + "|");
+    ASSERT_EQ(fl_seam_shown().size(), 1u);
+    EXPECT_EQ(fl_seam_shown()[0].title, "Fehler");
+    EXPECT_EQ(fl_seam_shown()[0].icon, FL_ICON_ERROR);
+  };
   use_demo();
   select("NOSUCHTABLE", "", "");
-  EXPECT_EQ(shown(), "Abfrage konnte nicht erfolgreich durchgef\xFChrt werden|");
+  failed("(TAVRIN 301) Tabelle NOSUCHTABLE existiert nicht");
   EXPECT_EQ(zentiq_store().select_count, 0);
   EXPECT_EQ(db_depth(), 0);
 
-  // Refused by the client's parser: the same message, nothing stored.
+  // Refused by the client's parser: its text, nothing stored.
   fl_seam_clear();
   select("KUNDE", "NAME,", "");
-  EXPECT_EQ(shown(), "Abfrage konnte nicht erfolgreich durchgef\xFChrt werden|");
+  failed("Syntax error: attrib-name expected (found 'FROM')");
   EXPECT_EQ(zentiq_store().select_count, 0);
   EXPECT_EQ(db_depth(), 0);
 
@@ -222,7 +232,17 @@ TEST_F(Viewer, SqlCommandsAndFailingStatements) {
   EXPECT_EQ(zentiq_store().sql_count, 2);
 
   run_sql("update NOSUCHTABLE set X = 1");
-  EXPECT_EQ(shown(), "Abfrage konnte nicht erfolgreich durchgef\xFChrt werden|");
+  failed("(TAVRIN 301) Tabelle NOSUCHTABLE existiert nicht");
+  run_sql("update KUNDE set KUNDE_ID = 'abc' where KUNDE_ID = 3");
+  failed(
+      "(TAVRIN 401) Ung\xFCltiger Wert f\xFCr Attribut KUNDE_ID: Wert 'abc' ist keine ganze Zahl");
+  EXPECT_EQ(zentiq_store().sql_count, 2);
+  // "Protokoll" opens the log, wide enough to read them.
+  fl_iconify_console();
+  QTest::mouseClick(m().log->widget, Qt::LeftButton);
+  ASSERT_NE(fl_console_window(), nullptr);
+  EXPECT_FALSE(fl_console_window()->isMinimized());
+  EXPECT_GE(fl_console_window()->width(), 600);
   EXPECT_EQ(zentiq_store().sql_count, 2);
   EXPECT_EQ(db_depth(), 0);
 }
@@ -522,7 +542,7 @@ TEST_F(Viewer, WaysTheProgramEnds) {
         },
         ::testing::ExitedWithCode(status),
         "Error occurred \\(data is saved\\)! Please restart the application!\n"
-        "\\[Warning\\] Application is about to terminate!");
+        "\\[Warnung\\] Application is about to terminate!");
     // The child ran this test from its start: both marked commands.
     EXPECT_EQ(slurp(ZQ_QUERY_FILE), "---\nselect 1 from KUNDE\nselect 2 from KUNDE\n") << status;
   }
