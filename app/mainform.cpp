@@ -516,6 +516,8 @@ void zentiq_set_database(FL_OBJECT *, long) {
   if (!r) return;
   if (DBresult_status(r) != DBRES_DONE)
     fl_show_error("Fehler beim Ändern der Datenbank!", DBresult_error(r), "");
+  else if (code && *code)
+    zentiq_remember_database(code);
   DBclear(r);
 }
 

@@ -151,6 +151,43 @@ TEST_F(Viewer, StartUpListsDatabasesAndPrefersTdsys) {
   use_demo(false);
 }
 
+TEST_F(Viewer, StartUpWithoutDbOrWithoutServerGuides) {
+  using V = std::vector<std::string>;
+  const V all{"DEMO", "KUNDEN", "TDSYS"};
+  // "-db" first, then the last session's database, DEMO, TDSYS.
+  EXPECT_EQ(zentiq_choose_database(all, "KUNDEN", "TDSYS"), "KUNDEN");
+  EXPECT_EQ(zentiq_choose_database(all, "", "KUNDEN"), "KUNDEN");
+  EXPECT_EQ(zentiq_choose_database(all, "", "GONE"), "DEMO");
+  EXPECT_EQ(zentiq_choose_database(all, "GONE", "KUNDEN"), "DEMO");
+  EXPECT_EQ(zentiq_choose_database(V{"A", "TDSYS"}, "", ""), "TDSYS");
+  EXPECT_EQ(zentiq_choose_database(V{"A", "B"}, "", ""), "B");
+  EXPECT_EQ(zentiq_choose_database(V{}, "", "X"), "");
+  // Every switch is kept for the next start.
+  ASSERT_EQ(myfl_set_cmb_code(m().database, "TDSYS"), 1);
+  EXPECT_EQ(zentiq_last_database(), "TDSYS");
+  use_demo(false);
+  EXPECT_EQ(zentiq_last_database(), "DEMO");
+
+  // No server in the namespace: a box that says so and how to start one,
+  // and the program ends without a fatal stop.
+  EXPECT_EXIT(
+      {
+        // Non-ASCII letters as "?": the matcher reads stderr as UTF-8.
+        fl_seam_set_observer([](const FlShownDialog &d) {
+          std::string t = d.text;
+          for (char &c : t)
+            if (static_cast<unsigned char>(c) >= 0x80) c = '?';
+          std::fprintf(stderr, "[%s] %s\n", d.title.c_str(), t.c_str());
+        });
+        setenv("TAVRIN_NAMESPACE", "zq_no_server_", 1);
+        app().database_given = false;
+        std::exit(zentiq_open_session() ? 0 : 3);
+      },
+      ::testing::ExitedWithCode(3),
+      "\\[Fehler\\] Es l\\?uft kein TAVRIN-Server.\nStarten Sie einen mit 'tavrind --data "
+      "<Datenordner>' oder starten Sie Zentiq mit './run.sh'");
+}
+
 TEST_F(Viewer, SelectIsBuiltRunStoredAndShown) {
   use_demo();
   select("KUNDE", "KUNDE_ID, NAME", "WHERE KUNDE_ID < 4\\n ORDER BY KUNDE_ID");
