@@ -386,7 +386,7 @@ void zentiq_create_main_form() {
   label_text(20, 80, 80, 20, "WHERE /");
   m.where = input(FL_MULTILINE_INPUT, 100, 80, 590, 61, "", nullptr);
   label_text(20, 100, 80, 20, "ORDER BY");
-  heading(20, 150, 130, 20, "Andere SQL-Befehle");
+  heading(20, 150, 170, 20, "Andere SQL-Befehle");
   m.sql_saved = indicator(290, 150);
   m.sql_add = button(390, 150, 40, 21, "Add", zentiq_cb_add, 0);
   m.sql_del = button(430, 150, 40, 21, "Del", zentiq_cb_del, 0);
