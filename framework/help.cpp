@@ -10,6 +10,7 @@
 #include <QPlainTextEdit>
 #include <QProcess>
 
+#include <filesystem>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -259,6 +260,17 @@ void myfl_open_help(FL_OBJECT *button) {
   MYFL_HELPDIALOG *d = myfl_get_helpdialog();
   if (d->open) {
     fl_show_message("Hilfedialog bereits geöffnet", "", "");
+    return;
+  }
+  // Without the help file the dialog would stay empty: say which file was
+  // looked for and where.
+  if (File f(std::fopen(myfl_help_filename().c_str(), "rb")); !f) {
+    std::string name = std::string(myfl_get_appl_name()) + ".hlp";
+    std::error_code ec;
+    std::string where = "Gesucht im Arbeitsordner " + std::filesystem::current_path(ec).string();
+    std::string installed = datadir_installed();
+    if (!installed.empty()) where += " und in " + installed;
+    fl_show_warning(("Hilfedatei '" + name + "' nicht gefunden").c_str(), where.c_str(), "");
     return;
   }
   const char *key = myfl_get_help_key_of_button(button);

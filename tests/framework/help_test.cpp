@@ -107,6 +107,20 @@ protected:
   MYFL_HELPDIALOG *d_ = nullptr;
 };
 
+TEST_F(HelpDialog, MissingHelpFileIsNamedWithWhereItWasLookedFor) {
+  std::filesystem::remove("helptest.hlp");
+  myfl_open_help(help_);
+  EXPECT_EQ(d_->open, 0);
+  ASSERT_FALSE(fl_seam_shown().empty());
+  EXPECT_EQ(fl_seam_shown().back().title, "Warnung");
+  EXPECT_EQ(fl_seam_shown().back().text.rfind("Hilfedatei 'helptest.hlp' nicht gefunden\nGesucht "
+                                              "im Arbeitsordner " +
+                                                  std::filesystem::current_path().string(),
+                                              0),
+            0u)
+      << fl_seam_shown().back().text;
+}
+
 TEST_F(HelpDialog, F1ShowsTheTextAndEditingSavesIt) {
   show_and_activate(form_);
   fl_set_focus_object(form_, input_);
