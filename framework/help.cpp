@@ -9,6 +9,7 @@
 
 #include <QPlainTextEdit>
 #include <QProcess>
+#include <QStandardPaths>
 
 #include <filesystem>
 #include <cctype>
@@ -143,6 +144,17 @@ void cb_edit(FL_OBJECT *, long) {
 
 void cb_external(FL_OBJECT *, long) {
   if (!g_dialog.edit_mode) {
+    // An editor that cannot start would leave the dialog waiting for an edit
+    // that never comes: stay in display mode and say so.
+    std::string command = myfl_html_editor_command();
+    QStringList words = QProcess::splitCommand(QString::fromLatin1(command.c_str()));
+    if (words.isEmpty() || QStandardPaths::findExecutable(words.first()).isEmpty()) {
+      fl_show_warning(("HTML-Editor '" + command + "' kann nicht gestartet werden").c_str(),
+                      "Den Editor nennt die Umgebungsvariable ZENTIQ_HTML_EDITOR; ohne sie "
+                      "startet xdg-open den Editor der Arbeitsumgebung.",
+                      "");
+      return;
+    }
     // Without the temporary file there is nothing to edit: stay in display mode.
     File f(std::fopen(kTempFile, "wb"));
     if (!f) {
@@ -159,7 +171,6 @@ void cb_external(FL_OBJECT *, long) {
     std::fwrite(raw.data(), 1, raw.size(), f.get());
     std::fputs("</html>\n</body>\n", f.get());
     f.reset();
-    std::string command = myfl_html_editor_command();
     if (!QProcess::startDetached("/bin/sh", {"-c", QString::fromLatin1(command.c_str())}))
       msg_print("Unable to start %s\n", command.c_str());
     return;
@@ -296,7 +307,7 @@ MYFL_HELPDIALOG *myfl_get_helpdialog() {
 
 std::string myfl_html_editor_command() {
   const char *env = std::getenv("ZENTIQ_HTML_EDITOR");
-  return env && *env ? env : "Netscape -composer&";
+  return env && *env ? env : std::string("xdg-open ") + kTempFile;
 }
 
 // ---- The help file ----------------------------------------------------------------------

@@ -87,5 +87,7 @@ struct MYFL_HELPDIALOG {
 };
 // The dialog, made on first use (not while another form is being built).
 MYFL_HELPDIALOG *myfl_get_helpdialog();
-// The command line that starts the external HTML editor.
+// The command line that starts the external HTML editor on the temporary
+// file: ZENTIQ_HTML_EDITOR (run through the shell), else "xdg-open
+// hilfetxt.tmp", the desktop's handler for HTML files.
 std::string myfl_html_editor_command();
