@@ -148,26 +148,29 @@ int change_row(const std::string &stmt, const std::string &condition, const char
   std::string why;
   if (!row_unchanged(session, condition, &why)) {
     zentiq_abort_level(session);
-    fl_show_message(failed, why.c_str(), "");
+    fl_show_error(failed, why.c_str(), "");
     return 0;
   }
   DBRESULT *result = nullptr;
   int outcome = 0;
   bool ran = dbexec1(session, stmt.c_str(), &result, &outcome) && outcome == DBOUT_DONE;
   int changed = ran ? dbntuples(session, result) : -1;
+  // The server's or the parser's reason, with its error number.
+  std::string reason = !ran && result ? DBresult_error(result) : "";
+  while (!reason.empty() && reason.back() == '\n') reason.pop_back();
   dbclear(session, result);
   if (!ran || changed != 1) {
     zentiq_abort_level(session);
-    std::string text;
+    std::string text = reason;
     if (ran)
       text = std::to_string(changed) + " Zeilen in " + zentiq_app().detail_row.info.table +
              " mit " + condition + " betroffen - Änderung zurückgenommen";
-    fl_show_message(failed, text.c_str(), "");
+    fl_show_error(failed, text.c_str(), "");
     return 0;
   }
   if (!zentiq_end_level(session)) {
-    fl_show_message("Funktion 'dbend' lieferte Fehler",
-                    "Die Änderungen des Befehls wurden nicht gespeichert", "");
+    fl_show_error("Funktion 'dbend' lieferte Fehler",
+                  "Die Änderungen des Befehls wurden nicht gespeichert", "");
     return 0;
   }
   return 1;
@@ -255,7 +258,7 @@ void zentiq_edit_value(FL_OBJECT *, long) {
   if (col < 0) return;
   const std::string &value = app.detail_row.values[static_cast<size_t>(col)];
   if (value.size() >= static_cast<size_t>(ZQ_VALUE_MAX)) {
-    fl_show_message("Wert ist nicht editierbar!", "String ist länger als 4000 Zeichen", "");
+    fl_show_warning("Wert ist nicht editierbar!", "String ist länger als 4000 Zeichen", "");
     return;
   }
   // The value as it is: the update quotes it (see literal).
@@ -270,7 +273,7 @@ void zentiq_update_value(FL_OBJECT *, long) {
   if (!key_condition("Update nicht möglich", &condition)) return;
   int col = selected_column();
   if (col < 0) {
-    fl_show_message("Update nicht möglich",
+    fl_show_warning("Update nicht möglich",
                     "Bitte zuerst in der Liste die Zeile des Attributs wählen, dessen Wert "
                     "geändert werden soll",
                     "");
@@ -278,14 +281,14 @@ void zentiq_update_value(FL_OBJECT *, long) {
   }
   std::string value = fl_get_input(app.detail.value);
   if (value.size() >= static_cast<size_t>(ZQ_VALUE_MAX)) {
-    fl_show_message("Update nicht möglich!", "Wert-String zu lange (maximal 4000 Zeichen erlaubt)",
+    fl_show_warning("Update nicht möglich!", "Wert-String zu lange (maximal 4000 Zeichen erlaubt)",
                     "");
     return;
   }
   int type = row.info.types[static_cast<size_t>(col)];
   std::string lit;
   if (!literal(type, value, &lit)) {
-    fl_show_message("Update nicht möglich!", "Der Wert ist keine Zahl", "");
+    fl_show_warning("Update nicht möglich!", "Der Wert ist keine Zahl", "");
     return;
   }
   std::string stmt = "UPDATE " + row.info.table + " SET " +

@@ -15,6 +15,7 @@
 #include "db/access/session.h"
 #include "db/client/exec.h"
 #include "db/client/tokenizer.h"
+#include "forms/console.h"
 #include "forms/dialogs.h"
 #include "forms/mytabs.h"
 #include "framework/combo.h"
@@ -113,28 +114,47 @@ bool fill_result(DBSESSION *session, DBRESULT *result, const std::string &statem
 bool end_level(DBSESSION *session) { return zentiq_end_level(session) != 0; }
 
 void tell_end_failed() {
-  fl_show_message("Funktion 'dbend' lieferte Fehler",
-                  "Die Änderungen des Befehls wurden nicht gespeichert", "");
+  fl_show_error("Funktion 'dbend' lieferte Fehler",
+                "Die Änderungen des Befehls wurden nicht gespeichert", "");
 }
 
 bool begin_level(DBSESSION *session) { return zentiq_begin_level(session) != 0; }
 void abort_level(DBSESSION *session) { zentiq_abort_level(session); }
 
+// Why the last statement of run_typed failed: the server's or the client
+// parser's text with its error number, or the connection's text when no
+// answer came.
+std::string g_why_failed;
+
+// The text without its trailing line feeds.
+std::string trimmed(const char *text) {
+  std::string t = text ? text : "";
+  while (!t.empty() && (t.back() == '\n' || t.back() == '\r')) t.pop_back();
+  return t;
+}
+
 // Runs a statement the user typed or built inside the open level. True with
 // its result in *result (the caller clears it); false when it failed, also
 // when the client's parser refused it: the user must learn that it did not
-// run.
+// run, and why (kept for tell_failed).
 bool run_typed(DBSESSION *session, const std::string &stmt, DBRESULT **result) {
   *result = nullptr;
   int outcome = 0;
+  g_why_failed.clear();
   if (dbexec1(session, stmt.c_str(), result, &outcome) && outcome != DBOUT_REFUSED) return true;
+  if (*result)
+    g_why_failed = trimmed(DBresult_error(*result));
+  else if (session && session->connection)
+    g_why_failed = trimmed(DBerrormessage(session->connection));
   dbclear(session, *result);
   *result = nullptr;
   return false;
 }
 
+// The box of a failed statement: what failed and why, with the error icon.
+// The console keeps the same reason in its log.
 void tell_failed() {
-  fl_show_message("Abfrage konnte nicht erfolgreich durchgeführt werden", "", "");
+  fl_show_error("Abfrage konnte nicht erfolgreich durchgeführt werden", g_why_failed.c_str(), "");
 }
 
 // Runs the query `stmt` (SELECT or SHOW) in a level of its own with the
@@ -213,7 +233,7 @@ bool run_counted_change(DBSESSION *session, const std::string &stmt, const ZqCha
     } else {
       std::string why = std::to_string(changed) + " statt " + std::to_string(rows) + " Zeilen in " +
                         change.table + " betroffen";
-      fl_show_message("Änderung wurde zurückgenommen!", why.c_str(), "");
+      fl_show_error("Änderung wurde zurückgenommen!", why.c_str(), "");
     }
     return false;
   }
@@ -229,7 +249,7 @@ bool run_counted_change(DBSESSION *session, const std::string &stmt, const ZqCha
 int zentiq_begin_level(DBSESSION *session) {
   if (dbbegin(session)) return 1;
   dbend(session);
-  fl_show_message("Datenbankverbindung nicht vorhanden", "", "");
+  fl_show_error("Datenbankverbindung nicht vorhanden", "", "");
   return 0;
 }
 
@@ -372,7 +392,7 @@ int zentiq_single_statement(const std::string &text, std::string *statement) {
   std::vector<std::string> pieces = DBsplit_statements(text.c_str());
   for (size_t i = 1; i < pieces.size(); ++i)
     if (!zentiq_is_blank(pieces[i].c_str())) {
-      fl_show_message("Nach dem ';' folgt weiterer Text!",
+      fl_show_warning("Nach dem ';' folgt weiterer Text!",
                       "Bitte nur einen SQL-Befehl eingeben (ein ';' am Ende ist erlaubt)", "");
       return 0;
     }
@@ -380,7 +400,7 @@ int zentiq_single_statement(const std::string &text, std::string *statement) {
   if (statement->size() >= static_cast<size_t>(DB_STATEMENT_SIZE)) {
     std::string why = "Er hat " + std::to_string(statement->size()) +
                       " Zeichen, erlaubt sind höchstens " + std::to_string(DB_STATEMENT_SIZE - 1);
-    fl_show_message("SQL-Befehl ist zu lang!", why.c_str(), "");
+    fl_show_warning("SQL-Befehl ist zu lang!", why.c_str(), "");
     return 0;
   }
   return 1;
@@ -408,7 +428,7 @@ void zentiq_create_main_form() {
   label_text(20, 80, 80, 20, "WHERE /");
   m.where = input(FL_MULTILINE_INPUT, 100, 80, 590, 61, "", nullptr);
   label_text(20, 100, 80, 20, "ORDER BY");
-  heading(20, 150, 130, 20, "Andere SQL-Befehle");
+  heading(20, 150, 170, 20, "Andere SQL-Befehle");
   m.sql_saved = indicator(290, 150);
   m.sql_add = button(390, 150, 40, 21, "Add", zentiq_cb_add, 0);
   m.sql_del = button(430, 150, 40, 21, "Del", zentiq_cb_del, 0);
@@ -419,6 +439,9 @@ void zentiq_create_main_form() {
   m.result = fl_add_tabbox(2, 20, 250, 680, 320, "");
   m.database = input(FL_NORMAL_INPUT, 570, 570, 110, 21, "Database ", myfl_cb_cmb_field);
   m.database_button = button(680, 570, 20, 21, "@2->|", myfl_cb_open_cmb, 0);
+  // The console is the program's log: every diagnostic with its details.
+  m.log = button(
+      20, 570, 100, 21, "Protokoll", [](FL_OBJECT *, long) { fl_show_console(); }, 0);
   fl_end_form();
 }
 
@@ -528,7 +551,9 @@ void zentiq_set_database(FL_OBJECT *, long) {
   if (DBresult_status(r) == DBRES_TRANSPORT) db_transport_fatal();
   if (!r) return;
   if (DBresult_status(r) != DBRES_DONE)
-    fl_show_message("Fehler beim Ändern der Datenbank!", DBresult_error(r), "");
+    fl_show_error("Fehler beim Ändern der Datenbank!", DBresult_error(r), "");
+  else if (code && *code)
+    zentiq_remember_database(code);
   DBclear(r);
 }
 

@@ -13,6 +13,7 @@
 #include "app/doku.h"
 #include "app/mainform.h"
 #include "app/querystore.h"
+#include "base/ini.h"
 #include "base/msg.h"
 #include "db/access/session.h"
 #include "db/client/exec.h"
@@ -35,9 +36,8 @@ std::string main_title() {
          ZQ_RELEASE_DATE;
 }
 
-// Fills the database combo box from "SHOW DATABASES;" and preselects the
-// database of "-db" when the server lists it, else TDSYS when listed, else
-// the last database listed.
+// Fills the database combo box from "SHOW DATABASES;" and preselects one
+// (zentiq_choose_database).
 void init_database_combo() {
   ZqApp &app = zentiq_app();
   ZqMainForm &m = app.main;
@@ -50,31 +50,34 @@ void init_database_combo() {
   DBRESULT *r = DBexec(app.session->connection, "SHOW DATABASES;");
   if (DBresult_status(r) == DBRES_TRANSPORT) db_transport_fatal();
   if (!r) {
-    fl_show_message("Fehler beim Ändern der Datenbank!", DBerrormessage(app.session->connection),
-                    "");
+    fl_show_error("Fehler beim Ändern der Datenbank!", DBerrormessage(app.session->connection), "");
   } else if (DBresult_status(r) != DBRES_TUPLES && DBresult_status(r) != DBRES_TUPLES2) {
-    fl_show_message("Vorhandene Datenbanken konnten nicht ermittelt werden!", DBresult_error(r),
-                    "");
+    fl_show_error("Vorhandene Datenbanken konnten nicht ermittelt werden!", DBresult_error(r), "");
   } else {
-    // The database given with "-db" is chosen when the server lists it:
-    // the session is open on it already, and the switch below must not
-    // move it elsewhere. Otherwise TDSYS, else the last one listed.
-    std::string wanted = app.database_name;
-    for (char &c : wanted) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    bool found = false;
+    std::vector<std::string> names;
     for (int i = 0; i < DBntuples(r); ++i) {
       const char *v = DBgetvalue(r, i, 0);
-      std::string name = v ? v : "";
+      names.emplace_back(v ? v : "");
       if (!list.empty()) list += "|";
-      list += name + "," + name;
-      found = found || (!wanted.empty() && name == wanted);
-      chosen = (name == "TDSYS" || chosen == "TDSYS") ? "TDSYS" : name;
+      list += names.back() + "," + names.back();
     }
-    if (found) chosen = wanted;
+    std::string given = app.database_given ? app.database_name : "";
+    for (char &c : given) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    chosen = zentiq_choose_database(names, given, zentiq_last_database());
   }
   DBclear(r);
   myfl_init_data_cmb(m.form, m.database, m.database_button, list.c_str(), 1);
   if (!chosen.empty()) myfl_set_cmb_code(m.database, chosen.c_str());
+}
+
+constexpr const char *kLastDatabaseKey = "ZTQ_DB";
+
+// What the session layer prints while the session is opened, for the box
+// that says why it could not be.
+std::string g_connect_text;
+void capture_connect_text(const char *text) {
+  g_connect_text += text ? text : "";
+  zentiq_print(text);
 }
 
 void tabbox_fatal(int status) { zentiq_fatal(status); }
@@ -92,6 +95,60 @@ void save_at_fatal() {
 ZqApp &zentiq_app() {
   static ZqApp app;
   return app;
+}
+
+std::string zentiq_choose_database(const std::vector<std::string> &listed, const std::string &given,
+                                   const std::string &last) {
+  auto has = [&](const std::string &name) {
+    return !name.empty() && std::find(listed.begin(), listed.end(), name) != listed.end();
+  };
+  // The database of "-db" holds the session already: the switch after the
+  // filling must not move it elsewhere.
+  if (has(given)) return given;
+  if (given.empty() && has(last)) return last;
+  for (const char *name : {"DEMO", "TDSYS"})
+    if (has(name)) return name;
+  return listed.empty() ? std::string() : listed.back();
+}
+
+std::string zentiq_last_database() {
+  const char *line = INI_GetLine(myfl_get_appl_name(), kLastDatabaseKey);
+  if (!line) return "";
+  std::string v = line;
+  size_t close = v.find(']');
+  v = close == std::string::npos ? "" : v.substr(close + 1);
+  while (!v.empty() && (v.back() == '\n' || v.back() == '\r' || v.back() == ' ')) v.pop_back();
+  return v;
+}
+
+void zentiq_remember_database(const char *code) {
+  if (!code || !*code || zentiq_last_database() == code) return;
+  std::string line = std::string("[") + kLastDatabaseKey + "]" + code + "\n";
+  INI_PutLine(myfl_get_appl_name(), kLastDatabaseKey, line.c_str());
+}
+
+int zentiq_open_session() {
+  ZqApp &app = zentiq_app();
+  // Without "-db" the session opens on the system database, which every
+  // server has; the database combo box then switches to the one to show.
+  const char *name = app.database_given ? app.database_name : "TDSYS";
+  g_connect_text.clear();
+  MsgHandler before = msg_set_handler(capture_connect_text);
+  int ok = DB_Init(&app.session, name);
+  msg_set_handler(before);
+  if (ok) return 1;
+  std::string why = g_connect_text;
+  while (!why.empty() && why.back() == '\n') why.pop_back();
+  if (why.find("Tavrin database not found!") != std::string::npos)
+    fl_show_error("Es läuft kein TAVRIN-Server.",
+                  "Starten Sie einen mit 'tavrind --data <Datenordner>' oder starten Sie "
+                  "Zentiq mit './run.sh' aus dem Programmordner, das den Server mitstartet.",
+                  why.c_str());
+  else
+    fl_show_error(
+        (std::string("Die Datenbank '") + name + "' konnte nicht geöffnet werden.").c_str(),
+        why.c_str(), "");
+  return 0;
 }
 
 const char *zentiq_title(FL_OBJECT *) {
@@ -215,8 +272,10 @@ int zentiq_start(int argc, char **argv) {
   // Every fatal stop from here on tells the user before the program ends.
   msg_at_fatal(fl_show_termination_warning);
 
+  myfl_set_appl_name("zentiq");
   std::strcpy(app.database_name, "-");
   ARGV_GetDB_Name(argv, argc, app.database_name);
+  app.database_given = app.database_name[0] != '\0';
 
   zentiq_open_store();
   // From here on a fatal stop saves the store (before, it would write an
@@ -225,7 +284,11 @@ int zentiq_start(int argc, char **argv) {
   msg_at_fatal(save_at_fatal);
 
   myfl_create_tabbox_dialogs();
-  if (!DB_Init(&app.session, app.database_name)) zentiq_fatal(1);
+  if (!zentiq_open_session()) {
+    msg_remove_at_fatal(save_at_fatal);
+    g_store_loaded = false;
+    return 0;
+  }
 
   zentiq_create_main_form();
   zentiq_create_detail_form();

@@ -35,6 +35,7 @@ struct ZqMainForm {
   FL_OBJECT *sql = nullptr;
   FL_OBJECT *result = nullptr;
   FL_OBJECT *database = nullptr, *database_button = nullptr;
+  FL_OBJECT *log = nullptr; // "Protokoll": opens the console
 };
 
 // The detail form's objects, in the order of its object table.
@@ -71,18 +72,36 @@ struct ZqApp {
   ZqDetailRow detail_row; // the row in the detail dialog
   std::string current_query_name;
   char database_name[20] = "-";
+  bool database_given = false; // "-db" named the database
 };
 
 // The program's state.
 ZqApp &zentiq_app();
 
+// The database the viewer preselects from the server's list `listed`:
+// `given` (upper case, from "-db") when listed, else without "-db" the
+// database of the last session (`last`) when listed, else DEMO when listed,
+// else TDSYS when listed, else the last one listed; "" for an empty list.
+std::string zentiq_choose_database(const std::vector<std::string> &listed, const std::string &given,
+                                   const std::string &last);
+// The database of the last session as kept in the INI file (key ZTQ_DB);
+// "" when none is kept.
+std::string zentiq_last_database();
+// Keeps `code` as the database of the last session.
+void zentiq_remember_database(const char *code);
+// Opens the session on app.database_name (TDSYS when "-db" named none).
+// Returns 1; 0 after a box that says why: no server running (and how to
+// start one: "tavrind --data <Ordner>" or "./run.sh") or the database that
+// could not be opened, with the client's text.
+int zentiq_open_session();
+
 // The main routine (see forms/entry.h): start-up, "-doku", event loop. Returns
 // the exit status.
 int zentiq_main(int argc, char **argv);
 // Start-up up to the shown form: message handler, toolkit, database name
-// from "-db", the query store, the tabbox dialogs, the session (fatal when it
-// cannot be opened), both forms and their configuration. Returns 1, or 0
-// when the toolkit cannot start.
+// from "-db", the query store, the tabbox dialogs, the session, both forms
+// and their configuration. Returns 1, or 0 when the toolkit cannot start or
+// the session cannot be opened (the user was told why).
 int zentiq_start(int argc, char **argv);
 // Configures both forms after their objects exist: names, help keys,
 // shortcuts, the database tabboxes, focus, input limits, the database combo

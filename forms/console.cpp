@@ -55,7 +55,7 @@ void show_restored(QWidget *w) {
 
 void fl_create_console_windows() {
   if (c.window) return;
-  c.window = make_text_window("Console", 0, 0, 250, 200, &c.edit);
+  c.window = make_text_window("Console", 0, 0, 640, 300, &c.edit);
   c.edit->setMaximumBlockCount(kMaxLines);
   c.cmd_window = make_text_window("Command", fl_screen_width() - 350, 0, 350, 400, &c.cmd_edit);
   if (!c.text.empty()) {
@@ -115,6 +115,16 @@ void fl_console_clear() {
 
 void fl_iconify_console() {
   if (c.window) c.window->showMinimized();
+}
+
+int fl_show_console() {
+  if (!c.window) return 0;
+  show_restored(c.window);
+  c.window->raise();
+  c.window->activateWindow();
+  // The newest line in view, as after a print.
+  c.edit->verticalScrollBar()->setValue(c.edit->verticalScrollBar()->maximum());
+  return 1;
 }
 
 int fl_send_stdio_text(int channel, const char *text) {

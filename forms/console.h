@@ -11,7 +11,8 @@
 
 class QWidget;
 
-// Creates both windows (the console shown at the top left, 250 x 200; the
+// Creates both windows (the console shown at the top left, 640 x 300, wide
+// enough for a server's message in one line; the
 // command window hidden at the right edge, 350 x 400). Needs a QApplication.
 void fl_create_console_windows();
 void fl_destroy_console_windows();
@@ -27,6 +28,9 @@ int fl_console_line_count();
 void fl_console_clear();
 // Minimises the console window.
 void fl_iconify_console();
+// Shows the console restored, raised and active, for the user to read the
+// log. Returns 1, or 0 when the window does not exist.
+int fl_show_console();
 
 // Hands a text to the command window: channel 2 the child's output, 3 its
 // error output (shown in red). Returns 1, or 0 when the window does not exist.

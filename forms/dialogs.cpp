@@ -2,12 +2,14 @@
 // seam's state is process-wide: one record and one queue per program.
 #include "forms/dialogs.h"
 
+#include <QAbstractButton>
 #include <QApplication>
 #include <QGuiApplication>
 #include <QMessageBox>
 #include <QPushButton>
 
 #include <deque>
+#include <utility>
 
 namespace {
 
@@ -53,6 +55,18 @@ int default_answer(int buttons, int default_button) {
   return 1;
 }
 
+// The program speaks German: the buttons carry its words, whatever the
+// platform's language.
+void name_buttons(QMessageBox *box) {
+  const std::pair<QMessageBox::StandardButton, const char *> words[] = {
+      {QMessageBox::Yes, "Ja"},
+      {QMessageBox::No, "Nein"},
+      {QMessageBox::Cancel, "Abbrechen"},
+      {QMessageBox::Ok, "OK"}};
+  for (const auto &[which, word] : words)
+    if (QAbstractButton *b = box->button(which)) b->setText(QString::fromLatin1(word));
+}
+
 int pop_answer(std::deque<int> &q, int fallback) {
   if (q.empty()) return fallback;
   int a = q.front();
@@ -89,6 +103,7 @@ std::unique_ptr<QMessageBox> fl_make_question_box(const char *text, int buttons,
     if (default_button == 2) box->setDefaultButton(QMessageBox::No);
     if (default_button == 3) box->setDefaultButton(QMessageBox::Cancel);
   }
+  name_buttons(box.get());
   return box;
 }
 
@@ -116,7 +131,7 @@ int fl_show_titled_question(const char *title, const char *text, int buttons, in
 
 int fl_show_question(const char *l1, const char *l2, const char *l3, int buttons, const char *,
                      const char *, const char *, int default_button) {
-  return fl_show_titled_question("Choice", fl_join_lines(l1, l2, l3).c_str(), buttons,
+  return fl_show_titled_question("Frage", fl_join_lines(l1, l2, l3).c_str(), buttons,
                                  default_button);
 }
 
@@ -132,6 +147,7 @@ void fl_show_alert(const char *title, const char *text, int icon) {
   } else if (QApplication::instance()) {
     QMessageBox box(qt_icon(icon), latin1(d.title), latin1(d.text), QMessageBox::Ok);
     box.setWindowModality(Qt::ApplicationModal);
+    name_buttons(&box);
     box.exec();
   }
   g_box_key_pending = 1;
@@ -139,11 +155,19 @@ void fl_show_alert(const char *title, const char *text, int icon) {
 }
 
 void fl_show_message(const char *l1, const char *l2, const char *l3) {
-  fl_show_alert("Message", fl_join_lines(l1, l2, l3).c_str(), FL_ICON_INFORMATION);
+  fl_show_alert("Hinweis", fl_join_lines(l1, l2, l3).c_str(), FL_ICON_INFORMATION);
+}
+
+void fl_show_warning(const char *l1, const char *l2, const char *l3) {
+  fl_show_alert("Warnung", fl_join_lines(l1, l2, l3).c_str(), FL_ICON_WARNING);
+}
+
+void fl_show_error(const char *l1, const char *l2, const char *l3) {
+  fl_show_alert("Fehler", fl_join_lines(l1, l2, l3).c_str(), FL_ICON_ERROR);
 }
 
 void fl_show_termination_warning() {
-  fl_show_alert("Warning", "Application is about to terminate!", FL_ICON_WARNING);
+  fl_show_alert("Warnung", "Application is about to terminate!", FL_ICON_WARNING);
 }
 
 int fl_box_key_pending() { return g_box_key_pending; }

@@ -1,6 +1,7 @@
-// Modal boxes of the toolkit: the question box (yes / no / cancel), the message
-// box (three lines, title "Message"), single-button alert boxes ("Error",
-// "Warning", "Main") and the test seam through which all of them, and the
+// Modal boxes of the toolkit: the question box ("Ja" / "Nein" / "Abbrechen",
+// title "Frage"), the message box (three lines, title "Hinweis"), the warning
+// and error boxes ("Warnung", "Fehler"), single-button alert boxes with a
+// title of the caller's and the test seam through which all of them, and the
 // pop-up menus of popup.h, pass.
 //
 // The seam: every box is recorded (kind, title, text, buttons, default, the
@@ -34,29 +35,34 @@ struct FlShownDialog {
 };
 
 // Question box: l1 followed by l2 and l3, each after a line feed when not
-// empty; buttons 1 (confirm), 2 (yes / no) or 3 (yes / no / cancel); the
-// button words are not shown, the platform's own are. default_button 2 or 3
-// makes that button the default (3 with two buttons leaves the platform's
-// choice). Application-modal, question icon, title "Choice". Returns yes 1,
-// no 2, cancel 3.
+// empty; buttons 1 ("OK"), 2 ("Ja" / "Nein") or 3 ("Ja" / "Nein" /
+// "Abbrechen"): the program's German words, whatever words the caller passes
+// or the platform would use. default_button 2 or 3 makes that button the
+// default (3 with two buttons leaves the platform's choice).
+// Application-modal, question icon, title "Frage". Returns yes 1, no 2,
+// cancel 3.
 int fl_show_question(const char *l1, const char *l2, const char *l3, int buttons, const char *b1,
                      const char *b2, const char *b3, int default_button);
-// The same box with a title of the caller's instead of "Choice" and the text
+// The same box with a title of the caller's instead of "Frage" and the text
 // given (for questions such as whether to overwrite an existing file).
 int fl_show_titled_question(const char *title, const char *text, int buttons, int default_button);
-// Message box: the lines joined as above, one confirm button, information
-// icon, application-modal, title "Message".
+// Message box: the lines joined as above, one "OK" button, information
+// icon, application-modal, title "Hinweis".
 void fl_show_message(const char *l1, const char *l2, const char *l3);
-// An application-modal box with one confirm button, the title and text given
+// The same with a warning icon and title "Warnung".
+void fl_show_warning(const char *l1, const char *l2, const char *l3);
+// The same with an error icon and title "Fehler" (for what failed).
+void fl_show_error(const char *l1, const char *l2, const char *l3);
+// An application-modal box with one "OK" button, the title and text given
 // and an FL_ICON_* icon.
 void fl_show_alert(const char *title, const char *text, int icon);
-// The box "Application is about to terminate!" titled "Warning".
+// The box "Application is about to terminate!" titled "Warnung".
 void fl_show_termination_warning();
 
 // Builds (does not show) the question box described at fl_show_question; the
 // caller owns it. For tests of the box's buttons and default.
 std::unique_ptr<QMessageBox> fl_make_question_box(const char *text, int buttons, int default_button,
-                                                  const char *title = "Choice");
+                                                  const char *title = "Frage");
 // Joins three lines as the boxes do.
 std::string fl_join_lines(const char *l1, const char *l2, const char *l3);
 

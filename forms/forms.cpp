@@ -12,6 +12,8 @@
 #include "forms/keyfilter.h"
 
 #include <QApplication>
+#include <QLibraryInfo>
+#include <QTranslator>
 #include <QCheckBox>
 #include <QCloseEvent>
 #include <QGuiApplication>
@@ -285,7 +287,7 @@ void apply_look(FL_OBJECT *obj) {
 }
 
 [[noreturn]] void outside_begin() {
-  fl_show_alert("Error", "Object added outside begin!", FL_ICON_ERROR);
+  fl_show_alert("Fehler", "Object added outside begin!", FL_ICON_ERROR);
   msg_print("Object added outside begin!\n");
   msg_exit_fatal();
 }
@@ -382,7 +384,7 @@ int fl_init_toolkit(const char *title, char **, int icon) {
   if (!qobject_cast<QApplication *>(QCoreApplication::instance())) {
     // Without an application object no window can be made: say so in the
     // box's words (the seam records it, as nothing can be shown) and print it.
-    fl_show_alert("program", "Could not register class", FL_ICON_ERROR);
+    fl_show_alert("Fehler", "Could not register class", FL_ICON_ERROR);
     msg_print("Could not register class\n");
     return 0;
   }
@@ -393,11 +395,25 @@ int fl_init_toolkit(const char *title, char **, int icon) {
   if (title && *title) QCoreApplication::setApplicationName(QString::fromLatin1(title));
   // The program's own icon: a drive, the common picture of a database.
   if (icon >= 0) QApplication::setWindowIcon(app->style()->standardIcon(QStyle::SP_DriveHDIcon));
+  fl_load_qt_german();
   fl_create_fonts();
   fl_create_console_windows();
   if (!fl_keyboard_filter_installed()) fl_install_keyboard_filter();
   msg_at_fatal(fatal_cleanup);
   g.initialised = true;
+  return 1;
+}
+
+int fl_load_qt_german() {
+  static QTranslator *translator = nullptr;
+  if (translator) return 1;
+  auto t = std::make_unique<QTranslator>();
+  if (!t->load(QStringLiteral("qtbase_de"), QLibraryInfo::path(QLibraryInfo::TranslationsPath)))
+    return 0;
+  // The translator lives as long as the program: Qt looks texts up in it
+  // whenever a dialog is built.
+  translator = t.release();
+  QCoreApplication::installTranslator(translator);
   return 1;
 }
 
@@ -448,7 +464,7 @@ int fl_border_width() {
 
 FL_FORM *fl_begin_form(int, int w, int h) {
   if (!qobject_cast<QApplication *>(QCoreApplication::instance())) {
-    fl_show_alert("Main", "Create form error", FL_ICON_ERROR);
+    fl_show_alert("Fehler", "Create form error", FL_ICON_ERROR);
     return nullptr;
   }
   auto form = std::make_unique<FL_FORM>();
@@ -759,7 +775,7 @@ FL_OBJECT *fl_add_input(int type, int x, int y, int w, int h, const char *label)
   if (static_cast<int>(g.inputs.size()) >= FL_MAX_INPUTS) {
     char text[64];
     std::snprintf(text, sizeof text, "Too many input fields (max %d)", FL_MAX_INPUTS);
-    fl_show_alert("Error", text, FL_ICON_ERROR);
+    fl_show_alert("Fehler", text, FL_ICON_ERROR);
     msg_exit_fatal();
   }
   FL_OBJECT *obj = make_object(FL_INPUT, type, x, y, w, h, label);

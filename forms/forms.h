@@ -223,12 +223,17 @@ struct FL_FORM {
 
 // ---- Toolkit start and end ------------------------------------------------
 
-// Starts the toolkit: fonts, the console and command windows (shown: the
-// console), the fatal-stop clean-up. Needs a QApplication (fl_main creates
-// one). icon: -1 for the platform's default icon, otherwise the program's own
+// Starts the toolkit: the German texts of Qt's own dialogs, fonts, the
+// console and command windows (shown: the console), the fatal-stop clean-up. Needs a QApplication
+// (fl_main creates one). icon: -1 for the platform's default icon, otherwise the program's own
 // icon. Returns 1, or 0 with "Could not register class" printed when no
 // application object exists. A second call returns 1 and does nothing.
 int fl_init_toolkit(const char *title, char **argv, int icon);
+// Installs the German translation of Qt's own texts (file chooser, colour
+// and font dialogs, context menus of inputs) from the system's Qt
+// translations (qtbase_de). Returns 1 when it is installed (also when it was
+// already), 0 when the file is not there: Qt's dialogs then stay English.
+int fl_load_qt_german();
 // Runs the event loop until fl_finish_event_loop or until the last shown form
 // closes; returns the loop's exit code.
 int fl_run_forms();

@@ -838,6 +838,7 @@ void fl_set_tabbox_dblclick_callback(FL_OBJECT *obj, FL_CALLBACKPTR cb, long arg
   if (!r) return;
   r->dblclick = cb;
   r->dblclick_arg = argument;
+  r->dblclick_ms = 400;
 }
 
 void fl_set_tabbox_callback2(FL_OBJECT *obj, FL_CALLBACKPTR cb, long argument) {

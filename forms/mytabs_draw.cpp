@@ -356,16 +356,8 @@ public:
 
 protected:
   void draw(QPainter &p) override;
-  void mousePressEvent(QMouseEvent *e) override {
-    EventModifiers scope(e->modifiers());
-    last_mouse = e->position().toPoint();
-    press(e->position().toPoint(), e->button(), false);
-  }
-  void mouseDoubleClickEvent(QMouseEvent *e) override {
-    EventModifiers scope(e->modifiers());
-    last_mouse = e->position().toPoint();
-    press(e->position().toPoint(), e->button(), true);
-  }
+  void mousePressEvent(QMouseEvent *e) override { on_press(e, false); }
+  void mouseDoubleClickEvent(QMouseEvent *e) override { on_press(e, true); }
   void mouseMoveEvent(QMouseEvent *e) override {
     EventModifiers scope(e->modifiers());
     last_mouse = e->position().toPoint();
@@ -385,6 +377,37 @@ protected:
   }
 
 private:
+  // A press, or the second press of a double-click as the platform saw it
+  // (`platform_dbl`). A tabbox with its own double-click time decides by the
+  // presses' times instead: the second press of the same button within that
+  // time and a few pixels of the first is the double-click, whatever the
+  // platform's interval; a third press starts a new pair.
+  void on_press(QMouseEvent *e, bool platform_dbl) {
+    EventModifiers scope(e->modifiers());
+    QPoint pos = e->position().toPoint();
+    last_mouse = pos;
+    bool dbl = platform_dbl;
+    FL_TABBOX_REC *own = own_of(object());
+    if (own && own->dblclick_ms > 0) {
+      // Without a first press seen (a double-click delivered alone) the
+      // platform's word holds.
+      dbl = pair_pending_
+                ? e->button() == pair_button_ &&
+                      e->timestamp() - pair_time_ <= static_cast<quint64>(own->dblclick_ms) &&
+                      (pos - pair_pos_).manhattanLength() <= 4
+                : platform_dbl;
+      pair_pending_ = !dbl;
+      pair_time_ = e->timestamp();
+      pair_pos_ = pos;
+      pair_button_ = e->button();
+    }
+    press(pos, e->button(), dbl);
+  }
+  bool pair_pending_ = false;
+  quint64 pair_time_ = 0;
+  QPoint pair_pos_;
+  Qt::MouseButton pair_button_ = Qt::NoButton;
+
   void press(QPoint pos, Qt::MouseButton button, bool dbl);
   void drag(QPoint pos);
   void release(QPoint pos);

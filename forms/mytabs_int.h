@@ -83,6 +83,9 @@ struct FL_TABBOX_REC {
   int hslider_len = 0, vslider_len = 0;
   FL_CALLBACKPTR dblclick = nullptr;
   long dblclick_arg = 0;
+  // Longest time between two presses of a double-click (ms); 0: the
+  // platform's. Setting the double-click callback makes it 400.
+  int dblclick_ms = 0;
   FL_CALLBACKPTR callback2 = nullptr;
   long callback2_arg = 0;
   std::string popup;

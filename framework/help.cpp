@@ -9,7 +9,9 @@
 
 #include <QPlainTextEdit>
 #include <QProcess>
+#include <QStandardPaths>
 
+#include <filesystem>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -142,6 +144,17 @@ void cb_edit(FL_OBJECT *, long) {
 
 void cb_external(FL_OBJECT *, long) {
   if (!g_dialog.edit_mode) {
+    // An editor that cannot start would leave the dialog waiting for an edit
+    // that never comes: stay in display mode and say so.
+    std::string command = myfl_html_editor_command();
+    QStringList words = QProcess::splitCommand(QString::fromLatin1(command.c_str()));
+    if (words.isEmpty() || QStandardPaths::findExecutable(words.first()).isEmpty()) {
+      fl_show_warning(("HTML-Editor '" + command + "' kann nicht gestartet werden").c_str(),
+                      "Den Editor nennt die Umgebungsvariable ZENTIQ_HTML_EDITOR; ohne sie "
+                      "startet xdg-open den Editor der Arbeitsumgebung.",
+                      "");
+      return;
+    }
     // Without the temporary file there is nothing to edit: stay in display mode.
     File f(std::fopen(kTempFile, "wb"));
     if (!f) {
@@ -158,7 +171,6 @@ void cb_external(FL_OBJECT *, long) {
     std::fwrite(raw.data(), 1, raw.size(), f.get());
     std::fputs("</html>\n</body>\n", f.get());
     f.reset();
-    std::string command = myfl_html_editor_command();
     if (!QProcess::startDetached("/bin/sh", {"-c", QString::fromLatin1(command.c_str())}))
       msg_print("Unable to start %s\n", command.c_str());
     return;
@@ -261,6 +273,17 @@ void myfl_open_help(FL_OBJECT *button) {
     fl_show_message("Hilfedialog bereits geöffnet", "", "");
     return;
   }
+  // Without the help file the dialog would stay empty: say which file was
+  // looked for and where.
+  if (File f(std::fopen(myfl_help_filename().c_str(), "rb")); !f) {
+    std::string name = std::string(myfl_get_appl_name()) + ".hlp";
+    std::error_code ec;
+    std::string where = "Gesucht im Arbeitsordner " + std::filesystem::current_path(ec).string();
+    std::string installed = datadir_installed();
+    if (!installed.empty()) where += " und in " + installed;
+    fl_show_warning(("Hilfedatei '" + name + "' nicht gefunden").c_str(), where.c_str(), "");
+    return;
+  }
   const char *key = myfl_get_help_key_of_button(button);
   d->key = key ? key : "";
   d->shown_form = button ? button->form : nullptr;
@@ -284,7 +307,7 @@ MYFL_HELPDIALOG *myfl_get_helpdialog() {
 
 std::string myfl_html_editor_command() {
   const char *env = std::getenv("ZENTIQ_HTML_EDITOR");
-  return env && *env ? env : "Netscape -composer&";
+  return env && *env ? env : std::string("xdg-open ") + kTempFile;
 }
 
 // ---- The help file ----------------------------------------------------------------------

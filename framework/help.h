@@ -3,9 +3,10 @@
 // under that key in the help file "<application>.hlp". The texts are small
 // HTML fragments with a restricted tag set and "<intern>" blocks for the
 // maintainers only; the user edits them in place or in an external HTML
-// editor (the command "Netscape -composer&", run through /bin/sh -c; the
-// environment variable ZENTIQ_HTML_EDITOR replaces the command), which works
-// on the file "hilfetxt.tmp".
+// editor (the environment variable ZENTIQ_HTML_EDITOR's command, run through
+// /bin/sh -c, else xdg-open, the desktop's handler for HTML files), which
+// works on the file "hilfetxt.tmp". A missing help file or an editor that
+// cannot start is told in a warning box.
 //
 // The help file format: sections, each starting with a header line "[KEY]"
 // (anything after the "]" is ignored) and running up to the next header.
@@ -87,5 +88,7 @@ struct MYFL_HELPDIALOG {
 };
 // The dialog, made on first use (not while another form is being built).
 MYFL_HELPDIALOG *myfl_get_helpdialog();
-// The command line that starts the external HTML editor.
+// The command line that starts the external HTML editor on the temporary
+// file: ZENTIQ_HTML_EDITOR (run through the shell), else "xdg-open
+// hilfetxt.tmp", the desktop's handler for HTML files.
 std::string myfl_html_editor_command();

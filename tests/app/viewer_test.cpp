@@ -15,6 +15,7 @@
 #include "db/client/resdata.h"
 #include "app/viewer.h"
 #include "db/access/session.h"
+#include "forms/console.h"
 #include "forms/keyfilter.h"
 #include "framework/combo.h"
 #include "framework/dbtabbox.h"
@@ -154,6 +155,43 @@ TEST_F(Viewer, StartUpListsDatabasesAndPrefersTdsys) {
   use_demo(false);
 }
 
+TEST_F(Viewer, StartUpWithoutDbOrWithoutServerGuides) {
+  using V = std::vector<std::string>;
+  const V all{"DEMO", "KUNDEN", "TDSYS"};
+  // "-db" first, then the last session's database, DEMO, TDSYS.
+  EXPECT_EQ(zentiq_choose_database(all, "KUNDEN", "TDSYS"), "KUNDEN");
+  EXPECT_EQ(zentiq_choose_database(all, "", "KUNDEN"), "KUNDEN");
+  EXPECT_EQ(zentiq_choose_database(all, "", "GONE"), "DEMO");
+  EXPECT_EQ(zentiq_choose_database(all, "GONE", "KUNDEN"), "DEMO");
+  EXPECT_EQ(zentiq_choose_database(V{"A", "TDSYS"}, "", ""), "TDSYS");
+  EXPECT_EQ(zentiq_choose_database(V{"A", "B"}, "", ""), "B");
+  EXPECT_EQ(zentiq_choose_database(V{}, "", "X"), "");
+  // Every switch is kept for the next start.
+  ASSERT_EQ(myfl_set_cmb_code(m().database, "TDSYS"), 1);
+  EXPECT_EQ(zentiq_last_database(), "TDSYS");
+  use_demo(false);
+  EXPECT_EQ(zentiq_last_database(), "DEMO");
+
+  // No server in the namespace: a box that says so and how to start one,
+  // and the program ends without a fatal stop.
+  EXPECT_EXIT(
+      {
+        // Non-ASCII letters as "?": the matcher reads stderr as UTF-8.
+        fl_seam_set_observer([](const FlShownDialog &d) {
+          std::string t = d.text;
+          for (char &c : t)
+            if (static_cast<unsigned char>(c) >= 0x80) c = '?';
+          std::fprintf(stderr, "[%s] %s\n", d.title.c_str(), t.c_str());
+        });
+        setenv("TAVRIN_NAMESPACE", "zq_no_server_", 1);
+        app().database_given = false;
+        std::exit(zentiq_open_session() ? 0 : 3);
+      },
+      ::testing::ExitedWithCode(3),
+      "\\[Fehler\\] Es l\\?uft kein TAVRIN-Server.\nStarten Sie einen mit 'tavrind --data "
+      "<Datenordner>' oder starten Sie Zentiq mit './run.sh'");
+}
+
 TEST_F(Viewer, SelectIsBuiltRunStoredAndShown) {
   use_demo();
   select("KUNDE", "KUNDE_ID, NAME", "WHERE KUNDE_ID < 4\\n ORDER BY KUNDE_ID");
@@ -197,16 +235,25 @@ TEST_F(Viewer, SelectIsBuiltRunStoredAndShown) {
 }
 
 TEST_F(Viewer, SqlCommandsAndFailingStatements) {
+  // A failed statement says why in an error box: the server's text with its
+  // number, or the client parser's.
+  auto failed = [this](const char *why) {
+    EXPECT_EQ(shown(),
+              std::string("Abfrage konnte nicht erfolgreich durchgef\xFChrt werden\n") + why + "|");
+    ASSERT_EQ(fl_seam_shown().size(), 1u);
+    EXPECT_EQ(fl_seam_shown()[0].title, "Fehler");
+    EXPECT_EQ(fl_seam_shown()[0].icon, FL_ICON_ERROR);
+  };
   use_demo();
   select("NOSUCHTABLE", "", "");
-  EXPECT_EQ(shown(), "Abfrage konnte nicht erfolgreich durchgef\xFChrt werden|");
+  failed("(TAVRIN 301) Tabelle NOSUCHTABLE existiert nicht");
   EXPECT_EQ(zentiq_store().select_count, 0);
   EXPECT_EQ(db_depth(), 0);
 
-  // Refused by the client's parser: the same message, nothing stored.
+  // Refused by the client's parser: its text, nothing stored.
   fl_seam_clear();
   select("KUNDE", "NAME,", "");
-  EXPECT_EQ(shown(), "Abfrage konnte nicht erfolgreich durchgef\xFChrt werden|");
+  failed("Syntax error: attrib-name expected (found 'FROM')");
   EXPECT_EQ(zentiq_store().select_count, 0);
   EXPECT_EQ(db_depth(), 0);
 
@@ -226,7 +273,17 @@ TEST_F(Viewer, SqlCommandsAndFailingStatements) {
   EXPECT_EQ(zentiq_store().sql_count, 2);
 
   run_sql("update NOSUCHTABLE set X = 1");
-  EXPECT_EQ(shown(), "Abfrage konnte nicht erfolgreich durchgef\xFChrt werden|");
+  failed("(TAVRIN 301) Tabelle NOSUCHTABLE existiert nicht");
+  run_sql("update KUNDE set KUNDE_ID = 'abc' where KUNDE_ID = 3");
+  failed(
+      "(TAVRIN 401) Ung\xFCltiger Wert f\xFCr Attribut KUNDE_ID: Wert 'abc' ist keine ganze Zahl");
+  EXPECT_EQ(zentiq_store().sql_count, 2);
+  // "Protokoll" opens the log, wide enough to read them.
+  fl_iconify_console();
+  QTest::mouseClick(m().log->widget, Qt::LeftButton);
+  ASSERT_NE(fl_console_window(), nullptr);
+  EXPECT_FALSE(fl_console_window()->isMinimized());
+  EXPECT_GE(fl_console_window()->width(), 600);
   EXPECT_EQ(zentiq_store().sql_count, 2);
   EXPECT_EQ(db_depth(), 0);
 }
@@ -586,7 +643,7 @@ TEST_F(Viewer, WaysTheProgramEnds) {
         },
         ::testing::ExitedWithCode(status),
         "Error occurred \\(data is saved\\)! Please restart the application!\n"
-        "\\[Warning\\] Application is about to terminate!");
+        "\\[Warnung\\] Application is about to terminate!");
     // The child ran this test from its start: both marked commands.
     EXPECT_EQ(slurp(ZQ_QUERY_FILE), "---\nselect 1 from KUNDE\nselect 2 from KUNDE\n") << status;
   }

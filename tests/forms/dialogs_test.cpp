@@ -2,6 +2,7 @@
 #include "tests/qt_env.h"
 
 #include "forms/dialogs.h"
+#include "forms/forms.h"
 #include "forms/popup.h"
 
 #include <QAbstractButton>
@@ -43,7 +44,7 @@ TEST_F(DialogsTest, QuestionBoxAnswersAndRecordsWhatItShowed) {
   const auto &shown = fl_seam_shown();
   ASSERT_EQ(shown.size(), 6u);
   EXPECT_EQ(shown[0].kind, FL_DIALOG_QUESTION);
-  EXPECT_EQ(shown[0].title, "Choice");
+  EXPECT_EQ(shown[0].title, "Frage");
   EXPECT_EQ(shown[0].text, "Soll Zentiq beendet werden?");
   EXPECT_EQ(shown[0].buttons, 2);
   EXPECT_EQ(shown[0].default_button, 3);
@@ -52,31 +53,47 @@ TEST_F(DialogsTest, QuestionBoxAnswersAndRecordsWhatItShowed) {
   EXPECT_TRUE(fl_box_key_pending());
 }
 
-TEST_F(DialogsTest, MessageBoxJoinsThreeLinesUnderTitleMessage) {
+TEST_F(DialogsTest, MessageWarningAndErrorBoxesHaveGermanTitlesAndIcons) {
   fl_show_message("Update nicht möglich", "Primary Key nicht gefunden", "");
-  fl_show_alert("Main", "Input window error.", FL_ICON_ERROR);
+  fl_show_warning("w", "", "");
+  fl_show_error("Abfrage fehlgeschlagen", "(TAVRIN 301) Tabelle X existiert nicht", "");
   fl_show_termination_warning();
   const auto &shown = fl_seam_shown();
-  ASSERT_EQ(shown.size(), 3u);
-  EXPECT_EQ(shown[0].title, "Message");
+  ASSERT_EQ(shown.size(), 4u);
+  EXPECT_EQ(shown[0].title, "Hinweis");
   EXPECT_EQ(shown[0].text, "Update nicht möglich\nPrimary Key nicht gefunden");
   EXPECT_EQ(shown[0].kind, FL_DIALOG_MESSAGE);
-  EXPECT_EQ(shown[1].title, "Main");
-  EXPECT_EQ(shown[2].title, "Warning");
-  EXPECT_EQ(shown[2].text, "Application is about to terminate!");
+  EXPECT_EQ(shown[0].icon, FL_ICON_INFORMATION);
+  EXPECT_EQ(shown[1].title, "Warnung");
+  EXPECT_EQ(shown[1].icon, FL_ICON_WARNING);
+  EXPECT_EQ(shown[2].title, "Fehler");
+  EXPECT_EQ(shown[2].icon, FL_ICON_ERROR);
+  EXPECT_EQ(shown[2].kind, FL_DIALOG_ALERT);
+  EXPECT_EQ(shown[3].title, "Warnung");
+  EXPECT_EQ(shown[3].text, "Application is about to terminate!");
 }
 
-TEST_F(DialogsTest, RealQuestionBoxHasThePlatformButtonsAndDefaults) {
+TEST_F(DialogsTest, RealQuestionBoxHasGermanButtonsAndDefaults) {
   auto two = fl_make_question_box("q", 2, 3);
   EXPECT_EQ(two->standardButtons(), QMessageBox::Yes | QMessageBox::No);
   EXPECT_EQ(two->defaultButton(), nullptr); // 3 of 2: the platform chooses
-  EXPECT_EQ(two->windowTitle(), QStringLiteral("Choice"));
+  EXPECT_EQ(two->windowTitle(), QStringLiteral("Frage"));
+  EXPECT_EQ(two->button(QMessageBox::Yes)->text(), QStringLiteral("Ja"));
+  EXPECT_EQ(two->button(QMessageBox::No)->text(), QStringLiteral("Nein"));
   auto no = fl_make_question_box("q", 2, 2);
   EXPECT_EQ(static_cast<QAbstractButton *>(no->defaultButton()), no->button(QMessageBox::No));
   auto three = fl_make_question_box("q", 3, 3);
   EXPECT_EQ(static_cast<QAbstractButton *>(three->defaultButton()),
             three->button(QMessageBox::Cancel));
-  EXPECT_EQ(fl_make_question_box("q", 1, 1)->standardButtons(), QMessageBox::Ok);
+  EXPECT_EQ(three->button(QMessageBox::Cancel)->text(), QStringLiteral("Abbrechen"));
+  // Qt's own dialogs speak German through the system's translation.
+  if (fl_load_qt_german())
+    EXPECT_EQ(QCoreApplication::translate("QPlatformTheme", "Cancel"), QStringLiteral("Abbrechen"));
+  else
+    ADD_FAILURE() << "qtbase_de not found in the Qt translations (qt6-translations-l10n)";
+  auto one = fl_make_question_box("q", 1, 1);
+  EXPECT_EQ(one->standardButtons(), QMessageBox::Ok);
+  EXPECT_EQ(one->button(QMessageBox::Ok)->text(), QStringLiteral("OK"));
 
   // With the seam off the box is really shown and modal; a timer answers it.
   fl_seam_enable(0);

@@ -11,6 +11,8 @@
 
 #include <QApplication>
 #include <QImage>
+#include <QMouseEvent>
+#include <QStyleHints>
 #include <QTest>
 #include <QWidget>
 
@@ -404,6 +406,23 @@ TEST_F(TabboxUi, KeysMoveTheSelectionAndCallBack) {
   QTest::mouseDClick(w, Qt::LeftButton, {}, line_point(tb, 1));
   EXPECT_EQ(g.dblclick.size(), 4u);
   EXPECT_EQ(selected(tb), V({scroll(tb).topline + 2}));
+  // The tabbox's own 400 ms decide, not the platform's interval: two presses
+  // 350 ms apart are a double-click, 450 ms apart two clicks; a third quick
+  // press starts a new pair.
+  QGuiApplication::styleHints()->setMouseDoubleClickInterval(100);
+  auto press_at = [&](ulong ms) {
+    QPointF p = line_point(tb, 1);
+    QMouseEvent down(QEvent::MouseButtonPress, p, w->mapToGlobal(p), Qt::LeftButton, Qt::LeftButton,
+                     {});
+    down.setTimestamp(ms);
+    QApplication::sendEvent(w, &down);
+    QMouseEvent up(QEvent::MouseButtonRelease, p, w->mapToGlobal(p), Qt::LeftButton, {}, {});
+    up.setTimestamp(ms + 10);
+    QApplication::sendEvent(w, &up);
+  };
+  for (ulong t : {100000ul, 100350ul, 100400ul, 101000ul, 101450ul}) press_at(t);
+  EXPECT_EQ(g.dblclick.size(), 5u);
+  QGuiApplication::styleHints()->setMouseDoubleClickInterval(400);
 
   // F2 opens the viewer for exactly one selected line.
   fl_set_tabbox_dialog_hook(FL_TABBOX_VIEWER, [](FL_OBJECT *) { ++g.viewer; });

@@ -451,7 +451,7 @@ TEST(FormsDeathTest, ObjectOutsideBeginAndTooManyInputsEndTheProgram) {
         std::fprintf(stderr, "not reached\n");
       },
       ::testing::ExitedWithCode(1),
-      "count=10000\n\\[Error\\] Too many input fields \\(max 10000\\)");
+      "count=10000\n\\[Fehler\\] Too many input fields \\(max 10000\\)");
 }
 
 } // namespace

@@ -107,6 +107,20 @@ protected:
   MYFL_HELPDIALOG *d_ = nullptr;
 };
 
+TEST_F(HelpDialog, MissingHelpFileIsNamedWithWhereItWasLookedFor) {
+  std::filesystem::remove("helptest.hlp");
+  myfl_open_help(help_);
+  EXPECT_EQ(d_->open, 0);
+  ASSERT_FALSE(fl_seam_shown().empty());
+  EXPECT_EQ(fl_seam_shown().back().title, "Warnung");
+  EXPECT_EQ(fl_seam_shown().back().text.rfind("Hilfedatei 'helptest.hlp' nicht gefunden\nGesucht "
+                                              "im Arbeitsordner " +
+                                                  std::filesystem::current_path().string(),
+                                              0),
+            0u)
+      << fl_seam_shown().back().text;
+}
+
 TEST_F(HelpDialog, F1ShowsTheTextAndEditingSavesIt) {
   show_and_activate(form_);
   fl_set_focus_object(form_, input_);
@@ -180,7 +194,23 @@ TEST_F(HelpDialog, ExternalEditorWorksOnTheTemporaryFile) {
   EXPECT_EQ(fl_seam_shown().back().text, "Hilfetext nicht gefunden (Datei hilfetxt.tmp)");
   EXPECT_EQ(d_->edit_mode, 1);
   unsetenv("ZENTIQ_HTML_EDITOR");
-  EXPECT_EQ(myfl_html_editor_command(), "Netscape -composer&");
+  EXPECT_EQ(myfl_html_editor_command(), "xdg-open hilfetxt.tmp");
+
+  // An editor that cannot start: a warning, and the dialog stays in display
+  // mode.
+  fl_close_form(d_->form);
+  d_->edit_mode = 0;
+  myfl_cb_help(help_, 0);
+  setenv("ZENTIQ_HTML_EDITOR", "zentiq-no-such-editor hilfetxt.tmp", 1);
+  QTest::mouseClick(d_->external->widget, Qt::LeftButton);
+  unsetenv("ZENTIQ_HTML_EDITOR");
+  EXPECT_EQ(fl_seam_shown().back().title, "Warnung");
+  EXPECT_EQ(fl_seam_shown().back().text.rfind(
+                "HTML-Editor 'zentiq-no-such-editor hilfetxt.tmp' kann nicht gestartet werden", 0),
+            0u);
+  EXPECT_EQ(d_->edit_mode, 0);
+  EXPECT_EQ(d_->external->label, "Netscape Editor");
+  EXPECT_TRUE(d_->edit->active);
 }
 
 } // namespace
