@@ -170,7 +170,7 @@ template <typename Fn> void run_query(DBSESSION *session, const std::string &stm
     if (!begin_level(session)) return;
     DBRESULT *result = nullptr;
     std::string too_large;
-    bool ran = zentiq_run_limited(session, stmt, limit, &result, &too_large);
+    bool ran = zentiq_run_limited(session, stmt, limit, &result, &too_large, &g_why_failed);
     bool cut = false;
     if (ran) {
       if (first) stored();

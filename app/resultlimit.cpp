@@ -49,13 +49,23 @@ long zentiq_result_settings() {
 }
 
 int zentiq_run_limited(DBSESSION *session, const std::string &stmt, long max_rows,
-                       DBRESULT **result, std::string *too_large) {
+                       DBRESULT **result, std::string *too_large, std::string *why) {
   *result = nullptr;
   too_large->clear();
+  why->clear();
   if (!run_done(session, "MAX " + std::to_string(max_rows) + ";")) return 0;
   int outcome = 0;
   int ran = dbexec1(session, stmt.c_str(), result, &outcome) && outcome != DBOUT_REFUSED;
-  if (!ran && *result) *too_large = zentiq_too_large_text(DBresult_error(*result));
+  if (!ran) {
+    // The reason, for the box that tells the user: the result's error, else
+    // the connection's message (the parser refused the statement).
+    const char *text = *result                          ? DBresult_error(*result)
+                       : session && session->connection ? DBerrormessage(session->connection)
+                                                        : nullptr;
+    *why = text ? text : "";
+    while (!why->empty() && (why->back() == '\n' || why->back() == '\r')) why->pop_back();
+    if (*result) *too_large = zentiq_too_large_text(why->c_str());
+  }
   // Set back whatever happened: the channel keeps MAX for every later
   // statement, also the detail dialog's and another action's.
   int reset = run_done(session, "MAX;");

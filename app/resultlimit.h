@@ -31,9 +31,10 @@ long zentiq_result_settings();
 // clears it). Returns 0 with *result null when MAX could not be set (the
 // query is then not sent), the query failed or MAX could not be set back;
 // *too_large then holds the German text of a result the budget refused, else
-// it is empty.
+// it is empty, and *why the reason the server or the parser gave (one line,
+// empty when there was none).
 int zentiq_run_limited(DBSESSION *session, const std::string &stmt, long max_rows,
-                       DBRESULT **result, std::string *too_large);
+                       DBRESULT **result, std::string *too_large, std::string *why);
 
 // `n` with a space between groups of three digits: "1 000 000".
 std::string zentiq_group_digits(long n);
