@@ -78,7 +78,7 @@ struct Stand {
   Log *log = nullptr;
 
   bool start() {
-    bool ok = server.create_owned(DBOBJ_SERVER) && area.create_or_open(DBOBJ_AREA, 10020) &&
+    bool ok = server.create_owned(DBOBJ_SERVER) && area.create_or_open(DBOBJ_AREA, DBCOMM_AREA_SIZE) &&
               owner.create_or_open(DBOBJ_OWNER, 4) && client.create_or_open(DBOBJ_CLIENT) &&
               server_ack.create_or_open(DBOBJ_SERVER_ACK) &&
               client_ack.create_or_open(DBOBJ_CLIENT_ACK) &&
@@ -97,7 +97,7 @@ struct Stand {
   bool handshake(int32_t channel) {
     if (server.wait(10000) != ipc::WaitResult::Signalled) return false;
     log->client_pid = static_cast<int32_t>(get32(a() + 4));
-    std::memcpy(log->version, a() + 8, 31);
+    std::memcpy(log->version, a() + DBCOMM_PAYLOAD_AT, 31);
     bool was_handshake = static_cast<int32_t>(get32(a())) == -1;
     put32(a(), static_cast<uint32_t>(channel));
     put32(a() + 4, static_cast<uint32_t>(getpid()));
@@ -114,8 +114,8 @@ struct Stand {
       int i = log->chunks++;
       log->chunk_len[i] = n;
       log->chunk_channel[i] = static_cast<int32_t>(get32(a()));
-      log->total[i] = get32(a() + 12);
-      in.insert(in.end(), a() + 8, a() + 8 + n);
+      log->total[i] = get32(a() + DBCOMM_PAYLOAD_AT + 4);
+      in.insert(in.end(), a() + DBCOMM_PAYLOAD_AT, a() + DBCOMM_PAYLOAD_AT + n);
       client_ack.set();
     }
     for (size_t at = 0; at < in.size() && get32(&in[at]) > 0; at += get32(&in[at]))
@@ -133,7 +133,7 @@ struct Stand {
       size_t n = std::min(chunk, bytes.size() - off);
       put32(a(), static_cast<uint32_t>(channel));
       put32(a() + 4, static_cast<uint32_t>(n));
-      std::memcpy(a() + 8, bytes.data() + off, n);
+      std::memcpy(a() + DBCOMM_PAYLOAD_AT, bytes.data() + off, n);
       client.set();
       if (server_ack.wait(10000) != ipc::WaitResult::Signalled) return false;
     }
