@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -184,6 +185,14 @@ bool ProtocolServer::start() {
               std::strerror(e));
     return false;
   }
+  // This run's instance id: clients of an earlier run carry another one.
+  instance_ = 0;
+  while (instance_ == 0)
+    if (getrandom(&instance_, sizeof instance_, 0) != sizeof instance_) {
+      msg_print("(tavrind) Cannot draw the instance id: %s\n", std::strerror(errno));
+      close_objects();
+      return false;
+    }
   set_owner_word(DBCOMM_OWNER_FREE);
   started_ = true;
   stop_ = 0;
@@ -226,6 +235,10 @@ void ProtocolServer::poll(int timeout_ms) {
 
 // Reads the chunk in the message area. The bytes are copied out before the
 // acknowledgement, since the client may write its next chunk right after it.
+// A refused chunk is acknowledged with the channel word replaced by a
+// refusal code (DBCOMM_STALE, DBCOMM_DROPPED with the reason in the length
+// word): its sender holds the exchange and waits for this acknowledgement,
+// so it learns there that no answer will come and gives the exchange up.
 void ProtocolServer::handle_chunk() {
   settle_ack(false);
   unsigned char *a = area();
@@ -238,19 +251,36 @@ void ProtocolServer::handle_chunk() {
   uint32_t n = DBwire_get32(a + DBCOMM_LENGTH_AT);
   Slot *ch = slot_at(channel);
   std::vector<int> complete;
-  if (n > kPayload) {
+  uint32_t refusal = 0, reason = 0;
+  if (DBwire_get64(a + DBCOMM_INSTANCE_AT) != instance_) {
+    msg_print("(tavrind) Chunk for channel %d from a client of another server instance refused\n",
+              channel);
+    refusal = DBCOMM_STALE;
+  } else if (n > kPayload) {
     msg_print("(tavrind) Chunk of %u bytes on channel %d is longer than the message area\n", n,
               channel);
+    reason = DBDROP_FRAMING;
   } else if (!ch) {
-    msg_print("(tavrind) Chunk for unknown channel %d ignored\n", channel);
+    msg_print("(tavrind) Chunk for unknown channel %d refused\n", channel);
+    reason = DBDROP_CHANNEL;
   } else if (!thread_of(mutex_.owner_tid(), ch->proc.pid())) {
     msg_print("(tavrind) Chunk for channel %d from process %d (not its client %d) refused\n",
               channel, int(mutex_.owner_tid()), int(ch->proc.pid()));
+    reason = DBDROP_PROCESS;
+  } else if (ch->dropped_incomplete) {
+    ch->dropped_incomplete = false;
+    msg_print("(tavrind) Rest of the dropped request on channel %d refused\n", channel);
+    reason = DBDROP_INCOMPLETE;
   } else {
-    feed(channel, a + DBCOMM_PAYLOAD_AT, n, complete);
+    reason = feed(channel, a + DBCOMM_PAYLOAD_AT, n, complete);
   }
-  // Every chunk is acknowledged, so no client waits for ever on a chunk that
-  // was refused.
+  if (reason) refusal = DBCOMM_DROPPED;
+  if (refusal) {
+    // Nothing of this chunk is answered: its sender stops here.
+    complete.clear();
+    DBwire_put32(a + DBCOMM_CHANNEL_AT, refusal);
+    DBwire_put32(a + DBCOMM_LENGTH_AT, reason);
+  }
   client_ack_.set();
   for (int c : complete) dispatch(c);
 }
@@ -259,7 +289,10 @@ void ProtocolServer::handshake() {
   unsigned char *a = area();
   pid_t pid = static_cast<pid_t>(DBwire_get32(a + DBCOMM_LENGTH_AT));
   const auto *version = reinterpret_cast<const char *>(a + DBCOMM_PAYLOAD_AT);
-  bool version_ok = std::memchr(version, 0, kPayload) && std::strcmp(version, DBCOMM_VERSION) == 0;
+  // A client of this version writes a zero instance id; a client of an
+  // older one wrote its version text where the id is now.
+  bool version_ok = DBwire_get64(a + DBCOMM_INSTANCE_AT) == 0 &&
+                    std::memchr(version, 0, kPayload) && std::strcmp(version, DBCOMM_VERSION) == 0;
   int32_t answer = DBHS_REFUSED_VERSION;
   if (!version_ok) {
     msg_print("(tavrind) Client %d refused: version '%.40s' is not %s\n", int(pid),
@@ -302,6 +335,10 @@ void ProtocolServer::handshake() {
   }
   DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(answer));
   DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(getpid()));
+  DBwire_put64(a + DBCOMM_INSTANCE_AT, instance_);
+  // The version text goes, so that a later client of an older version, which
+  // writes its text 8 bytes earlier, cannot pass with this one's.
+  std::memset(a + DBCOMM_PAYLOAD_AT, 0, sizeof DBCOMM_VERSION);
   // A refusal tells the client how many channels this server gives out.
   if (answer < 0) DBwire_put32(a + DBCOMM_PAYLOAD_AT, static_cast<uint32_t>(max_channels_));
   client_.set();
@@ -311,8 +348,9 @@ void ProtocolServer::handshake() {
 // Appends chunk bytes to the channel's packet; every complete packet goes
 // into the request being reassembled. Channels whose request became complete
 // are added to `complete`. A packet that breaks the framing drops the
-// channel's partial request.
-void ProtocolServer::feed(int channel, const unsigned char *bytes, size_t n,
+// channel's partial request. Returns 0, or the reason (DBDROP_*) why the
+// request was dropped.
+uint32_t ProtocolServer::feed(int channel, const unsigned char *bytes, size_t n,
                           std::vector<int> &complete) {
   Slot &ch = slots_[size_t(channel)];
   while (n > 0) {
@@ -331,7 +369,7 @@ void ProtocolServer::feed(int channel, const unsigned char *bytes, size_t n,
       ch.packet.clear();
       ch.message.clear();
       ch.in_message = false;
-      return;
+      return DBDROP_FRAMING;
     }
     if (ch.packet.size() < plen) continue;
     const unsigned char *data;
@@ -341,7 +379,7 @@ void ProtocolServer::feed(int channel, const unsigned char *bytes, size_t n,
       if (total > max_request_) {
         msg_print("(tavrind) Request of %u bytes on channel %d too long\n", total, channel);
         ch.packet.clear();
-        return;
+        return DBDROP_SIZE;
       }
       ch.message_length = total;
       ch.message.clear();
@@ -361,7 +399,7 @@ void ProtocolServer::feed(int channel, const unsigned char *bytes, size_t n,
       ch.packet.clear();
       ch.message.clear();
       ch.in_message = false;
-      return;
+      return DBDROP_FRAMING;
     }
     ch.message.insert(ch.message.end(), data, data + dn);
     ch.packet.clear();
@@ -370,6 +408,7 @@ void ProtocolServer::feed(int channel, const unsigned char *bytes, size_t n,
       complete.push_back(channel);
     }
   }
+  return 0;
 }
 
 void ProtocolServer::dispatch(int channel) {
@@ -457,6 +496,7 @@ bool ProtocolServer::send_chunk(int channel, const unsigned char *head, size_t h
   unsigned char *a = area();
   DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(channel));
   DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(hn + bn));
+  DBwire_put64(a + DBCOMM_INSTANCE_AT, instance_);
   if (hn) std::memcpy(a + DBCOMM_PAYLOAD_AT, head, hn);
   if (bn) std::memcpy(a + DBCOMM_PAYLOAD_AT + hn, body, bn);
   client_.set();
@@ -580,6 +620,7 @@ void ProtocolServer::check_clients() {
       msg_print("(tavrind) Incomplete request of %u bytes on channel %d dropped after %d ms\n",
                 ch.message_length, int(i), incomplete_limit_ms_);
       ch.in_message = false;
+      ch.dropped_incomplete = true;
       ch.packet.clear();
       std::vector<unsigned char>().swap(ch.message);
     }

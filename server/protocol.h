@@ -133,6 +133,9 @@ private:
     uint32_t message_length = 0;
     int64_t message_started_ns = 0; // when its first packet came
     bool in_message = false;
+    // Its incomplete request was dropped by the time limit: the next chunk,
+    // the rest of that request, is refused so that its client stops.
+    bool dropped_incomplete = false;
     std::vector<unsigned char> pending; // the answer of a parked request
   };
 
@@ -140,7 +143,7 @@ private:
   void close_objects();
   void handle_chunk();
   void handshake();
-  void feed(int channel, const unsigned char *bytes, size_t n, std::vector<int> &complete);
+  uint32_t feed(int channel, const unsigned char *bytes, size_t n, std::vector<int> &complete);
   void dispatch(int channel);
   bool send_message(int channel, const unsigned char *data, size_t length);
   bool send_chunk(int channel, const unsigned char *head, size_t hn, const unsigned char *body,
@@ -166,6 +169,7 @@ private:
   ipc::Access access_;
   uint32_t max_request_ = 1u << 30;
   int incomplete_limit_ms_ = 30000;
+  uint64_t instance_ = 0; // drawn at start(), carried by every client chunk
 
   ipc::Event server_;
   ipc::Section area_, owner_;

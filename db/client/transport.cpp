@@ -40,11 +40,9 @@ struct Transport {
   ipc::Event activate;
   ipc::Mutex mutex;
   ipc::Process server_proc; // set by the handshake, forgotten when it ended
-  size_t payload = 0;       // bytes from offset 8 to the end of the area
+  size_t payload = 0;       // bytes from offset 16 to the end of the area
   bool ready = false;
   bool mutex_held = false;
-  // The server process ended during an exchange of this connection.
-  bool ended = false;
   // The channel limit a full server reported at the last handshake.
   int channel_limit = 0;
   // The channel of the last handshake. A process has one connection at a
@@ -52,7 +50,12 @@ struct Transport {
   // connect replaced) would go to a channel the server has given up or given
   // to another client, and would wait for ever holding the mutex.
   int32_t channel = -1;
-  // A chunk longer than the reader wanted: its rest waits at offset 8 and
+  // The server instance of the last handshake, carried by every chunk.
+  uint64_t instance = 0;
+  // The area is an older server's (shorter, without the instance id): only
+  // the handshake runs, and reports the version as incompatible.
+  bool old_area = false;
+  // A chunk longer than the reader wanted: its rest waits at offset 16 and
   // is taken by the next chunk read without waiting for a new signal.
   bool partial_pending = false;
   // One packet of an answer; a packet is at most 10008 bytes.
@@ -131,7 +134,6 @@ bool lock_mutex(int timeout_ms) {
 void server_ended() {
   g_tp.server_proc.close();
   release_mutex();
-  g_tp.ended = true;
   ipc::Event probe;
   if (probe.open_live(DBOBJ_SERVER))
     report("client: The server was restarted; the transaction is lost\n");
@@ -152,13 +154,33 @@ bool take_exchange(int own_channel, int timeout_ms) {
   }
 }
 
+// The server refused the chunk just acknowledged (its channel word is a
+// refusal code, see handle_chunk): gives the exchange up and says why.
+// Returns -1.
+int refused_chunk(uint32_t code) {
+  release_mutex();
+  if (code == DBCOMM_STALE) {
+    report("client: The server was restarted; the transaction is lost\n");
+    return -1;
+  }
+  static const char *const reasons[] = {
+      "a damaged request", "an unknown channel", "a chunk from another process",
+      "a request longer than the server takes", "a request left incomplete too long"};
+  uint32_t why = DBwire_get32(area() + DBCOMM_LENGTH_AT);
+  report("client: The server dropped the request (%s)\n",
+         why >= DBDROP_FRAMING && why <= DBDROP_INCOMPLETE ? reasons[why - 1] : "no reason given");
+  return -1;
+}
+
 // Sends one chunk made of head (hn bytes) and body (bn bytes). Returns the
-// chunk length, or -1 when the server process ended first.
+// chunk length, or -1 when the server process ended first or refused the
+// chunk (the exchange is then given up).
 int send_chunk(int channel, const unsigned char *head, size_t hn, const unsigned char *body,
                size_t bn) {
   unsigned char *a = area();
   DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(channel));
   DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(hn + bn));
+  DBwire_put64(a + DBCOMM_INSTANCE_AT, g_tp.instance);
   if (hn) std::memcpy(a + DBCOMM_PAYLOAD_AT, head, hn);
   if (bn) std::memcpy(a + DBCOMM_PAYLOAD_AT + hn, body, bn);
   g_tp.server.set();
@@ -166,6 +188,8 @@ int send_chunk(int channel, const unsigned char *head, size_t hn, const unsigned
     server_ended();
     return -1;
   }
+  uint32_t word = DBwire_get32(a + DBCOMM_CHANNEL_AT);
+  if (word != static_cast<uint32_t>(channel)) return refused_chunk(word);
   return static_cast<int>(hn + bn);
 }
 
@@ -324,9 +348,18 @@ bool trusted(const ipc::Section &sec, const char *name) {
 
 // Opens the server's objects other than its liveness event, each only when
 // trusted. False with errno.
+bool open_area(int size) {
+  g_tp.old_area = false;
+  if (g_tp.area.open_existing(DBOBJ_AREA, static_cast<size_t>(size))) return true;
+  if (errno != EINVAL || size <= DBCOMM_OLD_AREA_SIZE ||
+      !g_tp.area.open_existing(DBOBJ_AREA, DBCOMM_OLD_AREA_SIZE))
+    return false;
+  g_tp.old_area = true;
+  return true;
+}
+
 bool open_objects(int size) {
-  return g_tp.area.open_existing(DBOBJ_AREA, static_cast<size_t>(size)) &&
-         trusted(g_tp.area, DBOBJ_AREA) &&
+  return open_area(size) && trusted(g_tp.area, DBOBJ_AREA) &&
          g_tp.owner.open_existing(DBOBJ_OWNER, DBCOMM_OWNER_SIZE) &&
          trusted(g_tp.owner, DBOBJ_OWNER) && g_tp.client.open_existing(DBOBJ_CLIENT) &&
          trusted(g_tp.client.section(), DBOBJ_CLIENT) &&
@@ -400,10 +433,15 @@ namespace {
 int handshake(int timeout_ms, const char *version) {
   if (!g_tp.ready || !version) return DBHS_SYSTEM;
   g_tp.channel = -1;
+  g_tp.instance = 0;
+  // A server with the shorter area of an older protocol speaks another
+  // version; it is not asked, since it reads the handshake at other offsets.
+  if (g_tp.old_area) return DBHS_VERSION;
   if (!take_exchange(-1, timeout_ms)) return DBHS_SYSTEM;
   unsigned char *a = area();
   DBwire_put32(a + DBCOMM_CHANNEL_AT, DBHS_CHANNEL);
   DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(getpid()));
+  DBwire_put64(a + DBCOMM_INSTANCE_AT, 0);
   size_t n = std::min(std::strlen(version), g_tp.payload - 1);
   std::memcpy(a + DBCOMM_PAYLOAD_AT, version, n);
   a[DBCOMM_PAYLOAD_AT + n] = 0;
@@ -422,8 +460,10 @@ int handshake(int timeout_ms, const char *version) {
   }
   if (!g_tp.server_proc.open(static_cast<pid_t>(DBwire_get32(a + DBCOMM_LENGTH_AT))))
     return DBHS_SYSTEM;
+  // Read while the exchange is still held: the next client's handshake
+  // writes zero there.
+  g_tp.instance = DBwire_get64(a + DBCOMM_INSTANCE_AT);
   if (!release_mutex()) return DBHS_SYSTEM;
-  g_tp.ended = false;
   g_tp.channel = channel;
   return channel;
 }
@@ -453,7 +493,7 @@ int DBclient_write(int channel, const void *data, int length) {
     DBwire_put32(head + 4, total);
     int w = send_packet(channel, head, 8, p);
     if (w != static_cast<int>(total + 8)) {
-      if (!g_tp.ended)
+      if (g_error.empty())
         report("client write: Data missing (expected %d written %d)\n", int(total + 8), w);
       return 0;
     }
@@ -463,7 +503,7 @@ int DBclient_write(int channel, const void *data, int length) {
   DBwire_put32(head + 4, total);
   int w = send_packet(channel, head, 8, p);
   if (w != DBCOMM_PACKET_MAX) {
-    if (!g_tp.ended)
+    if (g_error.empty())
       report("client write: Data missing (expected %d written %d)\n", DBCOMM_PACKET_MAX, w);
     return 0;
   }
@@ -473,7 +513,7 @@ int DBclient_write(int channel, const void *data, int length) {
     DBwire_put32(head, n + 4);
     w = send_packet(channel, head, 4, p + done);
     if (w != static_cast<int>(n + 4)) {
-      if (!g_tp.ended)
+      if (g_error.empty())
         report("client write: Data missing (expected %d written %d)\n", int(n + 4), w);
       return 0;
     }

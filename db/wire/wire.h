@@ -45,7 +45,8 @@ inline constexpr size_t DBOBJ_COUNT = sizeof DBOBJ_ALL / sizeof DBOBJ_ALL[0];
 // Message area and packets
 //
 // The message area holds one chunk at a time: the channel word at offset 0,
-// the chunk length at offset 4 and the chunk's bytes from offset 8. A message
+// the chunk length at offset 4, the server's instance id (64 bits) at offset
+// 8 and the chunk's bytes from offset 16. A message
 // (a request or an answer) travels in packets; each packet's first word is
 // the packet length, the first packet's second word the message length, and
 // each packet is sent in chunks that fit the area. Words in the area and in
@@ -53,11 +54,13 @@ inline constexpr size_t DBOBJ_COUNT = sizeof DBOBJ_ALL / sizeof DBOBJ_ALL[0];
 // machine); the fields inside requests and answers are little-endian.
 
 enum : int {
-  DBCOMM_AREA_SIZE = 10020,    // bytes of the message area
+  DBCOMM_AREA_SIZE = 10028,    // bytes of the message area
+  DBCOMM_OLD_AREA_SIZE = 10020, // the area of servers before the instance id
   DBCOMM_CHANNEL_AT = 0,       // offset of the channel word
   DBCOMM_LENGTH_AT = 4,        // offset of the chunk length (handshake: process id)
-  DBCOMM_PAYLOAD_AT = 8,       // offset of the chunk's bytes
-  DBCOMM_PAYLOAD_SIZE = 10012, // bytes from offset 8 to the end of the area
+  DBCOMM_INSTANCE_AT = 8,      // offset of the server's instance id (8 bytes)
+  DBCOMM_PAYLOAD_AT = 16,      // offset of the chunk's bytes
+  DBCOMM_PAYLOAD_SIZE = 10012, // bytes from offset 16 to the end of the area
   DBCOMM_PACKET_MAX = 10000,   // message bytes that still go in one packet
   DBCOMM_FIRST_HEAD = 8,       // header of a first packet: packet length, message length
   DBCOMM_NEXT_HEAD = 4,        // header of a further packet: packet length
@@ -68,6 +71,26 @@ enum : int {
 static_assert(DBCOMM_PAYLOAD_SIZE == DBCOMM_AREA_SIZE - DBCOMM_PAYLOAD_AT);
 static_assert(DBCOMM_FIRST_DATA == DBCOMM_PACKET_MAX - DBCOMM_FIRST_HEAD);
 static_assert(DBCOMM_NEXT_DATA == DBCOMM_PACKET_MAX - DBCOMM_NEXT_HEAD);
+
+// Every chunk a client writes carries the instance id its handshake was
+// given; the server compares it with its own, so a client of an earlier run
+// of the server (killed and started again, channel numbers given anew) is
+// never served by its successor. Zero is no instance: the handshake's word.
+
+// A chunk the server refuses is acknowledged with the channel word replaced
+// by one of these codes, so that its sender stops and gives the exchange up
+// instead of waiting for an answer that never comes; for a dropped chunk the
+// length word holds the reason (DBDROP_*).
+inline constexpr uint32_t DBCOMM_STALE = 0xFFFFFFFCu;   // another instance's client
+inline constexpr uint32_t DBCOMM_DROPPED = 0xFFFFFFFBu; // the request was dropped
+
+enum : uint32_t {
+  DBDROP_FRAMING = 1,    // chunk or packet length out of range, more bytes than announced
+  DBDROP_CHANNEL = 2,    // no such channel
+  DBDROP_PROCESS = 3,    // the writer is not the channel's process
+  DBDROP_SIZE = 4,       // announced request longer than the server takes
+  DBDROP_INCOMPLETE = 5, // the request stayed incomplete past the time limit
+};
 
 // The owner word: free, or the channel of a parked client whose turn it is.
 inline constexpr int32_t DBCOMM_OWNER_FREE = -1;
@@ -82,13 +105,14 @@ inline constexpr size_t DBCOMM_PARKED_CHUNK = 9;
 // Handshake
 //
 // The client writes DBHS_CHANNEL as the channel word, its process id as the
-// length word and its version text (zero-terminated) as the payload. The
-// server answers in place: the channel number (>= 0) or a refusal below, and
-// its own process id in the length word; with a refusal the payload's first
-// word is the number of channels the server gives out.
+// length word, zero as the instance id and its version text (zero-terminated)
+// as the payload. The server answers in place: the channel number (>= 0) or a
+// refusal below, its own process id in the length word and its instance id
+// (a random number drawn at its start, never zero); with a refusal the
+// payload's first word is the number of channels the server gives out.
 
 inline constexpr uint32_t DBHS_CHANNEL = 0xFFFFFFFFu; // channel word of a handshake
-#define DBCOMM_VERSION "2.1.0"                        // the one version both ends speak
+#define DBCOMM_VERSION "2.2.0"                        // the one version both ends speak
 
 enum : int {
   DBHS_REFUSED_VERSION = -1, // the server does not speak the client's version
@@ -214,7 +238,7 @@ enum : unsigned char {
 
 // ---------------------------------------------------------------------------
 // Words of the message area and of packet headers (machine byte order; p
-// must have 4 bytes).
+// must have 4 or 8 bytes).
 
 inline uint32_t DBwire_get32(const unsigned char *p) {
   uint32_t v;
@@ -223,3 +247,11 @@ inline uint32_t DBwire_get32(const unsigned char *p) {
 }
 
 inline void DBwire_put32(unsigned char *p, uint32_t v) { std::memcpy(p, &v, 4); }
+
+inline uint64_t DBwire_get64(const unsigned char *p) {
+  uint64_t v;
+  std::memcpy(&v, p, 8);
+  return v;
+}
+
+inline void DBwire_put64(unsigned char *p, uint64_t v) { std::memcpy(p, &v, 8); }

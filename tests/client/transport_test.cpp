@@ -76,9 +76,10 @@ struct Stand {
   ipc::Section area, owner;
   ipc::Mutex mutex;
   Log *log = nullptr;
+  size_t area_size = DBCOMM_AREA_SIZE;
 
   bool start() {
-    bool ok = server.create_owned(DBOBJ_SERVER) && area.create_or_open(DBOBJ_AREA, 10020) &&
+    bool ok = server.create_owned(DBOBJ_SERVER) && area.create_or_open(DBOBJ_AREA, area_size) &&
               owner.create_or_open(DBOBJ_OWNER, 4) && client.create_or_open(DBOBJ_CLIENT) &&
               server_ack.create_or_open(DBOBJ_SERVER_ACK) &&
               client_ack.create_or_open(DBOBJ_CLIENT_ACK) &&
@@ -97,7 +98,7 @@ struct Stand {
   bool handshake(int32_t channel) {
     if (server.wait(10000) != ipc::WaitResult::Signalled) return false;
     log->client_pid = static_cast<int32_t>(get32(a() + 4));
-    std::memcpy(log->version, a() + 8, 31);
+    std::memcpy(log->version, a() + DBCOMM_PAYLOAD_AT, 31);
     bool was_handshake = static_cast<int32_t>(get32(a())) == -1;
     put32(a(), static_cast<uint32_t>(channel));
     put32(a() + 4, static_cast<uint32_t>(getpid()));
@@ -114,8 +115,8 @@ struct Stand {
       int i = log->chunks++;
       log->chunk_len[i] = n;
       log->chunk_channel[i] = static_cast<int32_t>(get32(a()));
-      log->total[i] = get32(a() + 12);
-      in.insert(in.end(), a() + 8, a() + 8 + n);
+      log->total[i] = get32(a() + DBCOMM_PAYLOAD_AT + 4);
+      in.insert(in.end(), a() + DBCOMM_PAYLOAD_AT, a() + DBCOMM_PAYLOAD_AT + n);
       client_ack.set();
     }
     for (size_t at = 0; at < in.size() && get32(&in[at]) > 0; at += get32(&in[at]))
@@ -133,7 +134,7 @@ struct Stand {
       size_t n = std::min(chunk, bytes.size() - off);
       put32(a(), static_cast<uint32_t>(channel));
       put32(a() + 4, static_cast<uint32_t>(n));
-      std::memcpy(a() + 8, bytes.data() + off, n);
+      std::memcpy(a() + DBCOMM_PAYLOAD_AT, bytes.data() + off, n);
       client.set();
       if (server_ack.wait(10000) != ipc::WaitResult::Signalled) return false;
     }
@@ -160,13 +161,14 @@ protected:
     munmap(log_, sizeof(Log));
   }
   // Runs a stand-in server script in a child; returns once it serves.
-  pid_t stand(const std::function<int(Stand &)> &script) {
+  pid_t stand(const std::function<int(Stand &)> &script, size_t area_size = DBCOMM_AREA_SIZE) {
     Gate ready;
     Log *log = log_;
     pid_t pid = spawn([&] {
       alarm(60);
       Stand s;
       s.log = log;
+      s.area_size = area_size;
       if (!s.start()) return 90;
       ready.open_gate();
       return script(s);
@@ -314,6 +316,44 @@ TEST_F(Transport, AnswersInOddChunksAndAfterParking) {
     return m.create_or_open(DBOBJ_MUTEX) && m.lock(1000) == ipc::WaitResult::Signalled ? 0 : 1;
   });
   EXPECT_EQ(join_within(other, 5000), 0);
+}
+
+// A chunk the server refuses ends the write with the reason and frees the
+// exchange; a server of the older, shorter area is an incompatible version
+// and is not asked.
+TEST_F(Transport, RefusedChunksAndAnOlderServer) {
+  pid_t srv = stand([](Stand &s) {
+    if (!s.handshake(2)) return 1;
+    for (uint32_t code : {DBCOMM_DROPPED, DBCOMM_STALE}) {
+      if (s.server.wait(10000) != ipc::WaitResult::Signalled) return 2;
+      put32(s.a(), code);
+      put32(s.a() + 4, DBDROP_SIZE);
+      s.client_ack.set();
+    }
+    return 0;
+  });
+  ASSERT_EQ(DBcomm_init(DBCOMM_AREA_SIZE), 1);
+  ASSERT_EQ(DBhandshake(5000), 2);
+  const unsigned char req[] = {'E', 1, 2};
+  EXPECT_EQ(DBclient_write(2, req, sizeof req), 0);
+  EXPECT_STREQ(DBclient_error(),
+               "client: The server dropped the request (a request longer than the server takes)\n");
+  EXPECT_EQ(DBclient_write(2, req, sizeof req), 0);
+  EXPECT_STREQ(DBclient_error(), "client: The server was restarted; the transaction is lost\n");
+  pid_t taker = spawn([] {
+    ipc::Mutex m;
+    return m.open_existing(DBOBJ_MUTEX) && m.lock(2000) == ipc::WaitResult::Signalled ? 0 : 1;
+  });
+  EXPECT_EQ(join_within(taker, 5000), 0);
+  EXPECT_EQ(join_within(srv, 5000), 0);
+  DBcomm_close();
+
+  fresh_namespace();
+  srv = stand([](Stand &s) { return s.server.wait(500) == ipc::WaitResult::Timeout ? 0 : 1; },
+              DBCOMM_OLD_AREA_SIZE);
+  ASSERT_EQ(DBcomm_init(DBCOMM_AREA_SIZE), 1);
+  EXPECT_EQ(DBhandshake(5000), DBHS_VERSION);
+  EXPECT_EQ(join_within(srv, 5000), 0);
 }
 
 TEST_F(Transport, ErrorAnswersOfConnectionCommands) {

@@ -37,6 +37,7 @@ struct Counters {
   std::atomic<int> misuse_ok; // answer()/park() refused where they must be
   std::atomic<int> max_channels;
   std::atomic<int> incomplete_ms; // 0: the server's default
+  std::atomic<uint32_t> max_request; // 0: the server's default
 };
 
 Counters *shared_counters() {
@@ -140,6 +141,7 @@ pid_t start_server(Counters *c) {
     tavrind::ProtocolServer srv(h);
     srv.set_max_channels(c->max_channels);
     if (c->incomplete_ms) srv.set_incomplete_limit_ms(c->incomplete_ms);
+    if (c->max_request) srv.set_max_request(c->max_request);
     if (!srv.start()) return 3;
     g_server = &srv;
     signal(SIGTERM, [](int) { g_server->request_stop(); });
@@ -331,6 +333,26 @@ TEST_F(Protocol, OtherVersionsAndAFullServerAreRefused) {
   DBcomm_close(); // the refused handshake keeps the mutex until here
   ASSERT_EQ(DBcomm_init(DBCOMM_AREA_SIZE), 1);
   EXPECT_EQ(DBhandshake(5000), 0);
+  // A client of the previous layout writes its version where the instance
+  // id is now, over what the handshake above left behind.
+  pid_t old_layout = spawn([] {
+    ipc::Section area;
+    ipc::Event server, client;
+    ipc::Mutex mutex;
+    if (!area.open_existing(DBOBJ_AREA, DBCOMM_OLD_AREA_SIZE) ||
+        !server.open_existing(DBOBJ_SERVER) || !client.open_existing(DBOBJ_CLIENT) ||
+        !mutex.open_existing(DBOBJ_MUTEX) || mutex.lock(5000) != ipc::WaitResult::Signalled)
+      return 1;
+    auto *a = static_cast<unsigned char *>(area.data());
+    DBwire_put32(a + DBCOMM_CHANNEL_AT, DBHS_CHANNEL);
+    DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(getpid()));
+    std::strcpy(reinterpret_cast<char *>(a + 8), "2.1.0");
+    server.set();
+    if (client.wait(5000) != ipc::WaitResult::Signalled) return 2;
+    mutex.unlock();
+    return static_cast<int32_t>(DBwire_get32(a)) == DBHS_REFUSED_VERSION ? 0 : 3;
+  });
+  EXPECT_EQ(join_within(old_layout, 10000), 0);
   // The only channel is taken: the next client is told so.
   pid_t other = spawn([] {
     char n[] = "x";
@@ -520,10 +542,43 @@ TEST_F(Protocol, AClientOfAKilledServerIsNotServedByItsSuccessor) {
   DBCONN *old = connect_demo();
   ASSERT_NE(old, nullptr);
   ASSERT_TRUE(echoes(old, 100, 1));
+  // The killed server's instance id, as its last answer left it in the area.
+  uint64_t old_instance = 0;
+  {
+    ipc::Section area;
+    ASSERT_TRUE(area.open_existing(DBOBJ_AREA, DBCOMM_AREA_SIZE));
+    old_instance = DBwire_get64(static_cast<unsigned char *>(area.data()) + DBCOMM_INSTANCE_AT);
+  }
   kill(srv, SIGKILL);
   EXPECT_EQ(join_within(srv, 5000), 128 + SIGKILL);
   srv = start_server(c_);
   ASSERT_GT(srv, 0);
+  // A client of the old server that reaches the new one (here: a request
+  // with the old instance id on a channel the new server gave out) is
+  // refused, told so, and the exchange is free afterwards.
+  pid_t stale = spawn([old_instance] {
+    DBCONN *k = connect_demo();
+    ipc::Section area;
+    ipc::Event server, client_ack;
+    ipc::Mutex mutex;
+    if (!k || !area.open_existing(DBOBJ_AREA, DBCOMM_AREA_SIZE) ||
+        !server.open_existing(DBOBJ_SERVER) || !client_ack.open_existing(DBOBJ_CLIENT_ACK) ||
+        !mutex.open_existing(DBOBJ_MUTEX) || mutex.lock(5000) != ipc::WaitResult::Signalled)
+      return 1;
+    auto *a = static_cast<unsigned char *>(area.data());
+    const unsigned char notice[9] = {9, 0, 0, 0, 1, 0, 0, 0, DBREQ_NOTICE};
+    DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(k->channel));
+    DBwire_put32(a + DBCOMM_LENGTH_AT, sizeof notice);
+    DBwire_put64(a + DBCOMM_INSTANCE_AT, old_instance);
+    std::memcpy(a + DBCOMM_PAYLOAD_AT, notice, sizeof notice);
+    server.set();
+    if (client_ack.wait(5000) != ipc::WaitResult::Signalled) return 2;
+    if (DBwire_get32(a + DBCOMM_CHANNEL_AT) != DBCOMM_STALE) return 3;
+    mutex.unlock();
+    return echoes(k, 100, 7) ? 0 : 4;
+  });
+  EXPECT_EQ(join_within(stale, 10000), 0);
+  EXPECT_EQ(c_->notices, 0);
   Gate connected, done;
   pid_t other = spawn([&] {
     DBCONN *k = connect_demo();
@@ -557,7 +612,7 @@ TEST_F(Protocol, ObjectsOfAnotherUserAreRefusedByServerAndClient) {
     if (setgid(kOther) != 0 || setuid(kOther) != 0) return 1;
     ipc::Event server;
     ipc::Section area;
-    if (!server.create_owned(DBOBJ_SERVER) || !area.create_or_open(DBOBJ_AREA, 10020)) return 2;
+    if (!server.create_owned(DBOBJ_SERVER) || !area.create_or_open(DBOBJ_AREA, DBCOMM_AREA_SIZE)) return 2;
     for (const char *name : {DBOBJ_SERVER, DBOBJ_AREA})
       chmod(("/dev/shm" + ipc::object_name(name)).c_str(), 0666);
     squatting.open_gate();
@@ -617,9 +672,44 @@ TEST_F(Protocol, AnIncompleteRequestIsDroppedAfterTheTimeLimit) {
     if (client_ack.wait(5000) != ipc::WaitResult::Signalled) return 2;
     mutex.unlock();
     usleep(800000);
+    // The rest of the dropped request is refused with the reason.
+    if (mutex.lock(5000) != ipc::WaitResult::Signalled) return 1;
+    DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(k->channel));
+    DBwire_put32(a + DBCOMM_LENGTH_AT, 100);
+    server.set();
+    if (client_ack.wait(5000) != ipc::WaitResult::Signalled) return 2;
+    if (DBwire_get32(a + DBCOMM_CHANNEL_AT) != DBCOMM_DROPPED ||
+        DBwire_get32(a + DBCOMM_LENGTH_AT) != DBDROP_INCOMPLETE)
+      return 4;
+    mutex.unlock();
     return echoes(k, 300, 4) ? 0 : 3;
   });
   EXPECT_EQ(join_within(client, 10000), 0);
+  EXPECT_EQ(stop_server(srv), 0);
+}
+
+// A request the server drops (here: longer than it takes) ends its client's
+// wait with the reason; the exchange is free and the connection serves its
+// next request, and other clients are served.
+TEST_F(Protocol, ADroppedRequestIsAnsweredAndFreesTheExchange) {
+  c_->max_request = 50000;
+  pid_t srv = start_server(c_);
+  ASSERT_GT(srv, 0);
+  DBCONN *k = connect_demo();
+  ASSERT_NE(k, nullptr);
+  msg_set_handler(collect);
+  g_out.clear();
+  EXPECT_TRUE(roundtrip(k, echo_request(60000, 1)).empty());
+  EXPECT_NE(g_out.find("The server dropped the request (a request longer than the server takes)"),
+            std::string::npos)
+      << g_out;
+  pid_t other = spawn([] {
+    DBCONN *o = connect_demo();
+    return o && echoes(o, 20000, 2) ? 0 : 1;
+  });
+  EXPECT_EQ(join_within(other, 10000), 0);
+  EXPECT_TRUE(echoes(k, 40000, 3));
+  DBconn_free(k);
   EXPECT_EQ(stop_server(srv), 0);
 }
 
@@ -645,6 +735,7 @@ TEST_F(Protocol, ForgedHandshakesAndChunksAreRefused) {
     // A handshake in the victim's name.
     DBwire_put32(a + DBCOMM_CHANNEL_AT, DBHS_CHANNEL);
     DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(me));
+    DBwire_put64(a + DBCOMM_INSTANCE_AT, 0);
     std::strcpy(reinterpret_cast<char *>(a + DBCOMM_PAYLOAD_AT), DBCOMM_VERSION);
     server.set();
     if (client.wait(5000) != ipc::WaitResult::Signalled) return 2;
@@ -655,7 +746,12 @@ TEST_F(Protocol, ForgedHandshakesAndChunksAreRefused) {
     DBwire_put32(a + DBCOMM_LENGTH_AT, sizeof notice);
     std::memcpy(a + DBCOMM_PAYLOAD_AT, notice, sizeof notice);
     server.set();
-    return client_ack.wait(5000) == ipc::WaitResult::Signalled ? 0 : 4;
+    if (client_ack.wait(5000) != ipc::WaitResult::Signalled) return 4;
+    // Acknowledged as refused, so that the forger's wait ends.
+    return DBwire_get32(a + DBCOMM_CHANNEL_AT) == DBCOMM_DROPPED &&
+                   DBwire_get32(a + DBCOMM_LENGTH_AT) == DBDROP_PROCESS
+               ? 0
+               : 5;
   });
   EXPECT_EQ(join_within(forger, 10000), 0);
   EXPECT_TRUE(echoes(victim, 500, 5));
