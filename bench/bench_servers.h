@@ -20,6 +20,9 @@
 #include <thread>
 #include <vector>
 
+#include "base/msg.h"
+#include "db/client/connect.h"
+
 extern char **environ;
 
 namespace bench_servers {
@@ -62,6 +65,35 @@ inline pid_t spawn_tavrind(const std::string &data, const std::string &log, cons
   if (pid <= 0) std::fprintf(stderr, "tavrind could not be started\n");
   return pid;
 }
+
+// Waits (at most about 30 s: a first start writes the demo data) until the
+// tavrind `pid` serves namespace `ns` and a connect to TDSYS succeeds.
+// Returns the open connection (the caller frees it with DBfinish and
+// DBconn_free), or null after "tavrind did not answer" on standard error; a
+// server that ended meanwhile leaves `pid` at -1.
+inline DBCONN *connect_tavrind(pid_t &pid, const std::string &ns) {
+  DBCONN *conn = nullptr;
+  MsgHandler old = msg_set_handler([](const char *) {});
+  for (int i = 0; i < 300 && !conn; ++i) {
+    if (waitpid(pid, nullptr, WNOHANG) == pid) {
+      pid = -1;
+      break;
+    }
+    if (std::filesystem::exists("/dev/shm/" + ns + "TavrinDB_Server")) {
+      char name[] = "TDSYS";
+      DBCONN *c = DBconnect(name);
+      if (DBstatus(c) == DBCONN_OK)
+        conn = c;
+      else
+        DBconn_free(c);
+    }
+    if (!conn) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  msg_set_handler(old);
+  if (!conn) std::fprintf(stderr, "tavrind did not answer\n");
+  return conn;
+}
+
 
 // Ends a started process: SIGTERM, up to 5 s for it to finish, then SIGKILL.
 // Sets pid to -1.

@@ -84,28 +84,8 @@ bool start_tavrind() {
   g_ns = "zqbigres" + std::to_string(getpid()) + "_";
   g_tav_pid = bench_servers::spawn_tavrind(g_tmp + "/data", g_tmp + "/tavrind.log", g_ns);
   if (g_tav_pid <= 0) return false;
-  DBCONN *conn = nullptr;
-  MsgHandler old = msg_set_handler([](const char *) {});
-  for (int i = 0; i < 300 && !conn; ++i) {
-    if (waitpid(g_tav_pid, nullptr, WNOHANG) == g_tav_pid) {
-      g_tav_pid = -1;
-      break;
-    }
-    if (fs::exists("/dev/shm/" + g_ns + "TavrinDB_Server")) {
-      char name[] = "TDSYS";
-      DBCONN *c = DBconnect(name);
-      if (DBstatus(c) == DBCONN_OK)
-        conn = c;
-      else
-        DBconn_free(c);
-    }
-    if (!conn) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  msg_set_handler(old);
-  if (!conn) {
-    std::fprintf(stderr, "tavrind did not answer\n");
-    return false;
-  }
+  DBCONN *conn = bench_servers::connect_tavrind(g_tav_pid, g_ns);
+  if (!conn) return false;
   auto ok = [conn](const std::string &sql) {
     DBRESULT *r = DBexec(conn, sql.c_str());
     int st = DBresult_status(r);

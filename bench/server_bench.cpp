@@ -97,29 +97,8 @@ bool start_tavrind() {
   g_tav_pid = bench_servers::spawn_tavrind(g_tmp + "/data", g_tmp + "/tavrind.log", ns);
   if (g_tav_pid <= 0) return false;
 
-  // Wait (at most about 30 s: the first start writes the demo data) until
-  // the server's objects exist and a connect succeeds.
-  MsgHandler old = msg_set_handler([](const char *) {});
-  for (int i = 0; i < 300 && !g_tav; ++i) {
-    if (waitpid(g_tav_pid, nullptr, WNOHANG) == g_tav_pid) {
-      g_tav_pid = -1;
-      break;
-    }
-    if (fs::exists("/dev/shm/" + ns + "TavrinDB_Server")) {
-      char name[] = "TDSYS";
-      DBCONN *c = DBconnect(name);
-      if (DBstatus(c) == DBCONN_OK)
-        g_tav = c;
-      else
-        DBconn_free(c);
-    }
-    if (!g_tav) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  msg_set_handler(old);
-  if (!g_tav) {
-    std::fprintf(stderr, "tavrind did not answer\n");
-    return false;
-  }
+  g_tav = bench_servers::connect_tavrind(g_tav_pid, ns);
+  if (!g_tav) return false;
   auto ok = [](const std::string &sql) {
     DBRESULT *r = DBexec(g_tav, sql.c_str());
     int st = DBresult_status(r);
