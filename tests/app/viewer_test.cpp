@@ -23,6 +23,7 @@
 #include "framework/combo.h"
 #include "framework/dbtabbox.h"
 #include "framework/help.h"
+#include "framework/tabdialogs.h"
 #include "tests/framework/framework_testutil.h"
 
 namespace {
@@ -489,6 +490,35 @@ TEST_F(Viewer, MainFormAndDetailDialogGrowWithTheirWindows) {
   fl_set_form_size(d.form, d.form->w, d.form->h);
   myfl_hide_form(d.form);
   fl_activate_form(f);
+}
+
+TEST_F(Viewer, ASortStaysWithItsResult) {
+  use_demo();
+  auto keys = [this] {
+    int n, *end, *order, *visible, nsort, *cols, *dirs, maxwidth, *colmax;
+    fl_get_tabbox_properties(m().result, &n, &end, &order, &visible, &nsort, &cols, &dirs,
+                             &maxwidth, &colmax);
+    std::string k;
+    for (int i = 0; i < nsort; ++i) k += std::to_string(cols[i]) + (dirs[i] ? "u" : "d");
+    return k;
+  };
+  const char *ids = "SELECT KUNDE_ID, NAME FROM KUNDE WHERE KUNDE_ID < 4 ORDER BY KUNDE_ID;";
+  run_sql(ids);
+  MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
+  myfl_open_tabbox_sort(m().result);
+  ASSERT_TRUE(d.sort->visible);
+  fl_select_listbox_line(d.sort_columns, 1);
+  QTest::mouseClick(d.sort_down->widget, Qt::LeftButton);
+  QTest::mouseClick(d.sort_ok->widget, Qt::LeftButton);
+  EXPECT_EQ(keys(), "1d");
+  EXPECT_THAT(std::string(fl_get_tabbox_full_line(m().result, 1)), testing::StartsWith("3"));
+  // The same query again keeps the sort; an unrelated one keeps its ORDER BY.
+  run_sql(ids);
+  EXPECT_EQ(keys(), "1d");
+  EXPECT_THAT(std::string(fl_get_tabbox_full_line(m().result, 1)), testing::StartsWith("3"));
+  run_sql("SELECT NAME, KUNDE_ID FROM KUNDE WHERE KUNDE_ID < 4 ORDER BY KUNDE_ID;");
+  EXPECT_EQ(keys(), "");
+  EXPECT_THAT(std::string(fl_get_tabbox_full_line(m().result, 1)), testing::HasSubstr("| 1 "));
 }
 
 TEST_F(Viewer, DetailDialogChangesTheRowOnScreenOnlyWhileItIsUnchanged) {
