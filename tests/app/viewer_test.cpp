@@ -463,12 +463,13 @@ TEST_F(Viewer, MainFormAndDetailDialogGrowWithTheirWindows) {
   use_demo();
   select("KUNDE", "", "");
   FL_FORM *f = m().form;
-  // Every text label of the form fits its object at the form's own size.
-  for (FL_OBJECT *o : f->objects) {
-    if (o->objclass != FL_TEXT || o->label.empty()) continue;
-    QFontMetrics fm(fl_style_font(o->lstyle, o->lsize));
-    EXPECT_LE(fm.horizontalAdvance(QString::fromLatin1(o->label.c_str())) + 6, o->w) << o->label;
-  }
+  // Every text label of both forms fits its object at the form's own size.
+  for (FL_FORM *form : {f, app().detail.form})
+    for (FL_OBJECT *o : form->objects) {
+      if (o->objclass != FL_TEXT || o->label.empty()) continue;
+      QFontMetrics fm(fl_style_font(o->lstyle, o->lsize));
+      EXPECT_LE(fm.horizontalAdvance(QString::fromLatin1(o->label.c_str())) + 6, o->w) << o->label;
+    }
   int lines = fl_get_tabbox_screenlines(m().result);
   fl_set_form_size(f, 1021, 806);
   EXPECT_EQ(m().result->widget->geometry(), QRect(20, 330, 980, 440)) << "the result grows most";
