@@ -199,21 +199,30 @@ int zentiq_detail_lines() { return static_cast<int>(zentiq_app().detail_row.info
 void zentiq_create_detail_form() {
   ZqDetailForm &d = zentiq_app().detail;
   d.form = fl_begin_form(FL_NO_BOX, 591, 661);
+  // The window grows: the tabbox takes the extra space, the value input the
+  // extra width; the buttons keep their distance to the right edge, the
+  // bottom row its distance to the bottom edge.
   FL_OBJECT *bg = fl_add_box(FL_UP_BOX, 0, 0, 595, 680, "");
   fl_set_object_lsize(bg, FL_NORMAL_SIZE);
+  fl_set_object_resize(bg, 0, 100, 0, 100);
   d.help = fl_add_button(FL_HIDDEN_BUTTON, 0, 0, 590, 656, "");
   fl_set_object_lsize(d.help, FL_NORMAL_SIZE);
   fl_set_object_callback(d.help, myfl_cb_help, 0);
+  fl_set_object_resize(d.help, 0, 100, 0, 100);
   FL_OBJECT *h = fl_add_text(0, 20, 10, 180, 20, "Zentiq-Detail");
   fl_set_object_lsize(h, FL_LARGE_SIZE);
   fl_set_object_lstyle(h, FL_EMBOSSED_STYLE);
   fl_set_object_lalign(h, FL_ALIGN_INSIDE | FL_ALIGN_LEFT);
   d.del = button(500, 10, 70, 21, "Löschen", zentiq_delete_row);
+  fl_set_object_resize(d.del, 100, 0, 0, 0);
   d.tabbox = fl_add_tabbox(0, 20, 40, 550, 565, "");
+  fl_set_object_resize(d.tabbox, 0, 100, 0, 100);
   d.value = fl_add_input(FL_NORMAL_INPUT, 60, 620, 430, 21, "Wert ");
   fl_set_object_lsize(d.value, FL_MEDIUM_SIZE);
   fl_set_object_lalign(d.value, FL_ALIGN_LEFT);
+  fl_set_object_resize(d.value, 0, 100, 100, 0);
   d.update = button(500, 620, 70, 21, "Update", zentiq_update_value);
+  fl_set_object_resize(d.update, 100, 0, 100, 0);
   // Return in the value input runs the update button's callback.
   fl_set_object_callback(
       d.value, [](FL_OBJECT *, long) { fl_call_object_callback(zentiq_app().detail.update); }, 0);

@@ -409,39 +409,58 @@ int zentiq_single_statement(const std::string &text, std::string *statement) {
 void zentiq_create_main_form() {
   ZqMainForm &m = zentiq_app().main;
   m.form = fl_begin_form(FL_NO_BOX, 721, 606);
+  // The window grows: the inputs and the result widen with it; of the extra
+  // height the WHERE input and the SQL input take a fifth each and the result
+  // the rest. Buttons on the right keep their distance to the right edge,
+  // the bottom row its distance to the bottom edge.
   FL_OBJECT *bg = fl_add_box(FL_UP_BOX, 0, 0, 725, 625, "");
   fl_set_object_lsize(bg, FL_NORMAL_SIZE);
+  fl_set_object_resize(bg, 0, 100, 0, 100);
   m.help = fl_add_button(FL_HIDDEN_BUTTON, 0, 0, 720, 601, "");
   fl_set_object_lsize(m.help, FL_NORMAL_SIZE);
   fl_set_object_callback(m.help, myfl_cb_help, 0);
-  heading(20, 10, 110, 20, "SELECT-Abfrage");
+  fl_set_object_resize(m.help, 0, 100, 0, 100);
+  heading(20, 10, 260, 20, "SELECT-Abfrage");
   m.sel_saved = indicator(290, 10);
   m.sel_add = button(390, 10, 40, 21, "Add", zentiq_cb_add, 1);
   m.sel_del = button(430, 10, 40, 21, "Del", zentiq_cb_del, 1);
   m.sel_prev = button(470, 10, 20, 21, "@8", zentiq_cb_prev, 1);
   m.sel_next = button(490, 10, 20, 21, "@2", zentiq_cb_next, 1);
   m.sel_run = button(530, 10, 170, 21, "SELECT durchführen", zentiq_run_select, 0);
+  for (FL_OBJECT *o : {m.sel_saved, m.sel_add, m.sel_del, m.sel_prev, m.sel_next, m.sel_run})
+    fl_set_object_resize(o, 100, 0, 0, 0);
   FL_OBJECT *frame = fl_add_frame(FL_ENGRAVED_FRAME, 20, 30, 680, 120, "");
   fl_set_object_callback(frame, myfl_cb_field, 0);
+  fl_set_object_resize(frame, 0, 100, 0, 20);
   m.table = input(FL_NORMAL_INPUT, 100, 40, 590, 21, "Tabelle ", myfl_cb_field);
   m.attributes = input(FL_NORMAL_INPUT, 100, 60, 590, 21, "Attribute ", myfl_cb_field);
+  fl_set_object_resize(m.table, 0, 100, 0, 0);
+  fl_set_object_resize(m.attributes, 0, 100, 0, 0);
   label_text(20, 80, 80, 20, "WHERE /");
   m.where = input(FL_MULTILINE_INPUT, 100, 80, 590, 61, "", nullptr);
+  fl_set_object_resize(m.where, 0, 100, 0, 20);
   label_text(20, 100, 80, 20, "ORDER BY");
-  heading(20, 150, 170, 20, "Andere SQL-Befehle");
+  fl_set_object_resize(heading(20, 150, 260, 20, "Andere SQL-Befehle"), 0, 0, 20, 0);
   m.sql_saved = indicator(290, 150);
   m.sql_add = button(390, 150, 40, 21, "Add", zentiq_cb_add, 0);
   m.sql_del = button(430, 150, 40, 21, "Del", zentiq_cb_del, 0);
   m.sql_prev = button(470, 150, 20, 21, "@8", zentiq_cb_prev, 0);
   m.sql_next = button(490, 150, 20, 21, "@2", zentiq_cb_next, 0);
   m.sql_run = button(530, 150, 170, 21, "SQL-Befehl durchführen", zentiq_run_sql, 0);
+  for (FL_OBJECT *o : {m.sql_saved, m.sql_add, m.sql_del, m.sql_prev, m.sql_next, m.sql_run})
+    fl_set_object_resize(o, 100, 0, 20, 0);
   m.sql = input(FL_MULTILINE_INPUT, 20, 170, 680, 81, "", nullptr);
+  fl_set_object_resize(m.sql, 0, 100, 20, 20);
   m.result = fl_add_tabbox(2, 20, 250, 680, 320, "");
+  fl_set_object_resize(m.result, 0, 100, 40, 60);
   m.database = input(FL_NORMAL_INPUT, 570, 570, 110, 21, "Database ", myfl_cb_cmb_field);
   m.database_button = button(680, 570, 20, 21, "@2->|", myfl_cb_open_cmb, 0);
+  fl_set_object_resize(m.database, 100, 0, 100, 0);
+  fl_set_object_resize(m.database_button, 100, 0, 100, 0);
   // The console is the program's log: every diagnostic with its details.
   m.log = button(
       20, 570, 100, 21, "Protokoll", [](FL_OBJECT *, long) { fl_show_console(); }, 0);
+  fl_set_object_resize(m.log, 0, 0, 100, 0);
   fl_end_form();
 }
 

@@ -16,6 +16,7 @@
 #include <QTranslator>
 #include <QCheckBox>
 #include <QCloseEvent>
+#include <QResizeEvent>
 #include <QGuiApplication>
 #include <QIcon>
 #include <QKeyEvent>
@@ -81,6 +82,8 @@ void quit_if_no_form_shown() {
 
 // The top-level window of a form: asks the close handler before closing and
 // makes the form current when it becomes the active window.
+void relayout(FL_FORM *form);
+
 class FormWindow : public QWidget {
 public:
   explicit FormWindow(FL_FORM *form) : form_(form) {
@@ -99,6 +102,10 @@ protected:
     form_->visible = 0;
     if (g.current == form_) g.current = nullptr;
     quit_if_no_form_shown();
+  }
+  void resizeEvent(QResizeEvent *event) override {
+    QWidget::resizeEvent(event);
+    relayout(form_);
   }
   void changeEvent(QEvent *event) override {
     if (event->type() == QEvent::ActivationChange && isActiveWindow() && g.current != form_) {
@@ -259,6 +266,41 @@ void update_label(FL_OBJECT *obj) {
   obj->label_widget->setVisible(obj->visible != 0);
   obj->label_widget->setEnabled(obj->active != 0);
   obj->label_widget->update();
+}
+
+// Places an object with a resize rule for the window's current size: its
+// geometry at the form's own size plus its shares of the growth.
+void place_by_rule(FL_OBJECT *obj) {
+  FL_FORM *form = obj->form;
+  if (!form || !form->window) return;
+  int gw = std::max(0, form->window->width() - form->w);
+  int gh = std::max(0, form->window->height() - form->h);
+  obj->x = obj->base_x + gw * obj->follow[0] / 100;
+  obj->w = obj->base_w + gw * obj->follow[1] / 100;
+  obj->y = obj->base_y + gh * obj->follow[2] / 100;
+  obj->h = obj->base_h + gh * obj->follow[3] / 100;
+  if (QWidget *w = obj->widget) {
+    QSize old = w->size();
+    w->setGeometry(obj->x, obj->y, obj->w, obj->h);
+    // A hidden widget hears of its new size only when shown: widgets that
+    // keep metrics of their size (the tabbox's lines) are told now.
+    if (!w->isVisible() && old != w->size()) {
+      QResizeEvent e(w->size(), old);
+      QCoreApplication::sendEvent(w, &e);
+    }
+  }
+  update_label(obj);
+}
+
+bool has_rule(const FL_OBJECT *obj) {
+  return obj->follow[0] || obj->follow[1] || obj->follow[2] || obj->follow[3];
+}
+
+// Moves and sizes every object with a resize rule after the window changed.
+void relayout(FL_FORM *form) {
+  if (!form->resizable) return;
+  for (FL_OBJECT *obj : form->objects)
+    if (has_rule(obj)) place_by_rule(obj);
 }
 
 // The label of a native control: "&" is no mnemonic there.
@@ -546,6 +588,18 @@ void fl_set_form_minsize(FL_FORM *form, int w, int h) {
 
 void fl_set_form_maxsize(FL_FORM *form, int w, int h) {
   if (form) form->window->setMaximumSize(w, h);
+}
+
+void fl_set_form_size(FL_FORM *form, int w, int h) {
+  if (!form) return;
+  form->window->resize(std::max(w, form->w), std::max(h, form->h));
+  relayout(form); // a hidden window gets its resize event only when shown
+}
+
+void fl_get_form_size(FL_FORM *form, int *w, int *h) {
+  QSize s = form ? form->window->size() : QSize();
+  if (w) *w = s.width();
+  if (h) *h = s.height();
 }
 
 void fl_set_form_title(FL_FORM *form, const char *title) {
@@ -855,8 +909,26 @@ void fl_set_object_geometry(FL_OBJECT *obj, int x, int y, int w, int h) {
   obj->y = y;
   obj->w = w;
   obj->h = h;
+  if (has_rule(obj)) {
+    obj->base_x = x, obj->base_y = y, obj->base_w = w, obj->base_h = h;
+    place_by_rule(obj);
+    return;
+  }
   if (obj->widget) obj->widget->setGeometry(x, y, w, h);
   update_label(obj);
+}
+
+void fl_set_object_resize(FL_OBJECT *obj, int move_x, int grow_w, int move_y, int grow_h) {
+  if (!obj) return;
+  // The rule starts from the geometry at the form's own size: taken back
+  // from the current one when a rule was in force already.
+  if (!has_rule(obj)) {
+    obj->base_x = obj->x, obj->base_y = obj->y, obj->base_w = obj->w, obj->base_h = obj->h;
+  }
+  obj->follow[0] = move_x, obj->follow[1] = grow_w, obj->follow[2] = move_y;
+  obj->follow[3] = grow_h;
+  if (obj->form) obj->form->resizable = 1;
+  place_by_rule(obj);
 }
 
 FL_CALLBACKPTR fl_set_object_callback(FL_OBJECT *obj, FL_CALLBACKPTR callback, long argument) {

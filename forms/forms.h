@@ -1,4 +1,5 @@
-// The forms toolkit: forms (top-level windows of fixed size) filled with
+// The forms toolkit: forms (top-level windows, fixed in size unless objects
+// carry a resize rule) filled with
 // objects (buttons, check buttons, boxes, texts, frames, inputs, list boxes and
 // custom classes such as the tabbox), each with a label, a look, an optional
 // keyboard shortcut and a callback; plus the toolkit's start, end and event
@@ -197,14 +198,20 @@ struct FL_OBJECT {
   std::string text_buffer;          // inputs: the text handed out by fl_get_input
   std::string line_buffer;          // list boxes: the last line read
   void *user_data = nullptr;        // free for the application and the framework
+  // Resize rule (see fl_set_object_resize): percent of the window's growth
+  // beyond the form's size by which x moves, w grows, y moves, h grows; and
+  // the geometry at the form's own size that the rule starts from.
+  int follow[4] = {0, 0, 0, 0};
+  int base_x = 0, base_y = 0, base_w = 0, base_h = 0;
 };
 
 // The record of one form.
 struct FL_FORM {
   QWidget *window = nullptr; // the top-level window; owned by the form
   std::string title;
-  int w = 0, h = 0;
+  int w = 0, h = 0;           // the form's own (smallest) size
   int x = -1, y = -1;         // requested position; -1 until placed
+  int resizable = 0;          // 1 once an object has a resize rule
   FL_OBJECT *first = nullptr; // the object ring
   FL_OBJECT *focus = nullptr; // object that had the focus last
   int has_shortcuts = 0;
@@ -281,6 +288,10 @@ void fl_get_form_position(FL_FORM *form, int *x, int *y);
 // Limits the window size (both default to the form's size).
 void fl_set_form_minsize(FL_FORM *form, int w, int h);
 void fl_set_form_maxsize(FL_FORM *form, int w, int h);
+// Resizes the window (not below the form's own size); objects with a resize
+// rule follow at once. The window's current size into *w, *h.
+void fl_set_form_size(FL_FORM *form, int w, int h);
+void fl_get_form_size(FL_FORM *form, int *w, int *h);
 void fl_set_form_title(FL_FORM *form, const char *title);
 // Enables / disables the whole form.
 void fl_activate_form(FL_FORM *form);
@@ -355,7 +366,17 @@ void fl_set_object_lstyle(FL_OBJECT *obj, int style);
 void fl_set_object_color(FL_OBJECT *obj, int color1, int color2);
 void fl_set_object_label(FL_OBJECT *obj, const char *label);
 const char *fl_get_object_label(FL_OBJECT *obj);
+// Geometry as at the form's own size; an object with a resize rule is then
+// placed for the window's current size.
 void fl_set_object_geometry(FL_OBJECT *obj, int x, int y, int w, int h);
+// How the object follows a window that is larger than its form: of the
+// growth in width, move_x percent moves the object right and grow_w percent
+// widens it; of the growth in height, move_y and grow_h alike (0 0 0 0: the
+// object keeps its place, 100 0 100 0: it keeps its distance to the bottom
+// right corner). Objects stacked in one direction share the growth by their
+// percentages. A form with such an object may be resized and maximised, not
+// made smaller than its own size; outside labels move with their objects.
+void fl_set_object_resize(FL_OBJECT *obj, int move_x, int grow_w, int move_y, int grow_h);
 // Stores callback and argument; returns the previous callback.
 FL_CALLBACKPTR fl_set_object_callback(FL_OBJECT *obj, FL_CALLBACKPTR callback, long argument);
 // Runs the object's callback as if the user had used the object (nothing

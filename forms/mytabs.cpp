@@ -799,10 +799,42 @@ void fl_set_tabbox_fontstyle(FL_OBJECT *obj, int style) {
   tabbox_redraw(obj);
 }
 
+std::string fl_tabbox_column_names(const char *title) {
+  std::string names, field;
+  std::string_view t = title ? title : "";
+  size_t start = 0;
+  while (start <= t.size()) {
+    size_t bar = t.find('|', start);
+    std::string_view f = t.substr(start, bar == std::string_view::npos ? bar : bar - start);
+    if (!names.empty() || start > 0) names += '|';
+    names += trimmed(f);
+    if (bar == std::string_view::npos) break;
+    start = bar + 1;
+  }
+  return names;
+}
+
+int fl_cycle_tabbox_sort(FL_OBJECT *obj, int col) {
+  FL_TABBOX_REC *r = rec_of(obj, "fl_cycle_tabbox_sort");
+  if (!r || col < 1 || col >= r->slots) return -1;
+  int dir = 1;
+  if (r->nsort == 1 && r->sort_cols[0] == col) dir = r->sort_dirs[0] == 1 ? 0 : -1;
+  if (dir < 0) {
+    fl_set_tabbox_sort(obj, 0, nullptr, nullptr);
+  } else {
+    fl_set_tabbox_sort(obj, 1, &col, &dir);
+  }
+  return dir;
+}
+
 int fl_set_tabbox_title(FL_OBJECT *obj, const char *text) {
   FL_TABBOX_REC *r = rec_of(obj, "fl_set_tabbox_title");
   if (!r) return 0;
   std::string_view t = text ? text : "";
+  // A sort belongs to its result: other columns start unsorted.
+  if (r->nsort > 0 &&
+      fl_tabbox_column_names(r->full_title.c_str()) != fl_tabbox_column_names(text))
+    fl_set_tabbox_sort(obj, 0, nullptr, nullptr);
   r->full_title = std::string(t);
   reset_columns(r, count_bars(t) + 2);
   r->changed = 1;

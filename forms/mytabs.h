@@ -51,6 +51,13 @@ int fl_get_tabbox_properties(FL_OBJECT *obj, int *slots, int **col_end, int **co
                              int **col_visible, int *nsort, int **sort_cols, int **sort_dirs,
                              int *maxwidth, int **col_maxwidth);
 void fl_set_tabbox_sort(FL_OBJECT *obj, int n, const int *cols, const int *dirs);
+// A press on the title of column slot col: the tabbox is sorted by that
+// column alone, ascending; pressed again descending; a third time unsorted.
+// Returns the column's direction now (1 ascending, 0 descending, -1 unsorted).
+int fl_cycle_tabbox_sort(FL_OBJECT *obj, int col);
+// The column names of a title ("A | B|C" -> "A|B|C"): what a sort belongs to.
+// A new title with other names drops the sort keys; the same names keep them.
+std::string fl_tabbox_column_names(const char *title);
 void fl_set_tabbox_maxwidth(FL_OBJECT *obj, int width);
 void fl_set_tabbox_comma(FL_OBJECT *obj, int places);
 int fl_get_tabbox_comma(FL_OBJECT *obj);

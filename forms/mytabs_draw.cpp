@@ -293,6 +293,49 @@ int popup_shortcut(FL_OBJECT *obj, int key) {
   return 0;
 }
 
+// The column slot whose title holds display-title position q, or -1.
+int title_column(const FL_TABBOX_REC *r, int q) {
+  const std::string &t = r->title;
+  if (q < 0 || q >= static_cast<int>(t.size()) || t[q] == '|') return -1;
+  size_t bars = static_cast<size_t>(std::count(t.begin(), t.begin() + q, '|'));
+  return bars < r->plan.size() ? r->plan[bars].col : -1;
+}
+
+// Draws the marker of each sort key in the title line: a small triangle,
+// pointing up for ascending and down for descending, in the last cell of the
+// key's column (just left of its "|"). The title text itself is unchanged.
+void draw_sort_markers(QPainter &p, const FL_TABBOX_REC *r, int tx, int th, QColor color) {
+  const std::string &t = r->title;
+  for (int k = 0; k < r->nsort; ++k) {
+    int shown = -1;
+    for (size_t i = 0; i < r->plan.size(); ++i)
+      if (r->plan[i].col == r->sort_cols[k]) shown = static_cast<int>(i);
+    if (shown < 0) continue;
+    // The column's end: its "|" in the display title, or the title's end.
+    size_t end = 0;
+    int bars = 0;
+    for (end = 0; end < t.size(); ++end)
+      if (t[end] == '|' && bars++ == shown) break;
+    int cell = static_cast<int>(end) - 1 - r->offset;
+    if (cell < 0 || cell > r->visible_chars) continue;
+    int x = tx + cell * r->char_w;
+    int w = std::max(4, r->char_w * 3 / 4), h = std::max(3, w / 2 + 1);
+    int y = BW + (th - BW - h) / 2;
+    int right = x + r->char_w - 1;
+    QPolygon tri;
+    if (r->sort_dirs[k])
+      tri << QPoint(right - w, y + h) << QPoint(right, y + h) << QPoint(right - w / 2, y);
+    else
+      tri << QPoint(right - w, y) << QPoint(right, y) << QPoint(right - w / 2, y + h);
+    p.save();
+    p.setRenderHint(QPainter::Antialiasing, true);
+    p.setPen(Qt::NoPen);
+    p.setBrush(color);
+    p.drawPolygon(tri);
+    p.restore();
+  }
+}
+
 // Ends a column resize of r (the record shown) at widget x (title line or
 // not). In vertical display r is the companion: its columns are the lines
 // turned, so the new width is kept with the companion (across rebuilds of the
@@ -486,6 +529,18 @@ void TabboxWidget::press(QPoint pos, Qt::MouseButton button, bool dbl) {
     if (p >= 1 && p < static_cast<int>(r->title.size()) && r->title[p - 1] == '|') {
       r->resize_col = p - 1;
       setCursor(Qt::SizeAllCursor);
+      return;
+    }
+    // A left press on a column's title sorts by that column (the columns of
+    // the horizontal display only: the turned display has no such columns).
+    int col = r == own_of(obj) && button == Qt::LeftButton ? title_column(r, p - 1) : -1;
+    if (col > 0) {
+      fl_cycle_tabbox_sort(obj, col);
+      TabboxHooks &h = fl_tabbox_hooks();
+      if (h.refresh)
+        h.refresh(obj);
+      else
+        fl_draw_tabbox(obj);
     }
     return;
   }
@@ -636,6 +691,7 @@ void TabboxWidget::draw(QPainter &p) {
   p.setPen(pal.color(QPalette::ButtonText));
   QFontMetrics tfm(tfont);
   p.drawText(tx, BW + tfm.ascent(), visible_part(r->title));
+  if (r == own) draw_sort_markers(p, r, tx, th, pal.color(QPalette::Highlight));
   // The visible lines.
   QFont font = fl_style_font(r->fontstyle, r->fontsize);
   p.setFont(font);

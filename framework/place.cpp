@@ -107,6 +107,16 @@ int myfl_read_form_position(const char *name, int *x, int *y) {
   return std::sscanf(rest + 1, "%d %d", x, y) == 2 ? 1 : 0;
 }
 
+int myfl_read_form_size(const char *name, int *w, int *h) {
+  if (!name || !*name) return 0;
+  std::string key = position_key(name);
+  const char *line = INI_GetLine(myfl_get_appl_name(), key.c_str());
+  const char *rest = line ? std::strchr(line, ']') : nullptr;
+  int x = 0, y = 0;
+  if (!rest || std::sscanf(rest + 1, "%d %d %d %d", &x, &y, w, h) != 4) return 0;
+  return 1;
+}
+
 int myfl_show_form(FL_FORM *form, const char *title) {
   if (!form) return 0;
   myfl_install_keyboard_hook();
@@ -126,7 +136,22 @@ int myfl_show_form(FL_FORM *form, const char *title) {
     h = info->h;
   }
   fl_set_form_minsize(form, w, h);
-  fl_set_form_maxsize(form, w, h);
+  if (form->resizable) {
+    // A stored size is kept within the screen and not below the form's own.
+    fl_set_form_maxsize(form, QWIDGETSIZE_MAX, QWIDGETSIZE_MAX);
+    int sw = 0, sh = 0;
+    if (info && myfl_read_form_size(info->name.c_str(), &sw, &sh))
+      fl_set_form_size(form, std::min(sw, std::max(w, fl_screen_width())),
+                       std::min(sh, std::max(h, fl_screen_height())));
+    int cw = 0, ch = 0;
+    fl_get_form_size(form, &cw, &ch);
+    if (stored) {
+      x = std::max(0, std::min(x, fl_screen_width() - cw));
+      y = std::max(0, std::min(y, fl_screen_height() - ch));
+    }
+  } else {
+    fl_set_form_maxsize(form, w, h);
+  }
   if (stored) {
     fl_set_form_position(form, x, y);
     fl_show_form(form, FL_PLACE_POSITION, 1, title);
@@ -159,7 +184,15 @@ void myfl_hide_form(FL_FORM *form) {
     if (y >= info->dy) y -= info->dy;
     std::string key = position_key(info->name);
     char line[INI_LINE_MAX];
-    std::snprintf(line, sizeof line, "[%s] %d %d\n", key.c_str(), x, y);
+    if (form->resizable) {
+      // A maximised window stores the size it returns to.
+      QSize size = form->window->isMaximized() ? form->window->normalGeometry().size()
+                                               : form->window->size();
+      std::snprintf(line, sizeof line, "[%s] %d %d %d %d\n", key.c_str(), x, y, size.width(),
+                    size.height());
+    } else {
+      std::snprintf(line, sizeof line, "[%s] %d %d\n", key.c_str(), x, y);
+    }
     INI_PutLine(myfl_get_appl_name(), key.c_str(), line);
   }
   fl_hide_form(form);

@@ -65,17 +65,23 @@ int myfl_get_form_name(FL_FORM *form, char *buffer, int size);
 int myfl_get_form_number(FL_FORM *form, int *number);
 
 // Shows the form with the title: at the position stored under "<name>_XY"
-// (pulled back onto the screen), else centred; fixes its size; clears the
+// (pulled back onto the screen), else centred; fixes its size, or for a form
+// whose objects follow the window (fl_set_object_resize) lets it grow from
+// its own size and restores the size stored with the position; clears the
 // modifier state; puts the mouse pointer in its middle and gives the focus to
 // its first focus object (or the next input after it). Returns 1.
 int myfl_show_form(FL_FORM *form, const char *title);
 // Writes the form's position (less the decoration offsets) under
-// "<name>_XY" as "[<key>] <x> <y>\n" and hides the form. Forms without a
-// record or name are hidden without storing a position.
+// "<name>_XY" as "[<key>] <x> <y>\n", for a resizable form followed by its
+// window size (the unmaximised one) as "[<key>] <x> <y> <w> <h>\n", and hides
+// the form. Forms without a record or name are hidden without storing.
 void myfl_hide_form(FL_FORM *form);
 // The stored position of a form name: 1 and x, y when the entry exists and
 // reads as two numbers, else 0.
 int myfl_read_form_position(const char *name, int *x, int *y);
+// The stored size of a form name: 1 and w, h when the entry holds a size
+// after the position, else 0 (entries of fixed forms have none).
+int myfl_read_form_size(const char *name, int *w, int *h);
 
 // ---- Modifier keys ----------------------------------------------------------------
 

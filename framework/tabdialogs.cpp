@@ -229,6 +229,7 @@ void set_ok_cb(FL_OBJECT *, long) {
     std::string line =
         myfl_tabbox_ini_line(key, vertical, kz, p.n, p.order, nkeys, g_set.keys.data(),
                              g_set.dirs.data(), p.maxwidth, p.colmax);
+    if (nkeys > 0) line.insert(line.size() - 1, myfl_tabbox_columns_token(tb) + " ");
     INI_PutLine(myfl_get_appl_name(), key.c_str(), line.c_str());
   }
   fl_set_tabbox_sort(tb, nkeys, g_set.keys.data(), g_set.dirs.data());

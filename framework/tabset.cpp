@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <vector>
 
@@ -106,6 +108,17 @@ void settings_hook(FL_OBJECT *obj) {
 
 } // namespace
 
+std::string myfl_tabbox_columns_token(FL_OBJECT *tabbox) {
+  uint32_t h = 2166136261u;
+  for (unsigned char c : fl_tabbox_column_names(fl_get_tabbox_full_title(tabbox))) {
+    h ^= c;
+    h *= 16777619u;
+  }
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "c%08x", static_cast<unsigned>(h));
+  return buf;
+}
+
 std::string myfl_tabbox_ini_key(FL_OBJECT *tabbox) {
   std::string name = myfl_get_tabbox_name(tabbox);
   int nr = myfl_get_tabbox_tablenr(tabbox);
@@ -142,6 +155,8 @@ int myfl_save_tabbox_ini(FL_OBJECT *tabbox) {
   std::string key = myfl_tabbox_ini_key(tabbox);
   std::string line = myfl_tabbox_ini_line(key, fl_get_tabbox_vert(tabbox), m->kz_dbnames, slots,
                                           order, nsort, cols, dirs, maxwidth, colmax);
+  // The sort keys hold only for the columns they were chosen on.
+  if (nsort > 0) line.insert(line.size() - 1, myfl_tabbox_columns_token(tabbox) + " ");
   INI_PutLine(myfl_get_appl_name(), key.c_str(), line.c_str());
   return 1;
 }
@@ -225,10 +240,13 @@ void myfl_load_tabbox_ini(FL_OBJECT *tabbox) {
   std::vector<int> sort_cols, sort_dirs;
   sort_cols.reserve(10);
   sort_dirs.reserve(10);
+  const std::string columns = myfl_tabbox_columns_token(tabbox);
+  bool same_columns = false;
   while (p < v.size() && v[p] != '\n') {
     skip_blanks(v, p);
     if (p >= v.size() || v[p] == '\n' || v[p] == '\r') break;
     int num = 0;
+    if (v.compare(p, columns.size(), columns) == 0) same_columns = true;
     if (!is_digit(v[p]) || !read_int(v, p, &num)) {
       while (p < v.size() && v[p] != ' ' && v[p] != '\n') ++p;
       continue;
@@ -256,6 +274,10 @@ void myfl_load_tabbox_ini(FL_OBJECT *tabbox) {
     }
     while (p < v.size() && v[p] != ' ' && v[p] != '\n') ++p;
   }
+  // A stored sort is applied again only to a result with the same columns
+  // (the tabbox then shows it in its title line); any other result keeps
+  // the order the server gave it.
+  if (!same_columns) sort_cols.clear(), sort_dirs.clear();
   fl_set_tabbox_sort(tabbox, static_cast<int>(sort_cols.size()), sort_cols.data(),
                      sort_dirs.data());
   if (vert) fl_set_tabbox_vert(tabbox);

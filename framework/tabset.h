@@ -1,6 +1,7 @@
 // The stored presentation of managed tabboxes: one line of the application's
 // INI file per tabbox, "[KEY] [v ]K N order... sortkeys... [Wm ]col|width...\n"
-// (K the database-names flag 1/0, N the column slot count), written from
+// (K the database-names flag 1/0, N the column slot count; with sort keys a
+// token "c<hash>" of the column names they belong to), written from
 // and applied to the tabbox's properties; the edits made when the user drags
 // a column width or chooses "Spalten optimieren"; and the installation of
 // these as the tabbox's settings hooks.
@@ -27,6 +28,11 @@ std::string myfl_tabbox_ini_key(FL_OBJECT *tabbox);
 std::string myfl_tabbox_ini_line(const std::string &key, int vertical, int kz_dbnames, int slots,
                                  const int *order, int nsort, const int *sort_cols,
                                  const int *sort_dirs, int maxwidth, const int *colmax);
+
+// The token that names the columns a stored sort belongs to: "c" and the
+// FNV-1a hash of the title's column names in hex. Settings lines carry it
+// after their sort keys; a line's keys are applied only when it matches.
+std::string myfl_tabbox_columns_token(FL_OBJECT *tabbox);
 
 // Writes the tabbox's current properties under its key. Returns 1, 0 while
 // it has no title.

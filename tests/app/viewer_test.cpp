@@ -6,6 +6,8 @@
 
 #include <sys/wait.h>
 
+#include <QFontMetrics>
+
 #include "app/detail.h"
 #include "app/doku.h"
 #include "app/mainform.h"
@@ -16,10 +18,12 @@
 #include "app/viewer.h"
 #include "db/access/session.h"
 #include "forms/console.h"
+#include "forms/fonts.h"
 #include "forms/keyfilter.h"
 #include "framework/combo.h"
 #include "framework/dbtabbox.h"
 #include "framework/help.h"
+#include "framework/tabdialogs.h"
 #include "tests/framework/framework_testutil.h"
 
 namespace {
@@ -453,6 +457,69 @@ TEST_F(Viewer, TypedChangesAreCountedAndConfirmed) {
                      "ckgenommen!\n2 statt 1 Zeilen in RC betroffen|");
   EXPECT_EQ(other_out("SELECT COUNT(*) FROM RC"), "COUNT(*)\n2\n");
   EXPECT_EQ(db_depth(), 0);
+}
+
+TEST_F(Viewer, MainFormAndDetailDialogGrowWithTheirWindows) {
+  use_demo();
+  select("KUNDE", "", "");
+  FL_FORM *f = m().form;
+  // Every text label of both forms fits its object at the form's own size.
+  for (FL_FORM *form : {f, app().detail.form})
+    for (FL_OBJECT *o : form->objects) {
+      if (o->objclass != FL_TEXT || o->label.empty()) continue;
+      QFontMetrics fm(fl_style_font(o->lstyle, o->lsize));
+      EXPECT_LE(fm.horizontalAdvance(QString::fromLatin1(o->label.c_str())) + 6, o->w) << o->label;
+    }
+  int lines = fl_get_tabbox_screenlines(m().result);
+  fl_set_form_size(f, 1021, 806);
+  EXPECT_EQ(m().result->widget->geometry(), QRect(20, 330, 980, 440)) << "the result grows most";
+  EXPECT_EQ(m().where->w, 890);
+  EXPECT_EQ(m().sql->widget->geometry(), QRect(20, 210, 980, 121));
+  EXPECT_GT(fl_get_tabbox_screenlines(m().result), lines + 5);
+  EXPECT_EQ(m().sel_run->widget->geometry(), QRect(830, 10, 170, 21)) << "right edge kept";
+  EXPECT_EQ(m().database_button->widget->geometry(), QRect(980, 770, 20, 21)) << "corner kept";
+  EXPECT_EQ(m().log->widget->geometry(), QRect(20, 770, 100, 21));
+  fl_set_form_size(f, f->w, f->h);
+  EXPECT_EQ(m().result->widget->geometry(), QRect(20, 250, 680, 320));
+
+  open_detail(1, 0);
+  ZqDetailForm &d = app().detail;
+  fl_set_form_size(d.form, 791, 761);
+  EXPECT_EQ(d.tabbox->widget->geometry(), QRect(20, 40, 750, 665));
+  EXPECT_EQ(d.value->widget->geometry(), QRect(60, 720, 630, 21));
+  EXPECT_EQ(d.update->widget->geometry(), QRect(700, 720, 70, 21));
+  fl_set_form_size(d.form, d.form->w, d.form->h);
+  myfl_hide_form(d.form);
+  fl_activate_form(f);
+}
+
+TEST_F(Viewer, ASortStaysWithItsResult) {
+  use_demo();
+  auto keys = [this] {
+    int n, *end, *order, *visible, nsort, *cols, *dirs, maxwidth, *colmax;
+    fl_get_tabbox_properties(m().result, &n, &end, &order, &visible, &nsort, &cols, &dirs,
+                             &maxwidth, &colmax);
+    std::string k;
+    for (int i = 0; i < nsort; ++i) k += std::to_string(cols[i]) + (dirs[i] ? "u" : "d");
+    return k;
+  };
+  const char *ids = "SELECT KUNDE_ID, NAME FROM KUNDE WHERE KUNDE_ID < 4 ORDER BY KUNDE_ID;";
+  run_sql(ids);
+  MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
+  myfl_open_tabbox_sort(m().result);
+  ASSERT_TRUE(d.sort->visible);
+  fl_select_listbox_line(d.sort_columns, 1);
+  QTest::mouseClick(d.sort_down->widget, Qt::LeftButton);
+  QTest::mouseClick(d.sort_ok->widget, Qt::LeftButton);
+  EXPECT_EQ(keys(), "1d");
+  EXPECT_THAT(std::string(fl_get_tabbox_full_line(m().result, 1)), testing::StartsWith("3"));
+  // The same query again keeps the sort; an unrelated one keeps its ORDER BY.
+  run_sql(ids);
+  EXPECT_EQ(keys(), "1d");
+  EXPECT_THAT(std::string(fl_get_tabbox_full_line(m().result, 1)), testing::StartsWith("3"));
+  run_sql("SELECT NAME, KUNDE_ID FROM KUNDE WHERE KUNDE_ID < 4 ORDER BY KUNDE_ID;");
+  EXPECT_EQ(keys(), "");
+  EXPECT_THAT(std::string(fl_get_tabbox_full_line(m().result, 1)), testing::HasSubstr("| 1 "));
 }
 
 TEST_F(Viewer, DetailDialogChangesTheRowOnScreenOnlyWhileItIsUnchanged) {

@@ -63,6 +63,43 @@ TEST_F(Place, StoredPositionsArePulledBackOntoTheScreen) {
       << "unreadable: centred";
 }
 
+TEST_F(Place, AGrowingFormMovesItsObjectsByTheirRulesAndKeepsItsSize) {
+  FL_FORM *f = fl_begin_form(0, 300, 200);
+  FL_OBJECT *grow = fl_add_input(FL_MULTILINE_INPUT, 60, 10, 230, 60, "Text");
+  FL_OBJECT *below = fl_add_input(FL_NORMAL_INPUT, 60, 80, 230, 60, "");
+  FL_OBJECT *corner = fl_add_button(FL_NORMAL_BUTTON, 220, 170, 70, 21, "OK");
+  FL_OBJECT *fixed = fl_add_button(FL_NORMAL_BUTTON, 10, 170, 70, 21, "Hilfe");
+  fl_end_form();
+  fl_set_object_resize(grow, 0, 100, 0, 40);
+  fl_set_object_resize(below, 0, 100, 40, 60);
+  fl_set_object_resize(corner, 100, 0, 100, 0);
+  myfl_set_form_name(f, -1, "Gross");
+  myfl_show_form(f, "Gross");
+  EXPECT_EQ(f->window->minimumSize(), QSize(300, 200));
+  EXPECT_GT(f->window->maximumWidth(), 2000) << "the window may grow and be maximised";
+  fl_set_form_size(f, 400, 300);
+  QApplication::processEvents();
+  EXPECT_EQ(grow->widget->geometry(), QRect(60, 10, 330, 100));
+  EXPECT_EQ(below->widget->geometry(), QRect(60, 120, 330, 120)) << "stacked: shares, no overlap";
+  EXPECT_EQ(corner->widget->geometry(), QRect(320, 270, 70, 21)) << "same distance to the corner";
+  EXPECT_EQ(fixed->widget->geometry(), QRect(10, 170, 70, 21));
+  EXPECT_EQ(grow->label_widget->geometry().right(), 59) << "the label stays left of its input";
+  fl_set_object_geometry(corner, 200, 170, 90, 21); // geometry as at the form's own size
+  EXPECT_EQ(corner->widget->geometry(), QRect(300, 270, 90, 21));
+  fl_set_form_size(f, 100, 100);
+  EXPECT_EQ(f->window->size(), QSize(300, 200)) << "never below the form's own size";
+  EXPECT_EQ(grow->widget->geometry(), QRect(60, 10, 230, 60));
+  fl_set_form_size(f, 500, 400);
+  fl_set_form_position(f, 20, 30);
+  myfl_hide_form(f);
+  EXPECT_EQ(ini_line("Gross_XY"), "[Gross_XY] 20 30 500 400\n");
+  myfl_show_form(f, "Gross");
+  QApplication::processEvents();
+  EXPECT_EQ(f->window->size(), QSize(500, 400)) << "the stored size comes back";
+  EXPECT_EQ(grow->widget->width(), 430);
+  fl_hide_form(f);
+}
+
 TEST_F(Place, NamesFallBackToTheHelpKeyAndModifiersClearOnShow) {
   char name[32] = "x";
   int n = 0;

@@ -163,7 +163,7 @@ TEST_F(TabDialogs, SettingsDialogWritesTheSettingsLine) {
   click(d.set_ok);
   EXPECT_FALSE(d.settings->visible);
   EXPECT_EQ(last_box(), "Nachkommastellen werden erst nach Neubefüllung berücksichtigt!");
-  EXPECT_EQ(setting(), "[Liste] v 0 4 1 3 -1 1d 3m \n");
+  EXPECT_EQ(setting(), "[Liste] v 0 4 1 3 -1 1d 3m " + myfl_tabbox_columns_token(tb_) + " \n");
   EXPECT_EQ(fl_get_tabbox_vert(tb_), 1);
   EXPECT_EQ(fl_get_tabbox_comma(tb_), 2);
   // The tabbox was refreshed with the stored settings.
@@ -194,11 +194,59 @@ TEST_F(TabDialogs, SortDialogSetsAndStoresTheKeys) {
   EXPECT_EQ(fl_get_listbox_maxline(d.sort_keys), 2);
   click(d.sort_ok);
   EXPECT_FALSE(d.sort->visible);
-  EXPECT_EQ(setting(), "[Liste] 0 4 1 2 3 3u 1u \n");
+  EXPECT_EQ(setting(), "[Liste] 0 4 1 2 3 3u 1u " + myfl_tabbox_columns_token(tb_) + " \n");
   fl_layout_tabbox(tb_);
   EXPECT_THAT(std::string(fl_get_tabbox_full_line(tb_, 1)), testing::StartsWith("B\tC "));
   myfl_close_tabbox_sort();
   EXPECT_EQ(messages(), "Sortierung-Tabbox-Dialog bereits geschlossen\n");
+}
+
+TEST_F(TabDialogs, ASortBelongsToItsColumnsIsShownAndFollowsTitleClicks) {
+  make(2);
+  const std::string title = fl_get_tabbox_full_title(tb_);
+  // Highlight-coloured pixels in the title line: the sort marker.
+  auto marked = [&] {
+    fl_layout_tabbox(tb_);
+    QImage img = tb_->widget->grab().toImage();
+    QRgb mark = tb_->widget->palette().color(QPalette::Highlight).rgb();
+    int n = 0;
+    for (int y = 0; y < tabbox_list_y(tb_) - 1; ++y)
+      for (int x = 0; x < img.width(); ++x) n += img.pixel(x, y) == mark;
+    return n;
+  };
+  auto sort_of = [&] {
+    int n, *end, *order, *visible, nsort, *cols, *dirs, maxwidth, *colmax;
+    fl_get_tabbox_properties(tb_, &n, &end, &order, &visible, &nsort, &cols, &dirs, &maxwidth,
+                             &colmax);
+    std::string keys;
+    for (int i = 0; i < nsort; ++i) keys += std::to_string(cols[i]) + (dirs[i] ? "u" : "d");
+    return keys;
+  };
+  EXPECT_EQ(marked(), 0);
+  // A click on the title of "Name" sorts by it, again descending, then off.
+  int cw, ch;
+  tabbox_char_size(tb_, &cw, &ch);
+  QPoint on_name(tabbox_text_x(tb_) + cw / 2, ch / 2 + 2);
+  QTest::mouseClick(tb_->widget, Qt::LeftButton, {}, on_name);
+  EXPECT_EQ(sort_of(), "1u");
+  EXPECT_GT(marked(), 0) << "the active sort is shown";
+  QTest::mouseClick(tb_->widget, Qt::LeftButton, {}, on_name);
+  EXPECT_EQ(sort_of(), "1d");
+  EXPECT_EQ(std::string(fl_get_tabbox_full_line(tb_, 1)).substr(0, 4), "Dora");
+  QTest::mouseClick(tb_->widget, Qt::LeftButton, {}, on_name);
+  EXPECT_EQ(sort_of(), "");
+  EXPECT_EQ(marked(), 0);
+
+  // A stored sort comes back for the same columns only.
+  fl_set_tabbox_sort(tb_, 1, std::vector<int>{3}.data(), std::vector<int>{0}.data());
+  ASSERT_EQ(myfl_save_tabbox_ini(tb_), 1);
+  fl_set_tabbox_title(tb_, "Kunde|Ort|PLZ");
+  EXPECT_EQ(sort_of(), "") << "other columns: the server's order holds";
+  fl_set_tabbox_title(tb_, title.c_str());
+  EXPECT_EQ(sort_of(), "3d");
+  INI_PutLine("app", "Liste", "[Liste] 0 4 1 2 3 3u \n"); // a line of unknown columns
+  fl_set_tabbox_title(tb_, title.c_str());
+  EXPECT_EQ(sort_of(), "");
 }
 
 TEST_F(TabDialogs, ViewerShowsTheSelectedLine) {

@@ -60,7 +60,7 @@ TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
   const int cols[] = {1}, dirs[] = {1};
   fl_set_tabbox_sort(tb_, 1, cols, dirs);
   ASSERT_EQ(myfl_save_tabbox_ini(tb_), 1);
-  EXPECT_EQ(ini(), "[Kunden_2] 0 4 3 1 -1 1u 3|12 \n");
+  EXPECT_EQ(ini(), "[Kunden_2] 0 4 3 1 -1 1u 3|12 " + myfl_tabbox_columns_token(tb_) + " \n");
 
   // Setting the title again resets the columns; the hook restores them, so
   // that saving writes the same line.
@@ -68,16 +68,22 @@ TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
   fl_layout_tabbox(tb_);
   EXPECT_EQ(std::string(fl_get_tabbox_title(tb_)), "Anzahl | Name" + std::string(15, ' '));
   myfl_save_tabbox_ini(tb_);
-  EXPECT_EQ(ini(), "[Kunden_2] 0 4 3 1 -1 1u 3|12 \n");
+  EXPECT_EQ(ini(), "[Kunden_2] 0 4 3 1 -1 1u 3|12 " + myfl_tabbox_columns_token(tb_) + " \n");
 
   // Vertical display, database names, a global width and a descending key.
   myfl_set_tabbox_kz_dbnames(tb_, 0, "KD_NAME,KD_ORT,KD_ANZ");
+  // The sort key is kept for the columns named by the line's token only:
+  // the database names are other names.
   put("Kunden_2", "[Kunden_2] v 1 4 1 2 3 2d 7m \n");
   myfl_draw_tabbox(tb_);
   EXPECT_EQ(fl_get_tabbox_vert(tb_), 1);
   EXPECT_THAT(std::string(fl_get_tabbox_full_title(tb_)), testing::StartsWith("KD_NAME"));
+  EXPECT_EQ(props().nsort, 0);
+  const std::string token = myfl_tabbox_columns_token(tb_);
+  put("Kunden_2", ("[Kunden_2] v 1 4 1 2 3 2d 7m " + token + " \n").c_str());
+  myfl_draw_tabbox(tb_);
   myfl_save_tabbox_ini(tb_);
-  EXPECT_EQ(ini(), "[Kunden_2] v 1 4 1 2 3 2d 7m \n");
+  EXPECT_EQ(ini(), "[Kunden_2] v 1 4 1 2 3 2d 7m " + token + " \n");
 }
 
 TEST_F(TabSet, SavedLinesThatDoNotFitTheColumns) {
@@ -105,8 +111,9 @@ TEST_F(TabSet, SavedLinesThatDoNotFitTheColumns) {
 }
 
 TEST_F(TabSet, BadTokensAreReportedAndSkipped) {
-  put("Liste", "[Liste] 0 4 1 2 3 0|5 7|5 2|3 9u 1u x \n");
   reg("Liste");
+  put("Liste", ("[Liste] 0 4 1 2 3 0|5 7|5 2|3 9u 1u x " + myfl_tabbox_columns_token(tb_) + " \n")
+                   .c_str());
   messages().clear();
   myfl_draw_tabbox(tb_);
   EXPECT_EQ(messages(), "ini-file: wrong max-width definition (Liste)!\n"
