@@ -7,6 +7,7 @@
 #include "app/viewer.h"
 #include "framework/help.h"
 #include "framework/place.h"
+#include "framework/tabdialogs.h"
 
 namespace {
 
@@ -95,6 +96,12 @@ int zentiq_write_manual() {
                      std::string(ZQ_VERSION) + "</h1>\n";
   text += zentiq_manual_section(app.main.form, app.main.help);
   text += zentiq_manual_section(app.detail.form, app.detail.help);
+  // The tabbox dialogs (settings, sort, export, viewer, zoom) with theirs.
+  myfl_create_tabbox_dialogs();
+  MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
+  FL_FORM *dialogs[] = {d.settings, d.sort, d.exp, d.viewer, d.zoom};
+  for (int i = 0; i < 5; ++i)
+    if (dialogs[i] && d.help[i]) text += zentiq_manual_section(dialogs[i], d.help[i]);
   text += "</body>\n</html>\n";
   std::unique_ptr<FILE, FileCloser> f(std::fopen(zentiq_manual_filename().c_str(), "w"));
   if (!f) return 0;

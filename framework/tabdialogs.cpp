@@ -278,7 +278,7 @@ void build_settings() {
   g_dlg.set_sort_remove = fl_add_button(FL_NORMAL_BUTTON, 310, 344, 60, 25, "entf.");
   for (FL_OBJECT *b : {g_dlg.set_up, g_dlg.set_down, g_dlg.set_sort_remove})
     fl_set_object_callback(b, set_sort_cb, 0);
-  FL_OBJECT *help = fl_add_button(FL_NORMAL_BUTTON, 20, 382, 100, 28, "Hilfe");
+  FL_OBJECT *help = g_dlg.help[0] = fl_add_button(FL_NORMAL_BUTTON, 20, 382, 100, 28, "Hilfe");
   g_dlg.set_ok = fl_add_button(FL_NORMAL_BUTTON, 320, 382, 100, 28, "OK");
   fl_set_object_callback(g_dlg.set_ok, set_ok_cb, 0);
   g_dlg.set_cancel = fl_add_button(FL_NORMAL_BUTTON, 440, 382, 100, 28, "Abbrechen");
@@ -333,7 +333,7 @@ void build_sort() {
   for (FL_OBJECT *b : {g_dlg.sort_up, g_dlg.sort_down, g_dlg.sort_remove})
     fl_set_object_callback(b, sort_key_cb, 0);
   g_dlg.sort_settings = fl_add_button(FL_NORMAL_BUTTON, 20, 255, 120, 28, "Einstellungen");
-  FL_OBJECT *help = fl_add_button(FL_NORMAL_BUTTON, 150, 255, 90, 28, "Hilfe");
+  FL_OBJECT *help = g_dlg.help[1] = fl_add_button(FL_NORMAL_BUTTON, 150, 255, 90, 28, "Hilfe");
   fl_set_object_callback(g_dlg.sort_settings, sort_settings_cb, 0);
   g_dlg.sort_ok = fl_add_button(FL_NORMAL_BUTTON, 250, 255, 100, 28, "Sortieren");
   fl_set_object_callback(g_dlg.sort_ok, sort_ok_cb, 0);
@@ -382,7 +382,7 @@ void build_export() {
   g_dlg.exp_shown = fl_add_button(FL_NORMAL_BUTTON, 20, 65, 120, 28, "exp. Tabbox");
   g_dlg.exp_all = fl_add_button(FL_NORMAL_BUTTON, 150, 65, 120, 28, "exp. alle Daten");
   g_dlg.exp_cancel = fl_add_button(FL_NORMAL_BUTTON, 290, 65, 100, 28, "Abbrechen");
-  FL_OBJECT *help = fl_add_button(FL_NORMAL_BUTTON, 400, 65, 100, 28, "Hilfe");
+  FL_OBJECT *help = g_dlg.help[2] = fl_add_button(FL_NORMAL_BUTTON, 400, 65, 100, 28, "Hilfe");
   fl_set_object_callback(g_dlg.exp_shown, exp_cb, 0);
   fl_set_object_callback(g_dlg.exp_all, exp_cb, 0);
   fl_set_object_callback(g_dlg.exp_cancel, exp_cancel_cb, 0);
@@ -401,7 +401,7 @@ void build_viewer() {
   g_dlg.viewer_tabbox = fl_add_tabbox(0, 10, 10, 600, 400, "");
   fl_set_tabbox_viewer(g_dlg.viewer_tabbox, 0);
   g_dlg.viewer_close = fl_add_button(FL_NORMAL_BUTTON, 510, 420, 100, 28, "Schließen");
-  FL_OBJECT *help = fl_add_button(FL_NORMAL_BUTTON, 10, 420, 100, 28, "Hilfe");
+  FL_OBJECT *help = g_dlg.help[3] = fl_add_button(FL_NORMAL_BUTTON, 10, 420, 100, 28, "Hilfe");
   fl_set_object_callback(g_dlg.viewer_close, viewer_close_cb, 0);
   fl_end_form();
   finish_dialog(f, "Tabbox-Viewer", help, "TVIEW_HLP");
@@ -424,7 +424,7 @@ void build_zoom() {
   g_dlg.zoom_ok = fl_add_button(FL_NORMAL_BUTTON, 530, 500, 100, 28, "Übernehmen");
   fl_set_object_callback(g_dlg.zoom_ok, zoom_ok_cb, 0);
   g_dlg.zoom_cancel = fl_add_button(FL_NORMAL_BUTTON, 650, 500, 100, 28, "Abbrechen");
-  FL_OBJECT *help = fl_add_button(FL_NORMAL_BUTTON, 10, 500, 100, 28, "Hilfe");
+  FL_OBJECT *help = g_dlg.help[4] = fl_add_button(FL_NORMAL_BUTTON, 10, 500, 100, 28, "Hilfe");
   fl_set_object_callback(g_dlg.zoom_cancel, zoom_cancel_cb, 0);
   fl_end_form();
   finish_dialog(f, "Editor-Zoom", help, "ZOOM_HLP");

@@ -62,5 +62,8 @@ struct MYFL_TABBOX_DIALOGS {
   FL_OBJECT *zoom_text = nullptr, *zoom_ok = nullptr, *zoom_cancel = nullptr;
   FL_OBJECT *tabbox = nullptr; // the tabbox settings, sort, export or viewer are open for
   FL_OBJECT *input = nullptr;  // the editor input the zoom is open for
+  // The "Hilfe" buttons, in the order settings, sort, export, viewer, zoom
+  // (the manual lists the dialogs with their help texts).
+  FL_OBJECT *help[5] = {};
 };
 MYFL_TABBOX_DIALOGS &myfl_tabbox_dialogs();

@@ -717,10 +717,12 @@ TEST_F(Viewer, WaysTheProgramEnds) {
 }
 
 TEST_F(Viewer, ManualOfTheDialogs) {
-  // The shipped help texts: both keys present, only allowed tags.
+  // The shipped help texts: a text for every dialog with a "Hilfe" button,
+  // only allowed tags.
   std::filesystem::copy_file(std::string(std::getenv("ZENTIQ_SOURCE_DIR")) + "/app/zentiq.hlp",
                              "zentiq.hlp", std::filesystem::copy_options::overwrite_existing);
-  for (const char *key : {"ZTQ_HLP", "DZTQ_HLP"}) {
+  for (const char *key :
+       {"ZTQ_HLP", "DZTQ_HLP", "TBSET_HLP", "SORT_HLP", "TBEXP_HLP", "TVIEW_HLP", "ZOOM_HLP"}) {
     std::string text = myfl_read_help(key), error;
     EXPECT_FALSE(text.empty()) << key;
     EXPECT_EQ(myfl_check_html(text.c_str(), &error), 1) << key << ": " << error;
@@ -730,7 +732,10 @@ TEST_F(Viewer, ManualOfTheDialogs) {
   std::string html = slurp("zentiq_hlp.htm");
   for (const char *part :
        {"SELECT durchf\xFChren", "^u^U", "Zentiq-Detail", "L\xF6schen", "Tabelle ",
-        "Pfeil nach oben", "</html>", "Datenbank-Viewer", "Prim\xE4rschl\xFCssel"})
+        "Pfeil nach oben", "</html>", "Datenbank-Viewer", "Prim\xE4rschl\xFCssel",
+        "Tabbox Einstellungen", "Sortierung-Tabbox", "Dezimalkomma", "Tabbox-Viewer", "Editor-Zoom",
+        "\xDC"
+        "bernehmen"})
     EXPECT_NE(html.find(part), std::string::npos) << part;
   EXPECT_EQ(html.find("Abfragespeicher"), std::string::npos); // maintainers' text
 
