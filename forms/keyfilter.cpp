@@ -76,6 +76,20 @@ protected:
     QEvent::Type t = event->type();
     if (t != QEvent::KeyPress && t != QEvent::KeyRelease) return false;
     if (!watched->isWidgetType()) return false;
+    // An open pop-up menu owns the keyboard: Escape closes it, arrows and
+    // Enter act in it, letters choose entries. None of them reaches the form
+    // behind it, also not the release of the key that closed the menu (the
+    // form acts on some keys when they are released).
+    int key = static_cast<QKeyEvent *>(event)->key();
+    if (QApplication::activePopupWidget()) {
+      if (t == QEvent::KeyPress) popup_key_ = key;
+      return false;
+    }
+    if (t == QEvent::KeyRelease && popup_key_ != 0 && key == popup_key_) {
+      popup_key_ = 0;
+      return true;
+    }
+    if (t == QEvent::KeyPress) popup_key_ = 0;
     auto *w = static_cast<QWidget *>(watched);
     // A key that a child ignored travels on to its parents; it was handled
     // at the focused widget already.
@@ -87,6 +101,9 @@ protected:
   }
 
 private:
+  // The key whose press went to an open pop-up menu, until its release.
+  int popup_key_ = 0;
+
   bool handle(FL_FORM *form, QWidget *w, QKeyEvent *e, bool pressed) {
     // The release of the key that closed a message or question box reaches
     // the form after the box is gone: skip it. A new press ends the wait.
