@@ -8,6 +8,9 @@
 
 #include <QApplication>
 #include <QKeyEvent>
+#include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QTextEdit>
 #include <QWidget>
 
 #include <cctype>
@@ -18,17 +21,55 @@ namespace {
 FL_TAB_HANDLER g_tab_handler = nullptr;
 FL_KEY_HOOK g_key_hook = nullptr;
 
+// Letters that a text input takes with Control for its own editing.
+bool editing_letter(int key) {
+  switch (std::tolower(key)) {
+  case 'a': case 'c': case 'v': case 'x': case 'y': case 'z':
+    return true;
+  default:
+    return false;
+  }
+}
+
+// Whether the key is one of a text input's standard editing keys: Home/End,
+// Control with Home/End or Left/Right, and the Control letters above. They
+// act on the text when a text input has the focus, not on the form.
+bool editing_key(const QKeyEvent *e) {
+  Qt::KeyboardModifiers mods = e->modifiers() & ~(Qt::ShiftModifier | Qt::KeypadModifier);
+  int k = e->key();
+  if (mods == Qt::NoModifier) return k == Qt::Key_Home || k == Qt::Key_End;
+  if (mods != Qt::ControlModifier) return false;
+  switch (k) {
+  case Qt::Key_Home:
+  case Qt::Key_End:
+  case Qt::Key_Left:
+  case Qt::Key_Right:
+  case Qt::Key_Insert:
+    return true;
+  default:
+    return k >= Qt::Key_A && k <= Qt::Key_Z && editing_letter('a' + (k - Qt::Key_A));
+  }
+}
+
+bool is_text_input(const QWidget *w) {
+  return qobject_cast<const QLineEdit *>(w) || qobject_cast<const QPlainTextEdit *>(w) ||
+         qobject_cast<const QTextEdit *>(w);
+}
+
 // A key designation's parts: the key's code and the modifiers it needs.
 bool matches_one(const char *&s, int key, int control, int alt) {
   int want_ctrl = 0, want_alt = 0, want_key = 0;
   if (*s == '^' && s[1]) {
-    want_ctrl = 1;
     want_key = static_cast<unsigned char>(s[1]);
     s += 2;
-    if (want_key == '[') { // Control-[ is Escape
-      want_ctrl = 0;
-      want_key = FL_KEY_ESCAPE;
-    }
+    if (want_key == '[') // Control-[ is Escape
+      return key == FL_KEY_ESCAPE && !control && !alt;
+    // A Control letter is also reached with Alt, the modifier the underlined
+    // letter suggests. Control with a letter that text inputs use for their
+    // own editing (select all, copy, cut, paste, undo) stays with the text:
+    // such a shortcut is reached only with Alt.
+    if (key != want_key || control == alt) return false;
+    return alt || !editing_letter(want_key);
   } else if (*s == '#' && s[1]) {
     want_alt = 1;
     want_key = static_cast<unsigned char>(s[1]);
@@ -152,6 +193,24 @@ private:
     if (int mod = modifier_code(qtkey)) {
       if (form->raw_key_handler && !e->isAutoRepeat())
         form->raw_key_handler(form, mod, pressed ? 0 : 1);
+    }
+    // A text input keeps its editing keys, before the form's keys and
+    // shortcuts see them.
+    if (is_text_input(w) && editing_key(e)) {
+      // A one-line input has no Control+Home/End of its own: there they
+      // mean its start and end, as Home and End do.
+      auto *line = qobject_cast<QLineEdit *>(w);
+      if (line && ctrl && (qtkey == Qt::Key_Home || qtkey == Qt::Key_End)) {
+        if (pressed) {
+          bool mark = e->modifiers() & Qt::ShiftModifier;
+          if (qtkey == Qt::Key_Home)
+            line->home(mark);
+          else
+            line->end(mark);
+        }
+        return true;
+      }
+      return false;
     }
     if (g_key_hook && key && g_key_hook(form, focus, key, pressed ? 1 : 0)) return true;
     if (pressed && key && form->has_shortcuts) {

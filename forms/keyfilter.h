@@ -14,7 +14,9 @@
 //      a callback, larger than the form less 10 pixels each way) gets last key
 //      FL_KEY_HELP and its callback runs. The key is swallowed.
 //   4. Any other key: recorded as the focused object's last key; the raw key
-//      handler hears about Shift, Control and Alt; the key hook may take it; a
+//      handler hears about Shift, Control and Alt; a text input keeps its
+//      standard editing keys (Home/End, Control with Home/End/Left/Right/
+//      Insert and Control+A/C/V/X/Y/Z); else the key hook may take it; a
 //      pressed key matching an object's shortcut runs that object's callback
 //      and is swallowed. The key release that follows a message or question box
 //      (the box consumed the press) is skipped.
@@ -36,7 +38,10 @@ int fl_keyboard_filter_installed();
 int fl_key_code(const QKeyEvent *event);
 
 // 1 when the key (toolkit code, with the Control and Alt states) matches one of
-// the designations of the shortcut text (see fl_set_object_shortcut).
+// the designations of the shortcut text (see fl_set_object_shortcut). A
+// Control designation ("^x") is also met by Alt with the letter; with Control
+// it is met only when the letter is none of a text input's editing letters
+// (a, c, v, x, y, z), so "^a" is Alt+A alone.
 int fl_shortcut_matches(const char *shortcut, int key, int control, int alt);
 
 // Where a shown shortcut is underlined in a label: the index of the first

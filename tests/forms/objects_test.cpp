@@ -172,6 +172,62 @@ TEST_F(FormsTest, ShortcutsTriggerInTheLetterCasesWritten) {
   EXPECT_FALSE(fl_shortcut_matches("#x", 'x', 0, 0));
 }
 
+TEST_F(FormsTest, TextInputsKeepTheirEditingKeysAndShortcutsTakeAlt) {
+  form = fl_begin_form(0, 300, 200);
+  FL_OBJECT *input = fl_add_input(FL_NORMAL_INPUT, 80, 10, 100, 21, "Text ");
+  FL_OBJECT *multi = fl_add_input(FL_MULTILINE_INPUT, 80, 40, 100, 60, "SQL ");
+  FL_OBJECT *add = fl_add_button(FL_NORMAL_BUTTON, 10, 110, 100, 21, "Add");
+  FL_OBJECT *run = fl_add_button(FL_NORMAL_BUTTON, 10, 140, 100, 21, "Run");
+  fl_end_form();
+  fl_set_object_shortcut(add, "^A^a", 0);
+  fl_set_object_shortcut(run, "^u^U", 0);
+  fl_set_object_callback(add, record_call, 1);
+  fl_set_object_callback(run, record_call, 2);
+  fl_set_focus_object(form, input);
+  show_and_activate(form);
+  auto *line = qobject_cast<QLineEdit *>(input->widget);
+  ASSERT_TRUE(line && line->hasFocus());
+
+  QTest::keyClicks(line, "alpha beta");
+  QTest::keyClick(line, Qt::Key_Home);
+  EXPECT_EQ(fl_get_input_cursorpos(input), 0);
+  QTest::keyClick(line, Qt::Key_Right, Qt::ControlModifier);
+  EXPECT_EQ(fl_get_input_cursorpos(input), 6) << "Control+Right jumps a word";
+  QTest::keyClick(line, Qt::Key_End);
+  EXPECT_EQ(fl_get_input_cursorpos(input), 10);
+  QTest::keyClick(line, Qt::Key_A, Qt::ControlModifier);
+  EXPECT_EQ(line->selectedText(), "alpha beta") << "Control+A selects the text";
+  EXPECT_EQ(count_calls(add), 0);
+  QTest::keyClick(line, Qt::Key_X, Qt::ControlModifier);
+  EXPECT_STREQ(fl_get_input(input), "");
+  QTest::keyClick(line, Qt::Key_Z, Qt::ControlModifier);
+  EXPECT_STREQ(fl_get_input(input), "alpha beta") << "Control+Z undoes the cut";
+  // The shortcut moved to Alt with its letter; Control keeps the others.
+  QTest::keyClick(line, Qt::Key_A, Qt::AltModifier);
+  EXPECT_EQ(count_calls(add), 1);
+  QTest::keyClick(line, Qt::Key_U, Qt::AltModifier);
+  QTest::keyClick(line, Qt::Key_U, Qt::ControlModifier);
+  EXPECT_EQ(count_calls(run), 2);
+  EXPECT_STREQ(fl_get_input(input), "alpha beta") << "no shortcut typed into the text";
+
+  fl_set_focus_object(form, multi);
+  auto *text = qobject_cast<QPlainTextEdit *>(multi->widget);
+  ASSERT_TRUE(text && text->hasFocus());
+  QTest::keyClicks(text, "one");
+  QTest::keyClick(text, Qt::Key_Return);
+  QTest::keyClicks(text, "two");
+  QTest::keyClick(text, Qt::Key_Home, Qt::ControlModifier);
+  EXPECT_EQ(text->textCursor().position(), 0);
+  QTest::keyClick(text, Qt::Key_A, Qt::ControlModifier);
+  EXPECT_EQ(text->textCursor().selectedText().size(), 7);
+  EXPECT_EQ(count_calls(add), 1);
+
+  EXPECT_FALSE(fl_shortcut_matches("^a", 'a', 1, 0));
+  EXPECT_TRUE(fl_shortcut_matches("^a", 'a', 0, 1));
+  EXPECT_TRUE(fl_shortcut_matches("^u", 'u', 1, 0));
+  EXPECT_FALSE(fl_shortcut_matches("^u", 'u', 1, 1));
+}
+
 TEST_F(FormsTest, TabIsSwallowedAndMovesTheFocus) {
   form = fl_begin_form(0, 300, 200);
   fl_add_box(FL_UP_BOX, 0, 0, 300, 200, "");
