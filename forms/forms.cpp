@@ -706,22 +706,28 @@ int fl_focus_next_input(FL_FORM *form, FL_OBJECT *obj) {
 
 int fl_focus_next_object(FL_FORM *form, int backward) {
   if (!form || form->objects.empty()) return 0;
-  const auto &objs = form->objects;
-  int n = static_cast<int>(objs.size());
+  // Reading order: by the top edge, then by the left edge; objects at the
+  // same place keep the order they were added in.
+  std::vector<FL_OBJECT *> order;
+  for (FL_OBJECT *o : form->objects)
+    if (fl_object_can_focus(o)) order.push_back(o);
+  std::stable_sort(order.begin(), order.end(), [](const FL_OBJECT *a, const FL_OBJECT *b) {
+    return a->y != b->y ? a->y < b->y : a->x < b->x;
+  });
   FL_OBJECT *cur = fl_get_focus_object(form);
-  int start = -1;
+  int n = static_cast<int>(order.size());
+  int at = -1;
   for (int i = 0; i < n; ++i)
-    if (objs[i] == cur) start = i;
-  if (start < 0) start = backward ? 0 : n - 1;
-  for (int step = 1; step <= n; ++step) {
-    int i = ((start + (backward ? -step : step)) % n + n) % n;
-    if (objs[i] != cur && fl_object_can_focus(objs[i])) {
-      form->focus = objs[i];
-      objs[i]->widget->setFocus(backward ? Qt::BacktabFocusReason : Qt::TabFocusReason);
-      return 1;
-    }
-  }
-  return 0;
+    if (order[i] == cur) at = i;
+  FL_OBJECT *next = nullptr;
+  if (at < 0)
+    next = n ? order[backward ? n - 1 : 0] : nullptr;
+  else if (n > 1)
+    next = order[((at + (backward ? -1 : 1)) % n + n) % n];
+  if (!next) return 0;
+  form->focus = next;
+  next->widget->setFocus(backward ? Qt::BacktabFocusReason : Qt::TabFocusReason);
+  return 1;
 }
 
 FL_FORM *fl_form_of_widget(const QWidget *widget) {

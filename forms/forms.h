@@ -319,8 +319,9 @@ FL_OBJECT *fl_get_focus_object(FL_FORM *form);
 // 1 when the object can take the keyboard focus now (shown, active, a class
 // that takes keys).
 int fl_object_can_focus(FL_OBJECT *obj);
-// Moves the focus to the next (backward: previous) focusable object of the
-// ring after the focus object. Returns 1 when the focus moved.
+// Moves the focus to the next (backward: previous) focusable object after
+// the focus object in reading order (top to bottom, then left to right),
+// round the form. Returns 1 when the focus moved.
 int fl_focus_next_object(FL_FORM *form, int backward);
 // Gives the focus to the first input field after obj in the form's object
 // ring (wrapping round) that can take it; the search ends when it comes back

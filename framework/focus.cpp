@@ -90,17 +90,6 @@ int key_hook(FL_FORM *form, FL_OBJECT *focus, int key, int pressed) {
   }
 }
 
-int tab_handler(FL_FORM *form, int backward) {
-  if (backward) return 0;
-  MYFL_FORMINFO *info = myfl_get_forminfo(form);
-  if (!info || (!info->focus_first && !info->focus_second)) return 0;
-  FL_OBJECT *before = fl_get_focus_object(form);
-  if (myfl_set_focus_next(form) && fl_get_focus_object(form) != before) return 1;
-  // Tab must always move on: from where the focus is, to the next input.
-  if (before && myfl_focus_next_input(form, before)) return 1;
-  return 0;
-}
-
 } // namespace
 
 void myfl_define_focus_first(FL_FORM *form, FL_OBJECT *obj) {
@@ -205,7 +194,6 @@ void myfl_install_keyboard_hook() {
   if (g_installed) return;
   g_installed = true;
   fl_set_key_hook(key_hook);
-  fl_set_tab_handler(tab_handler);
   // The tabbox keeps reading Shift and Control from the event it handles: the
   // same keys as the flags here, but never stuck after a message box took a
   // key's release.

@@ -1,5 +1,6 @@
-// Focus order and keyboard navigation of forms: the two objects between which
-// Tab moves the focus, the search for the next input field, the control
+// Focus order and keyboard navigation of forms: the object that gets the
+// focus first (Tab itself walks every object in reading order, which the
+// toolkit's keyboard filter does), the search for the next input field, the control
 // tabbox that receives navigation keys typed anywhere in its form, and the
 // framework's keyboard hook that ties these to the keys.
 //
@@ -28,7 +29,7 @@ void myfl_define_focus_begin(FL_FORM *form, int n);
 FL_OBJECT *myfl_get_focus_first(FL_FORM *form);
 FL_OBJECT *myfl_get_focus_second(FL_FORM *form);
 
-// The Tab step: to the first object while the count allows (counting up),
+// The focus step of a form's first and second objects: to the first object while the count allows (counting up),
 // else to the second (count back to the begin count). The focus is set on
 // that object even when it cannot take it (deactivated, hidden); returns 1
 // when it can, 0 when it cannot or when neither object is defined.
@@ -55,7 +56,7 @@ int myfl_call_ctrl_tabbox_down(FL_FORM *form);
 int myfl_call_ctrl_tabbox_pgup(FL_FORM *form);
 int myfl_call_ctrl_tabbox_pgdown(FL_FORM *form);
 
-// Installs the framework's keyboard hook and Tab handler (once; later calls
+// Installs the framework's keyboard hook (once; later calls
 // do nothing). myfl_show_form calls it.
 // The hook, for every key of a form:
 //   - Shift, Alt and Control keep the modifier state (place.h);
@@ -64,10 +65,9 @@ int myfl_call_ctrl_tabbox_pgdown(FL_FORM *form);
 //   - Up, Down, Page Up, Page Down go to the control tabbox, except in a
 //     multi-line input without Control held (they move the cursor there);
 //   - Left, Right, Home and End go to the control tabbox unless the focus is
-//     in an input field, where they go there only with Control held;
+//     in an input field (with Control too: the keyboard filter leaves them to
+//     the text there);
 //   - Return calls the control tabbox's double-click callback unless the
 //     focus is in a multi-line input or in an input with a callback of its
 //     own (which Return reports to), or Control is held.
-// Tab runs myfl_set_focus_next in forms that have a first focus object; when
-// that does not move the focus, the next input field gets it.
 void myfl_install_keyboard_hook();

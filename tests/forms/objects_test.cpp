@@ -370,7 +370,7 @@ TEST_F(FormsTest, ReportingModesDecideWhenTheInputCallbackRuns) {
   FL_OBJECT *in = fl_add_input(FL_NORMAL_INPUT, 80, 10, 100, 21, "A ");
   FL_OBJECT *other = fl_add_input(FL_NORMAL_INPUT, 80, 40, 100, 21, "B ");
   FL_OBJECT *multi = fl_add_input(FL_MULTILINE_INPUT, 80, 70, 100, 60, "C ");
-  FL_OBJECT *button = fl_add_button(FL_NORMAL_BUTTON, 200, 10, 60, 21, "OK");
+  FL_OBJECT *button = fl_add_button(FL_NORMAL_BUTTON, 200, 140, 60, 21, "OK");
   fl_end_form();
   fl_set_object_callback(in, record_call, 0);
   fl_set_object_callback(multi, record_call, 0);
