@@ -21,6 +21,8 @@
 #include <QGuiApplication>
 #include <QKeyEvent>
 #include <QMouseEvent>
+#include <QPen>
+#include <QWheelEvent>
 #include <QPainter>
 #include <QTimer>
 
@@ -397,6 +399,11 @@ public:
   }
   QPoint last_mouse{-1, -1};
 
+private:
+  int wheel_x_ = 0, wheel_y_ = 0; // wheel movement not yet a whole step
+
+public:
+
 protected:
   void draw(QPainter &p) override;
   void mousePressEvent(QMouseEvent *e) override { on_press(e, false); }
@@ -417,6 +424,35 @@ protected:
   void resizeEvent(QResizeEvent *e) override {
     FlDrawnWidget::resizeEvent(e);
     if (own_of(object())) tabbox_update_metrics(object());
+  }
+  // The wheel (and a touchpad's two-finger move) scrolls three lines per
+  // notch, with Shift (or a sideways move) three characters sideways; the
+  // selection stays. Parts of a notch add up until they make a step.
+  void wheelEvent(QWheelEvent *e) override {
+    FL_TABBOX_REC *own = own_of(object());
+    if (!own) return QWidget::wheelEvent(e);
+    fl_layout_tabbox(object());
+    FL_TABBOX_REC *r = fl_tabbox_active(own);
+    QPoint d = e->angleDelta();
+    if ((e->modifiers() & Qt::ShiftModifier) && d.x() == 0) d = QPoint(d.y(), 0);
+    wheel_x_ += d.x();
+    wheel_y_ += d.y();
+    int lines = wheel_y_ / 40, chars = wheel_x_ / 40;
+    wheel_y_ -= lines * 40;
+    wheel_x_ -= chars * 40;
+    if (lines) r->topline = std::clamp(r->topline - lines, 0, max_topline(r));
+    if (chars) r->offset = std::clamp(r->offset - chars, 0, max_offset(r));
+    if (lines || chars) redraw(object());
+    e->accept();
+  }
+  // The focus frame comes and goes with the focus.
+  void focusInEvent(QFocusEvent *e) override {
+    FlDrawnWidget::focusInEvent(e);
+    update();
+  }
+  void focusOutEvent(QFocusEvent *e) override {
+    FlDrawnWidget::focusOutEvent(e);
+    update();
   }
 
 private:
@@ -733,6 +769,13 @@ void TabboxWidget::draw(QPainter &p) {
     QRect knob = v ? QRect(W - S + BW, ks, S - 2 * BW, kl) : QRect(ks, H - S + BW, kl, S - 2 * BW);
     p.fillRect(knob, pal.color(QPalette::Button));
     fl_draw_frame(p, FL_UP_FRAME, knob, pal);
+  }
+  // With the focus, a frame in the highlight colour round the list shows
+  // where the keys go.
+  if (hasFocus()) {
+    p.setPen(QPen(pal.color(QPalette::Highlight), 2));
+    p.setBrush(Qt::NoBrush);
+    p.drawRect(frame.adjusted(1, 1, -1, -1));
   }
 }
 

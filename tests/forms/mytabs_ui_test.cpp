@@ -14,6 +14,7 @@
 #include <QMouseEvent>
 #include <QStyleHints>
 #include <QTest>
+#include <QWheelEvent>
 #include <QWidget>
 
 #include <gtest/gtest.h>
@@ -222,6 +223,31 @@ TEST_F(TabboxUi, ScrollingStaysWithinItsLimits) {
   fl_add_tabbox_line(tb, "zwei");
   fl_layout_tabbox(tb);
   EXPECT_EQ(after_click(tb, down).topline, 0);
+}
+
+TEST_F(TabboxUi, WheelScrollsAndTheFocusShows) {
+  FL_OBJECT *tb = make(1, 100);
+  auto wheel = [&](QPoint delta, Qt::KeyboardModifiers mods = Qt::NoModifier) {
+    QPointF at(50, 50);
+    QWheelEvent e(at, tb->widget->mapToGlobal(at), QPoint(), delta, Qt::NoButton, mods,
+                  Qt::NoScrollPhase, false);
+    QApplication::sendEvent(tb->widget, &e);
+    return scroll(tb);
+  };
+  EXPECT_EQ(wheel(QPoint(0, -120)).topline, 3) << "a notch is three lines";
+  EXPECT_EQ(wheel(QPoint(0, -60)).topline, 4) << "a touchpad's half notch";
+  EXPECT_EQ(wheel(QPoint(0, -60)).topline, 6) << "the halves add up";
+  EXPECT_EQ(wheel(QPoint(0, 1200)).topline, 0);
+  EXPECT_EQ(wheel(QPoint(0, -120), Qt::ShiftModifier).offset, 3) << "Shift scrolls sideways";
+  EXPECT_EQ(wheel(QPoint(120, 0)).offset, 0);
+  EXPECT_EQ(fl_get_tabbox_selectcount(tb), 0);
+
+  tb->widget->setFocus();
+  ASSERT_TRUE(tb->widget->hasFocus());
+  QImage focused = tb->widget->grab().toImage();
+  tb->widget->clearFocus();
+  QImage plain = tb->widget->grab().toImage();
+  EXPECT_NE(focused.pixel(1, 40), plain.pixel(1, 40)) << "a frame shows the focus";
 }
 
 TEST_F(TabboxUi, HeldButtonsRepeatAfterTheirDelays) {
@@ -472,9 +498,9 @@ TEST_F(TabboxUi, DrawsTitleLinesAndSelection) {
   QColor hl = tb->widget->palette().color(QPalette::Highlight);
   QPoint in_selected = line_point(tb, 1);
   // Some pixel of the selected line's row has the highlight colour, none of
-  // the row above it.
+  // the row above it (inside the focus frame).
   auto row_has = [&](int y) {
-    for (int x = 0; x < tb->w - 20; ++x)
+    for (int x = 4; x < tb->w - 20; ++x)
       if (img.pixelColor(x, y) == hl) return true;
     return false;
   };

@@ -204,14 +204,15 @@ TEST_F(TabDialogs, SortDialogSetsAndStoresTheKeys) {
 TEST_F(TabDialogs, ASortBelongsToItsColumnsIsShownAndFollowsTitleClicks) {
   make(2);
   const std::string title = fl_get_tabbox_full_title(tb_);
-  // Highlight-coloured pixels in the title line: the sort marker.
+  // Highlight-coloured pixels in the title line, inside the focus frame: the
+  // sort marker.
   auto marked = [&] {
     fl_layout_tabbox(tb_);
     QImage img = tb_->widget->grab().toImage();
     QRgb mark = tb_->widget->palette().color(QPalette::Highlight).rgb();
     int n = 0;
-    for (int y = 0; y < tabbox_list_y(tb_) - 1; ++y)
-      for (int x = 0; x < img.width(); ++x) n += img.pixel(x, y) == mark;
+    for (int y = 3; y < tabbox_list_y(tb_) - 1; ++y)
+      for (int x = 3; x < img.width() - FL_TABBOX_SCROLL - 3; ++x) n += img.pixel(x, y) == mark;
     return n;
   };
   auto sort_of = [&] {
