@@ -567,8 +567,11 @@ void zentiq_set_database(FL_OBJECT *, long) {
   // An empty code (the server listed no database) is sent as it is.
   std::string stmt = std::string("SET DATABASE ") + (code ? code : "") + ";";
   DBRESULT *r = DBexec(app.session->connection, stmt.c_str());
-  if (DBresult_status(r) == DBRES_TRANSPORT) db_transport_fatal();
-  if (!r) return;
+  if (DBresult_status(r) == DBRES_TRANSPORT) db_transport_lost(app.session);
+  if (!dbstatus(app.session) || !r) {
+    DBclear(r);
+    return;
+  }
   if (DBresult_status(r) != DBRES_DONE)
     fl_show_error("Fehler beim Ändern der Datenbank!", DBresult_error(r), "");
   else if (code && *code)
