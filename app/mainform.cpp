@@ -249,7 +249,8 @@ bool run_counted_change(DBSESSION *session, const std::string &stmt, const ZqCha
 int zentiq_begin_level(DBSESSION *session) {
   if (dbbegin(session)) return 1;
   dbend(session);
-  fl_show_error("Datenbankverbindung nicht vorhanden", "", "");
+  // A lost session has told the user in the box of its loss.
+  if (!session || !session->lost) fl_show_error("Datenbankverbindung nicht vorhanden", "", "");
   return 0;
 }
 
