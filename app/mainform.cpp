@@ -249,7 +249,8 @@ bool run_counted_change(DBSESSION *session, const std::string &stmt, const ZqCha
 int zentiq_begin_level(DBSESSION *session) {
   if (dbbegin(session)) return 1;
   dbend(session);
-  fl_show_error("Datenbankverbindung nicht vorhanden", "", "");
+  // A lost session has told the user in the box of its loss.
+  if (!session || !session->lost) fl_show_error("Datenbankverbindung nicht vorhanden", "", "");
   return 0;
 }
 
@@ -567,8 +568,11 @@ void zentiq_set_database(FL_OBJECT *, long) {
   // An empty code (the server listed no database) is sent as it is.
   std::string stmt = std::string("SET DATABASE ") + (code ? code : "") + ";";
   DBRESULT *r = DBexec(app.session->connection, stmt.c_str());
-  if (DBresult_status(r) == DBRES_TRANSPORT) db_transport_fatal();
-  if (!r) return;
+  if (DBresult_status(r) == DBRES_TRANSPORT) db_transport_lost(app.session);
+  if (!dbstatus(app.session) || !r) {
+    DBclear(r);
+    return;
+  }
   if (DBresult_status(r) != DBRES_DONE)
     fl_show_error("Fehler beim Ändern der Datenbank!", DBresult_error(r), "");
   else if (code && *code)

@@ -48,7 +48,14 @@ void init_database_combo() {
   }
   std::string list, chosen;
   DBRESULT *r = DBexec(app.session->connection, "SHOW DATABASES;");
-  if (DBresult_status(r) == DBRES_TRANSPORT) db_transport_fatal();
+  if (DBresult_status(r) == DBRES_TRANSPORT) {
+    // The server went away at once: the lost-server box has been shown.
+    db_transport_lost(app.session);
+    DBclear(r);
+    myfl_init_data_cmb(m.form, m.database, m.database_button, "TDSYS,TDSYS", 1);
+    myfl_set_cmb_code(m.database, "TDSYS");
+    return;
+  }
   if (!r) {
     fl_show_error("Fehler beim Ändern der Datenbank!", DBerrormessage(app.session->connection), "");
   } else if (DBresult_status(r) != DBRES_TUPLES && DBresult_status(r) != DBRES_TUPLES2) {
@@ -88,6 +95,38 @@ bool g_store_loaded = false; // the store holds what the file held
 void save_at_fatal() {
   if (g_store_loaded && !zentiq_save_queries())
     msg_print("Fehler beim Schreiben der SQL-Abfragen in Datei '%s'!\n", ZQ_QUERY_FILE);
+}
+
+// The viewer survives a lost server: the session is marked lost, its
+// history is saved and the user told; the next action opens the session
+// again (the session layer's dbbegin) and chooses the database of the
+// combo box again. Set while the loss has been told and no server came back.
+bool g_loss_told = false;
+
+void on_session_lost(DBSESSION *) {
+  if (g_loss_told) {
+    fl_show_error("Es läuft kein TAVRIN-Server.",
+                  "Starten Sie einen mit 'tavrind --data <Datenordner>' oder starten Sie "
+                  "Zentiq mit './run.sh' aus dem Programmordner, das den Server mitstartet.",
+                  "Die nächste Aktion versucht es erneut.");
+    return;
+  }
+  g_loss_told = true;
+  bool saved = !g_store_loaded || zentiq_save_queries();
+  std::string kept = saved ? "die Abfragen sind gesichert."
+                           : std::string("die Abfragen konnten nicht in Datei '") +
+                                 ZQ_QUERY_FILE + "' gesichert werden!";
+  fl_show_error(("Die Verbindung zum TAVRIN-Server ist verloren; " + kept).c_str(),
+                "Eine offene Transaktion ist verloren. Die nächste Aktion verbindet neu,",
+                "sobald wieder ein TAVRIN-Server läuft.");
+}
+
+void on_session_reopened(DBSESSION *) {
+  g_loss_told = false;
+  ZqMainForm &m = zentiq_app().main;
+  // The new connection starts on the database of the connection string:
+  // the one chosen in the combo box is chosen again.
+  if (m.database) zentiq_set_database(m.database, 0);
 }
 
 } // namespace
@@ -289,6 +328,12 @@ int zentiq_start(int argc, char **argv) {
     g_store_loaded = false;
     return 0;
   }
+
+  // From here on a lost server does not end the viewer (see on_session_lost).
+  DbSurvival survival;
+  survival.on_lost = on_session_lost;
+  survival.on_reopened = on_session_reopened;
+  db_survive_transport(survival);
 
   zentiq_create_main_form();
   zentiq_create_detail_form();

@@ -20,6 +20,7 @@ namespace {
 int g_depth = 0;                     // BEGIN-stack depth
 std::string g_last_string;           // last connection string given to dbinit
 DBSESSION *g_last_session = nullptr; // last session handle made by dbinit
+DbSurvival g_survival;               // how a lost transport is answered
 std::string g_default_name;          // default database name
 long g_sent = 0;                     // statements sent
 
@@ -75,7 +76,10 @@ int connect_session(DBSESSION *session, const char *s) {
   std::vector<char> mutable_name(name.begin(), name.end());
   mutable_name.push_back('\0');
   session->connection = DBconnect(mutable_name.data());
-  if (DBstatus(session->connection) == DBCONN_IO) db_transport_fatal();
+  if (DBstatus(session->connection) == DBCONN_IO) {
+    db_transport_lost(session);
+    return 0;
+  }
   if (DBstatus(session->connection) == DBCONN_FAILED) {
     if (name.empty())
       msg_print("Connection to TAVRIN-database failed:\n");
@@ -113,16 +117,20 @@ int reopen(DBSESSION *session) {
   return connect_session(session, s.c_str());
 }
 
-// The answer to a statement, unless sending or receiving failed: then the
-// program ends (db_transport_fatal).
-DBRESULT *checked(DBRESULT *res) {
-  if (DBresult_status(res) == DBRES_TRANSPORT) db_transport_fatal();
+// The answer to a statement; a send or receive failure is answered by the
+// process's choice (db_transport_lost), and the failed result comes back
+// only when the process survives it.
+DBRESULT *checked(DBSESSION *session, DBRESULT *res) {
+  if (DBresult_status(res) == DBRES_TRANSPORT) db_transport_lost(session);
   return res;
 }
 
+// Sends one statement. A lost session sends nothing and gives a null result
+// (its connection's text tells why).
 DBRESULT *send_text(DBSESSION *session, const std::string &text) {
+  if (session->lost) return nullptr;
   ++g_sent;
-  return checked(DBexec(session->connection, text.c_str()));
+  return checked(session, DBexec(session->connection, text.c_str()));
 }
 
 // The outcome handling shared by the change helpers and dbexec/dbexec1/
@@ -246,14 +254,27 @@ int DB_Init(DBSESSION **session, const char *database) {
 }
 
 int dbstatus(const DBSESSION *session) {
-  return session && !session->disabled && session->connection &&
+  return session && !session->disabled && !session->lost && session->connection &&
          session->connection->status == DBCONN_OK;
 }
 
 int dbcheck(DBSESSION *session) {
   if (!session || session->disabled || dbstatus(session)) return 1;
-  // Without its database the program cannot go on: fatal by design.
-  if (!reopen(session)) msg_fatal("Database-connection lost!\n");
+  if (!g_survival.on_lost) {
+    // Without its database the program cannot go on: fatal by design.
+    if (!reopen(session)) msg_fatal("Database-connection lost!\n");
+    return 1;
+  }
+  session->lost = 0;
+  if (!reopen(session)) {
+    // Still no server: the session stays lost and the program is told again.
+    if (!session->lost) {
+      session->lost = 1;
+      g_survival.on_lost(session);
+    }
+    return 0;
+  }
+  if (g_survival.on_reopened) g_survival.on_reopened(session);
   return 1;
 }
 
@@ -280,6 +301,8 @@ void ARGV_GetDB_Name(char **argv, int argc, char *name) {
 int dbbegin(DBSESSION *session) {
   if (g_depth++ != 0) return 1;
   if (session->disabled) return 1;
+  // A lost session is opened again before it is used (or the level fails).
+  if (session->lost && !dbcheck(session)) return 0;
   DBRESULT *res = send_text(session, "BEGIN");
   if (!res) {
     // The connection is gone: open it again and try once more.
@@ -303,7 +326,9 @@ int dbbegin(DBSESSION *session) {
 
 int dbend(DBSESSION *session) {
   int ok = 1;
-  if (--g_depth == 0 && !session->disabled)
+  // The transaction of a lost session went with its server: the level ends
+  // on this side only.
+  if (--g_depth == 0 && !session->disabled && !session->lost)
     ok = bracket(session, "END", "END command failed:\n  %s", "END command failed.\n");
   if (g_depth < 0) msg_print("BEGIN-stack underflow (too many dbends).\n");
   return ok;
@@ -344,6 +369,15 @@ void db_backend_failure() { msg_fatal("BE-Error occurred! Please restart the app
 
 // The one place a lost transport ends the program (see session.h).
 void db_transport_fatal() { msg_exit_fatal(); }
+
+void db_survive_transport(const DbSurvival &how) { g_survival = how; }
+
+void db_transport_lost(DBSESSION *session) {
+  if (!g_survival.on_lost || !session) db_transport_fatal();
+  if (session->lost) return;
+  session->lost = 1;
+  g_survival.on_lost(session);
+}
 
 // ---- Statements -----------------------------------------------------------------
 
@@ -469,8 +503,11 @@ int dbbinexec1(DBSESSION *session, DBRESULT **result, int *outcome) {
     if (outcome) *outcome = DBOUT_OTHER;
     return 1;
   }
-  ++g_sent;
-  DBRESULT *res = checked(DBexec_request(session->connection));
+  DBRESULT *res = nullptr;
+  if (!session->lost) {
+    ++g_sent;
+    res = checked(session, DBexec_request(session->connection));
+  }
   if (!res) {
     msg_print("dbbinexec1 command failed:\n  %s", conn_text(session).c_str());
     if (outcome) *outcome = DBOUT_NONE;

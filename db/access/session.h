@@ -38,6 +38,10 @@ struct DBSESSION {
   char language[5] = "D   ";
   // The connection string the session was opened with, to open it again.
   std::string connect_string;
+  // Set when the transport to the server failed and the process chose to
+  // survive that (db_survive_transport); cleared when dbcheck opens the
+  // session again.
+  int32_t lost = 0;
 };
 
 // Outcomes of a statement (dbresultstatus).
@@ -73,11 +77,15 @@ int DB_Init(DBSESSION **session, const char *database);
 
 // 1 when the session may be used for statements: not null, enabled and its
 // connection open.
+// A lost session is not usable.
 int dbstatus(const DBSESSION *session);
 
-// The start-up check of a session: when its connection is gone, closes it
-// and opens it again from the remembered string into the same handle. If that
-// fails, "Database-connection lost!\n" and exit status 1. Returns 1.
+// The check of a session before it is used: when its connection is gone (or
+// the session is lost), closes it and opens it again from the remembered
+// string into the same handle. If that fails, "Database-connection lost!\n"
+// and exit status 1; a process that survives a lost transport gets 0 with
+// the session still lost and its `on_lost` called again instead. After a
+// re-open the process's `on_reopened` is called. Returns 1.
 int dbcheck(DBSESSION *session);
 
 // The default database name of the process ("X/" connection strings,
@@ -121,6 +129,32 @@ int db_depth();
 // every connect and statement; an application that calls DBexec directly
 // calls it when the result's status is DBRES_TRANSPORT.
 [[noreturn]] void db_transport_fatal();
+
+// How the process answers a lost transport. Without a choice (or with
+// `on_lost` null) the answer is db_transport_fatal, which is what the batch
+// programs keep. An interactive program that can wait for a server gives
+// handlers instead; from then on a send or receive failure of a session
+// marks it lost and the call that met it fails (outcome 5, dbbegin, dbend
+// and the others 0) instead of ending the program; `on_lost` is called once
+// per loss, with the session, before that call returns (the program saves
+// what it must keep and tells the user). A lost session sends nothing: its
+// outermost dbbegin opens it again through dbcheck first, dbend of a lost
+// session closes the level on this side only (the server's transaction went
+// with the server), and COMMIT and ABORT fail. `on_reopened` (may be null)
+// is called after a re-open so that the program can restore the state of its
+// session, such as the chosen database. The handlers are the caller's and
+// must stay valid.
+struct DbSurvival {
+  void (*on_lost)(DBSESSION *session) = nullptr;
+  void (*on_reopened)(DBSESSION *session) = nullptr;
+};
+void db_survive_transport(const DbSurvival &how);
+
+// Answers a lost transport of `session` (a DBRES_TRANSPORT result or a
+// connection of status DBCONN_IO) by the process's choice: ends the program
+// (db_transport_fatal) or marks the session lost, calls `on_lost` the first
+// time, and returns.
+void db_transport_lost(DBSESSION *session);
 
 // ---- Statements -----------------------------------------------------------------
 // All: a disabled session gives outcome 3 and 1 without sending anything; the

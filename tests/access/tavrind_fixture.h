@@ -79,6 +79,27 @@ public:
     dir_ = tmpl;
     data_ = dir_ + "/data";
     log_ = dir_ + "/tavrind.log";
+    return run(why);
+  }
+
+  // Ends the server process only (SIGTERM), keeping its data folder and
+  // namespace, as a user stopping the server would; the clients see it gone.
+  void halt() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+  }
+
+  // Starts the server again on the same data folder and namespace after
+  // halt(); as start().
+  bool restart(std::string &why) {
+    setenv("TAVRIN_NAMESPACE", ns_.c_str(), 1);
+    return run(why);
+  }
+
+private:
+  bool run(std::string &why) {
     std::string prog = program();
     if (!prog.empty()) {
       pid_ = spawn_program(prog);
@@ -102,6 +123,7 @@ public:
     return true;
   }
 
+public:
   // Ends the server and removes its folder.
   void stop() {
     DBcomm_close();

@@ -61,6 +61,9 @@ protected:
     return all;
   }
 
+  // How many boxes were shown since the last fl_seam_clear.
+  size_t boxes() { return fl_seam_shown().size(); }
+
   // The first value of a query on the session, "" when there is none.
   std::string value(const std::string &sql) {
     DBRESULT *r = nullptr;
@@ -714,6 +717,45 @@ TEST_F(Viewer, WaysTheProgramEnds) {
     // The child ran this test from its start: both marked commands.
     EXPECT_EQ(slurp(ZQ_QUERY_FILE), "---\nselect 1 from KUNDE\nselect 2 from KUNDE\n") << status;
   }
+}
+
+TEST_F(Viewer, ALostServerKeepsTheViewerAndItsHistory) {
+  use_demo();
+  zentiq_store_add_sql("select 3 from KUNDE");
+  zentiq_store_mark(0, 1);
+  std::filesystem::remove_all(ZQ_QUERY_FILE);
+  zqtest::test_server()->halt();
+
+  // The server is gone while the viewer is idle: the next query tells it,
+  // the history is on disk and the viewer is still here.
+  select("KUNDE", "NAME", "WHERE KUNDE_ID = 1");
+  // One box only: the loss, not also the failed level.
+  EXPECT_EQ(shown().rfind("Die Verbindung zum TAVRIN-Server ist verloren; die Abfragen sind "
+                          "gesichert.\n",
+                          0),
+            0u)
+      << shown();
+  EXPECT_EQ(boxes(), 1u) << shown();
+  EXPECT_EQ(slurp(ZQ_QUERY_FILE), "---\nselect 3 from KUNDE\n");
+  EXPECT_EQ(db_depth(), 0);
+  EXPECT_EQ(dbstatus(app().session), 0);
+
+  // Still no server: said again, nothing else happens.
+  fl_seam_clear();
+  select("KUNDE", "NAME", "WHERE KUNDE_ID = 1");
+  EXPECT_EQ(shown().find("Es l"), 0u) << shown();
+  EXPECT_EQ(boxes(), 1u) << shown();
+  EXPECT_EQ(db_depth(), 0);
+
+  // A server on the same data and namespace: the next query reconnects, on
+  // the chosen database, and shows its rows.
+  std::string why;
+  ASSERT_TRUE(zqtest::test_server()->restart(why)) << why;
+  fl_seam_clear();
+  select("KUNDE", "KUNDE_ID, NAME", "WHERE KUNDE_ID < 4");
+  EXPECT_EQ(shown(), "");
+  EXPECT_EQ(fl_get_tabbox_maxline(m().result), 3);
+  EXPECT_EQ(dbstatus(app().session), 1);
 }
 
 TEST_F(Viewer, ManualOfTheDialogs) {
