@@ -66,6 +66,19 @@ inline pid_t spawn_tavrind(const std::string &data, const std::string &log, cons
   return pid;
 }
 
+// One row of the benchmarks' six-column table (key, name, quantity, amount,
+// date, timestamp) as the values of an INSERT, the same text for every
+// system compared.
+inline std::string row_values(int i) {
+  char buf[200];
+  std::snprintf(buf, sizeof buf,
+                "(%d, 'Kunde %06d Musterstadt', %d, %.2f, '%04d-%02d-%02d', "
+                "'%04d-%02d-%02d %02d:%02d:%02d')",
+                i, i, i % 30000, i * 1.25, 1950 + i % 70, 1 + i % 12, 1 + i % 28, 2000 + i % 25,
+                1 + (i / 12) % 12, 1 + (i / 7) % 28, i % 24, i % 60, (i / 60) % 60);
+  return buf;
+}
+
 // Waits (at most about 30 s: a first start writes the demo data) until the
 // tavrind `pid` serves namespace `ns` and a connect to TDSYS succeeds.
 // Returns the open connection (the caller frees it with DBfinish and
@@ -93,7 +106,6 @@ inline DBCONN *connect_tavrind(pid_t &pid, const std::string &ns) {
   if (!conn) std::fprintf(stderr, "tavrind did not answer\n");
   return conn;
 }
-
 
 // Ends a started process: SIGTERM, up to 5 s for it to finish, then SIGKILL.
 // Sets pid to -1.

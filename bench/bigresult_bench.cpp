@@ -58,18 +58,6 @@ std::string g_tmp;
 std::string g_ns;
 bench_servers::PgCluster g_pgc;
 
-// One row of the table as the values of an INSERT, the same for both
-// servers.
-std::string row_values(int i) {
-  char buf[200];
-  std::snprintf(buf, sizeof buf,
-                "(%d, 'Kunde %06d Musterstadt', %d, %.2f, '%04d-%02d-%02d', "
-                "'%04d-%02d-%02d %02d:%02d:%02d')",
-                i, i, i % 30000, i * 1.25, 1950 + i % 70, 1 + i % 12, 1 + i % 28, 2000 + i % 25,
-                1 + (i / 12) % 12, 1 + (i / 7) % 28, i % 24, i % 60, (i / 60) % 60);
-  return buf;
-}
-
 // The tavrin program beside this benchmark's folder; "" when missing.
 std::string tavrin_program() {
   std::error_code ec;
@@ -98,7 +86,8 @@ bool start_tavrind() {
       ok("CREATE TABLE BENCH (BENCH_ID INTEGER NOT NULL, NAME CHARACTER(32), MENGE SMALLINT, "
          "BETRAG FLOAT, DATUM DATE, ZEIT TIMESTAMP)") &&
       ok("BEGIN");
-  for (int i = 1; good && i <= kRows; ++i) good = ok("INSERT INTO BENCH VALUES " + row_values(i));
+  for (int i = 1; good && i <= kRows; ++i)
+    good = ok("INSERT INTO BENCH VALUES " + bench_servers::row_values(i));
   good = good && ok("COMMIT");
   DBfinish(conn);
   DBconn_free(conn);
@@ -123,7 +112,8 @@ bool start_postgres() {
               ok("BEGIN");
   for (int i = 1; good && i <= kRows; i += 1000) {
     std::string sql = "INSERT INTO BENCH VALUES ";
-    for (int k = i; k < i + 1000 && k <= kRows; ++k) sql += (k > i ? "," : "") + row_values(k);
+    for (int k = i; k < i + 1000 && k <= kRows; ++k)
+      sql += (k > i ? "," : "") + bench_servers::row_values(k);
     good = ok(sql);
   }
   good = good && ok("COMMIT") && ok("VACUUM ANALYZE BENCH");

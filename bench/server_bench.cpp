@@ -66,18 +66,6 @@ pid_t g_tav_pid = -1;
 std::string g_tmp;              // our temporary folder (tavrind data, SQLite file)
 bench_servers::PgCluster g_pgc; // the temporary PostgreSQL cluster
 
-// One row of the bench table as the values of an INSERT, the same text for
-// all three systems: key, name, quantity, amount, date, timestamp.
-std::string row_values(int i) {
-  char buf[200];
-  std::snprintf(buf, sizeof buf,
-                "(%d, 'Kunde %06d Musterstadt', %d, %.2f, '%04d-%02d-%02d', "
-                "'%04d-%02d-%02d %02d:%02d:%02d')",
-                i, i, i % 30000, i * 1.25, 1950 + i % 70, 1 + i % 12, 1 + i % 28, 2000 + i % 25,
-                1 + (i / 12) % 12, 1 + (i / 7) % 28, i % 24, i % 60, (i / 60) % 60);
-  return buf;
-}
-
 std::string lookup_sql(int key) {
   return "SELECT * FROM BENCH WHERE BENCH_ID = " + std::to_string(key);
 }
@@ -112,7 +100,7 @@ bool start_tavrind() {
       !ok("CREATE UNIQUE INDEX BENCH_IX ON BENCH (BENCH_ID)") || !ok("BEGIN"))
     return false;
   for (int i = 1; i <= kRows; ++i)
-    if (!ok("INSERT INTO BENCH VALUES " + row_values(i))) return false;
+    if (!ok("INSERT INTO BENCH VALUES " + bench_servers::row_values(i))) return false;
   return ok("COMMIT");
 }
 
@@ -153,7 +141,7 @@ bool start_postgres() {
     std::string sql = "INSERT INTO BENCH VALUES ";
     for (int k = i; k < i + 1000 && k <= kRows; ++k) {
       if (k > i) sql += ',';
-      sql += row_values(k);
+      sql += bench_servers::row_values(k);
     }
     if (!ok(sql)) return false;
   }
@@ -179,7 +167,7 @@ bool start_sqlite() {
       !ok("CREATE UNIQUE INDEX BENCH_IX ON BENCH (BENCH_ID)") || !ok("BEGIN"))
     return false;
   for (int i = 1; i <= kRows; ++i)
-    if (!ok("INSERT INTO BENCH VALUES " + row_values(i))) return false;
+    if (!ok("INSERT INTO BENCH VALUES " + bench_servers::row_values(i))) return false;
   return ok("COMMIT");
 }
 
