@@ -100,29 +100,25 @@ bool Event::open_live(const char *name) {
   return true;
 }
 
+bool Event::lock_or_close() {
+  if (sec_.lock_exclusive()) return true;
+  int e = errno;
+  sec_.close();
+  errno = e;
+  return false;
+}
+
 bool Event::create_owned(const char *name, const Access &access, bool *created) {
   *created = sec_.create_new(name, kEventSize, access);
   if (!*created) {
     if (errno != EEXIST || !sec_.open_existing(name, kEventSize)) return false;
   }
-  if (!sec_.lock_exclusive()) {
-    int e = errno;
-    sec_.close();
-    errno = e;
-    return false;
-  }
-  return true;
+  return lock_or_close();
 }
 
 bool Event::create_owned(const char *name) {
   if (!sec_.create_or_open(name, kEventSize)) return false;
-  if (!sec_.lock_exclusive()) {
-    int e = errno;
-    sec_.close();
-    errno = e;
-    return false;
-  }
-  return true;
+  return lock_or_close();
 }
 
 void Event::set() {

@@ -66,6 +66,9 @@ public:
   Section &section() { return sec_; }
 
 private:
+  // Takes the liveness lock on the open section; on failure closes it and
+  // returns false with errno of the lock.
+  bool lock_or_close();
   WaitResult wait_impl(int timeout_ms, const Process *proc, const uint32_t *word, uint32_t value);
   Section sec_;
   int64_t spin_ns_ = INT64_MAX; // this process's next spin on this event
