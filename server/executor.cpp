@@ -91,8 +91,20 @@ const char *const STATIC_MESSAGE = "TAVRIN_STATIC ";
 constexpr size_t MAX_PARAMS = 30000;
 // Prepared statements kept per channel.
 constexpr size_t STMT_CACHE = 64;
+// Translated query shapes kept per channel.
+constexpr size_t SHAPE_CACHE = 64;
 
 } // namespace
+
+// A query translated once for its shape (the request without its literal
+// values): the SQLite text, the answer's columns, and for each parameter of
+// the text which literal of the request it binds (its place in the order in
+// which query_shape lists them) and the type it is converted to.
+struct QueryShape {
+  std::string sql;
+  std::vector<AnswerColumn> cols;
+  std::vector<std::pair<size_t, std::optional<ColType>>> params;
+};
 
 // A declared cursor: its running statement and its columns.
 struct Cursor {
@@ -108,6 +120,9 @@ struct SessionState {
   std::map<std::string, TableInfo> tables;  // key: upper-case name
   std::map<std::string, IndexInfo> indexes; // key: upper-case name
   std::unordered_map<std::string, StmtPtr> cache;
+  // Translated queries by shape, valid for the schema loaded in tables and
+  // indexes (emptied whenever that is loaded again).
+  std::unordered_map<std::string, QueryShape> shapes;
   // BEGIN was given, but no statement has run since: the SQLite transaction
   // starts with the first statement, taking the write lock at once when that
   // statement writes (so that a transaction that begins by writing waits for
@@ -279,6 +294,7 @@ int run_change(SessionState &st, const std::string &sql, const std::vector<SqlVa
 void load_schema(SessionState &st) {
   st.tables.clear();
   st.indexes.clear();
+  st.shapes.clear();
   std::vector<std::pair<std::string, std::string>> objects; // type, name
   {
     CachedStmt s(st, "SELECT type, name FROM sqlite_schema WHERE type IN ('table','trigger')");
@@ -338,15 +354,18 @@ void load_schema(SessionState &st) {
   }
 }
 
+// The schema version of the open database as the connection sees it now
+// (inside a running statement or transaction: in its snapshot).
+int schema_version(SessionState &st) {
+  CachedStmt s(st, "PRAGMA schema_version");
+  int rc = sqlite3_step(s.get());
+  if (rc != SQLITE_ROW) raise_sqlite(st, rc);
+  return sqlite3_column_int(s.get(), 0);
+}
+
 // Brings the schema up to date when the database's schema changed.
 void refresh_schema(SessionState &st) {
-  int version = -1;
-  {
-    CachedStmt s(st, "PRAGMA schema_version");
-    int rc = sqlite3_step(s.get());
-    if (rc != SQLITE_ROW) raise_sqlite(st, rc);
-    version = sqlite3_column_int(s.get(), 0);
-  }
+  int version = schema_version(st);
   if (version != st.schema_version) {
     load_schema(st);
     st.schema_version = version;
@@ -392,11 +411,88 @@ struct Generated {
   std::vector<AnswerColumn> cols;
 };
 
+// A literal as parameter: in the stored form of type t when it is a valid
+// value of it (so '2003.07.12' finds the date 2003-07-12 and '' the null
+// marker), else as it is.
+SqlValue literal_param(const Literal &l, std::optional<ColType> t) {
+  SqlValue v;
+  std::string err;
+  if (!(t && type_check_value(*t, l, v, err))) {
+    if (l.kind == Literal::INT)
+      v = static_cast<int64_t>(l.i);
+    else if (l.kind == Literal::FLOAT)
+      v = l.f;
+    else
+      v = latin1_to_utf8(l.s);
+  }
+  return v;
+}
+
+// The shape of a query: everything its translation depends on besides the
+// schema (names, structure, the kinds of its literals) as one text, with the
+// literals themselves left out and appended to lits in a fixed order. Two
+// queries of the same shape translate into the same SQLite text. Names never
+// contain the separators (the decoder accepts only the tokenizer's names).
+void shape_name(std::string &k, const std::string &name) {
+  k += name;
+  k += '\x01';
+}
+
+void shape_select(std::string &k, const Select &s, std::vector<const Literal *> &lits);
+
+void shape_expr(std::string &k, const Expr &e, std::vector<const Literal *> &lits) {
+  k += static_cast<char>('a' + e.kind);
+  k += e.op ? e.op : '-';
+  switch (e.kind) {
+  case Expr::Column:
+    shape_name(k, e.attr.qualifier);
+    shape_name(k, e.attr.name);
+    break;
+  case Expr::Value:
+    k += static_cast<char>('0' + e.lit.kind);
+    lits.push_back(&e.lit);
+    break;
+  default:
+    break;
+  }
+  if (e.sub) shape_select(k, *e.sub, lits);
+  k += '(';
+  for (const auto &a : e.args) shape_expr(k, *a, lits);
+  k += ')';
+}
+
+void shape_select(std::string &k, const Select &s, std::vector<const Literal *> &lits) {
+  k += s.distinct ? "SD" : "S";
+  for (const SelectItem &it : s.items) {
+    k += static_cast<char>('0' + it.kind);
+    shape_name(k, it.attr.qualifier);
+    shape_name(k, it.attr.name);
+  }
+  k += 'F';
+  for (const TableRef &t : s.from) {
+    shape_name(k, t.name);
+    shape_name(k, t.alias);
+  }
+  if (s.where) {
+    k += 'W';
+    shape_expr(k, *s.where, lits);
+  }
+  k += 'O';
+  for (const OrderItem &o : s.order) {
+    k += o.desc ? 'd' : 'a';
+    shape_name(k, o.attr.qualifier);
+    shape_name(k, o.attr.name);
+  }
+  k += ';';
+}
+
 class Translator {
 public:
   explicit Translator(SessionState &st) : st_(st) {}
 
   std::vector<SqlValue> params;
+  // The literal and type behind each parameter, in the order of params.
+  std::vector<std::pair<const Literal *, std::optional<ColType>>> sources;
 
   Generated select(const Select &s, const Scope *outer) {
     Scope scope;
@@ -534,21 +630,9 @@ private:
     return std::nullopt;
   }
 
-  // A literal as parameter: in the stored form of type t when it is a valid
-  // value of it (so '2003.07.12' finds the date 2003-07-12 and '' the null
-  // marker), else as it is.
   std::string param(const Literal &l, std::optional<ColType> t) {
-    SqlValue v;
-    std::string err;
-    if (!(t && type_check_value(*t, l, v, err))) {
-      if (l.kind == Literal::INT)
-        v = static_cast<int64_t>(l.i);
-      else if (l.kind == Literal::FLOAT)
-        v = l.f;
-      else
-        v = latin1_to_utf8(l.s);
-    }
-    params.push_back(std::move(v));
+    params.push_back(literal_param(l, t));
+    sources.emplace_back(&l, t);
     return "?";
   }
 
@@ -825,11 +909,14 @@ size_t answer_limit(const Executor &ex) { return std::min(ex.max_answer, ANSWER_
 
 // Steps s and appends up to limit rows (0: all) to a tuples answer. Returns
 // false when the statement has no more rows. An answer that grows past the
-// answer limit throws (error 514) and its memory is freed.
-bool append_rows(Ctx &c, sqlite3_stmt *s, const std::vector<AnswerColumn> &cols, int64_t limit) {
+// answer limit throws (error 514) and its memory is freed. first: the result
+// of a first step the caller has already taken (0: none).
+bool append_rows(Ctx &c, sqlite3_stmt *s, const std::vector<AnswerColumn> &cols, int64_t limit,
+                 int first = 0) {
   int64_t n = 0;
   while (limit == 0 || n < limit) {
-    int rc = sqlite3_step(s);
+    int rc = first ? first : sqlite3_step(s);
+    first = 0;
     if (rc == SQLITE_DONE) return false;
     if (rc != SQLITE_ROW) {
       if ((rc & 0xFF) == SQLITE_BUSY && n > 0) return true;
@@ -848,14 +935,73 @@ bool append_rows(Ctx &c, sqlite3_stmt *s, const std::vector<AnswerColumn> &cols,
   return true;
 }
 
-void do_select(Ctx &c, const Request &q) {
+// The translation of a query for the schema as loaded: from the channel's
+// shapes when a query of the same shape was translated before, else
+// translated now and kept. lits are the query's literals in shape order.
+// Throws the translation's errors.
+const QueryShape &shaped_query(Ctx &c, const Select &sel, const std::string &key,
+                               const std::vector<const Literal *> &lits) {
+  auto it = c.st.shapes.find(key);
+  if (it != c.st.shapes.end()) return it->second;
   Translator tr(c.st);
-  Generated g = tr.select(*q.select, nullptr);
-  if (c.ch.ex.verbose) log_line(c.ch, g.sql);
-  CachedStmt s(c.st, g.sql);
-  bind_all(c.st, s.get(), tr.params);
-  answer_tuples_begin(c.out, DBANS_TUPLES, g.cols);
-  append_rows(c, s.get(), g.cols, c.ch.max_rows);
+  Generated g = tr.select(sel, nullptr);
+  QueryShape shape{std::move(g.sql), std::move(g.cols), {}};
+  for (const auto &[lit, type] : tr.sources) {
+    size_t at = size_t(std::find(lits.begin(), lits.end(), lit) - lits.begin());
+    if (at == lits.size()) throw ExecError{answer_errtext(Err::SPEICHERFEHLER, {"query shape"})};
+    shape.params.emplace_back(at, type);
+  }
+  if (c.st.shapes.size() >= SHAPE_CACHE) c.st.shapes.clear();
+  return c.st.shapes.emplace(key, std::move(shape)).first->second;
+}
+
+// Runs a query. It is translated for the schema as last loaded, and the
+// database's schema version is read after the query's first step, in the
+// snapshot the query reads: a version equal to the loaded one proves that
+// the translation was right (versions only grow) and costs no transaction
+// of its own. Else, and when the translation or the query fails while the
+// schema has changed, the schema is loaded again and the query runs anew,
+// before any of its rows has gone into the answer.
+void do_select(Ctx &c, const Request &q) {
+  std::string key;
+  std::vector<const Literal *> lits;
+  shape_select(key, *q.select, lits);
+  for (bool fresh = false;; fresh = true) {
+    auto reload = [&] {
+      if (fresh) return false;
+      int version = schema_version(c.st);
+      if (version == c.st.schema_version) return false;
+      load_schema(c.st);
+      c.st.schema_version = version;
+      return true;
+    };
+    const QueryShape *shape = nullptr;
+    std::vector<SqlValue> params;
+    try {
+      shape = &shaped_query(c, *q.select, key, lits);
+      for (const auto &[at, type] : shape->params) params.push_back(literal_param(*lits[at], type));
+    } catch (const ExecError &) {
+      if (reload()) continue;
+      throw;
+    }
+    if (c.ch.ex.verbose) log_line(c.ch, shape->sql);
+    std::optional<CachedStmt> s;
+    int first = 0;
+    try {
+      s.emplace(c.st, shape->sql);
+      bind_all(c.st, s->get(), params);
+      first = sqlite3_step(s->get());
+      if (first != SQLITE_ROW && first != SQLITE_DONE) raise_sqlite(c.st, first);
+    } catch (const ExecError &) {
+      s.reset();
+      if (reload()) continue;
+      throw;
+    }
+    if (reload()) continue;
+    answer_tuples_begin(c.out, DBANS_TUPLES, shape->cols);
+    append_rows(c, s->get(), shape->cols, c.ch.max_rows, first);
+    return;
+  }
 }
 
 void do_declare(Ctx &c, const Request &q) {
@@ -1313,7 +1459,8 @@ int execute(Ctx &c, const Request &q) {
     if (reads && !st.block_write_tried) st.block_read_first = true;
     if (writes) st.block_write_tried = true;
   }
-  need_db(c);
+  // A query checks the schema itself, in the snapshot it reads.
+  if (q.kind != ReqKind::Select || st.schema_version < 0) need_db(c);
   switch (q.kind) {
   case ReqKind::CreateTable:
     do_create_table(c, q);
@@ -1444,7 +1591,12 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
     // A stopped change inside BEGIN ... COMMIT may have taken the whole
     // transaction with it (SQLite rolls it back): the client is told.
     bool lost = block && !ch.in_transaction();
-    if (lost) end_block(st);
+    if (lost) {
+      end_block(st);
+      // The rolled-back transaction's schema changes are gone, and with
+      // them the versions they counted up to.
+      st.schema_version = -1;
+    }
     std::string what = lost ? "die offene Transaktion ist zurückgesetzt"
                             : "nichts davon ist ausgeführt";
     std::string text;
