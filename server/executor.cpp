@@ -99,7 +99,7 @@ constexpr size_t SHAPE_CACHE = 64;
 // A query translated once for its shape (the request without its literal
 // values): the SQLite text, the answer's columns, and for each parameter of
 // the text which literal of the request it binds (its place in the order in
-// which query_shape lists them) and the type it is converted to.
+// which shape_select lists them) and the type it is converted to.
 struct QueryShape {
   std::string sql;
   std::vector<AnswerColumn> cols;
@@ -431,8 +431,10 @@ SqlValue literal_param(const Literal &l, std::optional<ColType> t) {
 // The shape of a query: everything its translation depends on besides the
 // schema (names, structure, the kinds of its literals) as one text, with the
 // literals themselves left out and appended to lits in a fixed order. Two
-// queries of the same shape translate into the same SQLite text. Names never
-// contain the separators (the decoder accepts only the tokenizer's names).
+// queries of the same shape translate into the same SQLite text. Every part
+// starts with a mark of its own and every name ends with a separator that no
+// name contains (the decoder accepts only the tokenizer's names), so two
+// different shapes never give the same text.
 void shape_name(std::string &k, const std::string &name) {
   k += name;
   k += '\x01';
@@ -470,6 +472,7 @@ void shape_select(std::string &k, const Select &s, std::vector<const Literal *> 
   }
   k += 'F';
   for (const TableRef &t : s.from) {
+    k += 't';
     shape_name(k, t.name);
     shape_name(k, t.alias);
   }
