@@ -40,9 +40,10 @@ inline std::string tavrind_program() {
 }
 
 // Starts tavrind on `data` in namespace `ns` (also set as TAVRIN_NAMESPACE of
-// this process), its output appended to `log`. Returns its pid, or -1 with a
-// line on stderr.
-inline pid_t spawn_tavrind(const std::string &data, const std::string &log, const std::string &ns) {
+// this process), its output appended to `log`, with the commit durability
+// `sync` ("normal" or "full"). Returns its pid, or -1 with a line on stderr.
+inline pid_t spawn_tavrind(const std::string &data, const std::string &log, const std::string &ns,
+                           const std::string &sync = "normal") {
   std::string prog = tavrind_program();
   if (prog.empty()) {
     std::fprintf(stderr, "tavrind has not been built beside the benchmark\n");
@@ -53,9 +54,10 @@ inline pid_t spawn_tavrind(const std::string &data, const std::string &log, cons
   posix_spawn_file_actions_init(&fa);
   posix_spawn_file_actions_addopen(&fa, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
   posix_spawn_file_actions_adddup2(&fa, 1, 2);
-  // PostgreSQL runs with fsync=off below: tavrind gets the matching
-  // durability (commits survive a crash of the server, not of the machine).
-  std::vector<std::string> args = {prog, "--data", data, "--namespace", ns, "--sync", "normal"};
+  // PostgreSQL runs with fsync=off in the comparisons: there tavrind gets the
+  // matching durability "normal" (commits survive a crash of the server, not
+  // of the machine).
+  std::vector<std::string> args = {prog, "--data", data, "--namespace", ns, "--sync", sync};
   std::vector<char *> argv;
   for (auto &a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
