@@ -26,7 +26,7 @@ namespace {
 std::vector<JrnEntry> g_entries;
 std::string g_path;
 
-constexpr const char *kTitle = "NR,ZEIT,BENUTZER,TABELLE,ART,ZEILEN,STATUS";
+constexpr const char *kTitle = "NR,ZEIT,TABELLE,ART,ZEILEN,STATUS,BEZUG,BENUTZER";
 const char *list_title(FL_OBJECT *) { return kTitle; }
 
 std::string upper(std::string t) {
@@ -52,12 +52,16 @@ bool status_matches(const JrnEntry &e, const std::string &code) {
 
 size_t row_count(const JrnEntry &e) { return std::max(e.before.size(), e.after.size()); }
 
-std::string kind_text(const JrnEntry &e) {
-  std::string t = upper(jrn_kind_name(e.kind));
+std::string kind_text(const JrnEntry &e) { return upper(jrn_kind_name(e.kind)); }
+
+// How the entry stands to the undos: "nimmt 3 zurück", "zurückgenommen mit 5".
+std::string relation_text(const JrnEntry &e) {
+  std::string t;
   if (!e.undoes.empty())
     for (const JrnEntry &o : g_entries)
-      if (o.token == e.undoes) t += " (Rücknahme von " + std::to_string(o.number) + ")";
-  if (e.undone_by) t += " (zurück mit " + std::to_string(e.undone_by) + ")";
+      if (o.token == e.undoes) t = "nimmt " + std::to_string(o.number) + " zurück";
+  if (e.undone_by)
+    t += (t.empty() ? "" : ", ") + std::string("zurückgenommen mit ") + std::to_string(e.undone_by);
   return t;
 }
 
@@ -65,9 +69,10 @@ std::string value_text(const JrnValue &v) { return v ? "'" + *v + "'" : "(kein W
 
 // The entry's rows and the statements that take it back, for the details box.
 std::string details(const JrnEntry &e) {
+  std::string rel = relation_text(e);
   std::string out = "Eintrag " + std::to_string(e.number) + ": " + kind_text(e) + " in " +
                     e.table + " (Datenbank " + e.database + "), " + e.time + " UTC, " + e.user +
-                    ", " + status_text(e) + "\n";
+                    ", " + status_text(e) + (rel.empty() ? "" : ", " + rel) + "\n";
   int k = jrn_key_index(e);
   for (size_t i = 0; i < row_count(e); ++i) {
     const JrnRow *b = i < e.before.size() ? &e.before[i] : nullptr;
@@ -121,8 +126,8 @@ void fill_list() {
     const JrnEntry &e = *it;
     if ((!table.empty() && e.table != table) || !status_matches(e, status)) continue;
     records.push_back(zentiq_make_record(zentiq_row_text(
-        {std::to_string(e.number), e.time, e.user, e.table, kind_text(e),
-         std::to_string(row_count(e)), status_text(e)})));
+        {std::to_string(e.number), e.time, e.table, kind_text(e), std::to_string(row_count(e)),
+         status_text(e), relation_text(e), e.user})));
   }
   myfl_load_multiple_tabbox(
       zentiq_app().session, f.list,
@@ -148,12 +153,12 @@ FL_OBJECT *button(int x, int y, int w, const char *label, FL_CALLBACKPTR cb) {
 
 void create_form() {
   ZqJournalForm &f = zentiq_journal_form();
-  f.form = fl_begin_form(FL_NO_BOX, 661, 581);
+  f.form = fl_begin_form(FL_NO_BOX, 761, 581);
   // The list takes the extra height and width; the buttons keep their
   // distance to the right and bottom edges.
-  FL_OBJECT *bg = fl_add_box(FL_UP_BOX, 0, 0, 665, 600, "");
+  FL_OBJECT *bg = fl_add_box(FL_UP_BOX, 0, 0, 765, 600, "");
   fl_set_object_resize(bg, 0, 100, 0, 100);
-  f.help = fl_add_button(FL_HIDDEN_BUTTON, 0, 0, 660, 576, "");
+  f.help = fl_add_button(FL_HIDDEN_BUTTON, 0, 0, 760, 576, "");
   fl_set_object_callback(f.help, myfl_cb_help, 0);
   fl_set_object_resize(f.help, 0, 100, 0, 100);
   FL_OBJECT *h = fl_add_text(0, 20, 10, 200, 20, "Zentiq-Journal");
@@ -168,17 +173,17 @@ void create_form() {
     fl_set_object_lalign(o, FL_ALIGN_LEFT);
   }
   fl_set_object_callback(f.table, [](FL_OBJECT *, long) { fill_list(); }, 0);
-  f.refresh = button(520, 40, 120, "Aktualisieren", zentiq_journal_refresh);
+  f.refresh = button(620, 40, 120, "Aktualisieren", zentiq_journal_refresh);
   fl_set_object_resize(f.refresh, 100, 0, 0, 0);
-  f.list = fl_add_tabbox(2, 20, 70, 620, 300, "");
+  f.list = fl_add_tabbox(2, 20, 70, 720, 300, "");
   fl_set_object_resize(f.list, 0, 100, 0, 100);
-  f.details = fl_add_input(FL_MULTILINE_INPUT, 20, 380, 620, 150, "");
+  f.details = fl_add_input(FL_MULTILINE_INPUT, 20, 380, 720, 150, "");
   fl_set_object_lstyle(f.details, FL_FIXED_STYLE);
   fl_set_object_resize(f.details, 0, 100, 100, 0);
   f.undo = button(20, 545, 120, "Rückgängig", zentiq_journal_undo);
-  f.file = fl_add_text(0, 150, 545, 360, 21, "");
+  f.file = fl_add_text(0, 150, 545, 460, 21, "");
   fl_set_object_lalign(f.file, FL_ALIGN_INSIDE | FL_ALIGN_LEFT);
-  f.close = button(520, 545, 120, "Schließen", [](FL_OBJECT *, long) {
+  f.close = button(620, 545, 120, "Schließen", [](FL_OBJECT *, long) {
     myfl_hide_form(zentiq_journal_form().form);
   });
   for (FL_OBJECT *o : {f.undo, f.file}) fl_set_object_resize(o, 0, 0, 100, 0);
