@@ -212,6 +212,8 @@ std::string problem_text(const std::vector<JrnProblem> &problems, const std::str
       out += "Zeile " + key + " = " + p.key + " gibt es nicht mehr\n";
     else if (p.what == JrnProblem::KEY_TAKEN)
       out += "Zeile " + key + " = " + p.key + " gibt es inzwischen wieder\n";
+    else if (p.what == JrnProblem::DOUBLED)
+      out += "Zeile " + key + " = " + p.key + " gibt es inzwischen mehrfach\n";
     else
       out += "Zeile " + key + " = " + p.key + ": " + p.column + " ist jetzt " + value_text(p.now) +
              " (die Änderung hinterließ " + value_text(p.left) + ")\n";

@@ -230,7 +230,7 @@ int ZqRecordedChange::commit(DBSESSION *session) {
     int got = jrn_read_keys(session, entry_, keys, &entry_.after, &why_);
     if (got != JRN_READ_OK) {
       zentiq_abort_level(session);
-      if (got == JRN_READ_NO_KEY)
+      if (got != JRN_READ_FAILED)
         why_ = "Der Schlüssel " + entry_.key + " wurde geändert; so eine Änderung kann nicht "
                "ins Journal geschrieben werden. Sie wurde zurückgenommen.";
       return 0;

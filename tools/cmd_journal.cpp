@@ -86,6 +86,7 @@ std::string problem_text(const JrnEntry &e, const std::vector<JrnProblem> &probl
     out += "  " + e.key + " = " + p.key + ": ";
     if (p.what == JrnProblem::GONE) out += "the row is gone\n";
     else if (p.what == JrnProblem::KEY_TAKEN) out += "a row with this key exists again\n";
+    else if (p.what == JrnProblem::DOUBLED) out += "several rows have this key now\n";
     else out += p.column + " is now " + value_text(p.now) + ", the change left " +
                 value_text(p.left) + "\n";
   }

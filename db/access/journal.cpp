@@ -95,6 +95,10 @@ bool write_all(int fd, const std::string &text) {
 // the file's last line was cut off (so that the cut line stays one broken
 // line). Syncs the file when `sync`. False with the reason in *why.
 bool append(const std::string &path, const std::string &text, bool sync, std::string *why) {
+  if (path.empty() || path[0] != '/') {
+    *why = "no journal folder: neither XDG_DATA_HOME nor a home folder is known";
+    return false;
+  }
   std::string folder = std::filesystem::path(path).parent_path().string();
   if (!make_folder(folder, why)) return false;
   Fd f(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
@@ -178,6 +182,8 @@ std::string jrn_folder() {
 }
 
 std::string jrn_path(const std::string &ns, const std::string &database) {
+  std::string folder = jrn_folder();
+  if (folder.empty()) return "";
   std::string name = database + "@";
   for (unsigned char c : ns) {
     if (std::isalnum(c) || c == '_') {
@@ -188,7 +194,7 @@ std::string jrn_path(const std::string &ns, const std::string &database) {
       name += hex;
     }
   }
-  return jrn_folder() + "/" + name + ".jrn";
+  return folder + "/" + name + ".jrn";
 }
 
 std::string jrn_encode_field(const JrnValue &value) {

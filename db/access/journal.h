@@ -64,7 +64,8 @@ struct JrnEntry {
 // The journal folder: ${XDG_DATA_HOME}/zentiq/journal, or with XDG_DATA_HOME
 // unset or not absolute ~/.local/share/zentiq/journal ("" without a home).
 std::string jrn_folder();
-// The file of namespace `ns` and database `database` in jrn_folder().
+// The file of namespace `ns` and database `database` in jrn_folder(); ""
+// without a folder (appends to "" fail).
 std::string jrn_path(const std::string &ns, const std::string &database);
 
 // The field text of a value, and back. jrn_decode_field returns false for a

@@ -165,15 +165,16 @@ int jrn_read_keys(DBSESSION *s, const JrnEntry &e, const std::vector<JrnValue> &
     stmt += ");";
     DBRESULT *r = nullptr;
     if (!run(s, stmt, DBOUT_TUPLES, &r, why)) return JRN_READ_FAILED;
-    bool ok = dbnfields(s, r) == static_cast<int>(e.columns.size());
+    bool ok = dbnfields(s, r) == static_cast<int>(e.columns.size()), doubled = false;
     for (int i = 0; ok && i < dbntuples(s, r); ++i) {
       JrnRow row;
       for (size_t c = 0; c < e.columns.size(); ++c) row.push_back(cell(s, r, i, static_cast<int>(c)));
       std::string key = shown(row[static_cast<size_t>(k)]);
-      ok = found.emplace(key, std::move(row)).second;
+      doubled = !found.emplace(key, std::move(row)).second;
+      ok = !doubled;
     }
     dbclear(s, r);
-    if (!ok) return JRN_READ_NO_KEY;
+    if (!ok) return doubled ? JRN_READ_TOO_MANY : JRN_READ_NO_KEY;
   }
   for (const JrnValue &key : keys) {
     auto it = found.find(shown(key));
@@ -271,6 +272,11 @@ int jrn_undo(DBSESSION *s, const std::string &path, const JrnEntry &e,
     }
     JrnProblem p;
     p.key = shown(keys[i]);
+    if (got == JRN_READ_TOO_MANY) {
+      p.what = JrnProblem::DOUBLED;
+      problems->push_back(p);
+      continue;
+    }
     if (e.kind == JRN_DELETE) {
       if (got == JRN_READ_OK) {
         p.what = JrnProblem::KEY_TAKEN;

@@ -35,8 +35,8 @@ enum : int {
 int jrn_read_rows(DBSESSION *session, const std::string &table, const std::string &where,
                   long max_rows, JrnEntry *e, std::vector<JrnRow> *rows, std::string *why);
 // Reads the rows of e's table with the key values `keys` (e's columns, in
-// the order of `keys`) into *rows. JRN_READ_NO_KEY when a key finds no row or
-// more than one.
+// the order of `keys`) into *rows. JRN_READ_NO_KEY when a key finds no row,
+// JRN_READ_TOO_MANY when one finds more than one.
 int jrn_read_keys(DBSESSION *session, const JrnEntry &e, const std::vector<JrnValue> &keys,
                   std::vector<JrnRow> *rows, std::string *why);
 // The column index of e's key attribute, -1 when it has none.
@@ -62,7 +62,7 @@ int jrn_commit(DBSESSION *session, const std::string &path, JrnEntry *e, std::st
 
 // What stands in the way of an undo, row by row.
 struct JrnProblem {
-  enum What { CHANGED, GONE, KEY_TAKEN } what = CHANGED;
+  enum What { CHANGED, GONE, KEY_TAKEN, DOUBLED } what = CHANGED;
   std::string key;    // the row's key value
   std::string column; // CHANGED: the attribute that differs
   JrnValue left, now; // CHANGED: what the change left, what the row holds now
