@@ -105,9 +105,26 @@ const JrnEntry *selected_entry() {
   return nullptr;
 }
 
+// For an entry whose outcome is unknown: what the data says about it.
+std::string checked_text(const JrnEntry &e) {
+  std::string why;
+  switch (jrn_check(zentiq_app().session, e, &why)) {
+  case JRN_CHECK_AFTER:
+    return "Prüfung: die Daten haben den Stand nach der Änderung - sie ist gespeichert.\n";
+  case JRN_CHECK_BEFORE:
+    return "Prüfung: die Daten haben den Stand vor der Änderung - sie ist nicht gespeichert.\n";
+  case JRN_CHECK_NEITHER:
+    return "Prüfung: die Zeilen wurden seither anders geändert.\n";
+  default:
+    return "Prüfung nicht möglich: " + why + "\n";
+  }
+}
+
 void show_details(FL_OBJECT *, long) {
   const JrnEntry *e = selected_entry();
-  fl_set_input(zentiq_journal_form().details, e ? details(*e).c_str() : "");
+  std::string text = e ? details(*e) : "";
+  if (e && e->status == JRN_UNKNOWN && !e->undone_by) text = checked_text(*e) + text;
+  fl_set_input(zentiq_journal_form().details, text.c_str());
 }
 
 // Fills the list from g_entries by the filters, newest first.

@@ -162,7 +162,22 @@ int cmd_journal(int argc, char **argv) {
     return TAVRIN_FAIL;
   }
   const JrnEntry e = all[static_cast<size_t>(number - 1)];
-  if (action == "show") return term_write(stdout, show_text(e, all)) ? TAVRIN_OK : TAVRIN_FAIL;
+  if (action == "show") {
+    std::string out = show_text(e, all);
+    // An entry without outcome: the data tells whether the change is in.
+    if (e.status == JRN_UNKNOWN && !e.undone_by) {
+      std::vector<std::string> ignored;
+      DBSESSION *s = tavrin_open_session(argc, argv, ignored);
+      if (!s) return TAVRIN_FAIL;
+      int state = jrn_check(s, e, &why);
+      dbclose(s);
+      out += state == JRN_CHECK_AFTER    ? "check: the rows hold what the change left: it was committed\n"
+             : state == JRN_CHECK_BEFORE ? "check: the rows are as before the change: it was not committed\n"
+             : state == JRN_CHECK_NEITHER ? "check: the rows were changed otherwise since\n"
+                                          : "check failed: " + why + "\n";
+    }
+    return term_write(stdout, out) ? TAVRIN_OK : TAVRIN_FAIL;
+  }
 
   if (e.status == JRN_ABORTED) {
     term_error("change %d was aborted: there is nothing to undo", number);

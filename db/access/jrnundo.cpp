@@ -90,6 +90,44 @@ bool end_level(DBSESSION *s) {
   return false;
 }
 
+// Compares the rows of e's table, found by the keys of `rows`, with `rows`
+// (`present`), or makes sure no row has those keys (not `present`), inside
+// the open level. True with what differs in *problems; false when a
+// statement failed (*why).
+bool compare_rows(DBSESSION *s, const JrnEntry &e, const std::vector<JrnRow> &rows, bool present,
+                  std::vector<JrnProblem> *problems, std::string *why) {
+  problems->clear();
+  size_t key = static_cast<size_t>(jrn_key_index(e));
+  for (const JrnRow &row : rows) {
+    std::vector<JrnRow> now;
+    int got = jrn_read_keys(s, e, {row[key]}, &now, why);
+    if (got == JRN_READ_FAILED) return false;
+    JrnProblem p;
+    p.key = shown(row[key]);
+    if (got == JRN_READ_TOO_MANY) {
+      p.what = JrnProblem::DOUBLED;
+      problems->push_back(p);
+    } else if (!present) {
+      if (got == JRN_READ_OK) {
+        p.what = JrnProblem::KEY_TAKEN;
+        problems->push_back(p);
+      }
+    } else if (got != JRN_READ_OK) {
+      p.what = JrnProblem::GONE;
+      problems->push_back(p);
+    } else {
+      for (size_t c = 0; c < e.columns.size(); ++c)
+        if (shown(now[0][c]) != shown(row[c])) {
+          p.column = e.columns[c];
+          p.left = row[c];
+          p.now = now[0][c];
+          problems->push_back(p);
+        }
+    }
+  }
+  return true;
+}
+
 } // namespace
 
 int jrn_key_index(const JrnEntry &e) {
@@ -246,10 +284,8 @@ int jrn_undo(DBSESSION *s, const std::string &path, const JrnEntry &e,
     return JRN_UNDO_FAILED;
   }
   size_t key = static_cast<size_t>(k);
-  // The rows as the change left them, and the keys to find them by.
+  // The rows as the change left them.
   const std::vector<JrnRow> &left = e.kind == JRN_DELETE ? e.before : e.after;
-  std::vector<JrnValue> keys;
-  for (const JrnRow &row : left) keys.push_back(row[key]);
   if (!dbbegin(s)) {
     dbend(s);
     *why = "BEGIN failed";
@@ -263,39 +299,9 @@ int jrn_undo(DBSESSION *s, const std::string &path, const JrnEntry &e,
   dbclear(s, r);
   // Each row must hold what the change left (a deleted row must still be
   // gone), read in this transaction, before anything is written.
-  for (size_t i = 0; i < left.size(); ++i) {
-    std::vector<JrnRow> now;
-    int got = jrn_read_keys(s, e, {keys[i]}, &now, why);
-    if (got == JRN_READ_FAILED) {
-      abort_level(s);
-      return JRN_UNDO_FAILED;
-    }
-    JrnProblem p;
-    p.key = shown(keys[i]);
-    if (got == JRN_READ_TOO_MANY) {
-      p.what = JrnProblem::DOUBLED;
-      problems->push_back(p);
-      continue;
-    }
-    if (e.kind == JRN_DELETE) {
-      if (got == JRN_READ_OK) {
-        p.what = JrnProblem::KEY_TAKEN;
-        problems->push_back(p);
-      }
-      continue;
-    }
-    if (got != JRN_READ_OK) {
-      p.what = JrnProblem::GONE;
-      problems->push_back(p);
-      continue;
-    }
-    for (size_t c = 0; c < e.columns.size(); ++c)
-      if (shown(now[0][c]) != shown(left[i][c])) {
-        p.column = e.columns[c];
-        p.left = left[i][c];
-        p.now = now[0][c];
-        problems->push_back(p);
-      }
+  if (!compare_rows(s, e, left, e.kind != JRN_DELETE, problems, why)) {
+    abort_level(s);
+    return JRN_UNDO_FAILED;
   }
   if (!problems->empty()) {
     abort_level(s);
@@ -345,4 +351,29 @@ int jrn_undo(DBSESSION *s, const std::string &path, const JrnEntry &e,
     for (const JrnEntry &x : all)
       if (x.token == u.token) *number = x.number;
   return done == JRN_COMMIT_OK ? JRN_UNDO_DONE : JRN_UNDO_NOT_ENDED;
+}
+
+int jrn_check(DBSESSION *s, const JrnEntry &e, std::string *why) {
+  if (jrn_key_index(e) < 0) {
+    *why = "the entry has no key attribute " + e.key;
+    return JRN_CHECK_FAILED;
+  }
+  if (!dbbegin(s)) {
+    dbend(s);
+    *why = "BEGIN failed";
+    return JRN_CHECK_FAILED;
+  }
+  DBRESULT *r = nullptr;
+  std::vector<JrnProblem> after, before;
+  bool ok = run(s, "MAX;", DBOUT_DONE, &r, why);
+  dbclear(s, r);
+  // The rows as the change left them, then as they were before it.
+  ok = ok && compare_rows(s, e, e.kind == JRN_DELETE ? e.before : e.after, e.kind != JRN_DELETE,
+                          &after, why);
+  ok = ok && compare_rows(s, e, e.kind == JRN_INSERT ? e.after : e.before, e.kind != JRN_INSERT,
+                          &before, why);
+  end_level(s);
+  if (!ok) return JRN_CHECK_FAILED;
+  if (after.empty()) return JRN_CHECK_AFTER;
+  return before.empty() ? JRN_CHECK_BEFORE : JRN_CHECK_NEITHER;
 }

@@ -86,3 +86,15 @@ enum : int {
 // be open. *number gets the new entry's number in the file.
 int jrn_undo(DBSESSION *session, const std::string &path, const JrnEntry &e,
              std::vector<JrnProblem> *problems, std::string *why, int *number);
+
+// Outcomes of jrn_check.
+enum : int {
+  JRN_CHECK_FAILED = 0,  // a statement failed (*why)
+  JRN_CHECK_AFTER = 1,   // the rows hold what the change left: it was committed
+  JRN_CHECK_BEFORE = 2,  // the rows are as before the change: it was not
+  JRN_CHECK_NEITHER = 3  // the rows were changed otherwise since
+};
+// Tells from the data whether e's change is in the database, for an entry
+// whose outcome the file does not say ("unknown"). Reads in a transaction of
+// its own; no level may be open.
+int jrn_check(DBSESSION *session, const JrnEntry &e, std::string *why);

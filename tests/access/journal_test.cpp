@@ -225,12 +225,14 @@ TEST_F(JournalServed, UndoOfAnUpdateAndOfADeleteRestoresTheRowsAndIsRecorded) {
 TEST_F(JournalServed, UndoIsRefusedWhenARowChangedSince) {
   record("WHERE JT_ID = 1", "UPDATE JT SET MENGE = 7 WHERE JT_ID = 1;", JRN_UPDATE);
   record("WHERE JT_ID = 2", "DELETE FROM JT WHERE JT_ID = 2;", JRN_DELETE);
+  std::string why;
+  EXPECT_EQ(jrn_check(s, entries()[0], &why), JRN_CHECK_AFTER);
   exec("UPDATE JT SET NAME = 'anders' WHERE JT_ID = 1;");
   exec("INSERT INTO JT VALUES (2, 'wieder da', 1, '');");
   std::vector<JrnEntry> all = entries();
   ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(jrn_check(s, all[0], &why), JRN_CHECK_NEITHER);
   std::vector<JrnProblem> problems;
-  std::string why;
   int number = 0;
   ASSERT_EQ(jrn_undo(s, path, all[0], &problems, &why, &number), JRN_UNDO_CHANGED);
   ASSERT_EQ(problems.size(), 1u);
@@ -243,6 +245,21 @@ TEST_F(JournalServed, UndoIsRefusedWhenARowChangedSince) {
   ASSERT_EQ(jrn_undo(s, path, all[0], &problems, &why, &number), JRN_UNDO_CHANGED);
   EXPECT_EQ(problems[0].what, JrnProblem::GONE);
   EXPECT_EQ(entries().size(), 2u); // refused undos leave no entry
+
+  // The program ended between the sync and the commit: the entry reads
+  // "unknown", and the data says the change did not happen.
+  JrnEntry lost;
+  std::vector<JrnRow> rows;
+  ASSERT_EQ(dbbegin(s), 1);
+  ASSERT_EQ(jrn_read_rows(s, "JT", "WHERE JT_ID = 2", 1, &lost, &rows, &why), JRN_READ_OK);
+  lost.before = rows;
+  exec("UPDATE JT SET NAME = 'nie' WHERE JT_ID = 2;");
+  ASSERT_EQ(jrn_read_keys(s, lost, {rows[0][0]}, &lost.after, &why), JRN_READ_OK);
+  ASSERT_EQ(jrn_append(path, &lost, &why), 1);
+  dbrollback(s);
+  dbend(s);
+  EXPECT_EQ(entries().back().status, JRN_UNKNOWN);
+  EXPECT_EQ(jrn_check(s, entries().back(), &why), JRN_CHECK_BEFORE);
   EXPECT_EQ(db_depth(), 0);
 }
 
