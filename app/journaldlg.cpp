@@ -70,15 +70,16 @@ std::string value_text(const JrnValue &v) { return v ? "'" + *v + "'" : "(kein W
 // The entry's rows and the statements that take it back, for the details box.
 std::string details(const JrnEntry &e) {
   std::string rel = relation_text(e);
-  std::string out = "Eintrag " + std::to_string(e.number) + ": " + kind_text(e) + " in " +
-                    e.table + " (Datenbank " + e.database + "), " + e.time + " UTC, " + e.user +
-                    ", " + status_text(e) + (rel.empty() ? "" : ", " + rel) + "\n";
+  std::string out = "Eintrag " + std::to_string(e.number) + ": " + kind_text(e) + " in " + e.table +
+                    " (Datenbank " + e.database + "), " + e.time + " UTC, " + e.user + ", " +
+                    status_text(e) + (rel.empty() ? "" : ", " + rel) + "\n";
   int k = jrn_key_index(e);
   for (size_t i = 0; i < row_count(e); ++i) {
     const JrnRow *b = i < e.before.size() ? &e.before[i] : nullptr;
     const JrnRow *a = i < e.after.size() ? &e.after[i] : nullptr;
     const JrnRow &any = b ? *b : *a;
-    out += e.key + " = " + (k >= 0 && any[static_cast<size_t>(k)] ? *any[static_cast<size_t>(k)] : "") + ":";
+    out += e.key + " = " +
+           (k >= 0 && any[static_cast<size_t>(k)] ? *any[static_cast<size_t>(k)] : "") + ":";
     for (size_t c = 0; c < e.columns.size(); ++c) {
       if (b && a) {
         if ((*b)[c] == (*a)[c]) continue;
@@ -142,9 +143,9 @@ void fill_list() {
   for (auto it = g_entries.rbegin(); it != g_entries.rend(); ++it) {
     const JrnEntry &e = *it;
     if ((!table.empty() && e.table != table) || !status_matches(e, status)) continue;
-    records.push_back(zentiq_make_record(zentiq_row_text(
-        {std::to_string(e.number), e.time, e.table, kind_text(e), std::to_string(row_count(e)),
-         status_text(e), relation_text(e), e.user})));
+    records.push_back(zentiq_make_record(
+        zentiq_row_text({std::to_string(e.number), e.time, e.table, kind_text(e),
+                         std::to_string(row_count(e)), status_text(e), relation_text(e), e.user})));
   }
   myfl_load_multiple_tabbox(
       zentiq_app().session, f.list,
@@ -189,7 +190,8 @@ void create_form() {
     fl_set_object_lsize(o, FL_MEDIUM_SIZE);
     fl_set_object_lalign(o, FL_ALIGN_LEFT);
   }
-  fl_set_object_callback(f.table, [](FL_OBJECT *, long) { fill_list(); }, 0);
+  fl_set_object_callback(
+      f.table, [](FL_OBJECT *, long) { fill_list(); }, 0);
   f.refresh = button(620, 40, 120, "Aktualisieren", zentiq_journal_refresh);
   fl_set_object_resize(f.refresh, 100, 0, 0, 0);
   f.list = fl_add_tabbox(2, 20, 70, 720, 300, "");
@@ -200,9 +202,8 @@ void create_form() {
   f.undo = button(20, 545, 120, "Rückgängig", zentiq_journal_undo);
   f.file = fl_add_text(0, 150, 545, 460, 21, "");
   fl_set_object_lalign(f.file, FL_ALIGN_INSIDE | FL_ALIGN_LEFT);
-  f.close = button(620, 545, 120, "Schließen", [](FL_OBJECT *, long) {
-    myfl_hide_form(zentiq_journal_form().form);
-  });
+  f.close = button(620, 545, 120, "Schließen",
+                   [](FL_OBJECT *, long) { myfl_hide_form(zentiq_journal_form().form); });
   for (FL_OBJECT *o : {f.undo, f.file}) fl_set_object_resize(o, 0, 0, 100, 0);
   fl_set_object_resize(f.close, 100, 0, 100, 0);
   fl_end_form();
@@ -213,7 +214,8 @@ void create_form() {
   myfl_init_data_cmb(f.form, f.status, f.status_button,
                      "alle,A|bestätigt,C|abgebrochen,X|unbekannt,U|rückgängig gemacht,R", 1);
   myfl_set_cmb_code(f.status, "A");
-  myfl_set_cmb_callback(f.status, [](FL_OBJECT *, long) { fill_list(); }, 0);
+  myfl_set_cmb_callback(
+      f.status, [](FL_OBJECT *, long) { fill_list(); }, 0);
   myfl_init_db_tabbox_no_ini(f.form, f.list, "JZTQ", list_title, zentiq_new_record, nullptr,
                              nullptr, zentiq_accept_record, show_details);
   myfl_define_ctrl_tabbox(f.form, f.list);
@@ -292,8 +294,8 @@ void zentiq_journal_undo(FL_OBJECT *, long) {
   ZqJournalForm &f = zentiq_journal_form();
   const JrnEntry *chosen = selected_entry();
   if (!chosen) {
-    fl_show_message("Bitte zuerst in der Liste den Eintrag wählen,", "der zurückgenommen werden soll.",
-                    "");
+    fl_show_message("Bitte zuerst in der Liste den Eintrag wählen,",
+                    "der zurückgenommen werden soll.", "");
     return;
   }
   JrnEntry e = *chosen;
@@ -304,17 +306,18 @@ void zentiq_journal_undo(FL_OBJECT *, long) {
     return;
   }
   if (e.undone_by) {
-    std::string by = "Er wurde bereits mit Eintrag " + std::to_string(e.undone_by) +
-                     " zurückgenommen.";
+    std::string by =
+        "Er wurde bereits mit Eintrag " + std::to_string(e.undone_by) + " zurückgenommen.";
     fl_show_message(("Eintrag " + nr + " ist schon rückgängig gemacht.").c_str(), by.c_str(), "");
     return;
   }
   if (!zentiq_ro_permits("Rückgängig machen")) return;
   std::vector<std::string> stmts = jrn_undo_statements(e);
   fl_set_input(f.details, details(e).c_str());
-  std::string what = std::to_string(stmts.size()) +
-                     (stmts.size() == 1 ? " Befehl (unten angezeigt) wird" : " Befehle (unten angezeigt) werden") +
-                     " in einer Transaktion ausgeführt,";
+  std::string what =
+      std::to_string(stmts.size()) +
+      (stmts.size() == 1 ? " Befehl (unten angezeigt) wird" : " Befehle (unten angezeigt) werden") +
+      " in einer Transaktion ausgeführt,";
   if (fl_show_question(("Eintrag " + nr + " rückgängig machen?").c_str(), what.c_str(),
                        "nachdem jede Zeile geprüft ist.", 2, "Ja", "Nein", "", 2) != 1)
     return;
@@ -324,9 +327,9 @@ void zentiq_journal_undo(FL_OBJECT *, long) {
   int done = jrn_undo(zentiq_app().session, g_path, e, &problems, &why, &number);
   if (done == JRN_UNDO_CHANGED) {
     std::string diff = problem_text(problems, e.key);
-    fl_set_input(f.details, ("Rücknahme abgelehnt - seit der Änderung geändert:\n" + diff + "\n" +
-                             details(e))
-                                .c_str());
+    fl_set_input(
+        f.details,
+        ("Rücknahme abgelehnt - seit der Änderung geändert:\n" + diff + "\n" + details(e)).c_str());
     fl_show_error(("Eintrag " + nr + " kann nicht rückgängig gemacht werden:").c_str(),
                   "Die Daten wurden seit der Änderung geändert; nichts wurde geschrieben.",
                   diff.c_str());
@@ -345,8 +348,7 @@ void zentiq_journal_undo(FL_OBJECT *, long) {
   }
   zentiq_journal_refresh(nullptr, 0);
   zentiq_journal_select(number);
-  fl_show_message(("Eintrag " + nr + " wurde rückgängig gemacht").c_str(),
-                  ("Die Rücknahme steht im Journal als Eintrag " + std::to_string(number) + ".")
-                      .c_str(),
-                  "");
+  fl_show_message(
+      ("Eintrag " + nr + " wurde rückgängig gemacht").c_str(),
+      ("Die Rücknahme steht im Journal als Eintrag " + std::to_string(number) + ".").c_str(), "");
 }

@@ -48,8 +48,7 @@ bool run_change(DBSESSION *session, const std::string &stmt, long *changed, std:
   *changed = ran ? dbntuples(session, result) : -1;
   if (!ran) {
     *why = result ? DBresult_error(result) : "";
-    if (why->empty() && session && session->connection)
-      *why = DBerrormessage(session->connection);
+    if (why->empty() && session && session->connection) *why = DBerrormessage(session->connection);
     *why = trimmed(*why);
   }
   dbclear(session, result);
@@ -148,16 +147,32 @@ bool parse_insert(const std::string &stmt, ZqInsert *ins) {
   bool ok = true;
   bool lexed = each_token(stmt, [&](int code, const char *token, size_t start) {
     switch (state) {
-    case 0: ok = code == DBTOK_INSERT_INTO; state = 1; break;
-    case 1: ok = code == DBTOK_IDENT; ins->table = token; state = 2; break;
-    case 2:
-      if (code == DBTOK_VALUES) state = 4;
-      else if (code == DBTOK_LPAREN && depth == 0) depth = 1;
-      else if (code == DBTOK_IDENT && depth == 1) ins->names.emplace_back(token);
-      else if (code == DBTOK_RPAREN && depth == 1) { depth = 0; state = 3; }
-      else ok = code == DBTOK_COMMA && depth == 1;
+    case 0:
+      ok = code == DBTOK_INSERT_INTO;
+      state = 1;
       break;
-    case 3: ok = code == DBTOK_VALUES; state = 4; break;
+    case 1:
+      ok = code == DBTOK_IDENT;
+      ins->table = token;
+      state = 2;
+      break;
+    case 2:
+      if (code == DBTOK_VALUES)
+        state = 4;
+      else if (code == DBTOK_LPAREN && depth == 0)
+        depth = 1;
+      else if (code == DBTOK_IDENT && depth == 1)
+        ins->names.emplace_back(token);
+      else if (code == DBTOK_RPAREN && depth == 1) {
+        depth = 0;
+        state = 3;
+      } else
+        ok = code == DBTOK_COMMA && depth == 1;
+      break;
+    case 3:
+      ok = code == DBTOK_VALUES;
+      state = 4;
+      break;
     case 4:
       if (depth == 0) {
         ok = code == DBTOK_LPAREN;
@@ -173,7 +188,9 @@ bool parse_insert(const std::string &stmt, ZqInsert *ins) {
         --depth;
       }
       break;
-    default: ok = code == DBTOK_END; break;
+    default:
+      ok = code == DBTOK_END;
+      break;
     }
     return ok;
   });
@@ -231,30 +248,30 @@ int ZqRecordedChange::commit(DBSESSION *session) {
     if (got != JRN_READ_OK) {
       zentiq_abort_level(session);
       if (got != JRN_READ_FAILED)
-        why_ = "Der Schlüssel " + entry_.key + " wurde geändert; so eine Änderung kann nicht "
+        why_ = "Der Schlüssel " + entry_.key +
+               " wurde geändert; so eine Änderung kann nicht "
                "ins Journal geschrieben werden. Sie wurde zurückgenommen.";
       return 0;
     }
   }
   int done = jrn_commit(session, zentiq_journal_path(), &entry_, &why_);
   if (done == JRN_COMMIT_NO_ENTRY)
-    why_ = "Das Journal konnte nicht geschrieben werden (" + why_ +
-           ") - Änderung zurückgenommen";
+    why_ = "Das Journal konnte nicht geschrieben werden (" + why_ + ") - Änderung zurückgenommen";
   else if (done == JRN_COMMIT_NOT_ENDED)
     why_ = "Funktion 'dbend' lieferte Fehler: die Änderung wurde nicht gespeichert";
   return done == JRN_COMMIT_OK ? 1 : 0;
 }
 
-void ZqRecordedChange::tell(const char *failed) const {
-  fl_show_error(failed, why_.c_str(), "");
-}
+void ZqRecordedChange::tell(const char *failed) const { fl_show_error(failed, why_.c_str(), ""); }
 
 int zentiq_run_recorded_change(DBSESSION *session, const std::string &stmt,
                                const std::string &table, const std::string &where, JrnKind kind,
                                long rows) {
   if (rows > ZQ_JOURNAL_MAX_ROWS) {
-    std::string text = zentiq_group_digits(rows) + " Zeilen sind mehr, als ein Journaleintrag "
-                       "aufnimmt (höchstens " + zentiq_group_digits(ZQ_JOURNAL_MAX_ROWS) + ").";
+    std::string text = zentiq_group_digits(rows) +
+                       " Zeilen sind mehr, als ein Journaleintrag "
+                       "aufnimmt (höchstens " +
+                       zentiq_group_digits(ZQ_JOURNAL_MAX_ROWS) + ").";
     return run_without_entry(text) ? run_unrecorded(session, stmt, table, rows) : 0;
   }
   if (!zentiq_begin_level(session)) return 0;
@@ -338,10 +355,10 @@ int zentiq_run_recorded_insert(DBSESSION *session, const std::string &stmt) {
   }
   JrnEntry e = new_entry(JRN_INSERT);
   std::vector<JrnRow> after;
-  int got = key_value.empty() || key_value == "''"
-                ? JRN_READ_NO_KEY
-                : jrn_read_rows(session, table, "WHERE " + key + " = " + key_value, 1, &e,
-                                &after, &why);
+  int got =
+      key_value.empty() || key_value == "''"
+          ? JRN_READ_NO_KEY
+          : jrn_read_rows(session, table, "WHERE " + key + " = " + key_value, 1, &e, &after, &why);
   if (got == JRN_READ_OK && after.size() != 1) got = JRN_READ_NO_KEY;
   if (got != JRN_READ_OK) {
     zentiq_abort_level(session);

@@ -79,8 +79,12 @@ JrnEntry one_row_entry(int i) {
   e.key = "BENCH_ID";
   e.columns = {"BENCH_ID", "NAME", "MENGE", "BETRAG", "DATUM", "ZEIT"};
   e.types = {DBFT_INTEGER, DBFT_CHARACTER, DBFT_SMALLINT, DBFT_FLOAT, DBFT_DATE, DBFT_TIMESTAMP};
-  JrnRow row = {std::to_string(i), "Kunde " + std::to_string(i) + " Musterstadt", "17", "1234.5",
-                "2003-07-12", "2003-07-12-10.30.00.000000"};
+  JrnRow row = {std::to_string(i),
+                "Kunde " + std::to_string(i) + " Musterstadt",
+                "17",
+                "1234.5",
+                "2003-07-12",
+                "2003-07-12-10.30.00.000000"};
   e.before = {row};
   row[1] = "Kunde " + std::to_string(i) + " Neustadt";
   e.after = {row};
@@ -139,7 +143,7 @@ int main(int argc, char **argv) {
   tmpl.push_back('\0');
   if (!mkdtemp(tmpl.data())) return 1;
   g_tmp = tmpl.data();
-  struct statfs sf{};
+  struct statfs sf {};
   if (statfs(g_tmp.c_str(), &sf) == 0 && sf.f_type == 0x01021994)
     std::printf("warning: %s is on tmpfs: the syncs cost nothing there\n", g_tmp.c_str());
   else

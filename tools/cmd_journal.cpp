@@ -84,11 +84,15 @@ std::string problem_text(const JrnEntry &e, const std::vector<JrnProblem> &probl
   std::string out;
   for (const JrnProblem &p : problems) {
     out += "  " + e.key + " = " + p.key + ": ";
-    if (p.what == JrnProblem::GONE) out += "the row is gone\n";
-    else if (p.what == JrnProblem::KEY_TAKEN) out += "a row with this key exists again\n";
-    else if (p.what == JrnProblem::DOUBLED) out += "several rows have this key now\n";
-    else out += p.column + " is now " + value_text(p.now) + ", the change left " +
-                value_text(p.left) + "\n";
+    if (p.what == JrnProblem::GONE)
+      out += "the row is gone\n";
+    else if (p.what == JrnProblem::KEY_TAKEN)
+      out += "a row with this key exists again\n";
+    else if (p.what == JrnProblem::DOUBLED)
+      out += "several rows have this key now\n";
+    else
+      out += p.column + " is now " + value_text(p.now) + ", the change left " + value_text(p.left) +
+             "\n";
   }
   return out;
 }
@@ -98,8 +102,8 @@ bool confirmed(int number) {
   term_write(stderr, q);
   std::string answer;
   if (!std::getline(std::cin, answer)) return false;
-  return !answer.empty() && (answer[0] == 'y' || answer[0] == 'Y' || answer[0] == 'j' ||
-                             answer[0] == 'J');
+  return !answer.empty() &&
+         (answer[0] == 'y' || answer[0] == 'Y' || answer[0] == 'j' || answer[0] == 'J');
 }
 
 } // namespace
@@ -124,14 +128,16 @@ int cmd_journal(int argc, char **argv) {
     } else if (action.empty() && (a == "list" || a == "show" || a == "undo")) {
       action = a;
     } else if (number == 0 && (action == "show" || action == "undo") && !a.empty() &&
-               std::all_of(a.begin(), a.end(), [](char c) { return std::isdigit(static_cast<unsigned char>(c)); })) {
+               std::all_of(a.begin(), a.end(),
+                           [](char c) { return std::isdigit(static_cast<unsigned char>(c)); })) {
       number = std::atoi(a.c_str());
     } else {
       return tavrin_usage_error(cmd, "unexpected argument '%s'", a.c_str());
     }
   }
   if (action.empty()) return tavrin_usage_error(cmd, "list, show or undo expected");
-  if (action != "list" && number <= 0) return tavrin_usage_error(cmd, "%s needs a change number", action.c_str());
+  if (action != "list" && number <= 0)
+    return tavrin_usage_error(cmd, "%s needs a change number", action.c_str());
   if (!status.empty() && status != "committed" && status != "aborted" && status != "unknown" &&
       status != "undone")
     return tavrin_usage_error(cmd, "unknown status '%s'", status.c_str());
@@ -171,8 +177,10 @@ int cmd_journal(int argc, char **argv) {
       if (!s) return TAVRIN_FAIL;
       int state = jrn_check(s, e, &why);
       dbclose(s);
-      out += state == JRN_CHECK_AFTER    ? "check: the rows hold what the change left: it was committed\n"
-             : state == JRN_CHECK_BEFORE ? "check: the rows are as before the change: it was not committed\n"
+      out += state == JRN_CHECK_AFTER
+                 ? "check: the rows hold what the change left: it was committed\n"
+             : state == JRN_CHECK_BEFORE
+                 ? "check: the rows are as before the change: it was not committed\n"
              : state == JRN_CHECK_NEITHER ? "check: the rows were changed otherwise since\n"
                                           : "check failed: " + why + "\n";
     }

@@ -36,8 +36,7 @@ const TavrinCommand kCommands[] = {
     {"locks", "[-dbNAME]", "list who holds and who waits for write locks", LOCKS_HELP,
      cmd_locks},
     {"journal", "list|show N|undo N [-dbNAME] [--table T] [--status S] [--yes]",
-     "list, show or undo the changes recorded in the repair journal", JOURNAL_HELP,
-     cmd_journal},
+     "list, show or undo the changes recorded in the repair journal", JOURNAL_HELP, cmd_journal},
 };
 
 int cmd_help(int argc, char **argv) {

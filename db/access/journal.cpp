@@ -74,7 +74,7 @@ bool make_folder(const std::string &folder, std::string *why) {
     *why = errno_text("cannot create folder", folder);
     return false;
   }
-  struct stat st{};
+  struct stat st {};
   if (::stat(folder.c_str(), &st) == 0 && st.st_uid == getuid() && (st.st_mode & 077))
     ::chmod(folder.c_str(), 0700);
   return true;
@@ -106,7 +106,7 @@ bool append(const std::string &path, const std::string &text, bool sync, std::st
     *why = errno_text("cannot open", path);
     return false;
   }
-  struct stat st{};
+  struct stat st {};
   if (::fstat(f.fd, &st) == 0 && (st.st_mode & 077)) ::fchmod(f.fd, 0600);
   while (::flock(f.fd, LOCK_EX) != 0)
     if (errno != EINTR) {
@@ -203,10 +203,18 @@ std::string jrn_encode_field(const JrnValue &value) {
   out.reserve(value->size());
   for (unsigned char c : *value) {
     switch (c) {
-    case '\\': out += "\\\\"; break;
-    case '\t': out += "\\t"; break;
-    case '\n': out += "\\n"; break;
-    case '\r': out += "\\r"; break;
+    case '\\':
+      out += "\\\\";
+      break;
+    case '\t':
+      out += "\\t";
+      break;
+    case '\n':
+      out += "\\n";
+      break;
+    case '\r':
+      out += "\\r";
+      break;
     default:
       if (c < 0x20 || c == 0x7f) {
         char hex[5];
@@ -236,10 +244,18 @@ bool jrn_decode_field(std::string_view field, JrnValue *value) {
     }
     if (++i >= field.size()) return false;
     switch (field[i]) {
-    case '\\': out += '\\'; break;
-    case 't': out += '\t'; break;
-    case 'n': out += '\n'; break;
-    case 'r': out += '\r'; break;
+    case '\\':
+      out += '\\';
+      break;
+    case 't':
+      out += '\t';
+      break;
+    case 'n':
+      out += '\n';
+      break;
+    case 'r':
+      out += '\r';
+      break;
     case 'x': {
       if (i + 2 >= field.size() || !std::isxdigit(static_cast<unsigned char>(field[i + 1])) ||
           !std::isxdigit(static_cast<unsigned char>(field[i + 2])))
@@ -250,7 +266,8 @@ bool jrn_decode_field(std::string_view field, JrnValue *value) {
       i += 2;
       break;
     }
-    default: return false;
+    default:
+      return false;
     }
   }
   *value = std::move(out);
@@ -316,8 +333,10 @@ std::vector<JrnEntry> jrn_parse(std::string_view text, int *skipped) {
       JrnValue v;
       ok = jrn_decode_field(raw[i], &v) && (v || ((tag == 'B' || tag == 'A') && i >= 2));
       if (!ok) break;
-      if (i >= 2 && (tag == 'B' || tag == 'A')) row.push_back(std::move(v));
-      else f.push_back(std::move(*v));
+      if (i >= 2 && (tag == 'B' || tag == 'A'))
+        row.push_back(std::move(v));
+      else
+        f.push_back(std::move(*v));
     }
     if (!ok) {
       ++bad;

@@ -87,8 +87,7 @@ std::vector<JrnEntry> jrn_parse(std::string_view text, int *skipped = nullptr);
 int jrn_append(const std::string &path, JrnEntry *entry, std::string *why);
 // Appends the status line of the entry `token` (not synced: a status lost in
 // a crash reads "unknown"). Returns 1, or 0 with the reason in *why.
-int jrn_mark(const std::string &path, const std::string &token, JrnStatus status,
-             std::string *why);
+int jrn_mark(const std::string &path, const std::string &token, JrnStatus status, std::string *why);
 // Reads the file at `path` into *entries (empty when the file does not
 // exist). Returns 1, or 0 with the reason in *why.
 int jrn_read(const std::string &path, std::vector<JrnEntry> *entries, std::string *why);

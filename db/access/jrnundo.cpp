@@ -53,7 +53,8 @@ bool is_number(const std::string &t) {
     size_t e = ++i;
     if (i < t.size() && (t[i] == '-' || t[i] == '+')) ++i;
     size_t d = i;
-    for (; i < t.size() && std::isdigit(static_cast<unsigned char>(t[i])); ++i) {}
+    for (; i < t.size() && std::isdigit(static_cast<unsigned char>(t[i])); ++i) {
+    }
     if (i == d || e == i) return false;
   }
   return digits && i == t.size();
@@ -196,7 +197,8 @@ int jrn_read_keys(DBSESSION *s, const JrnEntry &e, const std::vector<JrnValue> &
   std::map<std::string, JrnRow> found;
   // The keys go in IN lists short enough for one statement.
   for (size_t at = 0; at < keys.size();) {
-    std::string stmt = "SELECT " + column_list(e) + " FROM " + e.table + " WHERE " + e.key + " IN (";
+    std::string stmt =
+        "SELECT " + column_list(e) + " FROM " + e.table + " WHERE " + e.key + " IN (";
     size_t first = at;
     for (; at < keys.size() && (at == first || stmt.size() < DB_STATEMENT_SIZE / 2); ++at)
       stmt += (at == first ? "" : ", ") + jrn_literal(ktype, keys[at]);
@@ -206,7 +208,8 @@ int jrn_read_keys(DBSESSION *s, const JrnEntry &e, const std::vector<JrnValue> &
     bool ok = dbnfields(s, r) == static_cast<int>(e.columns.size()), doubled = false;
     for (int i = 0; ok && i < dbntuples(s, r); ++i) {
       JrnRow row;
-      for (size_t c = 0; c < e.columns.size(); ++c) row.push_back(cell(s, r, i, static_cast<int>(c)));
+      for (size_t c = 0; c < e.columns.size(); ++c)
+        row.push_back(cell(s, r, i, static_cast<int>(c)));
       std::string key = shown(row[static_cast<size_t>(k)]);
       doubled = !found.emplace(key, std::move(row)).second;
       ok = !doubled;

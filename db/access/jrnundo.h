@@ -74,9 +74,9 @@ std::vector<std::string> jrn_undo_statements(const JrnEntry &e);
 
 // Outcomes of jrn_undo.
 enum : int {
-  JRN_UNDO_FAILED = 0,  // a statement or the journal failed (*why), nothing changed
-  JRN_UNDO_DONE = 1,    // undone and recorded as entry *number
-  JRN_UNDO_CHANGED = 2, // rows no longer hold what the change left (*problems), nothing changed
+  JRN_UNDO_FAILED = 0,   // a statement or the journal failed (*why), nothing changed
+  JRN_UNDO_DONE = 1,     // undone and recorded as entry *number
+  JRN_UNDO_CHANGED = 2,  // rows no longer hold what the change left (*problems), nothing changed
   JRN_UNDO_NOT_ENDED = 3 // ran, but END failed (*why); the undo entry is marked aborted
 };
 // Takes e back on the session's database in one transaction of its own:
@@ -89,10 +89,10 @@ int jrn_undo(DBSESSION *session, const std::string &path, const JrnEntry &e,
 
 // Outcomes of jrn_check.
 enum : int {
-  JRN_CHECK_FAILED = 0,  // a statement failed (*why)
-  JRN_CHECK_AFTER = 1,   // the rows hold what the change left: it was committed
-  JRN_CHECK_BEFORE = 2,  // the rows are as before the change: it was not
-  JRN_CHECK_NEITHER = 3  // the rows were changed otherwise since
+  JRN_CHECK_FAILED = 0, // a statement failed (*why)
+  JRN_CHECK_AFTER = 1,  // the rows hold what the change left: it was committed
+  JRN_CHECK_BEFORE = 2, // the rows are as before the change: it was not
+  JRN_CHECK_NEITHER = 3 // the rows were changed otherwise since
 };
 // Tells from the data whether e's change is in the database, for an entry
 // whose outcome the file does not say ("unknown"). Reads in a transaction of

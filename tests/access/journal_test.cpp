@@ -100,7 +100,7 @@ TEST(Journal, FilesArePrivateAndAppendsFollowACutLine) {
   EXPECT_EQ(got[1].token, f.token);
   EXPECT_EQ(got[1].status, JRN_ABORTED);
   EXPECT_EQ(got[1].after, f.after);
-  struct stat st{};
+  struct stat st {};
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
   ASSERT_EQ(stat(jrn_folder().c_str(), &st), 0);
@@ -196,7 +196,8 @@ TEST_F(JournalServed, UndoOfAnUpdateAndOfADeleteRestoresTheRowsAndIsRecorded) {
   EXPECT_FALSE(all[0].after[1][3].has_value()); // a null date stays null
   std::vector<std::string> stmts = jrn_undo_statements(all[0]);
   ASSERT_EQ(stmts.size(), 2u);
-  EXPECT_EQ(stmts[0], "UPDATE JT SET NAME = 'O''Brien \\\\ \xC4', AM = '2003-07-12' WHERE JT_ID = 1;");
+  EXPECT_EQ(stmts[0],
+            "UPDATE JT SET NAME = 'O''Brien \\\\ \xC4', AM = '2003-07-12' WHERE JT_ID = 1;");
 
   std::vector<JrnProblem> problems;
   std::string why;
