@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "app/journalrec.h"
 #include "app/mainform.h"
+#include "app/readonly.h"
 #include "app/viewer.h"
 #include "db/access/session.h"
 #include "db/client/tokenizer.h"
@@ -151,6 +153,14 @@ int change_row(const std::string &stmt, const std::string &condition, const char
     fl_show_error(failed, why.c_str(), "");
     return 0;
   }
+  // The journal keeps the row as it was, and as the change left it.
+  ZqRecordedChange recorded;
+  if (!recorded.before(session, stmt.rfind("UPDATE", 0) == 0, zentiq_app().detail_row.info.table,
+                       "WHERE " + condition)) {
+    zentiq_abort_level(session);
+    recorded.tell(failed);
+    return 0;
+  }
   DBRESULT *result = nullptr;
   int outcome = 0;
   bool ran = dbexec1(session, stmt.c_str(), &result, &outcome) && outcome == DBOUT_DONE;
@@ -168,9 +178,8 @@ int change_row(const std::string &stmt, const std::string &condition, const char
     fl_show_error(failed, text.c_str(), "");
     return 0;
   }
-  if (!zentiq_end_level(session)) {
-    fl_show_error("Funktion 'dbend' lieferte Fehler",
-                  "Die Änderungen des Befehls wurden nicht gespeichert", "");
+  if (!recorded.commit(session)) {
+    recorded.tell(failed);
     return 0;
   }
   return 1;
@@ -278,6 +287,7 @@ void zentiq_edit_value(FL_OBJECT *, long) {
 void zentiq_update_value(FL_OBJECT *, long) {
   ZqApp &app = zentiq_app();
   const ZqDetailRow &row = app.detail_row;
+  if (!zentiq_ro_permits("Update")) return;
   std::string condition;
   if (!key_condition("Update nicht möglich", &condition)) return;
   int col = selected_column();
@@ -309,6 +319,7 @@ void zentiq_update_value(FL_OBJECT *, long) {
 
 void zentiq_delete_row(FL_OBJECT *, long) {
   const ZqDetailRow &row = zentiq_app().detail_row;
+  if (!zentiq_ro_permits("Löschen")) return;
   std::string condition;
   if (!key_condition("Löschen nicht möglich", &condition)) return;
   std::string which = "Tabelle " + row.info.table + ", " + condition;

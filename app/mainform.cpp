@@ -9,6 +9,9 @@
 #include <vector>
 
 #include "app/detail.h"
+#include "app/journaldlg.h"
+#include "app/journalrec.h"
+#include "app/readonly.h"
 #include "app/querystore.h"
 #include "app/resultlimit.h"
 #include "app/viewer.h"
@@ -119,7 +122,6 @@ void tell_end_failed() {
 }
 
 bool begin_level(DBSESSION *session) { return zentiq_begin_level(session) != 0; }
-void abort_level(DBSESSION *session) { zentiq_abort_level(session); }
 
 // Why the last statement of run_typed failed: the server's or the client
 // parser's text with its error number, or the connection's text when no
@@ -194,9 +196,8 @@ template <typename Fn> void run_query(DBSESSION *session, const std::string &stm
 
 // A typed UPDATE or DELETE: counts the rows it will change in a short read
 // of its own, asks when that is not exactly one row (always without WHERE),
-// then runs it in its own transaction and takes it back when the server
-// changed another number of rows than the user agreed to. Returns true
-// when the change was made and committed (messages shown otherwise).
+// then runs it recorded in the journal (journalrec.h). Returns true when
+// the change was made and committed (messages shown otherwise).
 bool run_counted_change(DBSESSION *session, const std::string &stmt, const ZqChange &change) {
   std::string count_stmt = "SELECT COUNT(*) FROM " + change.table;
   if (!change.where.empty()) count_stmt += " " + change.where;
@@ -222,26 +223,8 @@ bool run_counted_change(DBSESSION *session, const std::string &stmt, const ZqCha
                     (change.is_delete ? "gelöscht." : "geändert.");
     if (fl_show_question(q.c_str(), "Fortfahren?", "", 2, "Ja", "Nein", "", 2) != 1) return false;
   }
-  if (!begin_level(session)) return false;
-  bool ran = run_typed(session, stmt, &result);
-  long changed = ran ? dbntuples(session, result) : -1;
-  dbclear(session, result);
-  if (!ran || changed != rows) {
-    abort_level(session);
-    if (!ran) {
-      tell_failed();
-    } else {
-      std::string why = std::to_string(changed) + " statt " + std::to_string(rows) + " Zeilen in " +
-                        change.table + " betroffen";
-      fl_show_error("Änderung wurde zurückgenommen!", why.c_str(), "");
-    }
-    return false;
-  }
-  if (!end_level(session)) {
-    tell_end_failed();
-    return false;
-  }
-  return true;
+  JrnKind kind = change.is_delete ? JRN_DELETE : JRN_UPDATE;
+  return zentiq_run_recorded_change(session, stmt, change.table, change.where, kind, rows) != 0;
 }
 
 } // namespace
@@ -462,6 +445,7 @@ void zentiq_create_main_form() {
   m.log = button(
       20, 570, 100, 21, "Protokoll", [](FL_OBJECT *, long) { fl_show_console(); }, 0);
   fl_set_object_resize(m.log, 0, 0, 100, 0);
+  zentiq_add_journal_button(130, 570);
   fl_end_form();
 }
 
@@ -534,6 +518,13 @@ void zentiq_run_sql(FL_OBJECT *, long) {
   }
   std::string stmt;
   if (!zentiq_single_statement(text, &stmt)) return;
+  if (!zentiq_ro_permits("Dieser SQL-Befehl", stmt)) return;
+  if (zentiq_is_insert(stmt)) {
+    if (!zentiq_run_recorded_insert(session, stmt)) return;
+    if (zentiq_store_add_sql(raw)) fl_set_button(m.sql_saved, 0);
+    fl_show_message("Die Abfrage wurde erfolgreich durchgeführt", "", "");
+    return;
+  }
   ZqChange change;
   if (zentiq_change_target(stmt, &change)) {
     if (!run_counted_change(session, stmt, change)) return;
@@ -578,6 +569,7 @@ void zentiq_set_database(FL_OBJECT *, long) {
   else if (code && *code)
     zentiq_remember_database(code);
   DBclear(r);
+  zentiq_ro_update_title(app.main.form);
 }
 
 namespace {

@@ -10,12 +10,16 @@
 
 #include "app/detail.h"
 #include "app/doku.h"
+#include "app/journaldlg.h"
+#include "app/journalrec.h"
+#include "app/readonly.h"
 #include "app/mainform.h"
 #include "app/querystore.h"
 #include "app/resultlimit.h"
 #include "base/ini.h"
 #include "db/client/resdata.h"
 #include "app/viewer.h"
+#include "db/access/journal.h"
 #include "db/access/session.h"
 #include "forms/console.h"
 #include "forms/fonts.h"
@@ -459,6 +463,67 @@ TEST_F(Viewer, TypedChangesAreCountedAndConfirmed) {
                      "zur\xFC"
                      "ckgenommen!\n2 statt 1 Zeilen in RC betroffen|");
   EXPECT_EQ(other_out("SELECT COUNT(*) FROM RC"), "COUNT(*)\n2\n");
+  EXPECT_EQ(db_depth(), 0);
+}
+
+TEST_F(Viewer, ChangesAreJournaledAndUndoneAndReadOnlyRefusesThem) {
+  use_demo();
+  ASSERT_EQ(other("CREATE TABLE RJ (RJ_ID INTEGER, V CHARACTER(20))\n"
+                  "INSERT INTO RJ VALUES (1, 'a')\n"
+                  "CREATE TABLE NK (X INTEGER)\nINSERT INTO NK VALUES (1)")
+                .first,
+            0);
+  auto journal = [] {
+    std::vector<JrnEntry> all;
+    std::string why;
+    EXPECT_EQ(jrn_read(zentiq_journal_path(), &all, &why), 1) << why;
+    return all;
+  };
+  size_t before = journal().size();
+  run_sql("update RJ set V = 'b' where RJ_ID = 1");
+  run_sql("insert into RJ (V, RJ_ID) values ('neu', 2)");
+  std::vector<JrnEntry> all = journal();
+  ASSERT_EQ(all.size(), before + 2);
+  EXPECT_EQ(all[before].before[0][1], JrnValue("a"));
+  EXPECT_EQ(all[before].after[0][1], JrnValue("b"));
+  EXPECT_EQ(all[before].status, JRN_COMMITTED);
+  EXPECT_EQ(all[before + 1].kind, JRN_INSERT);
+  EXPECT_EQ(all[before + 1].after[0][1], JrnValue("neu"));
+
+  // No key to find the rows by: asked, and "Nein" (the default) runs nothing.
+  run_sql("update NK set X = 2 where X = 1");
+  EXPECT_NE(shown().find("Ohne Journaleintrag ausf\xFChren?"), std::string::npos);
+  EXPECT_EQ(other_out("SELECT X FROM NK"), "X\n1\n");
+  EXPECT_EQ(journal().size(), before + 2);
+
+  // The dialog takes the update back after its question.
+  zentiq_open_journal(nullptr, 0);
+  ASSERT_EQ(zentiq_journal_select(all[before].number), 1);
+  fl_seam_clear();
+  fl_seam_queue_answer(1);
+  zentiq_journal_undo(nullptr, 0);
+  EXPECT_NE(shown().find("ckg\xE4ngig gemacht"), std::string::npos) << shown();
+  EXPECT_EQ(other_out("SELECT V FROM RJ WHERE RJ_ID = 1"), "V\na\n");
+  EXPECT_EQ(journal()[before].undone_by, static_cast<int>(before) + 3);
+  myfl_hide_form(zentiq_journal_form().form);
+
+  // A read-only database: changes are refused before they reach the
+  // server, queries still run.
+  INI_PutLine("zentiq", ZQ_INI_READ_ONLY, "[Nur_lesen]tdsys, demo\n");
+  EXPECT_EQ(zentiq_ro_title("Zentiq"), "Zentiq - nur lesen");
+  run_sql("delete from RJ");
+  EXPECT_EQ(shown().rfind("Nur lesen: Dieser SQL-Befehl ist nicht erlaubt.", 0), 0u);
+  run_sql("select * from RJ");
+  EXPECT_EQ(boxes(), 0u);
+  EXPECT_EQ(fl_get_tabbox_maxline(m().result), 2);
+  open_detail(1, 2);
+  fl_seam_clear();
+  zentiq_delete_row(nullptr, 0);
+  EXPECT_EQ(shown().rfind("Nur lesen: L\xF6schen ist nicht erlaubt.", 0), 0u);
+  zentiq_detail_atclose(app().detail.form, nullptr);
+  EXPECT_EQ(other_out("SELECT COUNT(*) FROM RJ"), "COUNT(*)\n2\n");
+  INI_DeleteLine("zentiq", ZQ_INI_READ_ONLY);
+  EXPECT_EQ(zentiq_ro_title("Zentiq - nur lesen"), "Zentiq");
   EXPECT_EQ(db_depth(), 0);
 }
 
