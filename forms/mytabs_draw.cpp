@@ -274,9 +274,13 @@ void app_popup(FL_OBJECT *obj, QWidget *w) {
   FL_TABBOX_REC *own = own_of(obj);
   if (own->popup.empty() || !own->popup_cb) return;
   std::string def;
-  for (const std::string &e : app_popup_entries(own->popup, nullptr)) {
+  std::vector<char> letters;
+  std::vector<std::string> entries = app_popup_entries(own->popup, &letters);
+  for (size_t i = 0; i < entries.size(); ++i) {
     if (!def.empty()) def += '|';
-    def += e + "%h";
+    // The application's letters stay theirs while the menu is shown.
+    def += entries[i] + "%h";
+    if (letters[i] && letters[i] != '|') def += std::string("%s") + letters[i];
   }
   int item = fl_do_popup(fl_define_popup(w, def.c_str()));
   if (item > 0) own->popup_cb(obj, item);
