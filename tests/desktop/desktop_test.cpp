@@ -174,7 +174,8 @@ TEST_F(Desktop, TheMainFormGrowsWithItsWindowAndErrorsSayWhy) {
   });
   select("NOSUCHTABLE", "");
   EXPECT_EQ(title, "Fehler");
-  EXPECT_TRUE(text.contains("(TAVRIN 301) Tabelle NOSUCHTABLE existiert nicht")) << text.toStdString();
+  EXPECT_TRUE(text.contains("(TAVRIN 301) Tabelle NOSUCHTABLE existiert nicht"))
+      << text.toStdString();
   EXPECT_EQ(QApplication::activeModalWidget(), nullptr);
 }
 

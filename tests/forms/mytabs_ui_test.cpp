@@ -420,8 +420,8 @@ TEST_F(TabboxUi, BarsStayOnTheGridWithAFractionalAdvance) {
   ASSERT_EQ(fl_get_tabbox_vert(tb), 1);
   const QImage turned = tb->widget->grab().toImage();
   auto turned_bars = [&](int top) {
-    return bars_test::bar_columns(turned, static_cast<int>(top * dpr),
-                                  static_cast<int>(ch * dpr), left, right);
+    return bars_test::bar_columns(turned, static_cast<int>(top * dpr), static_cast<int>(ch * dpr),
+                                  left, right);
   };
   const std::vector<double> turned_title = turned_bars(FL_TABBOX_BW),
                             turned_line = turned_bars(tabbox_list_y(tb));
