@@ -183,7 +183,8 @@ TEST_F(Viewer, StartUpWithoutDbOrWithoutServerGuides) {
   EXPECT_EQ(zentiq_last_database(), "DEMO");
 
   // No server in the namespace: a box that says so and how to start one,
-  // and the program ends without a fatal stop.
+  // with the client library's own lines of what it tried, and the program
+  // ends without a fatal stop.
   EXPECT_EXIT(
       {
         // Non-ASCII letters as "?": the matcher reads stderr as UTF-8.
@@ -199,7 +200,8 @@ TEST_F(Viewer, StartUpWithoutDbOrWithoutServerGuides) {
       },
       ::testing::ExitedWithCode(3),
       "\\[Fehler\\] Es l\\?uft kein TAVRIN-Server.\nStarten Sie einen mit 'tavrind --data "
-      "<Datenordner>' oder starten Sie Zentiq mit './run.sh'");
+      "<Datenordner>' oder starten Sie Zentiq mit './run.sh'.*\nTavrin database not found!"
+      ".*Connection to TAVRIN-database 'TDSYS' failed");
 }
 
 TEST_F(Viewer, SelectIsBuiltRunStoredAndShown) {
