@@ -183,15 +183,17 @@ private:
       }
       return true;
     }
-    // 3. F1, the help key.
+    // 3. F1, the help key, for a form with a covering help button. A
+    // dialog's visible "Hilfe" button answers to F1 through its shortcut.
     if (qtkey == Qt::Key_F1 && !fl_popup_is_open()) {
       FL_FORM *cur = fl_get_current_form() ? fl_get_current_form() : form;
-      if (pressed)
-        if (FL_OBJECT *help = help_button(cur)) {
+      if (FL_OBJECT *help = help_button(cur)) {
+        if (pressed) {
           help->last_key = FL_KEY_HELP;
           fl_call_object_callback(help);
         }
-      return true;
+        return true;
+      }
     }
     // 4. Every other key.
     int key = fl_key_code(e);
