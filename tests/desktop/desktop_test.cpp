@@ -45,10 +45,15 @@ protected:
   ZqMainForm &m() { return zentiq_app().main; }
   QWidget *window() { return m().form->window; }
 
-  // Runs xdotool with args, then lets the events it caused arrive.
-  static void xdo(const std::string &args, int wait_ms = 200) {
+  // Runs xdotool with args, then lets the events it caused arrive: until
+  // `done` holds (3 s at most), or for wait_ms.
+  static void xdo(const std::string &args, int wait_ms = 200,
+                  const std::function<bool()> &done = {}) {
     ASSERT_EQ(std::system(("xdotool " + args).c_str()), 0) << args;
-    QTest::qWait(wait_ms);
+    if (done)
+      (void)QTest::qWaitFor(done, 3000);
+    else
+      QTest::qWait(wait_ms);
   }
   void activate() {
     xdo("windowactivate --sync " + std::to_string(window()->winId()));
@@ -92,7 +97,8 @@ protected:
     xdo("windowsize --sync " + std::to_string(window()->winId()) + " " +
             std::to_string(qRound(size.width() * dpr)) + " " +
             std::to_string(qRound(size.height() * dpr)),
-        500);
+        0, [&] { return window()->size() == size; });
+    QTest::qWait(100); // the form's objects follow the window's new size
   }
   static bool help_shown() {
     for (QWidget *w : QApplication::topLevelWidgets())
@@ -108,7 +114,8 @@ TEST_F(Desktop, TabWalksTheFormAndTextInputsKeepTheirKeys) {
   // round to Tabelle again.
   std::vector<QWidget *> walk;
   for (int i = 0; i < 40 && (walk.empty() || walk.back() != m().table->widget); ++i) {
-    xdo("key Tab", 80);
+    QWidget *before = QApplication::focusWidget();
+    xdo("key Tab", 0, [&] { return QApplication::focusWidget() != before; });
     walk.push_back(QApplication::focusWidget());
   }
   auto at = [&](FL_OBJECT *obj) {
@@ -120,17 +127,16 @@ TEST_F(Desktop, TabWalksTheFormAndTextInputsKeepTheirKeys) {
   EXPECT_EQ(walk.back(), m().table->widget) << walk.size() << " steps";
   // Shift+Tab goes back, also when Shift is let go before Tab (as xdotool
   // does).
-  xdo("key shift+Tab");
-
+  xdo("key shift+Tab", 0, [&] { return QApplication::focusWidget() != m().table->widget; });
   EXPECT_EQ(QApplication::focusWidget(), walk[walk.size() - 2]);
 
   // Ctrl+A selects the input's text and does not mark the query stored.
   fl_set_input(m().table, "KUNDE");
   click(m().table, QPoint(5, 5));
   const int saved = fl_get_button(m().sel_saved);
-  xdo("key ctrl+a");
   auto *edit = qobject_cast<QLineEdit *>(m().table->widget);
   ASSERT_NE(edit, nullptr);
+  xdo("key ctrl+a", 0, [&] { return edit->hasSelectedText(); });
   EXPECT_EQ(edit->selectedText(), "KUNDE");
   EXPECT_EQ(fl_get_button(m().sel_saved), saved);
   xdo("key End shift+Home");
@@ -144,7 +150,7 @@ TEST_F(Desktop, EscapeClosesTheTabboxMenuWithoutHelp) {
   bool open = false, closed = false;
   when_shown([&](QWidget *menu) {
     open = menu && QApplication::activePopupWidget() == menu;
-    xdo("key Escape", 300);
+    xdo("key Escape", 0, [] { return QApplication::activePopupWidget() == nullptr; });
     closed = QApplication::activePopupWidget() == nullptr;
     if (!closed) menu->close(); // the test must go on
   });
