@@ -143,14 +143,15 @@ bool row_unchanged(DBSESSION *session, const std::string &condition, std::string
 // Runs `stmt`, which changes the dialog's row, in its own transaction: reads
 // the row again first, and commits only when it was unchanged and the server
 // changed exactly one row; otherwise takes everything back. Returns 1 when
-// committed; 0 after showing `failed` with the reason.
+// committed; 0 after showing `failed` with the reason, or after the box of
+// a lost server alone.
 int change_row(const std::string &stmt, const std::string &condition, const char *failed) {
   DBSESSION *session = zentiq_app().session;
   if (!zentiq_begin_level(session)) return 0;
   std::string why;
   if (!row_unchanged(session, condition, &why)) {
     zentiq_abort_level(session);
-    fl_show_error(failed, why.c_str(), "");
+    if (!zentiq_loss_told(session)) fl_show_error(failed, why.c_str(), "");
     return 0;
   }
   // The journal keeps the row as it was, and as the change left it.
@@ -171,6 +172,7 @@ int change_row(const std::string &stmt, const std::string &condition, const char
   dbclear(session, result);
   if (!ran || changed != 1) {
     zentiq_abort_level(session);
+    if (zentiq_loss_told(session)) return 0;
     std::string text = reason;
     if (ran)
       text = std::to_string(changed) + " Zeilen in " + zentiq_app().detail_row.info.table +

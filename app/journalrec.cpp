@@ -55,7 +55,10 @@ bool run_change(DBSESSION *session, const std::string &stmt, long *changed, std:
   return ran;
 }
 
-void tell_failed(const std::string &why) {
+// The box of a failed statement, unless the server was lost: that box has
+// been shown and stands for the statement too.
+void tell_failed(DBSESSION *session, const std::string &why) {
+  if (zentiq_loss_told(session)) return;
   fl_show_error("Abfrage konnte nicht erfolgreich durchgeführt werden", why.c_str(), "");
 }
 
@@ -75,7 +78,7 @@ int run_unrecorded(DBSESSION *session, const std::string &stmt, const std::strin
   if (!ran || changed != rows) {
     zentiq_abort_level(session);
     if (!ran) {
-      tell_failed(why);
+      tell_failed(session, why);
     } else {
       std::string text = std::to_string(changed) + " statt " + std::to_string(rows) +
                          " Zeilen in " + table + " betroffen";
@@ -282,7 +285,7 @@ int zentiq_run_recorded_change(DBSESSION *session, const std::string &stmt,
   if (got != JRN_READ_OK) {
     zentiq_abort_level(session);
     if (got == JRN_READ_FAILED) {
-      tell_failed(why);
+      tell_failed(session, why);
       return 0;
     }
     return run_without_entry(no_key_text(table)) ? run_unrecorded(session, stmt, table, rows) : 0;
@@ -292,7 +295,7 @@ int zentiq_run_recorded_change(DBSESSION *session, const std::string &stmt,
   if (!ran || changed != rows || static_cast<long>(before.size()) != rows) {
     zentiq_abort_level(session);
     if (!ran) {
-      tell_failed(why);
+      tell_failed(session, why);
     } else {
       std::string text = std::to_string(changed) + " statt " + std::to_string(rows) +
                          " Zeilen in " + table + " betroffen";
@@ -309,7 +312,7 @@ int zentiq_run_recorded_change(DBSESSION *session, const std::string &stmt,
     if (got != JRN_READ_OK) {
       zentiq_abort_level(session);
       if (got == JRN_READ_FAILED) {
-        tell_failed(why);
+        tell_failed(session, why);
         return 0;
       }
       // The statement changed keys: the rows cannot be found again.
@@ -347,7 +350,7 @@ int zentiq_run_recorded_insert(DBSESSION *session, const std::string &stmt) {
   if (!ran || changed != 1) {
     zentiq_abort_level(session);
     if (!ran)
-      tell_failed(why);
+      tell_failed(session, why);
     else
       fl_show_error("Änderung wurde zurückgenommen!",
                     (std::to_string(changed) + " statt 1 Zeile eingefügt").c_str(), "");
@@ -363,7 +366,7 @@ int zentiq_run_recorded_insert(DBSESSION *session, const std::string &stmt) {
   if (got != JRN_READ_OK) {
     zentiq_abort_level(session);
     if (got == JRN_READ_FAILED) {
-      tell_failed(why);
+      tell_failed(session, why);
       return 0;
     }
     std::string text = "Die neue Zeile lässt sich nicht über ihren Schlüssel " + key +

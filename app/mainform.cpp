@@ -154,8 +154,10 @@ bool run_typed(DBSESSION *session, const std::string &stmt, DBRESULT **result) {
 }
 
 // The box of a failed statement: what failed and why, with the error icon.
-// The console keeps the same reason in its log.
-void tell_failed() {
+// The console keeps the same reason in its log. A lost server has said so
+// in its own box, which stands for the statement too.
+void tell_failed(DBSESSION *session) {
+  if (zentiq_loss_told(session)) return;
   fl_show_error("Abfrage konnte nicht erfolgreich durchgeführt werden", g_why_failed.c_str(), "");
 }
 
@@ -184,7 +186,7 @@ template <typename Fn> void run_query(DBSESSION *session, const std::string &stm
       fl_show_message(too_large.c_str(), "Bitte die Abfrage einschränken (WHERE)",
                       "oder das Budget erhöhen (Ergebnis_MB in zentiq.ini)");
     else if (!ran)
-      tell_failed();
+      tell_failed(session);
     if (!ended) tell_end_failed();
     if (!ran || !ended || !cut) return;
     std::string shown = "Gezeigt werden die ersten " + zentiq_group_digits(limit) + " Zeilen.";
@@ -210,7 +212,7 @@ bool run_counted_change(DBSESSION *session, const std::string &stmt, const ZqCha
   dbclear(session, result);
   bool ended = end_level(session);
   if (!counted || !v) {
-    tell_failed();
+    tell_failed(session);
     return false;
   }
   if (!ended) {
@@ -229,11 +231,12 @@ bool run_counted_change(DBSESSION *session, const std::string &stmt, const ZqCha
 
 } // namespace
 
+int zentiq_loss_told(DBSESSION *session) { return session && session->lost ? 1 : 0; }
+
 int zentiq_begin_level(DBSESSION *session) {
   if (dbbegin(session)) return 1;
   dbend(session);
-  // A lost session has told the user in the box of its loss.
-  if (!session || !session->lost) fl_show_error("Datenbankverbindung nicht vorhanden", "", "");
+  if (!zentiq_loss_told(session)) fl_show_error("Datenbankverbindung nicht vorhanden", "", "");
   return 0;
 }
 
@@ -545,7 +548,7 @@ void zentiq_run_sql(FL_OBJECT *, long) {
   dbclear(session, result);
   bool ended = end_level(session);
   if (!ran)
-    tell_failed();
+    tell_failed(session);
   else if (!ended)
     tell_end_failed();
   else

@@ -6,6 +6,9 @@
 
 #include <sys/wait.h>
 
+#include <chrono>
+#include <thread>
+
 #include <QFontMetrics>
 
 #include "app/detail.h"
@@ -184,7 +187,8 @@ TEST_F(Viewer, StartUpWithoutDbOrWithoutServerGuides) {
   EXPECT_EQ(zentiq_last_database(), "DEMO");
 
   // No server in the namespace: a box that says so and how to start one,
-  // and the program ends without a fatal stop.
+  // with the client library's own lines of what it tried, and the program
+  // ends without a fatal stop.
   EXPECT_EXIT(
       {
         // Non-ASCII letters as "?": the matcher reads stderr as UTF-8.
@@ -200,7 +204,8 @@ TEST_F(Viewer, StartUpWithoutDbOrWithoutServerGuides) {
       },
       ::testing::ExitedWithCode(3),
       "\\[Fehler\\] Es l\\?uft kein TAVRIN-Server.\nStarten Sie einen mit 'tavrind --data "
-      "<Datenordner>' oder starten Sie Zentiq mit './run.sh'");
+      "<Datenordner>' oder starten Sie Zentiq mit './run.sh'.*\nTavrin database not found!"
+      ".*Connection to TAVRIN-database 'TDSYS' failed");
 }
 
 TEST_F(Viewer, SelectIsBuiltRunStoredAndShown) {
@@ -821,6 +826,19 @@ TEST_F(Viewer, ALostServerKeepsTheViewerAndItsHistory) {
   EXPECT_EQ(shown(), "");
   EXPECT_EQ(fl_get_tabbox_maxline(m().result), 3);
   EXPECT_EQ(dbstatus(app().session), 1);
+
+  // Gone in the middle of a long statement: the server stops it, then goes;
+  // one box tells both, the loss's, and the statement's own is not added.
+  std::thread stopper([] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    zqtest::test_server()->halt();
+  });
+  run_sql("SELECT COUNT(*) FROM KUNDE a, KUNDE b, KUNDE c, KUNDE d");
+  stopper.join();
+  EXPECT_EQ(shown().rfind("Die Verbindung zum TAVRIN-Server ist verloren", 0), 0u) << shown();
+  EXPECT_EQ(boxes(), 1u) << shown();
+  EXPECT_EQ(db_depth(), 0);
+  ASSERT_TRUE(zqtest::test_server()->restart(why)) << why;
 }
 
 TEST_F(Viewer, ManualOfTheDialogs) {
