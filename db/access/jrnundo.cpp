@@ -3,6 +3,8 @@
 #include "db/access/jrnundo.h"
 
 #include <cctype>
+#include <charconv>
+#include <cmath>
 #include <map>
 #include <set>
 
@@ -33,11 +35,20 @@ bool run(DBSESSION *s, const std::string &stmt, int want, DBRESULT **r, std::str
 }
 
 // A cell as the journal keeps it: the text users see, null for the null
-// marker of a number, date or timestamp.
+// marker of a number, date or timestamp. A FLOAT is kept as the shortest text
+// that reads back as the same double: the shown text has at most 14 decimals,
+// so an undo written from it would change the value's last bits (or turn a
+// tiny value into 0).
 JrnValue cell(DBSESSION *s, DBRESULT *r, int row, int col) {
   std::string shown = dbgetshown(s, r, row, col);
   int type = dbfieldtype(s, r, col);
   if (shown.empty() && type != DBFT_CHARACTER && type != DBFT_BINARY) return std::nullopt;
+  double v = 0;
+  if (type == DBFT_FLOAT && r && DBfillbinary(r, &v, row, col) && std::isfinite(v)) {
+    char buf[32];
+    auto res = std::to_chars(buf, buf + sizeof buf, v);
+    if (res.ec == std::errc()) return std::string(buf, res.ptr);
+  }
   return shown;
 }
 

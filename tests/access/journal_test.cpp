@@ -133,7 +133,8 @@ protected:
     exec("DROP TABLE JT;");
     exec("CREATE TABLE JT (JT_ID INTEGER NOT NULL, NAME CHARACTER(40), MENGE FLOAT, AM DATE);");
     exec("INSERT INTO JT VALUES (1, 'O''Brien \\\\ \xC4', 2.5, '2003-07-12');");
-    exec("INSERT INTO JT VALUES (2, 'zwei', 3, '');");
+    // A float whose shown text ("0.3") is not its value.
+    exec("INSERT INTO JT VALUES (2, 'zwei', 0.30000000000000004, '');");
   }
   void TearDown() override { dbclose(s); }
   int exec(const std::string &sql) {
@@ -187,8 +188,9 @@ tavrind_fixture::Server *JournalServed::server = nullptr;
 
 TEST_F(JournalServed, UndoOfAnUpdateAndOfADeleteRestoresTheRowsAndIsRecorded) {
   std::string one = row(1), two = row(2);
-  record("WHERE JT_ID >= 1", "UPDATE JT SET NAME = 'neu', AM = '' WHERE JT_ID >= 1;", JRN_UPDATE);
-  ASSERT_EQ(row(1), "1|neu|2.5|");
+  record("WHERE JT_ID >= 1", "UPDATE JT SET NAME = 'neu', MENGE = 1, AM = '' WHERE JT_ID >= 1;",
+         JRN_UPDATE);
+  ASSERT_EQ(row(1), "1|neu|1|");
   std::vector<JrnEntry> all = entries();
   ASSERT_EQ(all.size(), 1u);
   EXPECT_EQ(all[0].status, JRN_COMMITTED);
@@ -196,8 +198,9 @@ TEST_F(JournalServed, UndoOfAnUpdateAndOfADeleteRestoresTheRowsAndIsRecorded) {
   EXPECT_FALSE(all[0].after[1][3].has_value()); // a null date stays null
   std::vector<std::string> stmts = jrn_undo_statements(all[0]);
   ASSERT_EQ(stmts.size(), 2u);
-  EXPECT_EQ(stmts[0],
-            "UPDATE JT SET NAME = 'O''Brien \\\\ \xC4', AM = '2003-07-12' WHERE JT_ID = 1;");
+  EXPECT_EQ(
+      stmts[0],
+      "UPDATE JT SET NAME = 'O''Brien \\\\ \xC4', MENGE = 2.5, AM = '2003-07-12' WHERE JT_ID = 1;");
 
   std::vector<JrnProblem> problems;
   std::string why;
@@ -205,6 +208,7 @@ TEST_F(JournalServed, UndoOfAnUpdateAndOfADeleteRestoresTheRowsAndIsRecorded) {
   ASSERT_EQ(jrn_undo(s, path, all[0], &problems, &why, &number), JRN_UNDO_DONE) << why;
   EXPECT_EQ(row(1), one);
   EXPECT_EQ(row(2), two);
+  EXPECT_EQ(exec("SELECT * FROM JT WHERE MENGE = 0.30000000000000004;"), 1); // every bit back
   EXPECT_EQ(number, 2);
   all = entries();
   EXPECT_EQ(all[0].undone_by, 2);
