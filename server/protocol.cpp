@@ -46,6 +46,7 @@ std::unique_ptr<ChannelContext> RequestHandler::channel_opened(ProtocolServer &,
 }
 void RequestHandler::channel_closed(ProtocolServer &, int, ChannelContext *) {}
 void RequestHandler::idle(ProtocolServer &) {}
+void RequestHandler::ending(ProtocolServer &) {}
 
 ProtocolServer::ProtocolServer(RequestHandler &handler) : handler_(handler) {}
 
@@ -202,6 +203,7 @@ bool ProtocolServer::start() {
 
 void ProtocolServer::shutdown() {
   if (!started_) return;
+  handler_.ending(*this);
   for (size_t i = 0; i < slots_.size(); ++i)
     if (slots_[i].used) slots_[i].dead = true;
   close_dead_channels();
@@ -212,6 +214,10 @@ void ProtocolServer::shutdown() {
   for (const char *name : DBOBJ_ALL) ipc::unlink_object(name);
   close_objects();
   started_ = false;
+}
+
+void ProtocolServer::wake() {
+  if (started_) server_.nudge();
 }
 
 void ProtocolServer::run() {
@@ -417,7 +423,9 @@ void ProtocolServer::dispatch(int channel) {
   std::vector<unsigned char> request;
   request.swap(ch->message);
   current_ = channel;
-  current_done_ = false;
+  // A parked client gets its answer through the activation only: what it
+  // sends meanwhile (a cancel) is not answered on the spot.
+  current_done_ = ch->parked;
   handler_.request(*this, channel, ch->ctx.get(), request.data(), request.size());
   current_ = -1;
   // Keep the memory of small requests for the next one.
@@ -428,24 +436,52 @@ void ProtocolServer::dispatch(int channel) {
   }
 }
 
-bool ProtocolServer::answer(int channel, const void *data, size_t length) {
+int ProtocolServer::answer_route(int channel, const unsigned char *data, size_t length) {
   Slot *ch = slot_at(channel);
-  if (!ch || ch->dead) return false;
-  if (length > size_t(INT_MAX) ||
-      (length == 1 && *static_cast<const unsigned char *>(data) == DBCOMM_PARKED))
-    return false;
+  if (!ch || ch->dead) return 0;
+  if (length > size_t(INT_MAX) || (length == 1 && *data == DBCOMM_PARKED)) return 0;
+  if (channel == current_ && !current_done_) return 1;
+  if (ch->parked && !ch->answer_ready) return 2;
+  return 0;
+}
+
+bool ProtocolServer::answer(int channel, const void *data, size_t length) {
   const auto *bytes = static_cast<const unsigned char *>(data);
-  if (channel == current_ && !current_done_) {
+  switch (answer_route(channel, bytes, length)) {
+  case 1:
     current_done_ = true;
     return send_message(channel, bytes, length);
-  }
-  if (ch->parked && !ch->answer_ready) {
+  case 2: {
+    Slot *ch = slot_at(channel);
     ch->pending.assign(bytes, bytes + length);
     ch->answer_ready = true;
     activations_.push_back(channel);
     return true;
   }
-  return false;
+  default:
+    return false;
+  }
+}
+
+bool ProtocolServer::answer(int channel, std::vector<unsigned char> &&data) {
+  switch (answer_route(channel, data.data(), data.size())) {
+  case 1: {
+    current_done_ = true;
+    bool ok = send_message(channel, data.data(), data.size());
+    data.clear();
+    return ok;
+  }
+  case 2: {
+    Slot *ch = slot_at(channel);
+    ch->pending = std::move(data);
+    data.clear();
+    ch->answer_ready = true;
+    activations_.push_back(channel);
+    return true;
+  }
+  default:
+    return false;
+  }
 }
 
 bool ProtocolServer::park(int channel) {

@@ -13,7 +13,12 @@
 // (one-way requests such as DBREQ_CLOSE and DBREQ_NOTICE). A parked client is
 // answered later with answer(): the server hands the exchange back to it
 // through the owner word and "TavrinDB_Client_Activate" as soon as no other
-// exchange is running. The handler keeps per-channel state in a
+// exchange is running. A parked client may send a request of its own (a
+// cancel); it is handed to the handler like any other but cannot be
+// answered directly, since its client waits for the activation. The
+// handler may run requests on threads of its own: wake() (from any thread)
+// ends the loop's wait at once so that idle() can pass their answers on.
+// The handler keeps per-channel state in a
 // ChannelContext of its own and hears when a client has ended. Executing statements is the
 // handler's business.
 #pragma once
@@ -56,8 +61,13 @@ public:
   // outstanding for it is dropped.
   virtual void channel_closed(ProtocolServer &srv, int channel, ChannelContext *ctx);
   // Called at the end of every turn of the server loop (at least every
-  // 100 ms), e.g. to answer parked clients whose wait is over.
+  // 100 ms, and right after a wake()), e.g. to answer parked clients whose
+  // wait is over.
   virtual void idle(ProtocolServer &srv);
+  // Called first by ProtocolServer::shutdown(), while the server still
+  // serves: the handler ends its own threads' work and may poll() to pass
+  // their last answers on.
+  virtual void ending(ProtocolServer &srv);
 };
 
 class ProtocolServer {
@@ -84,6 +94,9 @@ public:
   void poll(int timeout_ms);
   // Makes run() return after its current turn. Safe in a signal handler.
   void request_stop() { stop_ = 1; }
+  // Ends the current or next wait of the server loop at once (the turn then
+  // calls the handler's idle()). Safe from any thread of the server process.
+  void wake();
   bool stop_requested() const { return stop_ != 0; }
   // Removes the named objects and closes them; the server no longer exists
   // for clients. Channels are closed with channel_closed().
@@ -96,6 +109,11 @@ public:
   // for a parking notice) or longer than 2^31 - 1 bytes, or the client ended
   // while it was sent.
   bool answer(int channel, const void *data, size_t length);
+  // The same, taking the answer's memory instead of copying it (a large
+  // answer of a parked channel is then not held twice); `data` is left empty.
+  bool answer(int channel, std::vector<unsigned char> &&data);
+  // Answers kept for parked clients that have not been sent yet.
+  bool answers_pending() const { return activating_ >= 0 || !activations_.empty(); }
   // Parks `channel` during its request() call: sends the parking notice.
   // Returns false outside the channel's request() call or if the client
   // ended.
@@ -140,6 +158,9 @@ private:
   };
 
   bool take_liveness();
+  // Where an answer for `channel` goes: 1 out now, 2 kept for its
+  // activation, 0 refused (see answer()).
+  int answer_route(int channel, const unsigned char *data, size_t length);
   void close_objects();
   void handle_chunk();
   void handshake();

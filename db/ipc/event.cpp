@@ -47,6 +47,13 @@ int64_t now_ns() {
 
 inline EventWord *word_of(const Section &s) { return static_cast<EventWord *>(s.data()); }
 
+// Takes a nudge (state 2) if it is there.
+inline bool try_nudged(EventWord *w) {
+  uint32_t two = 2;
+  return w->state.load(std::memory_order_relaxed) == 2 &&
+         w->state.compare_exchange_strong(two, 0, std::memory_order_acq_rel);
+}
+
 // Takes the 1 if it is there.
 inline bool try_consume(EventWord *w) {
   uint32_t one = 1;
@@ -140,6 +147,14 @@ void Event::set_for(uint32_t value) {
     futex_wake(&w->state, INT32_MAX, bit_of(value));
 }
 
+void Event::nudge() {
+  EventWord *w = word_of(sec_);
+  // Only a clear event is nudged: a set one ends the wait anyway.
+  uint32_t zero = 0;
+  w->state.compare_exchange_strong(zero, 2, std::memory_order_seq_cst);
+  if (w->waiters.load(std::memory_order_seq_cst) != 0) futex_wake(&w->state, INT32_MAX);
+}
+
 void Event::reset() { word_of(sec_)->state.store(0); }
 
 bool Event::is_set() const { return word_of(sec_)->state.load() == 1; }
@@ -162,6 +177,7 @@ WaitResult Event::wait_impl(int timeout_ms, const Process *proc, const uint32_t 
     return w->state.load(std::memory_order_relaxed) == 1 && mine() && try_consume(w);
   };
   if (take()) return WaitResult::Signalled;
+  if (try_nudged(w)) return WaitResult::Timeout;
   // A watch that was never opened or was given up: the process is gone.
   if (proc && !proc->is_open()) return WaitResult::ProcessEnded;
   if (timeout_ms == 0) return WaitResult::Timeout;
@@ -185,6 +201,7 @@ WaitResult Event::wait_impl(int timeout_ms, const Process *proc, const uint32_t 
           spin_ns_ = std::min(limit, std::max<int64_t>(spin_ns_, kMinSpinNs));
           return WaitResult::Signalled;
         }
+        if (try_nudged(w)) return WaitResult::Timeout;
         cpu_relax();
       }
     }
@@ -198,6 +215,10 @@ WaitResult Event::wait_impl(int timeout_ms, const Process *proc, const uint32_t 
   for (;;) {
     if (take()) {
       result = WaitResult::Signalled;
+      break;
+    }
+    if (try_nudged(w)) {
+      result = WaitResult::Timeout;
       break;
     }
     // The process is looked at once per slice, not before every sleep: a

@@ -48,6 +48,12 @@ public:
   // wakes only the waiters addressed by it (a futex bitset of value mod 32,
   // so at most those that share it, and plain waiters).
   void set_for(uint32_t value);
+  // Ends a wait of this event early without setting it (the wait returns
+  // Timeout): a thread of the waiting process has news for the waiter. The
+  // state word holds 2 until the waiter takes the nudge; a set meanwhile
+  // overwrites it with 1 and is not lost. Only for events that clients set
+  // and never wait on (the server's own). Thread-safe.
+  void nudge();
   // Clears the event.
   void reset();
   // Waits until the event is set and consumes it. timeout_ms < 0 waits
