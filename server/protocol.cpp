@@ -60,8 +60,10 @@ int32_t ProtocolServer::owner_word() const {
 }
 
 void ProtocolServer::set_owner_word(int32_t v) {
-  __atomic_store_n(static_cast<uint32_t *>(owner_.data()), static_cast<uint32_t>(v),
-                   __ATOMIC_SEQ_CST);
+  auto *word = static_cast<uint32_t *>(owner_.data());
+  __atomic_store_n(word, static_cast<uint32_t>(v), __ATOMIC_SEQ_CST);
+  // Clients waiting for a free exchange sleep on the word.
+  if (v == DBCOMM_OWNER_FREE) ipc::word_wake(word);
 }
 
 ProtocolServer::Slot *ProtocolServer::slot_at(int channel) {

@@ -86,6 +86,16 @@ inline uint32_t bit_of(uint32_t value) { return 1u << (value % 32); }
 
 } // namespace
 
+void word_wait(const uint32_t *word, uint32_t expected, int64_t timeout_us) {
+  struct timespec ts = {static_cast<time_t>(timeout_us / 1000000),
+                        static_cast<long>(timeout_us % 1000000) * 1000};
+  syscall(SYS_futex, const_cast<uint32_t *>(word), FUTEX_WAIT, expected, &ts, nullptr, 0);
+}
+
+void word_wake(uint32_t *word) {
+  syscall(SYS_futex, word, FUTEX_WAKE, INT32_MAX, nullptr, nullptr, 0);
+}
+
 void set_spin_limit_us(int us) { g_spin_us.store(us < 0 ? 0 : us); }
 int spin_limit_us() { return g_spin_us.load(); }
 

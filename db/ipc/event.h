@@ -80,6 +80,13 @@ private:
   int64_t spin_ns_ = INT64_MAX; // this process's next spin on this event
 };
 
+// A plain shared 32-bit word as a futex: word_wait sleeps while *word holds
+// `expected`, at most timeout_us (woken early by word_wake or a signal);
+// word_wake wakes every sleeper on the word. For words of a protocol that
+// one side changes and the other waits for (the owner word).
+void word_wait(const uint32_t *word, uint32_t expected, int64_t timeout_us);
+void word_wake(uint32_t *word);
+
 // The bounded spin of every wait, in microseconds (default 150; 0 disables
 // spinning). Process-wide.
 void set_spin_limit_us(int us);
