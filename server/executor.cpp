@@ -1449,7 +1449,9 @@ int execute(Ctx &c, const Request &q) {
 // May the request run on a budget (see exec_request)? Only what can be
 // stopped without a trace and run again: queries (a stopped read leaves an
 // open transaction as it was) and changes outside a transaction (their own
-// transaction is rolled back), and the requests that never run long.
+// transaction is rolled back), and the requests that never run long. A
+// change inside a transaction is not: SQLite rolls the whole transaction
+// back when it stops one.
 // Cursors are not: a stopped FETCH would lose the rows it stepped over.
 bool tryable(const Session &ch, ReqKind k) {
   switch (k) {
@@ -1460,6 +1462,12 @@ bool tryable(const Session &ch, ReqKind k) {
   case ReqKind::Update:
   case ReqKind::Delete:
     return !ch.in_transaction();
+  case ReqKind::Commit:
+  case ReqKind::Abort:
+    // Never stopped by the budget (a few steps of SQLite) and bounded by
+    // the transaction's size; only a commit that syncs to disk may take
+    // long enough to be worth a worker.
+    return !ch.ex.catalog.sync_full;
   case ReqKind::Begin:
   case ReqKind::Max:
   case ReqKind::Notice:
@@ -1570,7 +1578,9 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
       text = answer_errtext(Err::KLIENT_ENDET, {std::to_string(ch.client_pid), what});
       break;
     }
-    if (ch.ex.log) log_line(ch, "error: " + text);
+    // A channel closed under its statement was logged when it was closed.
+    bool logged = st.stop == SessionState::Stop::Client && st.abandoned.load();
+    if (ch.ex.log && !logged) log_line(ch, "error: " + text);
     // Nobody reads the answer of a client that has ended; sent anyway, it
     // could overwrite a chunk another client has put into the exchange
     // meanwhile.

@@ -42,9 +42,11 @@ struct ExecHandler::Chan {
   std::vector<unsigned char> waiting;
   std::chrono::steady_clock::time_point parked_at;
   // The worker's job: request, answer, result; done under done_mutex_.
+  // job_answered: the worker has sent the answer itself (see start()).
   std::vector<unsigned char> job_req, job_answer;
   int job_result = EXEC_NO_ANSWER;
   bool job_done = false;
+  bool job_answered = false;
 };
 
 struct ExecHandler::Context : ChannelContext {
@@ -110,24 +112,53 @@ void ExecHandler::start(ProtocolServer &srv, const std::shared_ptr<Chan> &chan,
   if (req != chan->job_req.data()) chan->job_req.assign(req, req + len);
   chan->busy = true;
   chan->job_done = false;
+  chan->job_answered = false;
   ++jobs_;
   pool_.submit([this, chan] {
     int result = exec_request(chan->ch, chan->job_req.data(), chan->job_req.size(),
                               chan->job_answer);
+    // While the loop's thread waits for this very job (its client holds the
+    // exchange), it touches nothing of the protocol server: the worker may
+    // send the answer itself, which spares the client one thread switch.
+    // Anything else (a lock wait, no answer) is left to the loop.
+    bool answer_here = false;
     {
       std::lock_guard<std::mutex> lock(done_mutex_);
       chan->job_result = result;
+      if (awaited_ == chan.get() && result == EXEC_ANSWER) {
+        awaited_ = nullptr;
+        worker_answering_ = true;
+        answer_here = true;
+      } else {
+        chan->job_done = true;
+        done_.push_back(chan);
+      }
+    }
+    if (answer_here) {
+      ProtocolServer *s = srv_.load();
+      if (s) s->answer(chan->id, std::move(chan->job_answer));
+      std::lock_guard<std::mutex> lock(done_mutex_);
+      worker_answering_ = false;
+      chan->job_answered = s != nullptr;
       chan->job_done = true;
       done_.push_back(chan);
     }
     done_cv_.notify_all();
-    if (ProtocolServer *s = srv_.load()) s->wake();
+    if (!answer_here)
+      if (ProtocolServer *s = srv_.load()) s->wake();
   });
   if (!current || one_way(req, len)) return;
   bool done;
   {
     std::unique_lock<std::mutex> lock(done_mutex_);
+    awaited_ = chan.get();
     done = done_cv_.wait_for(lock, SHORT_WAIT, [&] { return chan->job_done; });
+    // A worker that has begun to answer is waited for: the exchange is its.
+    if (!done && worker_answering_) {
+      done_cv_.wait(lock, [&] { return chan->job_done; });
+      done = true;
+    }
+    awaited_ = nullptr;
   }
   // Parked before its answer is passed on, if it is not done yet; the
   // answer then waits for the client's activation.
@@ -146,6 +177,13 @@ void ExecHandler::collect(ProtocolServer &srv) {
     chan->busy = false;
     --jobs_;
     if (chan->closed) continue;
+    if (chan->job_answered) {
+      chan->job_answered = false;
+      chan->lock_wait = false;
+      chan->waiting.clear();
+      next(srv, chan);
+      continue;
+    }
     finish(srv, chan, chan->job_result, chan->job_answer, true, chan->job_req.data(),
            chan->job_req.size());
   }
@@ -280,8 +318,13 @@ void ExecHandler::channel_closed(ProtocolServer &, int channel, ChannelContext *
   if (it != channels_.end()) {
     // A statement still running on a worker is stopped; the session goes
     // (rolling back) when the worker is done with it.
-    it->second->closed = true;
-    session_abandon(it->second->ch);
+    Chan &chan = *it->second;
+    chan.closed = true;
+    session_abandon(chan.ch);
+    if (chan.busy)
+      log("channel " + std::to_string(channel) + ": error: " +
+          answer_errtext(Err::KLIENT_ENDET, {std::to_string(chan.ch.client_pid),
+                                             "nichts davon bleibt bestehen"}));
     channels_.erase(it);
   }
   parked_.erase(std::remove(parked_.begin(), parked_.end(), channel), parked_.end());

@@ -117,6 +117,10 @@ private:
   std::mutex done_mutex_;
   std::condition_variable done_cv_;
   std::vector<std::shared_ptr<Chan>> done_;
+  // The channel whose job the loop's thread waits for in start(), and
+  // whether a worker is sending that job's answer right now.
+  const Chan *awaited_ = nullptr;
+  bool worker_answering_ = false;
   int jobs_ = 0; // jobs given to workers and not yet collected (loop thread)
 
   WorkerPool pool_; // last: its threads end before the members above go

@@ -312,6 +312,10 @@ void ProtocolServer::handshake() {
               int(writer));
     answer = DBHS_REFUSED_PROCESS;
   } else {
+    // Clients that ended since the last look give their channels up first
+    // (closed at the end of this turn, before the new client's first
+    // request is read).
+    check_clients();
     // A process holds one transport at a time: a new handshake means its
     // earlier channels are given up.
     for (Slot &old : slots_)
