@@ -128,16 +128,15 @@ struct SessionState {
 
   // Why the progress handler stopped the running statement: the statement
   // timeout, the server ends, the client ended (or its channel was
-  // closed), the client cancelled it, or a tried request ran past its
-  // budget.
-  enum class Stop { None, Timeout, Server, Client, Cancel, Yield } stop = Stop::None;
+  // closed), the client cancelled it.
+  enum class Stop { None, Timeout, Server, Client, Cancel } stop = Stop::None;
   // Set from other threads: the client asked to stop the statement / the
   // channel is gone.
   std::atomic<bool> cancel{false};
   std::atomic<bool> abandoned{false};
-  // A tried request (exec_request with a budget) is stopped at this time.
-  bool yielding = false;
-  std::chrono::steady_clock::time_point yield_at;
+  // Called once when the request has run past its budget (exec_request).
+  const std::function<void()> *overrun = nullptr;
+  std::chrono::steady_clock::time_point overrun_at;
   // The progress handler only stops statements of a request (never the
   // rollback that cleans up after one).
   bool armed = false;
@@ -1175,9 +1174,10 @@ int progress(void *arg) {
     return 1;
   }
   auto now = std::chrono::steady_clock::now();
-  if (st.yielding && now >= st.yield_at) {
-    st.stop = SessionState::Stop::Yield;
-    return 1;
+  if (st.overrun && now >= st.overrun_at) {
+    const std::function<void()> *f = st.overrun;
+    st.overrun = nullptr;
+    (*f)();
   }
   if (st.timed && now >= st.deadline) {
     st.stop = SessionState::Stop::Timeout;
@@ -1446,40 +1446,6 @@ int execute(Ctx &c, const Request &q) {
   return EXEC_ANSWER;
 }
 
-// May the request run on a budget (see exec_request)? Only what can be
-// stopped without a trace and run again: queries (a stopped read leaves an
-// open transaction as it was) and changes outside a transaction (their own
-// transaction is rolled back), and the requests that never run long. A
-// change inside a transaction is not: SQLite rolls the whole transaction
-// back when it stops one.
-// Cursors are not: a stopped FETCH would lose the rows it stepped over.
-bool tryable(const Session &ch, ReqKind k) {
-  switch (k) {
-  case ReqKind::Select:
-  case ReqKind::Show:
-    return true;
-  case ReqKind::Insert:
-  case ReqKind::Update:
-  case ReqKind::Delete:
-    return !ch.in_transaction();
-  case ReqKind::Commit:
-  case ReqKind::Abort:
-    // Never stopped by the budget (a few steps of SQLite) and bounded by
-    // the transaction's size; only a commit that syncs to disk may take
-    // long enough to be worth a worker.
-    return !ch.ex.catalog.sync_full;
-  case ReqKind::Begin:
-  case ReqKind::Max:
-  case ReqKind::Notice:
-  case ReqKind::Message:
-  case ReqKind::Locks:
-  case ReqKind::CloseCursor:
-    return true;
-  default:
-    return false;
-  }
-}
-
 } // namespace
 
 Session::~Session() {
@@ -1489,7 +1455,8 @@ Session::~Session() {
 }
 
 int exec_request(Session &ch, const unsigned char *req, size_t len,
-                 std::vector<unsigned char> &answer, std::chrono::microseconds budget) {
+                 std::vector<unsigned char> &answer, std::chrono::microseconds budget,
+                 const std::function<void()> *overrun) {
   Request q;
   std::string err;
   if (!request_decode(req, len, q, err)) {
@@ -1501,17 +1468,14 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
     answer_error(answer, err);
     return EXEC_ANSWER;
   }
-  if (budget.count() > 0 && !tryable(ch, q.kind)) {
-    answer.clear();
-    return EXEC_YIELDED;
-  }
   Ctx c{ch, *ch.st, answer};
   SessionState &st = *ch.st;
   // Arms the progress handler for this request and, when it ends, notes
   // whether the channel's transaction holds the write lock now.
   struct Arm {
     Session &ch;
-    Arm(Session &c, std::chrono::microseconds budget) : ch(c) {
+    Arm(Session &c, std::chrono::microseconds budget, const std::function<void()> *overrun)
+        : ch(c) {
       SessionState &s = *ch.st;
       s.armed = true;
       s.stop = SessionState::Stop::None;
@@ -1519,15 +1483,14 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
       auto now = std::chrono::steady_clock::now();
       if (s.timed) s.deadline = now + ch.ex.statement_timeout;
       s.next_client_check = now + CLIENT_CHECK;
-      s.yielding = budget.count() > 0;
-      if (s.yielding) s.yield_at = now + budget;
+      s.overrun = overrun && *overrun && budget.count() > 0 ? overrun : nullptr;
+      s.overrun_at = now + budget;
     }
     ~Arm() {
       SessionState &s = *ch.st;
       s.armed = false;
-      s.yielding = false;
-      // A request that yielded runs again: a lock wait stays a wait.
-      if (!blocked && !yielded)
+      s.overrun = nullptr;
+      if (!blocked)
         s.wait_since = 0;
       else if (blocked && s.wait_since == 0)
         s.wait_since = time(nullptr);
@@ -1541,19 +1504,12 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
     }
     void disarm() { ch.st->armed = false; }
     bool blocked = false;
-    bool yielded = false;
-  } arm(ch, budget);
+  } arm(ch, budget, overrun);
   bool block = ch.in_transaction();
   try {
     return execute(c, q);
   } catch (const Interrupted &) {
     arm.disarm();
-    if (st.stop == SessionState::Stop::Yield) {
-      // Nothing of it is left (see tryable): it runs again without a budget.
-      arm.yielded = true;
-      answer.clear();
-      return EXEC_YIELDED;
-    }
     // A stopped change inside BEGIN ... COMMIT may have taken the whole
     // transaction with it (SQLite rolls it back): the client is told.
     bool lost = block && !ch.in_transaction();

@@ -99,7 +99,6 @@ enum ExecResult {
   EXEC_NO_ANSWER = 0,   // the request gets no answer (close, notice, message text)
   EXEC_ANSWER = 1,      // answer holds the answer to send
   EXEC_WOULD_BLOCK = 2, // another channel holds a lock: send the request again later
-  EXEC_YIELDED = 3,     // not done within the budget: run it again without one
 };
 
 // Executes one request of channel ch and builds its answer in answer (which
@@ -108,15 +107,16 @@ enum ExecResult {
 // taken effect. A statement stopped because its client process ended gets
 // no answer (EXEC_NO_ANSWER).
 //
-// With a budget the request is only tried: a query, or a change outside
-// BEGIN ... COMMIT, that runs longer is stopped without a trace, and any
-// other request that could run long (a change inside a transaction, COMMIT,
-// opening a database, cursors, ...) is not started at all; both report
-// EXEC_YIELDED with the session as it was, and the caller runs the request
-// again without a budget (on another thread, so that it may take its time).
+// With a budget and an overrun callback, a request still running after the
+// budget calls *overrun once, on this thread, from inside the running
+// statement (SQLite's progress handler; a request that does not step
+// SQLite's machine, such as a commit waiting for the disk, is not noticed),
+// and then goes on: the caller lets its other work go on elsewhere
+// meanwhile. The callback must not use the session.
 int exec_request(Session &ch, const unsigned char *req, size_t len,
                  std::vector<unsigned char> &answer,
-                 std::chrono::microseconds budget = std::chrono::microseconds{0});
+                 std::chrono::microseconds budget = std::chrono::microseconds{0},
+                 const std::function<void()> *overrun = nullptr);
 
 // The client of ch asks that its running (or next-started) statement be
 // stopped: it is answered with error 515. session_cancel_clear forgets such

@@ -10,13 +10,12 @@ namespace tavrind {
 
 namespace {
 
-// How long a request is tried on the loop's thread before it goes to a
-// worker, and how long the loop then waits for the worker before it parks
-// the client. Both hold only the exchange that the client holds anyway;
-// short enough that a runaway statement frees it at once, long enough that
-// a commit's sync to disk is mostly waited for rather than parked.
-constexpr std::chrono::microseconds TRY_BUDGET{2000};
-constexpr std::chrono::microseconds SHORT_WAIT{2000};
+// How long a statement runs with the loop before it gives the loop up and
+// parks its client. Meanwhile it holds only the exchange that its client
+// holds anyway: short enough that a runaway statement frees it at once,
+// long enough that most statements end first (parking costs the client two
+// more exchanges).
+constexpr std::chrono::microseconds BUDGET{2000};
 
 // Requests whose client reads no answer.
 bool one_way(const unsigned char *req, size_t len) {
@@ -25,9 +24,9 @@ bool one_way(const unsigned char *req, size_t len) {
 
 } // namespace
 
-// The executor's channel and what the handler keeps for it. Fields without
-// a note are the loop thread's; the job fields belong to the worker while
-// busy is set.
+// The executor's channel and what the handler keeps for it. Fields belong
+// to the thread holding the loop lock; while busy is set, the session and
+// the job fields belong to the thread running the statement without it.
 struct ExecHandler::Chan {
   Chan(Executor &ex, int i) : ch(ex, i), id(i) {}
   Session ch;
@@ -35,18 +34,15 @@ struct ExecHandler::Chan {
   bool closed = false; // the channel ended; nothing more is answered
   // Requests that came while the channel was busy, in order.
   std::deque<std::vector<unsigned char>> queue;
-  bool busy = false; // a job of it is on a worker
+  bool busy = false; // its statement runs without the loop
   // Its request waits for a lock (its client is parked): the request and
   // since when.
   bool lock_wait = false;
   std::vector<unsigned char> waiting;
   std::chrono::steady_clock::time_point parked_at;
-  // The worker's job: request, answer, result; done under done_mutex_.
-  // job_answered: the worker has sent the answer itself (see start()).
+  // The statement that ran without the loop: request, answer, result.
   std::vector<unsigned char> job_req, job_answer;
   int job_result = EXEC_NO_ANSWER;
-  bool job_done = false;
-  bool job_answered = false;
 };
 
 struct ExecHandler::Context : ChannelContext {
@@ -55,7 +51,13 @@ struct ExecHandler::Context : ChannelContext {
 
 ExecHandler::~ExecHandler() {
   for (auto &[id, chan] : channels_) session_abandon(chan->ch);
-  pool_.join();
+  {
+    std::lock_guard<std::mutex> lock(run_mutex_);
+    closing_ = true;
+  }
+  run_cv_.notify_all();
+  for (std::thread &t : runners_) t.join();
+  runners_.clear();
   std::lock_guard<std::mutex> lock(done_mutex_);
   done_.clear();
 }
@@ -100,69 +102,38 @@ void ExecHandler::start(ProtocolServer &srv, const std::shared_ptr<Chan> &chan,
                         const unsigned char *req, size_t len, bool current) {
   // A cancel that came after the last statement ended is not for this one.
   session_cancel_clear(chan->ch);
-  // One buffer for the answers done at once: a large one is built without
+  // One buffer per thread for the answers: a large one is built without
   // growing (and touching fresh pages) again; beyond 32 MiB its memory is
   // given back.
-  if (answer_.capacity() > (32u << 20)) std::vector<unsigned char>().swap(answer_);
-  int r = exec_request(chan->ch, req, len, answer_, TRY_BUDGET);
-  if (r != EXEC_YIELDED) {
-    finish(srv, chan, r, answer_, false, req, len);
+  thread_local std::vector<unsigned char> answer;
+  if (answer.capacity() > (32u << 20)) std::vector<unsigned char>().swap(answer);
+  // Past the budget (called from inside the statement, with the loop lock
+  // held): the client is parked, a standby thread takes the loop over, and
+  // this thread goes on with the statement alone.
+  bool detached = false;
+  const std::function<void()> overrun = [&] {
+    if (!need_runner()) return; // no thread to be had: the loop waits
+    if (current && !one_way(req, len)) srv.park(chan->id);
+    if (req != chan->job_req.data()) chan->job_req.assign(req, req + len);
+    chan->busy = true;
+    ++jobs_;
+    ++detached_;
+    detached = true;
+    srv.release_loop();
+  };
+  int r = exec_request(chan->ch, req, len, answer, BUDGET, &overrun);
+  if (!detached) {
+    finish(srv, chan, r, answer, false, req, len);
     return;
   }
-  if (req != chan->job_req.data()) chan->job_req.assign(req, req + len);
-  chan->busy = true;
-  chan->job_done = false;
-  chan->job_answered = false;
-  ++jobs_;
-  pool_.submit([this, chan] {
-    int result = exec_request(chan->ch, chan->job_req.data(), chan->job_req.size(),
-                              chan->job_answer);
-    // While the loop's thread waits for this very job (its client holds the
-    // exchange), it touches nothing of the protocol server: the worker may
-    // send the answer itself, which spares the client one thread switch.
-    // Anything else (a lock wait, no answer) is left to the loop.
-    bool answer_here = false;
-    {
-      std::lock_guard<std::mutex> lock(done_mutex_);
-      chan->job_result = result;
-      if (awaited_ == chan.get() && result == EXEC_ANSWER) {
-        awaited_ = nullptr;
-        worker_answering_ = true;
-        answer_here = true;
-      } else {
-        chan->job_done = true;
-        done_.push_back(chan);
-      }
-    }
-    if (answer_here) {
-      ProtocolServer *s = srv_.load();
-      if (s) s->answer(chan->id, std::move(chan->job_answer));
-      std::lock_guard<std::mutex> lock(done_mutex_);
-      worker_answering_ = false;
-      chan->job_answered = s != nullptr;
-      chan->job_done = true;
-      done_.push_back(chan);
-    }
-    done_cv_.notify_all();
-    if (!answer_here)
-      if (ProtocolServer *s = srv_.load()) s->wake();
-  });
-  if (!current || one_way(req, len)) return;
-  bool done;
   {
-    std::unique_lock<std::mutex> lock(done_mutex_);
-    awaited_ = chan.get();
-    done = done_cv_.wait_for(lock, SHORT_WAIT, [&] { return chan->job_done; });
-    // A worker that has begun to answer is waited for: the exchange is its.
-    if (!done && worker_answering_) {
-      done_cv_.wait(lock, [&] { return chan->job_done; });
-      done = true;
-    }
-    awaited_ = nullptr;
+    std::lock_guard<std::mutex> lock(done_mutex_);
+    chan->job_result = r;
+    chan->job_answer.swap(answer);
+    done_.push_back(chan);
   }
-  // Parked before its answer is passed on, if it is not done yet; the
-  // answer then waits for the client's activation.
-  if (!done) srv.park(chan->id);
+  srv.retake_loop();
+  --detached_;
   collect(srv);
 }
 
@@ -171,19 +142,11 @@ void ExecHandler::collect(ProtocolServer &srv) {
   {
     std::lock_guard<std::mutex> lock(done_mutex_);
     done.swap(done_);
-    for (auto &chan : done) chan->job_done = false;
   }
   for (auto &chan : done) {
     chan->busy = false;
     --jobs_;
     if (chan->closed) continue;
-    if (chan->job_answered) {
-      chan->job_answered = false;
-      chan->lock_wait = false;
-      chan->waiting.clear();
-      next(srv, chan);
-      continue;
-    }
     finish(srv, chan, chan->job_result, chan->job_answer, true, chan->job_req.data(),
            chan->job_req.size());
   }
@@ -236,7 +199,7 @@ void ExecHandler::next(ProtocolServer &srv, const std::shared_ptr<Chan> &chan) {
 
 void ExecHandler::cancel(ProtocolServer &srv, const std::shared_ptr<Chan> &chan) {
   if (chan->busy) {
-    // Its progress handler stops it; the worker's answer says so.
+    // Its progress handler stops it; its answer says so.
     session_cancel(chan->ch);
     log("channel " + std::to_string(chan->id) + ": cancel requested");
   } else if (chan->lock_wait) {
@@ -316,8 +279,8 @@ void ExecHandler::time_out(ProtocolServer &srv, Chan &chan) {
 void ExecHandler::channel_closed(ProtocolServer &, int channel, ChannelContext *) {
   auto it = channels_.find(channel);
   if (it != channels_.end()) {
-    // A statement still running on a worker is stopped; the session goes
-    // (rolling back) when the worker is done with it.
+    // A statement still running without the loop is stopped; the session
+    // goes (rolling back) when that thread is done with it.
     Chan &chan = *it->second;
     chan.closed = true;
     session_abandon(chan.ch);
@@ -342,11 +305,46 @@ void ExecHandler::ending(ProtocolServer &srv) {
   // those answers still go out, within a bounded time.
   ex_.stopping.store(true);
   auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-  while ((jobs_ > 0 || srv.answers_pending()) && std::chrono::steady_clock::now() < end)
-    srv.poll(5);
-  pool_.join();
-  collect(srv);
-  srv_.store(nullptr);
+  while (std::chrono::steady_clock::now() < end &&
+         srv.turn(5, [&] { return jobs_ > 0 || srv.answers_pending(); })) {
+  }
+  {
+    std::lock_guard<std::mutex> lock(run_mutex_);
+    closing_ = true;
+  }
+  run_cv_.notify_all();
+  for (std::thread &t : runners_) t.join();
+  runners_.clear();
+}
+
+bool ExecHandler::need_runner() {
+  std::lock_guard<std::mutex> lock(run_mutex_);
+  if (closing_) return false;
+  if (idle_ <= wanted_) {
+    if (int(runners_.size()) >= RUNNERS_MAX) return false;
+    runners_.emplace_back([this] { runner(); });
+  }
+  ++wanted_;
+  run_cv_.notify_one();
+  return true;
+}
+
+void ExecHandler::runner() {
+  std::unique_lock<std::mutex> lock(run_mutex_);
+  for (;;) {
+    ++idle_;
+    run_cv_.wait(lock, [this] { return wanted_ > 0 || closing_; });
+    --idle_;
+    if (closing_) return;
+    --wanted_;
+    ProtocolServer *srv = srv_.load();
+    lock.unlock();
+    // Turns while some statement runs without the loop; then the thread
+    // that comes back (or the server's own) goes on alone.
+    while (srv && !srv->stop_requested() && srv->turn(100, [this] { return detached_ > 0; })) {
+    }
+    lock.lock();
+  }
 }
 
 } // namespace tavrind

@@ -1,19 +1,19 @@
 // The request handler of tavrind: connects the executor to the shared-memory
 // protocol server.
 //
-// Every channel the protocol server opens gets an executor channel. The
-// protocol loop stays on its own thread; statements run beside it, each
-// channel's requests in order on the channel's own connection:
-// - A request is first tried on the loop's thread on a short budget (see
-//   exec_request): a query or a change outside a transaction that is done
-//   in time is answered at once, without a thread switch.
-// - What runs longer, and what cannot be stopped and repeated without a
-//   trace (changes inside a transaction, COMMIT, cursors, opening
-//   databases), runs on a worker thread (workers.h). The loop waits a
-//   short time for it; a statement not done by then has its client parked,
-//   as a lock wait is, and the client is handed its answer when the worker
-//   is done (a worker's end wakes the loop at once). Meanwhile the loop
-//   serves handshakes, pings, closes and the other clients.
+// Every channel the protocol server opens gets an executor channel; its
+// requests run in order on the channel's own connection, different
+// channels' side by side:
+// - A request runs at once on the thread that runs the server's loop, so a
+//   short statement costs no thread switch.
+// - A statement still running after 2 ms frees the loop: its client is
+//   parked, as a lock wait is (the exchange is free for the others), a
+//   standby thread of the handler takes over the loop's turns, and the
+//   statement goes on where it is. When it is done its thread passes the
+//   answer on (the client is handed it at once) and takes the loop back;
+//   standby threads step aside when no statement runs so any more. At most
+//   RUNNERS_MAX standby threads are started; past that a long statement
+//   keeps the loop until it is done.
 // - A parked client may cancel its statement (DBREQ_CANCEL): a running one
 //   is stopped by its progress handler, a lock wait ends; either way the
 //   client is answered '0' with error 515.
@@ -34,7 +34,6 @@
 
 #include "server/executor.h"
 #include "server/protocol.h"
-#include "server/workers.h"
 
 #include <atomic>
 #include <chrono>
@@ -43,15 +42,20 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 namespace tavrind {
+
+// The most standby threads one handler starts to run the loop while
+// statements run long.
+constexpr int RUNNERS_MAX = 64;
 
 class ExecHandler : public RequestHandler {
 public:
   // ex must outlive the handler and the protocol server using it.
   explicit ExecHandler(Executor &ex) : ex_(ex) {}
-  // Stops what still runs on the workers and waits for them.
+  // Stops the statements still running and waits for its threads.
   ~ExecHandler() override;
 
   std::unique_ptr<ChannelContext> channel_opened(ProtocolServer &srv, int channel,
@@ -61,7 +65,8 @@ public:
   void channel_closed(ProtocolServer &srv, int channel, ChannelContext *ctx) override;
   void idle(ProtocolServer &srv) override;
   // Stops the running statements (error 512 to their clients, whose
-  // answers go out while the server still serves) and ends the workers.
+  // answers go out while the server still serves) and ends the standby
+  // threads.
   void ending(ProtocolServer &srv) override;
 
   // How long a parked statement may wait for a lock before it is refused
@@ -74,10 +79,10 @@ public:
 private:
   struct Chan;
   struct Context;
-  // Runs the channel's request: tried at once, else given to a worker.
-  // `current`: the channel's client waits on the exchange (its request()
-  // call); the handler then waits a short time for the worker and parks the
-  // client if it is not done.
+  // Runs the channel's request on this thread, which holds the loop lock;
+  // past the budget the loop is handed over (see the top). `current`: the
+  // channel's client waits on the exchange (its request() call) and is
+  // parked then.
   void start(ProtocolServer &srv, const std::shared_ptr<Chan> &chan, const unsigned char *req,
              size_t len, bool current);
   // What a request's result means: the answer (taken from `answer` when
@@ -88,8 +93,13 @@ private:
               size_t len);
   // Runs the next queued request of the channel, if any.
   void next(ProtocolServer &srv, const std::shared_ptr<Chan> &chan);
-  // Passes on the results of the jobs the workers have finished.
+  // Passes on the results of the statements that ran on without the loop.
   void collect(ProtocolServer &srv);
+  // Asks a standby thread to run the loop's turns; false when none can be
+  // had (all RUNNERS_MAX busy).
+  bool need_runner();
+  // A standby thread's life.
+  void runner();
   // The client cancels what it waits for.
   void cancel(ProtocolServer &srv, const std::shared_ptr<Chan> &chan);
   // Retries the parked requests in order; answers those that no longer wait.
@@ -109,21 +119,25 @@ private:
   Executor &ex_;
   std::map<int, std::shared_ptr<Chan>> channels_;
   std::deque<int> parked_;            // channels waiting for a lock, in order
-  std::vector<unsigned char> answer_; // the answer of a request done at once (reused)
   std::chrono::milliseconds lock_timeout_{30000};
-  std::atomic<ProtocolServer *> srv_{nullptr}; // woken by workers that are done
+  std::atomic<ProtocolServer *> srv_{nullptr}; // whose loop the standby threads run
 
-  // Jobs done by workers, not yet passed on; guarded by done_mutex_.
+  // Statements that ran on without the loop and are done, not yet passed
+  // on; guarded by done_mutex_.
   std::mutex done_mutex_;
-  std::condition_variable done_cv_;
   std::vector<std::shared_ptr<Chan>> done_;
-  // The channel whose job the loop's thread waits for in start(), and
-  // whether a worker is sending that job's answer right now.
-  const Chan *awaited_ = nullptr;
-  bool worker_answering_ = false;
-  int jobs_ = 0; // jobs given to workers and not yet collected (loop thread)
+  // Loop-owned: statements running without the loop (threads that gave it
+  // up) and those not yet collected.
+  int detached_ = 0;
+  int jobs_ = 0;
 
-  WorkerPool pool_; // last: its threads end before the members above go
+  // Standby threads; guarded by run_mutex_.
+  std::mutex run_mutex_;
+  std::condition_variable run_cv_;
+  std::vector<std::thread> runners_;
+  int wanted_ = 0; // runs of the loop asked for and not yet taken up
+  int idle_ = 0;   // standby threads waiting to be asked
+  bool closing_ = false;
 };
 
 } // namespace tavrind

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <thread>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -223,7 +224,25 @@ void ProtocolServer::wake() {
 }
 
 void ProtocolServer::run() {
-  while (!stop_) poll(100);
+  while (!stop_) turn(100);
+}
+
+bool ProtocolServer::turn(int timeout_ms, const std::function<bool()> &wanted) {
+  // A thread that gave the lock up in the middle of a request is waiting
+  // to take it back: it goes first (the lock itself is not fair).
+  while (returning_.load() > 0) std::this_thread::yield();
+  std::lock_guard<std::mutex> lock(loop_mutex_);
+  if (wanted && !wanted()) return false;
+  poll(timeout_ms);
+  return true;
+}
+
+void ProtocolServer::retake_loop() {
+  ++returning_;
+  // The thread running the loop may be waiting for a chunk: the turn ends.
+  wake();
+  loop_mutex_.lock();
+  --returning_;
 }
 
 void ProtocolServer::poll(int timeout_ms) {
@@ -434,9 +453,10 @@ void ProtocolServer::dispatch(int channel) {
   current_done_ = ch->parked;
   handler_.request(*this, channel, ch->ctx.get(), request.data(), request.size());
   current_ = -1;
-  // Keep the memory of small requests for the next one.
+  // Keep the memory of small requests for the next one (unless the channel
+  // began another one meanwhile, while the handler let others run).
   ch = slot_at(channel);
-  if (ch && request.capacity() <= (1u << 20)) {
+  if (ch && !ch->in_message && ch->message.empty() && request.capacity() <= (1u << 20)) {
     request.clear();
     ch->message.swap(request);
   }

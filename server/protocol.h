@@ -4,8 +4,13 @@
 // holds the liveness lock on "TavrinDB_Server" for its whole life), answers
 // handshakes (version DBCOMM_VERSION only), gives out channels and watches
 // each client's process, reassembles requests from chunks and packets, and
-// sends answers in packets and chunks. It runs on one thread: run() or poll() waits
-// for the next chunk and calls the RequestHandler for every complete request.
+// sends answers in packets and chunks. run() or poll() waits for the next
+// chunk and calls the RequestHandler for every complete request. Its state
+// belongs to whichever thread holds the loop lock: run() and turn()
+// holds it for each turn, and a handler whose request turns out long may
+// give it up in the middle of that request's call (release_loop) so that
+// another thread of its own runs the turns meanwhile, and take it back
+// (retake_loop) before it returns.
 //
 // The handler decides what a request means. For each request it answers now
 // (answer), parks the client (park: the client gets the one-byte notice
@@ -23,11 +28,14 @@
 // handler's business.
 #pragma once
 
+#include <atomic>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <sys/types.h>
 #include <vector>
 
@@ -86,8 +94,19 @@ public:
   // object cannot be made; the server is then not started and touched no
   // object of another server or user.
   bool start();
-  // Serves until request_stop(). start() must have succeeded.
+  // Serves until request_stop(), each turn under the loop lock. start()
+  // must have succeeded.
   void run();
+  // One turn (poll(timeout_ms)) under the loop lock, from any thread of the
+  // server, when `wanted` (asked under the lock) agrees; returns whether it
+  // ran. A thread taking the lock back (retake_loop) goes first.
+  bool turn(int timeout_ms, const std::function<bool()> &wanted = {});
+  // During a request() call, on the thread that holds the loop lock: gives
+  // the lock up (the server's state is consistent: the request was parked
+  // or is one-way) / takes it back before request() returns. Between the
+  // two the thread must not touch the server except through wake().
+  void release_loop() { loop_mutex_.unlock(); }
+  void retake_loop();
   // One turn: waits at most timeout_ms for a chunk and handles it, hands
   // the exchange to a parked client whose answer is ready, notices clients
   // that ended, calls the handler's idle().
@@ -184,6 +203,8 @@ private:
   void set_owner_word(int32_t v);
 
   RequestHandler &handler_;
+  std::mutex loop_mutex_;
+  std::atomic<int> returning_{0}; // threads waiting in retake_loop()
   bool started_ = false;
   volatile sig_atomic_t stop_ = 0;
   int max_channels_ = 1024;
