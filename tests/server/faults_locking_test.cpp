@@ -118,6 +118,16 @@ private:
     while (f && fgets(line, sizeof line, f)) {
       std::string s = line, v;
       if (!s.empty() && s.back() == '\n') s.pop_back();
+      if (s == "HOOK") {
+        // From now on a wait hook cancels every statement that is still
+        // waiting after its fifth call (about 250 ms).
+        static int calls = 0;
+        DBset_wait_hook([](void *) {
+          if (++calls == 5) DBcancel();
+        }, nullptr);
+        reply("H|");
+        continue;
+      }
       int st = faults::run(c, s, &v);
       reply(std::to_string(st) + "|" + v);
     }
@@ -444,8 +454,8 @@ TEST_F(Locking, RunawayEndsWithItsClientAndWithTheServer) {
 // A runaway statement of a transaction that holds the write lock runs
 // beside the server: others connect and read (beside the lock) meanwhile.
 // A statement parked for that lock and the runaway itself are cancelled by
-// their clients (515): nothing of the parked one took effect, and the
-// runaway's transaction goes on.
+// their clients (515, from a signal handler): nothing of the parked one took
+// effect, and the runaway's transaction goes on. A wait hook can cancel too.
 TEST_F(Locking, RunawayLeavesOthersServedAndCancelStopsItOrALockWait) {
   start();
   Client a(srv.ns()), b(srv.ns());
@@ -481,6 +491,13 @@ TEST_F(Locking, RunawayLeavesOthersServedAndCancelStopsItOrALockWait) {
   EXPECT_EQ(a.run("COMMIT"), kDone);
   EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("5"));
   EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 2"), tuples("100"));
+
+  // The wait hook runs while the client waits and may cancel from there.
+  ASSERT_EQ(b.run("HOOK"), "H|");
+  auto t0 = std::chrono::steady_clock::now();
+  r = b.run(join);
+  EXPECT_TRUE(is_error(r, "515")) << r;
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
 }
 
 } // namespace
