@@ -109,7 +109,8 @@ public:
   void retake_loop();
   // One turn: waits at most timeout_ms for a chunk and handles it, hands
   // the exchange to a parked client whose answer is ready, notices clients
-  // that ended, calls the handler's idle().
+  // that ended, calls the handler's idle(). Without the loop lock (turn()
+  // takes it) only with a handler that never gives the lock up.
   void poll(int timeout_ms);
   // Makes run() return after its current turn. Safe in a signal handler.
   void request_stop() { stop_ = 1; }
