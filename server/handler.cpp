@@ -121,7 +121,12 @@ void ExecHandler::start(ProtocolServer &srv, const std::shared_ptr<Chan> &chan,
     detached = true;
     srv.release_loop();
   };
-  int r = exec_request(chan->ch, req, len, answer, BUDGET, &overrun);
+  // A commit that syncs its changes to disk waits for the disk, which the
+  // budget does not see: it gives the loop up at once, so that the others
+  // (readers above all) go on meanwhile.
+  if (len > 0 && req[0] == DBREQ_COMMIT && ex_.catalog.sync_full && holds_write_lock(chan->ch))
+    overrun();
+  int r = exec_request(chan->ch, req, len, answer, BUDGET, detached ? nullptr : &overrun);
   if (!detached) {
     finish(srv, chan, r, answer, false, req, len);
     return;
