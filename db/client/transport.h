@@ -7,7 +7,8 @@
 // packets of at most 10000 bytes, each packet as one chunk through the
 // message area. "TavrinDB_Mutex" is taken by the write and released by the
 // read once the answer is complete, so a whole exchange is exclusive among all
-// clients. Building requests is reqbuf's business, the connection record and
+// clients. A parked client holds nothing; it may take the free exchange for
+// a moment to send the one-way cancel request (DBcancel). Building requests is reqbuf's business, the connection record and
 // the connection-level commands are connect's.
 #pragma once
 
