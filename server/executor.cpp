@@ -141,8 +141,17 @@ struct SessionState {
   // holder's commit makes stale and being refused when it writes.
   bool write_first = false;
 
-  // Why the progress handler stopped the running statement.
-  enum class Stop { None, Timeout, Server, Client } stop = Stop::None;
+  // Why the progress handler stopped the running statement: the statement
+  // timeout, the server ends, the client ended (or its channel was
+  // closed), the client cancelled it.
+  enum class Stop { None, Timeout, Server, Client, Cancel } stop = Stop::None;
+  // Set from other threads: the client asked to stop the statement / the
+  // channel is gone.
+  std::atomic<bool> cancel{false};
+  std::atomic<bool> abandoned{false};
+  // Called once when the request has run past its budget (exec_request).
+  const std::function<void()> *overrun = nullptr;
+  std::chrono::steady_clock::time_point overrun_at;
   // The progress handler only stops statements of a request (never the
   // rollback that cleans up after one).
   bool armed = false;
@@ -151,10 +160,15 @@ struct SessionState {
   std::chrono::steady_clock::time_point next_client_check;
   // When the channel's transaction took the write lock of its database; 0
   // while it holds none.
-  time_t lock_since = 0;
+  std::atomic<time_t> lock_since{0};
   // When the channel's statement began to wait for a write lock; 0 while it
   // does not wait.
-  time_t wait_since = 0;
+  std::atomic<time_t> wait_since{0};
+  // The connection's transaction state (SQLITE_TXN_*) and block_changed as
+  // of the end of the last request, for other threads: asking the
+  // connection itself would wait for a statement running on it.
+  std::atomic<int> txn_seen{SQLITE_TXN_NONE};
+  std::atomic<bool> changed_seen{false};
 };
 
 // Ends the bookkeeping of a BEGIN block; a block that read and then wrote
@@ -171,6 +185,7 @@ static bool sqlite_txn(const SessionState &st) {
 }
 
 Session::Session(Executor &e, int i) : ex(e), id(i), st(std::make_unique<SessionState>()) {
+  std::lock_guard<std::mutex> lock(ex.sessions_mutex);
   ex.sessions.push_back(this);
 }
 
@@ -1226,22 +1241,31 @@ void do_locks(Ctx &c) {
                        {"PROZESS", type_make(DBTYPE_INTEGER, 0)},
                        {"BENUTZER", text(33)},
                        {"SEIT", text(20)}});
+  std::lock_guard<std::mutex> lock(c.ch.ex.sessions_mutex);
   for (bool holders : {true, false})
     for (const Session *s : c.ch.ex.sessions) {
-      time_t since = holders ? s->st->lock_since : s->st->wait_since;
-      if (!since || s->database.empty()) continue;
+      time_t since = holders ? s->st->lock_since.load() : s->st->wait_since.load();
+      std::string database = session_database(*s);
+      if (!since || database.empty()) continue;
       struct tm tm;
       localtime_r(&since, &tm);
       char stamp[32];
       strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &tm);
       answer_value_text(c.out, holders ? "HAELT" : "WARTET");
-      answer_value_text(c.out, s->database);
+      answer_value_text(c.out, database);
       answer_value_integer(c.out, s->id);
       answer_value_integer(c.out, s->client_pid);
       answer_value_text(c.out, utf8_to_latin1(session_user(*s)).substr(0, 32));
       answer_value_text(c.out, stamp);
       answer_row(c.out);
     }
+}
+
+// One channel less has database name open.
+void release_user(Catalog &cat, const std::string &name) {
+  std::lock_guard<std::mutex> lock(cat.users_mutex);
+  auto it = cat.users.find(name);
+  if (it != cat.users.end() && --it->second <= 0) cat.users.erase(it);
 }
 
 // Closes the channel's database: rolls back an open transaction (or commits
@@ -1266,9 +1290,11 @@ void close_database(Session &ch, bool commit) {
   st.indexes.clear();
   st.schema_version = -1;
   st.lock_since = 0;
+  st.txn_seen = SQLITE_TXN_NONE;
+  st.changed_seen = false;
   st.db.reset();
-  auto it = ch.ex.catalog.users.find(ch.database);
-  if (it != ch.ex.catalog.users.end() && --it->second <= 0) ch.ex.catalog.users.erase(it);
+  release_user(ch.ex.catalog, ch.database);
+  std::lock_guard<std::mutex> lock(ch.database_mutex);
   ch.database.clear();
 }
 
@@ -1288,7 +1314,20 @@ int progress(void *arg) {
     st.stop = SessionState::Stop::Server;
     return 1;
   }
+  if (st.abandoned.load(std::memory_order_relaxed)) {
+    st.stop = SessionState::Stop::Client;
+    return 1;
+  }
+  if (st.cancel.load(std::memory_order_relaxed)) {
+    st.stop = SessionState::Stop::Cancel;
+    return 1;
+  }
   auto now = std::chrono::steady_clock::now();
+  if (st.overrun && now >= st.overrun_at) {
+    const std::function<void()> *f = st.overrun;
+    st.overrun = nullptr;
+    (*f)();
+  }
   if (st.timed && now >= st.deadline) {
     st.stop = SessionState::Stop::Timeout;
     return 1;
@@ -1309,17 +1348,29 @@ int progress(void *arg) {
 void switch_database(Session &ch, const std::string &name, bool create) {
   Catalog &cat = ch.ex.catalog;
   if (!catalog_valid_name(name)) throw ExecError{answer_errtext(Err::NAME_UNGUELTIG, {name})};
-  bool exists = catalog_exists(cat, name);
-  if (create && exists) throw ExecError{answer_errtext(Err::DATENBANK_EXISTIERT, {name})};
-  if (!create && !exists) throw ExecError{answer_errtext(Err::DATENBANK_UNBEKANNT, {name})};
-  std::string err;
-  DbPtr db(catalog_open(cat, name, create, err));
-  if (!db) throw ExecError{answer_errtext(Err::DATENBANK_FEHLER, {name, err})};
-  close_database(ch, true);
+  DbPtr db;
+  {
+    // Counted as used from its opening on, so that no other channel drops it
+    // in between.
+    std::lock_guard<std::mutex> lock(cat.users_mutex);
+    bool exists = catalog_exists(cat, name);
+    if (create && exists) throw ExecError{answer_errtext(Err::DATENBANK_EXISTIERT, {name})};
+    if (!create && !exists) throw ExecError{answer_errtext(Err::DATENBANK_UNBEKANNT, {name})};
+    std::string err;
+    db.reset(catalog_open(cat, name, create, err));
+    if (!db) throw ExecError{answer_errtext(Err::DATENBANK_FEHLER, {name, err})};
+    ++cat.users[name];
+  }
+  try {
+    close_database(ch, true);
+  } catch (...) {
+    release_user(cat, name);
+    throw;
+  }
   sqlite3_progress_handler(db.get(), PROGRESS_STEPS, progress, &ch);
   ch.st->db = std::move(db);
+  std::lock_guard<std::mutex> lock(ch.database_mutex);
   ch.database = name;
-  ++cat.users[name];
 }
 
 void do_drop_database(Ctx &c, const Request &q) {
@@ -1329,11 +1380,20 @@ void do_drop_database(Ctx &c, const Request &q) {
   if (!catalog_valid_name(name) || !catalog_exists(cat, name))
     throw ExecError{answer_errtext(Err::DATENBANK_UNBEKANNT, {name})};
   if (name == CATALOG_SYSTEM_DB) throw ExecError{answer_errtext(Err::SYSTEMDATENBANK, {name})};
-  int others = cat.users.count(name) ? cat.users[name] : 0;
-  if (name == c.ch.database) --others;
-  if (others > 0)
-    throw ExecError{answer_errtext(Err::DATENBANK_BENUTZT, {name, std::to_string(others)})};
+  auto others = [&] {
+    int n = cat.users.count(name) ? cat.users[name] : 0;
+    return name == c.ch.database ? n - 1 : n;
+  };
+  {
+    std::lock_guard<std::mutex> lock(cat.users_mutex);
+    if (int n = others(); n > 0)
+      throw ExecError{answer_errtext(Err::DATENBANK_BENUTZT, {name, std::to_string(n)})};
+  }
   if (name == c.ch.database) close_database(c.ch, false);
+  // Asked again: another channel may have opened it meanwhile.
+  std::lock_guard<std::mutex> lock(cat.users_mutex);
+  if (int n = others(); n > 0)
+    throw ExecError{answer_errtext(Err::DATENBANK_BENUTZT, {name, std::to_string(n)})};
   std::string err;
   if (!catalog_drop(cat, name, err))
     throw ExecError{answer_errtext(Err::DATENBANK_FEHLER, {name, err})};
@@ -1435,7 +1495,7 @@ int execute(Ctx &c, const Request &q) {
     answer_done(c.out);
     return EXEC_ANSWER;
   case ReqKind::Stop:
-    ch.ex.stop_requested = true;
+    ch.ex.stop_requested.store(true);
     answer_done(c.out);
     return EXEC_ANSWER;
   case ReqKind::Locks:
@@ -1540,11 +1600,13 @@ int execute(Ctx &c, const Request &q) {
 
 Session::~Session() {
   close_database(*this, false);
+  std::lock_guard<std::mutex> lock(ex.sessions_mutex);
   ex.sessions.erase(std::remove(ex.sessions.begin(), ex.sessions.end(), this), ex.sessions.end());
 }
 
 int exec_request(Session &ch, const unsigned char *req, size_t len,
-                 std::vector<unsigned char> &answer) {
+                 std::vector<unsigned char> &answer, std::chrono::microseconds budget,
+                 const std::function<void()> *overrun) {
   Request q;
   std::string err;
   if (!request_decode(req, len, q, err)) {
@@ -1562,7 +1624,8 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
   // whether the channel's transaction holds the write lock now.
   struct Arm {
     Session &ch;
-    explicit Arm(Session &c) : ch(c) {
+    Arm(Session &c, std::chrono::microseconds budget, const std::function<void()> *overrun)
+        : ch(c) {
       SessionState &s = *ch.st;
       s.armed = true;
       s.stop = SessionState::Stop::None;
@@ -1570,22 +1633,28 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
       auto now = std::chrono::steady_clock::now();
       if (s.timed) s.deadline = now + ch.ex.statement_timeout;
       s.next_client_check = now + CLIENT_CHECK;
+      s.overrun = overrun && *overrun && budget.count() > 0 ? overrun : nullptr;
+      s.overrun_at = now + budget;
     }
     ~Arm() {
       SessionState &s = *ch.st;
       s.armed = false;
+      s.overrun = nullptr;
       if (!blocked)
         s.wait_since = 0;
-      else if (s.wait_since == 0)
+      else if (blocked && s.wait_since == 0)
         s.wait_since = time(nullptr);
-      if (!holds_write_lock(ch))
+      int txn = s.db ? sqlite3_txn_state(s.db.get(), "main") : SQLITE_TXN_NONE;
+      if (txn != SQLITE_TXN_WRITE)
         s.lock_since = 0;
       else if (s.lock_since == 0)
         s.lock_since = time(nullptr);
+      s.txn_seen = txn;
+      s.changed_seen = s.block_changed;
     }
     void disarm() { ch.st->armed = false; }
     bool blocked = false;
-  } arm(ch);
+  } arm(ch, budget, overrun);
   bool block = ch.in_transaction();
   try {
     return execute(c, q);
@@ -1613,11 +1682,16 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
     case SessionState::Stop::Server:
       text = answer_errtext(Err::SERVER_ENDET, {what});
       break;
+    case SessionState::Stop::Cancel:
+      text = answer_errtext(Err::ABGEBROCHEN, {what});
+      break;
     default:
       text = answer_errtext(Err::KLIENT_ENDET, {std::to_string(ch.client_pid), what});
       break;
     }
-    if (ch.ex.log) log_line(ch, "error: " + text);
+    // A channel closed under its statement was logged when it was closed.
+    bool logged = st.stop == SessionState::Stop::Client && st.abandoned.load();
+    if (ch.ex.log && !logged) log_line(ch, "error: " + text);
     // Nobody reads the answer of a client that has ended; sent anyway, it
     // could overwrite a chunk another client has put into the exchange
     // meanwhile.
@@ -1643,7 +1717,17 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
 }
 
 bool holds_write_lock(const Session &ch) {
-  return ch.st && ch.st->db && sqlite3_txn_state(ch.st->db.get(), "main") == SQLITE_TXN_WRITE;
+  return ch.st && ch.st->txn_seen.load() == SQLITE_TXN_WRITE;
+}
+
+void session_cancel(Session &ch) { ch.st->cancel.store(true); }
+void session_cancel_clear(Session &ch) { ch.st->cancel.store(false); }
+bool session_cancel_requested(const Session &ch) { return ch.st->cancel.load(); }
+void session_abandon(Session &ch) { ch.st->abandoned.store(true); }
+
+std::string session_database(const Session &ch) {
+  std::lock_guard<std::mutex> lock(ch.database_mutex);
+  return ch.database;
 }
 
 std::string session_user(const Session &ch) {
@@ -1657,7 +1741,7 @@ std::string session_user(const Session &ch) {
   return std::to_string(sb.st_uid);
 }
 
-time_t session_lock_since(const Session &ch) { return ch.st ? ch.st->lock_since : 0; }
+time_t session_lock_since(const Session &ch) { return ch.st ? ch.st->lock_since.load() : 0; }
 
 void session_wait_ended(Session &ch) { ch.st->wait_since = 0; }
 
@@ -1679,9 +1763,8 @@ std::string lock_holder_text(const Session &holder) {
 }
 
 bool waits_in_vain(const Session &waiter, const Session &holder) {
-  return waiter.st && waiter.st->db &&
-         sqlite3_txn_state(waiter.st->db.get(), "main") == SQLITE_TXN_READ && holder.st &&
-         holder.st->block_changed;
+  return waiter.st && waiter.st->txn_seen.load() == SQLITE_TXN_READ && holder.st &&
+         holder.st->changed_seen.load();
 }
 
 } // namespace tavrind
