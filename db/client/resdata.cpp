@@ -56,9 +56,7 @@ bool too_large(RESDATA *d) {
 bool out_of_memory(RESDATA *d) { return refuse(d, RESDATA_NO_MEMORY, "(TAVRIN) Out of memory!"); }
 
 // Bytes of the row table.
-size_t row_table_bytes(const RESDATA *d) {
-  return d->cells.size() * RESDATA_ROW_STEP * d->types.size() * sizeof(uint32_t);
-}
+size_t row_table_bytes(const RESDATA *d) { return d->cells.bytes(); }
 
 // Bytes of a value of a fixed-size type; 0 for CHARACTER, BINARY and
 // unknown codes.
@@ -89,32 +87,28 @@ template <typename T> T load(const unsigned char *p) {
 
 uint16_t load16(const unsigned char *p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
 
-// The slot of a cell in a chunked table (rows of `cols` references).
-uint32_t &slot(std::vector<std::unique_ptr<uint32_t[]>> &table, int cols, int row, int col) {
-  size_t r = static_cast<size_t>(row);
-  return table[r / RESDATA_ROW_STEP][(r % RESDATA_ROW_STEP) * cols + col];
+// The slot of a cell in a table of rows of `cols` references; the row has
+// slots.
+uint32_t &slot(resdata_detail::RowTable &table, int cols, int row, int col) {
+  return table.at(static_cast<size_t>(row), static_cast<size_t>(cols), static_cast<size_t>(col));
 }
 
-// Makes sure the row table has a chunk for the row being filled. False (the
-// refusal noted) when the chunk would pass the budget or cannot be had.
+// Makes sure the row table has slots for the row being filled. False (the
+// refusal noted) when they would pass the budget or cannot be had.
 bool ensure_row(RESDATA *d) {
-  size_t chunk = static_cast<size_t>(d->stored_rows) / RESDATA_ROW_STEP;
-  while (d->cells.size() <= chunk) {
-    size_t n = RESDATA_ROW_STEP * d->types.size();
-    if (d->store.allocated() + row_table_bytes(d) + n * sizeof(uint32_t) > DBresult_budget())
-      return too_large(d);
-    std::unique_ptr<uint32_t[]> c(new (std::nothrow) uint32_t[n]);
-    if (!c) return out_of_memory(d);
-    d->cells.push_back(std::move(c));
-  }
-  return true;
+  size_t row = static_cast<size_t>(d->stored_rows);
+  if (d->cells.has(row)) return true;
+  size_t cols = d->types.size();
+  if (d->store.allocated() + row_table_bytes(d) + d->cells.growth(row, cols) > DBresult_budget())
+    return too_large(d);
+  return d->cells.make_room(row, cols, nullptr) || out_of_memory(d);
 }
 
 // Room for n bytes of cell data (see Arena::reserve); null with the refusal
 // noted when a new block would pass the budget or cannot be had.
 unsigned char *reserve_cell(RESDATA *d, size_t n, uint32_t *ref) {
   if (!d->store.fits(n) &&
-      d->store.allocated() + row_table_bytes(d) + resdata_detail::Arena::block_for(n) >
+      d->store.allocated() + row_table_bytes(d) + d->store.block_for(n) >
           DBresult_budget()) {
     too_large(d);
     return nullptr;
@@ -127,14 +121,8 @@ unsigned char *reserve_cell(RESDATA *d, size_t n, uint32_t *ref) {
 // The text-cache slot of a cell, allocating its chunk on first use; null when
 // the chunk cannot be had.
 uint32_t *text_slot(RESDATA *d, int row, int col) {
-  size_t chunk = static_cast<size_t>(row) / RESDATA_ROW_STEP;
-  if (d->texts.size() <= chunk) d->texts.resize(chunk + 1);
-  if (!d->texts[chunk]) {
-    size_t n = RESDATA_ROW_STEP * d->types.size();
-    d->texts[chunk].reset(new (std::nothrow) uint32_t[n]);
-    if (!d->texts[chunk]) return nullptr;
-    std::fill_n(d->texts[chunk].get(), n, NO_TEXT);
-  }
+  size_t r = static_cast<size_t>(row);
+  if (!d->texts.has(r) && !d->texts.make_room(r, d->types.size(), &NO_TEXT)) return nullptr;
   return &slot(d->texts, static_cast<int>(d->types.size()), row, col);
 }
 
@@ -144,8 +132,7 @@ uint64_t cell_number(const RESDATA *d, int row, int col) {
 
 // Forgets the cached text of a cell (after it was replaced).
 void drop_text(RESDATA *d, int row, int col) {
-  size_t chunk = static_cast<size_t>(row) / RESDATA_ROW_STEP;
-  if (chunk < d->texts.size() && d->texts[chunk]) {
+  if (d->texts.has(static_cast<size_t>(row))) {
     uint32_t &s = slot(d->texts, static_cast<int>(d->types.size()), row, col);
     if (s == SPILLED_TEXT) d->spilled.erase(cell_number(d, row, col));
     s = NO_TEXT;
@@ -232,9 +219,7 @@ bool cell_exists(const RESDATA *d, int row, int col) {
 }
 
 const unsigned char *cell(const RESDATA *d, int row, int col) {
-  size_t r = static_cast<size_t>(row);
-  uint32_t ref = d->cells[r / RESDATA_ROW_STEP][(r % RESDATA_ROW_STEP) * d->types.size() + col];
-  return d->store.at(ref);
+  return d->store.at(d->cells.at(static_cast<size_t>(row), d->types.size(), static_cast<size_t>(col)));
 }
 
 // ---- Value to text --------------------------------------------------------
@@ -424,13 +409,15 @@ namespace resdata_detail {
 
 bool Arena::open(size_t n) {
   if (blocks_.size() >= RESDATA_REF_BLOCKS) return false;
-  // A block larger than the standard size holds one value at offset 0, so
-  // the 18-bit offset always suffices.
+  // A block larger than its step's size holds one value at offset 0, so the
+  // 18-bit offset always suffices.
+  size_t step = block_for(0);
   size_t size = block_for(n);
   std::unique_ptr<unsigned char[]> b(new (std::nothrow) unsigned char[size]);
   if (!b) return false;
   blocks_.push_back(std::move(b));
   capacity_ = size;
+  standard_ = step;
   used_ = 0;
   allocated_ += size;
   return true;
@@ -438,7 +425,45 @@ bool Arena::open(size_t n) {
 
 void Arena::clear() {
   blocks_.clear();
-  used_ = capacity_ = allocated_ = 0;
+  used_ = capacity_ = standard_ = allocated_ = 0;
+}
+
+// Rows the first chunk holds after growing to take `row`.
+static size_t first_rows_for(size_t row, size_t now) {
+  size_t rows = now ? now : RESDATA_FIRST_ROWS;
+  while (rows <= row) rows *= 2;
+  return std::min(rows, RESDATA_ROW_STEP);
+}
+
+size_t RowTable::growth(size_t row, size_t cols) const {
+  if (has(row)) return 0;
+  size_t c = row / RESDATA_ROW_STEP;
+  size_t rows = c > 0 ? RESDATA_ROW_STEP : first_rows_for(row, first_rows_) - first_rows_;
+  return rows * cols * sizeof(uint32_t);
+}
+
+bool RowTable::make_room(size_t row, size_t cols, const uint32_t *fill) {
+  if (has(row)) return true;
+  size_t c = row / RESDATA_ROW_STEP;
+  size_t old_rows = c == 0 ? first_rows_ : 0;
+  size_t rows = c == 0 ? first_rows_for(row, first_rows_) : RESDATA_ROW_STEP;
+  std::unique_ptr<uint32_t[]> chunk(new (std::nothrow) uint32_t[rows * cols]);
+  if (!chunk || (chunks_.size() <= c && !grow_index(c + 1))) return false;
+  if (old_rows) std::copy_n(chunks_[0].get(), old_rows * cols, chunk.get());
+  if (fill) std::fill_n(chunk.get() + old_rows * cols, (rows - old_rows) * cols, *fill);
+  chunks_[c] = std::move(chunk);
+  bytes_ += (rows - old_rows) * cols * sizeof(uint32_t);
+  if (c == 0) first_rows_ = rows;
+  return true;
+}
+
+bool RowTable::grow_index(size_t n) {
+  try {
+    chunks_.resize(n);
+  } catch (const std::bad_alloc &) {
+    return false;
+  }
+  return true;
 }
 
 } // namespace resdata_detail
@@ -453,7 +478,7 @@ size_t DBresult_budget() {
     static const size_t fallback = default_budget();
     b = fallback;
   }
-  return std::min(b, RESDATA_REF_BLOCKS * RESDATA_BLOCK_SIZE);
+  return std::min(b, resdata_ref_capacity());
 }
 
 DBRESULT *DBresult_new() { return new (std::nothrow) DBRESULT; }
@@ -657,10 +682,8 @@ int RESDATA_DelRow(RESDATA *data, int row) {
     int n = r + 1 == data->stored_rows ? data->fill_col : cols;
     for (int c = 0; c < n; ++c) {
       slot(data->cells, cols, r, c) = slot(data->cells, cols, r + 1, c);
-      size_t from = static_cast<size_t>(r + 1) / RESDATA_ROW_STEP;
-      uint32_t t = from < data->texts.size() && data->texts[from]
-                       ? slot(data->texts, cols, r + 1, c)
-                       : NO_TEXT;
+      uint32_t t = data->texts.has(static_cast<size_t>(r + 1)) ? slot(data->texts, cols, r + 1, c)
+                                                              : NO_TEXT;
       // Spilled texts are found by cell number: they are made anew.
       uint32_t *s = t != NO_TEXT && t != SPILLED_TEXT ? text_slot(data, r, c) : nullptr;
       if (s) {
@@ -691,15 +714,12 @@ void RESDATA_Drop_Rows(RESDATA *data) {
 
 size_t RESDATA_Memory(const RESDATA *data) {
   size_t bytes = data->store.allocated();
-  bytes += data->cells.size() * RESDATA_ROW_STEP * data->types.size() * sizeof(uint32_t);
+  bytes += data->cells.bytes();
   for (const auto &n : data->names) bytes += n.capacity() + sizeof n;
   bytes += data->types.capacity() + data->sizes.capacity() * sizeof(int32_t);
   return bytes;
 }
 
 size_t RESDATA_Text_Memory(const RESDATA *data) {
-  size_t bytes = data->text_store.allocated();
-  for (const auto &t : data->texts)
-    if (t) bytes += RESDATA_ROW_STEP * data->types.size() * sizeof(uint32_t);
-  return bytes;
+  return data->text_store.allocated() + data->texts.bytes();
 }
