@@ -104,18 +104,23 @@ bool ensure_row(RESDATA *d) {
   return d->cells.make_room(row, cols, nullptr) || out_of_memory(d);
 }
 
-// Room for n bytes of cell data (see Arena::reserve); null with the refusal
-// noted when a new block would pass the budget or cannot be had.
-unsigned char *reserve_cell(RESDATA *d, size_t n, uint32_t *ref) {
-  if (!d->store.fits(n) &&
-      d->store.allocated() + row_table_bytes(d) + d->store.block_for(n) >
-          DBresult_budget()) {
+// Room for n bytes of cell data in a new block (see Arena::reserve); null
+// with the refusal noted when the block would pass the budget or cannot be
+// had.
+[[gnu::noinline]] unsigned char *reserve_new_block(RESDATA *d, size_t n, uint32_t *ref) {
+  if (d->store.allocated() + row_table_bytes(d) + d->store.block_for(n) > DBresult_budget()) {
     too_large(d);
     return nullptr;
   }
   unsigned char *p = d->store.reserve(n, ref);
   if (!p) out_of_memory(d);
   return p;
+}
+
+// Room for n bytes of cell data (see Arena::reserve); null with the refusal
+// noted when a new block would pass the budget or cannot be had.
+inline unsigned char *reserve_cell(RESDATA *d, size_t n, uint32_t *ref) {
+  return d->store.fits(n) ? d->store.reserve(n, ref) : reserve_new_block(d, n, ref);
 }
 
 // The text-cache slot of a cell, allocating its chunk on first use; null when
@@ -158,13 +163,19 @@ bool store_text(RESDATA *d, int col, const char *text, uint32_t *ref) {
 // Returns false with the refusal noted when the room cannot be had; a
 // CHARACTER value without zero byte is noted as a refusal (in_order, the
 // filling in row order) or refused with a message.
-bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length, bool in_order,
-                  uint32_t *ref) {
+inline bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length,
+                         bool in_order, uint32_t *ref) {
   unsigned char type = d->types[col];
   // In a text data set every cell must read as a zero-terminated text.
   size_t tail = d->kind == RESDATA::TEXT ? 1 : 0;
   unsigned char *p;
-  if (type == DBTYPE_CHARACTER) {
+  size_t fixed = fixed_size(type);
+  if (fixed && length == fixed && !tail) {
+    // The common case of a typed answer: the value just as long as its type.
+    p = reserve_cell(d, fixed, ref);
+    if (!p) return false;
+    std::memcpy(p, bytes, fixed);
+  } else if (type == DBTYPE_CHARACTER) {
     const void *zero = length ? std::memchr(bytes, 0, length) : nullptr;
     if (!zero) {
       // A text without its end cannot be stored as a text.
@@ -191,7 +202,6 @@ bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length
     if (own) std::memcpy(p + 2, bytes + 2, own);
     if (tail) p[own + 2] = 0;
   } else {
-    size_t fixed = fixed_size(type);
     // Unknown types keep their bytes and get a zero byte after them.
     size_t room = fixed ? std::max(length, fixed) : length + 1;
     room += tail;
@@ -205,7 +215,7 @@ bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length
 
 // Places a stored cell at the fill position and advances it; the row table
 // has room (ensure_row).
-void place(RESDATA *d, uint32_t ref) {
+inline void place(RESDATA *d, uint32_t ref) {
   slot(d->cells, static_cast<int>(d->types.size()), d->stored_rows, d->fill_col) = ref;
   if (++d->fill_col == static_cast<int>(d->types.size())) {
     d->fill_col = 0;
@@ -610,6 +620,87 @@ int RESDATA_Fill_Binary(RESDATA *data, const void *bytes, size_t length) {
     return 0;
   place(data, ref);
   return 1;
+}
+
+int RESDATA_Fill_Fields(RESDATA *data, const unsigned char *fields, size_t length, uint64_t cells,
+                       size_t *used) {
+  *used = 0;
+  if (data->kind == RESDATA::TEXT || data->types.empty()) {
+    // Mixed or headerless data sets take the one-by-one path with its messages.
+    for (uint64_t i = 0; i < cells; ++i) {
+      if (length - *used < 2) return 0;
+      size_t n = static_cast<size_t>(load16(fields + *used));
+      if (length - *used - 2 < n) return 0;
+      if (!RESDATA_Fill_Binary(data, fields + *used + 2, n)) return 0;
+      *used += 2 + n;
+    }
+    return 1;
+  }
+  const size_t cols = data->types.size();
+  std::vector<unsigned char> fixed(cols); // bytes of each column's fixed-size values
+  for (size_t c = 0; c < cols; ++c) fixed[c] = static_cast<unsigned char>(fixed_size(data->types[c]));
+  // The slots of the row being filled; taken anew whenever a row starts,
+  // since making room may move them.
+  uint32_t *row = data->fill_col > 0 ? &data->cells.at(data->stored_rows, cols, 0) : nullptr;
+  size_t pos = 0;
+  int ok = 1;
+  for (uint64_t i = 0; i < cells; ++i) {
+    if (length - pos < 2) {
+      ok = 0;
+      break;
+    }
+    size_t n = static_cast<size_t>(load16(fields + pos));
+    const unsigned char *value = fields + pos + 2;
+    if (length - pos - 2 < n) {
+      ok = 0;
+      break;
+    }
+    data->kind = RESDATA::BINARY;
+    size_t col = static_cast<size_t>(data->fill_col);
+    if (col == 0) {
+      if (!ensure_row(data)) {
+        ok = 0;
+        break;
+      }
+      row = &data->cells.at(static_cast<size_t>(data->stored_rows), cols, 0);
+    }
+    uint32_t ref;
+    size_t f = fixed[col];
+    if (f != 0 && f == n && data->store.fits(f)) {
+      // A value just as long as its type, copied with a size the compiler
+      // knows.
+      unsigned char *p = data->store.reserve(f, &ref);
+      switch (f) {
+      case 2:
+        std::memcpy(p, value, 2);
+        break;
+      case 3:
+        std::memcpy(p, value, 3);
+        break;
+      case 4:
+        std::memcpy(p, value, 4);
+        break;
+      case 8:
+        std::memcpy(p, value, 8);
+        break;
+      default:
+        std::memcpy(p, value, f);
+        break;
+      }
+    } else if (!store_binary(data, static_cast<int>(col), value, n, true, &ref)) {
+      ok = 0;
+      break;
+    }
+    row[col] = ref;
+    if (++data->fill_col == static_cast<int>(cols)) {
+      data->fill_col = 0;
+      ++data->stored_rows;
+      ++data->rows;
+    }
+    pos += 2 + n;
+  }
+  *used = pos;
+  return ok;
 }
 
 int RESDATA_Fill(RESDATA *data, const char *text) {

@@ -256,6 +256,14 @@ int RESDATA_Header_Data(RESDATA *data, const char *name, int type, int size);
 // runs out ("(TAVRIN) Out of memory!") or a CHARACTER value lacks its zero
 // byte ("(RESDATA_Fill_Binary) String too long ('<up to 1000 bytes>[...]')").
 int RESDATA_Fill_Binary(RESDATA *data, const void *bytes, size_t length);
+// Appends up to `cells` cells from answer fields at `fields` (`length` bytes:
+// each a 16-bit length and that many bytes), as RESDATA_Fill_Binary would
+// one by one, without going through a call per cell. *used: the bytes of the
+// fields stored. Returns 1 when all were stored; 0 when the bytes ended
+// within a field (`failed` untouched) or a cell was refused (`failed` and
+// `failure` set as RESDATA_Fill_Binary sets them).
+int RESDATA_Fill_Fields(RESDATA *data, const unsigned char *fields, size_t length, uint64_t cells,
+                       size_t *used);
 // Appends the next cell of a data set filled with texts. Returns 1 or 0 (a
 // refused fill as RESDATA_Fill_Binary's).
 int RESDATA_Fill(RESDATA *data, const char *text);
