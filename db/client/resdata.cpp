@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 
 #include "base/date.h"
@@ -417,15 +418,58 @@ const char *cached_text(RESDATA *d, int row, int col, const unsigned char *p) {
 
 namespace resdata_detail {
 
+namespace {
+
+// Full-size blocks given back by results that were cleared, kept for the next
+// results (RESDATA_POOL_BLOCKS at most), so that a process reading large
+// results one after another does not have the memory mapped and its pages
+// cleared anew each time. Shared by all threads; never destroyed, so that
+// results freed late in the process's exit still find it.
+class BlockPool {
+public:
+  BlockPool() { free_.reserve(RESDATA_POOL_BLOCKS); }
+  // A kept block, or null when none is kept.
+  std::unique_ptr<unsigned char[]> take() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (free_.empty()) return nullptr;
+    std::unique_ptr<unsigned char[]> b = std::move(free_.back());
+    free_.pop_back();
+    return b;
+  }
+  // Keeps the block, or hands it back for freeing when enough are kept.
+  std::unique_ptr<unsigned char[]> give(std::unique_ptr<unsigned char[]> b) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (free_.size() < RESDATA_POOL_BLOCKS) free_.push_back(std::move(b));
+    return b;
+  }
+
+private:
+  std::mutex mutex_;
+  std::vector<std::unique_ptr<unsigned char[]>> free_; // room reserved: no allocation under the lock
+};
+
+BlockPool &block_pool() {
+  static BlockPool *pool = new BlockPool;
+  return *pool;
+}
+
+} // namespace
+
+Arena::~Arena() { clear(); }
+
 bool Arena::open(size_t n) {
   if (blocks_.size() >= RESDATA_REF_BLOCKS) return false;
   // A block larger than its step's size holds one value at offset 0, so the
   // 18-bit offset always suffices.
   size_t step = block_for(0);
   size_t size = block_for(n);
-  std::unique_ptr<unsigned char[]> b(new (std::nothrow) unsigned char[size]);
+  std::unique_ptr<unsigned char[]> b;
+  if (size == RESDATA_BLOCK_SIZE) b = block_pool().take();
+  if (!b) b.reset(new (std::nothrow) unsigned char[size]);
   if (!b) return false;
+  if (!reserve_index()) return false;
   blocks_.push_back(std::move(b));
+  sizes_.push_back(size);
   capacity_ = size;
   standard_ = step;
   used_ = 0;
@@ -433,8 +477,21 @@ bool Arena::open(size_t n) {
   return true;
 }
 
+bool Arena::reserve_index() {
+  try {
+    blocks_.reserve(blocks_.size() + 1);
+    sizes_.reserve(blocks_.size() + 1);
+  } catch (const std::bad_alloc &) {
+    return false;
+  }
+  return true;
+}
+
 void Arena::clear() {
+  for (size_t i = 0; i < blocks_.size(); ++i)
+    if (sizes_[i] == RESDATA_BLOCK_SIZE) blocks_[i] = block_pool().give(std::move(blocks_[i]));
   blocks_.clear();
+  sizes_.clear();
   used_ = capacity_ = standard_ = allocated_ = 0;
 }
 

@@ -8,7 +8,8 @@
 // per cell, its first 5000 rows in a chunk that starts at 16 rows and doubles,
 // then 5000 rows at a time; texts made from cells go into a cache of the same
 // shape, allocated on first use. A one-row result so takes a few small
-// allocations, a large one the same blocks as ever. Cells are stored unaligned: read raw values with memcpy or
+// allocations; full-size blocks of cleared results are kept (16 MB at most)
+// for the next large result. Cells are stored unaligned: read raw values with memcpy or
 // DBfillbinary. Decoding answers is answer.h's business, running statements
 // exec.h's.
 //
@@ -55,6 +56,7 @@ constexpr size_t RESDATA_ROW_STEP = 5000;      // rows of a full chunk of the ro
 constexpr size_t RESDATA_FIRST_ROWS = 16;      // rows of the first chunk at first
 constexpr size_t RESDATA_BLOCK_SIZE = 200000;  // bytes of a full storage block
 constexpr size_t RESDATA_FIRST_BLOCK = 2048;   // bytes of the first storage block
+constexpr size_t RESDATA_POOL_BLOCKS = 80;     // full-size blocks kept for later results
 // Storage blocks a 32-bit reference can name (14 bits of block index).
 constexpr size_t RESDATA_REF_BLOCKS = (1u << 14) - 1;
 // Bytes those blocks hold when they grow from the first size to the full one:
@@ -94,6 +96,10 @@ namespace resdata_detail {
 // RESDATA_BLOCK_SIZE.
 class Arena {
 public:
+  Arena() = default;
+  Arena(const Arena &) = delete;
+  Arena &operator=(const Arena &) = delete;
+  ~Arena();
   // Whether n bytes fit into the open block (there is none at first).
   bool fits(size_t n) const { return !blocks_.empty() && capacity_ - used_ >= n; }
   // Bytes of the block that opening room for n bytes would allocate: the next
@@ -120,12 +126,15 @@ public:
     return blocks_[ref >> 18].get() + (ref & ((1u << 18) - 1));
   }
   size_t allocated() const { return allocated_; }
-  // Frees every block; references handed out before are invalid.
+  // Frees every block (full-size ones are kept for later results, see
+  // RESDATA_POOL_BLOCKS); references handed out before are invalid.
   void clear();
 
 private:
   bool open(size_t n);
+  bool reserve_index();
   std::vector<std::unique_ptr<unsigned char[]>> blocks_;
+  std::vector<size_t> sizes_; // bytes of each block
   size_t used_ = 0;      // used bytes of the last block
   size_t capacity_ = 0;  // size of the last block
   size_t standard_ = 0;  // the size of the growth step the last block stands for
