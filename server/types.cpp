@@ -628,11 +628,15 @@ inline void store32(unsigned char *p, uint32_t v) {
 } // namespace
 
 void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt *stmt, int col) {
-  int st = sqlite3_column_type(stmt, col);
-  bool null = st == SQLITE_NULL;
+  // The column's value is looked up once and read through the value calls:
+  // each column call would look it up again and check the connection's error
+  // state, which for big answers costs as much as the writing. The statement
+  // runs on this thread only, so the unprotected value may be read.
+  sqlite3_value *val = sqlite3_column_value(stmt, col);
+  bool null = sqlite3_value_type(val) == SQLITE_NULL;
   switch (t.code) {
   case DBTYPE_SMALLINT: {
-    int64_t v = null ? NULL_SMALLINT : sqlite3_column_int64(stmt, col);
+    int64_t v = null ? NULL_SMALLINT : sqlite3_value_int64(val);
     if (v < -32768) v = -32768;
     if (v > 32767) v = 32767;
     unsigned char *p = grow(out, 4);
@@ -641,7 +645,7 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
     return;
   }
   case DBTYPE_INTEGER: {
-    int64_t v = null ? NULL_INTEGER : sqlite3_column_int64(stmt, col);
+    int64_t v = null ? NULL_INTEGER : sqlite3_value_int64(val);
     if (v < std::numeric_limits<int32_t>::min()) v = std::numeric_limits<int32_t>::min();
     if (v > std::numeric_limits<int32_t>::max()) v = std::numeric_limits<int32_t>::max();
     unsigned char *p = grow(out, 6);
@@ -650,7 +654,7 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
     return;
   }
   case DBTYPE_FLOAT: {
-    double v = null ? NULL_FLOAT : sqlite3_column_double(stmt, col);
+    double v = null ? NULL_FLOAT : sqlite3_value_double(val);
     uint64_t bits;
     memcpy(&bits, &v, 8);
     unsigned char *p = grow(out, 10);
@@ -664,8 +668,8 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
   case DBTYPE_TIMESTAMP: {
     DateParts p;
     if (!null) {
-      const unsigned char *txt = sqlite3_column_text(stmt, col);
-      size_t n = static_cast<size_t>(sqlite3_column_bytes(stmt, col));
+      const unsigned char *txt = sqlite3_value_text(val);
+      size_t n = static_cast<size_t>(sqlite3_value_bytes(val));
       bool ok = txt && fast_calendar(t.code, txt, n, p);
       if (!ok) {
         p = DateParts();
@@ -706,8 +710,8 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
     size_t n = 0;
     const unsigned char *b = nullptr;
     if (!null) {
-      b = static_cast<const unsigned char *>(sqlite3_column_blob(stmt, col));
-      n = static_cast<size_t>(sqlite3_column_bytes(stmt, col));
+      b = static_cast<const unsigned char *>(sqlite3_value_blob(val));
+      n = static_cast<size_t>(sqlite3_value_bytes(val));
     }
     if (n > TYPE_MAX_BINARY) n = TYPE_MAX_BINARY;
     put16(out, static_cast<uint16_t>(n + 2));
@@ -718,8 +722,8 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
   default: { // CHARACTER
     // Converted from UTF-8 straight into the answer: the Latin-1 text is never
     // longer than its UTF-8 form. It ends at a zero byte and at 65534 bytes.
-    const unsigned char *txt = null ? nullptr : sqlite3_column_text(stmt, col);
-    size_t n = txt ? static_cast<size_t>(sqlite3_column_bytes(stmt, col)) : 0;
+    const unsigned char *txt = null ? nullptr : sqlite3_value_text(val);
+    size_t n = txt ? static_cast<size_t>(sqlite3_value_bytes(val)) : 0;
     size_t at = out.size();
     unsigned char *dst = grow(out, 2 + std::min<size_t>(n, 65534) + 1) + 2;
     size_t len = 0;

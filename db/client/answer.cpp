@@ -102,13 +102,12 @@ bool read_tuples(Reader &r, DBRESULT *res) {
   }
   // Announced counts are not trusted: cells are stored only as they arrive.
   uint64_t cells = static_cast<uint64_t>(rows) * static_cast<uint64_t>(cols > 0 ? cols : 0);
-  for (uint64_t i = 0; i < cells; ++i) {
-    const unsigned char *value;
-    size_t n;
-    if (!r.counted(&value, &n, "<string value>")) return false;
-    if (!RESDATA_Fill_Binary(&res->data, value, n)) return refused(r, res);
-  }
-  return true;
+  size_t used = 0;
+  int ok = RESDATA_Fill_Fields(&res->data, r.p + r.pos, r.left(), cells, &used);
+  r.pos += used;
+  if (ok) return true;
+  if (res->data.failed != RESDATA_OK) return refused(r, res);
+  return r.missing("<string value>");
 }
 
 } // namespace

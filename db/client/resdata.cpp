@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 
 #include "base/date.h"
@@ -56,9 +57,7 @@ bool too_large(RESDATA *d) {
 bool out_of_memory(RESDATA *d) { return refuse(d, RESDATA_NO_MEMORY, "(TAVRIN) Out of memory!"); }
 
 // Bytes of the row table.
-size_t row_table_bytes(const RESDATA *d) {
-  return d->cells.size() * RESDATA_ROW_STEP * d->types.size() * sizeof(uint32_t);
-}
+size_t row_table_bytes(const RESDATA *d) { return d->cells.bytes(); }
 
 // Bytes of a value of a fixed-size type; 0 for CHARACTER, BINARY and
 // unknown codes.
@@ -89,33 +88,28 @@ template <typename T> T load(const unsigned char *p) {
 
 uint16_t load16(const unsigned char *p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
 
-// The slot of a cell in a chunked table (rows of `cols` references).
-uint32_t &slot(std::vector<std::unique_ptr<uint32_t[]>> &table, int cols, int row, int col) {
-  size_t r = static_cast<size_t>(row);
-  return table[r / RESDATA_ROW_STEP][(r % RESDATA_ROW_STEP) * cols + col];
+// The slot of a cell in a table of rows of `cols` references; the row has
+// slots.
+uint32_t &slot(resdata_detail::RowTable &table, int cols, int row, int col) {
+  return table.at(static_cast<size_t>(row), static_cast<size_t>(cols), static_cast<size_t>(col));
 }
 
-// Makes sure the row table has a chunk for the row being filled. False (the
-// refusal noted) when the chunk would pass the budget or cannot be had.
+// Makes sure the row table has slots for the row being filled. False (the
+// refusal noted) when they would pass the budget or cannot be had.
 bool ensure_row(RESDATA *d) {
-  size_t chunk = static_cast<size_t>(d->stored_rows) / RESDATA_ROW_STEP;
-  while (d->cells.size() <= chunk) {
-    size_t n = RESDATA_ROW_STEP * d->types.size();
-    if (d->store.allocated() + row_table_bytes(d) + n * sizeof(uint32_t) > DBresult_budget())
-      return too_large(d);
-    std::unique_ptr<uint32_t[]> c(new (std::nothrow) uint32_t[n]);
-    if (!c) return out_of_memory(d);
-    d->cells.push_back(std::move(c));
-  }
-  return true;
+  size_t row = static_cast<size_t>(d->stored_rows);
+  if (d->cells.has(row)) return true;
+  size_t cols = d->types.size();
+  if (d->store.allocated() + row_table_bytes(d) + d->cells.growth(row, cols) > DBresult_budget())
+    return too_large(d);
+  return d->cells.make_room(row, cols, nullptr) || out_of_memory(d);
 }
 
-// Room for n bytes of cell data (see Arena::reserve); null with the refusal
-// noted when a new block would pass the budget or cannot be had.
-unsigned char *reserve_cell(RESDATA *d, size_t n, uint32_t *ref) {
-  if (!d->store.fits(n) &&
-      d->store.allocated() + row_table_bytes(d) + resdata_detail::Arena::block_for(n) >
-          DBresult_budget()) {
+// Room for n bytes of cell data in a new block (see Arena::reserve); null
+// with the refusal noted when the block would pass the budget or cannot be
+// had.
+[[gnu::noinline]] unsigned char *reserve_new_block(RESDATA *d, size_t n, uint32_t *ref) {
+  if (d->store.allocated() + row_table_bytes(d) + d->store.block_for(n) > DBresult_budget()) {
     too_large(d);
     return nullptr;
   }
@@ -124,17 +118,17 @@ unsigned char *reserve_cell(RESDATA *d, size_t n, uint32_t *ref) {
   return p;
 }
 
+// Room for n bytes of cell data (see Arena::reserve); null with the refusal
+// noted when a new block would pass the budget or cannot be had.
+inline unsigned char *reserve_cell(RESDATA *d, size_t n, uint32_t *ref) {
+  return d->store.fits(n) ? d->store.reserve(n, ref) : reserve_new_block(d, n, ref);
+}
+
 // The text-cache slot of a cell, allocating its chunk on first use; null when
 // the chunk cannot be had.
 uint32_t *text_slot(RESDATA *d, int row, int col) {
-  size_t chunk = static_cast<size_t>(row) / RESDATA_ROW_STEP;
-  if (d->texts.size() <= chunk) d->texts.resize(chunk + 1);
-  if (!d->texts[chunk]) {
-    size_t n = RESDATA_ROW_STEP * d->types.size();
-    d->texts[chunk].reset(new (std::nothrow) uint32_t[n]);
-    if (!d->texts[chunk]) return nullptr;
-    std::fill_n(d->texts[chunk].get(), n, NO_TEXT);
-  }
+  size_t r = static_cast<size_t>(row);
+  if (!d->texts.has(r) && !d->texts.make_room(r, d->types.size(), &NO_TEXT)) return nullptr;
   return &slot(d->texts, static_cast<int>(d->types.size()), row, col);
 }
 
@@ -144,8 +138,7 @@ uint64_t cell_number(const RESDATA *d, int row, int col) {
 
 // Forgets the cached text of a cell (after it was replaced).
 void drop_text(RESDATA *d, int row, int col) {
-  size_t chunk = static_cast<size_t>(row) / RESDATA_ROW_STEP;
-  if (chunk < d->texts.size() && d->texts[chunk]) {
+  if (d->texts.has(static_cast<size_t>(row))) {
     uint32_t &s = slot(d->texts, static_cast<int>(d->types.size()), row, col);
     if (s == SPILLED_TEXT) d->spilled.erase(cell_number(d, row, col));
     s = NO_TEXT;
@@ -171,13 +164,19 @@ bool store_text(RESDATA *d, int col, const char *text, uint32_t *ref) {
 // Returns false with the refusal noted when the room cannot be had; a
 // CHARACTER value without zero byte is noted as a refusal (in_order, the
 // filling in row order) or refused with a message.
-bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length, bool in_order,
-                  uint32_t *ref) {
+inline bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length,
+                         bool in_order, uint32_t *ref) {
   unsigned char type = d->types[col];
   // In a text data set every cell must read as a zero-terminated text.
   size_t tail = d->kind == RESDATA::TEXT ? 1 : 0;
   unsigned char *p;
-  if (type == DBTYPE_CHARACTER) {
+  size_t fixed = fixed_size(type);
+  if (fixed && length == fixed && !tail) {
+    // The common case of a typed answer: the value just as long as its type.
+    p = reserve_cell(d, fixed, ref);
+    if (!p) return false;
+    std::memcpy(p, bytes, fixed);
+  } else if (type == DBTYPE_CHARACTER) {
     const void *zero = length ? std::memchr(bytes, 0, length) : nullptr;
     if (!zero) {
       // A text without its end cannot be stored as a text.
@@ -204,7 +203,6 @@ bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length
     if (own) std::memcpy(p + 2, bytes + 2, own);
     if (tail) p[own + 2] = 0;
   } else {
-    size_t fixed = fixed_size(type);
     // Unknown types keep their bytes and get a zero byte after them.
     size_t room = fixed ? std::max(length, fixed) : length + 1;
     room += tail;
@@ -218,7 +216,7 @@ bool store_binary(RESDATA *d, int col, const unsigned char *bytes, size_t length
 
 // Places a stored cell at the fill position and advances it; the row table
 // has room (ensure_row).
-void place(RESDATA *d, uint32_t ref) {
+inline void place(RESDATA *d, uint32_t ref) {
   slot(d->cells, static_cast<int>(d->types.size()), d->stored_rows, d->fill_col) = ref;
   if (++d->fill_col == static_cast<int>(d->types.size())) {
     d->fill_col = 0;
@@ -232,9 +230,7 @@ bool cell_exists(const RESDATA *d, int row, int col) {
 }
 
 const unsigned char *cell(const RESDATA *d, int row, int col) {
-  size_t r = static_cast<size_t>(row);
-  uint32_t ref = d->cells[r / RESDATA_ROW_STEP][(r % RESDATA_ROW_STEP) * d->types.size() + col];
-  return d->store.at(ref);
+  return d->store.at(d->cells.at(static_cast<size_t>(row), d->types.size(), static_cast<size_t>(col)));
 }
 
 // ---- Value to text --------------------------------------------------------
@@ -422,23 +418,119 @@ const char *cached_text(RESDATA *d, int row, int col, const unsigned char *p) {
 
 namespace resdata_detail {
 
+namespace {
+
+// Full-size blocks given back by results that were cleared, kept for the next
+// results (RESDATA_POOL_BLOCKS at most), so that a process reading large
+// results one after another does not have the memory mapped and its pages
+// cleared anew each time. Shared by all threads; never destroyed, so that
+// results freed late in the process's exit still find it.
+class BlockPool {
+public:
+  BlockPool() { free_.reserve(RESDATA_POOL_BLOCKS); }
+  // A kept block, or null when none is kept.
+  std::unique_ptr<unsigned char[]> take() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (free_.empty()) return nullptr;
+    std::unique_ptr<unsigned char[]> b = std::move(free_.back());
+    free_.pop_back();
+    return b;
+  }
+  // Keeps the block, or hands it back for freeing when enough are kept.
+  std::unique_ptr<unsigned char[]> give(std::unique_ptr<unsigned char[]> b) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (free_.size() < RESDATA_POOL_BLOCKS) free_.push_back(std::move(b));
+    return b;
+  }
+
+private:
+  std::mutex mutex_;
+  std::vector<std::unique_ptr<unsigned char[]>> free_; // room reserved: no allocation under the lock
+};
+
+BlockPool &block_pool() {
+  static BlockPool *pool = new BlockPool;
+  return *pool;
+}
+
+} // namespace
+
+Arena::~Arena() { clear(); }
+
 bool Arena::open(size_t n) {
   if (blocks_.size() >= RESDATA_REF_BLOCKS) return false;
-  // A block larger than the standard size holds one value at offset 0, so
-  // the 18-bit offset always suffices.
+  // A block larger than its step's size holds one value at offset 0, so the
+  // 18-bit offset always suffices.
+  size_t step = block_for(0);
   size_t size = block_for(n);
-  std::unique_ptr<unsigned char[]> b(new (std::nothrow) unsigned char[size]);
+  std::unique_ptr<unsigned char[]> b;
+  if (size == RESDATA_BLOCK_SIZE) b = block_pool().take();
+  if (!b) b.reset(new (std::nothrow) unsigned char[size]);
   if (!b) return false;
+  if (!reserve_index()) return false;
   blocks_.push_back(std::move(b));
+  sizes_.push_back(size);
   capacity_ = size;
+  standard_ = step;
   used_ = 0;
   allocated_ += size;
   return true;
 }
 
+bool Arena::reserve_index() {
+  try {
+    blocks_.reserve(blocks_.size() + 1);
+    sizes_.reserve(blocks_.size() + 1);
+  } catch (const std::bad_alloc &) {
+    return false;
+  }
+  return true;
+}
+
 void Arena::clear() {
+  for (size_t i = 0; i < blocks_.size(); ++i)
+    if (sizes_[i] == RESDATA_BLOCK_SIZE) blocks_[i] = block_pool().give(std::move(blocks_[i]));
   blocks_.clear();
-  used_ = capacity_ = allocated_ = 0;
+  sizes_.clear();
+  used_ = capacity_ = standard_ = allocated_ = 0;
+}
+
+// Rows the first chunk holds after growing to take `row`.
+static size_t first_rows_for(size_t row, size_t now) {
+  size_t rows = now ? now : RESDATA_FIRST_ROWS;
+  while (rows <= row) rows *= 2;
+  return std::min(rows, RESDATA_ROW_STEP);
+}
+
+size_t RowTable::growth(size_t row, size_t cols) const {
+  if (has(row)) return 0;
+  size_t c = row / RESDATA_ROW_STEP;
+  size_t rows = c > 0 ? RESDATA_ROW_STEP : first_rows_for(row, first_rows_) - first_rows_;
+  return rows * cols * sizeof(uint32_t);
+}
+
+bool RowTable::make_room(size_t row, size_t cols, const uint32_t *fill) {
+  if (has(row)) return true;
+  size_t c = row / RESDATA_ROW_STEP;
+  size_t old_rows = c == 0 ? first_rows_ : 0;
+  size_t rows = c == 0 ? first_rows_for(row, first_rows_) : RESDATA_ROW_STEP;
+  std::unique_ptr<uint32_t[]> chunk(new (std::nothrow) uint32_t[rows * cols]);
+  if (!chunk || (chunks_.size() <= c && !grow_index(c + 1))) return false;
+  if (old_rows) std::copy_n(chunks_[0].get(), old_rows * cols, chunk.get());
+  if (fill) std::fill_n(chunk.get() + old_rows * cols, (rows - old_rows) * cols, *fill);
+  chunks_[c] = std::move(chunk);
+  bytes_ += (rows - old_rows) * cols * sizeof(uint32_t);
+  if (c == 0) first_rows_ = rows;
+  return true;
+}
+
+bool RowTable::grow_index(size_t n) {
+  try {
+    chunks_.resize(n);
+  } catch (const std::bad_alloc &) {
+    return false;
+  }
+  return true;
 }
 
 } // namespace resdata_detail
@@ -453,7 +545,7 @@ size_t DBresult_budget() {
     static const size_t fallback = default_budget();
     b = fallback;
   }
-  return std::min(b, RESDATA_REF_BLOCKS * RESDATA_BLOCK_SIZE);
+  return std::min(b, resdata_ref_capacity());
 }
 
 DBRESULT *DBresult_new() { return new (std::nothrow) DBRESULT; }
@@ -587,6 +679,87 @@ int RESDATA_Fill_Binary(RESDATA *data, const void *bytes, size_t length) {
   return 1;
 }
 
+int RESDATA_Fill_Fields(RESDATA *data, const unsigned char *fields, size_t length, uint64_t cells,
+                       size_t *used) {
+  *used = 0;
+  if (data->kind == RESDATA::TEXT || data->types.empty()) {
+    // Mixed or headerless data sets take the one-by-one path with its messages.
+    for (uint64_t i = 0; i < cells; ++i) {
+      if (length - *used < 2) return 0;
+      size_t n = static_cast<size_t>(load16(fields + *used));
+      if (length - *used - 2 < n) return 0;
+      if (!RESDATA_Fill_Binary(data, fields + *used + 2, n)) return 0;
+      *used += 2 + n;
+    }
+    return 1;
+  }
+  const size_t cols = data->types.size();
+  std::vector<unsigned char> fixed(cols); // bytes of each column's fixed-size values
+  for (size_t c = 0; c < cols; ++c) fixed[c] = static_cast<unsigned char>(fixed_size(data->types[c]));
+  // The slots of the row being filled; taken anew whenever a row starts,
+  // since making room may move them.
+  uint32_t *row = data->fill_col > 0 ? &data->cells.at(data->stored_rows, cols, 0) : nullptr;
+  size_t pos = 0;
+  int ok = 1;
+  for (uint64_t i = 0; i < cells; ++i) {
+    if (length - pos < 2) {
+      ok = 0;
+      break;
+    }
+    size_t n = static_cast<size_t>(load16(fields + pos));
+    const unsigned char *value = fields + pos + 2;
+    if (length - pos - 2 < n) {
+      ok = 0;
+      break;
+    }
+    data->kind = RESDATA::BINARY;
+    size_t col = static_cast<size_t>(data->fill_col);
+    if (col == 0) {
+      if (!ensure_row(data)) {
+        ok = 0;
+        break;
+      }
+      row = &data->cells.at(static_cast<size_t>(data->stored_rows), cols, 0);
+    }
+    uint32_t ref;
+    size_t f = fixed[col];
+    if (f != 0 && f == n && data->store.fits(f)) {
+      // A value just as long as its type, copied with a size the compiler
+      // knows.
+      unsigned char *p = data->store.reserve(f, &ref);
+      switch (f) {
+      case 2:
+        std::memcpy(p, value, 2);
+        break;
+      case 3:
+        std::memcpy(p, value, 3);
+        break;
+      case 4:
+        std::memcpy(p, value, 4);
+        break;
+      case 8:
+        std::memcpy(p, value, 8);
+        break;
+      default:
+        std::memcpy(p, value, f);
+        break;
+      }
+    } else if (!store_binary(data, static_cast<int>(col), value, n, true, &ref)) {
+      ok = 0;
+      break;
+    }
+    row[col] = ref;
+    if (++data->fill_col == static_cast<int>(cols)) {
+      data->fill_col = 0;
+      ++data->stored_rows;
+      ++data->rows;
+    }
+    pos += 2 + n;
+  }
+  *used = pos;
+  return ok;
+}
+
 int RESDATA_Fill(RESDATA *data, const char *text) {
   if (data->kind == RESDATA::BINARY || data->types.empty()) {
     msg_print("(RESDATA_Fill) Inkonsistent binary definition\n");
@@ -657,10 +830,8 @@ int RESDATA_DelRow(RESDATA *data, int row) {
     int n = r + 1 == data->stored_rows ? data->fill_col : cols;
     for (int c = 0; c < n; ++c) {
       slot(data->cells, cols, r, c) = slot(data->cells, cols, r + 1, c);
-      size_t from = static_cast<size_t>(r + 1) / RESDATA_ROW_STEP;
-      uint32_t t = from < data->texts.size() && data->texts[from]
-                       ? slot(data->texts, cols, r + 1, c)
-                       : NO_TEXT;
+      uint32_t t = data->texts.has(static_cast<size_t>(r + 1)) ? slot(data->texts, cols, r + 1, c)
+                                                              : NO_TEXT;
       // Spilled texts are found by cell number: they are made anew.
       uint32_t *s = t != NO_TEXT && t != SPILLED_TEXT ? text_slot(data, r, c) : nullptr;
       if (s) {
@@ -691,15 +862,12 @@ void RESDATA_Drop_Rows(RESDATA *data) {
 
 size_t RESDATA_Memory(const RESDATA *data) {
   size_t bytes = data->store.allocated();
-  bytes += data->cells.size() * RESDATA_ROW_STEP * data->types.size() * sizeof(uint32_t);
+  bytes += data->cells.bytes();
   for (const auto &n : data->names) bytes += n.capacity() + sizeof n;
   bytes += data->types.capacity() + data->sizes.capacity() * sizeof(int32_t);
   return bytes;
 }
 
 size_t RESDATA_Text_Memory(const RESDATA *data) {
-  size_t bytes = data->text_store.allocated();
-  for (const auto &t : data->texts)
-    if (t) bytes += RESDATA_ROW_STEP * data->types.size() * sizeof(uint32_t);
-  return bytes;
+  return data->text_store.allocated() + data->texts.bytes();
 }

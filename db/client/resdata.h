@@ -3,10 +3,13 @@
 // the server's binary form and turns them into text on request, converting
 // each cell once.
 //
-// Storage: cells live packed in storage blocks of 200000 bytes; the row table
-// holds one 32-bit block reference per cell and grows by 5000 rows at a time;
-// texts made from cells go into a cache of the same shape, allocated on first
-// use. Cells are stored unaligned: read raw values with memcpy or
+// Storage: cells live packed in storage blocks that start at 2048 bytes and
+// double up to 200000 bytes; the row table holds one 32-bit block reference
+// per cell, its first 5000 rows in a chunk that starts at 16 rows and doubles,
+// then 5000 rows at a time; texts made from cells go into a cache of the same
+// shape, allocated on first use. A one-row result so takes a few small
+// allocations; full-size blocks of cleared results are kept (16 MB at most)
+// for the next large result. Cells are stored unaligned: read raw values with memcpy or
 // DBfillbinary. Decoding answers is answer.h's business, running statements
 // exec.h's.
 //
@@ -49,11 +52,23 @@ enum : int {
   DBRES_TRANSPORT = 6, // send or receive failed
 };
 
-constexpr size_t RESDATA_ROW_STEP = 5000;     // rows added to the row table at a time
-constexpr size_t RESDATA_BLOCK_SIZE = 200000; // bytes of a storage block
-// Storage blocks a 32-bit reference can name (14 bits of block index): about
-// 3.2 GB of cells, the ceiling of every budget.
+constexpr size_t RESDATA_ROW_STEP = 5000;      // rows of a full chunk of the row table
+constexpr size_t RESDATA_FIRST_ROWS = 16;      // rows of the first chunk at first
+constexpr size_t RESDATA_BLOCK_SIZE = 200000;  // bytes of a full storage block
+constexpr size_t RESDATA_FIRST_BLOCK = 2048;   // bytes of the first storage block
+constexpr size_t RESDATA_POOL_BLOCKS = 80;     // full-size blocks kept for later results
+// Storage blocks a 32-bit reference can name (14 bits of block index).
 constexpr size_t RESDATA_REF_BLOCKS = (1u << 14) - 1;
+// Bytes those blocks hold when they grow from the first size to the full one:
+// about 3.2 GB of cells, the ceiling of every budget.
+constexpr size_t resdata_ref_capacity() {
+  size_t bytes = 0, size = RESDATA_FIRST_BLOCK;
+  for (size_t i = 0; i < RESDATA_REF_BLOCKS; ++i) {
+    bytes += size;
+    size = size * 2 < RESDATA_BLOCK_SIZE ? size * 2 : RESDATA_BLOCK_SIZE;
+  }
+  return bytes;
+}
 
 // Why a fill was refused (RESDATA::failed).
 enum : int {
@@ -66,7 +81,7 @@ enum : int {
 // The result budget: how many bytes the cells and the row table of one result
 // may hold. The default is the environment variable TAVRIN_RESULT_BUDGET
 // (megabytes of 1 000 000 bytes) when it holds a positive number, else a
-// quarter of the machine's memory; RESDATA_REF_BLOCKS blocks at most either
+// quarter of the machine's memory; resdata_ref_capacity() at most either
 // way. DBset_result_budget(0) goes back to the default. Process-wide; a
 // change applies to every fill from then on.
 void DBset_result_budget(size_t bytes);
@@ -76,13 +91,25 @@ namespace resdata_detail {
 
 // Blocks of packed bytes addressed by 32-bit references (block index in the
 // high bits, offset in the low 18 bits). Blocks never move, so pointers into
-// them stay valid until the arena is cleared or destroyed.
+// them stay valid until the arena is cleared or destroyed. Each block is
+// twice the size of the one before, from RESDATA_FIRST_BLOCK up to
+// RESDATA_BLOCK_SIZE.
 class Arena {
 public:
+  Arena() = default;
+  Arena(const Arena &) = delete;
+  Arena &operator=(const Arena &) = delete;
+  ~Arena();
   // Whether n bytes fit into the open block (there is none at first).
   bool fits(size_t n) const { return !blocks_.empty() && capacity_ - used_ >= n; }
-  // Bytes of the block that opening room for n bytes would allocate.
-  static size_t block_for(size_t n) { return n > RESDATA_BLOCK_SIZE ? n : RESDATA_BLOCK_SIZE; }
+  // Bytes of the block that opening room for n bytes would allocate: the next
+  // size, or n when that is larger (such a block holds that one value).
+  size_t block_for(size_t n) const {
+    size_t next = blocks_.empty()                       ? RESDATA_FIRST_BLOCK
+                  : standard_ * 2 < RESDATA_BLOCK_SIZE ? standard_ * 2
+                                                        : RESDATA_BLOCK_SIZE;
+    return n > next ? n : next;
+  }
   // Room for n bytes; returns where to write and sets *ref. Opens a block
   // when the open one is too small; null (nothing changed) when all
   // RESDATA_REF_BLOCKS blocks are in use or the allocation fails.
@@ -99,15 +126,56 @@ public:
     return blocks_[ref >> 18].get() + (ref & ((1u << 18) - 1));
   }
   size_t allocated() const { return allocated_; }
-  // Frees every block; references handed out before are invalid.
+  // Frees every block (full-size ones are kept for later results, see
+  // RESDATA_POOL_BLOCKS); references handed out before are invalid.
   void clear();
 
 private:
   bool open(size_t n);
+  bool reserve_index();
   std::vector<std::unique_ptr<unsigned char[]>> blocks_;
-  size_t used_ = 0;     // used bytes of the last block
-  size_t capacity_ = 0; // size of the last block
+  std::vector<size_t> sizes_; // bytes of each block
+  size_t used_ = 0;      // used bytes of the last block
+  size_t capacity_ = 0;  // size of the last block
+  size_t standard_ = 0;  // the size of the growth step the last block stands for
   size_t allocated_ = 0;
+};
+
+// A table of one 32-bit slot per cell, RESDATA_ROW_STEP rows per chunk.
+// Chunks are made on demand (a chunk may be missing); the first one starts
+// with RESDATA_FIRST_ROWS rows and doubles until it is full size, moving its
+// slots each time, so slot pointers are valid until the next make_room.
+class RowTable {
+public:
+  // Whether the row has slots.
+  bool has(size_t row) const {
+    size_t c = row / RESDATA_ROW_STEP;
+    return c < chunks_.size() && chunks_[c] && (c > 0 || row < first_rows_);
+  }
+  // The slot of a cell of a row that has slots (has).
+  uint32_t &at(size_t row, size_t cols, size_t col) {
+    return chunks_[row / RESDATA_ROW_STEP][(row % RESDATA_ROW_STEP) * cols + col];
+  }
+  uint32_t at(size_t row, size_t cols, size_t col) const {
+    return chunks_[row / RESDATA_ROW_STEP][(row % RESDATA_ROW_STEP) * cols + col];
+  }
+  // Bytes that make_room(row) would add (0 when the row has slots).
+  size_t growth(size_t row, size_t cols) const;
+  // Gives the row slots, the new ones set to `fill` (left as they are when
+  // fill is null). False, with nothing changed, when memory runs out.
+  bool make_room(size_t row, size_t cols, const uint32_t *fill);
+  // Bytes of every chunk.
+  size_t bytes() const { return bytes_; }
+  void clear() {
+    chunks_.clear();
+    first_rows_ = bytes_ = 0;
+  }
+
+private:
+  bool grow_index(size_t n);
+  std::vector<std::unique_ptr<uint32_t[]>> chunks_;
+  size_t first_rows_ = 0; // rows of the first chunk
+  size_t bytes_ = 0;      // bytes of every chunk
 };
 
 } // namespace resdata_detail
@@ -130,8 +198,8 @@ struct RESDATA {
   int rows = 0;                                   // complete rows; a count answer's number
   int stored_rows = 0;                            // complete rows that have cells
   int fill_col = 0;                               // next column of the row being filled
-  std::vector<std::unique_ptr<uint32_t[]>> cells; // RESDATA_ROW_STEP rows per chunk
-  std::vector<std::unique_ptr<uint32_t[]>> texts; // same shape, allocated on first use
+  resdata_detail::RowTable cells; // the block reference of every stored cell
+  resdata_detail::RowTable texts; // the cached texts' references, made on first use
   resdata_detail::Arena store;
   resdata_detail::Arena text_store;
   // Texts the cache could not take (its blocks or memory ran out), by cell
@@ -197,6 +265,14 @@ int RESDATA_Header_Data(RESDATA *data, const char *name, int type, int size);
 // runs out ("(TAVRIN) Out of memory!") or a CHARACTER value lacks its zero
 // byte ("(RESDATA_Fill_Binary) String too long ('<up to 1000 bytes>[...]')").
 int RESDATA_Fill_Binary(RESDATA *data, const void *bytes, size_t length);
+// Appends up to `cells` cells from answer fields at `fields` (`length` bytes:
+// each a 16-bit length and that many bytes), as RESDATA_Fill_Binary would
+// one by one, without going through a call per cell. *used: the bytes of the
+// fields stored. Returns 1 when all were stored; 0 when the bytes ended
+// within a field (`failed` untouched) or a cell was refused (`failed` and
+// `failure` set as RESDATA_Fill_Binary sets them).
+int RESDATA_Fill_Fields(RESDATA *data, const unsigned char *fields, size_t length, uint64_t cells,
+                       size_t *used);
 // Appends the next cell of a data set filled with texts. Returns 1 or 0 (a
 // refused fill as RESDATA_Fill_Binary's).
 int RESDATA_Fill(RESDATA *data, const char *text);

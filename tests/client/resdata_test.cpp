@@ -96,6 +96,8 @@ TEST(ResData, AccessorsCacheAndRawValues) {
   const char *f = DBgetvalue(r, 0, 4);
   EXPECT_STREQ(f, "6.25");
   EXPECT_EQ(DBgetvalue(r, 0, 4), f);
+  // A one-row result takes small blocks, not full-size ones.
+  EXPECT_LT(RESDATA_Memory(&r->data) + RESDATA_Text_Memory(&r->data), 8000u);
 
   // Copies into typed variables take exactly the type's bytes.
   char flag[4] = "zz";
@@ -156,10 +158,13 @@ TEST(ResData, ManyRowsAcrossChunksAndBlocks) {
   }
   EXPECT_EQ(DBntuples(r), rows);
   EXPECT_GT(RESDATA_Memory(d), size_t(rows) * (4 + 92));
+  const char *first = DBgetvalue(r, 0, 0);
   for (int row : {0, 4999, 5000, 9999, 10000, 12000}) {
     EXPECT_EQ(DBgetvalue(r, row, 0), std::to_string(row));
     EXPECT_EQ(DBgetvalue(r, row, 1), filler + std::to_string(row));
   }
+  // The text cache kept its first text while its first chunk grew.
+  EXPECT_EQ(DBgetvalue(r, 0, 0), first);
   EXPECT_EQ(DBgetvalue(r, rows, 0), nullptr);
   DBclear(r);
 }
