@@ -159,7 +159,7 @@ int change_row(const std::string &stmt, const std::string &condition, const char
   if (!recorded.before(session, stmt.rfind("UPDATE", 0) == 0, zentiq_app().detail_row.info.table,
                        "WHERE " + condition)) {
     zentiq_abort_level(session);
-    recorded.tell(failed);
+    if (!zentiq_loss_told(session)) recorded.tell(failed);
     return 0;
   }
   DBRESULT *result = nullptr;
@@ -181,7 +181,7 @@ int change_row(const std::string &stmt, const std::string &condition, const char
     return 0;
   }
   if (!recorded.commit(session)) {
-    recorded.tell(failed);
+    if (!zentiq_loss_told(session)) recorded.tell(failed);
     return 0;
   }
   return 1;

@@ -341,8 +341,9 @@ void zentiq_journal_undo(FL_OBJECT *, long) {
     return;
   }
   if (done == JRN_UNDO_NOT_ENDED) {
-    fl_show_error("Funktion 'dbend' lieferte Fehler",
-                  "Die Änderungen des Befehls wurden nicht gespeichert", "");
+    if (!zentiq_loss_told(zentiq_app().session))
+      fl_show_error("Funktion 'dbend' lieferte Fehler",
+                    "Die Änderungen des Befehls wurden nicht gespeichert", "");
     zentiq_journal_refresh(nullptr, 0);
     return;
   }

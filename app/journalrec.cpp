@@ -62,7 +62,10 @@ void tell_failed(DBSESSION *session, const std::string &why) {
   fl_show_error("Abfrage konnte nicht erfolgreich durchgeführt werden", why.c_str(), "");
 }
 
-void tell_not_ended() {
+// The box of a change whose END failed, unless the server was lost (its box
+// says that the transaction is lost).
+void tell_not_ended(DBSESSION *session) {
+  if (zentiq_loss_told(session)) return;
   fl_show_error("Funktion 'dbend' lieferte Fehler",
                 "Die Änderungen des Befehls wurden nicht gespeichert", "");
 }
@@ -87,7 +90,7 @@ int run_unrecorded(DBSESSION *session, const std::string &stmt, const std::strin
     return 0;
   }
   if (!zentiq_end_level(session)) {
-    tell_not_ended();
+    tell_not_ended(session);
     return 0;
   }
   return 1;
@@ -106,13 +109,13 @@ std::string no_key_text(const std::string &table) {
 }
 
 // Tells what jrn_commit left: 1 when committed.
-int told_commit(int done, const std::string &why) {
+int told_commit(DBSESSION *session, int done, const std::string &why) {
   if (done == JRN_COMMIT_OK) return 1;
   if (done == JRN_COMMIT_NO_ENTRY)
     fl_show_error("Das Journal konnte nicht geschrieben werden - Änderung zurückgenommen!",
                   why.c_str(), "");
   else
-    tell_not_ended();
+    tell_not_ended(session);
   return 0;
 }
 
@@ -320,7 +323,7 @@ int zentiq_run_recorded_change(DBSESSION *session, const std::string &stmt,
       return run_without_entry(text) ? run_unrecorded(session, stmt, table, rows) : 0;
     }
   }
-  return told_commit(jrn_commit(session, zentiq_journal_path(), &e, &why), why);
+  return told_commit(session, jrn_commit(session, zentiq_journal_path(), &e, &why), why);
 }
 
 int zentiq_is_insert(const std::string &stmt) {
@@ -374,5 +377,5 @@ int zentiq_run_recorded_insert(DBSESSION *session, const std::string &stmt) {
     return run_without_entry(text) ? run_unrecorded(session, stmt, table, 1) : 0;
   }
   e.after = std::move(after);
-  return told_commit(jrn_commit(session, zentiq_journal_path(), &e, &why), why);
+  return told_commit(session, jrn_commit(session, zentiq_journal_path(), &e, &why), why);
 }

@@ -116,7 +116,10 @@ bool fill_result(DBSESSION *session, DBRESULT *result, const std::string &statem
 
 bool end_level(DBSESSION *session) { return zentiq_end_level(session) != 0; }
 
-void tell_end_failed() {
+// The box of a level whose END failed, unless the server was lost: the
+// loss's box says that the open transaction is lost.
+void tell_end_failed(DBSESSION *session) {
+  if (zentiq_loss_told(session)) return;
   fl_show_error("Funktion 'dbend' lieferte Fehler",
                 "Die Änderungen des Befehls wurden nicht gespeichert", "");
 }
@@ -187,7 +190,7 @@ template <typename Fn> void run_query(DBSESSION *session, const std::string &stm
                       "oder das Budget erhöhen (Ergebnis_MB in zentiq.ini)");
     else if (!ran)
       tell_failed(session);
-    if (!ended) tell_end_failed();
+    if (!ended) tell_end_failed(session);
     if (!ran || !ended || !cut) return;
     std::string shown = "Gezeigt werden die ersten " + zentiq_group_digits(limit) + " Zeilen.";
     if (fl_show_question(shown.c_str(), "Weitere Zeilen laden?", "", 2, "Ja", "Nein", "", 2) != 1)
@@ -216,7 +219,7 @@ bool run_counted_change(DBSESSION *session, const std::string &stmt, const ZqCha
     return false;
   }
   if (!ended) {
-    tell_end_failed();
+    tell_end_failed(session);
     return false;
   }
   if (rows != 1 || change.where.empty()) {
@@ -550,7 +553,7 @@ void zentiq_run_sql(FL_OBJECT *, long) {
   if (!ran)
     tell_failed(session);
   else if (!ended)
-    tell_end_failed();
+    tell_end_failed(session);
   else
     fl_show_message("Die Abfrage wurde erfolgreich durchgeführt", "", "");
 }
