@@ -2,15 +2,18 @@
 #include "app/mainform.h"
 
 #include <cctype>
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
 
+#include "app/browser.h"
 #include "app/detail.h"
 #include "app/querystore.h"
 #include "app/resultlimit.h"
+#include "app/status.h"
 #include "app/viewer.h"
 #include "db/access/session.h"
 #include "db/client/exec.h"
@@ -170,11 +173,17 @@ template <typename Fn> void run_query(DBSESSION *session, const std::string &stm
     if (!begin_level(session)) return;
     DBRESULT *result = nullptr;
     std::string too_large;
+    auto sent = std::chrono::steady_clock::now();
     bool ran = zentiq_run_limited(session, stmt, limit, &result, &too_large, &g_why_failed);
+    double statement_ms = zentiq_ms_since(sent);
     bool cut = false;
+    zentiq_status_clear();
     if (ran) {
       if (first) stored();
+      auto show_started = std::chrono::steady_clock::now();
       cut = fill_result(session, result, stmt, limit);
+      zentiq_status_result(dbntuples(session, result), dbnfields(session, result), statement_ms,
+                           show_started);
     }
     dbclear(session, result);
     bool ended = end_level(session);
@@ -452,7 +461,8 @@ void zentiq_create_main_form() {
     fl_set_object_resize(o, 100, 0, 20, 0);
   m.sql = input(FL_MULTILINE_INPUT, 20, 170, 680, 81, "", nullptr);
   fl_set_object_resize(m.sql, 0, 100, 20, 20);
-  m.result = fl_add_tabbox(2, 20, 250, 680, 320, "");
+  m.result = fl_add_tabbox(2, 20, 250, 680, 300, "");
+  zentiq_add_status_line(20, 550, 680, 20);
   fl_set_object_resize(m.result, 0, 100, 40, 60);
   m.database = input(FL_NORMAL_INPUT, 570, 570, 110, 21, "Database ", myfl_cb_cmb_field);
   m.database_button = button(680, 570, 20, 21, "@2->|", myfl_cb_open_cmb, 0);
@@ -462,6 +472,7 @@ void zentiq_create_main_form() {
   m.log = button(
       20, 570, 100, 21, "Protokoll", [](FL_OBJECT *, long) { fl_show_console(); }, 0);
   fl_set_object_resize(m.log, 0, 0, 100, 0);
+  zentiq_add_browser_button(125, 570, 100, 21);
   fl_end_form();
 }
 
@@ -559,6 +570,8 @@ void zentiq_run_sql(FL_OBJECT *, long) {
     tell_end_failed();
   else
     fl_show_message("Die Abfrage wurde erfolgreich durchgeführt", "", "");
+  // The command may have created or dropped tables.
+  if (ran) zentiq_browser_tables_changed();
 }
 
 void zentiq_set_database(FL_OBJECT *, long) {
@@ -578,6 +591,7 @@ void zentiq_set_database(FL_OBJECT *, long) {
   else if (code && *code)
     zentiq_remember_database(code);
   DBclear(r);
+  zentiq_browser_follow_database();
 }
 
 namespace {

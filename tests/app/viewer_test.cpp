@@ -475,7 +475,7 @@ TEST_F(Viewer, MainFormAndDetailDialogGrowWithTheirWindows) {
     }
   int lines = fl_get_tabbox_screenlines(m().result);
   fl_set_form_size(f, 1021, 806);
-  EXPECT_EQ(m().result->widget->geometry(), QRect(20, 330, 980, 440)) << "the result grows most";
+  EXPECT_EQ(m().result->widget->geometry(), QRect(20, 330, 980, 420)) << "the result grows most";
   EXPECT_EQ(m().where->w, 890);
   EXPECT_EQ(m().sql->widget->geometry(), QRect(20, 210, 980, 121));
   EXPECT_GT(fl_get_tabbox_screenlines(m().result), lines + 5);
@@ -483,7 +483,7 @@ TEST_F(Viewer, MainFormAndDetailDialogGrowWithTheirWindows) {
   EXPECT_EQ(m().database_button->widget->geometry(), QRect(980, 770, 20, 21)) << "corner kept";
   EXPECT_EQ(m().log->widget->geometry(), QRect(20, 770, 100, 21));
   fl_set_form_size(f, f->w, f->h);
-  EXPECT_EQ(m().result->widget->geometry(), QRect(20, 250, 680, 320));
+  EXPECT_EQ(m().result->widget->geometry(), QRect(20, 250, 680, 300));
 
   open_detail(1, 0);
   ZqDetailForm &d = app().detail;
