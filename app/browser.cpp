@@ -195,8 +195,12 @@ void zentiq_add_browser_button(int x, int y, int w, int h) {
   myfl_highlight_sql(m.sql, known);
 }
 
-void zentiq_open_browser() {
+void zentiq_build_browser() {
   if (!g_form.form) build();
+}
+
+void zentiq_open_browser() {
+  zentiq_build_browser();
   fill(true);
   if (g_form.form->visible)
     fl_raise_form(g_form.form);

@@ -29,6 +29,8 @@ ZqBrowserForm &zentiq_browser();
 // y with w x h, and gives the main form's inputs, which must exist, their
 // completion and highlighting.
 void zentiq_add_browser_button(int x, int y, int w, int h);
+// Builds the dialog once (hidden); later calls do nothing.
+void zentiq_build_browser();
 // Builds the dialog (once) and shows it with the tables read again; the
 // table in "Tabelle" is chosen when the database has it.
 void zentiq_open_browser();

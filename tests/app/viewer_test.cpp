@@ -764,7 +764,8 @@ TEST_F(Viewer, ManualOfTheDialogs) {
   std::filesystem::copy_file(std::string(std::getenv("ZENTIQ_SOURCE_DIR")) + "/app/zentiq.hlp",
                              "zentiq.hlp", std::filesystem::copy_options::overwrite_existing);
   for (const char *key :
-       {"ZTQ_HLP", "DZTQ_HLP", "TBSET_HLP", "SORT_HLP", "TBEXP_HLP", "TVIEW_HLP", "ZOOM_HLP"}) {
+       {"ZTQ_HLP", "DZTQ_HLP", "TBSET_HLP", "SORT_HLP", "TBEXP_HLP", "TVIEW_HLP", "ZOOM_HLP",
+        "TABB_HLP"}) {
     std::string text = myfl_read_help(key), error;
     EXPECT_FALSE(text.empty()) << key;
     EXPECT_EQ(myfl_check_html(text.c_str(), &error), 1) << key << ": " << error;
