@@ -5,6 +5,7 @@
 #include <QLineEdit>
 #include <QListWidget>
 #include <QTreeWidget>
+#include <algorithm>
 
 #include "app/catalog.h"
 #include "app/completion.h"
@@ -65,14 +66,28 @@ void show_attributes(const std::string &name) {
     item->setFlags(Qt::ItemIsEnabled);
     return;
   }
+  // The attributes named in "Attribute" show as chosen.
+  std::string typed = zentiq_fold_name(fl_get_input(zentiq_app().main.attributes));
+  std::vector<std::string> chosen;
+  std::string word;
+  for (char ch : typed + ",") {
+    if (ch == ',') {
+      chosen.push_back(word);
+      word.clear();
+    } else if (ch != ' ' && ch != '\t') {
+      word += ch;
+    }
+  }
   for (const ZqAttribute &a : t->attributes) {
     auto *item = new QTreeWidgetItem(tree);
     item->setText(0, latin1(a.name));
     item->setText(1, latin1(a.type));
     item->setText(2, a.not_null ? "JA" : "NEIN");
     item->setText(3, latin1(a.indices));
+    std::string key = zentiq_fold_name(a.name);
+    item->setSelected(std::find(chosen.begin(), chosen.end(), key) != chosen.end());
   }
-  for (int c = 0; c < 3; ++c) tree->resizeColumnToContents(c);
+  for (int c = 0; c < 4; ++c) tree->resizeColumnToContents(c);
 }
 
 // Fills the table list from the cache (read again with reload) and shows
@@ -135,20 +150,20 @@ int close_browser(FL_FORM *form, void *) {
 
 void build() {
   fl_register_class(kAttributeListClass, "ATTRLIST", nullptr);
-  FL_FORM *f = g_form.form = fl_begin_form(FL_NO_BOX, 660, 430);
-  FL_OBJECT *bg = fl_add_box(FL_UP_BOX, 0, 0, 660, 430, "");
+  FL_FORM *f = g_form.form = fl_begin_form(FL_NO_BOX, 720, 430);
+  FL_OBJECT *bg = fl_add_box(FL_UP_BOX, 0, 0, 720, 430, "");
   fl_set_object_resize(bg, 0, 100, 0, 100);
-  g_form.filter = fl_add_input(FL_NORMAL_INPUT, 60, 10, 170, 22, "Filter ");
+  g_form.filter = fl_add_input(FL_NORMAL_INPUT, 60, 10, 150, 22, "Filter ");
   fl_set_object_lsize(g_form.filter, FL_MEDIUM_SIZE);
   QObject::connect(qobject_cast<QLineEdit *>(g_form.filter->widget), &QLineEdit::textEdited,
                    [] { apply_filter(); });
-  g_form.tables = fl_add_listbox(FL_NORMAL_LISTBOX, 10, 60, 220, 320, "Tabellen");
+  g_form.tables = fl_add_listbox(FL_NORMAL_LISTBOX, 10, 60, 200, 320, "Tabellen");
   fl_set_object_lsize(g_form.tables, FL_MEDIUM_SIZE);
   fl_set_object_resize(g_form.tables, 0, 30, 0, 100);
   QObject::connect(table_list(), &QListWidget::currentRowChanged, [](int) { table_chosen(); });
   QObject::connect(table_list(), &QListWidget::itemClicked, [] { table_chosen(); });
   g_form.attributes = fl_add_object(
-      kAttributeListClass, 0, 240, 60, 410, 320, "Attribute", [](FL_OBJECT *, QWidget *parent) {
+      kAttributeListClass, 0, 220, 60, 490, 320, "Attribute", [](FL_OBJECT *, QWidget *parent) {
         auto *tree = new QTreeWidget(parent);
         tree->setColumnCount(4);
         tree->setHeaderLabels({"Attribut", "Typ", "NOT NULL", "Indizes"});
@@ -163,8 +178,8 @@ void build() {
   fl_set_object_resize(g_form.attributes, 30, 70, 0, 100);
   g_form.refresh = fl_add_button(FL_NORMAL_BUTTON, 10, 392, 120, 26, "Aktualisieren");
   fl_set_object_callback(g_form.refresh, [](FL_OBJECT *, long) { fill(true); }, 0);
-  g_form.help = fl_add_button(FL_NORMAL_BUTTON, 430, 392, 100, 26, "Hilfe");
-  g_form.close = fl_add_button(FL_NORMAL_BUTTON, 540, 392, 110, 26, "Schließen");
+  g_form.help = fl_add_button(FL_NORMAL_BUTTON, 490, 392, 100, 26, "Hilfe");
+  g_form.close = fl_add_button(FL_NORMAL_BUTTON, 600, 392, 110, 26, "Schließen");
   fl_set_object_callback(g_form.close, [](FL_OBJECT *, long) { myfl_hide_form(g_form.form); }, 0);
   fl_set_object_resize(g_form.refresh, 0, 0, 100, 0);
   for (FL_OBJECT *o : {g_form.help, g_form.close}) fl_set_object_resize(o, 100, 0, 100, 0);
