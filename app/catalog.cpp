@@ -16,8 +16,7 @@ struct Catalog {
   std::vector<ZqTable> tables;
   std::unordered_map<std::string, size_t> by_name; // folded name -> position
   ZqNameIndex table_index;
-  ZqNameIndex attribute_index; // rebuilt when attribute_stale
-  bool attribute_stale = false;
+  ZqNameIndex attribute_index; // every cached attribute name, kept sorted
   std::unordered_set<std::string> known; // folded table and attribute names
   unsigned generation = 0;
 };
@@ -78,10 +77,31 @@ int column(DBRESULT *r, const char *name) {
   return -1;
 }
 
-void changed() {
-  Catalog &c = cat();
-  c.attribute_stale = true;
-  ++c.generation;
+void changed() { ++cat().generation; }
+
+// Merges the names of one table's index into the index of all attribute
+// names: one pass over both sorted lists, so that a database read table by
+// table never sorts all its names again.
+void merge_attributes(const ZqNameIndex &from) {
+  ZqNameIndex &all = cat().attribute_index;
+  ZqNameIndex out;
+  out.keys.reserve(all.keys.size() + from.keys.size());
+  out.names.reserve(all.keys.size() + from.keys.size());
+  size_t i = 0, j = 0;
+  while (i < all.keys.size() || j < from.keys.size()) {
+    bool take_all = j >= from.keys.size() || (i < all.keys.size() && all.keys[i] <= from.keys[j]);
+    if (take_all) {
+      if (j < from.keys.size() && all.keys[i] == from.keys[j]) ++j; // the same name
+      out.keys.push_back(std::move(all.keys[i]));
+      out.names.push_back(std::move(all.names[i]));
+      ++i;
+    } else {
+      out.keys.push_back(from.keys[j]);
+      out.names.push_back(from.names[j]);
+      ++j;
+    }
+  }
+  all = std::move(out);
 }
 
 void index_tables() {
@@ -154,6 +174,7 @@ bool load_attributes(DBSESSION *session, ZqTable &t, std::string *why) {
     cat().known.insert(zentiq_fold_name(a.name));
   }
   zentiq_index_build(&t.index, std::move(names));
+  merge_attributes(t.index);
   changed();
   return true;
 }
@@ -177,8 +198,10 @@ const std::vector<ZqTable> &zentiq_catalog_tables(DBSESSION *session, bool reloa
     tables.push_back(std::move(t));
   }
   dbclear(session, r);
+  // Read anew, the attributes are read anew too, as the tables are needed.
   c.tables = std::move(tables);
   c.tables_read = true;
+  c.attribute_index = ZqNameIndex();
   index_tables();
   return c.tables;
 }
@@ -201,17 +224,7 @@ const ZqNameIndex &zentiq_catalog_table_index(DBSESSION *session) {
   return cat().table_index;
 }
 
-const ZqNameIndex &zentiq_catalog_attribute_index() {
-  Catalog &c = cat();
-  if (c.attribute_stale) {
-    std::vector<std::string> names;
-    for (const ZqTable &t : c.tables)
-      for (const ZqAttribute &a : t.attributes) names.push_back(a.name);
-    zentiq_index_build(&c.attribute_index, std::move(names));
-    c.attribute_stale = false;
-  }
-  return c.attribute_index;
-}
+const ZqNameIndex &zentiq_catalog_attribute_index() { return cat().attribute_index; }
 
 int zentiq_catalog_knows(std::string_view name) {
   return cat().known.count(zentiq_fold_name(name)) ? 1 : 0;
@@ -221,6 +234,7 @@ void zentiq_catalog_forget() {
   Catalog &c = cat();
   c.tables_read = false;
   c.tables.clear();
+  c.attribute_index = ZqNameIndex();
   index_tables();
 }
 
@@ -228,12 +242,15 @@ void zentiq_catalog_set(std::vector<ZqTable> tables) {
   Catalog &c = cat();
   c.tables = std::move(tables);
   c.tables_read = true;
+  std::vector<std::string> all;
   for (ZqTable &t : c.tables) {
     std::vector<std::string> names;
     for (const ZqAttribute &a : t.attributes) names.push_back(a.name);
+    all.insert(all.end(), names.begin(), names.end());
     zentiq_index_build(&t.index, std::move(names));
     t.loaded = true;
   }
+  zentiq_index_build(&c.attribute_index, std::move(all));
   index_tables();
 }
 
