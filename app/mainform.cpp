@@ -472,7 +472,7 @@ void zentiq_create_main_form() {
   m.log = button(
       20, 570, 100, 21, "Protokoll", [](FL_OBJECT *, long) { fl_show_console(); }, 0);
   fl_set_object_resize(m.log, 0, 0, 100, 0);
-  zentiq_add_browser_button(125, 570, 100, 21);
+  zentiq_add_browser_button(235, 570, 100, 21);
   fl_end_form();
 }
 
