@@ -95,22 +95,22 @@ bool fill_result(DBSESSION *session, DBRESULT *result, const std::string &statem
   myfl_init_db_tabbox_no_ini(app.main.form, tb, "ZTQ", zentiq_title, zentiq_new_record, nullptr,
                              nullptr, zentiq_accept_record, zentiq_open_detail);
 
-  std::vector<void *> records;
-  records.reserve(rows > 0 ? rows : 0);
-  std::vector<std::string> values;
+  // Each line gets its values as fields (no line text to parse again) and
+  // the record the detail dialog reads them from; the tabbox owns both.
+  std::vector<MYFL_TABBOX_LINE> lines(rows > 0 ? static_cast<size_t>(rows) : 0);
   for (int r = 0; r < rows; ++r) {
-    values.clear();
+    std::vector<std::string> &values = lines[static_cast<size_t>(r)].fields;
+    values.reserve(static_cast<size_t>(cols));
     // Null values show as empty texts, not as their type's marker.
     for (int c = 0; c < cols; ++c) values.push_back(dbgetshown(session, result, r, c));
-    records.push_back(zentiq_make_record(zentiq_row_text(values)));
+    lines[static_cast<size_t>(r)].record = zentiq_make_record(zentiq_row_text(values));
   }
-  myfl_load_multiple_tabbox(
-      session, tb,
+  myfl_load_tabbox_lines(
+      tb,
       [](DBSESSION *, void *record, int) -> const char * {
         return static_cast<ZqRecord *>(record)->text;
       },
-      records.data(), static_cast<int>(records.size()));
-  for (void *r : records) std::free(r);
+      std::move(lines));
   return cut;
 }
 
@@ -278,13 +278,22 @@ int zentiq_end_level(DBSESSION *session) {
 }
 
 std::string zentiq_row_text(const std::vector<std::string> &values) {
+  size_t size = 0;
+  for (const std::string &v : values) size += v.size() + 3;
   std::string out;
+  out.reserve(size);
   for (size_t i = 0; i < values.size(); ++i) {
-    if (i) out += ",";
+    if (i) out += ',';
     out += '"';
-    for (char ch : values[i]) {
-      if (ch == '"' || ch == '\\') out += '\\';
-      out += ch;
+    // Runs without a quote or backslash are copied whole.
+    const std::string &v = values[i];
+    for (size_t at = 0;;) {
+      size_t special = v.find_first_of("\"\\", at);
+      out.append(v, at, special == std::string::npos ? std::string::npos : special - at);
+      if (special == std::string::npos) break;
+      out += '\\';
+      out += v[special];
+      at = special + 1;
     }
     out += '"';
   }
