@@ -1,15 +1,17 @@
 // The table browser (see browser.h).
 #include "app/browser.h"
 
-#include <QHeaderView>
 #include <QLineEdit>
 #include <QListWidget>
+#include <QTimer>
 #include <QTreeWidget>
 #include <algorithm>
 
 #include "app/catalog.h"
 #include "app/completion.h"
+#include "app/mainform.h"
 #include "app/viewer.h"
+#include "db/access/session.h"
 #include "forms/dialogs.h"
 #include "framework/combo.h"
 #include "framework/help.h"
@@ -91,10 +93,16 @@ void show_attributes(const std::string &name) {
 }
 
 // Fills the table list from the cache (read again with reload) and shows
-// the attributes of the table in "Tabelle" when it is listed.
+// the attributes of the table in "Tabelle" when it is listed. A session
+// lost with its server is opened again first, as every action of the user
+// does (an empty level); when that fails the level has told the user why.
 void fill(bool reload) {
+  DBSESSION *session = zentiq_app().session;
+  if (db_depth() > 0) return; // the refill waits for the level's end
+  bool usable = zentiq_begin_level(session) != 0;
+  if (usable) usable = zentiq_end_level(session) != 0;
   std::string why;
-  const auto &tables = zentiq_catalog_tables(zentiq_app().session, reload, &why);
+  const auto &tables = zentiq_catalog_tables(session, reload && usable, &why);
   QListWidget *l = table_list();
   {
     QSignalBlocker quiet(l);
@@ -107,7 +115,8 @@ void fill(bool reload) {
   }
   apply_filter();
   fl_set_form_title(g_form.form, title().c_str());
-  if (tables.empty() && !why.empty()) fl_show_message("Tabellen nicht lesbar:", why.c_str(), "");
+  if (usable && tables.empty() && !why.empty())
+    fl_show_message("Tabellen nicht lesbar:", why.c_str(), "");
   std::string typed = zentiq_fold_name(fl_get_input(zentiq_app().main.table));
   while (!typed.empty() && typed.back() == ' ') typed.pop_back();
   std::string chosen;
@@ -224,9 +233,30 @@ void zentiq_open_browser() {
   fl_set_focus_object(g_form.form, g_form.tables);
 }
 
+namespace {
+
+// Fills the open dialog once no level is open any more: the database may
+// change inside one (a lost session opened again chooses its database
+// again), and nothing may be read or asked then.
+void refill_when_idle() {
+  QTimer::singleShot(100, [] {
+    if (!g_form.form || !g_form.form->visible) return;
+    if (db_depth() > 0)
+      refill_when_idle();
+    else
+      fill(false);
+  });
+}
+
+} // namespace
+
 void zentiq_browser_follow_database() {
   zentiq_catalog_forget();
-  if (g_form.form && g_form.form->visible) fill(false);
+  if (!g_form.form || !g_form.form->visible) return;
+  if (db_depth() > 0)
+    refill_when_idle();
+  else
+    fill(false);
 }
 
 void zentiq_browser_tables_changed() { zentiq_catalog_forget(); }
