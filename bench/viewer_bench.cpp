@@ -17,6 +17,7 @@
 #include <benchmark/benchmark.h>
 
 #include <QApplication>
+#include <QPixmap>
 #include <QStandardItemModel>
 #include <QTableView>
 
@@ -95,7 +96,8 @@ bool start_server() {
 }
 
 // The viewer: "SELECT durchführen" on B8 up to the result's first page drawn
-// (the viewer draws it before it returns, see status.h).
+// (the viewer draws it before it returns, see status.h; rendered once more
+// here for certain, as the table view's page is).
 void BM_Viewer(benchmark::State &state) {
   ZqMainForm &m = zentiq_app().main;
   for (auto _ : state) {
@@ -104,6 +106,9 @@ void BM_Viewer(benchmark::State &state) {
     fl_set_input(m.where, "");
     Clock::time_point t0 = Clock::now();
     fl_call_object_callback(m.sel_run);
+    // The first page rendered for certain (an offscreen window may skip a
+    // repaint), as for the table view below.
+    QPixmap page = m.result->widget->grab();
     double ms = ms_since(t0);
     if (fl_get_tabbox_maxline(m.result) != kRows) {
       g_failed = true;
@@ -140,7 +145,7 @@ void BM_TableView(benchmark::State &state) {
     view.resize(680, 320);
     view.setModel(model.get());
     view.show();
-    view.repaint();
+    QPixmap page = view.grab();
     double ms = ms_since(t0);
     if (rows != kRows) {
       g_failed = true;
