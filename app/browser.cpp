@@ -90,6 +90,7 @@ void show_attributes(const std::string &name) {
     item->setSelected(std::find(chosen.begin(), chosen.end(), key) != chosen.end());
   }
   for (int c = 0; c < 4; ++c) tree->resizeColumnToContents(c);
+  zentiq_browser_names_changed();
 }
 
 // Fills the table list from the cache (read again with reload) and shows
@@ -114,6 +115,7 @@ void fill(bool reload) {
     }
   }
   apply_filter();
+  zentiq_browser_names_changed();
   fl_set_form_title(g_form.form, title().c_str());
   if (usable && tables.empty() && !why.empty())
     fl_show_message("Tabellen nicht lesbar:", why.c_str(), "");
@@ -260,6 +262,15 @@ void zentiq_browser_follow_database() {
 }
 
 void zentiq_browser_tables_changed() { zentiq_catalog_forget(); }
+
+void zentiq_browser_names_changed() {
+  static unsigned seen = 0;
+  unsigned now = zentiq_catalog_generation();
+  if (now == seen) return;
+  seen = now;
+  myfl_rehighlight_sql(zentiq_app().main.where);
+  myfl_rehighlight_sql(zentiq_app().main.sql);
+}
 
 std::vector<std::string> zentiq_browser_listed() {
   std::vector<std::string> out;

@@ -41,6 +41,10 @@ void zentiq_browser_follow_database();
 // keeps what it shows until "Aktualisieren".
 void zentiq_browser_tables_changed();
 
+// Highlights the WHERE and SQL inputs again when the cache learnt or lost
+// names since the last call (the colour of a name depends on it).
+void zentiq_browser_names_changed();
+
 // The table names the dialog lists now (after the filter).
 std::vector<std::string> zentiq_browser_listed();
 // Chooses the table as a click would. Returns 1, 0 when it is not listed.

@@ -22,6 +22,7 @@
 #include <map>
 #include <memory>
 
+#include "app/browser.h"
 #include "app/catalog.h"
 #include "app/viewer.h"
 
@@ -134,6 +135,7 @@ public:
       return 0;
     }
     std::vector<std::string> names = candidates(text, before);
+    zentiq_browser_names_changed(); // names read just now take their colour
     // A name typed in full and alone is no reason to offer it again.
     if (names.empty() || (!force && names.size() == 1 && zentiq_fold_name(names[0]) ==
                                                              zentiq_fold_name(before))) {
