@@ -188,10 +188,12 @@ void build() {
   fl_set_object_lsize(g_form.attributes, FL_MEDIUM_SIZE);
   fl_set_object_resize(g_form.attributes, 30, 70, 0, 100);
   g_form.refresh = fl_add_button(FL_NORMAL_BUTTON, 10, 392, 120, 26, "Aktualisieren");
-  fl_set_object_callback(g_form.refresh, [](FL_OBJECT *, long) { fill(true); }, 0);
+  fl_set_object_callback(
+      g_form.refresh, [](FL_OBJECT *, long) { fill(true); }, 0);
   g_form.help = fl_add_button(FL_NORMAL_BUTTON, 490, 392, 100, 26, "Hilfe");
   g_form.close = fl_add_button(FL_NORMAL_BUTTON, 600, 392, 110, 26, "Schließen");
-  fl_set_object_callback(g_form.close, [](FL_OBJECT *, long) { myfl_hide_form(g_form.form); }, 0);
+  fl_set_object_callback(
+      g_form.close, [](FL_OBJECT *, long) { myfl_hide_form(g_form.form); }, 0);
   fl_set_object_resize(g_form.refresh, 0, 0, 100, 0);
   for (FL_OBJECT *o : {g_form.help, g_form.close}) fl_set_object_resize(o, 100, 0, 100, 0);
   for (FL_OBJECT *o : {g_form.refresh, g_form.help, g_form.close})
@@ -209,7 +211,8 @@ ZqBrowserForm &zentiq_browser() { return g_form; }
 void zentiq_add_browser_button(int x, int y, int w, int h) {
   FL_OBJECT *b = fl_add_button(FL_NORMAL_BUTTON, x, y, w, h, "Tabellen");
   fl_set_object_lsize(b, FL_MEDIUM_SIZE);
-  fl_set_object_callback(b, [](FL_OBJECT *, long) { zentiq_open_browser(); }, 0);
+  fl_set_object_callback(
+      b, [](FL_OBJECT *, long) { zentiq_open_browser(); }, 0);
   fl_set_object_resize(b, 0, 0, 100, 0);
   ZqMainForm &m = zentiq_app().main;
   zentiq_attach_completion(m.table, ZQ_COMPLETE_TABLES);

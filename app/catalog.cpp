@@ -16,7 +16,7 @@ struct Catalog {
   std::vector<ZqTable> tables;
   std::unordered_map<std::string, size_t> by_name; // folded name -> position
   ZqNameIndex table_index;
-  ZqNameIndex attribute_index; // every cached attribute name, kept sorted
+  ZqNameIndex attribute_index;           // every cached attribute name, kept sorted
   std::unordered_set<std::string> known; // folded table and attribute names
   unsigned generation = 0;
 };

@@ -24,7 +24,7 @@ struct DBSESSION;
 // One attribute of a table.
 struct ZqAttribute {
   std::string name;
-  std::string type;    // "CHARACTER(30)", "INTEGER", ...
+  std::string type; // "CHARACTER(30)", "INTEGER", ...
   bool not_null = false;
   std::string indices; // the indices it belongs to: "KUNDE_PK (eindeutig), ..."
 };

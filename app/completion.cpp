@@ -137,8 +137,8 @@ public:
     std::vector<std::string> names = candidates(text, before);
     zentiq_browser_names_changed(); // names read just now take their colour
     // A name typed in full and alone is no reason to offer it again.
-    if (names.empty() || (!force && names.size() == 1 && zentiq_fold_name(names[0]) ==
-                                                             zentiq_fold_name(before))) {
+    if (names.empty() ||
+        (!force && names.size() == 1 && zentiq_fold_name(names[0]) == zentiq_fold_name(before))) {
       hide();
       return 0;
     }

@@ -20,8 +20,7 @@ void zentiq_add_status_line(int x, int y, int w, int h) {
 }
 
 double zentiq_ms_since(std::chrono::steady_clock::time_point from) {
-  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - from)
-      .count();
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - from).count();
 }
 
 std::string zentiq_duration_text(double ms) {
@@ -46,8 +45,8 @@ void zentiq_status_result(long rows, int cols, double statement_ms,
     tb->widget->repaint();
   double show_ms = zentiq_ms_since(show_started);
   std::string text = zentiq_group_digits(rows) + (rows == 1 ? " Zeile, " : " Zeilen, ") +
-                     std::to_string(cols) + (cols == 1 ? " Spalte; " : " Spalten; ") +
-                     "Abfrage " + zentiq_duration_text(statement_ms) + ", Anzeige " +
+                     std::to_string(cols) + (cols == 1 ? " Spalte; " : " Spalten; ") + "Abfrage " +
+                     zentiq_duration_text(statement_ms) + ", Anzeige " +
                      zentiq_duration_text(show_ms);
   if (g_line) fl_set_object_label(g_line, text.c_str());
 }

@@ -225,8 +225,9 @@ int main(int argc, char **argv) {
   if (viewer) {
     fill_catalog();
     FL_OBJECT *sql = zentiq_app().main.sql;
-    const char *prefixes[] = {"KA", "ku", "Au", "ar", "PO", "st", "BE", "me", "NA", "or", "PR", "re",
-                              "SA", "te", "VE", "za", "DA", "ge", "LA", "mi", "NO", "pa", "SE", "wa"};
+    const char *prefixes[] = {"KA", "ku", "Au", "ar", "PO", "st", "BE", "me",
+                              "NA", "or", "PR", "re", "SA", "te", "VE", "za",
+                              "DA", "ge", "LA", "mi", "NO", "pa", "SE", "wa"};
     for (const char *p : prefixes) {
       fl_set_input(sql, (std::string("SELECT * FROM X WHERE ") + p).c_str());
       fl_set_input_cursorpos(sql, 1000);

@@ -818,7 +818,8 @@ int myfl_load_tabbox_lines(FL_OBJECT *tabbox, MYFL_LINE_FUNC line,
     }
     if (places >= 0)
       for (size_t c = 0; c < l.fields.size() && c < m->types.size(); ++c)
-        if (m->types[c] == DT_FLOAT || m->types[c] == DT_DOUBLE) apply_decimals(l.fields[c], places);
+        if (m->types[c] == DT_FLOAT || m->types[c] == DT_DOUBLE)
+          apply_decimals(l.fields[c], places);
     int n = static_cast<int>(l.fields.size());
     if (cols > 0 && n != cols)
       msg_print("(addto_tabbox_line) Line is invalid (only %d of %d cols)\n", n, cols);

@@ -12,12 +12,15 @@ namespace {
 
 // The keywords of the dialect, upper case, sorted.
 const char *const kKeywords[] = {
-    "ABORT", "ALL", "AND", "ASC", "BEGIN", "BETWEEN", "BINARY", "BY", "CHARACTER", "CLOSE",
-    "COMMIT", "COUNT", "CREATE", "CURSOR", "DATABASE", "DATABASES", "DATE", "DECLARE", "DELETE",
-    "DESC", "DISTINCT", "DROP", "END", "EXISTS", "FETCH", "FLOAT", "FOR", "FROM", "IN", "INDEX",
-    "INDICES", "INSERT", "INTEGER", "INTO", "LIKE", "MAX", "MIN", "NOT", "NULL", "ON", "OR",
-    "ORDER", "SAVE", "SECURE", "SELECT", "SET", "SHOW", "SMALLINT", "STATIC", "STOP", "TABLE",
-    "TABLES", "TIME", "TIMESTAMP", "UNIQUE", "UPDATE", "VALUES", "WHERE",};
+    "ABORT",     "ALL",     "AND",    "ASC",    "BEGIN",    "BETWEEN",   "BINARY",   "BY",
+    "CHARACTER", "CLOSE",   "COMMIT", "COUNT",  "CREATE",   "CURSOR",    "DATABASE", "DATABASES",
+    "DATE",      "DECLARE", "DELETE", "DESC",   "DISTINCT", "DROP",      "END",      "EXISTS",
+    "FETCH",     "FLOAT",   "FOR",    "FROM",   "IN",       "INDEX",     "INDICES",  "INSERT",
+    "INTEGER",   "INTO",    "LIKE",   "MAX",    "MIN",      "NOT",       "NULL",     "ON",
+    "OR",        "ORDER",   "SAVE",   "SECURE", "SELECT",   "SET",       "SHOW",     "SMALLINT",
+    "STATIC",    "STOP",    "TABLE",  "TABLES", "TIME",     "TIMESTAMP", "UNIQUE",   "UPDATE",
+    "VALUES",    "WHERE",
+};
 
 bool word_char(unsigned char ch) { return std::isalnum(ch) || ch == '_' || ch >= 0xC0; }
 

@@ -49,8 +49,7 @@ protected:
   void typed(FL_OBJECT *input, const char *text) {
     fl_set_input(input, text);
     if (auto *le = qobject_cast<QLineEdit *>(input->widget)) le->end(false);
-    if (auto *te = qobject_cast<QPlainTextEdit *>(input->widget))
-      te->moveCursor(QTextCursor::End);
+    if (auto *te = qobject_cast<QPlainTextEdit *>(input->widget)) te->moveCursor(QTextCursor::End);
   }
 };
 

@@ -174,13 +174,12 @@ TEST_F(TabDialogs, CsvExportReadsBackAndCtrlCCopiesTheSelection) {
 
   std::string text, error;
   ASSERT_EQ(myfl_export_tabbox_csv(tb_, 1, ';', ',', &text, &error), 1) << error;
-  std::vector<std::vector<std::string>> want = {
-      {"Name", "Wert", "Ort"},
-      {"Anna \"A\"; K\xC3\xB6ln, S\xC3\xBC"
-       "d",
-       "1,5", "Zeile1\nZeile2"},
-      {" Bea ", "-7", ""},
-      {"Cem", "12,25", "Ulm"}};
+  std::vector<std::vector<std::string>> want = {{"Name", "Wert", "Ort"},
+                                                {"Anna \"A\"; K\xC3\xB6ln, S\xC3\xBC"
+                                                 "d",
+                                                 "1,5", "Zeile1\nZeile2"},
+                                                {" Bea ", "-7", ""},
+                                                {"Cem", "12,25", "Ulm"}};
   EXPECT_EQ(parse_csv(text, ';'), want) << text;
   // With "," between fields and "." as the decimal point the values stay.
   ASSERT_EQ(myfl_export_tabbox_csv(tb_, 1, ',', '.', &text, &error), 1);
