@@ -470,7 +470,7 @@ void zentiq_create_main_form() {
     fl_set_object_resize(o, 100, 0, 20, 0);
   m.sql = input(FL_MULTILINE_INPUT, 20, 170, 680, 81, "", nullptr);
   fl_set_object_resize(m.sql, 0, 100, 20, 20);
-  m.result = fl_add_tabbox(2, 20, 250, 680, 300, "");
+  m.result = fl_add_tabbox(3, 20, 250, 680, 300, ""); // several lines for Ctrl+C
   zentiq_add_status_line(20, 550, 680, 20);
   fl_set_object_resize(m.result, 0, 100, 40, 60);
   m.database = input(FL_NORMAL_INPUT, 570, 570, 110, 21, "Database ", myfl_cb_cmb_field);
