@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "app/journalrec.h"
 #include "app/mainform.h"
+#include "app/readonly.h"
 #include "app/viewer.h"
 #include "db/access/session.h"
 #include "db/client/tokenizer.h"
@@ -141,14 +143,23 @@ bool row_unchanged(DBSESSION *session, const std::string &condition, std::string
 // Runs `stmt`, which changes the dialog's row, in its own transaction: reads
 // the row again first, and commits only when it was unchanged and the server
 // changed exactly one row; otherwise takes everything back. Returns 1 when
-// committed; 0 after showing `failed` with the reason.
+// committed; 0 after showing `failed` with the reason, or after the box of
+// a lost server alone.
 int change_row(const std::string &stmt, const std::string &condition, const char *failed) {
   DBSESSION *session = zentiq_app().session;
   if (!zentiq_begin_level(session)) return 0;
   std::string why;
   if (!row_unchanged(session, condition, &why)) {
     zentiq_abort_level(session);
-    fl_show_error(failed, why.c_str(), "");
+    if (!zentiq_loss_told(session)) fl_show_error(failed, why.c_str(), "");
+    return 0;
+  }
+  // The journal keeps the row as it was, and as the change left it.
+  ZqRecordedChange recorded;
+  if (!recorded.before(session, stmt.rfind("UPDATE", 0) == 0, zentiq_app().detail_row.info.table,
+                       "WHERE " + condition)) {
+    zentiq_abort_level(session);
+    recorded.tell(failed);
     return 0;
   }
   DBRESULT *result = nullptr;
@@ -161,6 +172,7 @@ int change_row(const std::string &stmt, const std::string &condition, const char
   dbclear(session, result);
   if (!ran || changed != 1) {
     zentiq_abort_level(session);
+    if (zentiq_loss_told(session)) return 0;
     std::string text = reason;
     if (ran)
       text = std::to_string(changed) + " Zeilen in " + zentiq_app().detail_row.info.table +
@@ -168,9 +180,8 @@ int change_row(const std::string &stmt, const std::string &condition, const char
     fl_show_error(failed, text.c_str(), "");
     return 0;
   }
-  if (!zentiq_end_level(session)) {
-    fl_show_error("Funktion 'dbend' lieferte Fehler",
-                  "Die Änderungen des Befehls wurden nicht gespeichert", "");
+  if (!recorded.commit(session)) {
+    recorded.tell(failed);
     return 0;
   }
   return 1;
@@ -278,6 +289,7 @@ void zentiq_edit_value(FL_OBJECT *, long) {
 void zentiq_update_value(FL_OBJECT *, long) {
   ZqApp &app = zentiq_app();
   const ZqDetailRow &row = app.detail_row;
+  if (!zentiq_ro_permits("Update")) return;
   std::string condition;
   if (!key_condition("Update nicht möglich", &condition)) return;
   int col = selected_column();
@@ -309,6 +321,7 @@ void zentiq_update_value(FL_OBJECT *, long) {
 
 void zentiq_delete_row(FL_OBJECT *, long) {
   const ZqDetailRow &row = zentiq_app().detail_row;
+  if (!zentiq_ro_permits("Löschen")) return;
   std::string condition;
   if (!key_condition("Löschen nicht möglich", &condition)) return;
   std::string which = "Tabelle " + row.info.table + ", " + condition;

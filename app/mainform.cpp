@@ -11,6 +11,9 @@
 
 #include "app/browser.h"
 #include "app/detail.h"
+#include "app/journaldlg.h"
+#include "app/journalrec.h"
+#include "app/readonly.h"
 #include "app/querystore.h"
 #include "app/resultlimit.h"
 #include "app/status.h"
@@ -122,7 +125,6 @@ void tell_end_failed() {
 }
 
 bool begin_level(DBSESSION *session) { return zentiq_begin_level(session) != 0; }
-void abort_level(DBSESSION *session) { zentiq_abort_level(session); }
 
 // Why the last statement of run_typed failed: the server's or the client
 // parser's text with its error number, or the connection's text when no
@@ -155,8 +157,10 @@ bool run_typed(DBSESSION *session, const std::string &stmt, DBRESULT **result) {
 }
 
 // The box of a failed statement: what failed and why, with the error icon.
-// The console keeps the same reason in its log.
-void tell_failed() {
+// The console keeps the same reason in its log. A lost server has said so
+// in its own box, which stands for the statement too.
+void tell_failed(DBSESSION *session) {
+  if (zentiq_loss_told(session)) return;
   fl_show_error("Abfrage konnte nicht erfolgreich durchgeführt werden", g_why_failed.c_str(), "");
 }
 
@@ -191,7 +195,7 @@ template <typename Fn> void run_query(DBSESSION *session, const std::string &stm
       fl_show_message(too_large.c_str(), "Bitte die Abfrage einschränken (WHERE)",
                       "oder das Budget erhöhen (Ergebnis_MB in zentiq.ini)");
     else if (!ran)
-      tell_failed();
+      tell_failed(session);
     if (!ended) tell_end_failed();
     if (!ran || !ended || !cut) return;
     std::string shown = "Gezeigt werden die ersten " + zentiq_group_digits(limit) + " Zeilen.";
@@ -203,9 +207,8 @@ template <typename Fn> void run_query(DBSESSION *session, const std::string &stm
 
 // A typed UPDATE or DELETE: counts the rows it will change in a short read
 // of its own, asks when that is not exactly one row (always without WHERE),
-// then runs it in its own transaction and takes it back when the server
-// changed another number of rows than the user agreed to. Returns true
-// when the change was made and committed (messages shown otherwise).
+// then runs it recorded in the journal (journalrec.h). Returns true when
+// the change was made and committed (messages shown otherwise).
 bool run_counted_change(DBSESSION *session, const std::string &stmt, const ZqChange &change) {
   std::string count_stmt = "SELECT COUNT(*) FROM " + change.table;
   if (!change.where.empty()) count_stmt += " " + change.where;
@@ -218,7 +221,7 @@ bool run_counted_change(DBSESSION *session, const std::string &stmt, const ZqCha
   dbclear(session, result);
   bool ended = end_level(session);
   if (!counted || !v) {
-    tell_failed();
+    tell_failed(session);
     return false;
   }
   if (!ended) {
@@ -231,35 +234,18 @@ bool run_counted_change(DBSESSION *session, const std::string &stmt, const ZqCha
                     (change.is_delete ? "gelöscht." : "geändert.");
     if (fl_show_question(q.c_str(), "Fortfahren?", "", 2, "Ja", "Nein", "", 2) != 1) return false;
   }
-  if (!begin_level(session)) return false;
-  bool ran = run_typed(session, stmt, &result);
-  long changed = ran ? dbntuples(session, result) : -1;
-  dbclear(session, result);
-  if (!ran || changed != rows) {
-    abort_level(session);
-    if (!ran) {
-      tell_failed();
-    } else {
-      std::string why = std::to_string(changed) + " statt " + std::to_string(rows) + " Zeilen in " +
-                        change.table + " betroffen";
-      fl_show_error("Änderung wurde zurückgenommen!", why.c_str(), "");
-    }
-    return false;
-  }
-  if (!end_level(session)) {
-    tell_end_failed();
-    return false;
-  }
-  return true;
+  JrnKind kind = change.is_delete ? JRN_DELETE : JRN_UPDATE;
+  return zentiq_run_recorded_change(session, stmt, change.table, change.where, kind, rows) != 0;
 }
 
 } // namespace
 
+int zentiq_loss_told(DBSESSION *session) { return session && session->lost ? 1 : 0; }
+
 int zentiq_begin_level(DBSESSION *session) {
   if (dbbegin(session)) return 1;
   dbend(session);
-  // A lost session has told the user in the box of its loss.
-  if (!session || !session->lost) fl_show_error("Datenbankverbindung nicht vorhanden", "", "");
+  if (!zentiq_loss_told(session)) fl_show_error("Datenbankverbindung nicht vorhanden", "", "");
   return 0;
 }
 
@@ -481,6 +467,7 @@ void zentiq_create_main_form() {
   m.log = button(
       20, 570, 100, 21, "Protokoll", [](FL_OBJECT *, long) { fl_show_console(); }, 0);
   fl_set_object_resize(m.log, 0, 0, 100, 0);
+  zentiq_add_journal_button(130, 570);
   zentiq_add_browser_button(235, 570, 100, 21);
   fl_end_form();
 }
@@ -554,6 +541,13 @@ void zentiq_run_sql(FL_OBJECT *, long) {
   }
   std::string stmt;
   if (!zentiq_single_statement(text, &stmt)) return;
+  if (!zentiq_ro_permits("Dieser SQL-Befehl", stmt)) return;
+  if (zentiq_is_insert(stmt)) {
+    if (!zentiq_run_recorded_insert(session, stmt)) return;
+    if (zentiq_store_add_sql(raw)) fl_set_button(m.sql_saved, 0);
+    fl_show_message("Die Abfrage wurde erfolgreich durchgeführt", "", "");
+    return;
+  }
   ZqChange change;
   if (zentiq_change_target(stmt, &change)) {
     if (!run_counted_change(session, stmt, change)) return;
@@ -574,7 +568,7 @@ void zentiq_run_sql(FL_OBJECT *, long) {
   dbclear(session, result);
   bool ended = end_level(session);
   if (!ran)
-    tell_failed();
+    tell_failed(session);
   else if (!ended)
     tell_end_failed();
   else
@@ -600,6 +594,7 @@ void zentiq_set_database(FL_OBJECT *, long) {
   else if (code && *code)
     zentiq_remember_database(code);
   DBclear(r);
+  zentiq_ro_update_title(app.main.form);
   zentiq_browser_follow_database();
 }
 

@@ -44,6 +44,10 @@ void zentiq_run_sql(FL_OBJECT *obj, long argument);
 int zentiq_begin_level(DBSESSION *session);
 // Takes back what the open level did and closes it.
 void zentiq_abort_level(DBSESSION *session);
+// 1 when the session's server went away: its loss has been told in a box of
+// its own (which says that the open transaction is lost), so a failed
+// statement or level of the same action adds no second box.
+int zentiq_loss_told(DBSESSION *session);
 // Ends the BEGIN level of one of the user's actions: 1, or 0 when END was
 // not done; then an ABORT leaves the server without a transaction of this
 // session. Callers tell the user only after this.

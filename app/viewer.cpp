@@ -12,6 +12,7 @@
 #include "app/detail.h"
 #include "app/doku.h"
 #include "app/mainform.h"
+#include "app/readonly.h"
 #include "app/querystore.h"
 #include "base/ini.h"
 #include "base/msg.h"
@@ -315,6 +316,7 @@ int zentiq_start(int argc, char **argv) {
   std::strcpy(app.database_name, "-");
   ARGV_GetDB_Name(argv, argc, app.database_name);
   app.database_given = app.database_name[0] != '\0';
+  zentiq_ro_init(argc, argv);
 
   zentiq_open_store();
   // From here on a fatal stop saves the store (before, it would write an
@@ -356,7 +358,7 @@ int zentiq_main(int argc, char **argv) {
     return 1;
   }
 
-  myfl_show_form(app.main.form, main_title().c_str());
+  myfl_show_form(app.main.form, zentiq_ro_title(main_title()).c_str());
   fl_iconify_console();
   fl_raise_form(app.main.form);
   fl_run_forms();

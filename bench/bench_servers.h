@@ -1,14 +1,17 @@
 // Servers that the server benchmarks start and stop around their measurements:
 // the built tavrind beside the benchmark, in a namespace and data folder of its
 // own, and a temporary PostgreSQL 15 cluster on a Unix socket in a folder owned
-// by the postgres user (no TCP). What tables they hold and what is measured
-// on them is each benchmark's own business.
+// by the postgres user (no TCP), both with the same durability setting and
+// their data on the same disk-backed file system. What tables they hold and
+// what is measured on them is each benchmark's own business.
 #pragma once
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <pwd.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/statfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,10 +42,33 @@ inline std::string tavrind_program() {
   return fs::exists(p) ? fs::canonical(p).string() : "";
 }
 
+// The folder under which both servers keep their data: /tmp, unless that is
+// held in memory (tmpfs), then /var/tmp, so that neither side is measured on
+// memory while the other syncs to a disk.
+inline std::string data_root() {
+  struct statfs fs;
+  if (statfs("/tmp", &fs) == 0 && fs.f_type == TMPFS_MAGIC) return "/var/tmp";
+  return "/tmp";
+}
+
+// A short description of the file system that holds `path`, for the output.
+inline std::string fs_kind(const std::string &path) {
+  struct statfs fs;
+  if (statfs(path.c_str(), &fs) != 0) return "unknown file system";
+  return fs.f_type == TMPFS_MAGIC ? "tmpfs (memory)" : "disk-backed file system";
+}
+
+// The durability both servers run with. Normal: a commit survives a crash of
+// the server process, not of the machine (tavrind --sync normal, PostgreSQL
+// fsync=off). Full: a commit is on disk when it is confirmed (tavrind --sync
+// full, PostgreSQL fsync=on and synchronous_commit=on).
+enum class Sync { Normal, Full };
+
 // Starts tavrind on `data` in namespace `ns` (also set as TAVRIN_NAMESPACE of
-// this process), its output appended to `log`. Returns its pid, or -1 with a
-// line on stderr.
-inline pid_t spawn_tavrind(const std::string &data, const std::string &log, const std::string &ns) {
+// this process) with durability `sync`, its output appended to `log`. Returns
+// its pid, or -1 with a line on stderr.
+inline pid_t spawn_tavrind(const std::string &data, const std::string &log, const std::string &ns,
+                           Sync sync = Sync::Normal) {
   std::string prog = tavrind_program();
   if (prog.empty()) {
     std::fprintf(stderr, "tavrind has not been built beside the benchmark\n");
@@ -53,9 +79,8 @@ inline pid_t spawn_tavrind(const std::string &data, const std::string &log, cons
   posix_spawn_file_actions_init(&fa);
   posix_spawn_file_actions_addopen(&fa, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
   posix_spawn_file_actions_adddup2(&fa, 1, 2);
-  // PostgreSQL runs with fsync=off below: tavrind gets the matching
-  // durability (commits survive a crash of the server, not of the machine).
-  std::vector<std::string> args = {prog, "--data", data, "--namespace", ns, "--sync", "normal"};
+  std::vector<std::string> args = {prog,     "--data", data, "--namespace",
+                                   ns,       "--sync", sync == Sync::Full ? "full" : "normal"};
   std::vector<char *> argv;
   for (auto &a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
@@ -122,8 +147,9 @@ inline void stop_process(pid_t &pid) {
   pid = -1;
 }
 
-// A temporary PostgreSQL cluster. start() makes it in a new folder under /tmp
-// (name prefix `tag`) and starts it; stop() stops it and removes the folder.
+// A temporary PostgreSQL cluster. start() makes it in a new folder under
+// data_root() (name prefix `tag`) and starts it; stop() stops it and removes
+// the folder.
 struct PgCluster {
   std::string dir; // the cluster's folder, owned by postgres; "" when none
 
@@ -139,14 +165,14 @@ struct PgCluster {
   }
 
   // False with a line on stderr when PostgreSQL cannot be used.
-  bool start(const std::string &tag) {
+  bool start(const std::string &tag, Sync sync = Sync::Normal) {
     namespace fs = std::filesystem;
     if (!fs::exists(std::string(kPgBin) + "/initdb")) {
       std::fprintf(stderr, "PostgreSQL is not installed\n");
       return false;
     }
     struct passwd *pw = getpwnam("postgres");
-    std::string pattern = "/tmp/zentiq_" + tag + "_XXXXXX";
+    std::string pattern = data_root() + "/zentiq_" + tag + "_XXXXXX";
     std::vector<char> tmpl(pattern.begin(), pattern.end());
     tmpl.push_back('\0');
     if (!pw || !mkdtemp(tmpl.data())) {
@@ -161,9 +187,11 @@ struct PgCluster {
       std::fprintf(stderr, "initdb failed (see %s/setup.log)\n", dir.c_str());
       return false;
     }
+    std::string durability = sync == Sync::Full ? "-c fsync=on -c synchronous_commit=on"
+                                                : "-c fsync=off";
     if (run_as_postgres(bin + "/pg_ctl -D " + dir + "/data -l " + dir + "/pg.log -w -t 60 " +
-                        "-o \"-k " + dir + " -c listen_addresses='' -p 5432 -c fsync=off\" " +
-                        "start") != 0) {
+                        "-o \"-k " + dir + " -c listen_addresses='' -p 5432 " + durability +
+                        "\" start") != 0) {
       std::fprintf(stderr, "pg_ctl start failed\n");
       return false;
     }

@@ -144,6 +144,8 @@ protected:
 private:
   // The key whose press went to an open pop-up menu, until its release.
   int popup_key_ = 0;
+  // The direction of the pressed Tab (1 back, 0 forward), -1 none.
+  int tab_back_ = -1;
 
   bool handle(FL_FORM *form, QWidget *w, QKeyEvent *e, bool pressed) {
     // The release of the key that closed a message or question box reaches
@@ -155,10 +157,15 @@ private:
     int qtkey = e->key();
     bool ctrl = e->modifiers() & Qt::ControlModifier;
     bool alt = e->modifiers() & Qt::AltModifier;
-    // 1. Tab and Shift-Tab.
+    // 1. Tab and Shift-Tab, acting at the release. The direction is the
+    // press's: Shift may be let go before Tab.
     if (qtkey == Qt::Key_Tab || qtkey == Qt::Key_Backtab) {
-      if (!pressed) {
-        bool back = qtkey == Qt::Key_Backtab || (e->modifiers() & Qt::ShiftModifier);
+      bool back = qtkey == Qt::Key_Backtab || (e->modifiers() & Qt::ShiftModifier);
+      if (pressed) {
+        tab_back_ = back ? 1 : 0;
+      } else {
+        if (tab_back_ >= 0) back = tab_back_ == 1;
+        tab_back_ = -1;
         FL_FORM *cur = fl_get_current_form() ? fl_get_current_form() : form;
         FL_OBJECT *focus = fl_get_focus_object(cur);
         // An editor passes Tab to the next input field, past its own buttons.
@@ -176,15 +183,17 @@ private:
       }
       return true;
     }
-    // 3. F1, the help key.
+    // 3. F1, the help key, for a form with a covering help button. A
+    // dialog's visible "Hilfe" button answers to F1 through its shortcut.
     if (qtkey == Qt::Key_F1 && !fl_popup_is_open()) {
       FL_FORM *cur = fl_get_current_form() ? fl_get_current_form() : form;
-      if (pressed)
-        if (FL_OBJECT *help = help_button(cur)) {
+      if (FL_OBJECT *help = help_button(cur)) {
+        if (pressed) {
           help->last_key = FL_KEY_HELP;
           fl_call_object_callback(help);
         }
-      return true;
+        return true;
+      }
     }
     // 4. Every other key.
     int key = fl_key_code(e);

@@ -18,12 +18,14 @@
 #include "forms/popup.h"
 
 #include <QFontMetrics>
+#include <QGlyphRun>
 #include <QGuiApplication>
 #include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPen>
 #include <QWheelEvent>
 #include <QPainter>
+#include <QRawFont>
 #include <QTimer>
 
 #include <algorithm>
@@ -272,9 +274,13 @@ void app_popup(FL_OBJECT *obj, QWidget *w) {
   FL_TABBOX_REC *own = own_of(obj);
   if (own->popup.empty() || !own->popup_cb) return;
   std::string def;
-  for (const std::string &e : app_popup_entries(own->popup, nullptr)) {
+  std::vector<char> letters;
+  std::vector<std::string> entries = app_popup_entries(own->popup, &letters);
+  for (size_t i = 0; i < entries.size(); ++i) {
     if (!def.empty()) def += '|';
-    def += e + "%h";
+    // The application's letters stay theirs while the menu is shown.
+    def += entries[i] + "%h";
+    if (letters[i] && letters[i] != '|') def += std::string("%s") + letters[i];
   }
   int item = fl_do_popup(fl_define_popup(w, def.c_str()));
   if (item > 0) own->popup_cb(obj, item);
@@ -301,6 +307,42 @@ int title_column(const FL_TABBOX_REC *r, int q) {
   if (q < 0 || q >= static_cast<int>(t.size()) || t[q] == '|') return -1;
   size_t bars = static_cast<size_t>(std::count(t.begin(), t.begin() + q, '|'));
   return bars < r->plan.size() ? r->plan[bars].col : -1;
+}
+
+// Draws s with character i starting exactly at x + i * cell, whatever the
+// font's own advances are: the title (in its bold font) and the lines (in
+// their normal one) share one character grid, so a "|" in a line lands under
+// the title's "|" at any font size and scale factor, and the hit areas, which
+// count in whole cells, match what is seen. Glyphs come from raw (the font's
+// glyphs without fallback); a character raw lacks is drawn alone in its cell
+// with font, which falls back to another face.
+void draw_cells(QPainter &p, const QRawFont &raw, const QFont &font, int x, int baseline, int cell,
+                const QString &s) {
+  if (s.isEmpty()) return;
+  QList<quint32> glyphs = raw.isValid() ? raw.glyphIndexesForString(s) : QList<quint32>();
+  const bool one_per_char = glyphs.size() == s.size();
+  QList<quint32> run_glyphs;
+  QList<QPointF> run_pos;
+  run_glyphs.reserve(s.size());
+  run_pos.reserve(s.size());
+  for (int i = 0; i < s.size(); ++i) {
+    if (s[i] == QChar(' ')) continue;
+    if (one_per_char && glyphs[i] != 0) {
+      run_glyphs.push_back(glyphs[i]);
+      run_pos.push_back(QPointF(i * cell, 0));
+    } else {
+      QFont saved = p.font();
+      p.setFont(font);
+      p.drawText(QPointF(x + i * cell, baseline), QString(s[i]));
+      p.setFont(saved);
+    }
+  }
+  if (run_glyphs.isEmpty()) return;
+  QGlyphRun run;
+  run.setRawFont(raw);
+  run.setGlyphIndexes(run_glyphs);
+  run.setPositions(run_pos);
+  p.drawGlyphRun(QPointF(x, baseline), run);
 }
 
 // Draws the marker of each sort key in the title line: a small triangle,
@@ -729,16 +771,20 @@ void TabboxWidget::draw(QPainter &p) {
   QRect inner(BW, BW, W - S - 2 * BW, H - S - 2 * BW);
   p.save();
   p.setClipRect(inner);
-  QFont tfont = fl_style_font(r->title_fontstyle, r->fontsize);
+  // The fonts are the tabbox's own in vertical display too: the companion
+  // only holds the turned texts.
+  QFont tfont = fl_style_font(own->title_fontstyle, own->fontsize);
   p.setFont(tfont);
   p.setPen(pal.color(QPalette::ButtonText));
   QFontMetrics tfm(tfont);
-  p.drawText(tx, BW + tfm.ascent(), visible_part(r->title));
+  draw_cells(p, QRawFont::fromFont(tfont), tfont, tx, BW + tfm.ascent(), r->char_w,
+             visible_part(r->title));
   if (r == own) draw_sort_markers(p, r, tx, th, pal.color(QPalette::Highlight));
   // The visible lines.
-  QFont font = fl_style_font(r->fontstyle, r->fontsize);
+  QFont font = fl_style_font(own->fontstyle, own->fontsize);
   p.setFont(font);
   QFontMetrics fm(font);
+  const QRawFont raw_font = QRawFont::fromFont(font);
   const int y0 = tabbox_list_y(obj);
   for (int k = 0; k < r->screen_lines; ++k) {
     int pos = r->topline + k;
@@ -751,7 +797,8 @@ void TabboxWidget::draw(QPainter &p) {
     } else {
       p.setPen(pal.color(QPalette::Text));
     }
-    p.drawText(tx, y + fm.ascent(), visible_part(fl_tabbox_display_text(r, raw)));
+    draw_cells(p, raw_font, font, tx, y + fm.ascent(), r->char_w,
+               visible_part(fl_tabbox_display_text(r, raw)));
   }
   p.restore();
   // Buttons.

@@ -9,36 +9,94 @@
 #include <QMenu>
 #include <QPointer>
 
+#include <cctype>
+
 namespace {
 
 std::vector<std::string> g_items;
+std::vector<char> g_letters; // per item its "%s" letter, 0 none
 QPointer<QMenu> g_open_menu;
+
+// Splits a definition into items and their "%s" letters.
+void split(const char *definition, std::vector<std::string> *items, std::vector<char> *letters) {
+  items->clear();
+  letters->clear();
+  if (!definition) return;
+  std::string piece;
+  char letter = 0;
+  bool any = false;
+  for (const char *s = definition; *s; ++s) {
+    any = true;
+    if (*s == '|') {
+      items->push_back(piece);
+      letters->push_back(letter);
+      piece.clear();
+      letter = 0;
+      any = false;
+    } else if (*s == '%') {
+      // A flag such as %h or %l: accepted, no effect; %s names the letter.
+      if (s[1] == 's' && s[2] && s[2] != '|') {
+        letter = s[2];
+        s += 2;
+      } else if (s[1]) {
+        ++s;
+      }
+    } else {
+      piece += *s;
+    }
+  }
+  if (any) {
+    items->push_back(piece);
+    letters->push_back(letter);
+  }
+}
+
+bool is_letter(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; }
+char lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
+
+// The menu texts of the items: each underlines its letter (the "%s" one,
+// else its first letter or digit that no item before took), so that the
+// letter chooses the item while the menu is shown. A "&" of the text stays
+// a "&".
+std::vector<QString> menu_texts(const std::vector<std::string> &items,
+                                const std::vector<char> &letters) {
+  std::string taken;
+  for (char c : letters)
+    if (c) taken += lower(c);
+  std::vector<QString> texts;
+  for (size_t i = 0; i < items.size(); ++i) {
+    const std::string &t = items[i];
+    size_t at = std::string::npos;
+    if (char c = letters[i]) {
+      for (size_t k = 0; k < t.size() && at == std::string::npos; ++k)
+        if (lower(t[k]) == lower(c)) at = k;
+    } else {
+      for (size_t k = 0; k < t.size() && at == std::string::npos; ++k)
+        if (is_letter(t[k]) && taken.find(lower(t[k])) == std::string::npos) at = k;
+      if (at != std::string::npos) taken += lower(t[at]);
+    }
+    std::string shown;
+    for (size_t k = 0; k < t.size(); ++k) {
+      if (k == at) shown += '&';
+      shown += t[k];
+      if (t[k] == '&') shown += '&';
+    }
+    texts.push_back(QString::fromLatin1(shown.c_str()));
+  }
+  return texts;
+}
 
 } // namespace
 
 std::vector<std::string> fl_split_popup(const char *definition) {
   std::vector<std::string> items;
-  if (!definition) return items;
-  std::string piece;
-  bool any = false;
-  for (const char *s = definition; *s; ++s) {
-    any = true;
-    if (*s == '|') {
-      items.push_back(piece);
-      piece.clear();
-      any = false;
-    } else if (*s == '%') {
-      if (s[1]) ++s; // a flag such as %h or %l: accepted, no effect
-    } else {
-      piece += *s;
-    }
-  }
-  if (any) items.push_back(piece);
+  std::vector<char> letters;
+  split(definition, &items, &letters);
   return items;
 }
 
 QWidget *fl_define_popup(QWidget *window, const char *definition) {
-  g_items = fl_split_popup(definition);
+  split(definition, &g_items, &g_letters);
   return window;
 }
 
@@ -47,8 +105,9 @@ int fl_do_popup(QWidget *handle) {
   int item = 0;
   if (fl_seam_answer_popup(g_items, &item)) return item;
   QMenu menu(handle);
-  for (size_t i = 0; i < g_items.size(); ++i) {
-    QAction *a = menu.addAction(QString::fromLatin1(g_items[i].c_str()));
+  const std::vector<QString> texts = menu_texts(g_items, g_letters);
+  for (size_t i = 0; i < texts.size(); ++i) {
+    QAction *a = menu.addAction(texts[i]);
     a->setData(static_cast<int>(i + 1));
   }
   g_open_menu = &menu;

@@ -2,8 +2,11 @@
 // text of items separated by "|" and shown at the mouse position.
 //
 // Item flags "%h" and "%l" (any "%" with the character after it) are accepted
-// and have no effect. Tests answer menus through the seam of dialogs.h. What
-// the callers do with the chosen item is theirs.
+// and have no effect; "%s" with a letter after it makes that letter the
+// item's. While the menu is shown every item underlines its letter (its own,
+// else its first one no item before took) and the letter chooses it. Tests
+// answer menus through the seam of dialogs.h. What the callers do with the
+// chosen item is theirs.
 #pragma once
 
 #include <string>

@@ -84,6 +84,7 @@ namespace tavrind {
   X(514, ANTWORT_ZU_GROSS,                                                                         \
     "Das Ergebnis ist größer als $1 MB und wird nicht gesendet; bitte mit WHERE oder MAX "        \
     "einschränken oder mit DECLARE und FETCH in Teilen lesen")                                      \
+  X(515, ABGEBROCHEN, "Die Anweisung ist auf Wunsch des Klienten abgebrochen; $1")               \
   X(901, SPEICHERFEHLER, "Interner Datenbankfehler: $1")                                           \
   X(1001, DATEI_FEHLT, "Datei $1 nicht gefunden")                                                  \
   X(1002, DATEI_SCHREIBEN, "Datei $1 kann nicht geschrieben werden")                               \

@@ -637,19 +637,24 @@ std::vector<std::string> catalog_list(const Catalog &cat) {
 }
 
 int catalog_configure(sqlite3 *db, std::string &err) {
-  sqlite3_busy_timeout(db, 0);
   if (type_register_collation(db) != SQLITE_OK) {
     err = sqlite3_errmsg(db);
     return 0;
   }
   char *msg = nullptr;
+  // Switching to WAL needs the database for a moment: while another
+  // channel's last connection closes it (checkpointing the log) it waits a
+  // little instead of failing. Statements never wait (busy timeout 0).
+  sqlite3_busy_timeout(db, 5000);
   // WAL with NORMAL sync keeps every commit across a crash of the server
   // process. Reads go through a memory map and a 16 MiB page cache per
   // connection, so large SELECTs do not copy every page from the OS cache.
-  if (sqlite3_exec(db,
-                   "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; "
-                   "PRAGMA cache_size=-16384; PRAGMA mmap_size=268435456",
-                   nullptr, nullptr, &msg) != SQLITE_OK) {
+  int rc = sqlite3_exec(db,
+                        "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; "
+                        "PRAGMA cache_size=-16384; PRAGMA mmap_size=268435456",
+                        nullptr, nullptr, &msg);
+  sqlite3_busy_timeout(db, 0);
+  if (rc != SQLITE_OK) {
     err = msg ? msg : sqlite3_errmsg(db);
     sqlite3_free(msg);
     return 0;
@@ -679,8 +684,8 @@ sqlite3 *catalog_open(const Catalog &cat, const std::string &name, bool create, 
     close(fd);
   }
   sqlite3 *raw = nullptr;
-  // The server runs one thread and each connection belongs to one channel:
-  // SQLite need not lock around every call.
+  // Each connection belongs to one channel, whose requests run one at a
+  // time (on whichever thread): SQLite need not lock around every call.
   int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
   int rc = sqlite3_open_v2(path.c_str(), &raw, flags, nullptr);
   Db db(raw);

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,10 @@ namespace tavrind {
 struct Catalog {
   std::string dir;                  // the data folder, without trailing '/'
   std::map<std::string, int> users; // database name -> channels that have it open
+  // Guards users, and with it opening, creating and dropping databases:
+  // channels on different threads must not drop a database that another one
+  // is opening.
+  std::mutex users_mutex;
   // Sync the WAL at every commit (a commit survives a power loss); off: the
   // WAL is synced at checkpoints only (a commit survives a crash of the
   // server process, not of the machine).

@@ -91,8 +91,20 @@ const char *const STATIC_MESSAGE = "TAVRIN_STATIC ";
 constexpr size_t MAX_PARAMS = 30000;
 // Prepared statements kept per channel.
 constexpr size_t STMT_CACHE = 64;
+// Translated query shapes kept per channel.
+constexpr size_t SHAPE_CACHE = 64;
 
 } // namespace
+
+// A query translated once for its shape (the request without its literal
+// values): the SQLite text, the answer's columns, and for each parameter of
+// the text which literal of the request it binds (its place in the order in
+// which shape_select lists them) and the type it is converted to.
+struct QueryShape {
+  std::string sql;
+  std::vector<AnswerColumn> cols;
+  std::vector<std::pair<size_t, std::optional<ColType>>> params;
+};
 
 // A declared cursor: its running statement and its columns.
 struct Cursor {
@@ -108,6 +120,9 @@ struct SessionState {
   std::map<std::string, TableInfo> tables;  // key: upper-case name
   std::map<std::string, IndexInfo> indexes; // key: upper-case name
   std::unordered_map<std::string, StmtPtr> cache;
+  // Translated queries by shape, valid for the schema loaded in tables and
+  // indexes (emptied whenever that is loaded again).
+  std::unordered_map<std::string, QueryShape> shapes;
   // BEGIN was given, but no statement has run since: the SQLite transaction
   // starts with the first statement, taking the write lock at once when that
   // statement writes (so that a transaction that begins by writing waits for
@@ -126,8 +141,17 @@ struct SessionState {
   // holder's commit makes stale and being refused when it writes.
   bool write_first = false;
 
-  // Why the progress handler stopped the running statement.
-  enum class Stop { None, Timeout, Server, Client } stop = Stop::None;
+  // Why the progress handler stopped the running statement: the statement
+  // timeout, the server ends, the client ended (or its channel was
+  // closed), the client cancelled it.
+  enum class Stop { None, Timeout, Server, Client, Cancel } stop = Stop::None;
+  // Set from other threads: the client asked to stop the statement / the
+  // channel is gone.
+  std::atomic<bool> cancel{false};
+  std::atomic<bool> abandoned{false};
+  // Called once when the request has run past its budget (exec_request).
+  const std::function<void()> *overrun = nullptr;
+  std::chrono::steady_clock::time_point overrun_at;
   // The progress handler only stops statements of a request (never the
   // rollback that cleans up after one).
   bool armed = false;
@@ -136,10 +160,15 @@ struct SessionState {
   std::chrono::steady_clock::time_point next_client_check;
   // When the channel's transaction took the write lock of its database; 0
   // while it holds none.
-  time_t lock_since = 0;
+  std::atomic<time_t> lock_since{0};
   // When the channel's statement began to wait for a write lock; 0 while it
   // does not wait.
-  time_t wait_since = 0;
+  std::atomic<time_t> wait_since{0};
+  // The connection's transaction state (SQLITE_TXN_*) and block_changed as
+  // of the end of the last request, for other threads: asking the
+  // connection itself would wait for a statement running on it.
+  std::atomic<int> txn_seen{SQLITE_TXN_NONE};
+  std::atomic<bool> changed_seen{false};
 };
 
 // Ends the bookkeeping of a BEGIN block; a block that read and then wrote
@@ -156,6 +185,7 @@ static bool sqlite_txn(const SessionState &st) {
 }
 
 Session::Session(Executor &e, int i) : ex(e), id(i), st(std::make_unique<SessionState>()) {
+  std::lock_guard<std::mutex> lock(ex.sessions_mutex);
   ex.sessions.push_back(this);
 }
 
@@ -279,6 +309,7 @@ int run_change(SessionState &st, const std::string &sql, const std::vector<SqlVa
 void load_schema(SessionState &st) {
   st.tables.clear();
   st.indexes.clear();
+  st.shapes.clear();
   std::vector<std::pair<std::string, std::string>> objects; // type, name
   {
     CachedStmt s(st, "SELECT type, name FROM sqlite_schema WHERE type IN ('table','trigger')");
@@ -338,15 +369,18 @@ void load_schema(SessionState &st) {
   }
 }
 
+// The schema version of the open database as the connection sees it now
+// (inside a running statement or transaction: in its snapshot).
+int schema_version(SessionState &st) {
+  CachedStmt s(st, "PRAGMA schema_version");
+  int rc = sqlite3_step(s.get());
+  if (rc != SQLITE_ROW) raise_sqlite(st, rc);
+  return sqlite3_column_int(s.get(), 0);
+}
+
 // Brings the schema up to date when the database's schema changed.
 void refresh_schema(SessionState &st) {
-  int version = -1;
-  {
-    CachedStmt s(st, "PRAGMA schema_version");
-    int rc = sqlite3_step(s.get());
-    if (rc != SQLITE_ROW) raise_sqlite(st, rc);
-    version = sqlite3_column_int(s.get(), 0);
-  }
+  int version = schema_version(st);
   if (version != st.schema_version) {
     load_schema(st);
     st.schema_version = version;
@@ -392,11 +426,91 @@ struct Generated {
   std::vector<AnswerColumn> cols;
 };
 
+// A literal as parameter: in the stored form of type t when it is a valid
+// value of it (so '2003.07.12' finds the date 2003-07-12 and '' the null
+// marker), else as it is.
+SqlValue literal_param(const Literal &l, std::optional<ColType> t) {
+  SqlValue v;
+  std::string err;
+  if (!(t && type_check_value(*t, l, v, err))) {
+    if (l.kind == Literal::INT)
+      v = static_cast<int64_t>(l.i);
+    else if (l.kind == Literal::FLOAT)
+      v = l.f;
+    else
+      v = latin1_to_utf8(l.s);
+  }
+  return v;
+}
+
+// The shape of a query: everything its translation depends on besides the
+// schema (names, structure, the kinds of its literals) as one text, with the
+// literals themselves left out and appended to lits in a fixed order. Two
+// queries of the same shape translate into the same SQLite text. Every part
+// starts with a mark of its own and every name ends with a separator that no
+// name contains (the decoder accepts only the tokenizer's names), so two
+// different shapes never give the same text.
+void shape_name(std::string &k, const std::string &name) {
+  k += name;
+  k += '\x01';
+}
+
+void shape_select(std::string &k, const Select &s, std::vector<const Literal *> &lits);
+
+void shape_expr(std::string &k, const Expr &e, std::vector<const Literal *> &lits) {
+  k += static_cast<char>('a' + e.kind);
+  k += e.op ? e.op : '-';
+  switch (e.kind) {
+  case Expr::Column:
+    shape_name(k, e.attr.qualifier);
+    shape_name(k, e.attr.name);
+    break;
+  case Expr::Value:
+    k += static_cast<char>('0' + e.lit.kind);
+    lits.push_back(&e.lit);
+    break;
+  default:
+    break;
+  }
+  if (e.sub) shape_select(k, *e.sub, lits);
+  k += '(';
+  for (const auto &a : e.args) shape_expr(k, *a, lits);
+  k += ')';
+}
+
+void shape_select(std::string &k, const Select &s, std::vector<const Literal *> &lits) {
+  k += s.distinct ? "SD" : "S";
+  for (const SelectItem &it : s.items) {
+    k += static_cast<char>('0' + it.kind);
+    shape_name(k, it.attr.qualifier);
+    shape_name(k, it.attr.name);
+  }
+  k += 'F';
+  for (const TableRef &t : s.from) {
+    k += 't';
+    shape_name(k, t.name);
+    shape_name(k, t.alias);
+  }
+  if (s.where) {
+    k += 'W';
+    shape_expr(k, *s.where, lits);
+  }
+  k += 'O';
+  for (const OrderItem &o : s.order) {
+    k += o.desc ? 'd' : 'a';
+    shape_name(k, o.attr.qualifier);
+    shape_name(k, o.attr.name);
+  }
+  k += ';';
+}
+
 class Translator {
 public:
   explicit Translator(SessionState &st) : st_(st) {}
 
   std::vector<SqlValue> params;
+  // The literal and type behind each parameter, in the order of params.
+  std::vector<std::pair<const Literal *, std::optional<ColType>>> sources;
 
   Generated select(const Select &s, const Scope *outer) {
     Scope scope;
@@ -534,21 +648,9 @@ private:
     return std::nullopt;
   }
 
-  // A literal as parameter: in the stored form of type t when it is a valid
-  // value of it (so '2003.07.12' finds the date 2003-07-12 and '' the null
-  // marker), else as it is.
   std::string param(const Literal &l, std::optional<ColType> t) {
-    SqlValue v;
-    std::string err;
-    if (!(t && type_check_value(*t, l, v, err))) {
-      if (l.kind == Literal::INT)
-        v = static_cast<int64_t>(l.i);
-      else if (l.kind == Literal::FLOAT)
-        v = l.f;
-      else
-        v = latin1_to_utf8(l.s);
-    }
-    params.push_back(std::move(v));
+    params.push_back(literal_param(l, t));
+    sources.emplace_back(&l, t);
     return "?";
   }
 
@@ -825,11 +927,14 @@ size_t answer_limit(const Executor &ex) { return std::min(ex.max_answer, ANSWER_
 
 // Steps s and appends up to limit rows (0: all) to a tuples answer. Returns
 // false when the statement has no more rows. An answer that grows past the
-// answer limit throws (error 514) and its memory is freed.
-bool append_rows(Ctx &c, sqlite3_stmt *s, const std::vector<AnswerColumn> &cols, int64_t limit) {
+// answer limit throws (error 514) and its memory is freed. first: the result
+// of a first step the caller has already taken (0: none).
+bool append_rows(Ctx &c, sqlite3_stmt *s, const std::vector<AnswerColumn> &cols, int64_t limit,
+                 int first = 0) {
   int64_t n = 0;
   while (limit == 0 || n < limit) {
-    int rc = sqlite3_step(s);
+    int rc = first ? first : sqlite3_step(s);
+    first = 0;
     if (rc == SQLITE_DONE) return false;
     if (rc != SQLITE_ROW) {
       if ((rc & 0xFF) == SQLITE_BUSY && n > 0) return true;
@@ -848,14 +953,73 @@ bool append_rows(Ctx &c, sqlite3_stmt *s, const std::vector<AnswerColumn> &cols,
   return true;
 }
 
-void do_select(Ctx &c, const Request &q) {
+// The translation of a query for the schema as loaded: from the channel's
+// shapes when a query of the same shape was translated before, else
+// translated now and kept. lits are the query's literals in shape order.
+// Throws the translation's errors.
+const QueryShape &shaped_query(Ctx &c, const Select &sel, const std::string &key,
+                               const std::vector<const Literal *> &lits) {
+  auto it = c.st.shapes.find(key);
+  if (it != c.st.shapes.end()) return it->second;
   Translator tr(c.st);
-  Generated g = tr.select(*q.select, nullptr);
-  if (c.ch.ex.verbose) log_line(c.ch, g.sql);
-  CachedStmt s(c.st, g.sql);
-  bind_all(c.st, s.get(), tr.params);
-  answer_tuples_begin(c.out, DBANS_TUPLES, g.cols);
-  append_rows(c, s.get(), g.cols, c.ch.max_rows);
+  Generated g = tr.select(sel, nullptr);
+  QueryShape shape{std::move(g.sql), std::move(g.cols), {}};
+  for (const auto &[lit, type] : tr.sources) {
+    size_t at = size_t(std::find(lits.begin(), lits.end(), lit) - lits.begin());
+    if (at == lits.size()) throw ExecError{answer_errtext(Err::SPEICHERFEHLER, {"query shape"})};
+    shape.params.emplace_back(at, type);
+  }
+  if (c.st.shapes.size() >= SHAPE_CACHE) c.st.shapes.clear();
+  return c.st.shapes.emplace(key, std::move(shape)).first->second;
+}
+
+// Runs a query. It is translated for the schema as last loaded, and the
+// database's schema version is read after the query's first step, in the
+// snapshot the query reads: a version equal to the loaded one proves that
+// the translation was right (versions only grow) and costs no transaction
+// of its own. Else, and when the translation or the query fails while the
+// schema has changed, the schema is loaded again and the query runs anew,
+// before any of its rows has gone into the answer.
+void do_select(Ctx &c, const Request &q) {
+  std::string key;
+  std::vector<const Literal *> lits;
+  shape_select(key, *q.select, lits);
+  for (bool fresh = false;; fresh = true) {
+    auto reload = [&] {
+      if (fresh) return false;
+      int version = schema_version(c.st);
+      if (version == c.st.schema_version) return false;
+      load_schema(c.st);
+      c.st.schema_version = version;
+      return true;
+    };
+    const QueryShape *shape = nullptr;
+    std::vector<SqlValue> params;
+    try {
+      shape = &shaped_query(c, *q.select, key, lits);
+      for (const auto &[at, type] : shape->params) params.push_back(literal_param(*lits[at], type));
+    } catch (const ExecError &) {
+      if (reload()) continue;
+      throw;
+    }
+    if (c.ch.ex.verbose) log_line(c.ch, shape->sql);
+    std::optional<CachedStmt> s;
+    int first = 0;
+    try {
+      s.emplace(c.st, shape->sql);
+      bind_all(c.st, s->get(), params);
+      first = sqlite3_step(s->get());
+      if (first != SQLITE_ROW && first != SQLITE_DONE) raise_sqlite(c.st, first);
+    } catch (const ExecError &) {
+      s.reset();
+      if (reload()) continue;
+      throw;
+    }
+    if (reload()) continue;
+    answer_tuples_begin(c.out, DBANS_TUPLES, shape->cols);
+    append_rows(c, s->get(), shape->cols, c.ch.max_rows, first);
+    return;
+  }
 }
 
 void do_declare(Ctx &c, const Request &q) {
@@ -1077,22 +1241,31 @@ void do_locks(Ctx &c) {
                        {"PROZESS", type_make(DBTYPE_INTEGER, 0)},
                        {"BENUTZER", text(33)},
                        {"SEIT", text(20)}});
+  std::lock_guard<std::mutex> lock(c.ch.ex.sessions_mutex);
   for (bool holders : {true, false})
     for (const Session *s : c.ch.ex.sessions) {
-      time_t since = holders ? s->st->lock_since : s->st->wait_since;
-      if (!since || s->database.empty()) continue;
+      time_t since = holders ? s->st->lock_since.load() : s->st->wait_since.load();
+      std::string database = session_database(*s);
+      if (!since || database.empty()) continue;
       struct tm tm;
       localtime_r(&since, &tm);
       char stamp[32];
       strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &tm);
       answer_value_text(c.out, holders ? "HAELT" : "WARTET");
-      answer_value_text(c.out, s->database);
+      answer_value_text(c.out, database);
       answer_value_integer(c.out, s->id);
       answer_value_integer(c.out, s->client_pid);
       answer_value_text(c.out, utf8_to_latin1(session_user(*s)).substr(0, 32));
       answer_value_text(c.out, stamp);
       answer_row(c.out);
     }
+}
+
+// One channel less has database name open.
+void release_user(Catalog &cat, const std::string &name) {
+  std::lock_guard<std::mutex> lock(cat.users_mutex);
+  auto it = cat.users.find(name);
+  if (it != cat.users.end() && --it->second <= 0) cat.users.erase(it);
 }
 
 // Closes the channel's database: rolls back an open transaction (or commits
@@ -1117,9 +1290,11 @@ void close_database(Session &ch, bool commit) {
   st.indexes.clear();
   st.schema_version = -1;
   st.lock_since = 0;
+  st.txn_seen = SQLITE_TXN_NONE;
+  st.changed_seen = false;
   st.db.reset();
-  auto it = ch.ex.catalog.users.find(ch.database);
-  if (it != ch.ex.catalog.users.end() && --it->second <= 0) ch.ex.catalog.users.erase(it);
+  release_user(ch.ex.catalog, ch.database);
+  std::lock_guard<std::mutex> lock(ch.database_mutex);
   ch.database.clear();
 }
 
@@ -1139,7 +1314,20 @@ int progress(void *arg) {
     st.stop = SessionState::Stop::Server;
     return 1;
   }
+  if (st.abandoned.load(std::memory_order_relaxed)) {
+    st.stop = SessionState::Stop::Client;
+    return 1;
+  }
+  if (st.cancel.load(std::memory_order_relaxed)) {
+    st.stop = SessionState::Stop::Cancel;
+    return 1;
+  }
   auto now = std::chrono::steady_clock::now();
+  if (st.overrun && now >= st.overrun_at) {
+    const std::function<void()> *f = st.overrun;
+    st.overrun = nullptr;
+    (*f)();
+  }
   if (st.timed && now >= st.deadline) {
     st.stop = SessionState::Stop::Timeout;
     return 1;
@@ -1160,17 +1348,29 @@ int progress(void *arg) {
 void switch_database(Session &ch, const std::string &name, bool create) {
   Catalog &cat = ch.ex.catalog;
   if (!catalog_valid_name(name)) throw ExecError{answer_errtext(Err::NAME_UNGUELTIG, {name})};
-  bool exists = catalog_exists(cat, name);
-  if (create && exists) throw ExecError{answer_errtext(Err::DATENBANK_EXISTIERT, {name})};
-  if (!create && !exists) throw ExecError{answer_errtext(Err::DATENBANK_UNBEKANNT, {name})};
-  std::string err;
-  DbPtr db(catalog_open(cat, name, create, err));
-  if (!db) throw ExecError{answer_errtext(Err::DATENBANK_FEHLER, {name, err})};
-  close_database(ch, true);
+  DbPtr db;
+  {
+    // Counted as used from its opening on, so that no other channel drops it
+    // in between.
+    std::lock_guard<std::mutex> lock(cat.users_mutex);
+    bool exists = catalog_exists(cat, name);
+    if (create && exists) throw ExecError{answer_errtext(Err::DATENBANK_EXISTIERT, {name})};
+    if (!create && !exists) throw ExecError{answer_errtext(Err::DATENBANK_UNBEKANNT, {name})};
+    std::string err;
+    db.reset(catalog_open(cat, name, create, err));
+    if (!db) throw ExecError{answer_errtext(Err::DATENBANK_FEHLER, {name, err})};
+    ++cat.users[name];
+  }
+  try {
+    close_database(ch, true);
+  } catch (...) {
+    release_user(cat, name);
+    throw;
+  }
   sqlite3_progress_handler(db.get(), PROGRESS_STEPS, progress, &ch);
   ch.st->db = std::move(db);
+  std::lock_guard<std::mutex> lock(ch.database_mutex);
   ch.database = name;
-  ++cat.users[name];
 }
 
 void do_drop_database(Ctx &c, const Request &q) {
@@ -1180,11 +1380,20 @@ void do_drop_database(Ctx &c, const Request &q) {
   if (!catalog_valid_name(name) || !catalog_exists(cat, name))
     throw ExecError{answer_errtext(Err::DATENBANK_UNBEKANNT, {name})};
   if (name == CATALOG_SYSTEM_DB) throw ExecError{answer_errtext(Err::SYSTEMDATENBANK, {name})};
-  int others = cat.users.count(name) ? cat.users[name] : 0;
-  if (name == c.ch.database) --others;
-  if (others > 0)
-    throw ExecError{answer_errtext(Err::DATENBANK_BENUTZT, {name, std::to_string(others)})};
+  auto others = [&] {
+    int n = cat.users.count(name) ? cat.users[name] : 0;
+    return name == c.ch.database ? n - 1 : n;
+  };
+  {
+    std::lock_guard<std::mutex> lock(cat.users_mutex);
+    if (int n = others(); n > 0)
+      throw ExecError{answer_errtext(Err::DATENBANK_BENUTZT, {name, std::to_string(n)})};
+  }
   if (name == c.ch.database) close_database(c.ch, false);
+  // Asked again: another channel may have opened it meanwhile.
+  std::lock_guard<std::mutex> lock(cat.users_mutex);
+  if (int n = others(); n > 0)
+    throw ExecError{answer_errtext(Err::DATENBANK_BENUTZT, {name, std::to_string(n)})};
   std::string err;
   if (!catalog_drop(cat, name, err))
     throw ExecError{answer_errtext(Err::DATENBANK_FEHLER, {name, err})};
@@ -1286,7 +1495,7 @@ int execute(Ctx &c, const Request &q) {
     answer_done(c.out);
     return EXEC_ANSWER;
   case ReqKind::Stop:
-    ch.ex.stop_requested = true;
+    ch.ex.stop_requested.store(true);
     answer_done(c.out);
     return EXEC_ANSWER;
   case ReqKind::Locks:
@@ -1313,7 +1522,8 @@ int execute(Ctx &c, const Request &q) {
     if (reads && !st.block_write_tried) st.block_read_first = true;
     if (writes) st.block_write_tried = true;
   }
-  need_db(c);
+  // A query checks the schema itself, in the snapshot it reads.
+  if (q.kind != ReqKind::Select || st.schema_version < 0) need_db(c);
   switch (q.kind) {
   case ReqKind::CreateTable:
     do_create_table(c, q);
@@ -1390,11 +1600,13 @@ int execute(Ctx &c, const Request &q) {
 
 Session::~Session() {
   close_database(*this, false);
+  std::lock_guard<std::mutex> lock(ex.sessions_mutex);
   ex.sessions.erase(std::remove(ex.sessions.begin(), ex.sessions.end(), this), ex.sessions.end());
 }
 
 int exec_request(Session &ch, const unsigned char *req, size_t len,
-                 std::vector<unsigned char> &answer) {
+                 std::vector<unsigned char> &answer, std::chrono::microseconds budget,
+                 const std::function<void()> *overrun) {
   Request q;
   std::string err;
   if (!request_decode(req, len, q, err)) {
@@ -1412,7 +1624,8 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
   // whether the channel's transaction holds the write lock now.
   struct Arm {
     Session &ch;
-    explicit Arm(Session &c) : ch(c) {
+    Arm(Session &c, std::chrono::microseconds budget, const std::function<void()> *overrun)
+        : ch(c) {
       SessionState &s = *ch.st;
       s.armed = true;
       s.stop = SessionState::Stop::None;
@@ -1420,22 +1633,28 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
       auto now = std::chrono::steady_clock::now();
       if (s.timed) s.deadline = now + ch.ex.statement_timeout;
       s.next_client_check = now + CLIENT_CHECK;
+      s.overrun = overrun && *overrun && budget.count() > 0 ? overrun : nullptr;
+      s.overrun_at = now + budget;
     }
     ~Arm() {
       SessionState &s = *ch.st;
       s.armed = false;
+      s.overrun = nullptr;
       if (!blocked)
         s.wait_since = 0;
-      else if (s.wait_since == 0)
+      else if (blocked && s.wait_since == 0)
         s.wait_since = time(nullptr);
-      if (!holds_write_lock(ch))
+      int txn = s.db ? sqlite3_txn_state(s.db.get(), "main") : SQLITE_TXN_NONE;
+      if (txn != SQLITE_TXN_WRITE)
         s.lock_since = 0;
       else if (s.lock_since == 0)
         s.lock_since = time(nullptr);
+      s.txn_seen = txn;
+      s.changed_seen = s.block_changed;
     }
     void disarm() { ch.st->armed = false; }
     bool blocked = false;
-  } arm(ch);
+  } arm(ch, budget, overrun);
   bool block = ch.in_transaction();
   try {
     return execute(c, q);
@@ -1444,7 +1663,12 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
     // A stopped change inside BEGIN ... COMMIT may have taken the whole
     // transaction with it (SQLite rolls it back): the client is told.
     bool lost = block && !ch.in_transaction();
-    if (lost) end_block(st);
+    if (lost) {
+      end_block(st);
+      // The rolled-back transaction's schema changes are gone, and with
+      // them the versions they counted up to.
+      st.schema_version = -1;
+    }
     std::string what = lost ? "die offene Transaktion ist zurückgesetzt"
                             : "nichts davon ist ausgeführt";
     std::string text;
@@ -1458,11 +1682,16 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
     case SessionState::Stop::Server:
       text = answer_errtext(Err::SERVER_ENDET, {what});
       break;
+    case SessionState::Stop::Cancel:
+      text = answer_errtext(Err::ABGEBROCHEN, {what});
+      break;
     default:
       text = answer_errtext(Err::KLIENT_ENDET, {std::to_string(ch.client_pid), what});
       break;
     }
-    if (ch.ex.log) log_line(ch, "error: " + text);
+    // A channel closed under its statement was logged when it was closed.
+    bool logged = st.stop == SessionState::Stop::Client && st.abandoned.load();
+    if (ch.ex.log && !logged) log_line(ch, "error: " + text);
     // Nobody reads the answer of a client that has ended; sent anyway, it
     // could overwrite a chunk another client has put into the exchange
     // meanwhile.
@@ -1488,7 +1717,17 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
 }
 
 bool holds_write_lock(const Session &ch) {
-  return ch.st && ch.st->db && sqlite3_txn_state(ch.st->db.get(), "main") == SQLITE_TXN_WRITE;
+  return ch.st && ch.st->txn_seen.load() == SQLITE_TXN_WRITE;
+}
+
+void session_cancel(Session &ch) { ch.st->cancel.store(true); }
+void session_cancel_clear(Session &ch) { ch.st->cancel.store(false); }
+bool session_cancel_requested(const Session &ch) { return ch.st->cancel.load(); }
+void session_abandon(Session &ch) { ch.st->abandoned.store(true); }
+
+std::string session_database(const Session &ch) {
+  std::lock_guard<std::mutex> lock(ch.database_mutex);
+  return ch.database;
 }
 
 std::string session_user(const Session &ch) {
@@ -1502,7 +1741,7 @@ std::string session_user(const Session &ch) {
   return std::to_string(sb.st_uid);
 }
 
-time_t session_lock_since(const Session &ch) { return ch.st ? ch.st->lock_since : 0; }
+time_t session_lock_since(const Session &ch) { return ch.st ? ch.st->lock_since.load() : 0; }
 
 void session_wait_ended(Session &ch) { ch.st->wait_since = 0; }
 
@@ -1524,9 +1763,8 @@ std::string lock_holder_text(const Session &holder) {
 }
 
 bool waits_in_vain(const Session &waiter, const Session &holder) {
-  return waiter.st && waiter.st->db &&
-         sqlite3_txn_state(waiter.st->db.get(), "main") == SQLITE_TXN_READ && holder.st &&
-         holder.st->block_changed;
+  return waiter.st && waiter.st->txn_seen.load() == SQLITE_TXN_READ && holder.st &&
+         holder.st->changed_seen.load();
 }
 
 } // namespace tavrind

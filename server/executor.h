@@ -12,7 +12,14 @@
 //
 // Every statement can be stopped: a progress handler on each connection ends
 // the running statement when it has run longer than the statement timeout,
-// when the server is asked to stop, or when its client process has ended.
+// when the server is asked to stop, when its client process has ended or its
+// channel was closed, or when its client cancelled it.
+//
+// Threads: a session is used by one thread at a time (the caller runs each
+// channel's requests in order), but different sessions run on different
+// threads at once. What one session reads of another (lock holders and
+// waiters, the database in use) and the shared catalog are guarded here;
+// `log` is called from every thread and must be thread-safe.
 // A tuples answer that grows past the answer limit is not sent; the client
 // gets an error instead.
 #pragma once
@@ -26,6 +33,7 @@
 #include <ctime>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -38,14 +46,15 @@ struct Session;
 struct Executor {
   Catalog catalog;
   // Every channel's session (each adds and removes itself), for the list of
-  // lock holders and waiters.
+  // lock holders and waiters; guarded by sessions_mutex.
   std::vector<Session *> sessions;
+  std::mutex sessions_mutex;
   // Receives one log line in UTF-8 (without line feed): errors always, every
   // statement when verbose is set. Null: no logging.
   std::function<void(const std::string &)> log;
   bool verbose = false;
   // Set by the STOP statement; the caller ends the server after answering.
-  bool stop_requested = false;
+  std::atomic<bool> stop_requested{false};
   // Set (also from a signal handler) when the server is to end: the running
   // statement is stopped at once and answered with an error.
   std::atomic<bool> stopping{false};
@@ -74,7 +83,11 @@ struct Session {
   Executor &ex;
   int id;
   pid_t client_pid = 0; // the client's process, when the transport knows it
-  std::string database; // the open database; empty when none
+  // The open database; empty when none. Changed only by the thread running
+  // the session's request, under database_mutex; other threads read it
+  // through session_database().
+  std::string database;
+  mutable std::mutex database_mutex;
   int32_t max_rows = 0; // MAX n: rows per SELECT and per FETCH; 0 = no limit
   std::unique_ptr<SessionState> st;
 
@@ -93,12 +106,37 @@ enum ExecResult {
 // Returns one of ExecResult. On EXEC_WOULD_BLOCK nothing of the request has
 // taken effect. A statement stopped because its client process ended gets
 // no answer (EXEC_NO_ANSWER).
+//
+// With a budget and an overrun callback, a request still running after the
+// budget calls *overrun once, on this thread, from inside the running
+// statement (SQLite's progress handler; a request that does not step
+// SQLite's machine, such as a commit waiting for the disk, is not noticed),
+// and then goes on: the caller lets its other work go on elsewhere
+// meanwhile. The callback must not use the session.
 int exec_request(Session &ch, const unsigned char *req, size_t len,
-                 std::vector<unsigned char> &answer);
+                 std::vector<unsigned char> &answer,
+                 std::chrono::microseconds budget = std::chrono::microseconds{0},
+                 const std::function<void()> *overrun = nullptr);
+
+// The client of ch asks that its running (or next-started) statement be
+// stopped: it is answered with error 515. session_cancel_clear forgets such
+// a wish before a request starts. Thread-safe.
+void session_cancel(Session &ch);
+void session_cancel_clear(Session &ch);
+bool session_cancel_requested(const Session &ch);
+// The channel of ch was closed while a statement of it may still run on
+// another thread: the statement is stopped (as for a client that ended) and
+// gets no answer. Thread-safe.
+void session_abandon(Session &ch);
+// The session's open database, for threads other than the one running its
+// request; "" when none.
+std::string session_database(const Session &ch);
 
 // Does the channel's connection hold the write lock of its open database (its
 // transaction has begun to write, or started with the lock, and is not over)?
-// Parked channels wait for the channel that does.
+// Parked channels wait for the channel that does. As of the end of the
+// channel's last request; safe from any thread (a statement running on
+// another thread is not waited for).
 bool holds_write_lock(const Session &ch);
 
 // Would a statement of waiter, blocked behind holder's write lock, wait in
@@ -107,6 +145,7 @@ bool holds_write_lock(const Session &ch);
 // snapshot is stale and waiter can never write. The two wait for each other
 // (holder's change needs waiter's read to end, waiter needs the lock), so
 // the request handler refuses waiter's statement at once.
+// Both as of the end of their last requests; safe from any thread.
 bool waits_in_vain(const Session &waiter, const Session &holder);
 
 // Who holds a write lock, for the texts of lock waits (German, Latin-1):

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <thread>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -46,6 +47,7 @@ std::unique_ptr<ChannelContext> RequestHandler::channel_opened(ProtocolServer &,
 }
 void RequestHandler::channel_closed(ProtocolServer &, int, ChannelContext *) {}
 void RequestHandler::idle(ProtocolServer &) {}
+void RequestHandler::ending(ProtocolServer &) {}
 
 ProtocolServer::ProtocolServer(RequestHandler &handler) : handler_(handler) {}
 
@@ -59,8 +61,10 @@ int32_t ProtocolServer::owner_word() const {
 }
 
 void ProtocolServer::set_owner_word(int32_t v) {
-  __atomic_store_n(static_cast<uint32_t *>(owner_.data()), static_cast<uint32_t>(v),
-                   __ATOMIC_SEQ_CST);
+  auto *word = static_cast<uint32_t *>(owner_.data());
+  __atomic_store_n(word, static_cast<uint32_t>(v), __ATOMIC_SEQ_CST);
+  // Clients waiting for a free exchange sleep on the word.
+  if (v == DBCOMM_OWNER_FREE) ipc::word_wake(word);
 }
 
 ProtocolServer::Slot *ProtocolServer::slot_at(int channel) {
@@ -202,6 +206,7 @@ bool ProtocolServer::start() {
 
 void ProtocolServer::shutdown() {
   if (!started_) return;
+  handler_.ending(*this);
   for (size_t i = 0; i < slots_.size(); ++i)
     if (slots_[i].used) slots_[i].dead = true;
   close_dead_channels();
@@ -214,8 +219,30 @@ void ProtocolServer::shutdown() {
   started_ = false;
 }
 
+void ProtocolServer::wake() {
+  if (started_) server_.nudge();
+}
+
 void ProtocolServer::run() {
-  while (!stop_) poll(100);
+  while (!stop_) turn(100);
+}
+
+bool ProtocolServer::turn(int timeout_ms, const std::function<bool()> &wanted) {
+  // A thread that gave the lock up in the middle of a request is waiting
+  // to take it back: it goes first (the lock itself is not fair).
+  while (returning_.load() > 0) std::this_thread::yield();
+  std::lock_guard<std::mutex> lock(loop_mutex_);
+  if (wanted && !wanted()) return false;
+  poll(timeout_ms);
+  return true;
+}
+
+void ProtocolServer::retake_loop() {
+  ++returning_;
+  // The thread running the loop may be waiting for a chunk: the turn ends.
+  wake();
+  loop_mutex_.lock();
+  --returning_;
 }
 
 void ProtocolServer::poll(int timeout_ms) {
@@ -304,6 +331,10 @@ void ProtocolServer::handshake() {
               int(writer));
     answer = DBHS_REFUSED_PROCESS;
   } else {
+    // Clients that ended since the last look give their channels up first
+    // (closed at the end of this turn, before the new client's first
+    // request is read).
+    check_clients();
     // A process holds one transport at a time: a new handshake means its
     // earlier channels are given up.
     for (Slot &old : slots_)
@@ -417,35 +448,66 @@ void ProtocolServer::dispatch(int channel) {
   std::vector<unsigned char> request;
   request.swap(ch->message);
   current_ = channel;
-  current_done_ = false;
+  // A parked client gets its answer through the activation only: what it
+  // sends meanwhile (a cancel) is not answered on the spot.
+  current_done_ = ch->parked;
   handler_.request(*this, channel, ch->ctx.get(), request.data(), request.size());
   current_ = -1;
-  // Keep the memory of small requests for the next one.
+  // Keep the memory of small requests for the next one (unless the channel
+  // began another one meanwhile, while the handler let others run).
   ch = slot_at(channel);
-  if (ch && request.capacity() <= (1u << 20)) {
+  if (ch && !ch->in_message && ch->message.empty() && request.capacity() <= (1u << 20)) {
     request.clear();
     ch->message.swap(request);
   }
 }
 
-bool ProtocolServer::answer(int channel, const void *data, size_t length) {
+int ProtocolServer::answer_route(int channel, const unsigned char *data, size_t length) {
   Slot *ch = slot_at(channel);
-  if (!ch || ch->dead) return false;
-  if (length > size_t(INT_MAX) ||
-      (length == 1 && *static_cast<const unsigned char *>(data) == DBCOMM_PARKED))
-    return false;
+  if (!ch || ch->dead) return 0;
+  if (length > size_t(INT_MAX) || (length == 1 && *data == DBCOMM_PARKED)) return 0;
+  if (channel == current_ && !current_done_) return 1;
+  if (ch->parked && !ch->answer_ready) return 2;
+  return 0;
+}
+
+bool ProtocolServer::answer(int channel, const void *data, size_t length) {
   const auto *bytes = static_cast<const unsigned char *>(data);
-  if (channel == current_ && !current_done_) {
+  switch (answer_route(channel, bytes, length)) {
+  case 1:
     current_done_ = true;
     return send_message(channel, bytes, length);
-  }
-  if (ch->parked && !ch->answer_ready) {
+  case 2: {
+    Slot *ch = slot_at(channel);
     ch->pending.assign(bytes, bytes + length);
     ch->answer_ready = true;
     activations_.push_back(channel);
     return true;
   }
-  return false;
+  default:
+    return false;
+  }
+}
+
+bool ProtocolServer::answer(int channel, std::vector<unsigned char> &&data) {
+  switch (answer_route(channel, data.data(), data.size())) {
+  case 1: {
+    current_done_ = true;
+    bool ok = send_message(channel, data.data(), data.size());
+    data.clear();
+    return ok;
+  }
+  case 2: {
+    Slot *ch = slot_at(channel);
+    ch->pending = std::move(data);
+    data.clear();
+    ch->answer_ready = true;
+    activations_.push_back(channel);
+    return true;
+  }
+  default:
+    return false;
+  }
 }
 
 bool ProtocolServer::park(int channel) {

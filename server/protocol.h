@@ -4,8 +4,13 @@
 // holds the liveness lock on "TavrinDB_Server" for its whole life), answers
 // handshakes (version DBCOMM_VERSION only), gives out channels and watches
 // each client's process, reassembles requests from chunks and packets, and
-// sends answers in packets and chunks. It runs on one thread: run() or poll() waits
-// for the next chunk and calls the RequestHandler for every complete request.
+// sends answers in packets and chunks. run() or poll() waits for the next
+// chunk and calls the RequestHandler for every complete request. Its state
+// belongs to whichever thread holds the loop lock: run() and turn()
+// holds it for each turn, and a handler whose request turns out long may
+// give it up in the middle of that request's call (release_loop) so that
+// another thread of its own runs the turns meanwhile, and take it back
+// (retake_loop) before it returns.
 //
 // The handler decides what a request means. For each request it answers now
 // (answer), parks the client (park: the client gets the one-byte notice
@@ -13,16 +18,24 @@
 // (one-way requests such as DBREQ_CLOSE and DBREQ_NOTICE). A parked client is
 // answered later with answer(): the server hands the exchange back to it
 // through the owner word and "TavrinDB_Client_Activate" as soon as no other
-// exchange is running. The handler keeps per-channel state in a
+// exchange is running. A parked client may send a request of its own (a
+// cancel); it is handed to the handler like any other but cannot be
+// answered directly, since its client waits for the activation. The
+// handler may run requests on threads of its own: wake() (from any thread)
+// ends the loop's wait at once so that idle() can pass their answers on.
+// The handler keeps per-channel state in a
 // ChannelContext of its own and hears when a client has ended. Executing statements is the
 // handler's business.
 #pragma once
 
+#include <atomic>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <sys/types.h>
 #include <vector>
 
@@ -56,8 +69,13 @@ public:
   // outstanding for it is dropped.
   virtual void channel_closed(ProtocolServer &srv, int channel, ChannelContext *ctx);
   // Called at the end of every turn of the server loop (at least every
-  // 100 ms), e.g. to answer parked clients whose wait is over.
+  // 100 ms, and right after a wake()), e.g. to answer parked clients whose
+  // wait is over.
   virtual void idle(ProtocolServer &srv);
+  // Called first by ProtocolServer::shutdown(), while the server still
+  // serves: the handler ends its own threads' work and may poll() to pass
+  // their last answers on.
+  virtual void ending(ProtocolServer &srv);
 };
 
 class ProtocolServer {
@@ -76,14 +94,29 @@ public:
   // object cannot be made; the server is then not started and touched no
   // object of another server or user.
   bool start();
-  // Serves until request_stop(). start() must have succeeded.
+  // Serves until request_stop(), each turn under the loop lock. start()
+  // must have succeeded.
   void run();
+  // One turn (poll(timeout_ms)) under the loop lock, from any thread of the
+  // server, when `wanted` (asked under the lock) agrees; returns whether it
+  // ran. A thread taking the lock back (retake_loop) goes first.
+  bool turn(int timeout_ms, const std::function<bool()> &wanted = {});
+  // During a request() call, on the thread that holds the loop lock: gives
+  // the lock up (the server's state is consistent: the request was parked
+  // or is one-way) / takes it back before request() returns. Between the
+  // two the thread must not touch the server except through wake().
+  void release_loop() { loop_mutex_.unlock(); }
+  void retake_loop();
   // One turn: waits at most timeout_ms for a chunk and handles it, hands
   // the exchange to a parked client whose answer is ready, notices clients
-  // that ended, calls the handler's idle().
+  // that ended, calls the handler's idle(). Without the loop lock (turn()
+  // takes it) only with a handler that never gives the lock up.
   void poll(int timeout_ms);
   // Makes run() return after its current turn. Safe in a signal handler.
   void request_stop() { stop_ = 1; }
+  // Ends the current or next wait of the server loop at once (the turn then
+  // calls the handler's idle()). Safe from any thread of the server process.
+  void wake();
   bool stop_requested() const { return stop_ != 0; }
   // Removes the named objects and closes them; the server no longer exists
   // for clients. Channels are closed with channel_closed().
@@ -96,6 +129,11 @@ public:
   // for a parking notice) or longer than 2^31 - 1 bytes, or the client ended
   // while it was sent.
   bool answer(int channel, const void *data, size_t length);
+  // The same, taking the answer's memory instead of copying it (a large
+  // answer of a parked channel is then not held twice); `data` is left empty.
+  bool answer(int channel, std::vector<unsigned char> &&data);
+  // Answers kept for parked clients that have not been sent yet.
+  bool answers_pending() const { return activating_ >= 0 || !activations_.empty(); }
   // Parks `channel` during its request() call: sends the parking notice.
   // Returns false outside the channel's request() call or if the client
   // ended.
@@ -140,6 +178,9 @@ private:
   };
 
   bool take_liveness();
+  // Where an answer for `channel` goes: 1 out now, 2 kept for its
+  // activation, 0 refused (see answer()).
+  int answer_route(int channel, const unsigned char *data, size_t length);
   void close_objects();
   void handle_chunk();
   void handshake();
@@ -163,6 +204,8 @@ private:
   void set_owner_word(int32_t v);
 
   RequestHandler &handler_;
+  std::mutex loop_mutex_;
+  std::atomic<int> returning_{0}; // threads waiting in retake_loop()
   bool started_ = false;
   volatile sig_atomic_t stop_ = 0;
   int max_channels_ = 1024;

@@ -12,12 +12,14 @@
 
 #include "base/valstr.h"
 #include "db/access/session.h"
+#include "db/client/transport.h"
 #include "db/client/tokenizer.h"
 #include "tools/commands.h"
 #include "tools/sqlstream.h"
 #include "tools/sqlshell.h"
 #include "tools/term.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 namespace {
@@ -128,8 +130,34 @@ std::string first_word(const std::string &statement) {
   return w;
 }
 
+// Ctrl-C while a statement runs asks the server to stop it: the statement
+// fails with the server's error and the run goes on as after any failure
+// (the shell reads the next line, a script ends). A second Ctrl-C while it
+// still waits, or one while no statement runs, ends the program as it
+// always did.
+volatile sig_atomic_t g_running = 0;
+volatile sig_atomic_t g_presses = 0;
+
+void on_interrupt(int) {
+  bool again = g_presses != 0;
+  g_presses = 1;
+  if (!g_running || again) {
+    signal(SIGINT, SIG_DFL);
+    raise(SIGINT);
+    return;
+  }
+  DBcancel();
+}
+
 // Runs one statement and prints what it gave. Returns false when it failed.
 bool run_one(DBSESSION *s, const std::string &statement, Format format) {
+  struct Running {
+    Running() {
+      g_presses = 0;
+      g_running = 1;
+    }
+    ~Running() { g_running = 0; }
+  } running;
   // A SELECT streams its rows through a cursor, in flat memory whatever
   // its size (sqlstream.h).
   if (int streamed = sqlstream_select(s, statement, static_cast<SqlFormat>(format)); streamed >= 0)
@@ -232,6 +260,11 @@ int cmd_sql(int argc, char **argv) {
   std::vector<std::string> ignored;
   DBSESSION *s = tavrin_open_session(argc, argv, ignored);
   if (!s) return TAVRIN_FAIL;
+  struct sigaction sa {};
+  sa.sa_handler = on_interrupt;
+  sigemptyset(&sa.sa_mask);
+  sa.sa_flags = SA_RESTART;
+  sigaction(SIGINT, &sa, nullptr);
   if (statements.empty() && isatty(STDIN_FILENO)) {
     // A person at a terminal: the interactive shell, which runs each
     // statement through tavrin_sql_run.

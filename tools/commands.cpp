@@ -2,6 +2,7 @@
 #include "tools/commands.h"
 
 #include "tools/cmd_encode.h"
+#include "tools/cmd_journal.h"
 #include "tools/cmd_locks.h"
 #include "tools/cmd_ping.h"
 #include "tools/cmd_sql.h"
@@ -34,6 +35,8 @@ const TavrinCommand kCommands[] = {
     {"ping", "[-dbNAME]", "check that the TAVRIN server answers", PING_HELP, cmd_ping},
     {"locks", "[-dbNAME]", "list who holds and who waits for write locks", LOCKS_HELP,
      cmd_locks},
+    {"journal", "list|show N|undo N [-dbNAME] [--table T] [--status S] [--yes]",
+     "list, show or undo the changes recorded in the repair journal", JOURNAL_HELP, cmd_journal},
 };
 
 int cmd_help(int argc, char **argv) {

@@ -73,8 +73,9 @@ volatile sig_atomic_t g_interrupted = 0;
 void on_interrupt(int) { g_interrupted = 1; }
 
 // Reads one line with the prompt. Ctrl-C while reading does not end the
-// program (and so roll back an open transaction) as it does while a
-// statement runs: it ends the read, with *interrupted set. Returns the line
+// program (and so roll back an open transaction): it ends the read, with
+// *interrupted set (while a statement runs it stops the statement, see
+// cmd_sql.cpp). Returns the line
 // (owned by the caller, free), or null at the end of input or after Ctrl-C.
 char *read_line(const std::string &prompt, bool *interrupted) {
   struct sigaction mine {};
@@ -202,7 +203,7 @@ const char kHelp[] =
     "  \\?             this help\n"
     "  \\q             quit (so does Ctrl-D)\n"
     "Tab completes commands, keywords and table names; Ctrl-C drops the line and\n"
-    "the unfinished statement.\n";
+    "the unfinished statement, and stops a running statement (twice: ends tavrin).\n";
 
 class Shell {
 public:

@@ -466,10 +466,12 @@ int sqlstream_select(DBSESSION *s, const std::string &statement, SqlFormat forma
       break;
     }
   }
-  bool good = fetcher.finish() && written;
+  bool fetched = fetcher.finish();
+  bool good = fetched && written;
   // The cursor is closed and the user's limit set back also after a
-  // failure; a failure of either counts.
-  if (!done(s, std::string("CLOSE ") + kCursor)) good = false;
+  // failure; a failure of either counts. A FETCH the server refused (a
+  // stopped or cancelled statement) has closed the cursor already.
+  if (fetched && !done(s, std::string("CLOSE ") + kCursor)) good = false;
   if (!done(s, "MAX " + std::to_string(g_user_max))) good = false;
   if (good) good = writer.finish(total);
   if (!written) term_error("the rows could not be written: %s", std::strerror(write_error));

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
@@ -63,6 +64,22 @@ struct Transport {
 };
 
 Transport g_tp;
+
+// Set while DBclient_read waits for an answer; DBcancel (also from a signal
+// handler) then asks for a stop, which the waiting loop sends once its
+// client is parked. Lock-free atomics, so both are async-signal-safe.
+std::atomic<int> g_waiting{0};
+std::atomic<int> g_cancel{0};
+static_assert(std::atomic<int>::is_always_lock_free);
+
+// Called about every 50 ms while an answer is awaited (DBset_wait_hook).
+void (*g_hook)(void *) = nullptr;
+void *g_hook_arg = nullptr;
+constexpr int kHookMs = 50;
+
+void call_hook() {
+  if (g_hook) g_hook(g_hook_arg);
+}
 
 // The text of the transport's last failure, printed when it happened; kept
 // for DBclient_error and cleared when the next write or read starts.
@@ -150,7 +167,10 @@ bool take_exchange(int own_channel, int timeout_ms) {
     int32_t o = owner_word();
     if (o == DBCOMM_OWNER_FREE || (own_channel >= 0 && o == own_channel)) return true;
     if (!release_mutex()) return false;
-    sleep_1ms();
+    // A parked client is being handed the exchange: it wakes the word when
+    // it sets it free (an older one does not: then 1 ms is the limit).
+    ipc::word_wait(static_cast<const uint32_t *>(g_tp.owner.data()), static_cast<uint32_t>(o),
+                   1000);
   }
 }
 
@@ -231,6 +251,27 @@ void copy_out(const Dest &d, size_t pos, const unsigned char *src, size_t n) {
   if (n) std::memcpy(d.body + (pos - 4), src, n);
 }
 
+// Sends the one-byte cancel request on `channel` while its client is parked
+// (it then holds no exchange). The exchange is taken only while free: when
+// the owner word names this channel the answer is already coming, and there
+// is nothing left to stop. Returns 1 when sent or moot, 0 when the exchange
+// is busy (try again later), -1 when the server ended or refused it.
+int send_cancel(int channel) {
+  if (!lock_mutex(kHookMs)) return 0;
+  int32_t o = owner_word();
+  if (o != DBCOMM_OWNER_FREE) {
+    release_mutex();
+    return o == channel ? 1 : 0;
+  }
+  unsigned char packet[9];
+  DBwire_put32(packet, sizeof packet);
+  DBwire_put32(packet + 4, 1);
+  packet[8] = DBREQ_CANCEL;
+  int r = send_chunk(channel, packet, sizeof packet, nullptr, 0);
+  release_mutex();
+  return r > 0 ? 1 : -1;
+}
+
 // Reads one chunk of at most max bytes, to packet offset pos of d, following
 // a parking notice and the re-activation. Returns the bytes taken, -1 when the
 // server ended (or sent a chunk longer than the area), -2 on a failure of the
@@ -239,7 +280,11 @@ int read_chunk(int channel, const Dest &d, size_t pos, int max) {
   unsigned char *a = area();
   for (;;) {
     if (!g_tp.partial_pending) {
-      if (g_tp.client.wait(-1, &g_tp.server_proc) != WaitResult::Signalled) {
+      WaitResult r;
+      while ((r = g_tp.client.wait(g_hook ? kHookMs : -1, &g_tp.server_proc)) ==
+             WaitResult::Timeout)
+        call_hook();
+      if (r != WaitResult::Signalled) {
         server_ended();
         return -1;
       }
@@ -262,14 +307,25 @@ int read_chunk(int channel, const Dest &d, size_t pos, int max) {
       // whose owner word changed in between.
       const auto *owner = static_cast<const uint32_t *>(g_tp.owner.data());
       for (;;) {
-        if (g_tp.activate.wait_for(-1, &g_tp.server_proc, owner, uint32_t(channel)) !=
-            WaitResult::Signalled) {
+        WaitResult r = g_tp.activate.wait_for(kHookMs, &g_tp.server_proc, owner, uint32_t(channel));
+        if (r == WaitResult::Timeout) {
+          call_hook();
+          if (g_cancel.exchange(0)) {
+            int sent = send_cancel(channel);
+            if (sent < 0) return -1;
+            if (sent == 0) g_cancel.store(1);
+          }
+          continue;
+        }
+        if (r != WaitResult::Signalled) {
           server_ended();
           return -1;
         }
         if (owner_word() == channel) {
           if (!lock_mutex(-1)) return -2;
           set_owner_word(DBCOMM_OWNER_FREE);
+          // Clients waiting for the exchange to be free may go on.
+          ipc::word_wake(static_cast<uint32_t *>(g_tp.owner.data()));
           break;
         }
         // Meant for another parked client: pass it on.
@@ -526,6 +582,14 @@ int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buf
                   int *alloc_length) {
   g_error.clear();
   if (!g_tp.ready) return -1;
+  // While this runs an answer is awaited: DBcancel applies.
+  struct Waiting {
+    Waiting() { g_waiting.store(1); }
+    ~Waiting() {
+      g_waiting.store(0);
+      g_cancel.store(0);
+    }
+  } waiting;
   int got = read_packet(channel);
   if (got <= 0) return got;
   if (got < 8) {
@@ -583,6 +647,15 @@ int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buf
 }
 
 int DBclient_release() { return release_mutex() ? 1 : 0; }
+
+void DBcancel(void) {
+  if (g_waiting.load()) g_cancel.store(1);
+}
+
+void DBset_wait_hook(void (*hook)(void *arg), void *arg) {
+  g_hook_arg = arg;
+  g_hook = hook;
+}
 
 const char *DBclient_error() { return g_error.c_str(); }
 

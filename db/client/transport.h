@@ -7,7 +7,8 @@
 // packets of at most 10000 bytes, each packet as one chunk through the
 // message area. "TavrinDB_Mutex" is taken by the write and released by the
 // read once the answer is complete, so a whole exchange is exclusive among all
-// clients. Building requests is reqbuf's business, the connection record and
+// clients. A parked client holds nothing; it may take the free exchange for
+// a moment to send the one-way cancel request (DBcancel). Building requests is reqbuf's business, the connection record and
 // the connection-level commands are connect's.
 #pragma once
 
@@ -60,6 +61,20 @@ int DBclient_write(int channel, const void *data, int length);
 // allocation: -1), -2 on a failure of the mutex.
 int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buffer,
                   int *alloc_length);
+
+// Asks that the statement this process waits for be stopped: the waiting
+// loop of DBclient_read sends the cancel request (DBREQ_CANCEL) once the
+// server has parked the client, and the statement is answered '0' with
+// error 515 (unless its answer was already on the way). Does nothing when
+// no answer is awaited. Async-signal-safe: callable from a SIGINT handler or
+// from the wait hook.
+void DBcancel(void);
+
+// While the client waits for an answer (also while parked), hook(arg) is
+// called about every 50 ms on the waiting thread (a viewer keeps its window
+// alive there and may call DBcancel). A null hook removes it. The hook must
+// not start another request.
+void DBset_wait_hook(void (*hook)(void *arg), void *arg);
 
 // After DBHS_FULL: how many channels the server gives out at most.
 int DBhandshake_channel_limit();

@@ -47,6 +47,13 @@ int64_t now_ns() {
 
 inline EventWord *word_of(const Section &s) { return static_cast<EventWord *>(s.data()); }
 
+// Takes a nudge (state 2) if it is there.
+inline bool try_nudged(EventWord *w) {
+  uint32_t two = 2;
+  return w->state.load(std::memory_order_relaxed) == 2 &&
+         w->state.compare_exchange_strong(two, 0, std::memory_order_acq_rel);
+}
+
 // Takes the 1 if it is there.
 inline bool try_consume(EventWord *w) {
   uint32_t one = 1;
@@ -78,6 +85,16 @@ void futex_wake(std::atomic<uint32_t> *addr, int n, uint32_t bits = FUTEX_BITSET
 inline uint32_t bit_of(uint32_t value) { return 1u << (value % 32); }
 
 } // namespace
+
+void word_wait(const uint32_t *word, uint32_t expected, int64_t timeout_us) {
+  struct timespec ts = {static_cast<time_t>(timeout_us / 1000000),
+                        static_cast<long>(timeout_us % 1000000) * 1000};
+  syscall(SYS_futex, const_cast<uint32_t *>(word), FUTEX_WAIT, expected, &ts, nullptr, 0);
+}
+
+void word_wake(uint32_t *word) {
+  syscall(SYS_futex, word, FUTEX_WAKE, INT32_MAX, nullptr, nullptr, 0);
+}
 
 void set_spin_limit_us(int us) { g_spin_us.store(us < 0 ? 0 : us); }
 int spin_limit_us() { return g_spin_us.load(); }
@@ -140,6 +157,14 @@ void Event::set_for(uint32_t value) {
     futex_wake(&w->state, INT32_MAX, bit_of(value));
 }
 
+void Event::nudge() {
+  EventWord *w = word_of(sec_);
+  // Only a clear event is nudged: a set one ends the wait anyway.
+  uint32_t zero = 0;
+  w->state.compare_exchange_strong(zero, 2, std::memory_order_seq_cst);
+  if (w->waiters.load(std::memory_order_seq_cst) != 0) futex_wake(&w->state, INT32_MAX);
+}
+
 void Event::reset() { word_of(sec_)->state.store(0); }
 
 bool Event::is_set() const { return word_of(sec_)->state.load() == 1; }
@@ -162,6 +187,7 @@ WaitResult Event::wait_impl(int timeout_ms, const Process *proc, const uint32_t 
     return w->state.load(std::memory_order_relaxed) == 1 && mine() && try_consume(w);
   };
   if (take()) return WaitResult::Signalled;
+  if (try_nudged(w)) return WaitResult::Timeout;
   // A watch that was never opened or was given up: the process is gone.
   if (proc && !proc->is_open()) return WaitResult::ProcessEnded;
   if (timeout_ms == 0) return WaitResult::Timeout;
@@ -185,6 +211,7 @@ WaitResult Event::wait_impl(int timeout_ms, const Process *proc, const uint32_t 
           spin_ns_ = std::min(limit, std::max<int64_t>(spin_ns_, kMinSpinNs));
           return WaitResult::Signalled;
         }
+        if (try_nudged(w)) return WaitResult::Timeout;
         cpu_relax();
       }
     }
@@ -198,6 +225,10 @@ WaitResult Event::wait_impl(int timeout_ms, const Process *proc, const uint32_t 
   for (;;) {
     if (take()) {
       result = WaitResult::Signalled;
+      break;
+    }
+    if (try_nudged(w)) {
+      result = WaitResult::Timeout;
       break;
     }
     // The process is looked at once per slice, not before every sleep: a

@@ -48,6 +48,12 @@ public:
   // wakes only the waiters addressed by it (a futex bitset of value mod 32,
   // so at most those that share it, and plain waiters).
   void set_for(uint32_t value);
+  // Ends a wait of this event early without setting it (the wait returns
+  // Timeout): a thread of the waiting process has news for the waiter. The
+  // state word holds 2 until the waiter takes the nudge; a set meanwhile
+  // overwrites it with 1 and is not lost. Only for events that clients set
+  // and never wait on (the server's own). Thread-safe.
+  void nudge();
   // Clears the event.
   void reset();
   // Waits until the event is set and consumes it. timeout_ms < 0 waits
@@ -73,6 +79,13 @@ private:
   Section sec_;
   int64_t spin_ns_ = INT64_MAX; // this process's next spin on this event
 };
+
+// A plain shared 32-bit word as a futex: word_wait sleeps while *word holds
+// `expected`, at most timeout_us (woken early by word_wake or a signal);
+// word_wake wakes every sleeper on the word. For words of a protocol that
+// one side changes and the other waits for (the owner word).
+void word_wait(const uint32_t *word, uint32_t expected, int64_t timeout_us);
+void word_wake(uint32_t *word);
 
 // The bounded spin of every wait, in microseconds (default 150; 0 disables
 // spinning). Process-wide.

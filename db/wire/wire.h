@@ -153,6 +153,7 @@ enum : unsigned char {
   DBREQ_NOTICE = 'W',              // a client announces itself (no answer)
   DBREQ_SET_DATABASE = 'X',        // database name
   DBREQ_LOCKS = 'Y',               // list who holds and who waits for write locks
+  DBREQ_CANCEL = 'Z', // stop the statement the channel waits for; sent while parked (no answer)
 };
 
 // ---------------------------------------------------------------------------

@@ -160,6 +160,7 @@ public:
 
   const std::string &data_dir() const { return data_; }
   const std::string &ns() const { return ns_; }
+  pid_t pid() const { return pid_; }
 
 private:
   pid_t spawn_program(const std::string &prog) {

@@ -32,6 +32,8 @@ public:
       setenv("ZENTIQ_APP_TEST_DIR", tmpl, 1);
     }
     ASSERT_EQ(chdir(dir_.c_str()), 0);
+    // The repair journal goes into the test's folder, not the user's.
+    setenv("XDG_DATA_HOME", (dir_ + "/share").c_str(), 1);
     static int argc = 1;
     static char name[] = "app_tests";
     static char *argv[] = {name, nullptr};

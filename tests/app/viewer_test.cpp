@@ -6,16 +6,23 @@
 
 #include <sys/wait.h>
 
+#include <chrono>
+#include <thread>
+
 #include <QFontMetrics>
 
 #include "app/detail.h"
 #include "app/doku.h"
+#include "app/journaldlg.h"
+#include "app/journalrec.h"
+#include "app/readonly.h"
 #include "app/mainform.h"
 #include "app/querystore.h"
 #include "app/resultlimit.h"
 #include "base/ini.h"
 #include "db/client/resdata.h"
 #include "app/viewer.h"
+#include "db/access/journal.h"
 #include "db/access/session.h"
 #include "forms/console.h"
 #include "forms/fonts.h"
@@ -180,7 +187,8 @@ TEST_F(Viewer, StartUpWithoutDbOrWithoutServerGuides) {
   EXPECT_EQ(zentiq_last_database(), "DEMO");
 
   // No server in the namespace: a box that says so and how to start one,
-  // and the program ends without a fatal stop.
+  // with the client library's own lines of what it tried, and the program
+  // ends without a fatal stop.
   EXPECT_EXIT(
       {
         // Non-ASCII letters as "?": the matcher reads stderr as UTF-8.
@@ -196,7 +204,8 @@ TEST_F(Viewer, StartUpWithoutDbOrWithoutServerGuides) {
       },
       ::testing::ExitedWithCode(3),
       "\\[Fehler\\] Es l\\?uft kein TAVRIN-Server.\nStarten Sie einen mit 'tavrind --data "
-      "<Datenordner>' oder starten Sie Zentiq mit './run.sh'");
+      "<Datenordner>' oder starten Sie Zentiq mit './run.sh'.*\nTavrin database not found!"
+      ".*Connection to TAVRIN-database 'TDSYS' failed");
 }
 
 TEST_F(Viewer, SelectIsBuiltRunStoredAndShown) {
@@ -459,6 +468,67 @@ TEST_F(Viewer, TypedChangesAreCountedAndConfirmed) {
                      "zur\xFC"
                      "ckgenommen!\n2 statt 1 Zeilen in RC betroffen|");
   EXPECT_EQ(other_out("SELECT COUNT(*) FROM RC"), "COUNT(*)\n2\n");
+  EXPECT_EQ(db_depth(), 0);
+}
+
+TEST_F(Viewer, ChangesAreJournaledAndUndoneAndReadOnlyRefusesThem) {
+  use_demo();
+  ASSERT_EQ(other("CREATE TABLE RJ (RJ_ID INTEGER, V CHARACTER(20))\n"
+                  "INSERT INTO RJ VALUES (1, 'a')\n"
+                  "CREATE TABLE NK (X INTEGER)\nINSERT INTO NK VALUES (1)")
+                .first,
+            0);
+  auto journal = [] {
+    std::vector<JrnEntry> all;
+    std::string why;
+    EXPECT_EQ(jrn_read(zentiq_journal_path(), &all, &why), 1) << why;
+    return all;
+  };
+  size_t before = journal().size();
+  run_sql("update RJ set V = 'b' where RJ_ID = 1");
+  run_sql("insert into RJ (V, RJ_ID) values ('neu', 2)");
+  std::vector<JrnEntry> all = journal();
+  ASSERT_EQ(all.size(), before + 2);
+  EXPECT_EQ(all[before].before[0][1], JrnValue("a"));
+  EXPECT_EQ(all[before].after[0][1], JrnValue("b"));
+  EXPECT_EQ(all[before].status, JRN_COMMITTED);
+  EXPECT_EQ(all[before + 1].kind, JRN_INSERT);
+  EXPECT_EQ(all[before + 1].after[0][1], JrnValue("neu"));
+
+  // No key to find the rows by: asked, and "Nein" (the default) runs nothing.
+  run_sql("update NK set X = 2 where X = 1");
+  EXPECT_NE(shown().find("Ohne Journaleintrag ausf\xFChren?"), std::string::npos);
+  EXPECT_EQ(other_out("SELECT X FROM NK"), "X\n1\n");
+  EXPECT_EQ(journal().size(), before + 2);
+
+  // The dialog takes the update back after its question.
+  zentiq_open_journal(nullptr, 0);
+  ASSERT_EQ(zentiq_journal_select(all[before].number), 1);
+  fl_seam_clear();
+  fl_seam_queue_answer(1);
+  zentiq_journal_undo(nullptr, 0);
+  EXPECT_NE(shown().find("ckg\xE4ngig gemacht"), std::string::npos) << shown();
+  EXPECT_EQ(other_out("SELECT V FROM RJ WHERE RJ_ID = 1"), "V\na\n");
+  EXPECT_EQ(journal()[before].undone_by, static_cast<int>(before) + 3);
+  myfl_hide_form(zentiq_journal_form().form);
+
+  // A read-only database: changes are refused before they reach the
+  // server, queries still run.
+  INI_PutLine("zentiq", ZQ_INI_READ_ONLY, "[Nur_lesen]tdsys, demo\n");
+  EXPECT_EQ(zentiq_ro_title("Zentiq"), "Zentiq - nur lesen");
+  run_sql("delete from RJ");
+  EXPECT_EQ(shown().rfind("Nur lesen: Dieser SQL-Befehl ist nicht erlaubt.", 0), 0u);
+  run_sql("select * from RJ");
+  EXPECT_EQ(boxes(), 0u);
+  EXPECT_EQ(fl_get_tabbox_maxline(m().result), 2);
+  open_detail(1, 2);
+  fl_seam_clear();
+  zentiq_delete_row(nullptr, 0);
+  EXPECT_EQ(shown().rfind("Nur lesen: L\xF6schen ist nicht erlaubt.", 0), 0u);
+  zentiq_detail_atclose(app().detail.form, nullptr);
+  EXPECT_EQ(other_out("SELECT COUNT(*) FROM RJ"), "COUNT(*)\n2\n");
+  INI_DeleteLine("zentiq", ZQ_INI_READ_ONLY);
+  EXPECT_EQ(zentiq_ro_title("Zentiq - nur lesen"), "Zentiq");
   EXPECT_EQ(db_depth(), 0);
 }
 
@@ -756,6 +826,19 @@ TEST_F(Viewer, ALostServerKeepsTheViewerAndItsHistory) {
   EXPECT_EQ(shown(), "");
   EXPECT_EQ(fl_get_tabbox_maxline(m().result), 3);
   EXPECT_EQ(dbstatus(app().session), 1);
+
+  // Gone in the middle of a long statement: the server stops it, then goes;
+  // one box tells both, the loss's, and the statement's own is not added.
+  std::thread stopper([] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    zqtest::test_server()->halt();
+  });
+  run_sql("SELECT COUNT(*) FROM KUNDE a, KUNDE b, KUNDE c, KUNDE d");
+  stopper.join();
+  EXPECT_EQ(shown().rfind("Die Verbindung zum TAVRIN-Server ist verloren", 0), 0u) << shown();
+  EXPECT_EQ(boxes(), 1u) << shown();
+  EXPECT_EQ(db_depth(), 0);
+  ASSERT_TRUE(zqtest::test_server()->restart(why)) << why;
 }
 
 TEST_F(Viewer, ManualOfTheDialogs) {

@@ -6,10 +6,13 @@
 #include "forms/mytabs_draw.h"
 
 #include "forms/dialogs.h"
+#include "forms/fonts.h"
 #include "forms/forms.h"
+#include "tests/forms/bars_testutil.h"
 #include "tests/qt_env.h"
 
 #include <QApplication>
+#include <QFontMetricsF>
 #include <QImage>
 #include <QMouseEvent>
 #include <QStyleHints>
@@ -19,6 +22,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -348,6 +352,83 @@ TEST_F(TabboxUi, DraggingABarInTheTitleCutsTheColumn) {
   EXPECT_EQ(g.widths.size(), 3u);
   fl_draw_tabbox(turned); // a rebuild keeps the dragged width
   EXPECT_EQ(last_offset(), before - 5);
+}
+
+// With a font whose advance is not a whole number of pixels the bars of a
+// line stand exactly under the title's (drawn in its bold font), also far to
+// the right, and a press on a title's bar there starts that column's resize.
+TEST_F(TabboxUi, BarsStayOnTheGridWithAFractionalAdvance) {
+  int size = 0;
+  // Far from the default size, so that a wrong font shows in the picture.
+  for (int s = 16; s <= 30 && !size; ++s) {
+    double a = QFontMetricsF(fl_style_font(FL_FIXED_STYLE, s)).horizontalAdvance(QChar('M'));
+    if (std::abs(a - std::round(a)) > 0.15) size = s;
+  }
+  if (!size) GTEST_SKIP() << "no size of the fixed font has a fractional advance here";
+  if (form_) fl_free_form(form_);
+  form_ = fl_begin_form(0, 720, 200);
+  FL_OBJECT *tb = fl_add_tabbox(0, 10, 10, 700, 180, "");
+  fl_end_form();
+  fl_set_tabbox_fontsize(tb, size);
+  std::string head, line;
+  for (const char *name : {"nummer", "name", "ort", "anrede", "zone"}) {
+    std::string h = name, v = "1234567";
+    h.resize(9, ' ');
+    head += (head.empty() ? "" : "| ") + h;
+    line += (line.empty() ? "" : "| ") + v + "  ";
+  }
+  fl_set_tabbox_title(tb, head.c_str());
+  fl_add_tabbox_line(tb, line.c_str());
+  show_and_activate(form_);
+  fl_layout_tabbox(tb);
+
+  const QImage img = tb->widget->grab().toImage();
+  const double dpr = img.devicePixelRatio();
+  const int cw = char_w(tb), ch = char_h(tb), tx = tabbox_text_x(tb);
+  const int left = static_cast<int>(tx * dpr), right = static_cast<int>((700 - 22) * dpr);
+  auto bars = [&](int top) {
+    return bars_test::bar_columns(img, static_cast<int>(top * dpr), static_cast<int>(ch * dpr),
+                                  left, right);
+  };
+  const std::vector<double> in_title = bars(FL_TABBOX_BW), in_line = bars(tabbox_list_y(tb));
+  const std::string shown = fl_get_tabbox_title(tb);
+  std::vector<int> at;
+  for (size_t i = 0; i < shown.size(); ++i)
+    if (shown[i] == '|') at.push_back(static_cast<int>(i));
+  ASSERT_EQ(in_title.size(), at.size()) << shown;
+  ASSERT_EQ(in_line.size(), at.size());
+  ASSERT_GT(at.back(), 40);
+  for (size_t i = 0; i < at.size(); ++i) {
+    EXPECT_NEAR(in_title[i], in_line[i], 0.6) << "bar " << i;
+    // The bar is drawn inside the cell that the hit areas give it.
+    EXPECT_GE(in_title[i] / dpr, tx + at[i] * cw) << "bar " << i;
+    EXPECT_LT(in_title[i] / dpr, tx + (at[i] + 1) * cw) << "bar " << i;
+  }
+  // The last bar, pressed where it is seen and dragged two cells left.
+  const int col = static_cast<int>(at.size());
+  const QPoint seen(static_cast<int>(in_title.back() / dpr), ch / 2 + 2);
+  QTest::mousePress(tb->widget, Qt::LeftButton, {}, seen);
+  EXPECT_EQ(tb->widget->cursor().shape(), Qt::SizeAllCursor);
+  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, seen - QPoint(2 * cw, 0));
+  EXPECT_EQ(maxwidth(tb, col), 6);
+  EXPECT_EQ(maxwidth(tb, col - 1), -1);
+
+  // Turned, the tabbox's font still draws: its bars are as tall as the
+  // title's and found at all.
+  fl_set_tabbox_vert(tb);
+  fl_layout_tabbox(tb);
+  ASSERT_EQ(fl_get_tabbox_vert(tb), 1);
+  const QImage turned = tb->widget->grab().toImage();
+  auto turned_bars = [&](int top) {
+    return bars_test::bar_columns(turned, static_cast<int>(top * dpr), static_cast<int>(ch * dpr),
+                                  left, right);
+  };
+  const std::vector<double> turned_title = turned_bars(FL_TABBOX_BW),
+                            turned_line = turned_bars(tabbox_list_y(tb));
+  ASSERT_FALSE(turned_title.empty());
+  ASSERT_EQ(turned_line.size(), turned_title.size());
+  for (size_t i = 0; i < turned_title.size(); ++i)
+    EXPECT_NEAR(turned_line[i], turned_title[i], 0.6) << "bar " << i;
 }
 
 TEST_F(TabboxUi, PopupsOfferTheirChoices) {

@@ -336,6 +336,21 @@ TEST_F(FormsTest, HelpKeyReachesTheCoveringHelpButtonOnly) {
   EXPECT_EQ(g_calls[0].first, help);
   EXPECT_EQ(help->last_key, FL_KEY_HELP);
   EXPECT_TRUE(in->widget->hasFocus());
+
+  // Without one, F1 reaches a dialog's "Hilfe" button through its shortcut.
+  fl_free_form(form);
+  g_calls.clear();
+  form = fl_begin_form(0, 300, 200);
+  in = fl_add_input(FL_NORMAL_INPUT, 80, 10, 100, 21, "A ");
+  help = fl_add_button(FL_NORMAL_BUTTON, 10, 160, 80, 28, "Hilfe");
+  fl_end_form();
+  fl_set_object_shortcut(help, "&1^[", 0);
+  fl_set_object_callback(help, record_call, 0);
+  fl_set_focus_object(form, in);
+  show_and_activate(form);
+  QTest::keyClick(in->widget, Qt::Key_F1);
+  ASSERT_EQ(g_calls.size(), 1u);
+  EXPECT_EQ(g_calls[0].first, help);
 }
 
 TEST_F(FormsTest, NumericInputsDropOtherCharactersAndKeepTheCursor) {

@@ -80,6 +80,51 @@ TEST_F(StatementsTest, SelectListsJoinsAndConditions) {
   EXPECT_EQ(good("SELECT * FROM KUNDE").rows.size(), 3u);
 }
 
+// Queries of one shape share one translation: each binds its own values,
+// also those of its subqueries, and a change of the schema by another
+// channel or a rolled-back one of its own is seen by the next query.
+TEST_F(StatementsTest, QueriesOfOneShapeBindTheirValuesAndFollowTheSchema) {
+  const char *shape = "SELECT AUFTRAG_ID FROM AUFTRAG WHERE KUNDE_ID = %d AND DATUM > '%s' AND "
+                      "AUFTRAG_ID IN (SELECT AUFTRAG_ID FROM AUFTRAG WHERE BETRAG < %d) "
+                      "ORDER BY AUFTRAG_ID";
+  auto query = [&](int kunde, const char *datum, int betrag) {
+    char sql[300];
+    snprintf(sql, sizeof sql, shape, kunde, datum, betrag);
+    return ids(sql);
+  };
+  EXPECT_EQ(query(1, "2003.07.12", 50), V{11});
+  EXPECT_EQ(query(2, "2003.01.01", 10), V{12});
+  EXPECT_EQ(query(1, "2003.01.01", 1000), (V{10, 11}));
+
+  open("SHOP", 1);
+  const char *by_key = "SELECT * FROM KUNDE WHERE KUNDE_ID = 1";
+  const char *ort = "SELECT ORT FROM KUNDE WHERE KUNDE_ID = 1";
+  const char *name = "SELECT NAME FROM KUNDE WHERE KUNDE_ID = 1";
+  EXPECT_EQ(good(by_key).cols.size(), 3u);
+  EXPECT_EQ(good(ort).text(0, 0), "K\xF6ln");
+  good(name);
+  good("DROP TABLE KUNDE", 1);
+  good("CREATE TABLE KUNDE (KUNDE_ID INTEGER, ORT SMALLINT)", 1);
+  good("INSERT INTO KUNDE VALUES (1, 5067)", 1);
+  EXPECT_EQ(good(ort).i16(0, 0), 5067);
+  Answer a = good(by_key);
+  ASSERT_EQ(a.cols.size(), 2u);
+  EXPECT_EQ(a.i16(0, 1), 5067);
+  open("SHOP", 2);
+  EXPECT_EQ(bad(name), bad(name, 2));
+  good("CREATE TABLE NEU (A INTEGER)", 1);
+  EXPECT_EQ(good("SELECT * FROM NEU").cols.size(), 1u);
+
+  // The schema version that a rolled-back change counted up to comes again
+  // with another channel's change.
+  good("BEGIN");
+  good("CREATE TABLE WEG (B INTEGER)");
+  EXPECT_EQ(good("SELECT * FROM WEG").cols.size(), 1u);
+  good("ABORT");
+  good("CREATE TABLE WEG (C SMALLINT, D SMALLINT)", 1);
+  EXPECT_EQ(good("SELECT * FROM WEG").cols.size(), 2u);
+}
+
 TEST_F(StatementsTest, NamesThatDoNotResolveAreRefused) {
   EXPECT_EQ(bad("SELECT * FROM KUNDEN"), "(TAVRIN 301) Tabelle KUNDEN existiert nicht");
   EXPECT_EQ(bad("SELECT NAMEN FROM KUNDE"), "(TAVRIN 303) Attribut NAMEN existiert nicht");

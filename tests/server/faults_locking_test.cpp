@@ -20,6 +20,7 @@
 
 #include "base/msg.h"
 #include "db/client/connect.h"
+#include "db/client/transport.h"
 #include "tests/server/faults_server.h"
 
 namespace {
@@ -91,6 +92,8 @@ public:
     faults::reap(pid_, 0ms);
     pid_ = -1;
   }
+  // Ctrl-C: the client cancels the statement it waits for.
+  void interrupt() { kill(pid_, SIGINT); }
   pid_t pid() const { return pid_; }
 
 private:
@@ -98,6 +101,10 @@ private:
   // statement per line. "CONNECT" failures are reported as "C|<message>".
   [[noreturn]] static void serve(int in, int out) {
     msg_set_handler([](const char *) {});
+    struct sigaction sa {};
+    sa.sa_handler = [](int) { DBcancel(); };
+    sa.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &sa, nullptr);
     FILE *f = fdopen(in, "r");
     auto reply = [out](const std::string &s) {
       std::string line = s + "\n";
@@ -111,6 +118,16 @@ private:
     while (f && fgets(line, sizeof line, f)) {
       std::string s = line, v;
       if (!s.empty() && s.back() == '\n') s.pop_back();
+      if (s == "HOOK") {
+        // From now on a wait hook cancels every statement that is still
+        // waiting after its fifth call (about 250 ms).
+        static int calls = 0;
+        DBset_wait_hook([](void *) {
+          if (++calls == 5) DBcancel();
+        }, nullptr);
+        reply("H|");
+        continue;
+      }
       int st = faults::run(c, s, &v);
       reply(std::to_string(st) + "|" + v);
     }
@@ -432,6 +449,55 @@ TEST_F(Locking, RunawayEndsWithItsClientAndWithTheServer) {
   EXPECT_NE(srv.log_text().find("(TAVRIN 512)"), std::string::npos) << srv.log_text();
   ASSERT_TRUE(srv.restart());
   EXPECT_EQ(amount(1), tuples("100")) << "the open transaction was rolled back";
+}
+
+// A runaway statement of a transaction that holds the write lock runs
+// beside the server: others connect and read (beside the lock) meanwhile.
+// A statement parked for that lock and the runaway itself are cancelled by
+// their clients (515, from a signal handler): nothing of the parked one took
+// effect, and the runaway's transaction goes on. A wait hook can cancel too.
+TEST_F(Locking, RunawayLeavesOthersServedAndCancelStopsItOrALockWait) {
+  start();
+  Client a(srv.ns()), b(srv.ns());
+  ASSERT_TRUE(a.ok() && b.ok());
+  for (int i = 3; i <= 7; ++i)
+    ASSERT_EQ(a.run("INSERT INTO KONTO VALUES (" + std::to_string(i) + ", 1)"), "1|1");
+  std::string join = "SELECT COUNT(*) FROM KONTO A";
+  for (char t = 'B'; t <= 'L'; ++t) join += std::string(", KONTO ") + t;
+  ASSERT_EQ(a.run("BEGIN"), kDone);
+  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 5 WHERE KONTO_ID = 1"), "1|1");
+  a.send(join);
+  std::this_thread::sleep_for(300ms);
+  for (int i = 0; i < 10; ++i) {
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("100"));
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
+  }
+  {
+    Client c(srv.ns());
+    EXPECT_TRUE(c.ok()) << c.greeting();
+  }
+  EXPECT_EQ(a.answer(0ms), "") << "the runaway is still running";
+
+  b.send("UPDATE KONTO SET BETRAG = 7 WHERE KONTO_ID = 2");
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(b.answer(0ms), "") << "the update waits for the lock";
+  b.interrupt();
+  std::string r = b.answer(5s);
+  EXPECT_TRUE(is_error(r, "515")) << r;
+  a.interrupt();
+  r = a.answer(5s);
+  EXPECT_TRUE(is_error(r, "515")) << r;
+  EXPECT_EQ(a.run("COMMIT"), kDone);
+  EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("5"));
+  EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 2"), tuples("100"));
+
+  // The wait hook runs while the client waits and may cancel from there.
+  ASSERT_EQ(b.run("HOOK"), "H|");
+  auto t0 = std::chrono::steady_clock::now();
+  r = b.run(join);
+  EXPECT_TRUE(is_error(r, "515")) << r;
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include "tools_testutil.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 
 namespace {
@@ -123,6 +124,29 @@ TEST_F(TavrinSql, FailuresSetTheExitStatusAndTheDbRulesHold) {
   r = run("$T sql --format xml 'SELECT 1'");
   EXPECT_EQ(r.status, 2);
   EXPECT_NE(r.err.find("unknown format 'xml'"), std::string::npos);
+}
+
+// Ctrl-C stops the running statement: it fails with the server's error 515
+// and the run ends with status 1. A second Ctrl-C while it still waits (the
+// server is held still, so the cancel cannot be answered) ends the program
+// at once, by the signal.
+TEST_F(TavrinSql, CtrlCStopsTheRunningStatementAndTwiceEndsTheProgram) {
+  std::string rows;
+  for (int i = 1; i <= 7; ++i) rows += " 'INSERT INTO S9 VALUES (" + std::to_string(i) + ")'";
+  ASSERT_EQ(run("$T sql -dbdemo 'CREATE TABLE S9 (S9_ID INTEGER)'" + rows).status, 0);
+  std::string join = "SELECT COUNT(*) FROM S9 A";
+  for (char t = 'B'; t <= 'L'; ++t) join += std::string(", S9 ") + t;
+  auto interrupted = [&](const std::string &kills) {
+    return run("$T sql -dbdemo '" + join + "' & p=$!; sleep 1; " + kills + "; wait $p");
+  };
+  Outcome r = interrupted("kill -INT $p");
+  EXPECT_EQ(r.status, 1) << r.err;
+  EXPECT_NE(r.err.find("(TAVRIN 515)"), std::string::npos) << r.err;
+  std::string srv = std::to_string(server->pid());
+  r = interrupted("kill -STOP " + srv + "; kill -INT $p; sleep 0.3; kill -INT $p");
+  kill(server->pid(), SIGCONT);
+  EXPECT_EQ(r.status, 128 + SIGINT) << r.err;
+  EXPECT_EQ(run("$T sql -dbdemo --format csv 'SELECT COUNT(*) FROM S9'").out, "COUNT(*)\n7\n");
 }
 
 // SELECTs stream through a cursor: the first rows are out while the cursor
