@@ -178,7 +178,11 @@ template <typename Fn> void run_query(DBSESSION *session, const std::string &stm
     DBRESULT *result = nullptr;
     std::string too_large;
     auto sent = std::chrono::steady_clock::now();
-    bool ran = zentiq_run_limited(session, stmt, limit, &result, &too_large, &g_why_failed);
+    bool ran = false;
+    {
+      ZqBusyScope busy; // "Abbrechen" after half a second
+      ran = zentiq_run_limited(session, stmt, limit, &result, &too_large, &g_why_failed);
+    }
     double statement_ms = zentiq_ms_since(sent);
     bool cut = false;
     zentiq_status_clear();

@@ -3,11 +3,13 @@
 #include <QLineEdit>
 #include <QPlainTextEdit>
 #include <QTest>
+#include <QTimer>
 
 #include "app/browser.h"
 #include "app/catalog.h"
 #include "app/completion.h"
 #include "app/mainform.h"
+#include "app/querystore.h"
 #include "app/status.h"
 #include "app/viewer.h"
 #include "db/access/session.h"
@@ -137,6 +139,33 @@ TEST_F(ViewerTools, NamesCompleteWithoutRegardToCaseFromTheRightTables) {
   zentiq_choose_completion(m().table, 0);
   fl_set_input(m().sql, "DROP TABLE ZZ_NEU");
   QTest::mouseClick(m().sql_run->widget, Qt::LeftButton);
+  EXPECT_EQ(db_depth(), 0);
+}
+
+TEST_F(ViewerTools, ALongQueryShowsAbbrechenWhichStopsIt) {
+  // A query that runs for ever: after half a second the indicator and
+  // "Abbrechen" show, other buttons take no clicks, "Abbrechen" stops it.
+  int stored = zentiq_store().sql_count, selects = zentiq_store().select_count;
+  bool shown = false, visible = false;
+  QTimer::singleShot(900, [&] {
+    shown = zentiq_busy_shown() != 0;
+    visible = zentiq_cancel_button()->visible != 0;
+    QTest::mouseClick(m().sel_run->widget, Qt::LeftButton); // held back
+    QTest::mouseClick(zentiq_cancel_button()->widget, Qt::LeftButton);
+  });
+  QTimer::singleShot(10000, [] { zentiq_cancel_query(); }); // never left waiting
+  fl_seam_queue_answer(1);
+  fl_set_input(m().table, "KUNDE"); // a SELECT that would run if the click came through
+  fl_set_input(m().sql, "SELECT COUNT(*) FROM POSITION A, POSITION B, POSITION C");
+  QTest::mouseClick(m().sql_run->widget, Qt::LeftButton);
+  EXPECT_TRUE(shown);
+  EXPECT_TRUE(visible);
+  ASSERT_EQ(fl_seam_shown().size(), 1u);
+  EXPECT_NE(fl_seam_shown()[0].text.find("515"), std::string::npos) << fl_seam_shown()[0].text;
+  EXPECT_EQ(zentiq_cancel_button()->visible, 0);
+  EXPECT_EQ(zentiq_status_text(), "");
+  EXPECT_EQ(zentiq_store().sql_count, stored);
+  EXPECT_EQ(zentiq_store().select_count, selects);
   EXPECT_EQ(db_depth(), 0);
 }
 
