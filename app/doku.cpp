@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "app/browser.h"
 #include "app/viewer.h"
 #include "framework/help.h"
 #include "framework/place.h"
@@ -102,6 +103,9 @@ int zentiq_write_manual() {
   FL_FORM *dialogs[] = {d.settings, d.sort, d.exp, d.viewer, d.zoom};
   for (int i = 0; i < 5; ++i)
     if (dialogs[i] && d.help[i]) text += zentiq_manual_section(dialogs[i], d.help[i]);
+  // The table browser with its own.
+  zentiq_build_browser();
+  text += zentiq_manual_section(zentiq_browser().form, zentiq_browser().help);
   text += "</body>\n</html>\n";
   std::unique_ptr<FILE, FileCloser> f(std::fopen(zentiq_manual_filename().c_str(), "w"));
   if (!f) return 0;

@@ -2,18 +2,21 @@
 #include "app/mainform.h"
 
 #include <cctype>
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
 
+#include "app/browser.h"
 #include "app/detail.h"
 #include "app/journaldlg.h"
 #include "app/journalrec.h"
 #include "app/readonly.h"
 #include "app/querystore.h"
 #include "app/resultlimit.h"
+#include "app/status.h"
 #include "app/viewer.h"
 #include "db/access/session.h"
 #include "db/client/exec.h"
@@ -95,22 +98,22 @@ bool fill_result(DBSESSION *session, DBRESULT *result, const std::string &statem
   myfl_init_db_tabbox_no_ini(app.main.form, tb, "ZTQ", zentiq_title, zentiq_new_record, nullptr,
                              nullptr, zentiq_accept_record, zentiq_open_detail);
 
-  std::vector<void *> records;
-  records.reserve(rows > 0 ? rows : 0);
-  std::vector<std::string> values;
+  // Each line gets its values as fields (no line text to parse again) and
+  // the record the detail dialog reads them from; the tabbox owns both.
+  std::vector<MYFL_TABBOX_LINE> lines(rows > 0 ? static_cast<size_t>(rows) : 0);
   for (int r = 0; r < rows; ++r) {
-    values.clear();
+    std::vector<std::string> &values = lines[static_cast<size_t>(r)].fields;
+    values.reserve(static_cast<size_t>(cols));
     // Null values show as empty texts, not as their type's marker.
     for (int c = 0; c < cols; ++c) values.push_back(dbgetshown(session, result, r, c));
-    records.push_back(zentiq_make_record(zentiq_row_text(values)));
+    lines[static_cast<size_t>(r)].record = zentiq_make_record(zentiq_row_text(values));
   }
-  myfl_load_multiple_tabbox(
-      session, tb,
+  myfl_load_tabbox_lines(
+      tb,
       [](DBSESSION *, void *record, int) -> const char * {
         return static_cast<ZqRecord *>(record)->text;
       },
-      records.data(), static_cast<int>(records.size()));
-  for (void *r : records) std::free(r);
+      std::move(lines));
   return cut;
 }
 
@@ -177,11 +180,21 @@ template <typename Fn> void run_query(DBSESSION *session, const std::string &stm
     if (!begin_level(session)) return;
     DBRESULT *result = nullptr;
     std::string too_large;
-    bool ran = zentiq_run_limited(session, stmt, limit, &result, &too_large, &g_why_failed);
+    auto sent = std::chrono::steady_clock::now();
+    bool ran = false;
+    {
+      ZqBusyScope busy; // "Abbrechen" after half a second
+      ran = zentiq_run_limited(session, stmt, limit, &result, &too_large, &g_why_failed);
+    }
+    double statement_ms = zentiq_ms_since(sent);
     bool cut = false;
+    zentiq_status_clear();
     if (ran) {
       if (first) stored();
+      auto show_started = std::chrono::steady_clock::now();
       cut = fill_result(session, result, stmt, limit);
+      zentiq_status_result(dbntuples(session, result), dbnfields(session, result), statement_ms,
+                           show_started);
     }
     dbclear(session, result);
     bool ended = end_level(session);
@@ -258,13 +271,22 @@ int zentiq_end_level(DBSESSION *session) {
 }
 
 std::string zentiq_row_text(const std::vector<std::string> &values) {
+  size_t size = 0;
+  for (const std::string &v : values) size += v.size() + 3;
   std::string out;
+  out.reserve(size);
   for (size_t i = 0; i < values.size(); ++i) {
-    if (i) out += ",";
+    if (i) out += ',';
     out += '"';
-    for (char ch : values[i]) {
-      if (ch == '"' || ch == '\\') out += '\\';
-      out += ch;
+    // Runs without a quote or backslash are copied whole.
+    const std::string &v = values[i];
+    for (size_t at = 0;;) {
+      size_t special = v.find_first_of("\"\\", at);
+      out.append(v, at, special == std::string::npos ? std::string::npos : special - at);
+      if (special == std::string::npos) break;
+      out += '\\';
+      out += v[special];
+      at = special + 1;
     }
     out += '"';
   }
@@ -441,7 +463,8 @@ void zentiq_create_main_form() {
     fl_set_object_resize(o, 100, 0, 20, 0);
   m.sql = input(FL_MULTILINE_INPUT, 20, 170, 680, 81, "", nullptr);
   fl_set_object_resize(m.sql, 0, 100, 20, 20);
-  m.result = fl_add_tabbox(2, 20, 250, 680, 320, "");
+  m.result = fl_add_tabbox(3, 20, 250, 680, 300, ""); // several lines for Ctrl+C
+  zentiq_add_status_line(20, 550, 680, 20);
   fl_set_object_resize(m.result, 0, 100, 40, 60);
   m.database = input(FL_NORMAL_INPUT, 570, 570, 110, 21, "Database ", myfl_cb_cmb_field);
   m.database_button = button(680, 570, 20, 21, "@2->|", myfl_cb_open_cmb, 0);
@@ -452,6 +475,7 @@ void zentiq_create_main_form() {
       20, 570, 100, 21, "Protokoll", [](FL_OBJECT *, long) { fl_show_console(); }, 0);
   fl_set_object_resize(m.log, 0, 0, 100, 0);
   zentiq_add_journal_button(130, 570);
+  zentiq_add_browser_button(235, 570, 100, 21);
   fl_end_form();
 }
 
@@ -556,6 +580,8 @@ void zentiq_run_sql(FL_OBJECT *, long) {
     tell_end_failed(session);
   else
     fl_show_message("Die Abfrage wurde erfolgreich durchgeführt", "", "");
+  // The command may have created or dropped tables.
+  if (ran) zentiq_browser_tables_changed();
 }
 
 void zentiq_set_database(FL_OBJECT *, long) {
@@ -576,6 +602,7 @@ void zentiq_set_database(FL_OBJECT *, long) {
     zentiq_remember_database(code);
   DBclear(r);
   zentiq_ro_update_title(app.main.form);
+  zentiq_browser_follow_database();
 }
 
 namespace {

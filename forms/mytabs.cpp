@@ -126,6 +126,8 @@ FL_TABBOX_HOOK fl_set_tabbox_dialog_hook(int which, FL_TABBOX_HOOK hook) {
     return swap_hook(g_hooks.export_dialog, hook);
   case FL_TABBOX_VIEWER:
     return swap_hook(g_hooks.viewer, hook);
+  case FL_TABBOX_COPY:
+    return swap_hook(g_hooks.copy, hook);
   default:
     return nullptr;
   }
@@ -388,6 +390,18 @@ int raw_at(const FL_TABBOX_REC *r, int p) {
 }
 
 void ensure_layout(FL_OBJECT *obj) { fl_layout_tabbox(obj); }
+
+} // namespace
+
+int mytabs_raw_line(FL_OBJECT *obj, int p) {
+  if (!mytabs_is_tabbox(obj)) return 0;
+  fl_layout_tabbox(obj);
+  FL_TABBOX_REC *r = static_cast<FL_TABBOX_REC *>(obj->priv);
+  if (!r || p < 1 || p > r->line_count) return 0;
+  return raw_at(r, p - 1) + 1;
+}
+
+namespace {
 
 void free_tabbox(FL_OBJECT *obj) {
   delete static_cast<FL_TABBOX_REC *>(obj->priv);

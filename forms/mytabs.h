@@ -136,6 +136,9 @@ void fl_layout_tabbox(FL_OBJECT *obj);
 
 // 1 when obj is a tabbox object, else 0.
 int mytabs_is_tabbox(FL_OBJECT *obj);
+// The raw line (1-based) shown at display position p (1-based) in the
+// current sort order; 0 when there is no such position or obj is no tabbox.
+int mytabs_raw_line(FL_OBJECT *obj, int p);
 // The column slot count of the title as last set (number of "|" plus 2; 0
 // before the first title), without laying out; -1 for anything but a tabbox.
 int mytabs_get_slots(FL_OBJECT *obj);
@@ -176,8 +179,14 @@ FL_TABBOX_HOOK fl_set_tabbox_optimize_hook(FL_TABBOX_HOOK hook);
 // Redraws the tabbox through the framework after a column resize (rebuilding
 // it from its records). Default: fl_draw_tabbox.
 FL_TABBOX_HOOK fl_set_tabbox_refresh_hook(FL_TABBOX_HOOK hook);
-// The framework's dialogs reached from the popup and from F2.
-enum { FL_TABBOX_SORT_DIALOG = 1, FL_TABBOX_EXPORT_DIALOG = 3, FL_TABBOX_VIEWER = 4 };
+// The framework's dialogs reached from the popup and from F2, and what
+// Ctrl+C does in a tabbox (FL_TABBOX_COPY; default: nothing).
+enum {
+  FL_TABBOX_SORT_DIALOG = 1,
+  FL_TABBOX_EXPORT_DIALOG = 3,
+  FL_TABBOX_VIEWER = 4,
+  FL_TABBOX_COPY = 5
+};
 // Sets the opener of one dialog; returns the previous one. Default: none (the
 // choice does nothing).
 FL_TABBOX_HOOK fl_set_tabbox_dialog_hook(int which, FL_TABBOX_HOOK hook);

@@ -727,6 +727,13 @@ bool TabboxWidget::key(int k) {
   case FL_KEY_F1 + 1:
     if (own->viewer && fl_get_tabbox_selectcount(obj) == 1 && h.viewer) h.viewer(obj);
     return true;
+  case 'c':
+  case 'C':
+    if (ctrl && h.copy) {
+      h.copy(obj);
+      return true;
+    }
+    return popup_shortcut(obj, k) != 0;
   default:
     return popup_shortcut(obj, k) != 0;
   }

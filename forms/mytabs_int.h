@@ -120,6 +120,7 @@ struct TabboxHooks {
   FL_TABBOX_HOOK optimize = nullptr;
   FL_TABBOX_HOOK refresh = nullptr;
   FL_TABBOX_HOOK sort_dialog = nullptr, export_dialog = nullptr, viewer = nullptr;
+  FL_TABBOX_HOOK copy = nullptr;
   FL_TABBOX_MODIFIER_HOOK modifier = nullptr;
   FL_TABBOX_KEY_HOOK key = nullptr;
 };

@@ -150,7 +150,13 @@ int rebuild(MYFL_TABBOX *m, const char *given_title) {
   // The stored settings switched the database names: titles from them.
   if (kz != m->kz_dbnames && !given_title && !m->dbnames.empty()) return rebuild(m, nullptr);
   fl_clear_tabbox(tb);
-  for (const MYFL_TABBOX_LINE &l : m->lines) fl_add_tabbox_line(tb, line_text(m, l).c_str());
+  // One alignment for all lines, one buffer reused for each line's text.
+  std::vector<char> right = right_aligned(m, widths.size());
+  std::string text;
+  for (const MYFL_TABBOX_LINE &l : m->lines) {
+    myfl_join_fields_into(l.fields, widths, right, &text);
+    fl_add_tabbox_line(tb, text.c_str());
+  }
   int count = static_cast<int>(m->lines.size());
   if (count == old_count && count > 0) {
     for (int i : selected) fl_select_tabbox_line(tb, i);
@@ -327,6 +333,14 @@ MYFL_FATAL_FUNC myfl_set_tabbox_fatal(MYFL_FATAL_FUNC fn) {
 std::string myfl_join_fields(const std::vector<std::string> &fields, const std::vector<int> &widths,
                              const std::vector<char> &right) {
   std::string out;
+  myfl_join_fields_into(fields, widths, right, &out);
+  return out;
+}
+
+void myfl_join_fields_into(const std::vector<std::string> &fields, const std::vector<int> &widths,
+                           const std::vector<char> &right, std::string *text) {
+  std::string &out = *text;
+  out.clear();
   for (size_t c = 0; c < widths.size(); ++c) {
     if (c) out += " | ";
     const std::string empty;
@@ -338,7 +352,6 @@ std::string myfl_join_fields(const std::vector<std::string> &fields, const std::
     out += f;
     if (!r) out.append(pad, ' ');
   }
-  return out;
 }
 
 int myfl_split_fields(const char *text, std::vector<std::string> *fields, const char *fn) {
@@ -782,6 +795,39 @@ int myfl_load_multiple_tabbox(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE_F
 int myfl_load_multiple_tabbox_1(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE_FUNC line,
                                 void *const *records, int count) {
   return load_list(session, tabbox, line, records, count, true, "myfl_load_multiple_tabbox_1");
+}
+
+int myfl_load_tabbox_lines(FL_OBJECT *tabbox, MYFL_LINE_FUNC line,
+                           std::vector<MYFL_TABBOX_LINE> lines) {
+  MYFL_TABBOX *m = lookup_db(tabbox, "myfl_load_tabbox_lines");
+  m->frozen = 1;
+  m->line_func = line;
+  clear_data(m);
+  int places = fl_get_tabbox_comma(tabbox);
+  int cols = column_count(m);
+  m->lines.reserve(lines.size());
+  for (MYFL_TABBOX_LINE &l : lines) {
+    if (m->filter && !m->filter(l.record)) {
+      std::free(l.record);
+      continue;
+    }
+    if (l.record && m->compare && !myfl_test_tabbox_insert(tabbox, l.record)) {
+      fl_show_message("Eintrag bereits vorhanden", "", "");
+      std::free(l.record);
+      continue;
+    }
+    if (places >= 0)
+      for (size_t c = 0; c < l.fields.size() && c < m->types.size(); ++c)
+        if (m->types[c] == DT_FLOAT || m->types[c] == DT_DOUBLE)
+          apply_decimals(l.fields[c], places);
+    int n = static_cast<int>(l.fields.size());
+    if (cols > 0 && n != cols)
+      msg_print("(addto_tabbox_line) Line is invalid (only %d of %d cols)\n", n, cols);
+    m->lines.push_back(std::move(l));
+    ++m->rows;
+  }
+  m->frozen = 0;
+  return myfl_draw_tabbox(tabbox);
 }
 
 int myfl_get_multiple_tabbox(FL_OBJECT *tabbox, std::vector<void *> *records) {

@@ -204,6 +204,15 @@ int myfl_load_multiple_tabbox(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE_F
                               void *const *records, int count);
 int myfl_load_multiple_tabbox_1(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE_FUNC line,
                                 void *const *records, int count);
+// Lines whose fields the caller has already split (no line texts to parse
+// and no records to copy): they replace the tabbox's lines, each record
+// owned by the tabbox from now on (freed with free(), also when the filter
+// drops its line or the uniqueness test refuses it). The filter, the
+// uniqueness test and the decimal places of floating-point columns apply as
+// for the other loaders; `line` is kept for rebuilding lines from their
+// records later. Draws once; returns as myfl_draw_tabbox.
+int myfl_load_tabbox_lines(FL_OBJECT *tabbox, MYFL_LINE_FUNC line,
+                           std::vector<MYFL_TABBOX_LINE> lines);
 // The records of the selected lines in line order (not copies).
 int myfl_get_multiple_tabbox(FL_OBJECT *tabbox, std::vector<void *> *records);
 
@@ -227,3 +236,7 @@ int myfl_restore_tabbox_state(FL_OBJECT *tabbox);
 // where right[i] is set).
 std::string myfl_join_fields(const std::vector<std::string> &fields, const std::vector<int> &widths,
                              const std::vector<char> &right);
+// The same into *text (replaced), so that a caller joining many lines reuses
+// one buffer.
+void myfl_join_fields_into(const std::vector<std::string> &fields, const std::vector<int> &widths,
+                           const std::vector<char> &right, std::string *text);

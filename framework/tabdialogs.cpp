@@ -16,6 +16,11 @@
 
 #include <sys/stat.h>
 
+#include <QClipboard>
+#include <QFileDialog>
+#include <QGuiApplication>
+
+#include <cctype>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -345,6 +350,49 @@ void build_sort() {
 
 // ---- Export dialog ---------------------------------------------------------------------
 
+// The separator and decimal point typed for CSV: one character each, the
+// separator also "TAB" (any case) or "\t". False after a message when one
+// is missing or longer.
+bool csv_choice(char *separator, char *decimal) {
+  std::string sep = fl_get_input(g_dlg.exp_separator), dec = fl_get_input(g_dlg.exp_decimal);
+  std::string upper = sep;
+  for (char &ch : upper) ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+  if (upper == "TAB" || sep == "\\t") sep = "\t";
+  if (sep.size() != 1 || sep[0] == '"' || sep[0] == '\n' || sep[0] == '\r') {
+    fl_show_message("Ungültiges Trennzeichen",
+                    "Bitte ein Zeichen (kein Anführungszeichen) oder TAB angeben", "");
+    return false;
+  }
+  if (dec.size() != 1) {
+    fl_show_message("Ungültiges Dezimalzeichen", "Bitte genau ein Zeichen angeben", "");
+    return false;
+  }
+  *separator = sep[0];
+  *decimal = dec[0];
+  return true;
+}
+
+// "Durchsuchen...": the file chooser, starting at the name typed; the
+// chosen file goes into the name input.
+void exp_browse_cb(FL_OBJECT *, long) {
+  QString start = QString::fromLatin1(fl_get_input(g_dlg.exp_name));
+  QString file = QFileDialog::getSaveFileName(
+      g_dlg.exp->window, QString::fromLatin1("Datei für den Export"), start,
+      QString::fromLatin1("CSV- und Textdateien (*.csv *.txt);;Alle Dateien (*)"), nullptr,
+      QFileDialog::DontConfirmOverwrite);
+  if (!file.isEmpty()) fl_set_input(g_dlg.exp_name, file.toLatin1().constData());
+}
+
+// The CSV choices are open only while CSV is chosen.
+void exp_format_cb(FL_OBJECT *, long) {
+  for (FL_OBJECT *o : {g_dlg.exp_separator, g_dlg.exp_decimal}) {
+    if (fl_get_button(g_dlg.exp_csv))
+      fl_activate_object(o);
+    else
+      fl_deactivate_object(o);
+  }
+}
+
 void exp_cb(FL_OBJECT *obj, long) {
   FL_OBJECT *tb = g_dlg.tabbox;
   if (!tb) return;
@@ -360,7 +408,16 @@ void exp_cb(FL_OBJECT *obj, long) {
                               0) != 1)
     return;
   std::string text, error;
-  if (!myfl_export_tabbox_text(tb, obj == g_dlg.exp_all, &text, &error)) {
+  int all = obj == g_dlg.exp_all;
+  bool made = false;
+  if (fl_get_button(g_dlg.exp_csv)) {
+    char separator = 0, decimal = 0;
+    if (!csv_choice(&separator, &decimal)) return;
+    made = myfl_export_tabbox_csv(tb, all, separator, decimal, &text, &error);
+  } else {
+    made = myfl_export_tabbox_text(tb, all, &text, &error);
+  }
+  if (!made) {
     if (!error.empty()) fl_show_message(error.c_str(), "", "");
     return;
   }
@@ -374,20 +431,29 @@ void exp_cb(FL_OBJECT *obj, long) {
 void exp_cancel_cb(FL_OBJECT *, long) { myfl_hide_form(g_dlg.exp); }
 
 void build_export() {
-  FL_FORM *f = fl_begin_form(0, 520, 110);
+  FL_FORM *f = fl_begin_form(0, 520, 150);
   g_dlg.exp = f;
-  fl_add_box(FL_UP_BOX, 0, 0, 520, 110, "");
-  g_dlg.exp_name = fl_add_input(FL_NORMAL_INPUT, 100, 15, 300, 25, "Dateiname ");
-  fl_set_input_maxchars(g_dlg.exp_name, 255);
-  g_dlg.exp_shown = fl_add_button(FL_NORMAL_BUTTON, 20, 65, 120, 28, "exp. Tabbox");
-  g_dlg.exp_all = fl_add_button(FL_NORMAL_BUTTON, 150, 65, 120, 28, "exp. alle Daten");
-  g_dlg.exp_cancel = fl_add_button(FL_NORMAL_BUTTON, 290, 65, 100, 28, "Abbrechen");
-  FL_OBJECT *help = g_dlg.help[2] = fl_add_button(FL_NORMAL_BUTTON, 400, 65, 100, 28, "Hilfe");
+  fl_add_box(FL_UP_BOX, 0, 0, 520, 150, "");
+  g_dlg.exp_name = fl_add_input(FL_NORMAL_INPUT, 100, 15, 290, 25, "Dateiname ");
+  fl_set_input_maxchars(g_dlg.exp_name, 4095);
+  g_dlg.exp_browse = fl_add_button(FL_NORMAL_BUTTON, 400, 15, 100, 25, "Durchsuchen...");
+  fl_set_object_callback(g_dlg.exp_browse, exp_browse_cb, 0);
+  g_dlg.exp_csv = fl_add_checkbutton(FL_PUSH_BUTTON, 20, 55, 170, 25, "CSV (RFC 4180, UTF-8)");
+  fl_set_object_callback(g_dlg.exp_csv, exp_format_cb, 0);
+  g_dlg.exp_separator = fl_add_input(FL_NORMAL_INPUT, 300, 55, 50, 25, "Trennzeichen ");
+  fl_set_input(g_dlg.exp_separator, ";");
+  g_dlg.exp_decimal = fl_add_input(FL_NORMAL_INPUT, 470, 55, 30, 25, "Dezimalzeichen ");
+  fl_set_input(g_dlg.exp_decimal, ",");
+  g_dlg.exp_shown = fl_add_button(FL_NORMAL_BUTTON, 20, 105, 120, 28, "exp. Tabbox");
+  g_dlg.exp_all = fl_add_button(FL_NORMAL_BUTTON, 150, 105, 120, 28, "exp. alle Daten");
+  g_dlg.exp_cancel = fl_add_button(FL_NORMAL_BUTTON, 290, 105, 100, 28, "Abbrechen");
+  FL_OBJECT *help = g_dlg.help[2] = fl_add_button(FL_NORMAL_BUTTON, 400, 105, 100, 28, "Hilfe");
   fl_set_object_callback(g_dlg.exp_shown, exp_cb, 0);
   fl_set_object_callback(g_dlg.exp_all, exp_cb, 0);
   fl_set_object_callback(g_dlg.exp_cancel, exp_cancel_cb, 0);
   fl_end_form();
   finish_dialog(f, "Tabbox exportieren", help, "TBEXP_HLP");
+  exp_format_cb(nullptr, 0);
 }
 
 // ---- Viewer ---------------------------------------------------------------------------
@@ -447,6 +513,7 @@ int myfl_create_tabbox_dialogs() {
   fl_set_tabbox_dialog_hook(FL_TABBOX_SORT_DIALOG, myfl_open_tabbox_sort);
   fl_set_tabbox_dialog_hook(FL_TABBOX_EXPORT_DIALOG, myfl_open_tabbox_export);
   fl_set_tabbox_dialog_hook(FL_TABBOX_VIEWER, myfl_open_tabbox_viewer);
+  fl_set_tabbox_dialog_hook(FL_TABBOX_COPY, myfl_copy_tabbox);
   fl_set_editor_zoom_hook(myfl_open_editor_zoom);
   return 1;
 }
@@ -456,6 +523,7 @@ void myfl_free_tabbox_dialogs() {
   fl_set_tabbox_dialog_hook(FL_TABBOX_SORT_DIALOG, nullptr);
   fl_set_tabbox_dialog_hook(FL_TABBOX_EXPORT_DIALOG, nullptr);
   fl_set_tabbox_dialog_hook(FL_TABBOX_VIEWER, nullptr);
+  fl_set_tabbox_dialog_hook(FL_TABBOX_COPY, nullptr);
   fl_set_editor_zoom_hook(nullptr);
   fl_set_tabbox_settings_hook(nullptr);
   fl_set_tabbox_colwidth_hook(nullptr);
@@ -575,6 +643,13 @@ void myfl_open_editor_zoom(FL_OBJECT *input) {
   fl_set_input(g_dlg.zoom_text, input ? fl_get_input(input) : "");
   show(g_dlg.zoom, "Editor-Zoom");
   fl_set_focus_object(g_dlg.zoom, g_dlg.zoom_text);
+}
+
+void myfl_copy_tabbox(FL_OBJECT *tabbox) {
+  std::string text;
+  if (!myfl_copy_tabbox_text(tabbox, &text)) return;
+  if (QClipboard *c = QGuiApplication::clipboard())
+    c->setText(QString::fromLatin1(text.data(), static_cast<qsizetype>(text.size())));
 }
 
 void myfl_close_editor_zoom() { close_form(g_dlg.zoom, "Editor-Zoom-Dialog bereits geschlossen"); }

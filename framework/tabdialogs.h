@@ -1,8 +1,10 @@
 // The framework's tabbox dialogs: "Tabbox Einstellungen" (columns shown and
 // their order, database names, decimal places, maximum width, vertical
 // display, sort keys; written to the settings line), "Sortierung-Tabbox"
-// (sort keys only), "Tabbox exportieren" (TAB-separated text file with the
-// extension "csv"), the "Tabbox-Viewer" (the selected line turned into
+// (sort keys only), "Tabbox exportieren" (a TAB-separated text file, or CSV
+// with a chosen separator and decimal point, with the extension "csv"; the
+// file chosen by name or in a file chooser), Ctrl+C in a tabbox (its
+// selected lines to the clipboard), the "Tabbox-Viewer" (the selected line turned into
 // attribute / value lines) and the "Editor-Zoom" (an editor's text in a large
 // field). Each dialog exists once; myfl_create_tabbox_dialogs builds them and
 // installs them in the tabbox's popup hooks and the editor's zoom hook.
@@ -40,6 +42,9 @@ void myfl_close_tabbox_export();
 void myfl_open_tabbox_viewer(FL_OBJECT *tabbox);
 void myfl_close_tabbox_viewer();
 void myfl_open_editor_zoom(FL_OBJECT *input);
+// Ctrl+C in a tabbox: its selected lines with the title line on the
+// clipboard (tabexport.h's text); nothing when no line is selected.
+void myfl_copy_tabbox(FL_OBJECT *tabbox);
 void myfl_close_editor_zoom();
 
 // The dialogs' forms and their main objects, for tests and the manual.
@@ -56,6 +61,8 @@ struct MYFL_TABBOX_DIALOGS {
             *sort_cancel = nullptr;
   FL_FORM *exp = nullptr;
   FL_OBJECT *exp_name = nullptr, *exp_shown = nullptr, *exp_all = nullptr, *exp_cancel = nullptr;
+  FL_OBJECT *exp_browse = nullptr, *exp_csv = nullptr, *exp_separator = nullptr,
+            *exp_decimal = nullptr;
   FL_FORM *viewer = nullptr;
   FL_OBJECT *viewer_tabbox = nullptr, *viewer_close = nullptr;
   FL_FORM *zoom = nullptr;

@@ -2,6 +2,7 @@
 #include "framework/tabexport.h"
 
 #include "forms/mytabs.h"
+#include "framework/dbtabbox.h"
 
 #include <cstdio>
 #include <cstring>
@@ -54,7 +55,155 @@ std::string export_field(const std::string &line, const Column &c) {
   return f;
 }
 
+// 1 for a plain number: an optional "-", digits, at most one ".", at least
+// one digit.
+bool plain_number(const std::string &f) {
+  size_t i = !f.empty() && f[0] == '-' ? 1 : 0;
+  int dots = 0, digits = 0;
+  for (; i < f.size(); ++i) {
+    if (f[i] == '.')
+      ++dots;
+    else if (f[i] >= '0' && f[i] <= '9')
+      ++digits;
+    else
+      return false;
+  }
+  return digits > 0 && dots <= 1;
+}
+
+// The tabbox as fields: the chosen columns' titles and the lines (all, or
+// the selected ones) in display order.
+struct Fields {
+  std::vector<std::string> title;
+  std::vector<std::vector<std::string>> rows;
+};
+
+bool collect(FL_OBJECT *tabbox, int all, bool selected_only, Fields *out, std::string *error) {
+  int slots = 0, *end, *order, *visible, nsort, *scols, *sdirs, maxwidth, *colmax;
+  if (!fl_get_tabbox_properties(tabbox, &slots, &end, &order, &visible, &nsort, &scols, &sdirs,
+                                &maxwidth, &colmax))
+    return false;
+  const char *ft = fl_get_tabbox_full_title(tabbox);
+  std::string title = ft ? ft : "";
+  std::vector<Column> cols = title_columns(title);
+  if (static_cast<int>(cols.size()) + 1 != slots) {
+    *error = "Es ist ein Fehler aufgetreten (Tabellenanzahl inkonsistent)";
+    return false;
+  }
+  std::vector<int> chosen;
+  for (int k = 1; k < slots; ++k) {
+    int c = all ? k : order[k];
+    if (c >= 1 && c < slots && (all || visible[c])) chosen.push_back(c);
+  }
+  auto cut = [](const std::string &line, const Column &c) {
+    std::string f = c.start < line.size() ? line.substr(c.start, c.width) : std::string();
+    while (!f.empty() && f.back() == ' ') f.pop_back();
+    return f;
+  };
+  for (int c : chosen) out->title.push_back(cut(title, cols[c - 1]));
+  // A managed tabbox keeps each line's fields as they were given.
+  MYFL_TABBOX *m = myfl_find_tabbox(tabbox);
+  int n = fl_get_tabbox_maxline(tabbox);
+  for (int p = 1; p <= n; ++p) {
+    int raw = mytabs_raw_line(tabbox, p);
+    if (selected_only && (raw < 1 || !fl_isselected_tabbox_line(tabbox, raw))) continue;
+    std::vector<std::string> row;
+    if (m && raw >= 1 && raw <= static_cast<int>(m->lines.size())) {
+      const std::vector<std::string> &f = m->lines[static_cast<size_t>(raw - 1)].fields;
+      for (int c : chosen) row.push_back(c - 1 < static_cast<int>(f.size()) ? f[c - 1] : "");
+    } else {
+      const char *l = fl_get_tabbox_full_line(tabbox, p);
+      std::string line = l ? l : "";
+      for (int c : chosen) row.push_back(cut(line, cols[c - 1]));
+    }
+    out->rows.push_back(std::move(row));
+  }
+  return true;
+}
+
+// For each column: whether every non-empty value of it is a plain number.
+std::vector<bool> numeric_columns(const Fields &f) {
+  std::vector<bool> numeric(f.title.size(), true);
+  for (const auto &row : f.rows)
+    for (size_t c = 0; c < row.size() && c < numeric.size(); ++c)
+      if (!row[c].empty() && !plain_number(row[c])) numeric[c] = false;
+  return numeric;
+}
+
 } // namespace
+
+std::string myfl_latin1_to_utf8(const std::string &text) {
+  std::string out;
+  out.reserve(text.size());
+  for (unsigned char ch : text) {
+    if (ch < 0x80) {
+      out += static_cast<char>(ch);
+    } else {
+      out += static_cast<char>(0xC0 | (ch >> 6));
+      out += static_cast<char>(0x80 | (ch & 0x3F));
+    }
+  }
+  return out;
+}
+
+int myfl_export_tabbox_csv(FL_OBJECT *tabbox, int all, char separator, char decimal,
+                           std::string *text, std::string *error) {
+  text->clear();
+  if (separator == '"' || separator == '\n' || separator == '\r' || separator == '\0') {
+    *error = "Dieses Trennzeichen ist in CSV nicht erlaubt";
+    return 0;
+  }
+  Fields f;
+  if (!collect(tabbox, all, false, &f, error)) return 0;
+  std::vector<bool> numeric = numeric_columns(f);
+  auto add_line = [&](const std::vector<std::string> &fields, bool title) {
+    for (size_t c = 0; c < fields.size(); ++c) {
+      if (c) *text += separator;
+      std::string v = fields[c];
+      if (!title && c < numeric.size() && numeric[c])
+        for (char &ch : v)
+          if (ch == '.') ch = decimal;
+      bool quote = v.find_first_of(std::string("\"\r\n") + separator) != std::string::npos;
+      if (quote) {
+        *text += '"';
+        for (char ch : v) {
+          if (ch == '"') *text += '"';
+          *text += ch;
+        }
+        *text += '"';
+      } else {
+        *text += v;
+      }
+    }
+    *text += "\r\n";
+  };
+  add_line(f.title, true);
+  for (const auto &row : f.rows) add_line(row, false);
+  *text = myfl_latin1_to_utf8(*text);
+  return 1;
+}
+
+int myfl_copy_tabbox_text(FL_OBJECT *tabbox, std::string *text) {
+  text->clear();
+  Fields f;
+  std::string error;
+  if (!collect(tabbox, 0, true, &f, &error) || f.rows.empty()) return 0;
+  std::vector<bool> numeric = numeric_columns(f);
+  auto add_line = [&](const std::vector<std::string> &fields, bool title) {
+    for (size_t c = 0; c < fields.size(); ++c) {
+      if (c) *text += '\t';
+      for (char ch : fields[c]) {
+        if (ch == '\t' || ch == '\n' || ch == '\r') ch = ' ';
+        if (ch == '.' && !title && c < numeric.size() && numeric[c]) ch = ',';
+        *text += ch;
+      }
+    }
+    *text += '\n';
+  };
+  add_line(f.title, true);
+  for (const auto &row : f.rows) add_line(row, false);
+  return static_cast<int>(f.rows.size());
+}
 
 int myfl_export_tabbox_text(FL_OBJECT *tabbox, int all, std::string *text, std::string *error) {
   text->clear();

@@ -545,7 +545,7 @@ TEST_F(Viewer, MainFormAndDetailDialogGrowWithTheirWindows) {
     }
   int lines = fl_get_tabbox_screenlines(m().result);
   fl_set_form_size(f, 1021, 806);
-  EXPECT_EQ(m().result->widget->geometry(), QRect(20, 330, 980, 440)) << "the result grows most";
+  EXPECT_EQ(m().result->widget->geometry(), QRect(20, 330, 980, 420)) << "the result grows most";
   EXPECT_EQ(m().where->w, 890);
   EXPECT_EQ(m().sql->widget->geometry(), QRect(20, 210, 980, 121));
   EXPECT_GT(fl_get_tabbox_screenlines(m().result), lines + 5);
@@ -553,7 +553,7 @@ TEST_F(Viewer, MainFormAndDetailDialogGrowWithTheirWindows) {
   EXPECT_EQ(m().database_button->widget->geometry(), QRect(980, 770, 20, 21)) << "corner kept";
   EXPECT_EQ(m().log->widget->geometry(), QRect(20, 770, 100, 21));
   fl_set_form_size(f, f->w, f->h);
-  EXPECT_EQ(m().result->widget->geometry(), QRect(20, 250, 680, 320));
+  EXPECT_EQ(m().result->widget->geometry(), QRect(20, 250, 680, 300));
 
   open_detail(1, 0);
   ZqDetailForm &d = app().detail;
@@ -847,7 +847,8 @@ TEST_F(Viewer, ManualOfTheDialogs) {
   std::filesystem::copy_file(std::string(std::getenv("ZENTIQ_SOURCE_DIR")) + "/app/zentiq.hlp",
                              "zentiq.hlp", std::filesystem::copy_options::overwrite_existing);
   for (const char *key :
-       {"ZTQ_HLP", "DZTQ_HLP", "TBSET_HLP", "SORT_HLP", "TBEXP_HLP", "TVIEW_HLP", "ZOOM_HLP"}) {
+       {"ZTQ_HLP", "DZTQ_HLP", "TBSET_HLP", "SORT_HLP", "TBEXP_HLP", "TVIEW_HLP", "ZOOM_HLP",
+        "TABB_HLP"}) {
     std::string text = myfl_read_help(key), error;
     EXPECT_FALSE(text.empty()) << key;
     EXPECT_EQ(myfl_check_html(text.c_str(), &error), 1) << key << ": " << error;

@@ -12,6 +12,9 @@
 #include "forms/mytabs_draw.h"
 #include "tests/framework/framework_testutil.h"
 
+#include <QClipboard>
+#include <QGuiApplication>
+
 namespace {
 
 using zqtest::messages;
@@ -132,6 +135,71 @@ TEST_F(TabDialogs, ExportDialogWritesAndAsksBeforeOverwriting) {
   EXPECT_FALSE(d.exp->visible);
   myfl_close_tabbox_export();
   EXPECT_EQ(messages(), "Export-Tabbox-Dialog bereits geschlossen\n");
+}
+
+// Records of an RFC 4180 text: fields split at `sep` outside quotes, ""
+// inside quotes one quote, records ended by CR LF.
+std::vector<std::vector<std::string>> parse_csv(const std::string &t, char sep) {
+  std::vector<std::vector<std::string>> records(1, std::vector<std::string>(1));
+  bool quoted = false;
+  for (size_t i = 0; i < t.size(); ++i) {
+    char c = t[i];
+    if (quoted && c == '"' && i + 1 < t.size() && t[i + 1] == '"')
+      records.back().back() += t[++i];
+    else if (c == '"')
+      quoted = !quoted;
+    else if (!quoted && c == sep)
+      records.back().emplace_back();
+    else if (!quoted && c == '\r' && i + 1 < t.size() && t[i + 1] == '\n' && ++i)
+      records.emplace_back(1);
+    else
+      records.back().back() += c;
+  }
+  records.pop_back(); // after the last CR LF
+  return records;
+}
+
+TEST_F(TabDialogs, CsvExportReadsBackAndCtrlCCopiesTheSelection) {
+  form_ = fl_begin_form(0, 420, 260);
+  tb_ = fl_add_tabbox(3, 10, 10, 400, 240, "");
+  fl_end_form();
+  myfl_init_tabbox(form_, tb_, "Liste", title_fn, nullptr);
+  // Quotes, both separators, a line feed, blanks around a value, umlauts
+  // (Latin-1 in the tabbox), numbers.
+  myfl_addto_tabbox_line(tb_, "\"Anna \\\"A\\\"; Köln, Süd\",1.5,\"Zeile1\nZeile2\"", nullptr);
+  myfl_addto_tabbox_line(tb_, "\" Bea \",-7,\"\"", nullptr);
+  myfl_addto_tabbox_line(tb_, "Cem,12.25,Ulm", nullptr);
+  show_and_activate(form_);
+  fl_layout_tabbox(tb_);
+
+  std::string text, error;
+  ASSERT_EQ(myfl_export_tabbox_csv(tb_, 1, ';', ',', &text, &error), 1) << error;
+  std::vector<std::vector<std::string>> want = {{"Name", "Wert", "Ort"},
+                                                {"Anna \"A\"; K\xC3\xB6ln, S\xC3\xBC"
+                                                 "d",
+                                                 "1,5", "Zeile1\nZeile2"},
+                                                {" Bea ", "-7", ""},
+                                                {"Cem", "12,25", "Ulm"}};
+  EXPECT_EQ(parse_csv(text, ';'), want) << text;
+  // With "," between fields and "." as the decimal point the values stay.
+  ASSERT_EQ(myfl_export_tabbox_csv(tb_, 1, ',', '.', &text, &error), 1);
+  want[1][1] = "1.5";
+  want[3][1] = "12.25";
+  EXPECT_EQ(parse_csv(text, ','), want) << text;
+  EXPECT_EQ(myfl_export_tabbox_csv(tb_, 1, '"', ',', &text, &error), 0);
+
+  // Ctrl+C: the title and the selected lines in display order (sorted by
+  // name, descending), TAB-separated, line feeds inside values as blanks.
+  int col = 1, dir = 0;
+  fl_set_tabbox_sort(tb_, 1, &col, &dir);
+  fl_select_tabbox_line(tb_, 1);
+  fl_select_tabbox_line(tb_, 3);
+  QGuiApplication::clipboard()->clear();
+  QTest::keyClick(tb_->widget, Qt::Key_C, Qt::ControlModifier);
+  EXPECT_EQ(QGuiApplication::clipboard()->text().toLatin1().toStdString(),
+            "Name\tWert\tOrt\nCem\t12,25\tUlm\nAnna \"A\"; Köln, Süd\t1,5\tZeile1 Zeile2\n");
+  fl_deselectall_tabbox(tb_);
+  EXPECT_EQ(myfl_copy_tabbox_text(tb_, &text), 0);
 }
 
 TEST_F(TabDialogs, SettingsDialogWritesTheSettingsLine) {
