@@ -4,6 +4,7 @@
 #include "forms/console.h"
 #include "forms/process.h"
 
+#include <QCoreApplication>
 #include <QFile>
 #include <QImage>
 #include <QPlainTextEdit>
@@ -85,7 +86,7 @@ TEST(DemoTest, ScreenshotOfTheDemoForm) {
   QString program = build ? QString::fromLocal8Bit(build) + QStringLiteral("/forms/forms_demo")
                           : QStringLiteral(QT_TESTCASE_BUILDDIR "/../../forms/forms_demo");
   ASSERT_TRUE(QFile::exists(program)) << program.toStdString();
-  QString png = QString::fromLocal8Bit(::testing::TempDir().c_str()) + QStringLiteral("demo.png");
+  QString png = QString::fromLocal8Bit(::testing::TempDir().c_str()) + QStringLiteral("demo-%1.png").arg(QCoreApplication::applicationPid());
   QFile::remove(png);
   struct Remove {
     QString path;

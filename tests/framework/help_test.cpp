@@ -179,7 +179,8 @@ TEST_F(HelpDialog, ExternalEditorWorksOnTheTemporaryFile) {
   EXPECT_FALSE(d_->edit->active);
   EXPECT_EQ(slurp("hilfetxt.tmp"),
             "<html>\n<body>\n<b>Hallo</b><intern>nur intern</intern>\n</html>\n</body>\n");
-  for (int i = 0; i < 100 && !std::filesystem::exists("editor.log"); ++i) QTest::qWait(20);
+  // The shell makes the file before echo writes to it: wait for the line.
+  for (int i = 0; i < 250 && slurp("editor.log") != "started\n"; ++i) QTest::qWait(20);
   EXPECT_EQ(slurp("editor.log"), "started\n") << "the command ran through the shell";
 
   write_file("hilfetxt.tmp", "<html><head></head>\n<body>\n<p>Extern</p>\n</body></html>\n");
