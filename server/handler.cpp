@@ -112,6 +112,7 @@ void ExecHandler::start(ProtocolServer &srv, const std::shared_ptr<Chan> &chan,
   // this thread goes on with the statement alone.
   bool detached = false;
   const std::function<void()> overrun = [&] {
+    srv.flush_ack();
     if (!need_runner()) return; // no thread to be had: the loop waits
     if (current && !one_way(req, len)) srv.park(chan->id);
     if (req != chan->job_req.data()) chan->job_req.assign(req, req + len);

@@ -308,8 +308,27 @@ void ProtocolServer::handle_chunk() {
     DBwire_put32(a + DBCOMM_CHANNEL_AT, refusal);
     DBwire_put32(a + DBCOMM_LENGTH_AT, reason);
   }
-  client_ack_.set();
+  // The chunk that completes a request is acknowledged together with the
+  // first chunk of its answer (or the parking notice): the client then
+  // wakes once per short request instead of once for the acknowledgement
+  // and once more for the answer. The area holds the answer by then; the
+  // client reads only the channel word after the acknowledgement, and the
+  // answer carries the same channel. Whatever else ends the request's turn
+  // (a one-way request, the loop given up, a chunk that must be taken
+  // first) gives the acknowledgement before it.
+  if (complete.empty()) {
+    client_ack_.set();
+    return;
+  }
+  ack_owed_ = true;
   for (int c : complete) dispatch(c);
+  flush_ack();
+}
+
+void ProtocolServer::flush_ack() {
+  if (!ack_owed_) return;
+  ack_owed_ = false;
+  client_ack_.set();
 }
 
 void ProtocolServer::handshake() {
@@ -562,6 +581,9 @@ bool ProtocolServer::send_chunk(int channel, const unsigned char *head, size_t h
   if (hn) std::memcpy(a + DBCOMM_PAYLOAD_AT, head, hn);
   if (bn) std::memcpy(a + DBCOMM_PAYLOAD_AT + hn, body, bn);
   client_.set();
+  // The request's acknowledgement after the answer's chunk: the client,
+  // woken by it, finds its answer there already.
+  flush_ack();
   if (last) {
     ack_channel_ = channel;
     return true;
@@ -640,19 +662,22 @@ void ProtocolServer::start_activation() {
 // While a parked client takes the exchange back, the answer it waits for
 // goes out as soon as it has set the owner word free; other clients' chunks
 // may come in meanwhile (one of them may hold the mutex the activated client
-// needs). Both are looked at every 20 us for up to 1 ms (at most timeout_ms);
-// a client waiting for its answer is the whole exchange's latency, and a
-// futex wake is not given by a plain store to the owner word.
+// needs). The thread sleeps on the futex of the owner word, which the
+// activated client wakes when it sets the word free, so the answer leaves
+// at once; the sleep is cut into slices of 20 us so that a chunk of the
+// client that took the exchange before the activation began is answered
+// too. Returns after up to 1 ms (at most timeout_ms).
 void ProtocolServer::wait_activation(int timeout_ms) {
   const int64_t end = now_ns() + int64_t(std::min(timeout_ms, 1)) * 1000000;
+  const auto *word = static_cast<const uint32_t *>(owner_.data());
   do {
     if (server_.wait(0) == ipc::WaitResult::Signalled) {
       handle_chunk();
       return;
     }
-    if (owner_word() == DBCOMM_OWNER_FREE) return;
-    struct timespec ts = {0, 20000};
-    nanosleep(&ts, nullptr);
+    const int32_t owner = owner_word();
+    if (owner == DBCOMM_OWNER_FREE) return;
+    ipc::word_wait(word, static_cast<uint32_t>(owner), 20);
   } while (now_ns() < end);
 }
 

@@ -105,7 +105,15 @@ public:
   // the lock up (the server's state is consistent: the request was parked
   // or is one-way) / takes it back before request() returns. Between the
   // two the thread must not touch the server except through wake().
-  void release_loop() { loop_mutex_.unlock(); }
+  // Gives the acknowledgement of the running request's last chunk, which
+  // handle_chunk holds back until the answer is there, if it is still owed
+  // (a request that runs past its budget gives it at once, so that its
+  // client waits for the answer with its wait hook).
+  void flush_ack();
+  void release_loop() {
+    flush_ack();
+    loop_mutex_.unlock();
+  }
   void retake_loop();
   // One turn: waits at most timeout_ms for a chunk and handles it, hands
   // the exchange to a parked client whose answer is ready, notices clients
@@ -225,6 +233,7 @@ private:
   std::deque<int> activations_;
   int activating_ = -1;  // channel handed the exchange, not yet answered
   int ack_channel_ = -1; // its last chunk was sent, its acknowledgement not taken
+  bool ack_owed_ = false; // the chunk that completed the running request is not yet acknowledged
   int64_t last_check_ns_ = 0;
 };
 

@@ -204,7 +204,15 @@ int send_chunk(int channel, const unsigned char *head, size_t hn, const unsigned
   if (hn) std::memcpy(a + DBCOMM_PAYLOAD_AT, head, hn);
   if (bn) std::memcpy(a + DBCOMM_PAYLOAD_AT + hn, body, bn);
   g_tp.server.set();
-  if (g_tp.client_ack.wait(-1, &g_tp.server_proc) != WaitResult::Signalled) {
+  // The server acknowledges a request's last chunk together with the
+  // answer, so this wait may last as long as a statement that keeps the
+  // server busy: the wait hook is called meanwhile, as while the answer is
+  // awaited.
+  WaitResult r;
+  while ((r = g_tp.client_ack.wait(g_hook ? kHookMs : -1, &g_tp.server_proc)) ==
+         WaitResult::Timeout)
+    call_hook();
+  if (r != WaitResult::Signalled) {
     server_ended();
     return -1;
   }

@@ -70,8 +70,9 @@ int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buf
 // from the wait hook.
 void DBcancel(void);
 
-// While the client waits for an answer (also while parked), hook(arg) is
-// called about every 50 ms on the waiting thread (a viewer keeps its window
+// While the client waits for an answer or for the acknowledgement of its
+// request (also while parked), hook(arg) is called about every 50 ms on the
+// waiting thread (a viewer keeps its window
 // alive there and may call DBcancel). A null hook removes it. The hook must
 // not start another request.
 void DBset_wait_hook(void (*hook)(void *arg), void *arg);
