@@ -548,6 +548,17 @@ int DBclient_write(int channel, const void *data, int length) {
            g_tp.channel);
     return 0;
   }
+  // From here until its answer has been read an answer is awaited: a
+  // DBcancel while the request is still being sent or acknowledged is kept
+  // and sent once the client is parked. A write that fails awaits nothing.
+  g_cancel.store(0);
+  g_waiting.store(1);
+  struct Outcome {
+    bool sent = false;
+    ~Outcome() {
+      if (!sent) g_waiting.store(0);
+    }
+  } outcome;
   if (!take_exchange(channel, -1)) return 0;
   const auto *p = static_cast<const unsigned char *>(data);
   const uint32_t total = static_cast<uint32_t>(length);
@@ -561,6 +572,7 @@ int DBclient_write(int channel, const void *data, int length) {
         report("client write: Data missing (expected %d written %d)\n", int(total + 8), w);
       return 0;
     }
+    outcome.sent = true;
     return 1;
   }
   DBwire_put32(head, DBCOMM_PACKET_MAX);
@@ -583,6 +595,7 @@ int DBclient_write(int channel, const void *data, int length) {
     }
     done += n;
   }
+  outcome.sent = true;
   return 1;
 }
 

@@ -8,8 +8,8 @@
 // message area. "TavrinDB_Mutex" is taken by the write and released by the
 // read once the answer is complete, so a whole exchange is exclusive among all
 // clients. A parked client holds nothing; it may take the free exchange for
-// a moment to send the one-way cancel request (DBcancel). Building requests is reqbuf's business, the connection record and
-// the connection-level commands are connect's.
+// a moment to send the one-way cancel request (DBcancel). Building requests is reqbuf's business,
+// the connection record and the connection-level commands are connect's.
 #pragma once
 
 #include <cstdint>
@@ -65,8 +65,9 @@ int DBclient_read(int channel, void *buffer, int size, unsigned char **alloc_buf
 // Asks that the statement this process waits for be stopped: the waiting
 // loop of DBclient_read sends the cancel request (DBREQ_CANCEL) once the
 // server has parked the client, and the statement is answered '0' with
-// error 515 (unless its answer was already on the way). Does nothing when
-// no answer is awaited. Async-signal-safe: callable from a SIGINT handler or
+// error 515 (unless its answer was already on the way). A cancel while the
+// request is still being sent or acknowledged is kept until then. Does
+// nothing when no request is under way. Async-signal-safe: callable from a SIGINT handler or
 // from the wait hook.
 void DBcancel(void);
 
