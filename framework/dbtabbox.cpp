@@ -168,10 +168,12 @@ int rebuild(MYFL_TABBOX *m, const char *given_title) {
   // One alignment for all lines, one buffer reused for each line's text.
   std::vector<char> right = right_aligned(m, widths.size());
   std::string text;
+  fl_batch_tabbox_lines(tb, 1);
   for (const MYFL_TABBOX_LINE &l : m->lines) {
     myfl_join_fields_into(l.fields, widths, right, &text);
     fl_add_tabbox_line(tb, text.c_str());
   }
+  fl_batch_tabbox_lines(tb, 0);
   int count = static_cast<int>(m->lines.size());
   if (count == old_count && count > 0) {
     for (int i : selected) fl_select_tabbox_line(tb, i);
