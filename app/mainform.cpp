@@ -95,18 +95,23 @@ bool fill_result(DBSESSION *session, DBRESULT *result, const std::string &statem
   FL_OBJECT *tb = app.main.result;
   myfl_free_tabbox(tb);
   fl_clear_tabbox(tb);
+  // Every row is shown, so no line filter.
   myfl_init_db_tabbox_no_ini(app.main.form, tb, "ZTQ", zentiq_title, zentiq_new_record, nullptr,
-                             nullptr, zentiq_accept_record, zentiq_open_detail);
+                             nullptr, nullptr, zentiq_open_detail);
+  // A line's record (the text the detail dialog reads its values from) is
+  // made from its fields only when it is asked for: the fields are the
+  // values as they are, and most rows of a large result are never opened.
+  myfl_set_tabbox_recordfunc(tb, [](const std::vector<std::string> &values) {
+    return zentiq_make_record(zentiq_row_text(values));
+  });
 
-  // Each line gets its values as fields (no line text to parse again) and
-  // the record the detail dialog reads them from; the tabbox owns both.
+  // Each line gets its values as fields (no line text to parse again).
   std::vector<MYFL_TABBOX_LINE> lines(rows > 0 ? static_cast<size_t>(rows) : 0);
   for (int r = 0; r < rows; ++r) {
     std::vector<std::string> &values = lines[static_cast<size_t>(r)].fields;
     values.reserve(static_cast<size_t>(cols));
     // Null values show as empty texts, not as their type's marker.
     for (int c = 0; c < cols; ++c) values.push_back(dbgetshown(session, result, r, c));
-    lines[static_cast<size_t>(r)].record = zentiq_make_record(zentiq_row_text(values));
   }
   myfl_load_tabbox_lines(
       tb,

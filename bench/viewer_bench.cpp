@@ -5,8 +5,9 @@
 //     columns, against loading the same rows from the same server over the
 //     same connection (and the same text of each value) into a
 //     QStandardItemModel shown in a QTableView up to its first page drawn.
-//     The two alternate; the best of each counts. Target: viewer <= 0.5 x
-//     table view.
+//     Both windows are shown before the clock starts and both end with their
+//     first page rendered. The two alternate; the best of each counts.
+//     Target: viewer <= 0.5 x table view.
 //   completion_1000_tables_vs_frame — the completion list of the SQL input
 //     for a two-letter prefix over the names of 1 000 tables of 100
 //     attributes each (the statement names no table, so every attribute
@@ -125,10 +126,15 @@ void BM_Viewer(benchmark::State &state) {
 }
 
 // The same rows over the same connection into a QStandardItemModel shown in
-// a QTableView, up to its first page drawn.
+// a QTableView, up to its first page drawn. The view is shown before the
+// clock starts, as the viewer's main form is.
 void BM_TableView(benchmark::State &state) {
   DBSESSION *s = zentiq_app().session;
   for (auto _ : state) {
+    QTableView view;
+    view.resize(680, 320);
+    view.show();
+    QApplication::processEvents();
     Clock::time_point t0 = Clock::now();
     DBRESULT *r = DBexec(s->connection, "SELECT * FROM B8");
     int rows = DBntuples(r), cols = DBnfields(r);
@@ -141,10 +147,7 @@ void BM_TableView(benchmark::State &state) {
         model->setItem(row, c, new QStandardItem(QString::fromLatin1(v.data(), v.size())));
       }
     DBclear(r);
-    QTableView view;
-    view.resize(680, 320);
     view.setModel(model.get());
-    view.show();
     QPixmap page = view.grab();
     double ms = ms_since(t0);
     if (rows != kRows) {
@@ -153,6 +156,7 @@ void BM_TableView(benchmark::State &state) {
     }
     state.SetIterationTime(ms / 1000);
     if (g_view_best < 0 || ms < g_view_best) g_view_best = ms;
+    view.setModel(nullptr); // the model goes first, outside the clock
   }
 }
 

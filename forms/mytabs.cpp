@@ -420,7 +420,10 @@ int add_line(FL_OBJECT *obj, const char *text, const char *fn) {
   r->selected.push_back(0);
   r->line_order.push_back(r->line_count);
   ++r->line_count;
-  set_changed(obj, r);
+  if (r->batch)
+    r->changed = 1;
+  else
+    set_changed(obj, r);
   return 1;
 }
 
@@ -583,6 +586,13 @@ int fl_clear_tabbox(FL_OBJECT *obj) {
 
 int fl_add_tabbox_line(FL_OBJECT *obj, const char *text) {
   return add_line(obj, text, "fl_add_tabbox_line");
+}
+
+void fl_batch_tabbox_lines(FL_OBJECT *obj, int on) {
+  FL_TABBOX_REC *r = rec_of(obj, "fl_batch_tabbox_lines");
+  if (!r) return;
+  r->batch = on ? 1 : 0;
+  if (!on && r->changed) set_changed(obj, r);
 }
 
 int fl_addto_tabbox(FL_OBJECT *obj, const char *text) {

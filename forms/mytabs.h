@@ -63,6 +63,10 @@ void fl_set_tabbox_comma(FL_OBJECT *obj, int places);
 int fl_get_tabbox_comma(FL_OBJECT *obj);
 int fl_clear_tabbox(FL_OBJECT *obj);
 int fl_add_tabbox_line(FL_OBJECT *obj, const char *text);
+// Brackets the adding of many lines (on 1, then 0): lines added in between
+// mark the tabbox changed without asking for a redraw each; the end asks for
+// one redraw.
+void fl_batch_tabbox_lines(FL_OBJECT *obj, int on);
 int fl_addto_tabbox(FL_OBJECT *obj, const char *text);
 int fl_insert_tabbox_line(FL_OBJECT *obj, int line, const char *text);
 int fl_delete_tabbox_line(FL_OBJECT *obj, int line);

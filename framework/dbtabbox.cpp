@@ -20,6 +20,21 @@
 
 namespace {
 
+// The record of line i (0-based), made from the line's fields on first use
+// when the line came without one and the tabbox has a record function.
+// Null when neither is there.
+void *record_of(MYFL_TABBOX *m, size_t i) {
+  MYFL_TABBOX_LINE &l = m->lines[i];
+  if (!l.record && m->make_record) l.record = m->make_record(l.fields);
+  return l.record;
+}
+
+// Makes every missing record, before code that walks all of them.
+void all_records(MYFL_TABBOX *m) {
+  if (!m->make_record) return;
+  for (size_t i = 0; i < m->lines.size(); ++i) record_of(m, i);
+}
+
 // Frees a record and everything of a line entry list.
 struct MgrDeleter {
   void operator()(MYFL_TABBOX *m) const {
@@ -153,10 +168,12 @@ int rebuild(MYFL_TABBOX *m, const char *given_title) {
   // One alignment for all lines, one buffer reused for each line's text.
   std::vector<char> right = right_aligned(m, widths.size());
   std::string text;
+  fl_batch_tabbox_lines(tb, 1);
   for (const MYFL_TABBOX_LINE &l : m->lines) {
     myfl_join_fields_into(l.fields, widths, right, &text);
     fl_add_tabbox_line(tb, text.c_str());
   }
+  fl_batch_tabbox_lines(tb, 0);
   int count = static_cast<int>(m->lines.size());
   if (count == old_count && count > 0) {
     for (int i : selected) fl_select_tabbox_line(tb, i);
@@ -468,6 +485,10 @@ void myfl_set_tabbox_db_hooks(FL_OBJECT *tabbox, MYFL_DB_HOOK del, MYFL_DB_HOOK 
   m->insert = insert;
 }
 
+void myfl_set_tabbox_recordfunc(FL_OBJECT *tabbox, MYFL_RECORD_FUNC fn) {
+  lookup(tabbox, "myfl_set_tabbox_recordfunc")->make_record = fn;
+}
+
 void myfl_set_tabbox_kz_dbnames(FL_OBJECT *tabbox, int flag, const char *names) {
   MYFL_TABBOX *m = lookup(tabbox, "myfl_set_tabbox_kz_dbnames");
   m->kz_dbnames = flag ? 1 : 0;
@@ -519,6 +540,7 @@ int myfl_replace_tabbox_line(FL_OBJECT *tabbox, const char *text, void *record) 
   int idx = selected_entry(m);
   if (idx == 0) return 0;
   MYFL_TABBOX_LINE &l = m->lines[idx - 1];
+  record_of(m, static_cast<size_t>(idx - 1));
   if (record && m->compare && !myfl_test_tabbox_unique(tabbox, l.record, record)) {
     fl_show_message("Eintrag bereits vorhanden", "", "");
     return 0;
@@ -547,6 +569,7 @@ int myfl_replace_tabbox_line_idx_1(FL_OBJECT *tabbox, const char *text, void *re
   if (!m->table_data) msg_fatal("(myfl_replace_tabbox_line_idx_1) TABLE_Data not defined\n");
   if (m->lines.empty()) return 0;
   MYFL_TABBOX_LINE &l = m->lines[0];
+  record_of(m, 0);
   if (record && m->compare && !myfl_test_tabbox_unique(tabbox, l.record, record)) {
     fl_show_message("Eintrag bereits vorhanden", "", "");
     return 0;
@@ -576,7 +599,7 @@ int myfl_up_tabbox_line(DBSESSION *session, FL_OBJECT *tabbox) {
   int idx = selected_entry(m);
   if (idx == 0 || !m->line_func) return 0;
   MYFL_TABBOX_LINE &l = m->lines[idx - 1];
-  if (!l.record) return 0;
+  if (!record_of(m, static_cast<size_t>(idx - 1))) return 0;
   Set_ValueDecimals(fl_get_tabbox_comma(tabbox));
   const char *text = m->line_func(session, l.record, m->kz_dbnames);
   std::string copy = text ? text : "";
@@ -589,6 +612,7 @@ int myfl_up_tabbox_line(DBSESSION *session, FL_OBJECT *tabbox) {
 int myfl_reload_tabbox(DBSESSION *session, FL_OBJECT *tabbox) {
   MYFL_TABBOX *m = lookup(tabbox, "myfl_reload_tabbox");
   if (!m->line_func) return 0;
+  all_records(m);
   Set_ValueDecimals(fl_get_tabbox_comma(tabbox));
   for (MYFL_TABBOX_LINE &l : m->lines) {
     if (!l.record) continue;
@@ -602,7 +626,7 @@ int myfl_reload_tabbox(DBSESSION *session, FL_OBJECT *tabbox) {
 int myfl_load_tabbox_line(DBSESSION *session, FL_OBJECT *tabbox) {
   MYFL_TABBOX *m = lookup(tabbox, "myfl_load_tabbox_line");
   int idx = selected_entry(m);
-  if (idx == 0 || !m->lines[idx - 1].record) return 0;
+  if (idx == 0 || !record_of(m, static_cast<size_t>(idx - 1))) return 0;
   int ok = 1;
   if (m->load) {
     begin_level(session);
@@ -616,6 +640,7 @@ int myfl_load_tabbox_line(DBSESSION *session, FL_OBJECT *tabbox) {
 int myfl_test_tabbox_insert(FL_OBJECT *tabbox, const void *record) {
   MYFL_TABBOX *m = lookup(tabbox, "myfl_test_tabbox_insert");
   if (!m->compare || !record) return 1;
+  all_records(m);
   for (size_t i = 1; i < m->lines.size(); ++i)
     if (m->lines[i].record && m->compare(m->lines[i].record, record) == 0) return 0;
   return 1;
@@ -624,6 +649,7 @@ int myfl_test_tabbox_insert(FL_OBJECT *tabbox, const void *record) {
 int myfl_test_tabbox_unique(FL_OBJECT *tabbox, const void *self, const void *record) {
   MYFL_TABBOX *m = lookup(tabbox, "myfl_test_tabbox_unique");
   if (!m->compare || !record) return 1;
+  all_records(m);
   for (size_t i = 1; i < m->lines.size(); ++i) {
     const void *r = m->lines[i].record;
     if (r && r != self && m->compare(r, record) == 0) return 0;
@@ -646,13 +672,13 @@ void *myfl_get_tabbox_item_info(FL_OBJECT *tabbox, int idx) {
     msg_print("(myfl_get_tabbox_item_info) Invalid index (%d)\n", idx);
     return nullptr;
   }
-  return m->lines[idx - 1].record;
+  return record_of(m, static_cast<size_t>(idx - 1));
 }
 
 void *myfl_get_tabbox(FL_OBJECT *tabbox) {
   MYFL_TABBOX *m = lookup(tabbox, "myfl_get_tabbox");
   int idx = selected_entry(m);
-  return idx ? m->lines[idx - 1].record : nullptr;
+  return idx ? record_of(m, static_cast<size_t>(idx - 1)) : nullptr;
 }
 
 int myfl_get_tabbox_items(FL_OBJECT *tabbox) {
@@ -714,8 +740,7 @@ int myfl_load_db_tabbox(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE_FUNC li
     // Programming error (a call the code must never make): fatal by design.
     if (!m->table_new) msg_fatal("(myfl_load_db_tabbox) TABLE_New() not defined\n");
     void *record = m->table_new();
-    while (next && next(table, session, record))
-      load_record(m, session, line, record);
+    while (next && next(table, session, record)) load_record(m, session, line, record);
     std::free(record);
     end_level(session);
   }
@@ -727,9 +752,11 @@ int myfl_save_db_tabbox(DBSESSION *session, FL_OBJECT *tabbox) {
   MYFL_TABBOX *m = lookup_db(tabbox, "myfl_save_db_tabbox");
   int ok = 1;
   begin_level(session);
-  if (m->save)
+  if (m->save) {
+    all_records(m);
     for (MYFL_TABBOX_LINE &l : m->lines)
       if (l.record && !m->save(session, l.record)) ok = 0;
+  }
   end_level(session);
   return ok;
 }
@@ -740,7 +767,8 @@ int myfl_delete_db_tabbox(DBSESSION *session, FL_OBJECT *tabbox) {
   if (idx == 0) return 0;
   int ok = 1;
   begin_level(session);
-  if (m->del && m->lines[idx - 1].record) ok = m->del(session, m->lines[idx - 1].record);
+  if (m->del && record_of(m, static_cast<size_t>(idx - 1)))
+    ok = m->del(session, m->lines[idx - 1].record);
   end_level(session);
   if (ok) myfl_delete_tabbox_line(tabbox);
   return ok;
@@ -805,8 +833,15 @@ int myfl_load_tabbox_lines(FL_OBJECT *tabbox, MYFL_LINE_FUNC line,
   clear_data(m);
   int places = fl_get_tabbox_comma(tabbox);
   int cols = column_count(m);
+  bool rounds = false;
+  if (places >= 0)
+    for (int type : m->types) rounds = rounds || type == DT_FLOAT || type == DT_DOUBLE;
   m->lines.reserve(lines.size());
   for (MYFL_TABBOX_LINE &l : lines) {
+    // A filter or a uniqueness test looks at the record, and decimal places
+    // change the fields the record would be made from later: made now.
+    if (!l.record && m->make_record && (m->filter || m->compare || rounds))
+      l.record = m->make_record(l.fields);
     if (m->filter && !m->filter(l.record)) {
       std::free(l.record);
       continue;
@@ -834,7 +869,7 @@ int myfl_get_multiple_tabbox(FL_OBJECT *tabbox, std::vector<void *> *records) {
   MYFL_TABBOX *m = lookup_db(tabbox, "myfl_get_multiple_tabbox");
   records->clear();
   for (size_t i = 0; i < m->lines.size(); ++i)
-    if (fl_isselected_tabbox_line(tabbox, static_cast<int>(i) + 1) && m->lines[i].record)
+    if (fl_isselected_tabbox_line(tabbox, static_cast<int>(i) + 1) && record_of(m, i))
       records->push_back(m->lines[i].record);
   return static_cast<int>(records->size());
 }
@@ -872,6 +907,7 @@ int _Sort_tabbox(FL_OBJECT *tabbox) {
   // Programming error (a call the code must never make): fatal by design.
   if (!m->sort) msg_fatal("(_Sort_tabbox) Sortfunc not defined\n");
   if (m->lines.size() < 2) return 1;
+  all_records(m);
   std::vector<MYFL_TABBOX_LINE> rest(std::make_move_iterator(m->lines.begin() + 1),
                                      std::make_move_iterator(m->lines.end()));
   if (rest.size() > static_cast<size_t>(MYFL_MAX_SORT_ROWS)) {
@@ -896,7 +932,8 @@ int myfl_save_tabbox_state(FL_OBJECT *tabbox) {
   m->state_record = nullptr;
   m->state_line = selected_entry(m);
   m->state_top = fl_get_tabbox_topline(tabbox);
-  if (m->state_line) m->state_record = copy_record(m->lines[m->state_line - 1].record);
+  if (m->state_line)
+    m->state_record = copy_record(record_of(m, static_cast<size_t>(m->state_line - 1)));
   m->state_saved = 1;
   return 1;
 }
@@ -910,6 +947,7 @@ int myfl_restore_tabbox_state(FL_OBJECT *tabbox) {
   int count = static_cast<int>(m->lines.size());
   int line = 0;
   if (m->state_record && m->compare) {
+    all_records(m);
     for (int i = 0; i < count && !line; ++i)
       if (m->lines[i].record && m->compare(m->lines[i].record, m->state_record) == 0) line = i + 1;
   } else if (m->state_line <= count) {

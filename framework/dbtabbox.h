@@ -49,6 +49,9 @@ using MYFL_LINE_FUNC = const char *(*)(DBSESSION *session, void *record, int kz_
 // the next one and yields 1, 0 at the end.
 using MYFL_FIRST_FUNC = int (*)(void *table, DBSESSION *session);
 using MYFL_NEXT_FUNC = int (*)(void *table, DBSESSION *session, void *record);
+// Record of a line loaded without one, made from its fields when the record
+// is first needed (malloc'ed; the line owns it from then on).
+using MYFL_RECORD_FUNC = void *(*)(const std::vector<std::string> &fields);
 // Database hook on one record (load, save, delete, insert): 1 good, 0 failed.
 using MYFL_DB_HOOK = int (*)(DBSESSION *session, void *record);
 // Line filter: 1 when the record is shown.
@@ -88,7 +91,8 @@ struct MYFL_TABBOX {
   // Saved state (myfl_save_tabbox_state).
   int state_saved = 0, state_top = 0, state_line = 0;
   void *state_record = nullptr;
-  int frozen = 0; // loading: lines are laid out once at the end
+  int frozen = 0;                         // loading: lines are laid out once at the end
+  MYFL_RECORD_FUNC make_record = nullptr; // records of lines loaded without one
 };
 
 // The management record of a registered tabbox, nullptr when it has none.
@@ -133,6 +137,11 @@ void myfl_set_tabbox_sortfunc(FL_OBJECT *tabbox, MYFL_SORT_FUNC fn);
 void myfl_set_tabbox_compfunc(FL_OBJECT *tabbox, MYFL_COMPARE_FUNC fn);
 void myfl_set_tabbox_datafunc(FL_OBJECT *tabbox, MYFL_TABLE_DATA fn);
 void myfl_set_tabbox_db_hooks(FL_OBJECT *tabbox, MYFL_DB_HOOK del, MYFL_DB_HOOK insert);
+// Lines without a record get one from fn when a record is first asked for
+// (by an accessor, a hook, the sort or a uniqueness test), so that a large
+// result does not build a record per line up front. Meant for tabboxes whose
+// fields are the values themselves (no decimal places applied).
+void myfl_set_tabbox_recordfunc(FL_OBJECT *tabbox, MYFL_RECORD_FUNC fn);
 // Database names of the columns (comma-separated field texts, at most 500)
 // shown as titles while flag is 1; names null keeps the names set before.
 void myfl_set_tabbox_kz_dbnames(FL_OBJECT *tabbox, int flag, const char *names);
@@ -210,7 +219,9 @@ int myfl_load_multiple_tabbox_1(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE
 // drops its line or the uniqueness test refuses it). The filter, the
 // uniqueness test and the decimal places of floating-point columns apply as
 // for the other loaders; `line` is kept for rebuilding lines from their
-// records later. Draws once; returns as myfl_draw_tabbox.
+// records later. A line may come without a record when the tabbox has a
+// record function (myfl_set_tabbox_recordfunc). Draws once; returns as
+// myfl_draw_tabbox.
 int myfl_load_tabbox_lines(FL_OBJECT *tabbox, MYFL_LINE_FUNC line,
                            std::vector<MYFL_TABBOX_LINE> lines);
 // The records of the selected lines in line order (not copies).

@@ -571,32 +571,42 @@ const char *dbgetvalue(const DBSESSION *session, DBRESULT *result, int row, int 
 
 std::string dbgetshown(const DBSESSION *session, DBRESULT *result, int row, int column) {
   const char *v = dbgetvalue(session, result, row, column);
-  std::string t = v ? v : "";
-  const void *raw = v ? DBgetrawvalue(result, row, column) : nullptr;
-  if (!raw) return t;
-  switch (DBfieldtype(result, column)) {
-  case DBFT_SMALLINT: {
-    int16_t x;
-    std::memcpy(&x, raw, sizeof x);
-    return x == NULL_SHORT ? "" : t;
+  if (!v) return std::string();
+  // The null marker of the column's type is checked on the raw value (or on
+  // the text for dates), so that the text is copied once, or not at all.
+  const void *raw = DBgetrawvalue(result, row, column);
+  bool null = false;
+  if (raw) {
+    switch (DBfieldtype(result, column)) {
+    case DBFT_SMALLINT: {
+      int16_t x;
+      std::memcpy(&x, raw, sizeof x);
+      null = x == NULL_SHORT;
+      break;
+    }
+    case DBFT_INTEGER: {
+      int32_t x;
+      std::memcpy(&x, raw, sizeof x);
+      null = x == NULL_INT;
+      break;
+    }
+    case DBFT_FLOAT: {
+      double x;
+      std::memcpy(&x, raw, sizeof x);
+      null = DOUBLE_IsNull(x);
+      break;
+    }
+    case DBFT_DATE:
+      null = std::strcmp(v, "1800-01-01") == 0;
+      break;
+    case DBFT_TIMESTAMP:
+      null = std::strcmp(v, "1800-01-01-00.00.00.000000") == 0;
+      break;
+    default:
+      break;
+    }
   }
-  case DBFT_INTEGER: {
-    int32_t x;
-    std::memcpy(&x, raw, sizeof x);
-    return x == NULL_INT ? "" : t;
-  }
-  case DBFT_FLOAT: {
-    double x;
-    std::memcpy(&x, raw, sizeof x);
-    return DOUBLE_IsNull(x) ? "" : t;
-  }
-  case DBFT_DATE:
-    return t == "1800-01-01" ? "" : t;
-  case DBFT_TIMESTAMP:
-    return t == "1800-01-01-00.00.00.000000" ? "" : t;
-  default:
-    return t;
-  }
+  return null ? std::string() : std::string(v);
 }
 
 namespace {

@@ -203,6 +203,47 @@ TEST_F(DbTabbox, RecordSortKeepsItsRowLimit) {
   EXPECT_EQ(id_of(myfl_get_tabbox_item_info(tb_, 502)), 99);
 }
 
+// Records made from a line's fields: counts the calls, keeps the first field
+// as the name (a rounded value would show there).
+int g_made = 0;
+void *record_from(const std::vector<std::string> &f) {
+  ++g_made;
+  return make(std::stoi(f.at(0)), f.at(0).c_str());
+}
+
+TEST_F(DbTabbox, LinesWithoutRecordsGetThemFromTheirFieldsWhenAsked) {
+  myfl_init_db_tabbox(form_, tb_, "Liste", title_nr_name, new_rec, nullptr, nullptr, nullptr,
+                      nullptr);
+  myfl_set_tabbox_recordfunc(tb_, record_from);
+  auto lines = [](std::vector<std::vector<std::string>> rows) {
+    std::vector<MYFL_TABBOX_LINE> out(rows.size());
+    for (size_t i = 0; i < rows.size(); ++i) out[i].fields = rows[i];
+    return out;
+  };
+  g_made = 0;
+  myfl_load_tabbox_lines(tb_, rec_line, lines({{"3", "c"}, {"1", "a"}, {"2", "b"}}));
+  EXPECT_EQ(g_made, 0) << "no record before one is asked for";
+  EXPECT_EQ(field(2, 2), "a");
+  fl_select_tabbox_line(tb_, 2);
+  EXPECT_EQ(id_of(myfl_get_tabbox(tb_)), 1);
+  EXPECT_EQ(myfl_get_tabbox(tb_), myfl_get_tabbox_item_info(tb_, 2)) << "made once, then kept";
+  EXPECT_EQ(g_made, 1);
+  // The record sort walks every record.
+  myfl_set_tabbox_sortfunc(tb_, [](const void *a, const void *b) { return id_of(b) - id_of(a); });
+  EXPECT_EQ(myfl_set_tabbox_sort(tb_), 1);
+  EXPECT_EQ(ids(), (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(g_made, 3);
+
+  // Decimal places change the fields: the records are made from the values
+  // as they came, before the rounding.
+  const int real[] = {9, 11};
+  myfl_set_tabbox_data_def_types(tb_, 2, real);
+  fl_set_tabbox_comma(tb_, 2);
+  myfl_load_tabbox_lines(tb_, rec_line, lines({{"7.5", "x"}}));
+  EXPECT_EQ(field(1, 1), "7.50");
+  EXPECT_STREQ(static_cast<Rec *>(myfl_get_tabbox_item_info(tb_, 1))->name, "7.5");
+}
+
 TEST_F(DbTabbox, LoaderFillsFromTheTableInsideOneLevel) {
   myfl_init_db_tabbox(
       form_, tb_, "Kunden", title_nr_name, new_rec, nullptr, nullptr,
