@@ -5,12 +5,11 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <utility>
 
 #include "access_testutil.h"
 #include "db/access/jrnundo.h"
 #include "db/access/journal.h"
-#include "tavrind_fixture.h"
+#include "served_suite.h"
 
 namespace {
 
@@ -108,26 +107,14 @@ TEST(Journal, FilesArePrivateAndAppendsFollowACutLine) {
   unsetenv("XDG_DATA_HOME");
 }
 
-class JournalServed : public ::testing::Test {
+class JournalServed : public ServedSuite<JournalServed> {
 protected:
-  static tavrind_fixture::Server *server;
-  DBSESSION *s = nullptr;
   std::unique_ptr<ScratchDir> scratch;
   std::string path;
 
-  static void SetUpTestSuite() {
-    server = new tavrind_fixture::Server;
-    if (std::string why; !server->start(why)) {
-      std::fprintf(stderr, "no server: %s\n", why.c_str());
-      delete std::exchange(server, nullptr);
-    }
-  }
-  static void TearDownTestSuite() { delete std::exchange(server, nullptr); }
   void SetUp() override {
-    if (!server) GTEST_SKIP() << "no TAVRIN server could be started";
-    setenv("TAVRIN_NAMESPACE", server->ns().c_str(), 1);
-    db_reset_depth_for_test();
-    ASSERT_EQ(dbinit(&s, "DBSQL/demo"), 1);
+    ServedSuite::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
     scratch = std::make_unique<ScratchDir>();
     path = std::filesystem::current_path().string() + "/j.jrn";
     exec("DROP TABLE JT;");
@@ -135,7 +122,6 @@ protected:
     exec("INSERT INTO JT VALUES (1, 'O''Brien \\\\ \xC4', 2.5, '2003-07-12');");
     exec("INSERT INTO JT VALUES (2, 'zwei', 3, '');");
   }
-  void TearDown() override { dbclose(s); }
   int exec(const std::string &sql) {
     DBRESULT *r = nullptr;
     int outcome = 0;
@@ -182,8 +168,6 @@ protected:
     return all;
   }
 };
-
-tavrind_fixture::Server *JournalServed::server = nullptr;
 
 TEST_F(JournalServed, UndoOfAnUpdateAndOfADeleteRestoresTheRowsAndIsRecorded) {
   std::string one = row(1), two = row(2);
