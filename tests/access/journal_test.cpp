@@ -229,6 +229,12 @@ TEST_F(JournalServed, UndoIsRefusedWhenARowChangedSince) {
   exec("DELETE FROM JT WHERE JT_ID = 1;");
   ASSERT_EQ(jrn_undo(s, path, all[0], &problems, &why, &number), JRN_UNDO_CHANGED);
   EXPECT_EQ(problems[0].what, JrnProblem::GONE);
+  // Two rows with the key: the undo cannot tell which one the change left.
+  exec("INSERT INTO JT VALUES (1, 'eins', 1, '');");
+  exec("INSERT INTO JT VALUES (1, 'zwei', 1, '');");
+  ASSERT_EQ(jrn_undo(s, path, all[0], &problems, &why, &number), JRN_UNDO_CHANGED);
+  EXPECT_EQ(problems[0].what, JrnProblem::DOUBLED);
+  EXPECT_EQ(problems[0].key, "1");
   EXPECT_EQ(entries().size(), 2u); // refused undos leave no entry
 
   // The program ended between the sync and the commit: the entry reads

@@ -113,6 +113,13 @@ TEST_F(Served, StatementHelpersReportTheirOutcomes) {
   EXPECT_EQ(dbupdate(s, "probe", "NAME='neu' WHERE PROBE_ID=2", &r, &outcome), 1);
   dbclear(s, r);
   EXPECT_EQ(value("SELECT NAME FROM PROBE WHERE PROBE_ID = 2"), "neu");
+  // A statement too long for the buffer is refused whole: cut, it could lose
+  // its WHERE.
+  std::string wide = "NAME='weg' WHERE PROBE_ID=2" + std::string(10000, ' ');
+  EXPECT_EQ(dbupdate(s, "probe", wide.c_str(), &r, &outcome), 0);
+  EXPECT_EQ(cap.take(), "UPDATE command failed:\n  Statement of 10044 characters is longer than "
+                        "the limit of 9999\n");
+  EXPECT_EQ(value("SELECT NAME FROM PROBE WHERE PROBE_ID = 2"), "neu");
   EXPECT_EQ(dbinsert(s, "probe", "(NIX) VALUES (1)", &r, &outcome), 0);
   EXPECT_THAT(cap.take(), StartsWith("BAD RESPONSE to INSERT command.\n"));
   dbclear(s, r);
