@@ -452,13 +452,16 @@ TEST_F(TabboxUi, PopupsOfferTheirChoices) {
   fl_seam_queue_popup(1);
   click(tb, line_point(tb, 1), {}, Qt::RightButton);
   EXPECT_EQ(g.sort, 1);
+  fl_set_tabbox_viewer(tb, 0); // the viewer's item goes
+  click(tb, line_point(tb, 1), {}, Qt::RightButton);
+  EXPECT_EQ(fl_seam_shown()[3].items.size(), 3u);
 
   // The application's popup: "#" marks the shortcut letters.
   fl_set_tabbox_popup(tb, "#Kopieren|#Löschen|Info",
                       [](FL_OBJECT *, int item) { g.popup.push_back(item); });
   fl_seam_queue_popup(2);
   click(tb, line_point(tb, 1), {}, Qt::MiddleButton);
-  EXPECT_EQ(fl_seam_shown()[3].items, (std::vector<std::string>{"Kopieren", "Löschen", "Info"}));
+  EXPECT_EQ(fl_seam_shown()[4].items, (std::vector<std::string>{"Kopieren", "Löschen", "Info"}));
   QTest::keyClick(tb->widget, Qt::Key_L);
   QTest::keyClick(tb->widget, Qt::Key_K, Qt::ShiftModifier);
   QTest::keyClick(tb->widget, Qt::Key_I);
