@@ -47,6 +47,6 @@ const bool registered = [] {
 void show_and_activate(FL_FORM *form) {
   fl_show_form(form, FL_PLACE_CENTER, 1, "Test");
   form->window->activateWindow();
-  (void)QTest::qWaitForWindowActive(form->window, 2000);
+  (void)QTest::qWaitForWindowActive(form->window, 10000);
   QApplication::processEvents();
 }
