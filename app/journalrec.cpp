@@ -8,6 +8,7 @@
 
 #include "app/mainform.h"
 #include "app/resultlimit.h"
+#include "app/tokens.h"
 #include "app/viewer.h"
 #include "db/access/jrnundo.h"
 #include "db/access/session.h"
@@ -119,25 +120,6 @@ int told_commit(DBSESSION *session, int done, const std::string &why) {
   return 0;
 }
 
-// Reads the tokens of a statement (a copy: the tokenizer upper-cases words
-// in place) and hands each with its start in the text to fn until fn
-// returns false. False on a lexical error.
-template <typename Fn> bool each_token(const std::string &statement, Fn fn) {
-  std::vector<char> text(statement.begin(), statement.end());
-  text.push_back('\0');
-  auto t = std::make_unique<DBtokenizer>();
-  DBtoken_begin(t.get(), text.data());
-  std::vector<char> message(DB_MSG_SIZE);
-  for (;;) {
-    size_t start = t->pos;
-    while (start < statement.size() && std::isspace(static_cast<unsigned char>(statement[start])))
-      ++start;
-    int r = DBtoken_next(t.get(), message.data());
-    if (r < 0) return false;
-    if (r == 0 || !fn(t->code, t->token, start)) return true;
-  }
-}
-
 // The parts of "INSERT INTO t [(a, ...)] VALUES (v, ...)": the table, the
 // attributes named (none when the list is left out) and each value's text as
 // typed. False when the statement does not have that form.
@@ -151,7 +133,7 @@ bool parse_insert(const std::string &stmt, ZqInsert *ins) {
   int state = 0, depth = 0;
   size_t value_start = 0;
   bool ok = true;
-  bool lexed = each_token(stmt, [&](int code, const char *token, size_t start) {
+  bool lexed = zentiq_each_token(stmt, [&](int code, const char *token, size_t start) {
     switch (state) {
     case 0:
       ok = code == DBTOK_INSERT_INTO;
@@ -328,7 +310,7 @@ int zentiq_run_recorded_change(DBSESSION *session, const std::string &stmt,
 
 int zentiq_is_insert(const std::string &stmt) {
   int first = 0;
-  each_token(stmt, [&](int code, const char *, size_t) {
+  zentiq_each_token(stmt, [&](int code, const char *, size_t) {
     first = code;
     return false;
   });

@@ -14,6 +14,7 @@
 #include "app/journaldlg.h"
 #include "app/journalrec.h"
 #include "app/readonly.h"
+#include "app/tokens.h"
 #include "app/querystore.h"
 #include "app/resultlimit.h"
 #include "app/status.h"
@@ -316,33 +317,12 @@ std::vector<std::string> zentiq_row_values(const char *text) {
   return values;
 }
 
-namespace {
-// Reads the tokens of a statement (a copy: the tokenizer upper-cases words in
-// place) and hands each with its start in the text to fn until fn returns
-// false. Returns false on a lexical error.
-template <typename Fn> bool each_token(const std::string &statement, Fn fn) {
-  std::vector<char> text(statement.begin(), statement.end());
-  text.push_back('\0');
-  auto t = std::make_unique<DBtokenizer>();
-  DBtoken_begin(t.get(), text.data());
-  std::vector<char> message(DB_MSG_SIZE);
-  for (;;) {
-    size_t start = t->pos;
-    while (start < statement.size() && std::isspace(static_cast<unsigned char>(statement[start])))
-      ++start;
-    int r = DBtoken_next(t.get(), message.data());
-    if (r < 0) return false;
-    if (r == 0 || !fn(t->code, t->token, start)) return true;
-  }
-}
-} // namespace
-
 int zentiq_plain_table(const std::string &statement, std::string *table) {
   table->clear();
   int n = 0, from_at = -1;
   bool plain = true;
   std::string name;
-  bool lexed = each_token(statement, [&](int code, const char *token, size_t) {
+  bool lexed = zentiq_each_token(statement, [&](int code, const char *token, size_t) {
     switch (code) {
     case DBTOK_SELECT:
       plain = n == 0; // a second SELECT is a subquery
@@ -384,7 +364,7 @@ int zentiq_change_target(const std::string &statement, ZqChange *change) {
   int n = 0, depth = 0;
   int kind = 0;
   size_t where_at = std::string::npos;
-  bool lexed = each_token(statement, [&](int code, const char *token, size_t start) {
+  bool lexed = zentiq_each_token(statement, [&](int code, const char *token, size_t start) {
     if (n == 0) kind = code;
     if (n == 1 && code == DBTOK_IDENT) change->table = token;
     if (code == DBTOK_LPAREN) ++depth;
