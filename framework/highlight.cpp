@@ -8,19 +8,9 @@
 #include <cctype>
 #include <cstring>
 
-namespace {
+#include "db/client/tokenizer.h"
 
-// The keywords of the dialect, upper case, sorted.
-const char *const kKeywords[] = {
-    "ABORT",     "ALL",     "AND",    "ASC",    "BEGIN",    "BETWEEN",   "BINARY",   "BY",
-    "CHARACTER", "CLOSE",   "COMMIT", "COUNT",  "CREATE",   "CURSOR",    "DATABASE", "DATABASES",
-    "DATE",      "DECLARE", "DELETE", "DESC",   "DISTINCT", "DROP",      "END",      "EXISTS",
-    "FETCH",     "FLOAT",   "FOR",    "FROM",   "IN",       "INDEX",     "INDICES",  "INSERT",
-    "INTEGER",   "INTO",    "LIKE",   "MAX",    "MIN",      "NOT",       "NULL",     "ON",
-    "OR",        "ORDER",   "SAVE",   "SECURE", "SELECT",   "SET",       "SHOW",     "SMALLINT",
-    "STATIC",    "STOP",    "TABLE",  "TABLES", "TIME",     "TIMESTAMP", "UNIQUE",   "UPDATE",
-    "VALUES",    "WHERE",
-};
+namespace {
 
 bool word_char(unsigned char ch) { return std::isalnum(ch) || ch == '_' || ch >= 0xC0; }
 
@@ -70,9 +60,8 @@ int myfl_sql_keyword(std::string_view word) {
   for (size_t i = 0; i < word.size(); ++i)
     up[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(word[i])));
   up[word.size()] = '\0';
-  for (const char *k : kKeywords)
-    if (std::strcmp(k, up) == 0) return 1;
-  return 0;
+  const std::vector<std::string> &words = DBtoken_keyword_words();
+  return std::binary_search(words.begin(), words.end(), std::string_view(up)) ? 1 : 0;
 }
 
 std::vector<MyflSqlSpan> myfl_sql_spans(std::string_view line, bool *in_string,

@@ -19,6 +19,7 @@
 
 #include "base/msg.h"
 #include "db/access/session.h"
+#include "db/client/tokenizer.h"
 #include "tools/term.h"
 
 namespace {
@@ -101,15 +102,6 @@ char *read_line(const std::string &prompt, bool *interrupted) {
 // SHOW TABLES on the first Tab, again after \c, CREATE and DROP).
 
 const char *const kCommands[] = {"\\c", "\\d", "\\di", "\\dt", "\\l", "\\q", "\\timing", "\\?"};
-const char *const kKeywords[] = {
-    "ABORT",     "ALL",     "AND",    "ASC",    "BEGIN",     "BETWEEN", "BINARY",   "BY",
-    "CHARACTER", "CLOSE",   "COMMIT", "COUNT",  "CREATE",    "CURSOR",  "DATABASE", "DATABASES",
-    "DATE",      "DECLARE", "DELETE", "DESC",   "DISTINCT",  "DROP",    "END",      "EXISTS",
-    "FETCH",     "FLOAT",   "FOR",    "FROM",   "IN",        "INDEX",   "INDICES",  "INSERT",
-    "INTEGER",   "INTO",    "LIKE",   "MAX",    "MIN",       "NOT",     "NULL",     "ON",
-    "OR",        "ORDER",   "SAVE",   "SECURE", "SELECT",    "SET",     "SHOW",     "SMALLINT",
-    "STATIC",    "TABLE",   "TABLES", "TIME",   "TIMESTAMP", "UNIQUE",  "UPDATE",   "VALUES",
-    "WHERE"};
 
 struct Completion {
   DBSESSION *session = nullptr;
@@ -174,7 +166,7 @@ char **complete(const char *text, int start, int) {
       if (starts(w)) c.offered.emplace_back(w);
   } else {
     if (!c.tables_read) read_tables();
-    std::vector<std::string> all(std::begin(kKeywords), std::end(kKeywords));
+    std::vector<std::string> all = DBtoken_keyword_words();
     all.insert(all.end(), c.tables.begin(), c.tables.end());
     for (std::string w : all)
       if (starts(w)) {

@@ -3,6 +3,7 @@
 // two- and three-word keywords as single tokens) and identifiers.
 #include "db/client/tokenizer.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -521,4 +522,20 @@ std::vector<std::string> DBsplit_statements(const char *text) {
   }
   out.push_back(cur);
   return out;
+}
+
+const std::vector<std::string> &DBtoken_keyword_words() {
+  static const std::vector<std::string> words = [] {
+    std::vector<std::string> all;
+    for (char c = 'A'; c <= 'Z'; ++c) {
+      KeywordList l = keywords_for(c);
+      for (size_t i = 0; i < l.count; ++i)
+        for (const char *w : l.first[i].word)
+          if (w) all.emplace_back(w);
+    }
+    std::sort(all.begin(), all.end());
+    all.erase(std::unique(all.begin(), all.end()), all.end());
+    return all;
+  }();
+  return words;
 }

@@ -145,3 +145,8 @@ int DBnext_token(int *code, char *text);
 // in order without their ";", white space kept: one piece more than there
 // are such ";" (so "A;" gives "A" and "").
 std::vector<std::string> DBsplit_statements(const char *text);
+
+// Every word of the keyword set (each word of "CREATE UNIQUE INDEX" and the
+// others on its own), upper case, sorted and without repeats: for
+// highlighting and completion. Built once; owned by the tokenizer.
+const std::vector<std::string> &DBtoken_keyword_words();
