@@ -71,6 +71,19 @@ void tell_not_ended(DBSESSION *session) {
                 "Die Änderungen des Befehls wurden nicht gespeichert", "");
 }
 
+// The box of a change that was rolled back: the statement failed (why), or it
+// changed `changed` rows of `table` where `rows` were counted.
+void tell_not_done(DBSESSION *session, bool ran, const std::string &why, long changed, long rows,
+                   const std::string &table) {
+  if (!ran) {
+    tell_failed(session, why);
+    return;
+  }
+  std::string text = std::to_string(changed) + " statt " + std::to_string(rows) + " Zeilen in " +
+                     table + " betroffen";
+  fl_show_error("Änderung wurde zurückgenommen!", text.c_str(), "");
+}
+
 // The change without a journal entry, as the viewer runs it when the user
 // agreed: committed only when the server changed exactly `rows` rows.
 int run_unrecorded(DBSESSION *session, const std::string &stmt, const std::string &table,
@@ -81,13 +94,7 @@ int run_unrecorded(DBSESSION *session, const std::string &stmt, const std::strin
   bool ran = run_change(session, stmt, &changed, &why);
   if (!ran || changed != rows) {
     zentiq_abort_level(session);
-    if (!ran) {
-      tell_failed(session, why);
-    } else {
-      std::string text = std::to_string(changed) + " statt " + std::to_string(rows) +
-                         " Zeilen in " + table + " betroffen";
-      fl_show_error("Änderung wurde zurückgenommen!", text.c_str(), "");
-    }
+    tell_not_done(session, ran, why, changed, rows, table);
     return 0;
   }
   if (!zentiq_end_level(session)) {
@@ -279,13 +286,7 @@ int zentiq_run_recorded_change(DBSESSION *session, const std::string &stmt,
   bool ran = run_change(session, stmt, &changed, &why);
   if (!ran || changed != rows || static_cast<long>(before.size()) != rows) {
     zentiq_abort_level(session);
-    if (!ran) {
-      tell_failed(session, why);
-    } else {
-      std::string text = std::to_string(changed) + " statt " + std::to_string(rows) +
-                         " Zeilen in " + table + " betroffen";
-      fl_show_error("Änderung wurde zurückgenommen!", text.c_str(), "");
-    }
+    tell_not_done(session, ran, why, changed, rows, table);
     return 0;
   }
   e.before = std::move(before);
