@@ -79,8 +79,8 @@ inline pid_t spawn_tavrind(const std::string &data, const std::string &log, cons
   posix_spawn_file_actions_init(&fa);
   posix_spawn_file_actions_addopen(&fa, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
   posix_spawn_file_actions_adddup2(&fa, 1, 2);
-  std::vector<std::string> args = {prog,     "--data", data, "--namespace",
-                                   ns,       "--sync", sync == Sync::Full ? "full" : "normal"};
+  std::vector<std::string> args = {
+      prog, "--data", data, "--namespace", ns, "--sync", sync == Sync::Full ? "full" : "normal"};
   std::vector<char *> argv;
   for (auto &a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
@@ -130,6 +130,16 @@ inline DBCONN *connect_tavrind(pid_t &pid, const std::string &ns) {
   msg_set_handler(old);
   if (!conn) std::fprintf(stderr, "tavrind did not answer\n");
   return conn;
+}
+
+// Runs one statement that answers no rows on `conn`. True when it was done;
+// otherwise the statement's start and the server's text on standard error.
+inline bool exec_done(DBCONN *conn, const std::string &sql) {
+  DBRESULT *r = DBexec(conn, sql.c_str());
+  int st = DBresult_status(r);
+  if (st != DBRES_DONE) std::fprintf(stderr, "%.80s: %s", sql.c_str(), DBresult_error(r));
+  DBclear(r);
+  return st == DBRES_DONE;
 }
 
 // Ends a started process: SIGTERM, up to 5 s for it to finish, then SIGKILL.
@@ -187,8 +197,8 @@ struct PgCluster {
       std::fprintf(stderr, "initdb failed (see %s/setup.log)\n", dir.c_str());
       return false;
     }
-    std::string durability = sync == Sync::Full ? "-c fsync=on -c synchronous_commit=on"
-                                                : "-c fsync=off";
+    std::string durability =
+        sync == Sync::Full ? "-c fsync=on -c synchronous_commit=on" : "-c fsync=off";
     if (run_as_postgres(bin + "/pg_ctl -D " + dir + "/data -l " + dir + "/pg.log -w -t 60 " +
                         "-o \"-k " + dir + " -c listen_addresses='' -p 5432 " + durability +
                         "\" start") != 0) {

@@ -74,13 +74,7 @@ bool start_tavrind() {
   if (g_tav_pid <= 0) return false;
   DBCONN *conn = bench_servers::connect_tavrind(g_tav_pid, g_ns);
   if (!conn) return false;
-  auto ok = [conn](const std::string &sql) {
-    DBRESULT *r = DBexec(conn, sql.c_str());
-    int st = DBresult_status(r);
-    if (st != DBRES_DONE) std::fprintf(stderr, "%.80s: %s", sql.c_str(), DBresult_error(r));
-    DBclear(r);
-    return st == DBRES_DONE;
-  };
+  auto ok = [conn](const std::string &sql) { return bench_servers::exec_done(conn, sql); };
   bool good =
       ok("CREATE DATABASE BENCH") &&
       ok("CREATE TABLE BENCH (BENCH_ID INTEGER NOT NULL, NAME CHARACTER(32), MENGE SMALLINT, "

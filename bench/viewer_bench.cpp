@@ -71,13 +71,7 @@ bool start_server() {
   if (g_pid <= 0) return false;
   DBCONN *conn = bench_servers::connect_tavrind(g_pid, ns);
   if (!conn) return false;
-  auto ok = [conn](const std::string &sql) {
-    DBRESULT *r = DBexec(conn, sql.c_str());
-    int st = DBresult_status(r);
-    if (st != DBRES_DONE) std::fprintf(stderr, "%.80s: %s", sql.c_str(), DBresult_error(r));
-    DBclear(r);
-    return st == DBRES_DONE;
-  };
+  auto ok = [conn](const std::string &sql) { return bench_servers::exec_done(conn, sql); };
   bool good = ok("CREATE DATABASE BENCH") &&
               ok("CREATE TABLE B8 (B8_ID INTEGER NOT NULL, NAME CHARACTER(32), MENGE SMALLINT, "
                  "BETRAG FLOAT, DATUM DATE, ZEIT TIMESTAMP, ORT CHARACTER(20), NR INTEGER)") &&
