@@ -31,6 +31,7 @@
 #include "framework/dbtabbox.h"
 #include "framework/help.h"
 #include "framework/tabdialogs.h"
+#include "tests/app/app_testutil.h"
 #include "tests/framework/framework_testutil.h"
 
 namespace {
@@ -39,19 +40,7 @@ using zqtest::slurp;
 
 class Viewer : public ::testing::Test {
 protected:
-  // The viewer, started once per process on the test server's DEMO
-  // database, with its diagnostics on stderr where death tests see them.
-  static bool started() {
-    static const bool ok = [] {
-      if (!zqtest::test_server()) return false;
-      static char a0[] = "program", a1[] = "-dbDEMO";
-      static char *argv[] = {a0, a1, nullptr};
-      bool up = zentiq_start(2, argv) == 1;
-      msg_set_handler(zqtest::to_stderr);
-      return up;
-    }();
-    return ok;
-  }
+  static bool started() { return zqtest::viewer_started(); }
 
   void SetUp() override {
     if (!started()) GTEST_SKIP() << "no TAVRIN server could be started";
@@ -846,9 +835,8 @@ TEST_F(Viewer, ManualOfTheDialogs) {
   // only allowed tags.
   std::filesystem::copy_file(std::string(std::getenv("ZENTIQ_SOURCE_DIR")) + "/app/zentiq.hlp",
                              "zentiq.hlp", std::filesystem::copy_options::overwrite_existing);
-  for (const char *key :
-       {"ZTQ_HLP", "DZTQ_HLP", "TBSET_HLP", "SORT_HLP", "TBEXP_HLP", "TVIEW_HLP", "ZOOM_HLP",
-        "TABB_HLP"}) {
+  for (const char *key : {"ZTQ_HLP", "DZTQ_HLP", "TBSET_HLP", "SORT_HLP", "TBEXP_HLP", "TVIEW_HLP",
+                          "ZOOM_HLP", "TABB_HLP"}) {
     std::string text = myfl_read_help(key), error;
     EXPECT_FALSE(text.empty()) << key;
     EXPECT_EQ(myfl_check_html(text.c_str(), &error), 1) << key << ": " << error;

@@ -15,6 +15,7 @@
 #include "db/access/session.h"
 #include "forms/dialogs.h"
 #include "framework/combo.h"
+#include "tests/app/app_testutil.h"
 #include "tests/framework/framework_testutil.h"
 
 namespace {
@@ -23,20 +24,7 @@ using Names = std::vector<std::string>;
 
 class ViewerTools : public ::testing::Test {
 protected:
-  // The viewer on DEMO, started once per process (or taken over from the
-  // viewer tests that ran before in the same process).
-  static bool started() {
-    static const bool ok = [] {
-      if (zentiq_app().session) return true;
-      if (!zqtest::test_server()) return false;
-      static char a0[] = "program", a1[] = "-dbDEMO";
-      static char *argv[] = {a0, a1, nullptr};
-      bool up = zentiq_start(2, argv) == 1;
-      msg_set_handler(zqtest::to_stderr);
-      return up;
-    }();
-    return ok;
-  }
+  static bool started() { return zqtest::viewer_started(); }
   void SetUp() override {
     if (!started()) GTEST_SKIP() << "no TAVRIN server could be started";
     fl_seam_clear();
