@@ -95,8 +95,9 @@ bool fill_result(DBSESSION *session, DBRESULT *result, const std::string &statem
   app.result = info;
 
   FL_OBJECT *tb = app.main.result;
-  myfl_free_tabbox(tb);
+  // Cleared first: the tabbox need not make the old result's unshown lines.
   fl_clear_tabbox(tb);
+  myfl_free_tabbox(tb);
   // Every row is shown, so no line filter.
   myfl_init_db_tabbox_no_ini(app.main.form, tb, "ZTQ", zentiq_title, zentiq_new_record, nullptr,
                              nullptr, nullptr, zentiq_open_detail);

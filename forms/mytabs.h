@@ -63,6 +63,19 @@ void fl_set_tabbox_comma(FL_OBJECT *obj, int places);
 int fl_get_tabbox_comma(FL_OBJECT *obj);
 int fl_clear_tabbox(FL_OBJECT *obj);
 int fl_add_tabbox_line(FL_OBJECT *obj, const char *text);
+// Lines made when they are first read: `fn` writes the text of line `line`
+// (0-based, numbered when the source was set) into *text. Every line it
+// makes must have the same length, with the column separators where the
+// title has them (as padded lines have), so that the layout measures one of
+// them for all.
+using FL_TABBOX_LINE_FUNC = void (*)(void *data, int line, std::string *text);
+// Replaces the tabbox's lines (as fl_clear_tabbox) by `count` lines made by
+// fn when drawing, the sort, a search or a copy first reads them, so that a
+// large list costs only the lines that are read. fn and data must stay
+// valid until fl_clear_tabbox, a new source or fl_make_tabbox_lines.
+void fl_set_tabbox_line_source(FL_OBJECT *obj, int count, FL_TABBOX_LINE_FUNC fn, void *data);
+// Makes every line not read yet, so that the source may go away.
+void fl_make_tabbox_lines(FL_OBJECT *obj);
 // Brackets the adding of many lines (on 1, then 0): lines added in between
 // mark the tabbox changed without asking for a redraw each; the end asks for
 // one redraw.

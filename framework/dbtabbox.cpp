@@ -185,6 +185,17 @@ void join_line(const MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l, const std::vecto
   }
 }
 
+// The tabbox's line function: the padded text of line i by the layout of the
+// last rebuild.
+void make_line(void *data, int i, std::string *text) {
+  const MYFL_TABBOX *m = static_cast<const MYFL_TABBOX *>(data);
+  if (i < 0 || static_cast<size_t>(i) >= m->lines.size()) {
+    text->clear();
+    return;
+  }
+  join_line(m, m->lines[static_cast<size_t>(i)], m->widths, m->right, text);
+}
+
 std::string line_text(const MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l) {
   std::string text;
   join_line(m, l, m->widths, right_aligned(m, m->widths.size()), &text);
@@ -221,17 +232,12 @@ int rebuild(MYFL_TABBOX *m, const char *given_title) {
   fl_set_tabbox_title(tb, myfl_join_fields(titles, widths, {}).c_str());
   // The stored settings switched the database names: titles from them.
   if (kz != m->kz_dbnames && !given_title && !m->dbnames.empty()) return rebuild(m, nullptr);
-  fl_clear_tabbox(tb);
-  // One alignment for all lines, one buffer reused for each line's text.
-  std::vector<char> right = right_aligned(m, widths.size());
-  std::string text;
-  fl_batch_tabbox_lines(tb, 1);
-  for (const MYFL_TABBOX_LINE &l : m->lines) {
-    join_line(m, l, widths, right, &text);
-    fl_add_tabbox_line(tb, text.c_str());
-  }
-  fl_batch_tabbox_lines(tb, 0);
+  // The tabbox makes each padded line when it first reads it (the first
+  // page at once, the rest when scrolled to, sorted, searched or copied):
+  // they all have the layout's length and separators.
+  m->right = right_aligned(m, widths.size());
   int count = static_cast<int>(m->lines.size());
+  fl_set_tabbox_line_source(tb, count, make_line, m);
   if (count == old_count && count > 0) {
     for (int i : selected) fl_select_tabbox_line(tb, i);
     if (top >= 1 && top <= count) fl_set_tabbox_topline(tb, top);
@@ -522,6 +528,7 @@ int myfl_init_db_tabbox_no_ini(FL_FORM *form, FL_OBJECT *tabbox, const char *nam
 
 void myfl_free_tabbox(FL_OBJECT *tabbox) {
   lookup(tabbox, "myfl_free_tabbox");
+  fl_make_tabbox_lines(tabbox);
   registry().erase(tabbox);
 }
 
@@ -654,6 +661,8 @@ int myfl_delete_tabbox_line(FL_OBJECT *tabbox) {
   MYFL_TABBOX *m = lookup(tabbox, "myfl_delete_tabbox_line");
   int idx = selected_entry(m);
   if (idx == 0) return 0;
+  // The tabbox's unmade lines are numbered as the lines were before.
+  fl_make_tabbox_lines(tabbox);
   std::free(m->lines[idx - 1].record);
   m->garbage_fields += m->lines[idx - 1].count;
   m->lines.erase(m->lines.begin() + (idx - 1));
@@ -1002,6 +1011,8 @@ int _Sort_tabbox(FL_OBJECT *tabbox) {
     std::move(rest.begin(), rest.end(), m->lines.begin() + 1);
     return 0;
   }
+  // Until the next draw the tabbox shows the lines in their old order.
+  fl_make_tabbox_lines(tabbox);
   for (size_t i = 0; i < rest.size(); ++i)
     for (size_t j = i + 1; j < rest.size(); ++j)
       if (m->sort(rest[i].record, rest[j].record) < 0) std::swap(rest[i], rest[j]);

@@ -151,6 +151,7 @@ struct MYFL_TABBOX {
   MyflFieldStore fields;      // the lines' field texts
   size_t garbage_fields = 0;  // fields in the store that no line uses
   std::vector<int> widths; // column widths of the padded layout
+  std::vector<char> right; // right-aligned columns of the padded layout
   int rows = 0;            // records loaded by the last load
   // Saved state (myfl_save_tabbox_state).
   int state_saved = 0, state_top = 0, state_line = 0;
@@ -194,8 +195,9 @@ int myfl_init_db_tabbox(FL_FORM *form, FL_OBJECT *tabbox, const char *name, MYFL
 int myfl_init_db_tabbox_no_ini(FL_FORM *form, FL_OBJECT *tabbox, const char *name,
                                MYFL_TITLE_FUNC title, MYFL_TABLE_NEW table_new, MYFL_DB_HOOK load,
                                MYFL_DB_HOOK save, MYFL_FILTER_FUNC filter, FL_CALLBACKPTR dblclick);
-// Unregisters and frees records and lines (the tabbox keeps its texts); a
-// tabbox is registered again only after this.
+// Unregisters and frees records and lines (the tabbox keeps its texts: lines
+// it has not shown yet are made first, so clearing the tabbox before is
+// cheaper); a tabbox is registered again only after this.
 void myfl_free_tabbox(FL_OBJECT *tabbox);
 // Empties tabbox, lines and counters, with and without redraw.
 void myfl_free_tabbox_data(FL_OBJECT *tabbox);
