@@ -463,10 +463,7 @@ int add_line(FL_OBJECT *obj, const char *text, const char *fn) {
   r->selected.push_back(0);
   r->line_order.push_back(r->line_count);
   ++r->line_count;
-  if (r->batch)
-    r->changed = 1;
-  else
-    set_changed(obj, r);
+  set_changed(obj, r);
   return 1;
 }
 
@@ -647,13 +644,6 @@ void fl_set_tabbox_line_source(FL_OBJECT *obj, int count, FL_TABBOX_LINE_FUNC fn
 void fl_make_tabbox_lines(FL_OBJECT *obj) {
   FL_TABBOX_REC *r = rec_of(obj, "fl_make_tabbox_lines");
   if (r) r->lines.make_all();
-}
-
-void fl_batch_tabbox_lines(FL_OBJECT *obj, int on) {
-  FL_TABBOX_REC *r = rec_of(obj, "fl_batch_tabbox_lines");
-  if (!r) return;
-  r->batch = on ? 1 : 0;
-  if (!on && r->changed) set_changed(obj, r);
 }
 
 int fl_addto_tabbox(FL_OBJECT *obj, const char *text) {

@@ -80,7 +80,6 @@ struct FL_TABBOX_REC {
   TabboxTexts lines;      // raw lines by raw line number (0-based)
   std::vector<unsigned char> selected;
   int changed = 1;
-  int batch = 0; // adding lines in one go: no redraw asked for per line
   // Per column slot (slot 0 = left edge).
   std::vector<int> col_end, col_width, col_visible, col_order, col_maxwidth;
   std::vector<int> line_order; // display position -> raw line (0-based)

@@ -2,10 +2,11 @@
 // that applications use, and for each of them the application records behind
 // the lines. A managed tabbox receives its lines as comma-separated field
 // texts (a field may be quoted; see myfl_addto_tabbox_line); this module
-// pads the fields into the tabbox's column layout, keeps one record per line,
-// sorts records, tests uniqueness and fills database tabboxes through the
-// application's record-producing hooks inside one BEGIN level of the session
-// layer.
+// keeps the fields of all lines in one store, pads them into the tabbox's
+// column layout (each line when the tabbox first reads it), keeps one record
+// per line, sorts records, tests uniqueness and fills database tabboxes
+// through the application's record-producing hooks inside one BEGIN level of
+// the session layer.
 //
 // The stored presentation (INI settings line) and the dialogs are tabset.h's
 // and tabdialogs.h's: the presentation is applied whenever the title is set
@@ -152,6 +153,8 @@ struct MYFL_TABBOX {
   size_t garbage_fields = 0;  // fields in the store that no line uses
   std::vector<int> widths; // column widths of the padded layout
   std::vector<char> right; // right-aligned columns of the padded layout
+                           // (widths and right: what the tabbox's line
+                           // function pads unmade lines by)
   int rows = 0;            // records loaded by the last load
   // Saved state (myfl_save_tabbox_state).
   int state_saved = 0, state_top = 0, state_line = 0;
