@@ -57,6 +57,15 @@ void TabboxTexts::make(int i) const {
   if (source_) source_(source_data_, static_cast<int>(len_[i]), &self->made_);
   self->ptr_[i] = self->store(made_);
   self->len_[i] = static_cast<uint32_t>(made_.size());
+  if (!has_sample_) {
+    self->sample_ = made_;
+    self->has_sample_ = true;
+  }
+}
+
+std::string_view TabboxTexts::sample(int i) const {
+  if (!has_sample_) make(i);
+  return sample_;
 }
 
 void TabboxTexts::set_source(int count, FL_TABBOX_LINE_FUNC fn, void *data) {
@@ -111,6 +120,8 @@ void TabboxTexts::replace(int i, std::string_view text) {
 void TabboxTexts::clear() {
   source_ = nullptr;
   source_data_ = nullptr;
+  sample_.clear();
+  has_sample_ = false;
   blocks_.clear();
   block_size_.clear();
   used_ = live_ = garbage_ = 0;
@@ -396,12 +407,12 @@ void layout_record(FL_TABBOX_REC *r) {
   r->title = compose(r, t);
   r->line_order = tabbox_sort_order(r);
   int longest = static_cast<int>(r->title.size());
-  // Pending lines all have one shape (see fl_set_tabbox_line_source): the
-  // first of them is measured for all, and the rest stay unmade.
+  // Pending lines all have one shape (see fl_set_tabbox_line_source): one
+  // line made by the source is measured for all, and the rest stay unmade.
   int pending_length = -1;
   for (int i = 0; i < r->line_count; ++i) {
     if (r->lines.pending(i)) {
-      if (pending_length < 0) pending_length = composed_length(r, r->lines.at(i));
+      if (pending_length < 0) pending_length = composed_length(r, r->lines.sample(i));
       longest = std::max(longest, pending_length);
     } else {
       longest = std::max(longest, composed_length(r, r->lines.at(i)));

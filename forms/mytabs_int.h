@@ -38,6 +38,9 @@ public:
     return ptr_[i];
   }
   bool pending(int i) const { return !ptr_[i]; }
+  // The text of the first line the source made, which has the shape of
+  // every pending line; pending line i is made for it when none was yet.
+  std::string_view sample(int i) const;
   // Replaces all lines by `count` pending lines; line i is made by
   // fn(data, i, text) when first read.
   void set_source(int count, FL_TABBOX_LINE_FUNC fn, void *data);
@@ -58,6 +61,8 @@ private:
   FL_TABBOX_LINE_FUNC source_ = nullptr;
   void *source_data_ = nullptr;
   std::string made_; // the text the line function writes into
+  std::string sample_;
+  bool has_sample_ = false;
   std::vector<std::unique_ptr<char[]>> blocks_;
   std::vector<size_t> block_size_;
   size_t used_ = 0;    // bytes used in the last block

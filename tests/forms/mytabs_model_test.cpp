@@ -203,6 +203,8 @@ TEST_F(TabboxModel, LinesFromASourceAreMadeOnceWhenFirstRead) {
   fl_set_tabbox_line_source(tb, 1000, countdown_line, name);
   EXPECT_EQ(fl_get_tabbox_maxline(tb), 1000);
   fl_layout_tabbox(tb);
+  fl_replace_tabbox_line(tb, 1, "Erste |  1000");
+  fl_layout_tabbox(tb);
   EXPECT_EQ(g_made_lines, std::vector<int>{0}) << "the layout measures one line for all";
   EXPECT_STREQ(fl_get_tabbox_full_line(tb, 500), "Zeile |   501");
 
