@@ -118,7 +118,8 @@ bool fill_result(DBSESSION *session, DBRESULT *result, const std::string &statem
   lines.fields.reserve(n_rows * n_cols, 0);
   constexpr size_t kSample = 64;
   for (size_t r = 0; r < n_rows; ++r) {
-    if (r == kSample) lines.fields.reserve(0, lines.fields.chars() / kSample * (n_rows - r) * 5 / 4);
+    if (r == kSample)
+      lines.fields.reserve(0, lines.fields.chars() / kSample * (n_rows - r) * 5 / 4);
     lines.begin_line();
     // Null values show as empty texts, not as their type's marker.
     for (size_t c = 0; c < n_cols; ++c)

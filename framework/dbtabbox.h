@@ -115,9 +115,7 @@ struct MYFL_TABBOX_LINE {
 struct MYFL_TABBOX_LINES {
   MyflFieldStore fields;
   std::vector<MYFL_TABBOX_LINE> lines;
-  void begin_line(void *record = nullptr) {
-    lines.push_back({fields.size(), 0, record});
-  }
+  void begin_line(void *record = nullptr) { lines.push_back({fields.size(), 0, record}); }
   // A field of the line begun last (a line is begun when none was).
   void add_field(std::string_view text) {
     if (lines.empty()) begin_line();
@@ -149,13 +147,13 @@ struct MYFL_TABBOX {
   int sort_enabled = 0;   // sort records at every myfl_draw_tabbox
   std::vector<int> types; // data definition: type id per column (0 none)
   std::vector<MYFL_TABBOX_LINE> lines;
-  MyflFieldStore fields;      // the lines' field texts
-  size_t garbage_fields = 0;  // fields in the store that no line uses
-  std::vector<int> widths; // column widths of the padded layout
-  std::vector<char> right; // right-aligned columns of the padded layout
-                           // (widths and right: what the tabbox's line
-                           // function pads unmade lines by)
-  int rows = 0;            // records loaded by the last load
+  MyflFieldStore fields;     // the lines' field texts
+  size_t garbage_fields = 0; // fields in the store that no line uses
+  std::vector<int> widths;   // column widths of the padded layout
+  std::vector<char> right;   // right-aligned columns of the padded layout
+                             // (widths and right: what the tabbox's line
+                             // function pads unmade lines by)
+  int rows = 0;              // records loaded by the last load
   // Saved state (myfl_save_tabbox_state).
   int state_saved = 0, state_top = 0, state_line = 0;
   void *state_record = nullptr;

@@ -194,9 +194,9 @@ TEST_F(DbTabbox, ReplacedAndDeletedLinesLeaveTheOtherLinesFieldsIntact) {
                            nullptr);
   fl_select_tabbox_line(tb_, 1);
   for (int k = 0; k < 6000; ++k)
-    ASSERT_EQ(myfl_replace_tabbox_line(tb_, ("1,\"Neu, " + std::to_string(k) + "\"").c_str(),
-                                       nullptr),
-              1);
+    ASSERT_EQ(
+        myfl_replace_tabbox_line(tb_, ("1,\"Neu, " + std::to_string(k) + "\"").c_str(), nullptr),
+        1);
   EXPECT_LE(myfl_find_tabbox(tb_)->fields.size(), 2u * 4096 + 100);
   fl_deselectall_tabbox(tb_);
   fl_select_tabbox_line(tb_, 2);
