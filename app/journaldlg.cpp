@@ -135,8 +135,8 @@ void fill_list() {
   while (!table.empty() && table.back() == ' ') table.pop_back();
   const char *code = myfl_get_cmb_code(f.status);
   std::string status = code ? code : "";
-  myfl_free_tabbox(f.list);
   fl_clear_tabbox(f.list);
+  myfl_free_tabbox(f.list);
   myfl_init_db_tabbox_no_ini(f.form, f.list, "JZTQ", list_title, zentiq_new_record, nullptr,
                              nullptr, zentiq_accept_record, show_details);
   std::vector<void *> records;

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "app/browser.h"
@@ -94,25 +95,35 @@ bool fill_result(DBSESSION *session, DBRESULT *result, const std::string &statem
   app.result = info;
 
   FL_OBJECT *tb = app.main.result;
-  myfl_free_tabbox(tb);
+  // Cleared first: the tabbox need not make the old result's unshown lines.
   fl_clear_tabbox(tb);
+  myfl_free_tabbox(tb);
   // Every row is shown, so no line filter.
   myfl_init_db_tabbox_no_ini(app.main.form, tb, "ZTQ", zentiq_title, zentiq_new_record, nullptr,
                              nullptr, nullptr, zentiq_open_detail);
   // A line's record (the text the detail dialog reads its values from) is
   // made from its fields only when it is asked for: the fields are the
   // values as they are, and most rows of a large result are never opened.
-  myfl_set_tabbox_recordfunc(tb, [](const std::vector<std::string> &values) {
-    return zentiq_make_record(zentiq_row_text(values));
+  myfl_set_tabbox_recordfunc(tb, [](const std::vector<std::string_view> &fields) {
+    return zentiq_make_record(zentiq_row_text({fields.begin(), fields.end()}));
   });
 
-  // Each line gets its values as fields (no line text to parse again).
-  std::vector<MYFL_TABBOX_LINE> lines(rows > 0 ? static_cast<size_t>(rows) : 0);
-  for (int r = 0; r < rows; ++r) {
-    std::vector<std::string> &values = lines[static_cast<size_t>(r)].fields;
-    values.reserve(static_cast<size_t>(cols));
+  // Each line gets its values as fields (no line text to parse again), all
+  // of them in one store: its size is guessed from the first rows, so that
+  // it is not copied again and again while it grows.
+  MYFL_TABBOX_LINES lines;
+  size_t n_rows = rows > 0 ? static_cast<size_t>(rows) : 0;
+  size_t n_cols = cols > 0 ? static_cast<size_t>(cols) : 0;
+  lines.lines.reserve(n_rows);
+  lines.fields.reserve(n_rows * n_cols, 0);
+  constexpr size_t kSample = 64;
+  for (size_t r = 0; r < n_rows; ++r) {
+    if (r == kSample)
+      lines.fields.reserve(0, lines.fields.chars() / kSample * (n_rows - r) * 5 / 4);
+    lines.begin_line();
     // Null values show as empty texts, not as their type's marker.
-    for (int c = 0; c < cols; ++c) values.push_back(dbgetshown(session, result, r, c));
+    for (size_t c = 0; c < n_cols; ++c)
+      lines.add_field(dbgetshown(session, result, static_cast<int>(r), static_cast<int>(c)));
   }
   myfl_load_tabbox_lines(
       tb,

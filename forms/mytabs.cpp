@@ -40,12 +40,49 @@ const char *TabboxTexts::store(std::string_view text) {
 }
 
 void TabboxTexts::compact() {
-  // Copies the live texts into fresh blocks and drops the old ones.
+  // Copies the live texts into fresh blocks and drops the old ones; pending
+  // lines stay pending.
   std::vector<std::unique_ptr<char[]>> old_blocks;
   old_blocks.swap(blocks_);
   block_size_.clear();
   used_ = live_ = garbage_ = 0;
-  for (size_t i = 0; i < ptr_.size(); ++i) ptr_[i] = store({ptr_[i], len_[i]});
+  for (size_t i = 0; i < ptr_.size(); ++i)
+    if (ptr_[i]) ptr_[i] = store({ptr_[i], len_[i]});
+}
+
+void TabboxTexts::make(int i) const {
+  // Making a text only fills in what the line already says (see the class).
+  auto *self = const_cast<TabboxTexts *>(this);
+  self->made_.clear();
+  if (source_) source_(source_data_, static_cast<int>(len_[i]), &self->made_);
+  self->ptr_[i] = self->store(made_);
+  self->len_[i] = static_cast<uint32_t>(made_.size());
+  if (!has_sample_) {
+    self->sample_ = made_;
+    self->has_sample_ = true;
+  }
+}
+
+std::string_view TabboxTexts::sample(int i) const {
+  if (!has_sample_) make(i);
+  return sample_;
+}
+
+void TabboxTexts::set_source(int count, FL_TABBOX_LINE_FUNC fn, void *data) {
+  clear();
+  source_ = fn;
+  source_data_ = data;
+  size_t n = static_cast<size_t>(std::max(count, 0));
+  ptr_.assign(n, nullptr);
+  len_.resize(n);
+  for (size_t i = 0; i < n; ++i) len_[i] = static_cast<uint32_t>(i);
+}
+
+void TabboxTexts::make_all() {
+  for (int i = 0; i < size(); ++i)
+    if (!ptr_[i]) make(i);
+  source_ = nullptr;
+  source_data_ = nullptr;
 }
 
 void TabboxTexts::push_back(std::string_view text) {
@@ -61,22 +98,30 @@ void TabboxTexts::insert(int i, std::string_view text) {
 }
 
 void TabboxTexts::erase(int i) {
-  garbage_ += len_[i] + 1;
-  live_ -= len_[i] + 1;
+  if (ptr_[i]) {
+    garbage_ += len_[i] + 1;
+    live_ -= len_[i] + 1;
+  }
   ptr_.erase(ptr_.begin() + i);
   len_.erase(len_.begin() + i);
   if (garbage_ > kBlockSize && garbage_ > live_) compact();
 }
 
 void TabboxTexts::replace(int i, std::string_view text) {
-  garbage_ += len_[i] + 1;
-  live_ -= len_[i] + 1;
+  if (ptr_[i]) {
+    garbage_ += len_[i] + 1;
+    live_ -= len_[i] + 1;
+  }
   ptr_[i] = store(text);
   len_[i] = static_cast<uint32_t>(text.size());
   if (garbage_ > kBlockSize && garbage_ > live_) compact();
 }
 
 void TabboxTexts::clear() {
+  source_ = nullptr;
+  source_data_ = nullptr;
+  sample_.clear();
+  has_sample_ = false;
   blocks_.clear();
   block_size_.clear();
   used_ = live_ = garbage_ = 0;
@@ -362,8 +407,17 @@ void layout_record(FL_TABBOX_REC *r) {
   r->title = compose(r, t);
   r->line_order = tabbox_sort_order(r);
   int longest = static_cast<int>(r->title.size());
-  for (int i = 0; i < r->line_count; ++i)
-    longest = std::max(longest, composed_length(r, r->lines.at(i)));
+  // Pending lines all have one shape (see fl_set_tabbox_line_source): one
+  // line made by the source is measured for all, and the rest stay unmade.
+  int pending_length = -1;
+  for (int i = 0; i < r->line_count; ++i) {
+    if (r->lines.pending(i)) {
+      if (pending_length < 0) pending_length = composed_length(r, r->lines.sample(i));
+      longest = std::max(longest, pending_length);
+    } else {
+      longest = std::max(longest, composed_length(r, r->lines.at(i)));
+    }
+  }
   r->max_display_len = longest;
   if (r->offset >= r->max_display_len) r->offset = 0;
   r->changed = 0;
@@ -420,10 +474,7 @@ int add_line(FL_OBJECT *obj, const char *text, const char *fn) {
   r->selected.push_back(0);
   r->line_order.push_back(r->line_count);
   ++r->line_count;
-  if (r->batch)
-    r->changed = 1;
-  else
-    set_changed(obj, r);
+  set_changed(obj, r);
   return 1;
 }
 
@@ -588,11 +639,22 @@ int fl_add_tabbox_line(FL_OBJECT *obj, const char *text) {
   return add_line(obj, text, "fl_add_tabbox_line");
 }
 
-void fl_batch_tabbox_lines(FL_OBJECT *obj, int on) {
-  FL_TABBOX_REC *r = rec_of(obj, "fl_batch_tabbox_lines");
+void fl_set_tabbox_line_source(FL_OBJECT *obj, int count, FL_TABBOX_LINE_FUNC fn, void *data) {
+  FL_TABBOX_REC *r = rec_of(obj, "fl_set_tabbox_line_source");
   if (!r) return;
-  r->batch = on ? 1 : 0;
-  if (!on && r->changed) set_changed(obj, r);
+  fl_clear_tabbox(obj);
+  int n = std::max(count, 0);
+  r->lines.set_source(n, fn, data);
+  r->selected.assign(static_cast<size_t>(n), 0);
+  r->line_order.resize(static_cast<size_t>(n));
+  for (int i = 0; i < n; ++i) r->line_order[static_cast<size_t>(i)] = i;
+  r->line_count = n;
+  set_changed(obj, r);
+}
+
+void fl_make_tabbox_lines(FL_OBJECT *obj) {
+  FL_TABBOX_REC *r = rec_of(obj, "fl_make_tabbox_lines");
+  if (r) r->lines.make_all();
 }
 
 int fl_addto_tabbox(FL_OBJECT *obj, const char *text) {

@@ -1,6 +1,7 @@
 // The tabbox: the toolkit's multi-column list object (class FL_TABBOX). The
 // application hands it a title and line texts whose columns are separated by
-// "|"; the tabbox keeps those raw texts, derives the texts it shows (columns
+// "|" (or a line function that makes each text when it is first read); the
+// tabbox keeps those raw texts, derives the texts it shows (columns
 // reordered, hidden, cut to maximum widths), keeps a sort order, a selection,
 // a vertical and a horizontal scroll position, and can show its content turned
 // by 90 degrees (vertical display through a companion record).
@@ -63,10 +64,19 @@ void fl_set_tabbox_comma(FL_OBJECT *obj, int places);
 int fl_get_tabbox_comma(FL_OBJECT *obj);
 int fl_clear_tabbox(FL_OBJECT *obj);
 int fl_add_tabbox_line(FL_OBJECT *obj, const char *text);
-// Brackets the adding of many lines (on 1, then 0): lines added in between
-// mark the tabbox changed without asking for a redraw each; the end asks for
-// one redraw.
-void fl_batch_tabbox_lines(FL_OBJECT *obj, int on);
+// Lines made when they are first read: `fn` writes the text of line `line`
+// (0-based, numbered when the source was set) into *text. Every line it
+// makes must have the same length, with the column separators where the
+// title has them (as padded lines have), so that the layout measures one of
+// them for all.
+using FL_TABBOX_LINE_FUNC = void (*)(void *data, int line, std::string *text);
+// Replaces the tabbox's lines (as fl_clear_tabbox) by `count` lines made by
+// fn when drawing, the sort, a search or a copy first reads them, so that a
+// large list costs only the lines that are read. fn and data must stay
+// valid until fl_clear_tabbox, a new source or fl_make_tabbox_lines.
+void fl_set_tabbox_line_source(FL_OBJECT *obj, int count, FL_TABBOX_LINE_FUNC fn, void *data);
+// Makes every line not read yet, so that the source may go away.
+void fl_make_tabbox_lines(FL_OBJECT *obj);
 int fl_addto_tabbox(FL_OBJECT *obj, const char *text);
 int fl_insert_tabbox_line(FL_OBJECT *obj, int line, const char *text);
 int fl_delete_tabbox_line(FL_OBJECT *obj, int line);

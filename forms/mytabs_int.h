@@ -19,11 +19,33 @@
 // length per line. Replacing a line appends its new text; the arena is
 // compacted when more than half of it is garbage. Each text is stored with a
 // terminating zero so that it can be handed out as a C string.
+//
+// Lines may also be pending: set_source puts in lines whose texts the line
+// function makes when they are first read. A pending line has no pointer
+// yet and keeps its number for the line function in place of its length,
+// so that inserting and erasing other lines keeps it in step. Reading makes
+// the text, which does not change what the line says: the readers stay
+// const.
 class TabboxTexts {
 public:
   int size() const { return static_cast<int>(ptr_.size()); }
-  std::string_view at(int i) const { return {ptr_[i], len_[i]}; }
-  const char *c_str(int i) const { return ptr_[i]; }
+  std::string_view at(int i) const {
+    if (!ptr_[i]) make(i);
+    return {ptr_[i], len_[i]};
+  }
+  const char *c_str(int i) const {
+    if (!ptr_[i]) make(i);
+    return ptr_[i];
+  }
+  bool pending(int i) const { return !ptr_[i]; }
+  // The text of the first line the source made, which has the shape of
+  // every pending line; pending line i is made for it when none was yet.
+  std::string_view sample(int i) const;
+  // Replaces all lines by `count` pending lines; line i is made by
+  // fn(data, i, text) when first read.
+  void set_source(int count, FL_TABBOX_LINE_FUNC fn, void *data);
+  // Makes every pending line now.
+  void make_all();
   void push_back(std::string_view text);
   void insert(int i, std::string_view text);
   void erase(int i);
@@ -34,7 +56,13 @@ public:
 
 private:
   const char *store(std::string_view text);
+  void make(int i) const;
   void compact();
+  FL_TABBOX_LINE_FUNC source_ = nullptr;
+  void *source_data_ = nullptr;
+  std::string made_; // the text the line function writes into
+  std::string sample_;
+  bool has_sample_ = false;
   std::vector<std::unique_ptr<char[]>> blocks_;
   std::vector<size_t> block_size_;
   size_t used_ = 0;    // bytes used in the last block
@@ -57,7 +85,6 @@ struct FL_TABBOX_REC {
   TabboxTexts lines;      // raw lines by raw line number (0-based)
   std::vector<unsigned char> selected;
   int changed = 1;
-  int batch = 0; // adding lines in one go: no redraw asked for per line
   // Per column slot (slot 0 = left edge).
   std::vector<int> col_end, col_width, col_visible, col_order, col_maxwidth;
   std::vector<int> line_order; // display position -> raw line (0-based)

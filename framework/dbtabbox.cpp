@@ -25,8 +25,32 @@ namespace {
 // Null when neither is there.
 void *record_of(MYFL_TABBOX *m, size_t i) {
   MYFL_TABBOX_LINE &l = m->lines[i];
-  if (!l.record && m->make_record) l.record = m->make_record(l.fields);
+  if (!l.record && m->make_record) l.record = m->make_record(myfl_line_fields(m, l));
   return l.record;
+}
+
+// Copies the fields the lines use into a fresh store when more than half of
+// the store is garbage. Callers hold no view into the store across it.
+void compact_fields(MYFL_TABBOX *m) {
+  if (m->garbage_fields < 4096 || m->garbage_fields * 2 < m->fields.size()) return;
+  MyflFieldStore fresh;
+  size_t live = m->fields.size() - m->garbage_fields;
+  fresh.reserve(live, m->fields.chars());
+  for (MYFL_TABBOX_LINE &l : m->lines) {
+    size_t first = fresh.size();
+    for (uint32_t i = 0; i < l.count; ++i) fresh.add(m->fields.at(l.first + i));
+    l.first = first;
+  }
+  m->fields = std::move(fresh);
+  m->garbage_fields = 0;
+}
+
+// Gives line l of m the fields `fields`; its old fields become garbage.
+void set_fields(MYFL_TABBOX *m, MYFL_TABBOX_LINE &l, const std::vector<std::string> &fields) {
+  m->garbage_fields += l.count;
+  l.first = m->fields.size();
+  for (const std::string &f : fields) m->fields.add(f);
+  l.count = static_cast<uint32_t>(fields.size());
 }
 
 // Makes every missing record, before code that walks all of them.
@@ -130,8 +154,52 @@ std::vector<char> right_aligned(const MYFL_TABBOX *m, size_t n) {
   return r;
 }
 
+// The padded text of line l into *text (replaced): every line of a layout
+// has the same length and the same separators, so the text is sized once
+// and each field written at its place.
+void join_line(const MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l, const std::vector<int> &widths,
+               const std::vector<char> &right, std::string *text) {
+  size_t total = widths.empty() ? 0 : 3 * (widths.size() - 1);
+  for (int w : widths) total += static_cast<size_t>(std::max(w, 0));
+  // Fields longer than their width (there are none after a rebuild) make
+  // the line longer; the rest of the line moves along.
+  for (size_t c = 0; c < widths.size() && c < l.count; ++c) {
+    size_t n = m->fields.length(l.first + c), w = static_cast<size_t>(std::max(widths[c], 0));
+    if (n > w) total += n - w;
+  }
+  text->resize(total);
+  char *out = text->data();
+  for (size_t c = 0; c < widths.size(); ++c) {
+    if (c) {
+      std::memcpy(out, " | ", 3);
+      out += 3;
+    }
+    std::string_view f = c < l.count ? m->fields.at(l.first + c) : std::string_view();
+    size_t w = static_cast<size_t>(std::max(widths[c], 0));
+    size_t pad = f.size() < w ? w - f.size() : 0;
+    bool r = c < right.size() && right[c];
+    if (r) std::memset(out, ' ', pad), out += pad;
+    if (!f.empty()) std::memcpy(out, f.data(), f.size());
+    out += f.size();
+    if (!r) std::memset(out, ' ', pad), out += pad;
+  }
+}
+
+// The tabbox's line function: the padded text of line i by the layout of the
+// last rebuild.
+void make_line(void *data, int i, std::string *text) {
+  const MYFL_TABBOX *m = static_cast<const MYFL_TABBOX *>(data);
+  if (i < 0 || static_cast<size_t>(i) >= m->lines.size()) {
+    text->clear();
+    return;
+  }
+  join_line(m, m->lines[static_cast<size_t>(i)], m->widths, m->right, text);
+}
+
 std::string line_text(const MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l) {
-  return myfl_join_fields(l.fields, m->widths, right_aligned(m, m->widths.size()));
+  std::string text;
+  join_line(m, l, m->widths, right_aligned(m, m->widths.size()), &text);
+  return text;
 }
 
 // Rebuilds title and lines from the record (widths from all fields), keeps
@@ -142,7 +210,7 @@ int rebuild(MYFL_TABBOX *m, const char *given_title) {
   // Without any title the lines give the number of columns.
   if (!given_title && !m->title && (!m->kz_dbnames || m->dbnames.empty())) {
     size_t most = 0;
-    for (const MYFL_TABBOX_LINE &l : m->lines) most = std::max(most, l.fields.size());
+    for (const MYFL_TABBOX_LINE &l : m->lines) most = std::max<size_t>(most, l.count);
     titles.assign(most, std::string());
   }
   size_t ncols = titles.size();
@@ -150,8 +218,8 @@ int rebuild(MYFL_TABBOX *m, const char *given_title) {
   for (size_t c = 0; c < ncols; ++c)
     widths[c] = std::max<int>(widths[c], static_cast<int>(titles[c].size()));
   for (const MYFL_TABBOX_LINE &l : m->lines)
-    for (size_t c = 0; c < ncols && c < l.fields.size(); ++c)
-      widths[c] = std::max<int>(widths[c], static_cast<int>(l.fields[c].size()));
+    for (size_t c = 0; c < ncols && c < l.count; ++c)
+      widths[c] = std::max<int>(widths[c], static_cast<int>(m->fields.length(l.first + c)));
   m->widths = widths;
 
   int old_count = fl_get_tabbox_maxline(tb);
@@ -164,17 +232,12 @@ int rebuild(MYFL_TABBOX *m, const char *given_title) {
   fl_set_tabbox_title(tb, myfl_join_fields(titles, widths, {}).c_str());
   // The stored settings switched the database names: titles from them.
   if (kz != m->kz_dbnames && !given_title && !m->dbnames.empty()) return rebuild(m, nullptr);
-  fl_clear_tabbox(tb);
-  // One alignment for all lines, one buffer reused for each line's text.
-  std::vector<char> right = right_aligned(m, widths.size());
-  std::string text;
-  fl_batch_tabbox_lines(tb, 1);
-  for (const MYFL_TABBOX_LINE &l : m->lines) {
-    myfl_join_fields_into(l.fields, widths, right, &text);
-    fl_add_tabbox_line(tb, text.c_str());
-  }
-  fl_batch_tabbox_lines(tb, 0);
+  // The tabbox makes each padded line when it first reads it (the first
+  // page at once, the rest when scrolled to, sorted, searched or copied):
+  // they all have the layout's length and separators.
+  m->right = right_aligned(m, widths.size());
   int count = static_cast<int>(m->lines.size());
+  fl_set_tabbox_line_source(tb, count, make_line, m);
   if (count == old_count && count > 0) {
     for (int i : selected) fl_select_tabbox_line(tb, i);
     if (top >= 1 && top <= count) fl_set_tabbox_topline(tb, top);
@@ -182,14 +245,16 @@ int rebuild(MYFL_TABBOX *m, const char *given_title) {
   return fl_draw_tabbox(tb);
 }
 
-// Widens the columns for fields; returns true when a column grew.
-bool widen(MYFL_TABBOX *m, const std::vector<std::string> &fields) {
+// Widens the columns for the fields of l; returns true when a column grew.
+bool widen(MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l) {
   bool grew = false;
-  for (size_t c = 0; c < m->widths.size() && c < fields.size(); ++c)
-    if (static_cast<int>(fields[c].size()) > m->widths[c]) {
-      m->widths[c] = static_cast<int>(fields[c].size());
+  for (size_t c = 0; c < m->widths.size() && c < l.count; ++c) {
+    int n = static_cast<int>(m->fields.length(l.first + c));
+    if (n > m->widths[c]) {
+      m->widths[c] = n;
       grew = true;
     }
+  }
   return grew;
 }
 
@@ -197,8 +262,8 @@ bool widen(MYFL_TABBOX *m, const std::vector<std::string> &fields) {
 // rebuilding the whole tabbox. raw: 1-based raw line, 0 to append.
 void show_line(MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l, int raw) {
   if (m->frozen) return;
-  bool more = !m->title && l.fields.size() > m->widths.size();
-  if (mytabs_get_slots(m->tabbox) <= 0 || more || widen(m, l.fields)) {
+  bool more = !m->title && l.count > m->widths.size();
+  if (mytabs_get_slots(m->tabbox) <= 0 || more || widen(m, l)) {
     rebuild(m, nullptr);
     return;
   }
@@ -226,11 +291,14 @@ void apply_decimals(std::string &field, int places) {
 
 // Splits and checks text for m and stores it in l (fields only).
 void parse_line(MYFL_TABBOX *m, const char *text, MYFL_TABBOX_LINE *l, const char *fn) {
-  int n = myfl_split_fields(text, &l->fields, fn);
+  std::vector<std::string> fields;
+  int n = myfl_split_fields(text, &fields, fn);
   int places = fl_get_tabbox_comma(m->tabbox);
   if (places >= 0)
-    for (size_t c = 0; c < l->fields.size() && c < m->types.size(); ++c)
-      if (m->types[c] == DT_FLOAT || m->types[c] == DT_DOUBLE) apply_decimals(l->fields[c], places);
+    for (size_t c = 0; c < fields.size() && c < m->types.size(); ++c)
+      if (m->types[c] == DT_FLOAT || m->types[c] == DT_DOUBLE) apply_decimals(fields[c], places);
+  set_fields(m, *l, fields);
+  compact_fields(m);
   int cols = column_count(m);
   if (cols > 0 && n != cols) msg_print("(%s) Line is invalid (only %d of %d cols)\n", fn, n, cols);
 }
@@ -305,6 +373,8 @@ void clear_data(MYFL_TABBOX *m) {
   fl_clear_tabbox(m->tabbox);
   for (MYFL_TABBOX_LINE &l : m->lines) std::free(l.record);
   m->lines.clear();
+  m->fields.clear();
+  m->garbage_fields = 0;
   m->rows = 0;
 }
 
@@ -347,17 +417,19 @@ MYFL_FATAL_FUNC myfl_set_tabbox_fatal(MYFL_FATAL_FUNC fn) {
   return old;
 }
 
-std::string myfl_join_fields(const std::vector<std::string> &fields, const std::vector<int> &widths,
-                             const std::vector<char> &right) {
-  std::string out;
-  myfl_join_fields_into(fields, widths, right, &out);
+std::string_view myfl_line_field(const MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l, size_t i) {
+  return i < l.count ? m->fields.at(l.first + i) : std::string_view();
+}
+
+std::vector<std::string_view> myfl_line_fields(const MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l) {
+  std::vector<std::string_view> out(l.count);
+  for (uint32_t i = 0; i < l.count; ++i) out[i] = m->fields.at(l.first + i);
   return out;
 }
 
-void myfl_join_fields_into(const std::vector<std::string> &fields, const std::vector<int> &widths,
-                           const std::vector<char> &right, std::string *text) {
-  std::string &out = *text;
-  out.clear();
+std::string myfl_join_fields(const std::vector<std::string> &fields, const std::vector<int> &widths,
+                             const std::vector<char> &right) {
+  std::string out;
   for (size_t c = 0; c < widths.size(); ++c) {
     if (c) out += " | ";
     const std::string empty;
@@ -369,6 +441,7 @@ void myfl_join_fields_into(const std::vector<std::string> &fields, const std::ve
     out += f;
     if (!r) out.append(pad, ' ');
   }
+  return out;
 }
 
 int myfl_split_fields(const char *text, std::vector<std::string> *fields, const char *fn) {
@@ -455,6 +528,7 @@ int myfl_init_db_tabbox_no_ini(FL_FORM *form, FL_OBJECT *tabbox, const char *nam
 
 void myfl_free_tabbox(FL_OBJECT *tabbox) {
   lookup(tabbox, "myfl_free_tabbox");
+  fl_make_tabbox_lines(tabbox);
   registry().erase(tabbox);
 }
 
@@ -587,8 +661,12 @@ int myfl_delete_tabbox_line(FL_OBJECT *tabbox) {
   MYFL_TABBOX *m = lookup(tabbox, "myfl_delete_tabbox_line");
   int idx = selected_entry(m);
   if (idx == 0) return 0;
+  // The tabbox's unmade lines are numbered as the lines were before.
+  fl_make_tabbox_lines(tabbox);
   std::free(m->lines[idx - 1].record);
+  m->garbage_fields += m->lines[idx - 1].count;
   m->lines.erase(m->lines.begin() + (idx - 1));
+  compact_fields(m);
   fl_delete_tabbox_line(tabbox, idx);
   fl_draw_tabbox(tabbox);
   return 1;
@@ -711,11 +789,12 @@ const char *myfl_get_tabbox_attrib_info(FL_OBJECT *tabbox, int idx, int col) {
     return nullptr;
   }
   const MYFL_TABBOX_LINE &l = m->lines[idx - 1];
-  if (col < 1 || col > static_cast<int>(l.fields.size())) {
+  if (col < 1 || static_cast<uint32_t>(col) > l.count) {
     msg_print("(myfl_get_tabbox_attrib_info) Invalid index (%d)\n", col);
     return nullptr;
   }
-  return l.fields[col - 1].c_str();
+  // The store ends every field with a zero.
+  return m->fields.at(l.first + static_cast<size_t>(col - 1)).data();
 }
 
 // ---- Database operations ----------------------------------------------------------
@@ -825,42 +904,58 @@ int myfl_load_multiple_tabbox_1(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE
   return load_list(session, tabbox, line, records, count, true, "myfl_load_multiple_tabbox_1");
 }
 
-int myfl_load_tabbox_lines(FL_OBJECT *tabbox, MYFL_LINE_FUNC line,
-                           std::vector<MYFL_TABBOX_LINE> lines) {
+int myfl_load_tabbox_lines(FL_OBJECT *tabbox, MYFL_LINE_FUNC line, MYFL_TABBOX_LINES lines) {
   MYFL_TABBOX *m = lookup_db(tabbox, "myfl_load_tabbox_lines");
   m->frozen = 1;
   m->line_func = line;
   clear_data(m);
+  m->fields = std::move(lines.fields);
   int places = fl_get_tabbox_comma(tabbox);
   int cols = column_count(m);
   bool rounds = false;
   if (places >= 0)
     for (int type : m->types) rounds = rounds || type == DT_FLOAT || type == DT_DOUBLE;
-  m->lines.reserve(lines.size());
-  for (MYFL_TABBOX_LINE &l : lines) {
+  m->lines.reserve(lines.lines.size());
+  for (MYFL_TABBOX_LINE &l : lines.lines) {
+    // Lines outside the store (a caller's mistake) keep none of its fields.
+    if (l.first > m->fields.size() || l.count > m->fields.size() - l.first) l.count = 0;
     // A filter or a uniqueness test looks at the record, and decimal places
     // change the fields the record would be made from later: made now.
     if (!l.record && m->make_record && (m->filter || m->compare || rounds))
-      l.record = m->make_record(l.fields);
-    if (m->filter && !m->filter(l.record)) {
-      std::free(l.record);
-      continue;
-    }
-    if (l.record && m->compare && !myfl_test_tabbox_insert(tabbox, l.record)) {
+      l.record = m->make_record(myfl_line_fields(m, l));
+    bool dropped = m->filter && !m->filter(l.record);
+    if (!dropped && l.record && m->compare && !myfl_test_tabbox_insert(tabbox, l.record)) {
       fl_show_message("Eintrag bereits vorhanden", "", "");
+      dropped = true;
+    }
+    if (dropped) {
       std::free(l.record);
       continue;
     }
-    if (places >= 0)
-      for (size_t c = 0; c < l.fields.size() && c < m->types.size(); ++c)
-        if (m->types[c] == DT_FLOAT || m->types[c] == DT_DOUBLE)
-          apply_decimals(l.fields[c], places);
-    int n = static_cast<int>(l.fields.size());
+    if (rounds) {
+      std::vector<std::string> fields;
+      bool changed = false;
+      for (uint32_t c = 0; c < l.count; ++c) {
+        fields.emplace_back(m->fields.at(l.first + c));
+        if (c < m->types.size() && (m->types[c] == DT_FLOAT || m->types[c] == DT_DOUBLE)) {
+          apply_decimals(fields.back(), places);
+          changed = changed || fields.back() != m->fields.at(l.first + c);
+        }
+      }
+      if (changed) set_fields(m, l, fields);
+    }
+    int n = static_cast<int>(l.count);
     if (cols > 0 && n != cols)
       msg_print("(addto_tabbox_line) Line is invalid (only %d of %d cols)\n", n, cols);
-    m->lines.push_back(std::move(l));
+    m->lines.push_back(l);
     ++m->rows;
   }
+  // Fields the given lines do not name (none, when the caller made them
+  // with begin_line and add_field) count as garbage too.
+  size_t used = 0;
+  for (const MYFL_TABBOX_LINE &l : m->lines) used += l.count;
+  m->garbage_fields = m->fields.size() - std::min(used, m->fields.size());
+  compact_fields(m);
   m->frozen = 0;
   return myfl_draw_tabbox(tabbox);
 }
@@ -916,6 +1011,8 @@ int _Sort_tabbox(FL_OBJECT *tabbox) {
     std::move(rest.begin(), rest.end(), m->lines.begin() + 1);
     return 0;
   }
+  // Until the next draw the tabbox shows the lines in their old order.
+  fl_make_tabbox_lines(tabbox);
   for (size_t i = 0; i < rest.size(); ++i)
     for (size_t j = i + 1; j < rest.size(); ++j)
       if (m->sort(rest[i].record, rest[j].record) < 0) std::swap(rest[i], rest[j]);

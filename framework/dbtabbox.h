@@ -2,10 +2,11 @@
 // that applications use, and for each of them the application records behind
 // the lines. A managed tabbox receives its lines as comma-separated field
 // texts (a field may be quoted; see myfl_addto_tabbox_line); this module
-// pads the fields into the tabbox's column layout, keeps one record per line,
-// sorts records, tests uniqueness and fills database tabboxes through the
-// application's record-producing hooks inside one BEGIN level of the session
-// layer.
+// keeps the fields of all lines in one store, pads them into the tabbox's
+// column layout (each line when the tabbox first reads it), keeps one record
+// per line, sorts records, tests uniqueness and fills database tabboxes
+// through the application's record-producing hooks inside one BEGIN level of
+// the session layer.
 //
 // The stored presentation (INI settings line) and the dialogs are tabset.h's
 // and tabdialogs.h's: the presentation is applied whenever the title is set
@@ -22,7 +23,10 @@
 
 #include "forms/forms.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 struct DBSESSION;
@@ -50,17 +54,74 @@ using MYFL_LINE_FUNC = const char *(*)(DBSESSION *session, void *record, int kz_
 using MYFL_FIRST_FUNC = int (*)(void *table, DBSESSION *session);
 using MYFL_NEXT_FUNC = int (*)(void *table, DBSESSION *session, void *record);
 // Record of a line loaded without one, made from its fields when the record
-// is first needed (malloc'ed; the line owns it from then on).
-using MYFL_RECORD_FUNC = void *(*)(const std::vector<std::string> &fields);
+// is first needed (malloc'ed; the line owns it from then on). The views are
+// valid during the call only.
+using MYFL_RECORD_FUNC = void *(*)(const std::vector<std::string_view> &fields);
 // Database hook on one record (load, save, delete, insert): 1 good, 0 failed.
 using MYFL_DB_HOOK = int (*)(DBSESSION *session, void *record);
 // Line filter: 1 when the record is shown.
 using MYFL_FILTER_FUNC = int (*)(const void *record);
 
-// One line of a managed tabbox.
+// The field texts of the lines of a managed tabbox, back to back in one
+// buffer with the end offset of each field, so that a large result costs a
+// few large allocations instead of a string per field. Fields are only
+// appended: a line that changes gets new fields, and its old ones stay as
+// garbage until the tabbox copies its live fields into a fresh store.
+class MyflFieldStore {
+public:
+  // Number of fields stored: the index the next field gets.
+  size_t size() const { return ends_.size(); }
+  // Bytes stored, of all fields with their terminating zeros.
+  size_t chars() const { return chars_.size(); }
+  // Field j (0-based, j < size()); valid until the next add or clear. A zero
+  // follows each field, so that data() is also its C string.
+  std::string_view at(size_t j) const {
+    size_t begin = start(j);
+    return {chars_.data() + begin, ends_[j] - begin};
+  }
+  size_t length(size_t j) const { return ends_[j] - start(j); }
+  void add(std::string_view text) {
+    chars_.append(text);
+    ends_.push_back(chars_.size());
+    chars_.push_back('\0');
+  }
+  // Room for `fields` more fields with `chars` more characters.
+  void reserve(size_t fields, size_t chars) {
+    ends_.reserve(ends_.size() + fields);
+    chars_.reserve(chars_.size() + chars + fields);
+  }
+  // Empties the store and gives its memory back.
+  void clear() {
+    std::string().swap(chars_);
+    std::vector<size_t>().swap(ends_);
+  }
+
+private:
+  size_t start(size_t j) const { return j ? ends_[j - 1] + 1 : 0; }
+  std::string chars_;
+  std::vector<size_t> ends_; // end of each field, before its zero
+};
+
+// One line of a managed tabbox: its fields are `count` consecutive fields of
+// the tabbox's store from index `first` (read them with myfl_line_field).
 struct MYFL_TABBOX_LINE {
-  std::vector<std::string> fields;
+  size_t first = 0;
+  uint32_t count = 0;
   void *record = nullptr; // owned (free()), may be null
+};
+
+// Lines made by the caller for myfl_load_tabbox_lines: each line starts with
+// begin_line, and the fields added after it are its fields.
+struct MYFL_TABBOX_LINES {
+  MyflFieldStore fields;
+  std::vector<MYFL_TABBOX_LINE> lines;
+  void begin_line(void *record = nullptr) { lines.push_back({fields.size(), 0, record}); }
+  // A field of the line begun last (a line is begun when none was).
+  void add_field(std::string_view text) {
+    if (lines.empty()) begin_line();
+    fields.add(text);
+    ++lines.back().count;
+  }
 };
 
 // The management record of one tabbox.
@@ -86,8 +147,13 @@ struct MYFL_TABBOX {
   int sort_enabled = 0;   // sort records at every myfl_draw_tabbox
   std::vector<int> types; // data definition: type id per column (0 none)
   std::vector<MYFL_TABBOX_LINE> lines;
-  std::vector<int> widths; // column widths of the padded layout
-  int rows = 0;            // records loaded by the last load
+  MyflFieldStore fields;     // the lines' field texts
+  size_t garbage_fields = 0; // fields in the store that no line uses
+  std::vector<int> widths;   // column widths of the padded layout
+  std::vector<char> right;   // right-aligned columns of the padded layout
+                             // (widths and right: what the tabbox's line
+                             // function pads unmade lines by)
+  int rows = 0;              // records loaded by the last load
   // Saved state (myfl_save_tabbox_state).
   int state_saved = 0, state_top = 0, state_line = 0;
   void *state_record = nullptr;
@@ -97,6 +163,12 @@ struct MYFL_TABBOX {
 
 // The management record of a registered tabbox, nullptr when it has none.
 MYFL_TABBOX *myfl_find_tabbox(FL_OBJECT *tabbox);
+
+// Field i (0-based) of line l of m, empty past the line's last field; valid
+// until the line or the tabbox's lines change.
+std::string_view myfl_line_field(const MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l, size_t i);
+// All fields of line l of m, valid as long as those of myfl_line_field.
+std::vector<std::string_view> myfl_line_fields(const MYFL_TABBOX *m, const MYFL_TABBOX_LINE &l);
 
 // The application's fatal stop (default: "Error occurred (data is saved)!
 // Please restart the application!\n" and exit status 1). Returns the old one.
@@ -124,8 +196,9 @@ int myfl_init_db_tabbox(FL_FORM *form, FL_OBJECT *tabbox, const char *name, MYFL
 int myfl_init_db_tabbox_no_ini(FL_FORM *form, FL_OBJECT *tabbox, const char *name,
                                MYFL_TITLE_FUNC title, MYFL_TABLE_NEW table_new, MYFL_DB_HOOK load,
                                MYFL_DB_HOOK save, MYFL_FILTER_FUNC filter, FL_CALLBACKPTR dblclick);
-// Unregisters and frees records and lines (the tabbox keeps its texts); a
-// tabbox is registered again only after this.
+// Unregisters and frees records and lines (the tabbox keeps its texts: lines
+// it has not shown yet are made first, so clearing the tabbox before is
+// cheaper); a tabbox is registered again only after this.
 void myfl_free_tabbox(FL_OBJECT *tabbox);
 // Empties tabbox, lines and counters, with and without redraw.
 void myfl_free_tabbox_data(FL_OBJECT *tabbox);
@@ -194,6 +267,7 @@ int myfl_get_tabbox_items(FL_OBJECT *tabbox);
 int myfl_get_tabbox_attrib_idx(FL_OBJECT *tabbox, const char *name);
 int myfl_get_tabbox_title_attrib_idx(FL_OBJECT *tabbox, const char *title);
 // Field text of column col (1-based) of line idx (1-based); "Invalid index".
+// Valid until the tabbox's lines change.
 const char *myfl_get_tabbox_attrib_info(FL_OBJECT *tabbox, int idx, int col);
 
 // ---- Database operations ----------------------------------------------------------
@@ -220,10 +294,10 @@ int myfl_load_multiple_tabbox_1(DBSESSION *session, FL_OBJECT *tabbox, MYFL_LINE
 // uniqueness test and the decimal places of floating-point columns apply as
 // for the other loaders; `line` is kept for rebuilding lines from their
 // records later. A line may come without a record when the tabbox has a
-// record function (myfl_set_tabbox_recordfunc). Draws once; returns as
+// record function (myfl_set_tabbox_recordfunc). The lines' field store
+// becomes the tabbox's, without a copy. Draws once; returns as
 // myfl_draw_tabbox.
-int myfl_load_tabbox_lines(FL_OBJECT *tabbox, MYFL_LINE_FUNC line,
-                           std::vector<MYFL_TABBOX_LINE> lines);
+int myfl_load_tabbox_lines(FL_OBJECT *tabbox, MYFL_LINE_FUNC line, MYFL_TABBOX_LINES lines);
 // The records of the selected lines in line order (not copies).
 int myfl_get_multiple_tabbox(FL_OBJECT *tabbox, std::vector<void *> *records);
 
@@ -247,7 +321,3 @@ int myfl_restore_tabbox_state(FL_OBJECT *tabbox);
 // where right[i] is set).
 std::string myfl_join_fields(const std::vector<std::string> &fields, const std::vector<int> &widths,
                              const std::vector<char> &right);
-// The same into *text (replaced), so that a caller joining many lines reuses
-// one buffer.
-void myfl_join_fields_into(const std::vector<std::string> &fields, const std::vector<int> &widths,
-                           const std::vector<char> &right, std::string *text);

@@ -109,8 +109,8 @@ bool collect(FL_OBJECT *tabbox, int all, bool selected_only, Fields *out, std::s
     if (selected_only && (raw < 1 || !fl_isselected_tabbox_line(tabbox, raw))) continue;
     std::vector<std::string> row;
     if (m && raw >= 1 && raw <= static_cast<int>(m->lines.size())) {
-      const std::vector<std::string> &f = m->lines[static_cast<size_t>(raw - 1)].fields;
-      for (int c : chosen) row.push_back(c - 1 < static_cast<int>(f.size()) ? f[c - 1] : "");
+      const MYFL_TABBOX_LINE &l = m->lines[static_cast<size_t>(raw - 1)];
+      for (int c : chosen) row.emplace_back(myfl_line_field(m, l, static_cast<size_t>(c - 1)));
     } else {
       const char *l = fl_get_tabbox_full_line(tabbox, p);
       std::string line = l ? l : "";

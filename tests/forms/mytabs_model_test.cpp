@@ -7,8 +7,11 @@
 #include "forms/mytabs_draw.h"
 #include "tests/forms/forms_testutil.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -180,6 +183,58 @@ TEST_F(TabboxModel, LineOperationsKeepTheirIndexRules) {
   fl_clear_tabbox(tb);
   EXPECT_EQ(fl_get_tabbox_maxline(tb), 0);
   EXPECT_STREQ(fl_get_tabbox_full_title(tb), "A");
+}
+
+// A source's line: the text of a name and a number counting down, the same
+// length for every line; notes which lines were made.
+std::vector<int> g_made_lines;
+void countdown_line(void *data, int line, std::string *text) {
+  g_made_lines.push_back(line);
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%-6s| %5d", static_cast<const char *>(data), 1000 - line);
+  *text = buf;
+}
+
+TEST_F(TabboxModel, LinesFromASourceAreMadeOnceWhenFirstRead) {
+  FL_OBJECT *tb = make(3);
+  fl_set_tabbox_title(tb, "Name  | Nummer");
+  g_made_lines.clear();
+  static char name[] = "Zeile";
+  fl_set_tabbox_line_source(tb, 1000, countdown_line, name);
+  EXPECT_EQ(fl_get_tabbox_maxline(tb), 1000);
+  fl_layout_tabbox(tb);
+  fl_replace_tabbox_line(tb, 1, "Erste |  1000");
+  fl_layout_tabbox(tb);
+  EXPECT_EQ(g_made_lines, std::vector<int>{0}) << "the layout measures one line for all";
+  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 500), "Zeile |   501");
+
+  // Lines deleted, inserted and replaced around unmade ones: each unmade
+  // line still gets its own text.
+  fl_delete_tabbox_line(tb, 1);
+  fl_insert_tabbox_line(tb, 1, "Neu   |     0");
+  fl_replace_tabbox_line(tb, 3, "Anders|  5000");
+  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 2), "Zeile |   999");
+  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 4), "Zeile |   997");
+  // The sort reads every line: the rest are made now, each once.
+  int col[1] = {2}, up[1] = {1};
+  fl_set_tabbox_sort(tb, 1, col, up);
+  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 1), "Neu   |     0");
+  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 2), "Zeile |     1");
+  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 1000), "Anders|  5000");
+  std::vector<int> made = g_made_lines;
+  std::sort(made.begin(), made.end());
+  EXPECT_EQ(std::adjacent_find(made.begin(), made.end()), made.end());
+  EXPECT_EQ(made.size(), 999u) << "all but the replaced line";
+
+  // Made now and kept after the source is gone; a clear drops the source.
+  fl_set_tabbox_sort(tb, 0, nullptr, nullptr);
+  fl_set_tabbox_line_source(tb, 3, countdown_line, name);
+  fl_make_tabbox_lines(tb);
+  name[0] = 'X';
+  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 3), "Zeile |   998");
+  name[0] = 'Z';
+  fl_clear_tabbox(tb);
+  EXPECT_EQ(fl_get_tabbox_maxline(tb), 0);
 }
 
 TEST_F(TabboxModel, SelectionFollowsTheType) {
