@@ -105,8 +105,11 @@ void ExecHandler::start(ProtocolServer &srv, const std::shared_ptr<Chan> &chan,
   // One buffer per thread for the answers: a large one is built without
   // growing (and touching fresh pages) again; beyond 32 MiB its memory is
   // given back.
+  // A large answer that ran without the loop was handed over with its
+  // memory; the memory of the last one sent comes back from the server.
   thread_local std::vector<unsigned char> answer;
   if (answer.capacity() > (32u << 20)) std::vector<unsigned char>().swap(answer);
+  srv.reuse_answer_memory(answer);
   // Past the budget (called from inside the statement, with the loop lock
   // held): the client is parked, a standby thread takes the loop over, and
   // this thread goes on with the statement alone.

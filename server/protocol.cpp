@@ -702,6 +702,20 @@ void ProtocolServer::finish_activation() {
   ch->parked = false;
   ch->answer_ready = false;
   send_message(channel, pending.data(), pending.size());
+  keep_answer_memory(std::move(pending));
+}
+
+void ProtocolServer::keep_answer_memory(std::vector<unsigned char> &&buf) {
+  constexpr size_t kMax = size_t{32} << 20;
+  if (buf.capacity() <= spare_answer_.capacity() || buf.capacity() > kMax) return;
+  buf.clear();
+  spare_answer_.swap(buf);
+}
+
+void ProtocolServer::reuse_answer_memory(std::vector<unsigned char> &buf) {
+  if (spare_answer_.capacity() <= buf.capacity()) return;
+  buf.clear();
+  buf.swap(spare_answer_);
 }
 
 void ProtocolServer::check_clients() {
