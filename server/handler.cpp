@@ -127,8 +127,12 @@ void ExecHandler::start(ProtocolServer &srv, const std::shared_ptr<Chan> &chan,
   };
   // A commit that syncs its changes to disk waits for the disk, which the
   // budget does not see: it gives the loop up at once, so that the others
-  // (readers above all) go on meanwhile.
-  if (len > 0 && req[0] == DBREQ_COMMIT && ex_.catalog.sync_full && holds_write_lock(chan->ch))
+  // (readers above all) go on meanwhile. Without other clients there is
+  // nobody to go on (a client that connects meanwhile waits for the
+  // exchange, which this one holds, anyway): parking would only cost its
+  // client two more hand-overs of the exchange per commit.
+  if (len > 0 && req[0] == DBREQ_COMMIT && ex_.catalog.sync_full && holds_write_lock(chan->ch) &&
+      srv.open_channels() > 1)
     overrun();
   int r = exec_request(chan->ch, req, len, answer, BUDGET, detached ? nullptr : &overrun);
   if (!detached) {
