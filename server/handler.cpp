@@ -105,8 +105,11 @@ void ExecHandler::start(ProtocolServer &srv, const std::shared_ptr<Chan> &chan,
   // One buffer per thread for the answers: a large one is built without
   // growing (and touching fresh pages) again; beyond 32 MiB its memory is
   // given back.
+  // A large answer that ran without the loop was handed over with its
+  // memory; the memory of the last one sent comes back from the server.
   thread_local std::vector<unsigned char> answer;
   if (answer.capacity() > (32u << 20)) std::vector<unsigned char>().swap(answer);
+  srv.reuse_answer_memory(answer);
   // Past the budget (called from inside the statement, with the loop lock
   // held): the client is parked, a standby thread takes the loop over, and
   // this thread goes on with the statement alone.
@@ -124,8 +127,12 @@ void ExecHandler::start(ProtocolServer &srv, const std::shared_ptr<Chan> &chan,
   };
   // A commit that syncs its changes to disk waits for the disk, which the
   // budget does not see: it gives the loop up at once, so that the others
-  // (readers above all) go on meanwhile.
-  if (len > 0 && req[0] == DBREQ_COMMIT && ex_.catalog.sync_full && holds_write_lock(chan->ch))
+  // (readers above all) go on meanwhile. Without other clients there is
+  // nobody to go on (a client that connects meanwhile waits for the
+  // exchange, which this one holds, anyway): parking would only cost its
+  // client two more hand-overs of the exchange per commit.
+  if (len > 0 && req[0] == DBREQ_COMMIT && ex_.catalog.sync_full && holds_write_lock(chan->ch) &&
+      srv.open_channels() > 1)
     overrun();
   int r = exec_request(chan->ch, req, len, answer, BUDGET, detached ? nullptr : &overrun);
   if (!detached) {

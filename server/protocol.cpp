@@ -7,7 +7,6 @@
 #include <cstring>
 #include <ctime>
 #include <string>
-#include <thread>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -229,9 +228,18 @@ void ProtocolServer::run() {
 
 bool ProtocolServer::turn(int timeout_ms, const std::function<bool()> &wanted) {
   // A thread that gave the lock up in the middle of a request is waiting
-  // to take it back: it goes first (the lock itself is not fair).
-  while (returning_.load() > 0) std::this_thread::yield();
-  std::lock_guard<std::mutex> lock(loop_mutex_);
+  // to take it back: it goes first (the lock itself is not fair). The
+  // others sleep until it has the lock; one that got the lock before it
+  // (it was already queued on the lock) lets it go again instead of
+  // starting a turn, whose wait would no longer be ended by the wake-up
+  // that the returning thread sent (the turn before consumed it).
+  std::unique_lock<std::mutex> lock(loop_mutex_, std::defer_lock);
+  for (;;) {
+    for (int r; (r = returning_.load()) > 0;) returning_.wait(r);
+    lock.lock();
+    if (returning_.load() == 0) break;
+    lock.unlock();
+  }
   if (wanted && !wanted()) return false;
   poll(timeout_ms);
   return true;
@@ -243,6 +251,7 @@ void ProtocolServer::retake_loop() {
   wake();
   loop_mutex_.lock();
   --returning_;
+  returning_.notify_all();
 }
 
 void ProtocolServer::poll(int timeout_ms) {
@@ -693,6 +702,20 @@ void ProtocolServer::finish_activation() {
   ch->parked = false;
   ch->answer_ready = false;
   send_message(channel, pending.data(), pending.size());
+  keep_answer_memory(std::move(pending));
+}
+
+void ProtocolServer::keep_answer_memory(std::vector<unsigned char> &&buf) {
+  constexpr size_t kMax = size_t{32} << 20;
+  if (buf.capacity() <= spare_answer_.capacity() || buf.capacity() > kMax) return;
+  buf.clear();
+  spare_answer_.swap(buf);
+}
+
+void ProtocolServer::reuse_answer_memory(std::vector<unsigned char> &buf) {
+  if (spare_answer_.capacity() <= buf.capacity()) return;
+  buf.clear();
+  buf.swap(spare_answer_);
 }
 
 void ProtocolServer::check_clients() {

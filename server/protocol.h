@@ -140,6 +140,11 @@ public:
   // The same, taking the answer's memory instead of copying it (a large
   // answer of a parked channel is then not held twice); `data` is left empty.
   bool answer(int channel, std::vector<unsigned char> &&data);
+  // Hands out the memory of the largest answer sent to a parked client
+  // (at most 32 MiB, kept after it went out) when `buf` has less: the next
+  // large answer is then built without growing into fresh pages again.
+  // `buf`'s contents are dropped if swapped. Under the loop lock.
+  void reuse_answer_memory(std::vector<unsigned char> &buf);
   // Answers kept for parked clients that have not been sent yet.
   bool answers_pending() const { return activating_ >= 0 || !activations_.empty(); }
   // Parks `channel` during its request() call: sends the parking notice.
@@ -210,10 +215,13 @@ private:
   unsigned char *area() const;
   int32_t owner_word() const;
   void set_owner_word(int32_t v);
+  // Keeps the memory of a sent answer for reuse_answer_memory.
+  void keep_answer_memory(std::vector<unsigned char> &&buf);
 
   RequestHandler &handler_;
   std::mutex loop_mutex_;
   std::atomic<int> returning_{0}; // threads waiting in retake_loop()
+  std::vector<unsigned char> spare_answer_; // see reuse_answer_memory
   bool started_ = false;
   volatile sig_atomic_t stop_ = 0;
   int max_channels_ = 1024;

@@ -740,6 +740,9 @@ int RESDATA_Fill_Fields(RESDATA *data, const unsigned char *fields, size_t lengt
       case 8:
         std::memcpy(p, value, 8);
         break;
+      case 12: // TIMESTAMP; a copy of unknown length would be a slow "rep movs"
+        std::memcpy(p, value, 12);
+        break;
       default:
         std::memcpy(p, value, f);
         break;

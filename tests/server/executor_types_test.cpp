@@ -193,6 +193,38 @@ TEST(TypesUnit, TextValuesAreConvertedAndCutInTheAnswer) {
   sqlite3_close(db);
 }
 
+// A NULL of every type goes out as that type's null marker (the texts and
+// blobs are read without asking for the value's type first).
+TEST(TypesUnit, NullValuesGoOutAsTheNullMarkers) {
+  sqlite3 *db = nullptr;
+  ASSERT_EQ(sqlite3_open(":memory:", &db), SQLITE_OK);
+  sqlite3_stmt *st = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(db, "SELECT NULL", -1, &st, nullptr), SQLITE_OK);
+  ASSERT_EQ(sqlite3_step(st), SQLITE_ROW);
+  using B = std::vector<unsigned char>;
+  const double null_float = NULL_FLOAT;
+  B f(10, 0);
+  f[0] = 8;
+  std::memcpy(f.data() + 2, &null_float, 8); // little-endian, as the answer
+  const std::pair<ColType, B> cases[] = {
+      {{DBTYPE_SMALLINT, 2}, {2, 0, 0x00, 0x80}},
+      {{DBTYPE_INTEGER, 4}, {4, 0, 0x01, 0x00, 0x00, 0x80}},
+      {{DBTYPE_FLOAT, 8}, f},
+      {{DBTYPE_DATE, 4}, {4, 0, 0x08, 0x07, 1, 1}},
+      {{DBTYPE_TIME, 3}, {3, 0, 0, 0, 0}},
+      {{DBTYPE_TIMESTAMP, 12}, {12, 0, 0x08, 0x07, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0}},
+      {{DBTYPE_BINARY, 8}, {2, 0, 0, 0}},
+      {{DBTYPE_CHARACTER, 9}, {1, 0, 0}},
+  };
+  for (const auto &[type, want] : cases) {
+    B out;
+    type_append_value(out, type, st, 0);
+    EXPECT_EQ(out, want) << type_name(type.code);
+  }
+  sqlite3_finalize(st);
+  sqlite3_close(db);
+}
+
 // The detail dialog sends every shown text (numbers, dates, times,
 // timestamps, escaped binary, Latin-1 text) back as a quoted literal.
 TEST_F(ExecutorTest, ShownValuesSentBackStoreTheSameValue) {
