@@ -621,6 +621,44 @@ void pg_create_indexes(PGconn *conn, const std::string &schema, const Table &t) 
   }
 }
 
+// Creates table t in schema name, copies its rows from the file db, verifies
+// them and builds the table's indices; appends the table's report line.
+void copy_table(PGconn *conn, sqlite3 *db, const std::string &name, const Table &t,
+                std::vector<std::string> &lines) {
+  std::string where = name + "." + t.name;
+  pg_create_table(conn, name, t);
+  TableSum source, copied;
+  {
+    std::string cols;
+    for (const Column &c : t.cols) cols += (cols.empty() ? "" : ", ") + quote_ident(c.name);
+    Result r(PQexec(conn, ("COPY " + quote_ident(name) + "." + quote_ident(t.name) + " (" + cols +
+                           ") FROM STDIN (FORMAT binary)")
+                              .c_str()));
+    if (!r || PQresultStatus(r.get()) != PGRES_COPY_IN)
+      throw CopyError{
+          where + ": PostgreSQL: " + (r ? PQresultErrorMessage(r.get()) : PQerrorMessage(conn))};
+    CopyWriter w(conn);
+    sqlite_read_table(db, name, t, source,
+                      [&](const std::vector<Cell> &cells) { w.row(cells, t.cols); });
+    int64_t taken = w.finish();
+    if (taken != source.rows())
+      throw CopyError{where + ": PostgreSQL took " + std::to_string(taken) + " of " +
+                      std::to_string(source.rows()) + " rows"};
+  }
+  pg_read_table(conn, name, t, copied);
+  if (copied.rows() != source.rows())
+    throw CopyError{where + ": " + std::to_string(source.rows()) + " rows read, " +
+                    std::to_string(copied.rows()) + " rows in PostgreSQL"};
+  if (copied.sum() != source.sum())
+    throw CopyError{where + ": the checksum of the copied rows differs from the original's"};
+  // Indices come after the rows: one build per index instead of an update
+  // per row. A unique index over duplicate values fails here, as it would
+  // have failed in the file.
+  pg_create_indexes(conn, name, t);
+  if (t.is_static) pg_make_static(conn, name, t);
+  lines.push_back(where + ": " + std::to_string(source.rows()) + " rows, checksum ok");
+}
+
 // Copies the SQLite database name (file path) into a new schema in one
 // transaction; appends the report lines.
 void import_database(PGconn *conn, const std::string &name, const std::string &path,
@@ -646,37 +684,12 @@ void import_database(PGconn *conn, const std::string &name, const std::string &p
   std::vector<std::string> lines;
   for (const Table &t : tables) {
     std::string where = name + "." + t.name;
-    pg_create_table(conn, name, t);
-    TableSum source, copied;
-    {
-      std::string cols;
-      for (const Column &c : t.cols) cols += (cols.empty() ? "" : ", ") + quote_ident(c.name);
-      Result r(PQexec(conn, ("COPY " + quote_ident(name) + "." + quote_ident(t.name) + " (" + cols +
-                             ") FROM STDIN (FORMAT binary)")
-                                .c_str()));
-      if (!r || PQresultStatus(r.get()) != PGRES_COPY_IN)
-        throw CopyError{
-            where + ": PostgreSQL: " + (r ? PQresultErrorMessage(r.get()) : PQerrorMessage(conn))};
-      CopyWriter w(conn);
-      sqlite_read_table(db.get(), name, t, source,
-                        [&](const std::vector<Cell> &cells) { w.row(cells, t.cols); });
-      int64_t taken = w.finish();
-      if (taken != source.rows())
-        throw CopyError{where + ": PostgreSQL took " + std::to_string(taken) + " of " +
-                        std::to_string(source.rows()) + " rows"};
+    try {
+      copy_table(conn, db.get(), name, t, lines);
+    } catch (CopyError &e) {
+      if (e.text.rfind(where, 0) != 0) e.text = where + ": " + e.text;
+      throw;
     }
-    pg_read_table(conn, name, t, copied);
-    if (copied.rows() != source.rows())
-      throw CopyError{where + ": " + std::to_string(source.rows()) + " rows read, " +
-                      std::to_string(copied.rows()) + " rows in PostgreSQL"};
-    if (copied.sum() != source.sum())
-      throw CopyError{where + ": the checksum of the copied rows differs from the original's"};
-    // Indices come after the rows: one build per index instead of an update
-    // per row. A unique index over duplicate values fails here, as it would
-    // have failed in the file.
-    pg_create_indexes(conn, name, t);
-    if (t.is_static) pg_make_static(conn, name, t);
-    lines.push_back(where + ": " + std::to_string(source.rows()) + " rows, checksum ok");
   }
   tx.commit();
   report.push_back(name + ": " + std::to_string(tables.size()) + " tables copied");
