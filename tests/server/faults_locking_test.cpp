@@ -168,7 +168,7 @@ protected:
   }
   // Starts the server and makes table KONTO with accounts 1 and 2.
   void start(const std::vector<std::string> &extra = {}) {
-    ASSERT_TRUE(srv.start(extra));
+    ASSERT_TRUE(srv.start(extra)) << srv.why() << srv.log_text();
     Client c(srv.ns());
     ASSERT_TRUE(c.ok()) << c.greeting();
     ASSERT_EQ(c.run("CREATE TABLE KONTO (KONTO_ID INTEGER, BETRAG INTEGER)"), kDone);
