@@ -232,13 +232,23 @@ ConnPtr connect(const std::string &conninfo, const std::string &application, std
   return c;
 }
 
+// Does a failed result say that the connection is gone (the server shuts
+// down or crashed, the backend was terminated)?
+bool connection_gone(PGconn *c, const PGresult *r) {
+  if (PQstatus(c) == CONNECTION_BAD) return true;
+  // Errors that libpq makes itself (a closed socket) carry no SQLSTATE.
+  const char *state = r ? PQresultErrorField(r, PG_DIAG_SQLSTATE) : nullptr;
+  return !state || strncmp(state, "57P", 3) == 0 || strncmp(state, "08", 2) == 0;
+}
+
 // Runs sql (one or more statements, no parameters) and waits for all its
 // results; the first failure's text into err. For the store's own work on
 // the administrative connection.
 int admin_exec(PGconn *c, const std::string &sql, std::string &err,
-               std::vector<Result> *results = nullptr) {
+               std::vector<Result> *results = nullptr, bool *gone = nullptr) {
   if (!PQsendQuery(c, sql.c_str())) {
     err = PQerrorMessage(c);
+    if (gone) *gone = true;
     return 0;
   }
   int ok = 1;
@@ -249,9 +259,12 @@ int admin_exec(PGconn *c, const std::string &sql, std::string &err,
       err = PQresultErrorMessage(r);
       while (!err.empty() && err.back() == '\n') err.pop_back();
       ok = 0;
+      if (gone && connection_gone(c, r)) *gone = true;
     }
     if (results) results->push_back(std::move(res));
   }
+  // libpq notices a closed connection while it collects the results.
+  if (!ok && gone && PQstatus(c) == CONNECTION_BAD) *gone = true;
   return ok;
 }
 
@@ -424,7 +437,7 @@ public:
   // Runs sql without parameters (one or more statements) and waits for it.
   // Returns the last result. Throws.
   Result run_simple(const std::string &sql) {
-    if (lost_) lost_error("");
+    revive();
     if (!PQsendQuery(c_.get(), sql.c_str())) failed_send();
     return wait();
   }
@@ -452,11 +465,16 @@ private:
     rows_of_ = prefix.empty() ? 1 : 2;
     last_rows_ = 0;
     if (!prefix.empty()) in_txn_ = true;
+    // Guarded by its own savepoint: a failure does not end the transaction.
+    bool was_in_statement = in_statement_;
+    in_statement_ = true;
     try {
       run_simple(prefix + "SAVEPOINT tavrin_lock; UPDATE " + marker +
                  " SET n = n + 1 WHERE pg_try_advisory_xact_lock(" + std::to_string(key_) +
                  ") RETURNING n; RELEASE tavrin_lock");
+      in_statement_ = was_in_statement;
     } catch (...) {
+      in_statement_ = was_in_statement;
       rows_of_ = -1;
       if (!lost_ && in_aborted_txn()) {
         Result undo(PQexec(c_.get(), "ROLLBACK TO tavrin_lock; RELEASE tavrin_lock"));
@@ -481,6 +499,22 @@ private:
     }
   }
 
+  // Before a statement: a connection that the server closed while it was
+  // idle outside a transaction (a restart of PostgreSQL, a terminated
+  // backend) is made anew, as nothing of it is lost; inside a transaction
+  // (or when that fails) the statement fails with error 516.
+  void revive() {
+    if (lost_) lost_error("");
+    if (in_txn_ || PQisBusy(c_.get())) return;
+    if (PQconsumeInput(c_.get()) && PQstatus(c_.get()) == CONNECTION_OK) return;
+    PQreset(c_.get());
+    if (PQstatus(c_.get()) != CONNECTION_OK) lost_error(PQerrorMessage(c_.get()));
+    cancel_.reset(PQgetCancel(c_.get()));
+    prepared_.clear();
+    ++version_; // the schema may have changed meanwhile
+    run_simple("SET search_path = " + quote(name_) + "; LISTEN tavrin_schema");
+  }
+
   [[noreturn]] void failed_send() {
     if (PQstatus(c_.get()) == CONNECTION_BAD) lost_error(PQerrorMessage(c_.get()));
     throw ExecError{answer_errtext(Err::SPEICHERFEHLER, {utf8_to_latin1(PQerrorMessage(c_.get()))})};
@@ -489,7 +523,7 @@ private:
     lost_ = true;
     in_txn_ = snapshot_ = locked_ = in_statement_ = false;
     std::string w = why.empty() ? std::string(PQerrorMessage(c_.get())) : why;
-    while (!w.empty() && (w.back() == '\n' || w.back() == ' ')) w.pop_back();
+    w = w.substr(0, w.find('\n')); // libpq's first line says what happened
     if (w.empty()) w = "PostgreSQL";
     throw ExecError{answer_errtext(Err::VERBINDUNG_VERLOREN, {utf8_to_latin1(w)})};
   }
@@ -527,19 +561,19 @@ public:
       : cat_(cat), conninfo_(std::move(conninfo)), admin_(std::move(admin)) {}
 
   int init(bool demo, std::string &err) override;
+  // Both throw error 516 when the cluster cannot be reached.
   bool exists(const std::string &name) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    std::string err;
-    return admin_ok(err) && marker_exists(name);
+    admin_or_throw();
+    return marker_exists(name);
   }
   std::vector<std::string> list() override {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<std::string> names;
     std::string err;
     std::vector<Result> rs;
-    if (!admin_ok(err) ||
-        !admin_exec(admin_.get(),
-                    "SELECT n.nspname FROM pg_namespace n JOIN pg_class c ON c.relnamespace = "
+    admin_or_throw();
+    if (!admin_run("SELECT n.nspname FROM pg_namespace n JOIN pg_class c ON c.relnamespace = "
                     "n.oid WHERE c.relname = " +
                         literal(MARKER) + " AND c.relkind = 'r' ORDER BY 1",
                     err, &rs))
@@ -555,15 +589,13 @@ public:
                                   std::string &err) override;
   int drop(const std::string &name, std::string &err) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!admin_ok(err)) return 0;
     if (!marker_exists(name)) {
       err = "keine TAVRIN-Datenbank";
       return 0;
     }
-    return admin_exec(admin_.get(),
-                      "DROP SCHEMA " + quote(name) + " CASCADE; NOTIFY tavrin_schema, " +
-                          literal(name),
-                      err);
+    return admin_run("DROP SCHEMA " + quote(name) + " CASCADE; NOTIFY tavrin_schema, " +
+                         literal(name),
+                     err);
   }
   bool commit_waits() const override { return true; }
   std::string where() const override {
@@ -619,16 +651,38 @@ private:
     err = PQerrorMessage(admin_.get());
     return false;
   }
+  void admin_or_throw() {
+    std::string err;
+    if (!admin_ok(err)) lost(err);
+  }
+  [[noreturn]] static void lost(const std::string &err) {
+    throw ExecError{answer_errtext(Err::VERBINDUNG_VERLOREN,
+                                   {utf8_to_latin1(err.substr(0, err.find('\n')))})};
+  }
+  // Runs sql on the administrative connection; a connection that turns out
+  // to be gone (PostgreSQL restarted) is made anew and sql tried once more.
+  // Returns 1, or 0 with err set for a failing statement; throws error 516
+  // when the cluster cannot be reached. Called with mutex_ held.
+  int admin_run(const std::string &sql, std::string &err, std::vector<Result> *rs = nullptr) {
+    for (int attempt = 0;; ++attempt) {
+      if (rs) rs->clear();
+      bool gone = false;
+      if (admin_exec(admin_.get(), sql, err, rs, &gone)) return 1;
+      if (!gone) return 0;
+      if (attempt > 0) lost(err);
+      PQreset(admin_.get());
+      if (PQstatus(admin_.get()) != CONNECTION_OK) lost(PQerrorMessage(admin_.get()));
+    }
+  }
   bool marker_exists(const std::string &name) {
     if (!catalog_valid_name(name)) return false;
     std::vector<Result> rs;
     std::string err;
-    return admin_exec(admin_.get(),
-                      "SELECT 1 FROM pg_namespace n JOIN pg_class c ON c.relnamespace = n.oid "
+    return admin_run("SELECT 1 FROM pg_namespace n JOIN pg_class c ON c.relnamespace = n.oid "
                       "WHERE n.nspname = " +
-                          literal(name) + " AND c.relname = " + literal(MARKER) +
-                          " AND c.relkind = 'r'",
-                      err, &rs) &&
+                         literal(name) + " AND c.relname = " + literal(MARKER) +
+                         " AND c.relkind = 'r'",
+                     err, &rs) &&
            PQntuples(rs.back().get()) > 0;
   }
 
@@ -669,8 +723,9 @@ Result PgConn::wait() {
     ++index;
     if (PQstatus(c) == CONNECTION_BAD) break;
   }
-  if (PQstatus(c) == CONNECTION_BAD)
+  if (PQstatus(c) == CONNECTION_BAD || (failed && connection_gone(c, failed.get()))) {
     lost_error(failed ? PQresultErrorMessage(failed.get()) : PQerrorMessage(c));
+  }
   if (failed) {
     if (cancelled) {
       const char *state = PQresultErrorField(failed.get(), PG_DIAG_SQLSTATE);
@@ -796,7 +851,7 @@ std::string numbered(const std::string &sql) {
 }
 
 Result PgConn::run_prepared(const std::string &sql, const std::vector<SqlValue> &params) {
-  if (lost_) lost_error("");
+  revive();
   Params p(params);
   std::string cache_key = p.signature + '\x01' + sql;
   auto it = prepared_.find(cache_key);
@@ -821,7 +876,7 @@ Result PgConn::run_prepared(const std::string &sql, const std::vector<SqlValue> 
 }
 
 Result PgConn::run_params(const std::string &sql, const std::vector<SqlValue> &params) {
-  if (lost_) lost_error("");
+  revive();
   Params p(params);
   std::string text = numbered(sql);
   if (in_txn_) snapshot_ = true;
