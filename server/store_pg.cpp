@@ -55,6 +55,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <unordered_map>
@@ -368,30 +369,36 @@ public:
     if (!in_txn_) return;
     end_txn("ROLLBACK");
   }
+  // Every statement inside a transaction has a savepoint of its own (run()),
+  // so a change needs only the lock, and a failed one is undone already.
   void statement_begin() override {
     if (!locked_ && !take_lock()) throw WouldBlock{};
-    run_simple("SAVEPOINT tavrin_stmt");
-    in_statement_ = true;
   }
-  void statement_undo() override {
-    in_statement_ = false;
-    if (lost_ || !in_txn_) return;
-    try {
-      run_simple("ROLLBACK TO tavrin_stmt; RELEASE tavrin_stmt");
-    } catch (...) {
-      end_txn("ROLLBACK");
-    }
-  }
-  void statement_keep() override {
-    in_statement_ = false;
-    run_simple("RELEASE tavrin_stmt");
-  }
+  void statement_undo() override {}
+  void statement_keep() override {}
 
   // --- statements
   void exec(const std::string &sql, const std::string &unique_error = "") override {
     unique_error_ = unique_error;
     try {
-      run_simple(sql + "; NOTIFY tavrin_schema, " + literal(name_));
+      std::string all = sql + "; NOTIFY tavrin_schema, " + literal(name_);
+      if (in_txn_ && !single_) {
+        // A savepoint of its own, as run() gives every other statement.
+        in_statement_ = true;
+        try {
+          run_simple("SAVEPOINT tavrin_q; " + all + "; RELEASE tavrin_q");
+        } catch (...) {
+          in_statement_ = false;
+          if (!lost_ && in_aborted_txn()) {
+            Result undo(PQexec(c_.get(), "ROLLBACK TO tavrin_q; RELEASE tavrin_q"));
+            if (PQresultStatus(undo.get()) != PGRES_COMMAND_OK) end_txn("ROLLBACK");
+          }
+          throw;
+        }
+        in_statement_ = false;
+      } else {
+        run_simple(all);
+      }
     } catch (...) {
       unique_error_.clear();
       throw;
@@ -531,7 +538,10 @@ private:
   // Waits for the results of what was sent, asking the check function
   // between short polls; a stop is sent as a cancel request. Returns the
   // last result; throws the first failure.
-  Result wait();
+  Result wait(bool pipeline = false, int want = -1);
+  // Sends a statement with send and waits for it; inside a transaction
+  // guarded by a savepoint (see there). Throws.
+  Result run(const std::function<int(PGconn *)> &send);
   // Throws what a failed result means.
   [[noreturn]] void raise(PGresult *r);
 
@@ -695,51 +705,88 @@ private:
 
 // --- running statements ------------------------------------------------------
 
-Result PgConn::wait() {
+Result PgConn::wait(bool pipeline, int want) {
   PGconn *c = c_.get();
   bool cancelled = false;
-  while (PQisBusy(c)) {
-    pollfd p{PQsocket(c), POLLIN, 0};
-    int n = poll(&p, 1, POLL_MS);
-    if (n > 0 && !PQconsumeInput(c)) break;
-    if (n < 0 && errno != EINTR) break;
-    if (!cancelled && check_ && check_(arg_)) {
-      char buf[256];
-      PQcancel(cancel_.get(), buf, sizeof buf);
-      cancelled = true;
-    }
-  }
   Result last, failed;
-  int index = 0;
-  while (PGresult *r = PQgetResult(c)) {
+  int index = 0, command = 0;
+  for (;;) {
+    while (PQisBusy(c) && PQstatus(c) != CONNECTION_BAD) {
+      pollfd p{PQsocket(c), POLLIN, 0};
+      int n = poll(&p, 1, POLL_MS);
+      if (n > 0 && !PQconsumeInput(c)) break;
+      if (n < 0 && errno != EINTR) break;
+      if (!cancelled && check_ && check_(arg_)) {
+        char buf[256];
+        PQcancel(cancel_.get(), buf, sizeof buf);
+        cancelled = true;
+      }
+    }
+    PGresult *r = PQgetResult(c);
+    if (!r) {
+      // In a pipeline a null ends one command's results; the sync ends all.
+      if (!pipeline || PQstatus(c) == CONNECTION_BAD) break;
+      ++command;
+      continue;
+    }
     Result res(r);
     ExecStatusType st = PQresultStatus(r);
+    if (st == PGRES_PIPELINE_SYNC) break;
     if (st == PGRES_FATAL_ERROR || st == PGRES_NONFATAL_ERROR || st == PGRES_BAD_RESPONSE) {
       if (!failed) failed = std::move(res);
-    } else {
+    } else if (st != PGRES_PIPELINE_ABORTED) {
       if (index == rows_of_) last_rows_ = st == PGRES_TUPLES_OK ? PQntuples(r) : 0;
-      last = std::move(res);
+      if (!pipeline || command == want) last = std::move(res);
     }
     ++index;
     if (PQstatus(c) == CONNECTION_BAD) break;
   }
-  if (PQstatus(c) == CONNECTION_BAD || (failed && connection_gone(c, failed.get()))) {
+  if (PQstatus(c) == CONNECTION_BAD || (failed && connection_gone(c, failed.get())))
     lost_error(failed ? PQresultErrorMessage(failed.get()) : PQerrorMessage(c));
-  }
   if (failed) {
-    if (cancelled) {
-      const char *state = PQresultErrorField(failed.get(), PG_DIAG_SQLSTATE);
-      if (state && strcmp(state, "57014") == 0) {
-        // A query of a transaction that failed took the transaction with
-        // it (no savepoint guards queries).
-        if (in_txn_ && !in_statement_ && !single_ && in_aborted_txn()) end_txn("ROLLBACK");
-        throw Interrupted{};
-      }
-    }
+    const char *state = PQresultErrorField(failed.get(), PG_DIAG_SQLSTATE);
+    if (cancelled && state && strcmp(state, "57014") == 0) throw Interrupted{};
     raise(failed.get());
   }
   if (cancelled && !last) throw Interrupted{};
   return last;
+}
+
+Result PgConn::run(const std::function<int(PGconn *)> &send) {
+  revive();
+  PGconn *c = c_.get();
+  if (in_txn_) snapshot_ = true;
+  if (!in_txn_ || single_) {
+    if (!send(c)) failed_send();
+    return wait();
+  }
+  // Inside a transaction every statement is guarded by a savepoint, sent
+  // with it in one pipeline (one round trip): a failed or stopped
+  // statement is undone alone and the transaction goes on, as in SQLite.
+  auto simple = [&](const char *sql) {
+    return PQsendQueryParams(c, sql, 0, nullptr, nullptr, nullptr, nullptr, 0);
+  };
+  if (!PQenterPipelineMode(c)) failed_send();
+  if (!(simple("SAVEPOINT tavrin_q") && send(c) && simple("RELEASE tavrin_q") &&
+        PQpipelineSync(c))) {
+    PQexitPipelineMode(c);
+    failed_send();
+  }
+  in_statement_ = true;
+  try {
+    Result r = wait(true, 1);
+    in_statement_ = false;
+    PQexitPipelineMode(c);
+    return r;
+  } catch (...) {
+    in_statement_ = false;
+    PQexitPipelineMode(c);
+    if (!lost_ && in_aborted_txn()) {
+      Result undo(PQexec(c, "ROLLBACK TO tavrin_q; RELEASE tavrin_q"));
+      if (PQresultStatus(undo.get()) != PGRES_COMMAND_OK) end_txn("ROLLBACK");
+    }
+    throw;
+  }
 }
 
 void PgConn::raise(PGresult *r) {
@@ -862,28 +909,27 @@ Result PgConn::run_prepared(const std::string &sql, const std::vector<SqlValue> 
     }
     std::string name = "t" + std::to_string(++statement_names_);
     std::string text = numbered(sql);
-    if (!PQsendPrepare(c_.get(), name.c_str(), text.c_str(), static_cast<int>(p.types.size()),
-                       p.types.data()))
-      failed_send();
-    wait();
+    run([&](PGconn *c) {
+      return PQsendPrepare(c, name.c_str(), text.c_str(), static_cast<int>(p.types.size()),
+                           p.types.data());
+    });
     it = prepared_.emplace(cache_key, name).first;
   }
-  if (in_txn_) snapshot_ = true;
-  if (!PQsendQueryPrepared(c_.get(), it->second.c_str(), static_cast<int>(p.values.size()),
-                           p.values.data(), p.lengths.data(), p.formats.data(), 1))
-    failed_send();
-  return wait();
+  const std::string &name = it->second;
+  return run([&](PGconn *c) {
+    return PQsendQueryPrepared(c, name.c_str(), static_cast<int>(p.values.size()),
+                               p.values.data(), p.lengths.data(), p.formats.data(), 1);
+  });
 }
 
 Result PgConn::run_params(const std::string &sql, const std::vector<SqlValue> &params) {
   revive();
   Params p(params);
   std::string text = numbered(sql);
-  if (in_txn_) snapshot_ = true;
-  if (!PQsendQueryParams(c_.get(), text.c_str(), static_cast<int>(p.values.size()),
-                         p.types.data(), p.values.data(), p.lengths.data(), p.formats.data(), 1))
-    failed_send();
-  return wait();
+  return run([&](PGconn *c) {
+    return PQsendQueryParams(c, text.c_str(), static_cast<int>(p.values.size()), p.types.data(),
+                             p.values.data(), p.lengths.data(), p.formats.data(), 1);
+  });
 }
 
 // Appends rows [from, to) of a binary result.
