@@ -1,7 +1,7 @@
 // The statement executor of tavrind: from a channel's state and one request's
-// bytes to the answer's bytes, on SQLite.
+// bytes to the answer's bytes, on the store of the server (store.h).
 //
-// Each channel has its own SQLite connection, open database, transaction,
+// Each channel has its own store connection, open database, transaction,
 // cursors and MAX setting. Outside BEGIN ... COMMIT/END/ABORT every statement
 // is its own transaction; inside, a failed statement is undone and the
 // transaction goes on. A statement that needs a lock that another channel
@@ -42,9 +42,17 @@ namespace tavrind {
 
 struct Session;
 
+class Store;
+
 // Server-wide state shared by all channels.
 struct Executor {
+  // With the SQLite store on the catalog's folder; a server may put another
+  // store in place before the first session.
+  Executor();
+  ~Executor();
   Catalog catalog;
+  // Where the databases live (store.h).
+  std::unique_ptr<Store> store;
   // Every channel's session (each adds and removes itself), for the list of
   // lock holders and waiters; guarded by sessions_mutex.
   std::vector<Session *> sessions;
