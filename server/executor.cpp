@@ -361,17 +361,28 @@ public:
       }
       }
     }
-    g.sql = std::string("SELECT ") + (s.distinct ? "DISTINCT " : "") + list + " FROM " + from;
-    if (s.where) g.sql += " WHERE " + expr(*s.where, scope);
+    g.sql = std::string("SELECT ") + (s.distinct ? "DISTINCT " : "") + list;
+    std::string rest = " FROM " + from;
+    if (s.where) rest += " WHERE " + expr(*s.where, scope);
+    // Items a DISTINCT orders by that the store wants in the select list too:
+    // after the answer's columns, which the answer leaves out.
+    std::string hidden;
     if (!s.order.empty()) {
-      g.sql += " ORDER BY ";
+      rest += " ORDER BY ";
       for (size_t i = 0; i < s.order.size(); ++i) {
         Resolved r = resolve(s.order[i].attr, scope);
-        if (i) g.sql += ", ";
-        g.sql += r.col->type.code == DBTYPE_CHARACTER ? conn().text_order(r.sql) : r.sql;
-        if (s.order[i].desc) g.sql += " DESC";
+        if (i) rest += ", ";
+        std::string item =
+            conn().order_by(r.sql, r.col->type.code == DBTYPE_CHARACTER, s.order[i].desc);
+        rest += item;
+        if (s.distinct) {
+          std::string extra =
+              conn().distinct_order_item(r.sql, r.col->type.code == DBTYPE_CHARACTER);
+          if (!extra.empty()) hidden += ", " + extra;
+        }
       }
     }
+    g.sql += hidden + rest;
     check_params();
     return g;
   }
@@ -521,11 +532,12 @@ private:
       std::optional<ColType> t = type_of(*e.args[0], scope);
       bool text = is_text(*e.args[0], t) || (!t && is_text(*e.args[1], t));
       std::string a = value(*e.args[0], scope, t), list;
+      std::vector<std::string> items;
       for (size_t i = 1; i < e.args.size(); ++i) {
-        if (i > 1) list += ", ";
-        list += value(*e.args[i], scope, t);
+        items.push_back(value(*e.args[i], scope, t));
+        list += (i > 1 ? ", " : "") + items.back();
       }
-      if (text) return conn().text_in_list(a, list);
+      if (text) return conn().text_in_list(a, items);
       return "(" + a + " IN (" + list + "))";
     }
     case Expr::InSelect: {
@@ -576,7 +588,7 @@ template <class F> void as_change(Ctx &c, F f) {
   bool own = !c.ch.in_transaction();
   StoreConn &conn = *c.st.conn;
   if (own)
-    conn.begin(true);
+    conn.begin(true, true);
   else
     conn.statement_begin();
   try {
@@ -815,20 +827,19 @@ void do_fetch(Ctx &c, const Request &q) {
 void do_create_table(Ctx &c, const Request &q) {
   if (c.st.schema.tables.count(q.name))
     throw ExecError{answer_errtext(Err::TABELLE_EXISTIERT, {q.name})};
-  if (c.st.schema.indexes.count(q.name)) throw ExecError{answer_errtext(Err::NAME_VERGEBEN, {q.name})};
+  if (c.st.schema.indexes.count(q.name))
+    throw ExecError{answer_errtext(Err::NAME_VERGEBEN, {q.name})};
   if (q.name.rfind("SQLITE_", 0) == 0)
     throw ExecError{answer_errtext(Err::NAME_UNGUELTIG, {q.name})};
-  std::string sql = "CREATE TABLE " + quote(q.name) + " (";
+  std::vector<ColumnInfo> cols;
   for (size_t i = 0; i < q.columns.size(); ++i) {
     for (size_t j = 0; j < i; ++j)
       if (q.columns[j].name == q.columns[i].name)
         throw ExecError{answer_errtext(Err::ATTRIBUT_DOPPELT, {q.columns[i].name})};
-    sql += (i ? ", " : "") + quote(q.columns[i].name) + " " +
-           c.st.conn->column_decl(q.columns[i].type, q.columns[i].not_null);
+    cols.push_back({q.columns[i].name, q.columns[i].type, q.columns[i].not_null});
   }
-  sql += ")";
-  if (c.ch.ex.verbose) log_line(c.ch, sql);
-  as_change(c, [&] { c.st.conn->exec(sql); });
+  if (c.ch.ex.verbose) log_line(c.ch, "CREATE TABLE " + q.name);
+  as_change(c, [&] { c.st.conn->create_table(q.name, cols); });
   answer_done(c.out);
 }
 
@@ -1255,6 +1266,13 @@ int execute(Ctx &c, const Request &q) {
     break;
   }
   if (!st.conn) throw ExecError{answer_errtext(Err::KEINE_DATENBANK, {})};
+  if (st.conn->lost()) {
+    // The store's server went away under the previous request (which was
+    // told so): this request runs on a new connection.
+    std::string name = ch.database;
+    close_database(ch, false);
+    switch_database(ch, name, false);
+  }
   bool writes = q.kind == ReqKind::CreateTable || q.kind == ReqKind::DropTable ||
                 q.kind == ReqKind::CreateIndex || q.kind == ReqKind::DropIndex ||
                 q.kind == ReqKind::Insert || q.kind == ReqKind::Update ||
@@ -1495,6 +1513,10 @@ std::string session_user(const Session &ch) {
 time_t session_lock_since(const Session &ch) { return ch.st ? ch.st->lock_since.load() : 0; }
 
 void session_wait_ended(Session &ch) { ch.st->wait_since = 0; }
+
+std::string session_foreign_lock_holder(Session &ch) {
+  return ch.st->conn ? ch.st->conn->foreign_lock_holder() : std::string();
+}
 
 std::string lock_holder_text(const Session &holder) {
   std::string t = "Kanal " + std::to_string(holder.id);

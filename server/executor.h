@@ -161,6 +161,12 @@ bool waits_in_vain(const Session &waiter, const Session &holder);
 // holder's transaction took the lock.
 std::string lock_holder_text(const Session &holder);
 
+// Who holds the write lock that ch's parked statement waits for when no
+// channel of this server does (another server on the same store), as a
+// text for error 509; "" when the store cannot tell. Only while ch's
+// statement is parked (its connection is idle).
+std::string session_foreign_lock_holder(Session &ch);
+
 // The waiting statement of ch is over without the executor seeing it (the
 // caller refused it: lock timeout, deadlock); it no longer shows as waiting.
 void session_wait_ended(Session &ch);

@@ -278,7 +278,8 @@ void ExecHandler::time_out(ProtocolServer &srv, Chan &chan) {
   std::string db = chan.ch.database.empty() ? "?" : chan.ch.database;
   int holder = lock_holder(chan);
   std::string who = holder >= 0 ? lock_holder_text(channels_.at(holder)->ch)
-                                : std::string("ein Programm außerhalb des Servers");
+                                : session_foreign_lock_holder(chan.ch);
+  if (who.empty()) who = "ein Programm außerhalb des Servers";
   refuse(srv, chan, answer_errtext(Err::SPERRE_ZEITABLAUF, {db, secs, who}));
 }
 

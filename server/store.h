@@ -107,8 +107,6 @@ public:
 
   // --- the pieces of SQL that differ between the stores. Every value is
   // a parameter '?' in the order of the text.
-  // The declaration of an attribute in CREATE TABLE (after its name).
-  virtual std::string column_decl(ColType t, bool not_null) = 0;
   // l op r on texts: exact but for trailing blanks (rtrim_only, for = and
   // <>) or by the system's string rule.
   virtual std::string text_compare(const std::string &l, const char *op, const std::string &r,
@@ -116,14 +114,19 @@ public:
   // a BETWEEN lo AND hi by the string rule.
   virtual std::string text_between(const std::string &a, const std::string &lo,
                                    const std::string &hi) = 0;
-  // a IN (list) with trailing blanks ignored; list already joined.
-  virtual std::string text_in_list(const std::string &a, const std::string &list) = 0;
+  // a IN (items) with trailing blanks ignored.
+  virtual std::string text_in_list(const std::string &a, const std::vector<std::string> &items) = 0;
   // a IN (subquery) with trailing blanks ignored.
   virtual std::string text_in_select(const std::string &a, const std::string &sub) = 0;
   // l LIKE r, case-blind for ASCII letters, '%' and '_' only.
   virtual std::string like(const std::string &l, const std::string &r) = 0;
-  // An ORDER BY item for a text by the string rule.
-  virtual std::string text_order(const std::string &x) = 0;
+  // An ORDER BY item: by the string rule for a text; NULLs first when
+  // ascending, as in SQLite.
+  virtual std::string order_by(const std::string &x, bool text, bool desc) = 0;
+  // What a SELECT DISTINCT must list besides its columns to be ordered by x
+  // (stores that want the ordering expressions in the select list); "":
+  // nothing. The executor adds them after the answer's columns.
+  virtual std::string distinct_order_item(const std::string &, bool) { return ""; }
   // MIN or MAX of a text by the string rule.
   virtual std::string text_min_max(bool max, const std::string &x) = 0;
 
@@ -141,8 +144,10 @@ public:
   // holds nothing).
   virtual StoreTxn txn_state() = 0;
   // Starts a transaction; with write it holds the write lock at once
-  // (WouldBlock: no transaction is left open).
-  virtual void begin(bool write) = 0;
+  // (WouldBlock: no transaction is left open). single: the transaction of
+  // one change outside BEGIN ... COMMIT, which the caller commits or rolls
+  // back itself.
+  virtual void begin(bool write, bool single = false) = 0;
   // Commits (a failure throws and leaves the transaction open), rolls back
   // (never throws).
   virtual void commit() = 0;
@@ -155,6 +160,9 @@ public:
   virtual void statement_keep() = 0;
 
   // --- statements. Every one throws ExecError, WouldBlock or Interrupted.
+  // CREATE TABLE name with the attributes' declared types, NOT NULL and the
+  // defaults that store the null markers.
+  virtual void create_table(const std::string &name, const std::vector<ColumnInfo> &cols) = 0;
   // DDL and other statements without parameters or rows. unique_error: the
   // text thrown when the statement fails on a unique index (creating one
   // over duplicate values); empty: the general mapping.

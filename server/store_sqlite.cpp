@@ -94,9 +94,6 @@ public:
   // Throws the error that an SQLite failure means for the client.
   [[noreturn]] void raise(int rc);
 
-  std::string column_decl(ColType t, bool not_null) override {
-    return type_declaration(t, not_null);
-  }
   std::string text_compare(const std::string &l, const char *op, const std::string &r,
                            bool rtrim_only) override {
     return "(" + l + (rtrim_only ? " COLLATE RTRIM " : " COLLATE TAVRIN ") + op + " " + r + ")";
@@ -105,7 +102,9 @@ public:
                            const std::string &hi) override {
     return "(" + a + " COLLATE TAVRIN BETWEEN " + lo + " AND " + hi + ")";
   }
-  std::string text_in_list(const std::string &a, const std::string &list) override {
+  std::string text_in_list(const std::string &a, const std::vector<std::string> &items) override {
+    std::string list;
+    for (const auto &i : items) list += (list.empty() ? "" : ", ") + i;
     return "(" + a + " COLLATE RTRIM IN (" + list + "))";
   }
   std::string text_in_select(const std::string &a, const std::string &sub) override {
@@ -114,7 +113,9 @@ public:
   std::string like(const std::string &l, const std::string &r) override {
     return "(" + l + " LIKE " + r + ")";
   }
-  std::string text_order(const std::string &x) override { return x + " COLLATE TAVRIN"; }
+  std::string order_by(const std::string &x, bool text, bool desc) override {
+    return x + (text ? " COLLATE TAVRIN" : "") + (desc ? " DESC" : "");
+  }
   std::string text_min_max(bool max, const std::string &x) override {
     return std::string(max ? "max(" : "min(") + x + " COLLATE TAVRIN)";
   }
@@ -140,7 +141,7 @@ public:
   bool txn_open() override { return !sqlite3_get_autocommit(db_.get()); }
   // Outside a transaction every statement is its own; the write lock of
   // BEGIN IMMEDIATE is taken at once or refused (SQLITE_BUSY).
-  void begin(bool write) override { exec(write ? "BEGIN IMMEDIATE" : "BEGIN"); }
+  void begin(bool write, bool = false) override { exec(write ? "BEGIN IMMEDIATE" : "BEGIN"); }
   void commit() override {
     int rc = sqlite3_exec(db_.get(), "COMMIT", nullptr, nullptr, nullptr);
     if (rc != SQLITE_OK) raise(rc);
@@ -162,6 +163,13 @@ public:
     if (rc == SQLITE_OK) return;
     if (!unique_error.empty() && (rc & 0xFF) == SQLITE_CONSTRAINT) throw ExecError{unique_error};
     raise(rc);
+  }
+  void create_table(const std::string &name, const std::vector<ColumnInfo> &cols) override {
+    std::string sql = "CREATE TABLE " + quote(name) + " (";
+    for (size_t i = 0; i < cols.size(); ++i)
+      sql += (i ? ", " : "") + quote(cols[i].name) + " " +
+             type_declaration(cols[i].type, cols[i].not_null);
+    exec(sql + ")");
   }
   int change(const std::string &sql, const std::vector<SqlValue> &params) override {
     CachedStmt s(*this, sql);
