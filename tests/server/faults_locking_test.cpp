@@ -527,7 +527,7 @@ TEST_F(PgStoreLocking, TwoServersOnOneDatabaseExcludeEachOthersWriters) {
   ASSERT_TRUE(a.ok() && b.ok() && reader.ok()) << b.greeting();
   ASSERT_EQ(a.run("BEGIN"), kDone);
   ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 90 WHERE KONTO_ID = 1"), "1|1");
-  b.send("UPDATE KONTO SET BETRAG = BETRAG + 5 WHERE KONTO_ID = 1");
+  b.send("UPDATE KONTO SET BETRAG = 95 WHERE KONTO_ID = 1");
   EXPECT_EQ(b.answer(400ms), "") << "B must wait for A's lock";
   EXPECT_EQ(reader.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("100"));
   ASSERT_EQ(a.run("COMMIT"), kDone);
@@ -567,7 +567,7 @@ TEST_F(PgStoreLocking, LostClusterFailsTheTransactionAndNoClientHangs) {
     }
   }
   ASSERT_TRUE(cluster->start_again());
-  EXPECT_EQ(a.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("100"));
+  EXPECT_EQ(a.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("100")) << srv.log_text();
   EXPECT_EQ(a.run("UPDATE KONTO SET BETRAG = 60 WHERE KONTO_ID = 2"), "1|1");
   EXPECT_EQ(amount(2), tuples("60"));
 }

@@ -120,8 +120,7 @@ TEST_F(PgStore, ImportedDemoFolderReadsTheSameAndASecondImportIsRefused) {
 
   std::string why, db = cluster->new_database(why);
   ASSERT_FALSE(db.empty()) << why;
-  std::vector<std::string> import = {"--data",     dir + "/import", "--namespace",    lite.ns() + "i",
-                                     "--postgres", db,              "--import-sqlite", lite.data_dir()};
+  std::vector<std::string> import = {"--postgres", db, "--import-sqlite", lite.data_dir()};
   std::string log = dir + "/import.log";
   ASSERT_EQ(run_tavrind(import, log), 0) << text_of(log);
   // Every table of both databases was counted and checked.
