@@ -78,6 +78,8 @@ public:
 
   // The PostgreSQL database the server stores in ("" on the SQLite store).
   std::string store;
+  // Set before start(): the SQLite store, whatever ZENTIQ_TEST_STORE says.
+  bool sqlite = false;
 
   // Starts a server with the options `extra`; false when it did not come up
   // within about 30 s (or no PostgreSQL database could be made for it).
@@ -88,7 +90,7 @@ public:
     if (!mkdtemp(tmpl)) return false;
     dir_ = tmpl;
     extra_ = extra;
-    if (store.empty() && !pgcluster::store_conninfo(store, why_)) return false;
+    if (!sqlite && store.empty() && !pgcluster::store_conninfo(store, why_)) return false;
     return launch();
   }
   // Why start() failed when it was not the server itself (see log_text()).

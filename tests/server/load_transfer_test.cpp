@@ -269,4 +269,26 @@ TEST_F(Transfers, LoadLongServerKilled) {
   for (int round = 0; round < 3; ++round) kill_server(4s, round);
 }
 
+// Two servers on one PostgreSQL database (the postgres pass only): clients
+// of both cross their transfers; the sum and every commit hold.
+class PgStoreTransfers : public Transfers {
+protected:
+  void SetUp() override {
+    if (!pgcluster::postgres_store())
+      GTEST_SKIP() << "two servers share a database only on the PostgreSQL store";
+    Transfers::SetUp();
+  }
+};
+
+TEST_F(PgStoreTransfers, TwoServersOnOneDatabaseKeepTheSum) {
+  faults::Server other;
+  other.store = srv.store;
+  ASSERT_TRUE(other.start({})) << other.log_text();
+  std::vector<pid_t> workers;
+  for (int w = 0; w < 8; ++w)
+    workers.push_back(start_worker(w % 2 ? other.ns() : srv.ns(), w + 1, 40, record));
+  for (pid_t w : workers) EXPECT_EQ(faults::reap(w, 60s), 0);
+  check_data(srv, record);
+}
+
 } // namespace
