@@ -53,10 +53,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <functional>
 #include <mutex>
+#include <map>
 #include <set>
 #include <unordered_map>
 
@@ -84,6 +86,9 @@ const char *const STATIC_PREFIX = "_static_";
 constexpr size_t STMT_CACHE = 64;
 // How long one wait for a result lasts before the check function is asked.
 constexpr int POLL_MS = 2;
+// A connection that has read nothing for this long is asked for
+// notifications and for a closed socket before its next statement.
+constexpr std::chrono::milliseconds IDLE_READ{5};
 
 std::string upper(std::string s) {
   for (char &c : s)
@@ -277,6 +282,8 @@ public:
       : store_(store), name_(std::move(name)), c_(std::move(c)), cancel_(PQgetCancel(c_.get())),
         check_(check), arg_(arg), key_(lock_key(name_)) {}
 
+  ~PgConn() override { note_unlocked(); }
+
   // Sets the connection up for database name: search path, LISTEN.
   void start() {
     run_simple("SET search_path = " + quote(name_) + "; LISTEN tavrin_schema");
@@ -320,12 +327,16 @@ public:
   // --- schema: a DDL statement of any connection notifies tavrin_schema;
   // the version counts the notifications seen and this connection's own
   // DDL (seen at once, before its commit).
+  // Input is read for notifications only when the connection has not read
+  // any for a moment: a statement that just ended has read everything the
+  // server sent before its results, so back-to-back statements cost no
+  // further system call.
   int schema_version() override {
-    if (!lost_ && PQconsumeInput(c_.get())) {
-      while (PGnotify *n = PQnotifies(c_.get())) {
-        if (name_ == n->extra) ++version_;
-        PQfreemem(n);
-      }
+    if (!lost_ && std::chrono::steady_clock::now() - last_read_ > IDLE_READ)
+      consume();
+    while (PGnotify *n = PQnotifies(c_.get())) {
+      if (name_ == n->extra) ++version_;
+      PQfreemem(n);
     }
     return version_;
   }
@@ -349,6 +360,8 @@ public:
       snapshot_ = locked_ = false;
       return;
     }
+    // Held by another channel of this server: refused without asking.
+    if (held_elsewhere()) throw WouldBlock{};
     try {
       if (!take_lock(std::string(sql) + "; ")) {
         end_txn("ROLLBACK");
@@ -363,6 +376,10 @@ public:
     if (!in_txn_) return;
     // A failed COMMIT ends the transaction in PostgreSQL all the same.
     in_txn_ = snapshot_ = locked_ = single_ = false;
+    struct Unlock {
+      PgConn &c;
+      ~Unlock() { c.note_unlocked(); }
+    } unlock{*this};
     run_simple("COMMIT");
   }
   void rollback() override {
@@ -372,7 +389,7 @@ public:
   // Every statement inside a transaction has a savepoint of its own (run()),
   // so a change needs only the lock, and a failed one is undone already.
   void statement_begin() override {
-    if (!locked_ && !take_lock()) throw WouldBlock{};
+    if (!locked_ && (held_elsewhere() || !take_lock())) throw WouldBlock{};
   }
   void statement_undo() override {}
   void statement_keep() override {}
@@ -454,6 +471,11 @@ public:
   Result run_params(const std::string &sql, const std::vector<SqlValue> &params);
 
   PGconn *raw() const { return c_.get(); }
+  // Reads what the server sent meanwhile (notifications, a closed socket).
+  int consume() {
+    last_read_ = std::chrono::steady_clock::now();
+    return PQconsumeInput(c_.get());
+  }
   int next_cursor() { return ++cursors_; }
   bool in_aborted_txn() const { return in_txn_ && PQtransactionStatus(c_.get()) == PQTRANS_INERROR; }
 
@@ -493,17 +515,24 @@ private:
     snapshot_ = true;
     if (last_rows_ <= 0) return false;
     locked_ = true;
+    note_lock(true);
     return true;
   }
+  // The lock (if this connection held it) is no longer held.
+  void note_unlocked() { note_lock(false); }
+  bool held_elsewhere();
+  void note_lock(bool held);
 
   void end_txn(const char *sql) {
     in_txn_ = snapshot_ = locked_ = in_statement_ = single_ = false;
-    if (lost_) return;
-    try {
-      run_simple(sql);
-    } catch (const ExecError &) {
-    } catch (const Interrupted &) {
+    if (!lost_) {
+      try {
+        run_simple(sql);
+      } catch (const ExecError &) {
+      } catch (const Interrupted &) {
+      }
     }
+    note_unlocked();
   }
 
   // Before a statement: a connection that the server closed while it was
@@ -513,7 +542,9 @@ private:
   void revive() {
     if (lost_) lost_error("");
     if (in_txn_ || PQisBusy(c_.get())) return;
-    if (PQconsumeInput(c_.get()) && PQstatus(c_.get()) == CONNECTION_OK) return;
+    // Only a connection idle for a moment is asked (a system call).
+    if (std::chrono::steady_clock::now() - last_read_ <= IDLE_READ) return;
+    if (consume() && PQstatus(c_.get()) == CONNECTION_OK) return;
     PQreset(c_.get());
     if (PQstatus(c_.get()) != CONNECTION_OK) lost_error(PQerrorMessage(c_.get()));
     cancel_.reset(PQgetCancel(c_.get()));
@@ -529,6 +560,7 @@ private:
   [[noreturn]] void lost_error(const std::string &why) {
     lost_ = true;
     in_txn_ = snapshot_ = locked_ = in_statement_ = false;
+    note_unlocked(); // PostgreSQL ends the transaction, and its lock, with the connection
     std::string w = why.empty() ? std::string(PQerrorMessage(c_.get())) : why;
     w = w.substr(0, w.find('\n')); // libpq's first line says what happened
     if (w.empty()) w = "PostgreSQL";
@@ -556,6 +588,11 @@ private:
   bool in_txn_ = false, snapshot_ = false, locked_ = false, in_statement_ = false;
   bool single_ = false; // the open transaction is one change's own
   int version_ = 0;
+  // The statement waited for has no effects: a stop asked for while it ran
+  // stops the request even when it was done before the cancel came.
+  bool stop_after_success_ = false;
+  // When the connection last read from the server.
+  std::chrono::steady_clock::time_point last_read_{};
   int cursors_ = 0;
   int rows_of_ = -1;  // the index of the result whose row count last_rows_ takes
   int last_rows_ = 0;
@@ -615,6 +652,23 @@ public:
   }
 
   const std::string &conninfo() const { return conninfo_; }
+
+  // Which connection of this server holds the write lock of a key (as far
+  // as the connections have noted it): a statement of another one would be
+  // refused by PostgreSQL, so it is refused without the round trip.
+  bool lock_held_elsewhere(int64_t key, const void *conn) {
+    std::lock_guard<std::mutex> lock(holders_mutex_);
+    auto it = holders_.find(key);
+    return it != holders_.end() && it->second != conn;
+  }
+  void note_lock(int64_t key, const void *conn, bool held) {
+    std::lock_guard<std::mutex> lock(holders_mutex_);
+    auto it = holders_.find(key);
+    if (held)
+      holders_[key] = conn;
+    else if (it != holders_.end() && it->second == conn)
+      holders_.erase(it);
+  }
   // Who holds the advisory lock key (for error 509): the application name,
   // host and backend of the holding session; "" when none does.
   std::string lock_holder_text(int64_t key);
@@ -701,6 +755,8 @@ private:
   mutable std::mutex mutex_; // guards admin_ and markers_ready_
   ConnPtr admin_;
   std::set<std::string> markers_ready_;
+  std::mutex holders_mutex_;
+  std::map<int64_t, const void *> holders_;
 };
 
 // --- running statements ------------------------------------------------------
@@ -724,6 +780,7 @@ Result PgConn::wait(bool pipeline, int want) {
     }
     PGresult *r = PQgetResult(c);
     if (!r) {
+      last_read_ = std::chrono::steady_clock::now();
       // In a pipeline a null ends one command's results; the sync ends all.
       if (!pipeline || PQstatus(c) == CONNECTION_BAD) break;
       ++command;
@@ -748,7 +805,7 @@ Result PgConn::wait(bool pipeline, int want) {
     if (cancelled && state && strcmp(state, "57014") == 0) throw Interrupted{};
     raise(failed.get());
   }
-  if (cancelled && !last) throw Interrupted{};
+  if (cancelled && (!last || stop_after_success_)) throw Interrupted{};
   return last;
 }
 
@@ -909,10 +966,19 @@ Result PgConn::run_prepared(const std::string &sql, const std::vector<SqlValue> 
     }
     std::string name = "t" + std::to_string(++statement_names_);
     std::string text = numbered(sql);
-    run([&](PGconn *c) {
-      return PQsendPrepare(c, name.c_str(), text.c_str(), static_cast<int>(p.types.size()),
-                           p.types.data());
-    });
+    // A stop asked for while the statement is prepared stops it before it
+    // runs (the preparing itself changes nothing).
+    stop_after_success_ = true;
+    try {
+      run([&](PGconn *c) {
+        return PQsendPrepare(c, name.c_str(), text.c_str(), static_cast<int>(p.types.size()),
+                             p.types.data());
+      });
+    } catch (...) {
+      stop_after_success_ = false;
+      throw;
+    }
+    stop_after_success_ = false;
     it = prepared_.emplace(cache_key, name).first;
   }
   const std::string &name = it->second;
@@ -1090,6 +1156,9 @@ int PgConn::save(const std::string &path, std::string &err) {
   if (!c) return 0;
   return pgcopy_save_to_sqlite(c.get(), name_, path, err);
 }
+
+bool PgConn::held_elsewhere() { return store_.lock_held_elsewhere(key_, this); }
+void PgConn::note_lock(bool held) { store_.note_lock(key_, this, held); }
 
 std::string PgConn::foreign_lock_holder() { return store_.lock_holder_text(key_); }
 
