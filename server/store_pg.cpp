@@ -1055,8 +1055,10 @@ public:
         name_("tavrin_c" + std::to_string(c.next_cursor())) {}
   ~PgCursor() override {
     if (!declared_ || c_.lost() || c_.in_aborted_txn()) return;
+    // Through run_params: inside a transaction behind a savepoint, so that
+    // a cursor gone with an earlier rollback does not end the transaction.
     try {
-      c_.run_simple("CLOSE " + name_);
+      c_.run_params("CLOSE " + name_, {});
     } catch (...) {
     }
   }
