@@ -455,7 +455,6 @@ public:
   }
   int save(const std::string &path, std::string &err) override;
   std::string foreign_lock_holder() override;
-  int64_t lock_key_of() const { return key_; }
   bool lost() const override { return lost_; }
 
   // Runs sql without parameters (one or more statements) and waits for it.
@@ -477,7 +476,6 @@ public:
   // Runs sql with parameters unprepared (a cursor's DECLARE).
   Result run_params(const std::string &sql, const std::vector<SqlValue> &params);
 
-  PGconn *raw() const { return c_.get(); }
   // Reads what the server sent meanwhile (notifications, a closed socket).
   int consume() {
     last_read_ = std::chrono::steady_clock::now();
