@@ -8,7 +8,6 @@
 
 #include <fcntl.h>
 #include <linux/magic.h>
-#include <pwd.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/statfs.h>
@@ -25,12 +24,13 @@
 
 #include "base/msg.h"
 #include "db/client/connect.h"
+#include "tests/pgcluster.h"
 
 extern char **environ;
 
 namespace bench_servers {
 
-inline constexpr const char *kPgBin = "/usr/lib/postgresql/15/bin";
+using pgcluster::kPgBin;
 
 // The tavrind program beside this benchmark's folder; "" when missing.
 inline std::string tavrind_program() {
@@ -65,10 +65,11 @@ inline std::string fs_kind(const std::string &path) {
 enum class Sync { Normal, Full };
 
 // Starts tavrind on `data` in namespace `ns` (also set as TAVRIN_NAMESPACE of
-// this process) with durability `sync`, its output appended to `log`. Returns
-// its pid, or -1 with a line on stderr.
+// this process) with durability `sync`, its output appended to `log`; with a
+// connection string `postgres`, on the PostgreSQL store in that database.
+// Returns its pid, or -1 with a line on stderr.
 inline pid_t spawn_tavrind(const std::string &data, const std::string &log, const std::string &ns,
-                           Sync sync = Sync::Normal) {
+                           Sync sync = Sync::Normal, const std::string &postgres = "") {
   std::string prog = tavrind_program();
   if (prog.empty()) {
     std::fprintf(stderr, "tavrind has not been built beside the benchmark\n");
@@ -81,6 +82,7 @@ inline pid_t spawn_tavrind(const std::string &data, const std::string &log, cons
   posix_spawn_file_actions_adddup2(&fa, 1, 2);
   std::vector<std::string> args = {
       prog, "--data", data, "--namespace", ns, "--sync", sync == Sync::Full ? "full" : "normal"};
+  if (!postgres.empty()) args.insert(args.end(), {"--postgres", postgres});
   std::vector<char *> argv;
   for (auto &a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
@@ -157,65 +159,18 @@ inline void stop_process(pid_t &pid) {
   pid = -1;
 }
 
-// A temporary PostgreSQL cluster. start() makes it in a new folder under
-// data_root() (name prefix `tag`) and starts it; stop() stops it and removes
-// the folder.
-struct PgCluster {
-  std::string dir; // the cluster's folder, owned by postgres; "" when none
-
-  // libpq connection string of the running cluster.
-  std::string conninfo() const {
-    return "host=" + dir + " port=5432 user=postgres dbname=postgres";
-  }
-
-  // Runs a PostgreSQL program as the postgres user; returns its exit status.
-  int run_as_postgres(const std::string &cmdline) const {
-    std::string cmd = "runuser -u postgres -- " + cmdline + " >>" + dir + "/setup.log 2>&1";
-    return std::system(cmd.c_str());
-  }
-
-  // False with a line on stderr when PostgreSQL cannot be used.
+// A temporary PostgreSQL cluster (tests/pgcluster.h) under data_root() with
+// the benchmarks' durability. start() makes it in a new folder (name prefix
+// `tag`) and starts it; false with a line on stderr. stop() stops it and
+// removes the folder.
+struct PgCluster : pgcluster::Cluster {
   bool start(const std::string &tag, Sync sync = Sync::Normal) {
-    namespace fs = std::filesystem;
-    if (!fs::exists(std::string(kPgBin) + "/initdb")) {
-      std::fprintf(stderr, "PostgreSQL is not installed\n");
-      return false;
-    }
-    struct passwd *pw = getpwnam("postgres");
-    std::string pattern = data_root() + "/zentiq_" + tag + "_XXXXXX";
-    std::vector<char> tmpl(pattern.begin(), pattern.end());
-    tmpl.push_back('\0');
-    if (!pw || !mkdtemp(tmpl.data())) {
-      std::fprintf(stderr, "no postgres user or no temporary folder\n");
-      return false;
-    }
-    dir = tmpl.data();
-    if (chown(dir.c_str(), pw->pw_uid, pw->pw_gid) != 0) return false;
-    std::string bin = kPgBin;
-    if (run_as_postgres(bin + "/initdb -D " + dir + "/data -A trust -U postgres -E UTF8 " +
-                        "--no-sync") != 0) {
-      std::fprintf(stderr, "initdb failed (see %s/setup.log)\n", dir.c_str());
-      return false;
-    }
+    std::string why;
     std::string durability =
         sync == Sync::Full ? "-c fsync=on -c synchronous_commit=on" : "-c fsync=off";
-    if (run_as_postgres(bin + "/pg_ctl -D " + dir + "/data -l " + dir + "/pg.log -w -t 60 " +
-                        "-o \"-k " + dir + " -c listen_addresses='' -p 5432 " + durability +
-                        "\" start") != 0) {
-      std::fprintf(stderr, "pg_ctl start failed\n");
-      return false;
-    }
-    return true;
-  }
-
-  void stop() {
-    namespace fs = std::filesystem;
-    if (dir.empty()) return;
-    if (fs::exists(dir + "/data/postmaster.pid"))
-      run_as_postgres(std::string(kPgBin) + "/pg_ctl -D " + dir + "/data -m fast -w -t 60 stop");
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-    dir.clear();
+    if (Cluster::start(data_root(), tag, durability, why)) return true;
+    std::fprintf(stderr, "%s\n", why.c_str());
+    return false;
   }
 };
 

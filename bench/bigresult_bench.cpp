@@ -151,7 +151,7 @@ std::vector<std::string> psql_args() {
           "-X",
           "-q",
           "-h",
-          g_pgc.dir,
+          g_pgc.dir(),
           "-p",
           "5432",
           "-U",
@@ -199,7 +199,7 @@ void BM_TavrinCsv(benchmark::State &state) {
 }
 
 void BM_PsqlCsv(benchmark::State &state) {
-  if (g_pgc.dir.empty()) return state.SkipWithError("PostgreSQL not running");
+  if (g_pgc.dir().empty()) return state.SkipWithError("PostgreSQL not running");
   time_client(state, psql_args, g_psql);
 }
 

@@ -8,13 +8,17 @@
 //   (c) the same query on SQLite in this process, prepared once and bound,
 //       stepped and reset for every lookup;
 //   (d) a SELECT of 100 000 rows x 6 columns into the client's memory, rows
-//       per second through tavrind and through libpq.
+//       per second through tavrind and through libpq;
+//   (e) the lookup of (a) through a second tavrind that stores in the same
+//       PostgreSQL cluster (--postgres, a database of its own), against (b).
 // The benchmark starts tavrind (beside it at ../server/tavrind, --sync
 // normal) and a PostgreSQL cluster (fsync=off: the same durability) as the
 // postgres user, both with their data in temporary folders on the same
 // disk-backed file system, and stops both by their pids at the end. Without
-// PostgreSQL only the tavrind and SQLite figures are printed. The program
-// ends with one TARGET line per target.
+// PostgreSQL only the tavrind and SQLite figures are printed. The client
+// library keeps one connection per process, so (e) runs last, after the
+// client has left the first tavrind. The program ends with one TARGET line
+// per target.
 #include <benchmark/benchmark.h>
 #include <libpq-fe.h>
 #include <sqlite3.h>
@@ -58,7 +62,7 @@ constexpr int kScans = 7;      // timed full scans per system (median)
 
 // Figures for the TARGET lines; negative: not measured.
 struct Results {
-  double tav_us = -1, pg_us = -1, lite_us = -1;
+  double tav_us = -1, pg_us = -1, lite_us = -1, tavpg_us = -1;
   double tav_rows = -1, pg_rows = -1;
 } g_res;
 
@@ -66,6 +70,8 @@ DBCONN *g_tav = nullptr;
 PGconn *g_pg = nullptr;
 sqlite3 *g_lite = nullptr;
 pid_t g_tav_pid = -1;
+pid_t g_tavpg_pid = -1;         // the tavrind on the PostgreSQL store
+std::string g_tavpg_ns;         // its namespace
 std::string g_tmp;              // our temporary folder (tavrind data, SQLite file)
 bench_servers::PgCluster g_pgc; // the temporary PostgreSQL cluster
 
@@ -82,23 +88,10 @@ double median(std::vector<double> v) {
 
 // --- tavrind ---------------------------------------------------------------
 
-// Starts tavrind on g_tmp/data in a namespace of its own and connects to a
-// fresh database BENCH filled with the bench table. Returns false with a
-// line on stderr when it cannot.
-bool start_tavrind() {
-  std::string ns = "zqbench" + std::to_string(getpid()) + "_";
-  g_tav_pid = bench_servers::spawn_tavrind(g_tmp + "/data", g_tmp + "/tavrind.log", ns);
-  if (g_tav_pid <= 0) return false;
-
-  g_tav = bench_servers::connect_tavrind(g_tav_pid, ns);
-  if (!g_tav) return false;
-  auto ok = [](const std::string &sql) {
-    DBRESULT *r = DBexec(g_tav, sql.c_str());
-    int st = DBresult_status(r);
-    if (st != DBRES_DONE) std::fprintf(stderr, "%s: %s", sql.c_str(), DBresult_error(r));
-    DBclear(r);
-    return st == DBRES_DONE;
-  };
+// Makes the database BENCH with the bench table through `conn` (which is
+// left on BENCH). False with a line on stderr when a statement failed.
+bool fill_tavrind(DBCONN *conn) {
+  auto ok = [conn](const std::string &sql) { return bench_servers::exec_done(conn, sql); };
   if (!ok("CREATE DATABASE BENCH") ||
       !ok("CREATE TABLE BENCH (BENCH_ID INTEGER NOT NULL, NAME CHARACTER(32), MENGE SMALLINT, "
           "BETRAG FLOAT, DATUM DATE, ZEIT TIMESTAMP)") ||
@@ -109,6 +102,40 @@ bool start_tavrind() {
   return ok("COMMIT");
 }
 
+// Starts tavrind on g_tmp/data in a namespace of its own and connects to a
+// fresh database BENCH filled with the bench table. Returns false with a
+// line on stderr when it cannot.
+bool start_tavrind() {
+  std::string ns = "zqbench" + std::to_string(getpid()) + "_";
+  g_tav_pid = bench_servers::spawn_tavrind(g_tmp + "/data", g_tmp + "/tavrind.log", ns);
+  if (g_tav_pid <= 0) return false;
+  g_tav = bench_servers::connect_tavrind(g_tav_pid, ns);
+  return g_tav && fill_tavrind(g_tav);
+}
+
+// Starts a second tavrind on the PostgreSQL store, in a new database of the
+// running cluster, and fills its BENCH; the connection is closed again (the
+// lookups connect anew). False with a line on stderr when it cannot.
+bool start_tavrind_pg() {
+  std::string why, db = g_pgc.new_database(why);
+  if (db.empty()) {
+    std::fprintf(stderr, "no database for tavrind: %s", why.c_str());
+    return false;
+  }
+  g_tavpg_ns = "zqbenchpg" + std::to_string(getpid()) + "_";
+  g_tavpg_pid = bench_servers::spawn_tavrind(g_tmp + "/datapg", g_tmp + "/tavrind_pg.log",
+                                             g_tavpg_ns, bench_servers::Sync::Normal, db);
+  if (g_tavpg_pid <= 0) return false;
+  DBCONN *conn = bench_servers::connect_tavrind(g_tavpg_pid, g_tavpg_ns);
+  bool ok = conn && fill_tavrind(conn);
+  if (conn) {
+    DBfinish(conn);
+    DBconn_free(conn);
+  }
+  DBcomm_close();
+  return ok;
+}
+
 void stop_tavrind() {
   if (g_tav) {
     DBfinish(g_tav);
@@ -116,6 +143,7 @@ void stop_tavrind() {
     g_tav = nullptr;
   }
   bench_servers::stop_process(g_tav_pid);
+  bench_servers::stop_process(g_tavpg_pid);
 }
 
 // --- PostgreSQL ------------------------------------------------------------
@@ -309,11 +337,42 @@ void BM_Select100k_PostgreSQL(benchmark::State &state) {
       &g_res.pg_rows);
 }
 
+// Leaves the first tavrind and measures (a) on the one on the PostgreSQL
+// store; last, since the first one is not served afterwards.
+void BM_SelectByKey_TavrindOnPostgreSQL(benchmark::State &state) {
+  if (g_tavpg_pid <= 0) return state.SkipWithError("tavrind on PostgreSQL not running");
+  if (g_tav) {
+    DBfinish(g_tav);
+    DBconn_free(g_tav);
+    g_tav = nullptr;
+  }
+  DBcomm_close();
+  setenv("TAVRIN_NAMESPACE", g_tavpg_ns.c_str(), 1);
+  DBCONN *conn = bench_servers::connect_tavrind(g_tavpg_pid, g_tavpg_ns);
+  if (!conn) return state.SkipWithError("tavrind on PostgreSQL did not answer");
+  bool on_bench = bench_servers::exec_done(conn, "SET DATABASE BENCH");
+  if (on_bench)
+    time_lookups(
+        state,
+        [conn](int key) {
+          DBRESULT *r = DBexec(conn, lookup_sql(key).c_str());
+          bool good = DBntuples(r) == 1 && DBnfields(r) == 6;
+          DBclear(r);
+          return good;
+        },
+        &g_res.tavpg_us);
+  else
+    state.SkipWithError("no database BENCH");
+  DBfinish(conn);
+  DBconn_free(conn);
+}
+
 BENCHMARK(BM_SelectByKey_Tavrind)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_SelectByKey_PostgreSQL)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_SelectByKey_SQLite)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Select100k_Tavrind)->Iterations(kScans)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Select100k_PostgreSQL)->Iterations(kScans)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SelectByKey_TavrindOnPostgreSQL)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 // One TARGET line; a target whose sides were not both measured (filtered
 // out, or a system that did not start) is reported as missed.
@@ -338,9 +397,13 @@ int main(int argc, char **argv) {
   g_tmp = tmpl.data();
   std::printf("data of both servers on %s (%s); tavrind --sync normal, PostgreSQL fsync=off\n",
               bench_servers::data_root().c_str(), bench_servers::fs_kind(g_tmp).c_str());
-  bool tav = start_tavrind();
+  // The tavrind on the PostgreSQL store is filled first: the client keeps
+  // one connection per process, then the one to the first tavrind.
   bool pg = start_postgres();
+  bool tavpg = pg && start_tavrind_pg();
+  bool tav = start_tavrind();
   if (!pg) std::printf("PostgreSQL could not be started: tavrind and SQLite figures only\n");
+  if (pg && !tavpg) std::printf("tavrind on the PostgreSQL store could not be started\n");
   start_sqlite();
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
@@ -356,6 +419,9 @@ int main(int argc, char **argv) {
               "SQLite prepared in-process %.1f us (%.2fx)\n",
               g_res.tav_us, g_res.pg_us, ratio(g_res.tav_us, g_res.pg_us), g_res.lite_us,
               ratio(g_res.tav_us, g_res.lite_us));
+  std::printf("select by key, median: tavrind on PostgreSQL %.1f us, PostgreSQL prepared %.1f us "
+              "(%.2fx)\n",
+              g_res.tavpg_us, g_res.pg_us, ratio(g_res.tavpg_us, g_res.pg_us));
   std::printf("select 100000 rows x 6: tavrind %.0f rows/s, PostgreSQL %.0f rows/s (%.2fx)\n",
               g_res.tav_rows, g_res.pg_rows, ratio(g_res.tav_rows, g_res.pg_rows));
   if (!tav) std::printf("tavrind could not be started: no targets measured\n");
@@ -365,6 +431,9 @@ int main(int argc, char **argv) {
     target("select_100k_rows_vs_postgresql", g_res.tav_rows / 1e6, "Mrows/s", ">=",
            1.5 * g_res.pg_rows / 1e6, g_res.tav_rows > 0 && g_res.tav_rows >= 1.5 * g_res.pg_rows);
   }
+  if (pg)
+    target("pg_store_select_by_key_overhead", g_res.tavpg_us, "us", "<=", 1.2 * g_res.pg_us,
+           g_res.tavpg_us > 0 && g_res.tavpg_us <= 1.2 * g_res.pg_us);
   if (tav)
     target("select_by_key_vs_sqlite_prepared", g_res.tav_us, "us", "<=", 3 * g_res.lite_us,
            g_res.tav_us > 0 && g_res.tav_us <= 3 * g_res.lite_us);

@@ -85,6 +85,9 @@ namespace tavrind {
     "Das Ergebnis ist größer als $1 MB und wird nicht gesendet; bitte mit WHERE oder MAX "        \
     "einschränken oder mit DECLARE und FETCH in Teilen lesen")                                      \
   X(515, ABGEBROCHEN, "Die Anweisung ist auf Wunsch des Klienten abgebrochen; $1")               \
+  X(516, VERBINDUNG_VERLOREN,                                                                      \
+    "Die Verbindung zum Datenbankserver ist abgebrochen ($1): die Anweisung ist abgebrochen, "   \
+    "eine offene Transaktion ist verloren; die nächste Anweisung verbindet neu")                 \
   X(901, SPEICHERFEHLER, "Interner Datenbankfehler: $1")                                           \
   X(1001, DATEI_FEHLT, "Datei $1 nicht gefunden")                                                  \
   X(1002, DATEI_SCHREIBEN, "Datei $1 kann nicht geschrieben werden")                               \

@@ -718,7 +718,8 @@ int catalog_drop(const Catalog &cat, const std::string &name, std::string &err) 
   return 1;
 }
 
-int catalog_save(const Catalog &cat, const std::string &name, std::string &path, std::string &err) {
+int catalog_backup_path(const Catalog &cat, const std::string &name, std::string &path,
+                        std::string &err) {
   std::string dir = cat.dir + "/backup";
   if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
     err = dir + ": " + strerror(errno);
@@ -734,7 +735,15 @@ int catalog_save(const Catalog &cat, const std::string &name, std::string &path,
   struct stat sb;
   for (int n = 2; stat(path.c_str(), &sb) == 0; ++n)
     path = dir + "/" + name + "_" + stamp + "_" + std::to_string(n) + ".db";
+  return 1;
+}
 
+int catalog_save(const Catalog &cat, const std::string &name, std::string &path, std::string &err) {
+  return catalog_backup_path(cat, name, path, err) && catalog_save_to(cat, name, path, err);
+}
+
+int catalog_save_to(const Catalog &cat, const std::string &name, const std::string &path,
+                    std::string &err) {
   // A connection of its own reads the committed state, whatever the channel
   // that asks has pending.
   sqlite3 *rsrc = nullptr, *rdst = nullptr;
@@ -787,7 +796,7 @@ int catalog_fill_demo(sqlite3 *db, std::string &err) {
   return 1;
 }
 
-int catalog_init(Catalog &cat, const std::string &dir, std::string &err, bool with_demo) {
+int catalog_folder(Catalog &cat, const std::string &dir, std::string &err) {
   cat.dir = dir;
   while (cat.dir.size() > 1 && cat.dir.back() == '/') cat.dir.pop_back();
   if (mkdir(cat.dir.c_str(), 0700) != 0 && errno != EEXIST) {
@@ -799,11 +808,19 @@ int catalog_init(Catalog &cat, const std::string &dir, std::string &err, bool wi
     err = cat.dir + ": kein Verzeichnis";
     return 0;
   }
+  return 1;
+}
+
+int catalog_create_first(const Catalog &cat, bool with_demo, std::string &err) {
   if (catalog_exists(cat, CATALOG_SYSTEM_DB)) return 1;
   if (with_demo && !catalog_exists(cat, CATALOG_DEMO_DB) &&
       !build_database(cat, CATALOG_DEMO_DB, fill_demo, err))
     return 0;
   return build_database(cat, CATALOG_SYSTEM_DB, fill_system, err);
+}
+
+int catalog_init(Catalog &cat, const std::string &dir, std::string &err, bool with_demo) {
+  return catalog_folder(cat, dir, err) && catalog_create_first(cat, with_demo, err);
 }
 
 std::vector<std::string> catalog_make_private(const Catalog &cat) {

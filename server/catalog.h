@@ -42,6 +42,10 @@ extern const char *const CATALOG_DEMO_DB;
 // DEMO. A later start leaves existing databases untouched. Returns 1, or 0
 // with err set.
 int catalog_init(Catalog &cat, const std::string &dir, std::string &err, bool with_demo = true);
+// The two halves of catalog_init: makes dir the catalog's folder (created if
+// needed), and creates TDSYS (and DEMO) in it when TDSYS is missing.
+int catalog_folder(Catalog &cat, const std::string &dir, std::string &err);
+int catalog_create_first(const Catalog &cat, bool with_demo, std::string &err);
 
 // Takes every access of group and others away from the data folder, its
 // backup folder and the files in both (databases, their WAL and shared-memory
@@ -75,6 +79,12 @@ int catalog_drop(const Catalog &cat, const std::string &name, std::string &err);
 // SQLite's backup API to DIR/backup/<NAME>_<YYYYMMDD>_<HHMMSS>.db (with a
 // counter appended when that exists). Returns 1 with path set, or 0 with err.
 int catalog_save(const Catalog &cat, const std::string &name, std::string &path, std::string &err);
+// The two halves of catalog_save: a new path in the backup folder (made if
+// needed) for a copy of database name, and the copy to a given path.
+int catalog_backup_path(const Catalog &cat, const std::string &name, std::string &path,
+                        std::string &err);
+int catalog_save_to(const Catalog &cat, const std::string &name, const std::string &path,
+                    std::string &err);
 
 // Fill a new, empty database with the system tables and their contents, or
 // with the demo schema and rows. Return 1, or 0 with err set.

@@ -8,13 +8,13 @@
 
 #include "server/answer.h"
 #include "server/request.h"
+#include "server/store.h"
 #include "server/types.h"
-
-#include <sqlite3.h>
 
 #include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -28,45 +28,6 @@
 namespace tavrind {
 
 namespace {
-
-// An error answer's text, thrown inside the executor.
-struct ExecError {
-  std::string text;
-};
-// Another channel holds the lock a statement needs.
-struct WouldBlock {};
-// The progress handler stopped the running statement (the reason is in the
-// channel's state).
-struct Interrupted {};
-
-struct StmtDeleter {
-  void operator()(sqlite3_stmt *s) const { sqlite3_finalize(s); }
-};
-using StmtPtr = std::unique_ptr<sqlite3_stmt, StmtDeleter>;
-
-struct DbDeleter {
-  void operator()(sqlite3 *db) const { sqlite3_close_v2(db); }
-};
-using DbPtr = std::unique_ptr<sqlite3, DbDeleter>;
-
-struct ColumnInfo {
-  std::string name;
-  ColType type;
-  bool not_null = false;
-};
-
-struct TableInfo {
-  std::string name; // as stored
-  std::vector<ColumnInfo> cols;
-  bool is_static = false;
-};
-
-struct IndexInfo {
-  std::string name;
-  std::string table;
-  bool unique = false;
-  std::vector<std::string> cols;
-};
 
 std::string upper(std::string s) {
   for (char &c : s)
@@ -83,14 +44,8 @@ std::string quote(const std::string &name) {
   return r + "\"";
 }
 
-// Prefix of the triggers that make a table static.
-const char *const STATIC_PREFIX = "_static_";
-const char *const STATIC_MESSAGE = "TAVRIN_STATIC ";
-
 // Most parameters one statement may bind (SQLite allows 32766).
 constexpr size_t MAX_PARAMS = 30000;
-// Prepared statements kept per channel.
-constexpr size_t STMT_CACHE = 64;
 // Translated query shapes kept per channel.
 constexpr size_t SHAPE_CACHE = 64;
 
@@ -108,18 +63,16 @@ struct QueryShape {
 
 // A declared cursor: its running statement and its columns.
 struct Cursor {
-  StmtPtr stmt;
+  std::unique_ptr<StoreRows> rows;
   std::vector<AnswerColumn> cols;
   bool done = false;
 };
 
 struct SessionState {
-  DbPtr db;
+  std::unique_ptr<StoreConn> conn;
   std::map<std::string, Cursor> cursors;
   int schema_version = -1;
-  std::map<std::string, TableInfo> tables;  // key: upper-case name
-  std::map<std::string, IndexInfo> indexes; // key: upper-case name
-  std::unordered_map<std::string, StmtPtr> cache;
+  StoreSchema schema;
   // Translated queries by shape, valid for the schema loaded in tables and
   // indexes (emptied whenever that is loaded again).
   std::unordered_map<std::string, QueryShape> shapes;
@@ -164,10 +117,10 @@ struct SessionState {
   // When the channel's statement began to wait for a write lock; 0 while it
   // does not wait.
   std::atomic<time_t> wait_since{0};
-  // The connection's transaction state (SQLITE_TXN_*) and block_changed as
+  // The connection's transaction state (StoreTxn) and block_changed as
   // of the end of the last request, for other threads: asking the
   // connection itself would wait for a statement running on it.
-  std::atomic<int> txn_seen{SQLITE_TXN_NONE};
+  std::atomic<int> txn_seen{STORE_TXN_NONE};
   std::atomic<bool> changed_seen{false};
 };
 
@@ -179,9 +132,29 @@ static void end_block(SessionState &st) {
   st.pending_begin = false;
 }
 
-// Is an SQLite transaction open on the channel's connection?
-static bool sqlite_txn(const SessionState &st) {
-  return st.db && !sqlite3_get_autocommit(st.db.get());
+// Is a transaction open on the channel's connection?
+static bool store_txn(const SessionState &st) {
+  return st.conn && st.conn->txn_open();
+}
+
+Executor::Executor() : store(store_sqlite(catalog)) {}
+Executor::~Executor() = default;
+
+void store_answer_too_big(std::vector<unsigned char> &out, size_t max_bytes) {
+  std::vector<unsigned char>().swap(out); // give the memory back at once
+  throw ExecError{answer_errtext(Err::ANTWORT_ZU_GROSS, {std::to_string(max_bytes >> 20)})};
+}
+
+std::string store_unique_index_name(const StoreSchema *schema, const std::string &table,
+                                    const std::vector<std::string> &cols,
+                                    const std::string &fallback) {
+  if (schema)
+    for (const auto &[k, ix] : schema->indexes) {
+      std::vector<std::string> ic;
+      for (const auto &c : ix.cols) ic.push_back(upper(c));
+      if (ix.unique && upper(ix.table) == table && ic == cols) return ix.name;
+    }
+  return fallback;
 }
 
 Session::Session(Executor &e, int i) : ex(e), id(i), st(std::make_unique<SessionState>()) {
@@ -189,198 +162,19 @@ Session::Session(Executor &e, int i) : ex(e), id(i), st(std::make_unique<Session
   ex.sessions.push_back(this);
 }
 
-bool Session::in_transaction() const { return st->pending_begin || sqlite_txn(*st); }
+bool Session::in_transaction() const { return st->pending_begin || store_txn(*st); }
 
 namespace {
 
-// ---------------------------------------------------------------------------
-// SQLite helpers
-
-// Throws the error that an SQLite failure means for the client.
-[[noreturn]] void raise_sqlite(SessionState &st, int rc) {
-  if (rc == SQLITE_INTERRUPT && st.stop != SessionState::Stop::None) throw Interrupted{};
-  sqlite3 *db = st.db.get();
-  int ext = db ? sqlite3_extended_errcode(db) : rc;
-  std::string msg = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
-  // A lock held by this very connection (an open cursor on a table that is
-  // to be dropped) never goes away by waiting.
-  if ((rc & 0xFF) == SQLITE_LOCKED) throw ExecError{answer_errtext(Err::CURSOR_OFFEN, {})};
-  if ((rc & 0xFF) == SQLITE_BUSY) {
-    if (ext == SQLITE_BUSY_SNAPSHOT) throw ExecError{answer_errtext(Err::TRANSAKTION_KONFLIKT, {})};
-    throw WouldBlock{};
-  }
-  if ((rc & 0xFF) == SQLITE_CONSTRAINT) {
-    if (ext == SQLITE_CONSTRAINT_TRIGGER && msg.rfind(STATIC_MESSAGE, 0) == 0)
-      throw ExecError{answer_errtext(Err::TABELLE_STATISCH, {msg.substr(strlen(STATIC_MESSAGE))})};
-    if (ext == SQLITE_CONSTRAINT_NOTNULL) {
-      size_t dot = msg.rfind('.');
-      throw ExecError{
-          answer_errtext(Err::NOT_NULL, {dot == std::string::npos ? msg : msg.substr(dot + 1)})};
-    }
-    if (ext == SQLITE_CONSTRAINT_UNIQUE || ext == SQLITE_CONSTRAINT_PRIMARYKEY) {
-      // "UNIQUE constraint failed: T.A, T.B": find the index over these.
-      size_t colon = msg.find(": ");
-      std::string list = colon == std::string::npos ? msg : msg.substr(colon + 2);
-      std::vector<std::string> cols;
-      std::string table;
-      size_t p = 0;
-      while (p < list.size()) {
-        size_t comma = list.find(", ", p);
-        std::string item =
-            list.substr(p, comma == std::string::npos ? std::string::npos : comma - p);
-        size_t dot = item.find('.');
-        table = upper(item.substr(0, dot));
-        cols.push_back(upper(dot == std::string::npos ? item : item.substr(dot + 1)));
-        if (comma == std::string::npos) break;
-        p = comma + 2;
-      }
-      std::string index = table + "(" + list + ")";
-      for (const auto &[k, ix] : st.indexes) {
-        std::vector<std::string> ic;
-        for (const auto &c : ix.cols) ic.push_back(upper(c));
-        if (ix.unique && upper(ix.table) == table && ic == cols) index = ix.name;
-      }
-      throw ExecError{answer_errtext(Err::INDEX_VERLETZT, {index})};
-    }
-  }
-  throw ExecError{answer_errtext(Err::SPEICHERFEHLER, {utf8_to_latin1(msg)})};
-}
-
-// Runs SQL without results (transaction control, DDL). Throws on failure.
-void exec_sql(SessionState &st, const std::string &sql) {
-  int rc = sqlite3_exec(st.db.get(), sql.c_str(), nullptr, nullptr, nullptr);
-  if (rc != SQLITE_OK) raise_sqlite(st, rc);
-}
-
-// A prepared statement from the channel's cache, reset and unbound again
-// when the use ends.
-class CachedStmt {
-public:
-  // The statement leaves the cache while it is in use, so that neither a
-  // full cache nor a nested use of the same text can finalize it under us.
-  CachedStmt(SessionState &st, const std::string &sql) : st_(st), sql_(sql) {
-    auto it = st.cache.find(sql);
-    if (it != st.cache.end()) {
-      s_ = std::move(it->second);
-      st.cache.erase(it);
-      return;
-    }
-    sqlite3_stmt *s = nullptr;
-    int rc =
-        sqlite3_prepare_v2(st.db.get(), sql.c_str(), static_cast<int>(sql.size()), &s, nullptr);
-    s_.reset(s);
-    if (rc != SQLITE_OK) raise_sqlite(st, rc);
-  }
-  ~CachedStmt() {
-    sqlite3_reset(s_.get());
-    sqlite3_clear_bindings(s_.get());
-    if (st_.cache.size() >= STMT_CACHE) st_.cache.clear();
-    st_.cache[sql_] = std::move(s_);
-  }
-  CachedStmt(const CachedStmt &) = delete;
-  CachedStmt &operator=(const CachedStmt &) = delete;
-  sqlite3_stmt *get() const { return s_.get(); }
-
-private:
-  SessionState &st_;
-  std::string sql_;
-  StmtPtr s_;
-};
-
-void bind_all(SessionState &st, sqlite3_stmt *s, const std::vector<SqlValue> &params) {
-  for (size_t i = 0; i < params.size(); ++i) {
-    int rc = type_bind(s, static_cast<int>(i + 1), params[i]);
-    if (rc != SQLITE_OK) raise_sqlite(st, rc);
-  }
-}
-
-// Runs a statement without result rows; returns the number of changed rows.
-int run_change(SessionState &st, const std::string &sql, const std::vector<SqlValue> &params) {
-  CachedStmt s(st, sql);
-  bind_all(st, s.get(), params);
-  int rc = sqlite3_step(s.get());
-  if (rc != SQLITE_DONE && rc != SQLITE_ROW) raise_sqlite(st, rc);
-  return sqlite3_changes(st.db.get());
-}
-
-// ---------------------------------------------------------------------------
-// Schema of the open database
-
 void load_schema(SessionState &st) {
-  st.tables.clear();
-  st.indexes.clear();
   st.shapes.clear();
-  std::vector<std::pair<std::string, std::string>> objects; // type, name
-  {
-    CachedStmt s(st, "SELECT type, name FROM sqlite_schema WHERE type IN ('table','trigger')");
-    int rc;
-    while ((rc = sqlite3_step(s.get())) == SQLITE_ROW)
-      objects.emplace_back(reinterpret_cast<const char *>(sqlite3_column_text(s.get(), 0)),
-                           reinterpret_cast<const char *>(sqlite3_column_text(s.get(), 1)));
-    if (rc != SQLITE_DONE) raise_sqlite(st, rc);
-  }
-  std::vector<std::string> statics;
-  for (const auto &[type, name] : objects) {
-    if (type == "trigger") {
-      if (name.rfind(STATIC_PREFIX, 0) == 0 && name.size() > 10 &&
-          name.compare(name.size() - 2, 2, "_i") == 0)
-        statics.push_back(upper(name.substr(8, name.size() - 10)));
-      continue;
-    }
-    if (name.empty() || name[0] == '_' || upper(name).rfind("SQLITE_", 0) == 0) continue;
-    TableInfo t;
-    t.name = name;
-    {
-      CachedStmt s(st, "SELECT name, type, \"notnull\" FROM pragma_table_info(?)");
-      sqlite3_bind_text(s.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
-      int rc;
-      while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
-        ColumnInfo c;
-        c.name = reinterpret_cast<const char *>(sqlite3_column_text(s.get(), 0));
-        const unsigned char *decl = sqlite3_column_text(s.get(), 1);
-        c.type = type_from_declaration(decl ? reinterpret_cast<const char *>(decl) : "");
-        c.not_null = sqlite3_column_int(s.get(), 2) != 0;
-        t.cols.push_back(std::move(c));
-      }
-      if (rc != SQLITE_DONE) raise_sqlite(st, rc);
-    }
-    {
-      CachedStmt s(st, "SELECT il.name, il.\"unique\", ii.name FROM pragma_index_list(?1) il, "
-                       "pragma_index_info(il.name) ii WHERE il.origin = 'c' "
-                       "ORDER BY il.name, ii.seqno");
-      sqlite3_bind_text(s.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
-      int rc;
-      while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
-        std::string iname = reinterpret_cast<const char *>(sqlite3_column_text(s.get(), 0));
-        IndexInfo &ix = st.indexes[upper(iname)];
-        ix.name = iname;
-        ix.table = name;
-        ix.unique = sqlite3_column_int(s.get(), 1) != 0;
-        const unsigned char *cn = sqlite3_column_text(s.get(), 2);
-        ix.cols.push_back(cn ? reinterpret_cast<const char *>(cn) : "");
-      }
-      if (rc != SQLITE_DONE) raise_sqlite(st, rc);
-    }
-    st.tables[upper(name)] = std::move(t);
-  }
-  for (const auto &n : statics) {
-    auto it = st.tables.find(n);
-    if (it != st.tables.end()) it->second.is_static = true;
-  }
-}
-
-// The schema version of the open database as the connection sees it now
-// (inside a running statement or transaction: in its snapshot).
-int schema_version(SessionState &st) {
-  CachedStmt s(st, "PRAGMA schema_version");
-  int rc = sqlite3_step(s.get());
-  if (rc != SQLITE_ROW) raise_sqlite(st, rc);
-  return sqlite3_column_int(s.get(), 0);
+  st.conn->load_schema(st.schema);
+  st.conn->attach_schema(&st.schema);
 }
 
 // Brings the schema up to date when the database's schema changed.
 void refresh_schema(SessionState &st) {
-  int version = schema_version(st);
+  int version = st.conn->schema_version();
   if (version != st.schema_version) {
     load_schema(st);
     st.schema_version = version;
@@ -388,8 +182,8 @@ void refresh_schema(SessionState &st) {
 }
 
 const TableInfo &find_table(SessionState &st, const std::string &name) {
-  auto it = st.tables.find(upper(name));
-  if (it == st.tables.end()) throw ExecError{answer_errtext(Err::TABELLE_UNBEKANNT, {name})};
+  auto it = st.schema.tables.find(upper(name));
+  if (it == st.schema.tables.end()) throw ExecError{answer_errtext(Err::TABELLE_UNBEKANNT, {name})};
   return it->second;
 }
 
@@ -401,7 +195,7 @@ const ColumnInfo *find_column(const TableInfo &t, const std::string &name) {
 }
 
 // ---------------------------------------------------------------------------
-// Translation of queries and conditions into SQLite statements
+// Translation of queries and conditions into the store's SQL
 
 // The tables of one SELECT (or of the table of an UPDATE/DELETE), with the
 // enclosing query's scope for correlated subqueries.
@@ -559,24 +353,36 @@ public:
       case SelectItem::Max: {
         Resolved r = resolve(it.attr, scope);
         std::string f = it.kind == SelectItem::Min ? "min" : "max";
-        std::string arg = r.sql + (r.col->type.code == DBTYPE_CHARACTER ? " COLLATE TAVRIN" : "");
-        add(f + "(" + arg + ")", upper(f) + "(" + r.col->name + ")", r.col->type);
+        std::string sql = r.col->type.code == DBTYPE_CHARACTER
+                              ? conn().text_min_max(it.kind == SelectItem::Max, r.sql)
+                              : f + "(" + r.sql + ")";
+        add(sql, upper(f) + "(" + r.col->name + ")", r.col->type);
         break;
       }
       }
     }
-    g.sql = std::string("SELECT ") + (s.distinct ? "DISTINCT " : "") + list + " FROM " + from;
-    if (s.where) g.sql += " WHERE " + expr(*s.where, scope);
+    g.sql = std::string("SELECT ") + (s.distinct ? "DISTINCT " : "") + list;
+    std::string rest = " FROM " + from;
+    if (s.where) rest += " WHERE " + expr(*s.where, scope);
+    // Items a DISTINCT orders by that the store wants in the select list too:
+    // after the answer's columns, which the answer leaves out.
+    std::string hidden;
     if (!s.order.empty()) {
-      g.sql += " ORDER BY ";
+      rest += " ORDER BY ";
       for (size_t i = 0; i < s.order.size(); ++i) {
         Resolved r = resolve(s.order[i].attr, scope);
-        if (i) g.sql += ", ";
-        g.sql += r.sql;
-        if (r.col->type.code == DBTYPE_CHARACTER) g.sql += " COLLATE TAVRIN";
-        if (s.order[i].desc) g.sql += " DESC";
+        if (i) rest += ", ";
+        std::string item =
+            conn().order_by(r.sql, r.col->type.code == DBTYPE_CHARACTER, s.order[i].desc);
+        rest += item;
+        if (s.distinct) {
+          std::string extra =
+              conn().distinct_order_item(r.sql, r.col->type.code == DBTYPE_CHARACTER);
+          if (!extra.empty()) hidden += ", " + extra;
+        }
       }
     }
+    g.sql += hidden + rest;
     check_params();
     return g;
   }
@@ -699,7 +505,7 @@ private:
       if (e.op == 'L') {
         std::string ls = value(l, scope, std::nullopt);
         std::string rs = value(r, scope, std::nullopt);
-        return "(" + ls + " LIKE " + rs + ")";
+        return conn().like(ls, rs);
       }
       bool text = is_text(l, t) || (!t && is_text(r, t));
       std::string ls = value(l, scope, t);
@@ -710,9 +516,8 @@ private:
                        : e.op == 'g' ? ">="
                        : e.op == '=' ? "="
                                      : "<>";
-      std::string coll;
-      if (text) coll = (e.op == '=' || e.op == '!') ? " COLLATE RTRIM" : " COLLATE TAVRIN";
-      return "(" + ls + coll + " " + op + " " + rs + ")";
+      if (text) return conn().text_compare(ls, op, rs, e.op == '=' || e.op == '!');
+      return "(" + ls + " " + op + " " + rs + ")";
     }
     case Expr::Between: {
       std::optional<ColType> t = type_of(*e.args[0], scope);
@@ -720,18 +525,20 @@ private:
       std::string a = value(*e.args[0], scope, t);
       std::string lo = value(*e.args[1], scope, t);
       std::string hi = value(*e.args[2], scope, t);
-      return "(" + a + (text ? " COLLATE TAVRIN" : "") + " BETWEEN " + lo + " AND " + hi + ")";
+      if (text) return conn().text_between(a, lo, hi);
+      return "(" + a + " BETWEEN " + lo + " AND " + hi + ")";
     }
     case Expr::InList: {
       std::optional<ColType> t = type_of(*e.args[0], scope);
       bool text = is_text(*e.args[0], t) || (!t && is_text(*e.args[1], t));
-      std::string sql =
-          "(" + value(*e.args[0], scope, t) + (text ? " COLLATE RTRIM" : "") + " IN (";
+      std::string a = value(*e.args[0], scope, t), list;
+      std::vector<std::string> items;
       for (size_t i = 1; i < e.args.size(); ++i) {
-        if (i > 1) sql += ", ";
-        sql += value(*e.args[i], scope, t);
+        items.push_back(value(*e.args[i], scope, t));
+        list += (i > 1 ? ", " : "") + items.back();
       }
-      return sql + "))";
+      if (text) return conn().text_in_list(a, items);
+      return "(" + a + " IN (" + list + "))";
     }
     case Expr::InSelect: {
       std::optional<ColType> t = type_of(*e.args[0], scope);
@@ -739,11 +546,14 @@ private:
       Generated g = select(*e.args[1]->sub, &scope);
       if (g.cols.size() != 1) throw ExecError{answer_errtext(Err::UNTERABFRAGE_SPALTEN, {})};
       bool text = t ? t->code == DBTYPE_CHARACTER : g.cols[0].type.code == DBTYPE_CHARACTER;
-      return "(" + a + (text ? " COLLATE RTRIM" : "") + " IN (" + g.sql + "))";
+      if (text) return conn().text_in_select(a, g.sql);
+      return "(" + a + " IN (" + g.sql + "))";
     }
     }
     return "NULL";
   }
+
+  StoreConn &conn() { return *st_.conn; }
 
   SessionState &st_;
   int next_alias_ = 0;
@@ -759,7 +569,7 @@ struct Ctx {
 };
 
 void need_db(Ctx &c) {
-  if (!c.st.db) throw ExecError{answer_errtext(Err::KEINE_DATENBANK, {})};
+  if (!c.st.conn) throw ExecError{answer_errtext(Err::KEINE_DATENBANK, {})};
   refresh_schema(c.st);
 }
 
@@ -776,23 +586,24 @@ void log_line(Session &ch, const std::string &text) {
 // behind.
 template <class F> void as_change(Ctx &c, F f) {
   bool own = !c.ch.in_transaction();
-  exec_sql(c.st, own ? "BEGIN IMMEDIATE" : "SAVEPOINT tavrin_stmt");
+  StoreConn &conn = *c.st.conn;
+  if (own)
+    conn.begin(true, true);
+  else
+    conn.statement_begin();
   try {
     f();
     if (own) {
-      int rc = sqlite3_exec(c.st.db.get(), "COMMIT", nullptr, nullptr, nullptr);
-      if (rc != SQLITE_OK) raise_sqlite(c.st, rc);
+      conn.commit();
     } else {
-      exec_sql(c.st, "RELEASE tavrin_stmt");
+      conn.statement_keep();
       c.st.block_changed = true;
     }
   } catch (...) {
-    sqlite3 *db = c.st.db.get();
-    if (own) {
-      if (!sqlite3_get_autocommit(db)) sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-    } else {
-      sqlite3_exec(db, "ROLLBACK TO tavrin_stmt; RELEASE tavrin_stmt", nullptr, nullptr, nullptr);
-    }
+    if (own)
+      conn.rollback();
+    else
+      conn.statement_undo();
     c.st.schema_version = -1;
     throw;
   }
@@ -874,7 +685,7 @@ void do_insert(Ctx &c, const Request &q) {
                     (cols.empty() ? " DEFAULT VALUES" : " (" + names + ") VALUES (" + marks + ")");
   if (c.ch.ex.verbose) log_line(c.ch, sql);
   int n = 0;
-  as_change(c, [&] { n = run_change(c.st, sql, params); });
+  as_change(c, [&] { n = c.st.conn->change(sql, params); });
   answer_count(c.out, n);
 }
 
@@ -896,7 +707,7 @@ void do_update(Ctx &c, const Request &q) {
   if (q.where) sql += " WHERE " + tr.condition(*q.where, t);
   if (c.ch.ex.verbose) log_line(c.ch, sql);
   int n = 0;
-  as_change(c, [&] { n = run_change(c.st, sql, tr.params); });
+  as_change(c, [&] { n = c.st.conn->change(sql, tr.params); });
   answer_count(c.out, n);
 }
 
@@ -907,51 +718,12 @@ void do_delete(Ctx &c, const Request &q) {
   if (q.where) sql += " WHERE " + tr.condition(*q.where, t);
   if (c.ch.ex.verbose) log_line(c.ch, sql);
   int n = 0;
-  as_change(c, [&] { n = run_change(c.st, sql, tr.params); });
+  as_change(c, [&] { n = c.st.conn->change(sql, tr.params); });
   answer_count(c.out, n);
-}
-
-// Prepares a query with its parameters bound; the caller owns the statement.
-StmtPtr prepare_query(Ctx &c, const Generated &g, const std::vector<SqlValue> &params) {
-  sqlite3_stmt *s = nullptr;
-  int rc =
-      sqlite3_prepare_v2(c.st.db.get(), g.sql.c_str(), static_cast<int>(g.sql.size()), &s, nullptr);
-  StmtPtr p(s);
-  if (rc != SQLITE_OK) raise_sqlite(c.st, rc);
-  bind_all(c.st, s, params);
-  return p;
 }
 
 // The largest tuples answer the server builds.
 size_t answer_limit(const Executor &ex) { return std::min(ex.max_answer, ANSWER_LIMIT_MAX); }
-
-// Steps s and appends up to limit rows (0: all) to a tuples answer. Returns
-// false when the statement has no more rows. An answer that grows past the
-// answer limit throws (error 514) and its memory is freed. first: the result
-// of a first step the caller has already taken (0: none).
-bool append_rows(Ctx &c, sqlite3_stmt *s, const std::vector<AnswerColumn> &cols, int64_t limit,
-                 int first = 0) {
-  int64_t n = 0;
-  while (limit == 0 || n < limit) {
-    int rc = first ? first : sqlite3_step(s);
-    first = 0;
-    if (rc == SQLITE_DONE) return false;
-    if (rc != SQLITE_ROW) {
-      if ((rc & 0xFF) == SQLITE_BUSY && n > 0) return true;
-      raise_sqlite(c.st, rc);
-    }
-    for (size_t i = 0; i < cols.size(); ++i)
-      type_append_value(c.out, cols[i].type, s, static_cast<int>(i));
-    answer_row(c.out);
-    ++n;
-    if (c.out.size() > answer_limit(c.ch.ex)) {
-      std::vector<unsigned char>().swap(c.out); // give the memory back at once
-      throw ExecError{answer_errtext(Err::ANTWORT_ZU_GROSS,
-                                     {std::to_string(answer_limit(c.ch.ex) >> 20)})};
-    }
-  }
-  return true;
-}
 
 // The translation of a query for the schema as loaded: from the channel's
 // shapes when a query of the same shape was translated before, else
@@ -987,7 +759,7 @@ void do_select(Ctx &c, const Request &q) {
   for (bool fresh = false;; fresh = true) {
     auto reload = [&] {
       if (fresh) return false;
-      int version = schema_version(c.st);
+      int version = c.st.conn->schema_version();
       if (version == c.st.schema_version) return false;
       load_schema(c.st);
       c.st.schema_version = version;
@@ -1003,21 +775,18 @@ void do_select(Ctx &c, const Request &q) {
       throw;
     }
     if (c.ch.ex.verbose) log_line(c.ch, shape->sql);
-    std::optional<CachedStmt> s;
-    int first = 0;
+    std::unique_ptr<StoreRows> rows;
     try {
-      s.emplace(c.st, shape->sql);
-      bind_all(c.st, s->get(), params);
-      first = sqlite3_step(s->get());
-      if (first != SQLITE_ROW && first != SQLITE_DONE) raise_sqlite(c.st, first);
+      rows = c.st.conn->query(shape->sql, params, false);
+      rows->first();
     } catch (const ExecError &) {
-      s.reset();
+      rows.reset();
       if (reload()) continue;
       throw;
     }
     if (reload()) continue;
     answer_tuples_begin(c.out, DBANS_TUPLES, shape->cols);
-    append_rows(c, s->get(), shape->cols, c.ch.max_rows, first);
+    rows->append(c.out, shape->cols, c.ch.max_rows, answer_limit(c.ch.ex));
     return;
   }
 }
@@ -1028,7 +797,7 @@ void do_declare(Ctx &c, const Request &q) {
   Generated g = tr.select(*q.select, nullptr);
   if (c.ch.ex.verbose) log_line(c.ch, "DECLARE " + q.name + " CURSOR FOR " + g.sql);
   Cursor cur;
-  cur.stmt = prepare_query(c, g, tr.params);
+  cur.rows = c.st.conn->query(g.sql, tr.params, true);
   cur.cols = g.cols;
   c.st.cursors.emplace(q.name, std::move(cur));
   answer_done(c.out);
@@ -1042,7 +811,7 @@ void do_fetch(Ctx &c, const Request &q) {
   if (cur.done) return;
   int64_t limit = q.all ? 0 : (c.ch.max_rows > 0 ? c.ch.max_rows : 1);
   try {
-    if (!append_rows(c, cur.stmt.get(), cur.cols, limit)) cur.done = true;
+    if (!cur.rows->append(c.out, cur.cols, limit, answer_limit(c.ch.ex))) cur.done = true;
   } catch (const ExecError &) {
     // The rows stepped over are gone: a cursor that went on would skip
     // them silently, so it is closed (a further FETCH gets error 502).
@@ -1056,21 +825,21 @@ void do_fetch(Ctx &c, const Request &q) {
 }
 
 void do_create_table(Ctx &c, const Request &q) {
-  if (c.st.tables.count(q.name)) throw ExecError{answer_errtext(Err::TABELLE_EXISTIERT, {q.name})};
-  if (c.st.indexes.count(q.name)) throw ExecError{answer_errtext(Err::NAME_VERGEBEN, {q.name})};
+  if (c.st.schema.tables.count(q.name))
+    throw ExecError{answer_errtext(Err::TABELLE_EXISTIERT, {q.name})};
+  if (c.st.schema.indexes.count(q.name))
+    throw ExecError{answer_errtext(Err::NAME_VERGEBEN, {q.name})};
   if (q.name.rfind("SQLITE_", 0) == 0)
     throw ExecError{answer_errtext(Err::NAME_UNGUELTIG, {q.name})};
-  std::string sql = "CREATE TABLE " + quote(q.name) + " (";
+  std::vector<ColumnInfo> cols;
   for (size_t i = 0; i < q.columns.size(); ++i) {
     for (size_t j = 0; j < i; ++j)
       if (q.columns[j].name == q.columns[i].name)
         throw ExecError{answer_errtext(Err::ATTRIBUT_DOPPELT, {q.columns[i].name})};
-    sql += (i ? ", " : "") + quote(q.columns[i].name) + " " +
-           type_declaration(q.columns[i].type, q.columns[i].not_null);
+    cols.push_back({q.columns[i].name, q.columns[i].type, q.columns[i].not_null});
   }
-  sql += ")";
-  if (c.ch.ex.verbose) log_line(c.ch, sql);
-  as_change(c, [&] { exec_sql(c.st, sql); });
+  if (c.ch.ex.verbose) log_line(c.ch, "CREATE TABLE " + q.name);
+  as_change(c, [&] { c.st.conn->create_table(q.name, cols); });
   answer_done(c.out);
 }
 
@@ -1078,14 +847,14 @@ void do_drop_table(Ctx &c, const Request &q) {
   const TableInfo &t = changeable_table(c, q.name);
   std::string sql = "DROP TABLE " + quote(t.name);
   if (c.ch.ex.verbose) log_line(c.ch, sql);
-  as_change(c, [&] { exec_sql(c.st, sql); });
+  as_change(c, [&] { c.st.conn->exec(sql); });
   answer_done(c.out);
 }
 
 void do_create_index(Ctx &c, const Request &q) {
   if (q.name.rfind("SQLITE_", 0) == 0)
     throw ExecError{answer_errtext(Err::NAME_UNGUELTIG, {q.name})};
-  if (c.st.tables.count(q.name) || c.st.indexes.count(q.name))
+  if (c.st.schema.tables.count(q.name) || c.st.schema.indexes.count(q.name))
     throw ExecError{answer_errtext(Err::NAME_VERGEBEN, {q.name})};
   const TableInfo &t = find_table(c.st, q.table);
   std::string cols;
@@ -1103,41 +872,28 @@ void do_create_index(Ctx &c, const Request &q) {
   if (c.ch.ex.verbose) log_line(c.ch, sql);
   std::string table = t.name;
   as_change(c, [&] {
-    int rc = sqlite3_exec(c.st.db.get(), sql.c_str(), nullptr, nullptr, nullptr);
-    if ((rc & 0xFF) == SQLITE_CONSTRAINT)
-      throw ExecError{answer_errtext(Err::INDEX_DOPPELTE_WERTE, {q.name, table})};
-    if (rc != SQLITE_OK) raise_sqlite(c.st, rc);
+    c.st.conn->exec(sql, answer_errtext(Err::INDEX_DOPPELTE_WERTE, {q.name, table}));
   });
   answer_done(c.out);
 }
 
 void do_drop_index(Ctx &c, const Request &q) {
-  auto it = c.st.indexes.find(q.name);
-  if (it == c.st.indexes.end()) throw ExecError{answer_errtext(Err::INDEX_UNBEKANNT, {q.name})};
+  auto it = c.st.schema.indexes.find(q.name);
+  if (it == c.st.schema.indexes.end())
+    throw ExecError{answer_errtext(Err::INDEX_UNBEKANNT, {q.name})};
   std::string sql = "DROP INDEX " + quote(it->second.name);
   if (c.ch.ex.verbose) log_line(c.ch, sql);
-  as_change(c, [&] { exec_sql(c.st, sql); });
+  as_change(c, [&] { c.st.conn->exec(sql); });
   answer_done(c.out);
 }
 
 void do_set_static(Ctx &c, const Request &q, bool make_static) {
   const TableInfo &t = find_table(c.st, q.name);
-  std::string base = std::string(STATIC_PREFIX) + upper(t.name);
-  std::string sql;
-  if (make_static && !t.is_static) {
-    std::string raise =
-        "BEGIN SELECT RAISE(ABORT, '" + std::string(STATIC_MESSAGE) + t.name + "'); END;";
-    sql = "CREATE TRIGGER " + quote(base + "_i") + " BEFORE INSERT ON " + quote(t.name) + " " +
-          raise + "CREATE TRIGGER " + quote(base + "_u") + " BEFORE UPDATE ON " + quote(t.name) +
-          " " + raise + "CREATE TRIGGER " + quote(base + "_d") + " BEFORE DELETE ON " +
-          quote(t.name) + " " + raise;
-  } else if (!make_static && t.is_static) {
-    sql = "DROP TRIGGER IF EXISTS " + quote(base + "_i") + "; DROP TRIGGER IF EXISTS " +
-          quote(base + "_u") + "; DROP TRIGGER IF EXISTS " + quote(base + "_d") + ";";
-  }
-  if (!sql.empty()) {
-    if (c.ch.ex.verbose) log_line(c.ch, sql);
-    as_change(c, [&] { exec_sql(c.st, sql); });
+  if (make_static != t.is_static) {
+    std::string name = t.name;
+    if (c.ch.ex.verbose)
+      log_line(c.ch, std::string("SET TABLE ") + name + (make_static ? " STATIC" : " SECURE"));
+    as_change(c, [&] { c.st.conn->set_static(name, make_static); });
   }
   answer_done(c.out);
 }
@@ -1148,7 +904,7 @@ void do_show(Ctx &c, const Request &q) {
   auto yes_no = [](bool b) { return std::string(b ? "JA" : "NEIN"); };
   if (q.show == Request::Databases) {
     answer_tuples_begin(c.out, DBANS_TUPLES, {{"DATABASE", text(20)}});
-    for (const auto &n : catalog_list(c.ch.ex.catalog)) {
+    for (const auto &n : c.ch.ex.store->list()) {
       answer_value_text(c.out, n);
       answer_row(c.out);
     }
@@ -1161,7 +917,7 @@ void do_show(Ctx &c, const Request &q) {
                         {{"TABLE_NAME", text(32)},
                          {"ATTRIBUTES", type_make(DBTYPE_SMALLINT, 0)},
                          {"MODE", text(7)}});
-    for (const auto &[k, t] : c.st.tables) {
+    for (const auto &[k, t] : c.st.schema.tables) {
       answer_value_text(c.out, t.name);
       answer_value_smallint(c.out, static_cast<int16_t>(t.cols.size()));
       answer_value_text(c.out, t.is_static ? "STATIC" : "SECURE");
@@ -1193,7 +949,7 @@ void do_show(Ctx &c, const Request &q) {
                          {"TABLE_NAME", text(32)},
                          {"UNIQUE_INDEX", text(5)},
                          {"ATTRIBUTES", text(1024)}});
-    for (const auto &[k, ix] : c.st.indexes) {
+    for (const auto &[k, ix] : c.st.schema.indexes) {
       if (!table.empty() && upper(ix.table) != table) continue;
       std::string cols;
       for (const auto &col : ix.cols) cols += (cols.empty() ? "" : ",") + col;
@@ -1206,8 +962,8 @@ void do_show(Ctx &c, const Request &q) {
     break;
   }
   case Request::Index: {
-    auto it = c.st.indexes.find(q.name);
-    if (it == c.st.indexes.end()) throw ExecError{answer_errtext(Err::INDEX_UNBEKANNT, {q.name})};
+    auto it = c.st.schema.indexes.find(q.name);
+    if (it == c.st.schema.indexes.end()) throw ExecError{answer_errtext(Err::INDEX_UNBEKANNT, {q.name})};
     const IndexInfo &ix = it->second;
     answer_tuples_begin(c.out, DBANS_TUPLES,
                         {{"INDEX_NAME", text(32)},
@@ -1273,39 +1029,34 @@ void release_user(Catalog &cat, const std::string &name) {
 // open), ends the cursors.
 void close_database(Session &ch, bool commit) {
   SessionState &st = *ch.st;
-  if (!st.db) return;
+  if (!st.conn) return;
+  if (store_txn(st)) {
+    if (commit)
+      st.conn->commit();
+    else
+      st.conn->rollback();
+  }
   end_block(st);
   st.write_first = false;
-  if (sqlite_txn(st)) {
-    if (commit) {
-      int rc = sqlite3_exec(st.db.get(), "COMMIT", nullptr, nullptr, nullptr);
-      if (rc != SQLITE_OK) raise_sqlite(st, rc);
-    } else {
-      sqlite3_exec(st.db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
-    }
-  }
   st.cursors.clear();
-  st.cache.clear();
-  st.tables.clear();
-  st.indexes.clear();
+  st.shapes.clear();
+  st.schema = StoreSchema();
   st.schema_version = -1;
   st.lock_since = 0;
-  st.txn_seen = SQLITE_TXN_NONE;
+  st.txn_seen = STORE_TXN_NONE;
   st.changed_seen = false;
-  st.db.reset();
+  st.conn.reset();
   release_user(ch.ex.catalog, ch.database);
   std::lock_guard<std::mutex> lock(ch.database_mutex);
   ch.database.clear();
 }
 
-// How many SQLite virtual machine steps pass between two calls of the
-// progress handler: a few microseconds of work.
-constexpr int PROGRESS_STEPS = 1000;
 // How often the progress handler asks whether the client process lives.
 constexpr std::chrono::milliseconds CLIENT_CHECK{100};
 
-// SQLite's progress handler of a channel's connection: non-zero stops the
-// running statement (SQLITE_INTERRUPT); the reason is left in the state.
+// The check function of a channel's connection, called by the store while a
+// statement runs: non-zero stops the running statement; the reason is left
+// in the state.
 int progress(void *arg) {
   Session &ch = *static_cast<Session *>(arg);
   SessionState &st = *ch.st;
@@ -1343,22 +1094,33 @@ int progress(void *arg) {
   return 0;
 }
 
+// How the channel's connection introduces itself to a store that shows it to
+// others (PostgreSQL's application_name): "tavrind <host> <pid> ch<n> <user>".
+std::string application_name(const Session &ch) {
+  char host[256] = "";
+  gethostname(host, sizeof host - 1);
+  std::string user = session_user(ch);
+  return std::string("tavrind ") + host + " " + std::to_string(getpid()) + " ch" +
+         std::to_string(ch.id) + (user.empty() ? "" : " " + user);
+}
+
 // Makes name the channel's database. An open transaction of the previous
 // database is committed first. With create the database is made new.
 void switch_database(Session &ch, const std::string &name, bool create) {
   Catalog &cat = ch.ex.catalog;
   if (!catalog_valid_name(name)) throw ExecError{answer_errtext(Err::NAME_UNGUELTIG, {name})};
-  DbPtr db;
+  Store &store = *ch.ex.store;
+  std::unique_ptr<StoreConn> conn;
   {
     // Counted as used from its opening on, so that no other channel drops it
     // in between.
     std::lock_guard<std::mutex> lock(cat.users_mutex);
-    bool exists = catalog_exists(cat, name);
+    bool exists = store.exists(name);
     if (create && exists) throw ExecError{answer_errtext(Err::DATENBANK_EXISTIERT, {name})};
     if (!create && !exists) throw ExecError{answer_errtext(Err::DATENBANK_UNBEKANNT, {name})};
     std::string err;
-    db.reset(catalog_open(cat, name, create, err));
-    if (!db) throw ExecError{answer_errtext(Err::DATENBANK_FEHLER, {name, err})};
+    conn = store.open(name, create, progress, &ch, application_name(ch), err);
+    if (!conn) throw ExecError{answer_errtext(Err::DATENBANK_FEHLER, {name, utf8_to_latin1(err)})};
     ++cat.users[name];
   }
   try {
@@ -1367,8 +1129,7 @@ void switch_database(Session &ch, const std::string &name, bool create) {
     release_user(cat, name);
     throw;
   }
-  sqlite3_progress_handler(db.get(), PROGRESS_STEPS, progress, &ch);
-  ch.st->db = std::move(db);
+  ch.st->conn = std::move(conn);
   std::lock_guard<std::mutex> lock(ch.database_mutex);
   ch.database = name;
 }
@@ -1377,7 +1138,7 @@ void do_drop_database(Ctx &c, const Request &q) {
   Catalog &cat = c.ch.ex.catalog;
   std::string name = q.has_name ? q.name : c.ch.database;
   if (name.empty()) throw ExecError{answer_errtext(Err::KEINE_DATENBANK, {})};
-  if (!catalog_valid_name(name) || !catalog_exists(cat, name))
+  if (!catalog_valid_name(name) || !c.ch.ex.store->exists(name))
     throw ExecError{answer_errtext(Err::DATENBANK_UNBEKANNT, {name})};
   if (name == CATALOG_SYSTEM_DB) throw ExecError{answer_errtext(Err::SYSTEMDATENBANK, {name})};
   auto others = [&] {
@@ -1395,8 +1156,8 @@ void do_drop_database(Ctx &c, const Request &q) {
   if (int n = others(); n > 0)
     throw ExecError{answer_errtext(Err::DATENBANK_BENUTZT, {name, std::to_string(n)})};
   std::string err;
-  if (!catalog_drop(cat, name, err))
-    throw ExecError{answer_errtext(Err::DATENBANK_FEHLER, {name, err})};
+  if (!c.ch.ex.store->drop(name, err))
+    throw ExecError{answer_errtext(Err::DATENBANK_FEHLER, {name, utf8_to_latin1(err)})};
   answer_done(c.out);
 }
 
@@ -1504,7 +1265,15 @@ int execute(Ctx &c, const Request &q) {
   default:
     break;
   }
-  if (!st.db) throw ExecError{answer_errtext(Err::KEINE_DATENBANK, {})};
+  if (!st.conn) throw ExecError{answer_errtext(Err::KEINE_DATENBANK, {})};
+  if (st.conn->lost()) {
+    // The store's server went away under the previous request (which was
+    // told so): this request runs on a new connection.
+    // The lost connection stays until a new one is open, so that a request
+    // while the store is still away fails alike and the next tries again.
+    std::string name = ch.database;
+    switch_database(ch, name, false);
+  }
   bool writes = q.kind == ReqKind::CreateTable || q.kind == ReqKind::DropTable ||
                 q.kind == ReqKind::CreateIndex || q.kind == ReqKind::DropIndex ||
                 q.kind == ReqKind::Insert || q.kind == ReqKind::Update ||
@@ -1515,7 +1284,7 @@ int execute(Ctx &c, const Request &q) {
       q.kind != ReqKind::Abort) {
     // A blocked BEGIN IMMEDIATE leaves the transaction pending: the request
     // is retried as it was.
-    exec_sql(st, writes || st.write_first ? "BEGIN IMMEDIATE" : "BEGIN");
+    st.conn->begin(writes || st.write_first);
     st.pending_begin = false;
   }
   if (ch.in_transaction()) {
@@ -1556,13 +1325,13 @@ int execute(Ctx &c, const Request &q) {
     break;
   case ReqKind::Commit:
     // A commit that fails leaves the block open, as it was.
-    if (sqlite_txn(st)) exec_sql(st, "COMMIT");
+    if (store_txn(st)) st.conn->commit();
     end_block(st);
     answer_done(c.out);
     break;
   case ReqKind::Abort:
     end_block(st);
-    if (sqlite_txn(st)) exec_sql(st, "ROLLBACK");
+    if (store_txn(st)) st.conn->rollback();
     st.schema_version = -1;
     answer_done(c.out);
     break;
@@ -1584,8 +1353,9 @@ int execute(Ctx &c, const Request &q) {
     break;
   case ReqKind::Save: {
     std::string path, err;
-    if (!catalog_save(ch.ex.catalog, ch.database, path, err))
-      throw ExecError{answer_errtext(Err::SICHERUNG_FEHLER, {ch.database, err})};
+    if (!catalog_backup_path(ch.ex.catalog, ch.database, path, err) ||
+        !st.conn->save(path, err))
+      throw ExecError{answer_errtext(Err::SICHERUNG_FEHLER, {ch.database, utf8_to_latin1(err)})};
     if (ch.ex.log) log_line(ch, "saved to " + path);
     answer_done(c.out);
     break;
@@ -1644,8 +1414,8 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
         s.wait_since = 0;
       else if (blocked && s.wait_since == 0)
         s.wait_since = time(nullptr);
-      int txn = s.db ? sqlite3_txn_state(s.db.get(), "main") : SQLITE_TXN_NONE;
-      if (txn != SQLITE_TXN_WRITE)
+      int txn = s.conn ? s.conn->txn_state() : STORE_TXN_NONE;
+      if (txn != STORE_TXN_WRITE)
         s.lock_since = 0;
       else if (s.lock_since == 0)
         s.lock_since = time(nullptr);
@@ -1717,7 +1487,7 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
 }
 
 bool holds_write_lock(const Session &ch) {
-  return ch.st && ch.st->txn_seen.load() == SQLITE_TXN_WRITE;
+  return ch.st && ch.st->txn_seen.load() == STORE_TXN_WRITE;
 }
 
 void session_cancel(Session &ch) { ch.st->cancel.store(true); }
@@ -1745,6 +1515,10 @@ time_t session_lock_since(const Session &ch) { return ch.st ? ch.st->lock_since.
 
 void session_wait_ended(Session &ch) { ch.st->wait_since = 0; }
 
+std::string session_foreign_lock_holder(Session &ch) {
+  return ch.st->conn ? ch.st->conn->foreign_lock_holder() : std::string();
+}
+
 std::string lock_holder_text(const Session &holder) {
   std::string t = "Kanal " + std::to_string(holder.id);
   std::string user = session_user(holder);
@@ -1763,7 +1537,7 @@ std::string lock_holder_text(const Session &holder) {
 }
 
 bool waits_in_vain(const Session &waiter, const Session &holder) {
-  return waiter.st && waiter.st->txn_seen.load() == SQLITE_TXN_READ && holder.st &&
+  return waiter.st && waiter.st->txn_seen.load() == STORE_TXN_READ && holder.st &&
          holder.st->changed_seen.load();
 }
 

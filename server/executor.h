@@ -1,7 +1,7 @@
 // The statement executor of tavrind: from a channel's state and one request's
-// bytes to the answer's bytes, on SQLite.
+// bytes to the answer's bytes, on the store of the server (store.h).
 //
-// Each channel has its own SQLite connection, open database, transaction,
+// Each channel has its own store connection, open database, transaction,
 // cursors and MAX setting. Outside BEGIN ... COMMIT/END/ABORT every statement
 // is its own transaction; inside, a failed statement is undone and the
 // transaction goes on. A statement that needs a lock that another channel
@@ -10,10 +10,12 @@
 // same request again later. Transport (shared memory, packets, parking
 // clients) is the caller's business; this module never blocks.
 //
-// Every statement can be stopped: a progress handler on each connection ends
-// the running statement when it has run longer than the statement timeout,
-// when the server is asked to stop, when its client process has ended or its
-// channel was closed, or when its client cancelled it.
+// Every statement can be stopped: the store asks a check function while it
+// runs (SQLite's progress handler, the PostgreSQL store's wait for results),
+// which ends the running statement when it has run longer than the
+// statement timeout, when the server is asked to stop, when its client
+// process has ended or its channel was closed, or when its client cancelled
+// it.
 //
 // Threads: a session is used by one thread at a time (the caller runs each
 // channel's requests in order), but different sessions run on different
@@ -42,9 +44,17 @@ namespace tavrind {
 
 struct Session;
 
+class Store;
+
 // Server-wide state shared by all channels.
 struct Executor {
+  // With the SQLite store on the catalog's folder; a server may put another
+  // store in place before the first session.
+  Executor();
+  ~Executor();
   Catalog catalog;
+  // Where the databases live (store.h).
+  std::unique_ptr<Store> store;
   // Every channel's session (each adds and removes itself), for the list of
   // lock holders and waiters; guarded by sessions_mutex.
   std::vector<Session *> sessions;
@@ -71,7 +81,7 @@ constexpr size_t ANSWER_LIMIT_MAX = (size_t(1) << 31) - (size_t(1) << 20);
 
 struct SessionState;
 
-// The executor's state of one client (one protocol channel): its SQLite
+// The executor's state of one client (one protocol channel): its store
 // connection, open database, transaction, cursors and MAX setting.
 struct Session {
   Session(Executor &ex, int id);
@@ -109,8 +119,9 @@ enum ExecResult {
 //
 // With a budget and an overrun callback, a request still running after the
 // budget calls *overrun once, on this thread, from inside the running
-// statement (SQLite's progress handler; a request that does not step
-// SQLite's machine, such as a commit waiting for the disk, is not noticed),
+// statement (the store's check function; a request that does not step
+// SQLite's machine, such as a commit waiting for the disk, is not noticed;
+// the PostgreSQL store asks it while it waits for every result),
 // and then goes on: the caller lets its other work go on elsewhere
 // meanwhile. The callback must not use the session.
 int exec_request(Session &ch, const unsigned char *req, size_t len,
@@ -152,6 +163,12 @@ bool waits_in_vain(const Session &waiter, const Session &holder);
 // "Kanal 3 (Prozess 1234, Benutzer anna) seit 14:02:11". The time is when the
 // holder's transaction took the lock.
 std::string lock_holder_text(const Session &holder);
+
+// Who holds the write lock that ch's parked statement waits for when no
+// channel of this server does (another server on the same store), as a
+// text for error 509; "" when the store cannot tell. Only while ch's
+// statement is parked (its connection is idle).
+std::string session_foreign_lock_holder(Session &ch);
 
 // The waiting statement of ch is over without the executor seeing it (the
 // caller refused it: lock timeout, deadlock); it no longer shows as waiting.

@@ -1,5 +1,6 @@
 // The request handler of tavrind: the executor behind the protocol server.
 #include "server/handler.h"
+#include "server/store.h"
 
 #include "server/answer.h"
 
@@ -131,7 +132,7 @@ void ExecHandler::start(ProtocolServer &srv, const std::shared_ptr<Chan> &chan,
   // nobody to go on (a client that connects meanwhile waits for the
   // exchange, which this one holds, anyway): parking would only cost its
   // client two more hand-overs of the exchange per commit.
-  if (len > 0 && req[0] == DBREQ_COMMIT && ex_.catalog.sync_full && holds_write_lock(chan->ch) &&
+  if (len > 0 && req[0] == DBREQ_COMMIT && ex_.store->commit_waits() && holds_write_lock(chan->ch) &&
       srv.open_channels() > 1)
     overrun();
   int r = exec_request(chan->ch, req, len, answer, BUDGET, detached ? nullptr : &overrun);
@@ -285,7 +286,8 @@ void ExecHandler::time_out(ProtocolServer &srv, Chan &chan) {
   std::string db = chan.ch.database.empty() ? "?" : chan.ch.database;
   int holder = lock_holder(chan);
   std::string who = holder >= 0 ? lock_holder_text(channels_.at(holder)->ch)
-                                : std::string("ein Programm außerhalb des Servers");
+                                : session_foreign_lock_holder(chan.ch);
+  if (who.empty()) who = "ein Programm außerhalb des Servers";
   refuse(srv, chan, answer_errtext(Err::SPERRE_ZEITABLAUF, {db, secs, who}));
 }
 

@@ -1,13 +1,20 @@
 // tavrind, the TAVRIN database server: serves the databases of one data
-// folder (SQLite files) to clients through the shared-memory protocol.
+// folder (SQLite files), or of a PostgreSQL database, to clients through the
+// shared-memory protocol.
 //
 // This file only reads the command line, sets up logging and signals, and
-// joins the pieces: the data folder (catalog.h), the executor behind the
-// request handler (handler.h) and the protocol server (protocol.h).
+// joins the pieces: the data folder (catalog.h), the store (store.h), the
+// executor behind the request handler (handler.h) and the protocol server
+// (protocol.h). The migration of a data folder into PostgreSQL
+// (--import-sqlite) is pgcopy.h's.
 #include "server/catalog.h"
 #include "server/executor.h"
 #include "server/handler.h"
+#include "server/pgcopy.h"
 #include "server/protocol.h"
+#include "server/store.h"
+
+#include <libpq-fe.h>
 
 #include <chrono>
 #include <cmath>
@@ -31,13 +38,23 @@ void on_signal(int) {
 }
 
 void usage(FILE *f) {
-  fputs("Usage: tavrind --data DIR [--namespace NS] [--group NAME] [--lock-timeout SECONDS]\n"
-        "               [--max-clients N] [--max-request-mb N] [--statement-timeout SECONDS]\n"
-        "               [--max-answer-mb MB] [--sync full|normal] [--no-demo] [--verbose]\n"
-        "Serves the TAVRIN databases of the folder DIR (one SQLite file DIR/<NAME>.db each)\n"
-        "to clients on this machine through shared memory.\n"
+  fputs("Usage: tavrind --data DIR [--postgres CONNINFO] [--namespace NS] [--group NAME]\n"
+        "               [--lock-timeout SECONDS] [--max-clients N] [--max-request-mb N]\n"
+        "               [--statement-timeout SECONDS] [--max-answer-mb MB]\n"
+        "               [--sync full|normal] [--no-demo] [--verbose]\n"
+        "       tavrind --postgres CONNINFO --import-sqlite DIR\n"
+        "Serves the TAVRIN databases of the folder DIR (one SQLite file DIR/<NAME>.db each),\n"
+        "or of a PostgreSQL database, to clients on this machine through shared memory.\n"
         "  --data DIR       the data folder; the first start creates it with the system\n"
-        "                   database TDSYS and the demo database DEMO\n"
+        "                   database TDSYS and the demo database DEMO (with --postgres it\n"
+        "                   holds the backup folder only)\n"
+        "  --postgres CONNINFO\n"
+        "                   keep the databases in the PostgreSQL database that the libpq\n"
+        "                   connection string CONNINFO names (one schema per database);\n"
+        "                   passwords come from libpq's password or service file\n"
+        "  --import-sqlite DIR\n"
+        "                   with --postgres: copy every database of the SQLite data folder\n"
+        "                   DIR into the cluster, verify it and end\n"
         "  --no-demo        the first start creates TDSYS only, without DEMO\n"
         "  --namespace NS   prefix of the shared-memory objects (default: the environment\n"
         "                   variable TAVRIN_NAMESPACE, else u<uid>_ of this user)\n"
@@ -82,7 +99,7 @@ void log_line(const std::string &line) { fprintf(stderr, "tavrind: %s\n", line.c
 } // namespace
 
 int main(int argc, char **argv) {
-  std::string data;
+  std::string data, postgres, import_dir;
   bool verbose = false, demo = true, sync_full = true;
   double lock_timeout = 30, max_clients = 64, max_request_mb = 1024, statement_timeout = 0,
          max_answer_mb = 1024;
@@ -131,6 +148,10 @@ int main(int argc, char **argv) {
         return 2;
       }
       sync_full = v == "full";
+    } else if (a == "--postgres" && i + 1 < argc) {
+      postgres = argv[++i];
+    } else if (a == "--import-sqlite" && i + 1 < argc) {
+      import_dir = argv[++i];
     } else if ((a == "--data" || a == "--namespace") && i + 1 < argc) {
       if (a == "--data")
         data = argv[++i];
@@ -141,6 +162,26 @@ int main(int argc, char **argv) {
       usage(stderr);
       return 2;
     }
+  }
+  if (!import_dir.empty()) {
+    if (postgres.empty()) {
+      fputs("tavrind: --import-sqlite needs --postgres CONNINFO\n", stderr);
+      return 2;
+    }
+    std::unique_ptr<PGconn, void (*)(PGconn *)> conn(PQconnectdb(postgres.c_str()), PQfinish);
+    if (PQstatus(conn.get()) != CONNECTION_OK) {
+      fprintf(stderr, "tavrind: cannot reach the PostgreSQL cluster: %s", PQerrorMessage(conn.get()));
+      return 1;
+    }
+    std::vector<std::string> report;
+    std::string err;
+    int ok = tavrind::pgcopy_import_sqlite(conn.get(), import_dir, report, err);
+    for (const std::string &line : report) printf("%s\n", line.c_str());
+    if (!ok) {
+      fprintf(stderr, "tavrind: import of %s failed: %s\n", import_dir.c_str(), err.c_str());
+      return 1;
+    }
+    return 0;
   }
   if (data.empty()) {
     fputs("tavrind: --data DIR is required\n", stderr);
@@ -182,14 +223,27 @@ int main(int argc, char **argv) {
   // umask left open is closed now.
   umask(077);
   std::string err;
-  if (!tavrind::catalog_init(ex.catalog, data, err, demo)) {
+  if (!tavrind::catalog_folder(ex.catalog, data, err)) {
     log_line("cannot use the data folder " + data + ": " + err);
+    srv.shutdown();
+    return 1;
+  }
+  if (!postgres.empty()) {
+    ex.store = tavrind::store_pg(ex.catalog, postgres, err);
+    if (!ex.store) {
+      log_line("cannot reach the PostgreSQL cluster: " + err);
+      srv.shutdown();
+      return 1;
+    }
+  }
+  if (!ex.store->init(demo, err)) {
+    log_line("cannot create the first databases in " + ex.store->where() + ": " + err);
     srv.shutdown();
     return 1;
   }
   for (const std::string &line : catalog_make_private(ex.catalog)) log_line(line);
   std::string ns = ipc::namespace_name();
-  log_line("serving " + ex.catalog.dir + (ns.empty() ? "" : " in namespace " + ns) +
+  log_line("serving " + ex.store->where() + (ns.empty() ? "" : " in namespace " + ns) +
            (access.shared() ? " for group " + group_name : ""));
   srv.run();
   srv.shutdown();

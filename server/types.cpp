@@ -782,6 +782,149 @@ std::string utf8_to_latin1(const char *s, size_t n) {
   return r;
 }
 
+void type_append_pg_value(std::vector<unsigned char> &out, ColType t, unsigned pg_type,
+                          const char *v, size_t n, bool null) {
+  auto u = reinterpret_cast<const unsigned char *>(v);
+  auto be = [&](size_t k) {
+    uint64_t x = 0;
+    for (size_t i = 0; i < k && i < n; ++i) x = (x << 8) | u[i];
+    return x;
+  };
+  // A number as the column's type gets it: integers and doubles in
+  // PostgreSQL's binary form (big-endian), all else as text.
+  bool is_int = pg_type == PG_OID_INT2 || pg_type == PG_OID_INT4 || pg_type == PG_OID_INT8;
+  auto as_int = [&]() -> int64_t {
+    if (pg_type == PG_OID_INT2 && n == 2) return static_cast<int16_t>(be(2));
+    if (pg_type == PG_OID_INT4 && n == 4) return static_cast<int32_t>(be(4));
+    if (pg_type == PG_OID_INT8 && n == 8) return static_cast<int64_t>(be(8));
+    return 0;
+  };
+  auto as_double = [&]() -> double {
+    if (is_int) return static_cast<double>(as_int());
+    if (pg_type == PG_OID_FLOAT8 && n == 8) {
+      uint64_t bits = be(8);
+      double d;
+      memcpy(&d, &bits, 8);
+      return d;
+    }
+    if (pg_type == PG_OID_FLOAT4 && n == 4) {
+      uint32_t bits = static_cast<uint32_t>(be(4));
+      float f;
+      memcpy(&f, &bits, 4);
+      return f;
+    }
+    double d = 0;
+    parse_double(std::string(v, n), d);
+    return d;
+  };
+  switch (t.code) {
+  case DBTYPE_SMALLINT: {
+    int64_t x = null ? NULL_SMALLINT
+                : is_int ? as_int()
+                         : static_cast<int64_t>(as_double());
+    x = std::clamp<int64_t>(x, -32768, 32767);
+    unsigned char *p = grow(out, 4);
+    store16(p, 2);
+    store16(p + 2, static_cast<uint16_t>(static_cast<int16_t>(x)));
+    return;
+  }
+  case DBTYPE_INTEGER: {
+    int64_t x = null ? NULL_INTEGER
+                : is_int ? as_int()
+                         : static_cast<int64_t>(as_double());
+    x = std::clamp<int64_t>(x, std::numeric_limits<int32_t>::min(),
+                            std::numeric_limits<int32_t>::max());
+    unsigned char *p = grow(out, 6);
+    store16(p, 4);
+    store32(p + 2, static_cast<uint32_t>(static_cast<int32_t>(x)));
+    return;
+  }
+  case DBTYPE_FLOAT: {
+    double d = null ? NULL_FLOAT : as_double();
+    uint64_t bits;
+    memcpy(&bits, &d, 8);
+    unsigned char *p = grow(out, 10);
+    store16(p, 8);
+    store32(p + 2, static_cast<uint32_t>(bits));
+    store32(p + 6, static_cast<uint32_t>(bits >> 32));
+    return;
+  }
+  case DBTYPE_DATE:
+  case DBTYPE_TIME:
+  case DBTYPE_TIMESTAMP: {
+    DateParts p;
+    if (!null && !fast_calendar(t.code, u, n, p)) {
+      p = DateParts();
+      std::string s(v, n);
+      bool ok = t.code == DBTYPE_DATE   ? parse_date(s.substr(0, 10), p)
+                : t.code == DBTYPE_TIME ? parse_time(s, p)
+                                        : parse_timestamp(s, p);
+      if (!ok) p = DateParts();
+    }
+    if (t.code == DBTYPE_DATE) {
+      unsigned char *q = grow(out, 6);
+      store16(q, 4);
+      store16(q + 2, static_cast<uint16_t>(p.y));
+      q[4] = static_cast<unsigned char>(p.mo);
+      q[5] = static_cast<unsigned char>(p.d);
+    } else if (t.code == DBTYPE_TIME) {
+      unsigned char *q = grow(out, 5);
+      store16(q, 3);
+      q[2] = static_cast<unsigned char>(p.h);
+      q[3] = static_cast<unsigned char>(p.mi);
+      q[4] = static_cast<unsigned char>(p.s);
+    } else {
+      unsigned char *q = grow(out, 14);
+      store16(q, 12);
+      store16(q + 2, static_cast<uint16_t>(p.y));
+      q[4] = static_cast<unsigned char>(p.mo);
+      q[5] = static_cast<unsigned char>(p.d);
+      q[6] = static_cast<unsigned char>(p.h);
+      q[7] = static_cast<unsigned char>(p.mi);
+      q[8] = static_cast<unsigned char>(p.s);
+      q[9] = 0;
+      store32(q + 10, static_cast<uint32_t>(p.us));
+    }
+    return;
+  }
+  case DBTYPE_BINARY: {
+    size_t len = null ? 0 : std::min<size_t>(n, TYPE_MAX_BINARY);
+    unsigned char *q = grow(out, 4 + len);
+    store16(q, static_cast<uint16_t>(len + 2));
+    store16(q + 2, static_cast<uint16_t>(len));
+    if (len) memcpy(q + 4, u, len);
+    return;
+  }
+  default: { // CHARACTER: UTF-8 text to Latin-1, ending at 65534 bytes
+    std::string num;
+    if (!null && (is_int || pg_type == PG_OID_FLOAT8 || pg_type == PG_OID_FLOAT4)) {
+      // A number shown as text (an aggregate over a number column).
+      char buf[64];
+      if (is_int)
+        snprintf(buf, sizeof buf, "%lld", static_cast<long long>(as_int()));
+      else
+        snprintf(buf, sizeof buf, "%.15g", as_double());
+      num = buf;
+      u = reinterpret_cast<const unsigned char *>(num.data());
+      n = num.size();
+    }
+    if (null) n = 0;
+    size_t at = out.size();
+    unsigned char *dst = grow(out, 2 + std::min<size_t>(n, 65534) + 1) + 2;
+    size_t len = 0;
+    for (size_t i = 0; i < n && len < 65534;) {
+      unsigned char c = u[i] < 0x80 ? u[i++] : next_latin1(u, n, i);
+      if (c == 0) break;
+      dst[len++] = c;
+    }
+    dst[len] = 0;
+    out.resize(at + 2 + len + 1);
+    store16(out.data() + at, static_cast<uint16_t>(len + 1));
+    return;
+  }
+  }
+}
+
 int type_text_compare(const unsigned char *a, size_t na, const unsigned char *b, size_t nb) {
   // Work on the UTF-8 forms so that the collation and this entry agree.
   std::string ua = latin1_to_utf8(std::string(reinterpret_cast<const char *>(a), na));

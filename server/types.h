@@ -100,6 +100,16 @@ std::string type_literal_text(const Literal &lit);
 // read as the type, goes out as the type's null marker.
 void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt *stmt, int col);
 
+// PostgreSQL type oids of the result columns the PostgreSQL store reads.
+constexpr unsigned PG_OID_BYTEA = 17, PG_OID_INT8 = 20, PG_OID_INT2 = 21, PG_OID_INT4 = 23,
+                   PG_OID_TEXT = 25, PG_OID_FLOAT4 = 700, PG_OID_FLOAT8 = 701;
+
+// As type_append_value, for one value of a PostgreSQL result in binary
+// format: pg_type is its column's type oid, v its n bytes (integers and
+// doubles big-endian, texts UTF-8, bytea raw). null: the value is NULL.
+void type_append_pg_value(std::vector<unsigned char> &out, ColType t, unsigned pg_type,
+                          const char *v, size_t n, bool null);
+
 // Latin-1 to UTF-8 and back; characters beyond Latin-1 become '?', invalid
 // UTF-8 bytes are taken as Latin-1.
 std::string latin1_to_utf8(const std::string &s);

@@ -7,6 +7,10 @@
 // from the server library in a forked child instead; a suite that links
 // zentiq_server defines TAVRIND_FIXTURE_LIBRARY before including this file.
 // The server never outlives the fixture.
+//
+// With ZENTIQ_TEST_STORE=postgres every start stores in a new database of the
+// test process's PostgreSQL cluster (tests/pgcluster.h) instead of SQLite
+// files; that needs the program.
 #pragma once
 
 #include <fcntl.h>
@@ -29,6 +33,7 @@
 #include "base/msg.h"
 #include "db/client/connect.h"
 #include "db/client/transport.h"
+#include "tests/pgcluster.h"
 
 #ifdef TAVRIND_FIXTURE_LIBRARY
 #include "server/catalog.h"
@@ -79,6 +84,7 @@ public:
     dir_ = tmpl;
     data_ = dir_ + "/data";
     log_ = dir_ + "/tavrind.log";
+    if (!pgcluster::store_conninfo(store_, why)) return false;
     return run(why);
   }
 
@@ -103,6 +109,9 @@ private:
     std::string prog = program();
     if (!prog.empty()) {
       pid_ = spawn_program(prog);
+    } else if (!store_.empty()) {
+      why = "tavrind has not been built (the PostgreSQL store needs the program)";
+      return false;
     } else {
 #ifdef TAVRIND_FIXTURE_LIBRARY
       pid_ = spawn_library();
@@ -161,6 +170,8 @@ public:
   const std::string &data_dir() const { return data_; }
   const std::string &ns() const { return ns_; }
   pid_t pid() const { return pid_; }
+  // The PostgreSQL database the server stores in; "" on the SQLite store.
+  const std::string &store() const { return store_; }
 
 private:
   pid_t spawn_program(const std::string &prog) {
@@ -169,6 +180,7 @@ private:
     posix_spawn_file_actions_addopen(&fa, 1, log_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     posix_spawn_file_actions_adddup2(&fa, 1, 2);
     std::vector<std::string> args = {prog, "--data", data_, "--namespace", ns_, "--verbose"};
+    if (!store_.empty()) args.insert(args.end(), {"--postgres", store_});
     args.insert(args.end(), options.begin(), options.end());
     std::vector<char *> argv;
     for (auto &a : args) argv.push_back(a.data());
@@ -224,7 +236,7 @@ private:
     return ok;
   }
 
-  std::string ns_, dir_, data_, log_;
+  std::string ns_, dir_, data_, log_, store_;
   pid_t pid_ = -1;
 };
 

@@ -33,6 +33,8 @@ protected:
   DBCONN *c = nullptr;
   void SetUp() override {
     if (faults::tavrind_program().empty()) GTEST_SKIP() << "tavrind has not been built";
+    if (pgcluster::postgres_store())
+      GTEST_SKIP() << "the database files of the data folder belong to the SQLite store";
     ASSERT_TRUE(server.start({})) << server.log_text();
     setenv("TAVRIN_NAMESPACE", server.ns().c_str(), 1);
     char tdsys[] = "tdsys";

@@ -168,7 +168,7 @@ protected:
   }
   // Starts the server and makes table KONTO with accounts 1 and 2.
   void start(const std::vector<std::string> &extra = {}) {
-    ASSERT_TRUE(srv.start(extra));
+    ASSERT_TRUE(srv.start(extra)) << srv.why() << srv.log_text();
     Client c(srv.ns());
     ASSERT_TRUE(c.ok()) << c.greeting();
     ASSERT_EQ(c.run("CREATE TABLE KONTO (KONTO_ID INTEGER, BETRAG INTEGER)"), kDone);
@@ -501,6 +501,75 @@ TEST_F(Locking, RunawayLeavesOthersServedAndCancelStopsItOrALockWait) {
   r = b.run(join);
   EXPECT_TRUE(is_error(r, "515")) << r;
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
+}
+
+// Locking and faults that only the PostgreSQL store has: the postgres pass
+// only, on its cluster.
+class PgStoreLocking : public Locking {
+protected:
+  void SetUp() override {
+    if (!pgcluster::postgres_store())
+      GTEST_SKIP() << "PostgreSQL store tests run in the postgres pass (ctest -L postgres)";
+    Locking::SetUp();
+  }
+};
+
+// Two servers on one database exclude each other's writers as one server
+// excludes its clients': B (other server) waits for A's write lock and goes
+// on when A commits, or is refused with 509 after its --lock-timeout. A
+// reader of the other server is never parked.
+TEST_F(PgStoreLocking, TwoServersOnOneDatabaseExcludeEachOthersWriters) {
+  start();
+  faults::Server other;
+  other.store = srv.store;
+  ASSERT_TRUE(other.start({"--lock-timeout", "1"})) << other.log_text();
+  Client a(srv.ns()), b(other.ns()), reader(other.ns());
+  ASSERT_TRUE(a.ok() && b.ok() && reader.ok()) << b.greeting();
+  ASSERT_EQ(a.run("BEGIN"), kDone);
+  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 90 WHERE KONTO_ID = 1"), "1|1");
+  b.send("UPDATE KONTO SET BETRAG = 95 WHERE KONTO_ID = 1");
+  EXPECT_EQ(b.answer(400ms), "") << "B must wait for A's lock";
+  EXPECT_EQ(reader.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("100"));
+  ASSERT_EQ(a.run("COMMIT"), kDone);
+  EXPECT_EQ(b.answer(), "1|1");
+  EXPECT_EQ(reader.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("95"));
+
+  ASSERT_EQ(a.run("BEGIN"), kDone);
+  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 0 WHERE KONTO_ID = 2"), "1|1");
+  std::string refused = b.run("UPDATE KONTO SET BETRAG = 1 WHERE KONTO_ID = 2");
+  EXPECT_TRUE(is_error(refused, "509")) << refused;
+  ASSERT_EQ(a.run("COMMIT"), kDone);
+  EXPECT_EQ(reader.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 2"), tuples("0"));
+}
+
+// The cluster ends as in a crash while A is inside a transaction: A's next
+// statement is refused within the client's wait, so is a client that comes
+// while the cluster is down; once it is back, the server serves again and
+// A's lost change is not there.
+TEST_F(PgStoreLocking, LostClusterFailsTheTransactionAndNoClientHangs) {
+  start();
+  std::string why;
+  pgcluster::Cluster *cluster = pgcluster::shared(why);
+  ASSERT_TRUE(cluster) << why;
+  Client a(srv.ns());
+  ASSERT_TRUE(a.ok()) << a.greeting();
+  ASSERT_EQ(a.run("BEGIN"), kDone);
+  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 50 WHERE KONTO_ID = 1"), "1|1");
+  ASSERT_TRUE(cluster->stop_immediate());
+  std::string lost = a.run("UPDATE KONTO SET BETRAG = 150 WHERE KONTO_ID = 2");
+  EXPECT_EQ(lost.rfind("4|", 0), 0u) << "an error, not a hang or a change: " << lost;
+  {
+    Client b(srv.ns());
+    ASSERT_NE(b.greeting(), "") << "a new client hangs";
+    if (b.ok()) {
+      std::string down = b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1");
+      EXPECT_EQ(down.rfind("4|", 0), 0u) << down;
+    }
+  }
+  ASSERT_TRUE(cluster->start_again());
+  EXPECT_EQ(a.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("100")) << srv.log_text();
+  EXPECT_EQ(a.run("UPDATE KONTO SET BETRAG = 60 WHERE KONTO_ID = 2"), "1|1");
+  EXPECT_EQ(amount(2), tuples("60"));
 }
 
 } // namespace

@@ -4,6 +4,10 @@
 // (with the dead server's shared-memory objects left behind). Clients are
 // the tests' business; run() executes their statements and reap() ends any
 // child process.
+//
+// With ZENTIQ_TEST_STORE=postgres the server stores in a PostgreSQL database
+// of the test process's cluster (tests/pgcluster.h): a new one per start(),
+// or the one `store` names when set before (two servers on one database).
 #pragma once
 
 #include <fcntl.h>
@@ -21,6 +25,7 @@
 #include <vector>
 
 #include "db/client/exec.h"
+#include "tests/pgcluster.h"
 
 extern char **environ;
 
@@ -71,8 +76,13 @@ class Server {
 public:
   ~Server() { stop(); }
 
+  // The PostgreSQL database the server stores in ("" on the SQLite store).
+  std::string store;
+  // Set before start(): the SQLite store, whatever ZENTIQ_TEST_STORE says.
+  bool sqlite = false;
+
   // Starts a server with the options `extra`; false when it did not come up
-  // within about 30 s.
+  // within about 30 s (or no PostgreSQL database could be made for it).
   bool start(const std::vector<std::string> &extra) {
     static int n = 0;
     ns_ = "zqflt" + std::to_string(getpid()) + "_" + std::to_string(n++) + "_";
@@ -80,8 +90,11 @@ public:
     if (!mkdtemp(tmpl)) return false;
     dir_ = tmpl;
     extra_ = extra;
+    if (!sqlite && store.empty() && !pgcluster::store_conninfo(store, why_)) return false;
     return launch();
   }
+  // Why start() failed when it was not the server itself (see log_text()).
+  const std::string &why() const { return why_; }
 
   // Ends the server with SIGKILL: no rollback, its shared-memory objects
   // stay behind.
@@ -124,6 +137,7 @@ private:
     std::string prog = tavrind_program();
     if (prog.empty()) return false;
     std::vector<std::string> args = {prog, "--data", dir_ + "/data", "--namespace", ns_};
+    if (!store.empty()) args.insert(args.end(), {"--postgres", store});
     args.insert(args.end(), extra_.begin(), extra_.end());
     std::vector<char *> argv;
     for (auto &a : args) argv.push_back(a.data());
@@ -137,10 +151,14 @@ private:
     posix_spawn_file_actions_destroy(&fa);
     if (rc != 0) return false;
     // Ready when the server has logged that it serves (after the first
-    // start has written both databases).
+    // start has written both databases); a server that ended will not.
     size_t seen = count_serving(log);
     for (int i = 0; i < 300; ++i) {
       if (count_serving(log) > seen) return true;
+      if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
+        pid_ = -1;
+        return false;
+      }
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     return false;
@@ -156,7 +174,7 @@ private:
   }
 
   pid_t pid_ = -1;
-  std::string ns_, dir_;
+  std::string ns_, dir_, why_;
   std::vector<std::string> extra_;
 };
 

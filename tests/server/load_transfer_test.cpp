@@ -1,10 +1,10 @@
 // Transfers between 100 accounts by 8 client processes at once against a real
 // tavrind: some transactions end with ABORT, a client is killed in the
 // middle of its exchanges, the server itself is killed with SIGKILL and
-// started again. Afterwards the data file is checked directly with SQLite:
-// integrity, the sum over all accounts, every account equal to its start
-// plus the transfers recorded, every transfer whose COMMIT was answered
-// there and no aborted one.
+// started again. Afterwards the data is checked in the store directly (the
+// SQLite file, or the PostgreSQL schema): integrity, the sum over all
+// accounts, every account equal to its start plus the transfers recorded,
+// every transfer whose COMMIT was answered there and no aborted one.
 //
 // The long runs (LoadLong.*) only run when ZENTIQ_LOAD=1 is set; ctest runs
 // them as the entry "server_load" with the label "load".
@@ -119,42 +119,72 @@ pid_t start_worker(const std::string &ns, int worker, int n, const std::string &
   _exit(0);
 }
 
-// Checks the database file of DEMO with SQLite (the server may run): the
-// integrity check, the sum, every balance against the journal, the recorded
-// commits present and the recorded aborts absent. Returns the number of
-// transfers in the journal.
-int check_data(const std::string &data_dir, const std::string &record) {
+// Rows of `sql` (integers only) read from DEMO's store directly, past the
+// server (which may run): its SQLite file, or its schema in PostgreSQL, where
+// every name is quoted. `T(name)` in sql stands for a table name.
+std::vector<std::vector<long long>> read_store(const faults::Server &srv, std::string sql) {
+  bool pg = !srv.store.empty();
+  for (size_t at; (at = sql.find("T(")) != std::string::npos;) {
+    size_t end = sql.find(')', at);
+    std::string name = sql.substr(at + 2, end - at - 2);
+    sql.replace(at, end - at + 1, pg ? "\"DEMO\".\"" + name + "\"" : name);
+  }
+  std::vector<std::vector<long long>> out;
+  if (pg) {
+    std::vector<std::vector<std::string>> rows;
+    std::string why;
+    EXPECT_TRUE(pgcluster::query(srv.store, sql, &rows, why)) << sql << ": " << why;
+    for (auto &r : rows) {
+      out.emplace_back();
+      for (auto &v : r) out.back().push_back(std::stoll(v));
+    }
+    return out;
+  }
   sqlite3 *db = nullptr;
-  EXPECT_EQ(sqlite3_open_v2((data_dir + "/DEMO.db").c_str(), &db, SQLITE_OPEN_READWRITE, nullptr),
+  EXPECT_EQ(sqlite3_open_v2((srv.data_dir() + "/DEMO.db").c_str(), &db, SQLITE_OPEN_READWRITE,
+                            nullptr),
             SQLITE_OK);
   sqlite3_busy_timeout(db, 5000);
-  auto query = [db](const std::string &sql, auto &&row) {
-    sqlite3_stmt *s = nullptr;
-    EXPECT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr), SQLITE_OK) << sql;
-    while (s && sqlite3_step(s) == SQLITE_ROW) row(s);
-    sqlite3_finalize(s);
-  };
+  sqlite3_stmt *s = nullptr;
+  EXPECT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr), SQLITE_OK) << sql;
+  while (s && sqlite3_step(s) == SQLITE_ROW) {
+    out.emplace_back();
+    for (int k = 0; k < sqlite3_column_count(s); ++k)
+      out.back().push_back(sqlite3_column_int64(s, k));
+  }
+  sqlite3_finalize(s);
+  // A damaged file answers the integrity check with anything but "ok".
   std::string integrity;
-  query("PRAGMA integrity_check", [&](sqlite3_stmt *s) {
-    integrity += reinterpret_cast<const char *>(sqlite3_column_text(s, 0));
-  });
+  if (sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &s, nullptr) == SQLITE_OK)
+    while (sqlite3_step(s) == SQLITE_ROW)
+      integrity += reinterpret_cast<const char *>(sqlite3_column_text(s, 0));
+  sqlite3_finalize(s);
+  sqlite3_close(db);
   EXPECT_EQ(integrity, "ok");
+  return out;
+}
+
+// Checks DEMO's data in the store: the sum, every balance against the
+// journal, the recorded commits present and the recorded aborts absent
+// (and, on SQLite, the file's integrity). Returns the number of transfers in
+// the journal.
+int check_data(const faults::Server &srv, const std::string &record) {
   std::vector<long long> expect(kAccounts + 1, kStart), have(kAccounts + 1, 0);
   expect[0] = 0; // there is no account 0
   std::set<long long> journal;
-  query("SELECT BUCHUNG_ID, VON, NACH, BETRAG FROM BUCHUNG", [&](sqlite3_stmt *s) {
-    EXPECT_TRUE(journal.insert(sqlite3_column_int64(s, 0)).second) << "transfer twice";
-    expect.at(size_t(sqlite3_column_int(s, 1))) -= sqlite3_column_int(s, 3);
-    expect.at(size_t(sqlite3_column_int(s, 2))) += sqlite3_column_int(s, 3);
-  });
+  for (auto &r : read_store(srv, "SELECT \"BUCHUNG_ID\", \"VON\", \"NACH\", \"BETRAG\" FROM "
+                                 "T(BUCHUNG)")) {
+    EXPECT_TRUE(journal.insert(r[0]).second) << "transfer twice";
+    expect.at(size_t(r[1])) -= r[3];
+    expect.at(size_t(r[2])) += r[3];
+  }
   long long sum = 0;
   int accounts = 0;
-  query("SELECT KONTO_ID, BETRAG FROM KONTO", [&](sqlite3_stmt *s) {
-    have.at(size_t(sqlite3_column_int(s, 0))) = sqlite3_column_int64(s, 1);
-    sum += sqlite3_column_int64(s, 1);
+  for (auto &r : read_store(srv, "SELECT \"KONTO_ID\", \"BETRAG\" FROM T(KONTO)")) {
+    have.at(size_t(r[0])) = r[1];
+    sum += r[1];
     ++accounts;
-  });
-  sqlite3_close(db);
+  }
   EXPECT_EQ(accounts, kAccounts);
   EXPECT_EQ(sum, (long long)kAccounts * kStart);
   EXPECT_EQ(have, expect) << "a balance differs from its transfers";
@@ -178,7 +208,7 @@ class Transfers : public ::testing::Test {
 protected:
   void SetUp() override {
     if (faults::tavrind_program().empty()) GTEST_SKIP() << "tavrind has not been built";
-    ASSERT_TRUE(srv.start({}));
+    ASSERT_TRUE(srv.start({})) << srv.why() << srv.log_text();
     ASSERT_TRUE(setup(srv.ns()));
     record = srv.data_dir() + "/../transfers.txt";
   }
@@ -195,7 +225,7 @@ protected:
     EXPECT_EQ(faults::reap(victim, 5s), -1);
     for (pid_t w : workers)
       EXPECT_EQ(faults::reap(w, std::chrono::milliseconds(n * 400 + 20000)), 0);
-    check_data(srv.data_dir(), record);
+    check_data(srv, record);
   }
 
   // Clients run transfers until the server is killed with SIGKILL after
@@ -209,11 +239,11 @@ protected:
     srv.kill_hard();
     for (pid_t w : workers) faults::reap(w, 10s);
     ASSERT_TRUE(srv.restart());
-    int before = check_data(srv.data_dir(), record);
+    int before = check_data(srv, record);
     // The restarted server serves and changes the data again.
     pid_t w = start_worker(srv.ns(), round * 20 + 15, 20, record);
     EXPECT_EQ(faults::reap(w, 20s), 0);
-    EXPECT_GT(check_data(srv.data_dir(), record), before);
+    EXPECT_GT(check_data(srv, record), before);
   }
 
   faults::Server srv;
@@ -237,6 +267,28 @@ TEST_F(Transfers, LoadLongEightClients) {
 TEST_F(Transfers, LoadLongServerKilled) {
   if (!long_runs()) GTEST_SKIP() << "long load run: set ZENTIQ_LOAD=1";
   for (int round = 0; round < 3; ++round) kill_server(4s, round);
+}
+
+// Two servers on one PostgreSQL database (the postgres pass only): clients
+// of both cross their transfers; the sum and every commit hold.
+class PgStoreTransfers : public Transfers {
+protected:
+  void SetUp() override {
+    if (!pgcluster::postgres_store())
+      GTEST_SKIP() << "two servers share a database only on the PostgreSQL store";
+    Transfers::SetUp();
+  }
+};
+
+TEST_F(PgStoreTransfers, TwoServersOnOneDatabaseKeepTheSum) {
+  faults::Server other;
+  other.store = srv.store;
+  ASSERT_TRUE(other.start({})) << other.log_text();
+  std::vector<pid_t> workers;
+  for (int w = 0; w < 8; ++w)
+    workers.push_back(start_worker(w % 2 ? other.ns() : srv.ns(), w + 1, 40, record));
+  for (pid_t w : workers) EXPECT_EQ(faults::reap(w, 60s), 0);
+  check_data(srv, record);
 }
 
 } // namespace

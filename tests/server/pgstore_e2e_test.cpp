@@ -1,0 +1,182 @@
+// The PostgreSQL store between the two stores, end to end through the real
+// client: a SQLite data folder imported with --import-sqlite reads the same
+// on the PostgreSQL store (and is not imported twice), and a database saved
+// on the PostgreSQL store opens in the SQLite store with the same rows. They
+// run in the postgres pass only (ZENTIQ_TEST_STORE=postgres), on its cluster.
+#include <gtest/gtest.h>
+
+#include <spawn.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+
+#include "base/msg.h"
+#include "db/client/connect.h"
+#include "db/client/transport.h"
+#include "tests/server/faults_server.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Texts = std::vector<std::string>;
+
+// Rows of one statement on `c`, values joined by '|'; a refusal as its text,
+// nothing for a change.
+Texts rows(DBCONN *c, const std::string &sql) {
+  DBRESULT *r = DBexec(c, sql.c_str());
+  Texts out;
+  int st = DBresult_status(r);
+  for (int i = 0; st == DBRES_TUPLES && i < DBntuples(r); ++i) {
+    std::string row;
+    for (int k = 0; k < DBnfields(r); ++k) row += (k ? "|" : "") + std::string(DBgetvalue(r, i, k));
+    out.push_back(row);
+  }
+  if (st == DBRES_ERROR || st == DBRES_SYNTAX) out.push_back(sql + ": " + DBresult_error(r));
+  DBclear(r);
+  return out;
+}
+
+// Everything a client reads of database `db` on the server of namespace ns:
+// its tables with their columns, its indices and every table's rows (sorted:
+// neither store promises an order without ORDER BY).
+Texts read_all(const std::string &ns, const std::string &db) {
+  setenv("TAVRIN_NAMESPACE", ns.c_str(), 1);
+  std::string name = db;
+  DBCONN *c = DBconnect(name.data());
+  Texts all;
+  if (DBstatus(c) != DBCONN_OK) {
+    all.push_back("no connection: " + std::string(DBerrormessage(c)));
+  } else {
+    Texts tables = rows(c, "SHOW TABLES");
+    all = tables;
+    for (const std::string &t : tables) {
+      std::string table = t.substr(0, t.find('|'));
+      for (const std::string &line : rows(c, "SHOW TABLE " + table)) all.push_back(table + ": " + line);
+      Texts data = rows(c, "SELECT * FROM " + table);
+      std::sort(data.begin(), data.end());
+      for (const std::string &line : data) all.push_back(table + "= " + line);
+    }
+    for (const std::string &line : rows(c, "SHOW INDICES")) all.push_back(line);
+    DBfinish(c);
+  }
+  DBconn_free(c);
+  DBcomm_close();
+  return all;
+}
+
+// Runs tavrind once with `args` (after the program's name), its output in
+// `log`; its exit status, or -1 when it did not end within a minute.
+int run_tavrind(const std::vector<std::string> &args, const std::string &log) {
+  std::vector<std::string> all = {faults::tavrind_program()};
+  all.insert(all.end(), args.begin(), args.end());
+  std::vector<char *> argv;
+  for (auto &a : all) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_addopen(&fa, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+  posix_spawn_file_actions_adddup2(&fa, 1, 2);
+  pid_t pid = -1;
+  int rc = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&fa);
+  return rc == 0 ? faults::reap(pid, 60s) : -1;
+}
+
+std::string text_of(const std::string &path) {
+  std::ifstream in(path);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+class PgStore : public ::testing::Test {
+protected:
+  void SetUp() override {
+    if (!pgcluster::postgres_store())
+      GTEST_SKIP() << "PostgreSQL store tests run in the postgres pass (ctest -L postgres)";
+    if (faults::tavrind_program().empty()) GTEST_SKIP() << "tavrind has not been built";
+    msg_set_handler([](const char *) {});
+    std::string why;
+    cluster = pgcluster::shared(why);
+    ASSERT_TRUE(cluster) << why;
+    char tmpl[] = "/tmp/zentiq_pgstore_XXXXXX";
+    ASSERT_TRUE(mkdtemp(tmpl));
+    dir = tmpl;
+  }
+  void TearDown() override {
+    if (!dir.empty()) fs::remove_all(dir);
+  }
+  pgcluster::Cluster *cluster = nullptr;
+  std::string dir;
+};
+
+TEST_F(PgStore, ImportedDemoFolderReadsTheSameAndASecondImportIsRefused) {
+  faults::Server lite;
+  lite.sqlite = true;
+  ASSERT_TRUE(lite.start({})) << lite.log_text();
+  Texts demo = read_all(lite.ns(), "DEMO"), tdsys = read_all(lite.ns(), "TDSYS");
+  ASSERT_GT(demo.size(), 10u) << demo[0];
+  ASSERT_EQ(lite.terminate(10s), 0);
+
+  std::string why, db = cluster->new_database(why);
+  ASSERT_FALSE(db.empty()) << why;
+  std::vector<std::string> import = {"--postgres", db, "--import-sqlite", lite.data_dir()};
+  std::string log = dir + "/import.log";
+  ASSERT_EQ(run_tavrind(import, log), 0) << text_of(log);
+  // Every table of both databases was counted and checked.
+  EXPECT_NE(text_of(log).find("DEMO."), std::string::npos) << text_of(log);
+  EXPECT_NE(text_of(log).find("TDSYS."), std::string::npos) << text_of(log);
+  size_t before = text_of(log).size();
+  EXPECT_NE(run_tavrind(import, log), 0) << "a second import over the same schemas";
+  EXPECT_GT(text_of(log).size(), before) << "the refusal says why";
+
+  faults::Server pg;
+  pg.store = db;
+  ASSERT_TRUE(pg.start({})) << pg.log_text();
+  EXPECT_EQ(read_all(pg.ns(), "DEMO"), demo);
+  EXPECT_EQ(read_all(pg.ns(), "TDSYS"), tdsys);
+}
+
+TEST_F(PgStore, SavedDatabaseOpensInTheSqliteStoreWithTheSameRows) {
+  faults::Server pg;
+  ASSERT_TRUE(pg.start({})) << pg.why() << pg.log_text();
+  setenv("TAVRIN_NAMESPACE", pg.ns().c_str(), 1);
+  char name[] = "DEMO";
+  DBCONN *c = DBconnect(name);
+  ASSERT_EQ(DBstatus(c), DBCONN_OK) << DBerrormessage(c);
+  // Values that a copy between the stores could bend: quotes, a backslash,
+  // Latin-1 letters, a tab, trailing blanks, extreme numbers, null markers,
+  // binary zero bytes.
+  for (const char *sql :
+       {"CREATE TABLE WERT (WERT_ID INTEGER NOT NULL, S SMALLINT, I INTEGER, F FLOAT, D DATE, "
+        "Z TIME, TS TIMESTAMP, B BINARY(8), C CHARACTER(12))",
+        "CREATE UNIQUE INDEX WERT_I ON WERT (WERT_ID)",
+        "INSERT INTO WERT VALUES (1, 32767, 2147483647, 1.5e15, '2800-12-31', '23:59:59', "
+        "'2800-12-31-23.59.59.999999', '$00$FF$24$41$00$00', 'a''b\\\\c\xE4\xDF\t  ')",
+        "INSERT INTO WERT VALUES (2, -32767, -2147483648, -2.25, '1800-01-02', '00:00:01', "
+        "'1800-01-01-00.00.00.000001', '$$', '')",
+        "INSERT INTO WERT (WERT_ID, S, I, F, D, Z, TS, B) VALUES (3, '', '', '', '', '', '', '')",
+        "SAVE DATABASE"})
+    ASSERT_EQ(rows(c, sql), Texts{}) << sql;
+  DBfinish(c);
+  DBconn_free(c);
+  DBcomm_close();
+  Texts saved = read_all(pg.ns(), "DEMO");
+  ASSERT_EQ(pg.terminate(10s), 0);
+  std::string copy;
+  for (auto &e : fs::directory_iterator(pg.data_dir() + "/backup"))
+    if (e.path().filename().string().rfind("DEMO_", 0) == 0) copy = e.path();
+  ASSERT_FALSE(copy.empty()) << "no DEMO_*.db in the backup folder";
+
+  // The saved file in place of a SQLite data folder's DEMO.
+  faults::Server lite;
+  lite.sqlite = true;
+  ASSERT_TRUE(lite.start({})) << lite.log_text();
+  ASSERT_EQ(lite.terminate(10s), 0);
+  for (const char *ext : {"", "-wal", "-shm"}) fs::remove(lite.data_dir() + "/DEMO.db" + ext);
+  fs::copy_file(copy, lite.data_dir() + "/DEMO.db");
+  ASSERT_TRUE(lite.restart()) << lite.log_text();
+  EXPECT_EQ(read_all(lite.ns(), "DEMO"), saved);
+}
+
+} // namespace
