@@ -126,8 +126,6 @@ TEST_F(Place, CloseHandlerAndMisuse) {
   EXPECT_EQ(form_->atclose, refuse);
   EXPECT_FATAL("\\(myfl_set_form_name\\) Form-name is missing!\n",
                myfl_set_form_name(form_, 1, nullptr));
-  EXPECT_FATAL("\\(myfl_set_form_atclose\\) Form-information not defined\n",
-               myfl_set_form_atclose(nullptr, refuse, nullptr));
 }
 
 } // namespace
