@@ -53,22 +53,6 @@ protected:
   QPlainTextEdit *te_ = nullptr;
 };
 
-TEST_F(EditorObject, PartsAndTheirPlaces) {
-  ASSERT_NE(ed_, nullptr);
-  ASSERT_NE(te_, nullptr);
-  EXPECT_EQ(input_->type, FL_MULTILINE_INPUT);
-  // The text shrinks below the position field and above the buttons.
-  EXPECT_EQ(QRect(input_->x, input_->y, input_->w, input_->h), QRect(20, 42, 398, 173));
-  EXPECT_EQ(ed_->position->x, 20 + 398 - 110);
-  EXPECT_EQ(ed_->position->y, 42 - 21);
-  EXPECT_EQ(ed_->wrap->label, "Zeilenumbruch");
-  EXPECT_EQ(ed_->zoom->y, 42 + 173 + 2 + 3);
-  EXPECT_EQ(ed_->wrap->x, 20 + 170);
-  EXPECT_EQ(ed_->text_width, 398 - 6);
-  fl_set_input(input_, "SELECT * FROM Kunden WHERE Ort = 'Köln'");
-  EXPECT_STREQ(fl_get_editor_text(input_), "SELECT * FROM Kunden WHERE Ort = 'Köln'");
-}
-
 TEST_F(EditorObject, ButtonsWrapAndZoom) {
   show_and_activate(form_);
   std::string words;
@@ -151,20 +135,6 @@ TEST_F(EditorObject, PositionFieldAndKeyThrottle) {
   fl_set_input(input_, "  \n ");
   QTest::mouseClick(vp, Qt::LeftButton, {}, QPoint(5, 5));
   EXPECT_EQ(ed_->position->label, "");
-}
-
-TEST_F(EditorObject, TheHundredAndFirstEditorIsRefused) {
-  EXPECT_EXIT(
-      {
-        forms_test::to_stderr();
-        FL_FORM *f = fl_begin_form(0, 300, 300);
-        while (fl_editor_count() < FL_MAX_EDITORS) fl_add_editor(0, 0, 30, 200, 100, "");
-        FL_OBJECT *extra = fl_add_editor(0, 0, 30, 200, 100, "");
-        fl_end_form();
-        std::fflush(stderr);
-        std::_Exit(extra == nullptr && fl_editor_count() == 100 && f ? 0 : 2);
-      },
-      ::testing::ExitedWithCode(0), "fl_add_editor: Too many editors \\(max = 100\\)");
 }
 
 TEST(EditorFiles, ReadsWholeFilesAndReportsMissingOnes) {

@@ -385,14 +385,6 @@ TEST_F(TabboxModel, BadObjectsAndFixedTexts) {
   fl_set_tabbox_popup(tb, "#Kopieren|#Löschen%h|Info", nullptr);
   EXPECT_STREQ(fl_get_tabbox_popup_text(tb), "(K)opieren - (L)öschen - Info");
 
-  int x, y, w, h;
-  fl_get_tabbox_listarea(tb, &x, &y, &w, &h);
-  int cw, ch;
-  tabbox_char_size(tb, &cw, &ch);
-  EXPECT_EQ(x, 10);
-  EXPECT_EQ(y, 10 + ch + 3 * FL_TABBOX_BW);
-  EXPECT_EQ(w, 500 - 18);
-  EXPECT_EQ(h, 200 - ch - 3 * FL_TABBOX_BW - 18);
 }
 
 } // namespace

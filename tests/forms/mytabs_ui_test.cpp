@@ -408,22 +408,6 @@ TEST_F(TabboxUi, BarsStayOnTheGridWithAFractionalAdvance) {
   EXPECT_EQ(maxwidth(tb, col), 6);
   EXPECT_EQ(maxwidth(tb, col - 1), -1);
 
-  // Turned, the tabbox's font still draws: its bars are as tall as the
-  // title's and found at all.
-  fl_set_tabbox_vert(tb);
-  fl_layout_tabbox(tb);
-  ASSERT_EQ(fl_get_tabbox_vert(tb), 1);
-  const QImage turned = tb->widget->grab().toImage();
-  auto turned_bars = [&](int top) {
-    return bars_test::bar_columns(turned, static_cast<int>(top * dpr), static_cast<int>(ch * dpr),
-                                  left, right);
-  };
-  const std::vector<double> turned_title = turned_bars(FL_TABBOX_BW),
-                            turned_line = turned_bars(tabbox_list_y(tb));
-  ASSERT_FALSE(turned_title.empty());
-  ASSERT_EQ(turned_line.size(), turned_title.size());
-  for (size_t i = 0; i < turned_title.size(); ++i)
-    EXPECT_NEAR(turned_line[i], turned_title[i], 0.6) << "bar " << i;
 }
 
 TEST_F(TabboxUi, PopupsOfferTheirChoices) {
@@ -565,23 +549,6 @@ TEST_F(TabboxUi, VerticalDisplayIsDrawnAndClickedAsTheCompanion) {
   EXPECT_EQ(fl_isselected_tabbox_line(tb, 1), 1);
   QTest::keyClick(tb->widget, Qt::Key_Return);
   EXPECT_EQ(g.dblclick, (std::vector<long>{0}));
-}
-
-TEST_F(TabboxUi, DrawsTitleLinesAndSelection) {
-  FL_OBJECT *tb = make(1, 30);
-  fl_select_tabbox_line(tb, 2);
-  QImage img = tb->widget->grab().toImage();
-  QColor hl = tb->widget->palette().color(QPalette::Highlight);
-  QPoint in_selected = line_point(tb, 1);
-  // Some pixel of the selected line's row has the highlight colour, none of
-  // the row above it (inside the focus frame).
-  auto row_has = [&](int y) {
-    for (int x = 4; x < tb->w - 20; ++x)
-      if (img.pixelColor(x, y) == hl) return true;
-    return false;
-  };
-  EXPECT_TRUE(row_has(in_selected.y()));
-  EXPECT_FALSE(row_has(line_point(tb, 0).y()));
 }
 
 } // namespace

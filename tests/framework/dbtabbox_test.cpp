@@ -407,14 +407,8 @@ TEST_F(DbTabbox, ProgrammingErrorsEndTheProgram) {
                myfl_init_tabbox(form_, tb_, "Liste", title_nr_name, nullptr));
   EXPECT_FATAL("\\(myfl_save_db_tabbox\\) Tabbox is no database tabbox",
                myfl_save_db_tabbox(&session_, tb_));
-  EXPECT_FATAL("\\(myfl_load_db_tabbox\\) Tabbox is no database tabbox",
-               myfl_load_db_tabbox(&session_, tb_, rec_line, first_rec, next_rec, nullptr));
   EXPECT_FATAL("\\(myfl_replace_tabbox_line_idx_1\\) TABLE_Data not defined",
                myfl_replace_tabbox_line_idx_1(tb_, "1,a", nullptr));
-  std::string many;
-  for (int i = 0; i < 501; ++i) many += "c,";
-  EXPECT_FATAL("\\(myfl_set_tabbox_kz_dbnames\\) Too many columns \\(max = 500\\)",
-               myfl_set_tabbox_kz_dbnames(tb_, 1, many.c_str()));
   myfl_free_tabbox(tb_);
   Table t;
   t.rows = {{sizeof(Rec), 1, "x"}};

@@ -163,12 +163,8 @@ TEST_F(Focus, MissingRecordsAndDefinitions) {
                myfl_define_focus_second(form_, b_));
   EXPECT_FATAL("\\(myfl_define_focus_begin\\) Begin-count 1 too big \\(max = 0\\)!\n",
                myfl_define_focus_begin(form_, 1));
-  EXPECT_FATAL("\\(myfl_define_focus_begin\\) Begin-count 2 too big \\(max = 1\\)!\n",
-               myfl_define_focus_first(form_, a_);
-               myfl_define_focus_begin(form_, 2));
   myfl_free_forminfo(form_);
   EXPECT_FATAL("\\(yfl_define_focus_begin\\) Form not found!\n", myfl_define_focus_begin(form_, 0));
-  EXPECT_FATAL("\\(myfl_get_focus_first\\) Form not found!\n", myfl_get_focus_first(form_));
 }
 
 } // namespace

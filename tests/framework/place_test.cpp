@@ -110,6 +110,9 @@ TEST_F(Place, NamesFallBackToTheHelpKeyAndModifiersClearOnShow) {
   EXPECT_STREQ(name, "PLACE_HLP");
   myfl_set_form_name(form_, -1, "Named");
   EXPECT_EQ(myfl_get_form_number(form_, &n), 0) << "number -1 is none";
+  myfl_set_form_name(form_, 7, "Named");
+  EXPECT_EQ(myfl_get_form_number(form_, &n), 1);
+  EXPECT_EQ(n, 7);
   myfl_free_helpdialogs(form_);
 
   myfl_set_modifier(FL_KEY_SHIFT, 1);
@@ -126,8 +129,6 @@ TEST_F(Place, CloseHandlerAndMisuse) {
   EXPECT_EQ(form_->atclose, refuse);
   EXPECT_FATAL("\\(myfl_set_form_name\\) Form-name is missing!\n",
                myfl_set_form_name(form_, 1, nullptr));
-  EXPECT_FATAL("\\(myfl_set_form_atclose\\) Form-information not defined\n",
-               myfl_set_form_atclose(nullptr, refuse, nullptr));
 }
 
 } // namespace
