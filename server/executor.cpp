@@ -1426,6 +1426,7 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
     bool blocked = false;
   } arm(ch, budget, overrun);
   bool block = ch.in_transaction();
+  bool was_pending = st.pending_begin;
   try {
     return execute(c, q);
   } catch (const Interrupted &) {
@@ -1474,6 +1475,10 @@ int exec_request(Session &ch, const unsigned char *req, size_t len,
     if (ch.ex.log) log_line(ch, "error: " + e.text);
     return refused(q, answer, e.text);
   } catch (const WouldBlock &) {
+    // A store that opens a transaction together with its first statement
+    // ends it again when that statement waits: the block's BEGIN is pending
+    // once more, and the request is retried as it was.
+    if (was_pending && !store_txn(st)) st.pending_begin = true;
     arm.blocked = true;
     answer.clear();
     if (ch.ex.verbose) log_line(ch, "waits for a lock");

@@ -82,6 +82,7 @@ struct CancelFree {
 
 const char *const MARKER = "TAVRIN$DB";
 const char *const STATIC_PREFIX = "_static_";
+const char *const BEGIN_SQL = "BEGIN ISOLATION LEVEL REPEATABLE READ";
 // Prepared statements kept per connection.
 constexpr size_t STMT_CACHE = 64;
 // How long one wait for a result lasts before the check function is asked.
@@ -280,7 +281,10 @@ class PgConn final : public StoreConn {
 public:
   PgConn(PgStore &store, std::string name, ConnPtr c, StoreCheck check, void *arg)
       : store_(store), name_(std::move(name)), c_(std::move(c)), cancel_(PQgetCancel(c_.get())),
-        check_(check), arg_(arg), key_(lock_key(name_)) {}
+        check_(check), arg_(arg), key_(lock_key(name_)),
+        lock_sql_("UPDATE " + quote(name_) + "." + quote(MARKER) +
+                  " SET n = n + 1 / pg_try_advisory_xact_lock(" + std::to_string(key_) +
+                  ")::int RETURNING n") {}
 
   ~PgConn() override { note_unlocked(); }
 
@@ -350,30 +354,29 @@ public:
     return snapshot_ ? STORE_TXN_READ : STORE_TXN_NONE;
   }
   // A transaction that writes at once takes the lock in the same round
-  // trip as its BEGIN.
+  // trip as its first statement: BEGIN and the lock are put in front of
+  // that statement's pipeline (run(), stream_start()), so that the lock is
+  // held one round trip less. Until then nothing has been sent.
   void begin(bool write, bool single = false) override {
-    const char *sql = "BEGIN ISOLATION LEVEL REPEATABLE READ";
     single_ = single;
     if (!write) {
-      run_simple(sql);
+      run_simple(BEGIN_SQL);
       in_txn_ = true;
       snapshot_ = locked_ = false;
       return;
     }
     // Held by another channel of this server: refused without asking.
     if (held_elsewhere()) throw WouldBlock{};
-    try {
-      if (!take_lock(std::string(sql) + "; ")) {
-        end_txn("ROLLBACK");
-        throw WouldBlock{};
-      }
-    } catch (const ExecError &) {
-      end_txn("ROLLBACK");
-      throw;
-    }
+    in_txn_ = true;
+    snapshot_ = locked_ = false;
+    opening_ = true;
   }
   void commit() override {
     if (!in_txn_) return;
+    if (opening_) { // nothing was sent: there is nothing to commit
+      in_txn_ = snapshot_ = locked_ = single_ = opening_ = false;
+      return;
+    }
     // A failed COMMIT ends the transaction in PostgreSQL all the same.
     in_txn_ = snapshot_ = locked_ = single_ = false;
     struct Unlock {
@@ -388,7 +391,9 @@ public:
   }
   // Every statement inside a transaction has a savepoint of its own (run()),
   // so a change needs only the lock, and a failed one is undone already.
+  // A lock still to be taken with the opening goes with the statement.
   void statement_begin() override {
+    if (opening_) return;
     if (!locked_ && (held_elsewhere() || !take_lock())) throw WouldBlock{};
   }
   void statement_undo() override {}
@@ -460,6 +465,7 @@ public:
   // Runs sql without parameters (one or more statements) and waits for it.
   // Returns the last result. Throws.
   Result run_simple(const std::string &sql) {
+    if (opening_) open_now();
     revive();
     if (!PQsendQuery(c_.get(), sql.c_str())) failed_send();
     return wait();
@@ -529,8 +535,9 @@ private:
   void note_lock(bool held);
 
   void end_txn(const char *sql) {
-    in_txn_ = snapshot_ = locked_ = in_statement_ = single_ = false;
-    if (!lost_) {
+    bool sent = !opening_;
+    in_txn_ = snapshot_ = locked_ = in_statement_ = single_ = opening_ = false;
+    if (!lost_ && sent) {
       try {
         run_simple(sql);
       } catch (const ExecError &) {
@@ -589,6 +596,17 @@ private:
   Result run(const std::function<int(PGconn *)> &send);
   // Throws what a failed result means.
   [[noreturn]] void raise(PGresult *r);
+  // Opens the pending writing transaction on its own round trip (for
+  // statements that cannot take it in their pipeline). Throws WouldBlock
+  // (the transaction is gone) when another transaction holds the lock.
+  void open_now();
+  // Queues BEGIN and the lock in the pipeline; false when libpq refused.
+  bool send_opening(PGconn *c);
+  // Reads the results of BEGIN and the lock, then settles them: the lock is
+  // held, or (lock busy, failure, lost connection) the rest of the pipeline
+  // is read, the pipeline left, the transaction rolled back, and WouldBlock
+  // or the failure thrown.
+  void read_opening(bool &cancelled);
 
   PgStore &store_;
   std::string name_;
@@ -597,9 +615,17 @@ private:
   StoreCheck check_;
   void *arg_;
   int64_t key_;
+  // Takes the write lock with the update of the marker row, for a
+  // transaction that has just begun in the same pipeline. A lock held by
+  // another transaction makes it fail with a division by zero (22012), which
+  // aborts the statements behind it in the pipeline.
+  std::string lock_sql_;
   bool lost_ = false;
   bool in_txn_ = false, snapshot_ = false, locked_ = false, in_statement_ = false;
   bool single_ = false; // the open transaction is one change's own
+  // A writing transaction is open but nothing of it has been sent: BEGIN
+  // and the lock go with its first statement.
+  bool opening_ = false;
   int version_ = 0;
   // The statement waited for has no effects: a stop asked for while it ran
   // stops the request even when it was done before the cancel came.
@@ -829,38 +855,111 @@ Result PgConn::wait(bool pipeline, int want) {
 Result PgConn::run(const std::function<int(PGconn *)> &send) {
   revive();
   PGconn *c = c_.get();
+  bool open = opening_;
+  bool guard = in_txn_ && !single_;
   if (in_txn_) snapshot_ = true;
-  if (!in_txn_ || single_) {
+  if (!open && !guard) {
     if (!send(c)) failed_send();
     return wait();
   }
   // Inside a transaction every statement is guarded by a savepoint, sent
   // with it in one pipeline (one round trip): a failed or stopped
   // statement is undone alone and the transaction goes on, as in SQLite.
+  // A transaction's first statement carries its BEGIN and lock in front.
   auto simple = [&](const char *sql) {
     return PQsendQueryParams(c, sql, 0, nullptr, nullptr, nullptr, nullptr, 0);
   };
   if (!PQenterPipelineMode(c)) failed_send();
-  if (!(simple("SAVEPOINT tavrin_q") && send(c) && simple("RELEASE tavrin_q") &&
-        PQpipelineSync(c))) {
+  if (!((!open || send_opening(c)) && (!guard || simple("SAVEPOINT tavrin_q")) && send(c) &&
+        (!guard || simple("RELEASE tavrin_q")) && PQpipelineSync(c))) {
     PQexitPipelineMode(c);
+    if (open) {
+      opening_ = false;
+      end_txn("ROLLBACK");
+    }
     failed_send();
   }
   in_statement_ = true;
+  if (open) {
+    bool cancelled = false;
+    read_opening(cancelled);
+  }
   try {
-    Result r = wait(true, 1);
+    Result r = wait(true, guard ? 1 : 0);
     in_statement_ = false;
     PQexitPipelineMode(c);
     return r;
   } catch (...) {
     in_statement_ = false;
     PQexitPipelineMode(c);
-    if (!lost_ && in_aborted_txn()) {
+    // Unguarded (a change's own transaction): its caller rolls back.
+    if (guard && !lost_ && in_aborted_txn()) {
       Result undo(PQexec(c, "ROLLBACK TO tavrin_q; RELEASE tavrin_q"));
       if (PQresultStatus(undo.get()) != PGRES_COMMAND_OK) end_txn("ROLLBACK");
     }
     throw;
   }
+}
+
+void PgConn::open_now() {
+  opening_ = false;
+  in_txn_ = false; // take_lock opens it with the BEGIN in front
+  try {
+    if (!take_lock(std::string(BEGIN_SQL) + "; ")) {
+      end_txn("ROLLBACK");
+      throw WouldBlock{};
+    }
+  } catch (const ExecError &) {
+    end_txn("ROLLBACK");
+    throw;
+  }
+}
+
+bool PgConn::send_opening(PGconn *c) {
+  return PQsendQueryParams(c, BEGIN_SQL, 0, nullptr, nullptr, nullptr, nullptr, 0) &&
+         PQsendQueryParams(c, lock_sql_.c_str(), 0, nullptr, nullptr, nullptr, nullptr, 0);
+}
+
+void PgConn::read_opening(bool &cancelled) {
+  PGconn *c = c_.get();
+  Result failed;
+  int rows = 0, command = 0;
+  while (command < 2 && PQstatus(c) != CONNECTION_BAD) {
+    pump(cancelled);
+    Result r(PQgetResult(c));
+    if (!r) {
+      ++command;
+      continue;
+    }
+    ExecStatusType st = PQresultStatus(r.get());
+    if (st == PGRES_FATAL_ERROR || st == PGRES_BAD_RESPONSE) {
+      if (!failed) failed = std::move(r);
+    } else if (command == 1 && st == PGRES_TUPLES_OK) {
+      rows = PQntuples(r.get());
+    }
+  }
+  opening_ = false;
+  if (!failed && rows == 1 && PQstatus(c) != CONNECTION_BAD) {
+    locked_ = snapshot_ = true;
+    note_lock(true);
+    return;
+  }
+  // The rest of the pipeline was skipped by PostgreSQL: read up to its end.
+  while (PQstatus(c) != CONNECTION_BAD) {
+    pump(cancelled);
+    Result r(PQgetResult(c));
+    if (r && PQresultStatus(r.get()) == PGRES_PIPELINE_SYNC) break;
+  }
+  PQexitPipelineMode(c);
+  in_statement_ = streaming_ = false;
+  last_read_ = std::chrono::steady_clock::now();
+  if (PQstatus(c) == CONNECTION_BAD || (failed && connection_gone(c, failed.get())))
+    lost_error(failed ? PQresultErrorMessage(failed.get()) : PQerrorMessage(c));
+  end_txn("ROLLBACK");
+  const char *state = failed ? PQresultErrorField(failed.get(), PG_DIAG_SQLSTATE) : nullptr;
+  if (!failed || (state && strcmp(state, "22012") == 0)) throw WouldBlock{};
+  if (cancelled && state && strcmp(state, "57014") == 0) throw Interrupted{};
+  raise(failed.get());
 }
 
 void PgConn::raise(PGresult *r) {
@@ -1029,6 +1128,9 @@ void PgConn::stream_start(const std::string &sql, const std::vector<SqlValue> &p
   Params p(params);
   const std::string &name = prepared(sql, p);
   PGconn *c = c_.get();
+  // A change's own transaction reads without a savepoint or pipeline.
+  if (opening_ && single_) open_now();
+  bool open = opening_;
   if (in_txn_) snapshot_ = true;
   stream_pipeline_ = in_txn_ && !single_;
   stream_cancelled_ = false;
@@ -1044,13 +1146,18 @@ void PgConn::stream_start(const std::string &sql, const std::vector<SqlValue> &p
       return PQsendQueryParams(c, text, 0, nullptr, nullptr, nullptr, nullptr, 0);
     };
     if (!PQenterPipelineMode(c)) failed_send();
-    if (!(simple("SAVEPOINT tavrin_q") && query() && simple("RELEASE tavrin_q") &&
-          PQpipelineSync(c))) {
+    if (!((!open || send_opening(c)) && simple("SAVEPOINT tavrin_q") && query() &&
+          simple("RELEASE tavrin_q") && PQpipelineSync(c))) {
       PQexitPipelineMode(c);
+      if (open) {
+        opening_ = false;
+        end_txn("ROLLBACK");
+      }
       failed_send();
     }
     in_statement_ = true;
     streaming_ = true;
+    if (open) read_opening(stream_cancelled_);
     // The savepoint's result and the end of its results.
     for (int k = 0; k < 2; ++k) {
       pump(stream_cancelled_);
