@@ -1269,8 +1269,9 @@ int execute(Ctx &c, const Request &q) {
   if (st.conn->lost()) {
     // The store's server went away under the previous request (which was
     // told so): this request runs on a new connection.
+    // The lost connection stays until a new one is open, so that a request
+    // while the store is still away fails alike and the next tries again.
     std::string name = ch.database;
-    close_database(ch, false);
     switch_database(ch, name, false);
   }
   bool writes = q.kind == ReqKind::CreateTable || q.kind == ReqKind::DropTable ||

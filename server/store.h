@@ -204,8 +204,9 @@ public:
   // Creates what a first start creates: TDSYS and, with demo, DEMO (a later
   // start leaves the databases as they are). Returns 1, or 0 with err set.
   virtual int init(bool demo, std::string &err) = 0;
+  // Does database name exist? Throws ExecError when the store cannot tell.
   virtual bool exists(const std::string &name) = 0;
-  // The names of all databases, sorted.
+  // The names of all databases, sorted. Throws as exists does.
   virtual std::vector<std::string> list() = 0;
   // Opens database name (with create: a new empty one, which must not
   // exist). check is called with arg while statements run. Returns the

@@ -53,9 +53,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <mutex>
+#include <map>
 #include <set>
 #include <unordered_map>
 
@@ -83,6 +86,9 @@ const char *const STATIC_PREFIX = "_static_";
 constexpr size_t STMT_CACHE = 64;
 // How long one wait for a result lasts before the check function is asked.
 constexpr int POLL_MS = 2;
+// A connection that has read nothing for this long is asked for
+// notifications and for a closed socket before its next statement.
+constexpr std::chrono::milliseconds IDLE_READ{5};
 
 std::string upper(std::string s) {
   for (char &c : s)
@@ -232,13 +238,23 @@ ConnPtr connect(const std::string &conninfo, const std::string &application, std
   return c;
 }
 
+// Does a failed result say that the connection is gone (the server shuts
+// down or crashed, the backend was terminated)?
+bool connection_gone(PGconn *c, const PGresult *r) {
+  if (PQstatus(c) == CONNECTION_BAD) return true;
+  // Errors that libpq makes itself (a closed socket) carry no SQLSTATE.
+  const char *state = r ? PQresultErrorField(r, PG_DIAG_SQLSTATE) : nullptr;
+  return !state || strncmp(state, "57P", 3) == 0 || strncmp(state, "08", 2) == 0;
+}
+
 // Runs sql (one or more statements, no parameters) and waits for all its
 // results; the first failure's text into err. For the store's own work on
 // the administrative connection.
 int admin_exec(PGconn *c, const std::string &sql, std::string &err,
-               std::vector<Result> *results = nullptr) {
+               std::vector<Result> *results = nullptr, bool *gone = nullptr) {
   if (!PQsendQuery(c, sql.c_str())) {
     err = PQerrorMessage(c);
+    if (gone) *gone = true;
     return 0;
   }
   int ok = 1;
@@ -249,9 +265,12 @@ int admin_exec(PGconn *c, const std::string &sql, std::string &err,
       err = PQresultErrorMessage(r);
       while (!err.empty() && err.back() == '\n') err.pop_back();
       ok = 0;
+      if (gone && connection_gone(c, r)) *gone = true;
     }
     if (results) results->push_back(std::move(res));
   }
+  // libpq notices a closed connection while it collects the results.
+  if (!ok && gone && PQstatus(c) == CONNECTION_BAD) *gone = true;
   return ok;
 }
 
@@ -262,6 +281,8 @@ public:
   PgConn(PgStore &store, std::string name, ConnPtr c, StoreCheck check, void *arg)
       : store_(store), name_(std::move(name)), c_(std::move(c)), cancel_(PQgetCancel(c_.get())),
         check_(check), arg_(arg), key_(lock_key(name_)) {}
+
+  ~PgConn() override { note_unlocked(); }
 
   // Sets the connection up for database name: search path, LISTEN.
   void start() {
@@ -306,12 +327,16 @@ public:
   // --- schema: a DDL statement of any connection notifies tavrin_schema;
   // the version counts the notifications seen and this connection's own
   // DDL (seen at once, before its commit).
+  // Input is read for notifications only when the connection has not read
+  // any for a moment: a statement that just ended has read everything the
+  // server sent before its results, so back-to-back statements cost no
+  // further system call.
   int schema_version() override {
-    if (!lost_ && PQconsumeInput(c_.get())) {
-      while (PGnotify *n = PQnotifies(c_.get())) {
-        if (name_ == n->extra) ++version_;
-        PQfreemem(n);
-      }
+    if (!lost_ && std::chrono::steady_clock::now() - last_read_ > IDLE_READ)
+      consume();
+    while (PGnotify *n = PQnotifies(c_.get())) {
+      if (name_ == n->extra) ++version_;
+      PQfreemem(n);
     }
     return version_;
   }
@@ -335,6 +360,8 @@ public:
       snapshot_ = locked_ = false;
       return;
     }
+    // Held by another channel of this server: refused without asking.
+    if (held_elsewhere()) throw WouldBlock{};
     try {
       if (!take_lock(std::string(sql) + "; ")) {
         end_txn("ROLLBACK");
@@ -349,36 +376,46 @@ public:
     if (!in_txn_) return;
     // A failed COMMIT ends the transaction in PostgreSQL all the same.
     in_txn_ = snapshot_ = locked_ = single_ = false;
+    struct Unlock {
+      PgConn &c;
+      ~Unlock() { c.note_unlocked(); }
+    } unlock{*this};
     run_simple("COMMIT");
   }
   void rollback() override {
     if (!in_txn_) return;
     end_txn("ROLLBACK");
   }
+  // Every statement inside a transaction has a savepoint of its own (run()),
+  // so a change needs only the lock, and a failed one is undone already.
   void statement_begin() override {
-    if (!locked_ && !take_lock()) throw WouldBlock{};
-    run_simple("SAVEPOINT tavrin_stmt");
-    in_statement_ = true;
+    if (!locked_ && (held_elsewhere() || !take_lock())) throw WouldBlock{};
   }
-  void statement_undo() override {
-    in_statement_ = false;
-    if (lost_ || !in_txn_) return;
-    try {
-      run_simple("ROLLBACK TO tavrin_stmt; RELEASE tavrin_stmt");
-    } catch (...) {
-      end_txn("ROLLBACK");
-    }
-  }
-  void statement_keep() override {
-    in_statement_ = false;
-    run_simple("RELEASE tavrin_stmt");
-  }
+  void statement_undo() override {}
+  void statement_keep() override {}
 
   // --- statements
   void exec(const std::string &sql, const std::string &unique_error = "") override {
     unique_error_ = unique_error;
     try {
-      run_simple(sql + "; NOTIFY tavrin_schema, " + literal(name_));
+      std::string all = sql + "; NOTIFY tavrin_schema, " + literal(name_);
+      if (in_txn_ && !single_) {
+        // A savepoint of its own, as run() gives every other statement.
+        in_statement_ = true;
+        try {
+          run_simple("SAVEPOINT tavrin_q; " + all + "; RELEASE tavrin_q");
+        } catch (...) {
+          in_statement_ = false;
+          if (!lost_ && in_aborted_txn()) {
+            Result undo(PQexec(c_.get(), "ROLLBACK TO tavrin_q; RELEASE tavrin_q"));
+            if (PQresultStatus(undo.get()) != PGRES_COMMAND_OK) end_txn("ROLLBACK");
+          }
+          throw;
+        }
+        in_statement_ = false;
+      } else {
+        run_simple(all);
+      }
     } catch (...) {
       unique_error_.clear();
       throw;
@@ -424,7 +461,7 @@ public:
   // Runs sql without parameters (one or more statements) and waits for it.
   // Returns the last result. Throws.
   Result run_simple(const std::string &sql) {
-    if (lost_) lost_error("");
+    revive();
     if (!PQsendQuery(c_.get(), sql.c_str())) failed_send();
     return wait();
   }
@@ -434,6 +471,11 @@ public:
   Result run_params(const std::string &sql, const std::vector<SqlValue> &params);
 
   PGconn *raw() const { return c_.get(); }
+  // Reads what the server sent meanwhile (notifications, a closed socket).
+  int consume() {
+    last_read_ = std::chrono::steady_clock::now();
+    return PQconsumeInput(c_.get());
+  }
   int next_cursor() { return ++cursors_; }
   bool in_aborted_txn() const { return in_txn_ && PQtransactionStatus(c_.get()) == PQTRANS_INERROR; }
 
@@ -452,11 +494,16 @@ private:
     rows_of_ = prefix.empty() ? 1 : 2;
     last_rows_ = 0;
     if (!prefix.empty()) in_txn_ = true;
+    // Guarded by its own savepoint: a failure does not end the transaction.
+    bool was_in_statement = in_statement_;
+    in_statement_ = true;
     try {
       run_simple(prefix + "SAVEPOINT tavrin_lock; UPDATE " + marker +
                  " SET n = n + 1 WHERE pg_try_advisory_xact_lock(" + std::to_string(key_) +
                  ") RETURNING n; RELEASE tavrin_lock");
+      in_statement_ = was_in_statement;
     } catch (...) {
+      in_statement_ = was_in_statement;
       rows_of_ = -1;
       if (!lost_ && in_aborted_txn()) {
         Result undo(PQexec(c_.get(), "ROLLBACK TO tavrin_lock; RELEASE tavrin_lock"));
@@ -468,17 +515,42 @@ private:
     snapshot_ = true;
     if (last_rows_ <= 0) return false;
     locked_ = true;
+    note_lock(true);
     return true;
   }
+  // The lock (if this connection held it) is no longer held.
+  void note_unlocked() { note_lock(false); }
+  bool held_elsewhere();
+  void note_lock(bool held);
 
   void end_txn(const char *sql) {
     in_txn_ = snapshot_ = locked_ = in_statement_ = single_ = false;
-    if (lost_) return;
-    try {
-      run_simple(sql);
-    } catch (const ExecError &) {
-    } catch (const Interrupted &) {
+    if (!lost_) {
+      try {
+        run_simple(sql);
+      } catch (const ExecError &) {
+      } catch (const Interrupted &) {
+      }
     }
+    note_unlocked();
+  }
+
+  // Before a statement: a connection that the server closed while it was
+  // idle outside a transaction (a restart of PostgreSQL, a terminated
+  // backend) is made anew, as nothing of it is lost; inside a transaction
+  // (or when that fails) the statement fails with error 516.
+  void revive() {
+    if (lost_) lost_error("");
+    if (in_txn_ || PQisBusy(c_.get())) return;
+    // Only a connection idle for a moment is asked (a system call).
+    if (std::chrono::steady_clock::now() - last_read_ <= IDLE_READ) return;
+    if (consume() && PQstatus(c_.get()) == CONNECTION_OK) return;
+    PQreset(c_.get());
+    if (PQstatus(c_.get()) != CONNECTION_OK) lost_error(PQerrorMessage(c_.get()));
+    cancel_.reset(PQgetCancel(c_.get()));
+    prepared_.clear();
+    ++version_; // the schema may have changed meanwhile
+    run_simple("SET search_path = " + quote(name_) + "; LISTEN tavrin_schema");
   }
 
   [[noreturn]] void failed_send() {
@@ -488,8 +560,9 @@ private:
   [[noreturn]] void lost_error(const std::string &why) {
     lost_ = true;
     in_txn_ = snapshot_ = locked_ = in_statement_ = false;
+    note_unlocked(); // PostgreSQL ends the transaction, and its lock, with the connection
     std::string w = why.empty() ? std::string(PQerrorMessage(c_.get())) : why;
-    while (!w.empty() && (w.back() == '\n' || w.back() == ' ')) w.pop_back();
+    w = w.substr(0, w.find('\n')); // libpq's first line says what happened
     if (w.empty()) w = "PostgreSQL";
     throw ExecError{answer_errtext(Err::VERBINDUNG_VERLOREN, {utf8_to_latin1(w)})};
   }
@@ -497,7 +570,10 @@ private:
   // Waits for the results of what was sent, asking the check function
   // between short polls; a stop is sent as a cancel request. Returns the
   // last result; throws the first failure.
-  Result wait();
+  Result wait(bool pipeline = false, int want = -1);
+  // Sends a statement with send and waits for it; inside a transaction
+  // guarded by a savepoint (see there). Throws.
+  Result run(const std::function<int(PGconn *)> &send);
   // Throws what a failed result means.
   [[noreturn]] void raise(PGresult *r);
 
@@ -512,6 +588,11 @@ private:
   bool in_txn_ = false, snapshot_ = false, locked_ = false, in_statement_ = false;
   bool single_ = false; // the open transaction is one change's own
   int version_ = 0;
+  // The statement waited for has no effects: a stop asked for while it ran
+  // stops the request even when it was done before the cancel came.
+  bool stop_after_success_ = false;
+  // When the connection last read from the server.
+  std::chrono::steady_clock::time_point last_read_{};
   int cursors_ = 0;
   int rows_of_ = -1;  // the index of the result whose row count last_rows_ takes
   int last_rows_ = 0;
@@ -527,19 +608,19 @@ public:
       : cat_(cat), conninfo_(std::move(conninfo)), admin_(std::move(admin)) {}
 
   int init(bool demo, std::string &err) override;
+  // Both throw error 516 when the cluster cannot be reached.
   bool exists(const std::string &name) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    std::string err;
-    return admin_ok(err) && marker_exists(name);
+    admin_or_throw();
+    return marker_exists(name);
   }
   std::vector<std::string> list() override {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<std::string> names;
     std::string err;
     std::vector<Result> rs;
-    if (!admin_ok(err) ||
-        !admin_exec(admin_.get(),
-                    "SELECT n.nspname FROM pg_namespace n JOIN pg_class c ON c.relnamespace = "
+    admin_or_throw();
+    if (!admin_run("SELECT n.nspname FROM pg_namespace n JOIN pg_class c ON c.relnamespace = "
                     "n.oid WHERE c.relname = " +
                         literal(MARKER) + " AND c.relkind = 'r' ORDER BY 1",
                     err, &rs))
@@ -555,15 +636,13 @@ public:
                                   std::string &err) override;
   int drop(const std::string &name, std::string &err) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!admin_ok(err)) return 0;
     if (!marker_exists(name)) {
       err = "keine TAVRIN-Datenbank";
       return 0;
     }
-    return admin_exec(admin_.get(),
-                      "DROP SCHEMA " + quote(name) + " CASCADE; NOTIFY tavrin_schema, " +
-                          literal(name),
-                      err);
+    return admin_run("DROP SCHEMA " + quote(name) + " CASCADE; NOTIFY tavrin_schema, " +
+                         literal(name),
+                     err);
   }
   bool commit_waits() const override { return true; }
   std::string where() const override {
@@ -573,6 +652,23 @@ public:
   }
 
   const std::string &conninfo() const { return conninfo_; }
+
+  // Which connection of this server holds the write lock of a key (as far
+  // as the connections have noted it): a statement of another one would be
+  // refused by PostgreSQL, so it is refused without the round trip.
+  bool lock_held_elsewhere(int64_t key, const void *conn) {
+    std::lock_guard<std::mutex> lock(holders_mutex_);
+    auto it = holders_.find(key);
+    return it != holders_.end() && it->second != conn;
+  }
+  void note_lock(int64_t key, const void *conn, bool held) {
+    std::lock_guard<std::mutex> lock(holders_mutex_);
+    auto it = holders_.find(key);
+    if (held)
+      holders_[key] = conn;
+    else if (it != holders_.end() && it->second == conn)
+      holders_.erase(it);
+  }
   // Who holds the advisory lock key (for error 509): the application name,
   // host and backend of the holding session; "" when none does.
   std::string lock_holder_text(int64_t key);
@@ -619,16 +715,38 @@ private:
     err = PQerrorMessage(admin_.get());
     return false;
   }
+  void admin_or_throw() {
+    std::string err;
+    if (!admin_ok(err)) lost(err);
+  }
+  [[noreturn]] static void lost(const std::string &err) {
+    throw ExecError{answer_errtext(Err::VERBINDUNG_VERLOREN,
+                                   {utf8_to_latin1(err.substr(0, err.find('\n')))})};
+  }
+  // Runs sql on the administrative connection; a connection that turns out
+  // to be gone (PostgreSQL restarted) is made anew and sql tried once more.
+  // Returns 1, or 0 with err set for a failing statement; throws error 516
+  // when the cluster cannot be reached. Called with mutex_ held.
+  int admin_run(const std::string &sql, std::string &err, std::vector<Result> *rs = nullptr) {
+    for (int attempt = 0;; ++attempt) {
+      if (rs) rs->clear();
+      bool gone = false;
+      if (admin_exec(admin_.get(), sql, err, rs, &gone)) return 1;
+      if (!gone) return 0;
+      if (attempt > 0) lost(err);
+      PQreset(admin_.get());
+      if (PQstatus(admin_.get()) != CONNECTION_OK) lost(PQerrorMessage(admin_.get()));
+    }
+  }
   bool marker_exists(const std::string &name) {
     if (!catalog_valid_name(name)) return false;
     std::vector<Result> rs;
     std::string err;
-    return admin_exec(admin_.get(),
-                      "SELECT 1 FROM pg_namespace n JOIN pg_class c ON c.relnamespace = n.oid "
+    return admin_run("SELECT 1 FROM pg_namespace n JOIN pg_class c ON c.relnamespace = n.oid "
                       "WHERE n.nspname = " +
-                          literal(name) + " AND c.relname = " + literal(MARKER) +
-                          " AND c.relkind = 'r'",
-                      err, &rs) &&
+                         literal(name) + " AND c.relname = " + literal(MARKER) +
+                         " AND c.relkind = 'r'",
+                     err, &rs) &&
            PQntuples(rs.back().get()) > 0;
   }
 
@@ -637,54 +755,95 @@ private:
   mutable std::mutex mutex_; // guards admin_ and markers_ready_
   ConnPtr admin_;
   std::set<std::string> markers_ready_;
+  std::mutex holders_mutex_;
+  std::map<int64_t, const void *> holders_;
 };
 
 // --- running statements ------------------------------------------------------
 
-Result PgConn::wait() {
+Result PgConn::wait(bool pipeline, int want) {
   PGconn *c = c_.get();
   bool cancelled = false;
-  while (PQisBusy(c)) {
-    pollfd p{PQsocket(c), POLLIN, 0};
-    int n = poll(&p, 1, POLL_MS);
-    if (n > 0 && !PQconsumeInput(c)) break;
-    if (n < 0 && errno != EINTR) break;
-    if (!cancelled && check_ && check_(arg_)) {
-      char buf[256];
-      PQcancel(cancel_.get(), buf, sizeof buf);
-      cancelled = true;
-    }
-  }
   Result last, failed;
-  int index = 0;
-  while (PGresult *r = PQgetResult(c)) {
+  int index = 0, command = 0;
+  for (;;) {
+    while (PQisBusy(c) && PQstatus(c) != CONNECTION_BAD) {
+      pollfd p{PQsocket(c), POLLIN, 0};
+      int n = poll(&p, 1, POLL_MS);
+      if (n > 0 && !PQconsumeInput(c)) break;
+      if (n < 0 && errno != EINTR) break;
+      if (!cancelled && check_ && check_(arg_)) {
+        char buf[256];
+        PQcancel(cancel_.get(), buf, sizeof buf);
+        cancelled = true;
+      }
+    }
+    PGresult *r = PQgetResult(c);
+    if (!r) {
+      last_read_ = std::chrono::steady_clock::now();
+      // In a pipeline a null ends one command's results; the sync ends all.
+      if (!pipeline || PQstatus(c) == CONNECTION_BAD) break;
+      ++command;
+      continue;
+    }
     Result res(r);
     ExecStatusType st = PQresultStatus(r);
+    if (st == PGRES_PIPELINE_SYNC) break;
     if (st == PGRES_FATAL_ERROR || st == PGRES_NONFATAL_ERROR || st == PGRES_BAD_RESPONSE) {
       if (!failed) failed = std::move(res);
-    } else {
+    } else if (st != PGRES_PIPELINE_ABORTED) {
       if (index == rows_of_) last_rows_ = st == PGRES_TUPLES_OK ? PQntuples(r) : 0;
-      last = std::move(res);
+      if (!pipeline || command == want) last = std::move(res);
     }
     ++index;
     if (PQstatus(c) == CONNECTION_BAD) break;
   }
-  if (PQstatus(c) == CONNECTION_BAD)
+  if (PQstatus(c) == CONNECTION_BAD || (failed && connection_gone(c, failed.get())))
     lost_error(failed ? PQresultErrorMessage(failed.get()) : PQerrorMessage(c));
   if (failed) {
-    if (cancelled) {
-      const char *state = PQresultErrorField(failed.get(), PG_DIAG_SQLSTATE);
-      if (state && strcmp(state, "57014") == 0) {
-        // A query of a transaction that failed took the transaction with
-        // it (no savepoint guards queries).
-        if (in_txn_ && !in_statement_ && !single_ && in_aborted_txn()) end_txn("ROLLBACK");
-        throw Interrupted{};
-      }
-    }
+    const char *state = PQresultErrorField(failed.get(), PG_DIAG_SQLSTATE);
+    if (cancelled && state && strcmp(state, "57014") == 0) throw Interrupted{};
     raise(failed.get());
   }
-  if (cancelled && !last) throw Interrupted{};
+  if (cancelled && (!last || stop_after_success_)) throw Interrupted{};
   return last;
+}
+
+Result PgConn::run(const std::function<int(PGconn *)> &send) {
+  revive();
+  PGconn *c = c_.get();
+  if (in_txn_) snapshot_ = true;
+  if (!in_txn_ || single_) {
+    if (!send(c)) failed_send();
+    return wait();
+  }
+  // Inside a transaction every statement is guarded by a savepoint, sent
+  // with it in one pipeline (one round trip): a failed or stopped
+  // statement is undone alone and the transaction goes on, as in SQLite.
+  auto simple = [&](const char *sql) {
+    return PQsendQueryParams(c, sql, 0, nullptr, nullptr, nullptr, nullptr, 0);
+  };
+  if (!PQenterPipelineMode(c)) failed_send();
+  if (!(simple("SAVEPOINT tavrin_q") && send(c) && simple("RELEASE tavrin_q") &&
+        PQpipelineSync(c))) {
+    PQexitPipelineMode(c);
+    failed_send();
+  }
+  in_statement_ = true;
+  try {
+    Result r = wait(true, 1);
+    in_statement_ = false;
+    PQexitPipelineMode(c);
+    return r;
+  } catch (...) {
+    in_statement_ = false;
+    PQexitPipelineMode(c);
+    if (!lost_ && in_aborted_txn()) {
+      Result undo(PQexec(c, "ROLLBACK TO tavrin_q; RELEASE tavrin_q"));
+      if (PQresultStatus(undo.get()) != PGRES_COMMAND_OK) end_txn("ROLLBACK");
+    }
+    throw;
+  }
 }
 
 void PgConn::raise(PGresult *r) {
@@ -796,7 +955,7 @@ std::string numbered(const std::string &sql) {
 }
 
 Result PgConn::run_prepared(const std::string &sql, const std::vector<SqlValue> &params) {
-  if (lost_) lost_error("");
+  revive();
   Params p(params);
   std::string cache_key = p.signature + '\x01' + sql;
   auto it = prepared_.find(cache_key);
@@ -807,28 +966,36 @@ Result PgConn::run_prepared(const std::string &sql, const std::vector<SqlValue> 
     }
     std::string name = "t" + std::to_string(++statement_names_);
     std::string text = numbered(sql);
-    if (!PQsendPrepare(c_.get(), name.c_str(), text.c_str(), static_cast<int>(p.types.size()),
-                       p.types.data()))
-      failed_send();
-    wait();
+    // A stop asked for while the statement is prepared stops it before it
+    // runs (the preparing itself changes nothing).
+    stop_after_success_ = true;
+    try {
+      run([&](PGconn *c) {
+        return PQsendPrepare(c, name.c_str(), text.c_str(), static_cast<int>(p.types.size()),
+                             p.types.data());
+      });
+    } catch (...) {
+      stop_after_success_ = false;
+      throw;
+    }
+    stop_after_success_ = false;
     it = prepared_.emplace(cache_key, name).first;
   }
-  if (in_txn_) snapshot_ = true;
-  if (!PQsendQueryPrepared(c_.get(), it->second.c_str(), static_cast<int>(p.values.size()),
-                           p.values.data(), p.lengths.data(), p.formats.data(), 1))
-    failed_send();
-  return wait();
+  const std::string &name = it->second;
+  return run([&](PGconn *c) {
+    return PQsendQueryPrepared(c, name.c_str(), static_cast<int>(p.values.size()),
+                               p.values.data(), p.lengths.data(), p.formats.data(), 1);
+  });
 }
 
 Result PgConn::run_params(const std::string &sql, const std::vector<SqlValue> &params) {
-  if (lost_) lost_error("");
+  revive();
   Params p(params);
   std::string text = numbered(sql);
-  if (in_txn_) snapshot_ = true;
-  if (!PQsendQueryParams(c_.get(), text.c_str(), static_cast<int>(p.values.size()),
-                         p.types.data(), p.values.data(), p.lengths.data(), p.formats.data(), 1))
-    failed_send();
-  return wait();
+  return run([&](PGconn *c) {
+    return PQsendQueryParams(c, text.c_str(), static_cast<int>(p.values.size()), p.types.data(),
+                             p.values.data(), p.lengths.data(), p.formats.data(), 1);
+  });
 }
 
 // Appends rows [from, to) of a binary result.
@@ -989,6 +1156,9 @@ int PgConn::save(const std::string &path, std::string &err) {
   if (!c) return 0;
   return pgcopy_save_to_sqlite(c.get(), name_, path, err);
 }
+
+bool PgConn::held_elsewhere() { return store_.lock_held_elsewhere(key_, this); }
+void PgConn::note_lock(bool held) { store_.note_lock(key_, this, held); }
 
 std::string PgConn::foreign_lock_holder() { return store_.lock_holder_text(key_); }
 
