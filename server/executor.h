@@ -10,10 +10,12 @@
 // same request again later. Transport (shared memory, packets, parking
 // clients) is the caller's business; this module never blocks.
 //
-// Every statement can be stopped: a progress handler on each connection ends
-// the running statement when it has run longer than the statement timeout,
-// when the server is asked to stop, when its client process has ended or its
-// channel was closed, or when its client cancelled it.
+// Every statement can be stopped: the store asks a check function while it
+// runs (SQLite's progress handler, the PostgreSQL store's wait for results),
+// which ends the running statement when it has run longer than the
+// statement timeout, when the server is asked to stop, when its client
+// process has ended or its channel was closed, or when its client cancelled
+// it.
 //
 // Threads: a session is used by one thread at a time (the caller runs each
 // channel's requests in order), but different sessions run on different
@@ -79,7 +81,7 @@ constexpr size_t ANSWER_LIMIT_MAX = (size_t(1) << 31) - (size_t(1) << 20);
 
 struct SessionState;
 
-// The executor's state of one client (one protocol channel): its SQLite
+// The executor's state of one client (one protocol channel): its store
 // connection, open database, transaction, cursors and MAX setting.
 struct Session {
   Session(Executor &ex, int id);
@@ -117,8 +119,9 @@ enum ExecResult {
 //
 // With a budget and an overrun callback, a request still running after the
 // budget calls *overrun once, on this thread, from inside the running
-// statement (SQLite's progress handler; a request that does not step
-// SQLite's machine, such as a commit waiting for the disk, is not noticed),
+// statement (the store's check function; a request that does not step
+// SQLite's machine, such as a commit waiting for the disk, is not noticed;
+// the PostgreSQL store asks it while it waits for every result),
 // and then goes on: the caller lets its other work go on elsewhere
 // meanwhile. The callback must not use the session.
 int exec_request(Session &ch, const unsigned char *req, size_t len,

@@ -1,5 +1,6 @@
 // The request handler of tavrind: the executor behind the protocol server.
 #include "server/handler.h"
+#include "server/store.h"
 
 #include "server/answer.h"
 
@@ -125,7 +126,7 @@ void ExecHandler::start(ProtocolServer &srv, const std::shared_ptr<Chan> &chan,
   // A commit that syncs its changes to disk waits for the disk, which the
   // budget does not see: it gives the loop up at once, so that the others
   // (readers above all) go on meanwhile.
-  if (len > 0 && req[0] == DBREQ_COMMIT && ex_.catalog.sync_full && holds_write_lock(chan->ch))
+  if (len > 0 && req[0] == DBREQ_COMMIT && ex_.store->commit_waits() && holds_write_lock(chan->ch))
     overrun();
   int r = exec_request(chan->ch, req, len, answer, BUDGET, detached ? nullptr : &overrun);
   if (!detached) {

@@ -216,8 +216,10 @@ public:
                                           std::string &err) = 0;
   // Removes the database. Returns 1, or 0 with err set.
   virtual int drop(const std::string &name, std::string &err) = 0;
-  // Does a commit wait for the disk of this machine (the handler lets such
-  // a commit run without the loop at once)?
+  // Does a commit wait (for the disk of this machine) without the check
+  // function being asked meanwhile? The handler lets such a commit run
+  // without the loop at once; other waits give the loop up after its
+  // budget through the check function.
   virtual bool commit_waits() const = 0;
   // Where the store lives, for the log.
   virtual std::string where() const = 0;

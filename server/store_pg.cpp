@@ -455,7 +455,6 @@ public:
   }
   int save(const std::string &path, std::string &err) override;
   std::string foreign_lock_holder() override;
-  int64_t lock_key_of() const { return key_; }
   bool lost() const override { return lost_; }
 
   // Runs sql without parameters (one or more statements) and waits for it.
@@ -467,10 +466,16 @@ public:
   }
   // Runs sql with parameters, prepared once per text and parameter types.
   Result run_prepared(const std::string &sql, const std::vector<SqlValue> &params);
+  // Streams the rows of a query (prepared as run_prepared does), one
+  // result per row: stream_start sends it, stream_next gives the next row
+  // or null when they are over (having read what is left; throws as wait()
+  // does), stream_abandon cancels a stream not read to its end.
+  void stream_start(const std::string &sql, const std::vector<SqlValue> &params);
+  Result stream_next();
+  void stream_abandon();
   // Runs sql with parameters unprepared (a cursor's DECLARE).
   Result run_params(const std::string &sql, const std::vector<SqlValue> &params);
 
-  PGconn *raw() const { return c_.get(); }
   // Reads what the server sent meanwhile (notifications, a closed socket).
   int consume() {
     last_read_ = std::chrono::steady_clock::now();
@@ -571,6 +576,14 @@ private:
   // between short polls; a stop is sent as a cancel request. Returns the
   // last result; throws the first failure.
   Result wait(bool pipeline = false, int want = -1);
+  // Waits until a result can be read, asking the check function between
+  // short polls and sending a cancel when it asks to stop.
+  void pump(bool &cancelled);
+  // Reads what is left of a stream; throws what failed.
+  void stream_finish(Result failed);
+  // The name of the prepared statement of sql for these parameter types,
+  // prepared now when it is new.
+  const std::string &prepared(const std::string &sql, const struct Params &p);
   // Sends a statement with send and waits for it; inside a transaction
   // guarded by a savepoint (see there). Throws.
   Result run(const std::function<int(PGconn *)> &send);
@@ -591,6 +604,9 @@ private:
   // The statement waited for has no effects: a stop asked for while it ran
   // stops the request even when it was done before the cancel came.
   bool stop_after_success_ = false;
+  // A streamed query is being read (stream_start), in a pipeline with its
+  // savepoint; a cancel has been sent for it.
+  bool streaming_ = false, stream_pipeline_ = false, stream_cancelled_ = false;
   // When the connection last read from the server.
   std::chrono::steady_clock::time_point last_read_{};
   int cursors_ = 0;
@@ -644,7 +660,8 @@ public:
                          literal(name),
                      err);
   }
-  bool commit_waits() const override { return true; }
+  // A commit waits in the poll loop, which asks the check function.
+  bool commit_waits() const override { return false; }
   std::string where() const override {
     std::lock_guard<std::mutex> lock(mutex_);
     return std::string("PostgreSQL database ") + PQdb(admin_.get()) + " (" +
@@ -957,6 +974,14 @@ std::string numbered(const std::string &sql) {
 Result PgConn::run_prepared(const std::string &sql, const std::vector<SqlValue> &params) {
   revive();
   Params p(params);
+  const std::string &name = prepared(sql, p);
+  return run([&](PGconn *c) {
+    return PQsendQueryPrepared(c, name.c_str(), static_cast<int>(p.values.size()),
+                               p.values.data(), p.lengths.data(), p.formats.data(), 1);
+  });
+}
+
+const std::string &PgConn::prepared(const std::string &sql, const Params &p) {
   std::string cache_key = p.signature + '\x01' + sql;
   auto it = prepared_.find(cache_key);
   if (it == prepared_.end()) {
@@ -981,11 +1006,129 @@ Result PgConn::run_prepared(const std::string &sql, const std::vector<SqlValue> 
     stop_after_success_ = false;
     it = prepared_.emplace(cache_key, name).first;
   }
-  const std::string &name = it->second;
-  return run([&](PGconn *c) {
+  return it->second;
+}
+
+void PgConn::pump(bool &cancelled) {
+  PGconn *c = c_.get();
+  while (PQisBusy(c) && PQstatus(c) != CONNECTION_BAD) {
+    pollfd p{PQsocket(c), POLLIN, 0};
+    int n = poll(&p, 1, POLL_MS);
+    if (n > 0 && !PQconsumeInput(c)) break;
+    if (n < 0 && errno != EINTR) break;
+    if (!cancelled && check_ && check_(arg_)) {
+      char buf[256];
+      PQcancel(cancel_.get(), buf, sizeof buf);
+      cancelled = true;
+    }
+  }
+}
+
+void PgConn::stream_start(const std::string &sql, const std::vector<SqlValue> &params) {
+  revive();
+  Params p(params);
+  const std::string &name = prepared(sql, p);
+  PGconn *c = c_.get();
+  if (in_txn_) snapshot_ = true;
+  stream_pipeline_ = in_txn_ && !single_;
+  stream_cancelled_ = false;
+  auto query = [&] {
     return PQsendQueryPrepared(c, name.c_str(), static_cast<int>(p.values.size()),
                                p.values.data(), p.lengths.data(), p.formats.data(), 1);
-  });
+  };
+  if (!stream_pipeline_) {
+    if (!query()) failed_send();
+  } else {
+    // As run(): behind a savepoint, in one pipeline.
+    auto simple = [&](const char *text) {
+      return PQsendQueryParams(c, text, 0, nullptr, nullptr, nullptr, nullptr, 0);
+    };
+    if (!PQenterPipelineMode(c)) failed_send();
+    if (!(simple("SAVEPOINT tavrin_q") && query() && simple("RELEASE tavrin_q") &&
+          PQpipelineSync(c))) {
+      PQexitPipelineMode(c);
+      failed_send();
+    }
+    in_statement_ = true;
+    streaming_ = true;
+    // The savepoint's result and the end of its results.
+    for (int k = 0; k < 2; ++k) {
+      pump(stream_cancelled_);
+      Result r(PQgetResult(c));
+      if (r && PQresultStatus(r.get()) != PGRES_COMMAND_OK) {
+        stream_finish(std::move(r));
+        return;
+      }
+      if (!r) break;
+    }
+  }
+  streaming_ = true;
+  // The query's rows come one result each, as they arrive.
+  PQsetSingleRowMode(c);
+}
+
+Result PgConn::stream_next() {
+  PGconn *c = c_.get();
+  pump(stream_cancelled_);
+  Result r(PQgetResult(c));
+  // One row each; all rows in one result where single-row mode was not
+  // taken.
+  if (r && (PQresultStatus(r.get()) == PGRES_SINGLE_TUPLE ||
+            (PQresultStatus(r.get()) == PGRES_TUPLES_OK && PQntuples(r.get()) > 0)))
+    return r;
+  // The rows are over (a final result without rows), or the query failed.
+  ExecStatusType st = r ? PQresultStatus(r.get()) : PGRES_FATAL_ERROR;
+  stream_finish(st == PGRES_TUPLES_OK ? nullptr : std::move(r));
+  return nullptr;
+}
+
+void PgConn::stream_finish(Result failed) {
+  PGconn *c = c_.get();
+  // What is left: the end of the query's results, and in a pipeline the
+  // savepoint's release and the sync.
+  for (;;) {
+    pump(stream_cancelled_);
+    Result r(PQgetResult(c));
+    if (!r) {
+      if (!stream_pipeline_ || PQstatus(c) == CONNECTION_BAD) break;
+      continue;
+    }
+    ExecStatusType st = PQresultStatus(r.get());
+    if (st == PGRES_PIPELINE_SYNC) break;
+    if ((st == PGRES_FATAL_ERROR || st == PGRES_BAD_RESPONSE) && !failed) failed = std::move(r);
+  }
+  streaming_ = false;
+  if (stream_pipeline_) {
+    PQexitPipelineMode(c);
+    in_statement_ = false;
+  }
+  last_read_ = std::chrono::steady_clock::now();
+  if (PQstatus(c) == CONNECTION_BAD || (failed && connection_gone(c, failed.get())))
+    lost_error(failed ? PQresultErrorMessage(failed.get()) : PQerrorMessage(c));
+  if (!failed) return;
+  if (stream_pipeline_ && in_aborted_txn()) {
+    Result undo(PQexec(c, "ROLLBACK TO tavrin_q; RELEASE tavrin_q"));
+    if (PQresultStatus(undo.get()) != PGRES_COMMAND_OK) end_txn("ROLLBACK");
+  }
+  const char *state = PQresultErrorField(failed.get(), PG_DIAG_SQLSTATE);
+  if (stream_cancelled_ && state && strcmp(state, "57014") == 0) throw Interrupted{};
+  in_statement_ = stream_pipeline_; // a guarded query's failure has been undone
+  try {
+    raise(failed.get());
+  } catch (...) {
+    in_statement_ = false;
+    throw;
+  }
+}
+
+void PgConn::stream_abandon() {
+  if (!streaming_) return;
+  char buf[256];
+  PQcancel(cancel_.get(), buf, sizeof buf);
+  try {
+    stream_finish(nullptr);
+  } catch (...) {
+  }
 }
 
 Result PgConn::run_params(const std::string &sql, const std::vector<SqlValue> &params) {
@@ -1022,26 +1165,46 @@ class PgRows final : public StoreRows {
 public:
   PgRows(PgConn &c, std::string sql, std::vector<SqlValue> params)
       : c_(c), sql_(std::move(sql)), params_(std::move(params)) {}
+  // A query stopped before its end (MAX n, the answer limit, an error) is
+  // cancelled, so that PostgreSQL does not work on for rows nobody reads.
+  ~PgRows() override {
+    if (started_ && !done_) c_.stream_abandon();
+  }
   bool first() override {
-    r_ = c_.run_prepared(sql_, params_);
-    return r_ && PQntuples(r_.get()) > 0;
+    started_ = true;
+    c_.stream_start(sql_, params_);
+    pending_ = c_.stream_next();
+    done_ = !pending_;
+    return !done_;
   }
   bool append(std::vector<unsigned char> &out, const std::vector<AnswerColumn> &cols,
               int64_t limit, size_t max_bytes) override {
-    if (!r_) first();
-    int total = PQntuples(r_.get());
-    int end = limit == 0 || total - at_ <= limit ? total : at_ + static_cast<int>(limit);
-    append_result(r_.get(), at_, end, out, cols, max_bytes);
-    at_ = end;
-    return at_ < total;
+    if (!started_) first();
+    for (int64_t n = 0; limit == 0 || n < limit;) {
+      if (!pending_ || at_ >= PQntuples(pending_.get())) {
+        pending_ = done_ ? nullptr : c_.stream_next();
+        at_ = 0;
+        if (!pending_) {
+          done_ = true;
+          return false;
+        }
+      }
+      int rows = PQntuples(pending_.get()) - at_;
+      if (limit != 0 && rows > limit - n) rows = static_cast<int>(limit - n);
+      append_result(pending_.get(), at_, at_ + rows, out, cols, max_bytes);
+      at_ += rows;
+      n += rows;
+    }
+    return true;
   }
 
 private:
   PgConn &c_;
   std::string sql_;
   std::vector<SqlValue> params_;
-  Result r_;
-  int at_ = 0;
+  Result pending_; // the result (one row, or all) being read
+  int at_ = 0;      // its next row
+  bool started_ = false, done_ = false;
 };
 
 // The rows of a cursor: a PostgreSQL cursor WITH HOLD (it outlives the
@@ -1054,8 +1217,10 @@ public:
         name_("tavrin_c" + std::to_string(c.next_cursor())) {}
   ~PgCursor() override {
     if (!declared_ || c_.lost() || c_.in_aborted_txn()) return;
+    // Through run_params: inside a transaction behind a savepoint, so that
+    // a cursor gone with an earlier rollback does not end the transaction.
     try {
-      c_.run_simple("CLOSE " + name_);
+      c_.run_params("CLOSE " + name_, {});
     } catch (...) {
     }
   }
