@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Builds the test configuration (AddressSanitizer + UndefinedBehaviorSanitizer)
-# and runs every test with CTest. Exit status: CTest's.
+# and runs every test with CTest. Exit status: CTest's. The entries with the
+# label "postgres" run the end-to-end suites again with tavrind on the
+# PostgreSQL store (skipped where PostgreSQL is not installed).
 #   FUZZ=1 ./test.sh   also runs the 60-second fuzz targets (label "fuzz")
 #   LOAD=1 ./test.sh   also runs the long load tests (label "load")
 set -euo pipefail

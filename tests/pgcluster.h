@@ -14,13 +14,16 @@
 
 #include <libpq-fe.h>
 #include <pwd.h>
+#include <signal.h>
 #include <sys/types.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -94,6 +97,8 @@ public:
     dir_ = tmpl.data();
     owner_ = getpid();
     settings_ = settings;
+    // Who made it, for sweep_orphans() should this process be killed.
+    std::ofstream(dir_ + "/owner") << owner_ << "\n";
     if (geteuid() == 0) {
       struct passwd *pw = getpwnam("postgres");
       if (!pw || chown(dir_.c_str(), pw->pw_uid, pw->pw_gid) != 0) {
@@ -163,6 +168,24 @@ public:
 
   const std::string &dir() const { return dir_; }
 
+  // Stops and removes the clusters under `root` (name prefix zentiq_<tag>_)
+  // whose making process is gone: left behind by a test process that was
+  // killed (a timeout, a crash) before it could stop its cluster.
+  static void sweep_orphans(const std::string &root, const std::string &tag) {
+    std::error_code ec;
+    for (auto &e : std::filesystem::directory_iterator(root, ec)) {
+      std::string name = e.path().filename().string();
+      if (name.rfind("zentiq_" + tag + "_", 0) != 0) continue;
+      pid_t pid = 0;
+      std::ifstream(e.path() / "owner") >> pid;
+      if (pid <= 0 || kill(pid, 0) == 0 || errno != ESRCH) continue;
+      Cluster orphan;
+      orphan.dir_ = e.path().string();
+      orphan.owner_ = getpid();
+      orphan.stop();
+    }
+  }
+
 private:
   std::string dir_, settings_;
   pid_t owner_ = 0;
@@ -183,6 +206,7 @@ inline Cluster *shared(std::string &why) {
   static std::string failed;
   if (!cluster && failed.empty()) {
     auto c = std::make_unique<Cluster>();
+    Cluster::sweep_orphans("/tmp", "pgtest");
     if (c->start("/tmp", "pgtest", "-c fsync=off", failed))
       cluster = std::move(c);
     else if (failed.empty())

@@ -490,7 +490,7 @@ TEST_F(Locking, RunawayLeavesOthersServedAndCancelStopsItOrALockWait) {
   EXPECT_TRUE(is_error(r, "515")) << r;
   a.interrupt();
   r = a.answer(5s);
-  EXPECT_TRUE(is_error(r, "515")) << r;
+  EXPECT_TRUE(is_error(r, "515")) << r << srv.log_text();
   EXPECT_EQ(a.run("COMMIT"), kDone);
   EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("5"));
   EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 2"), tuples("100"));
