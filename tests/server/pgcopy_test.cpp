@@ -8,59 +8,19 @@
 #include "server/catalog.h"
 #include "server/pgcopy.h"
 #include "server/types.h"
+#include "tests/pgcluster.h"
 
 #include <libpq-fe.h>
-#include <pwd.h>
 #include <sqlite3.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace tavrind;
-
-const char *const kPgBin = "/usr/lib/postgresql/15/bin";
-
-// A temporary cluster on a Unix socket in its own folder, no TCP; run as the
-// postgres user when the tests run as root (initdb refuses root).
-struct Cluster {
-  std::string dir;
-  bool as_postgres = geteuid() == 0;
-
-  int run(const std::string &cmd) const {
-    std::string line =
-        (as_postgres ? "runuser -u postgres -- " : "") + cmd + " >>" + dir + "/setup.log 2>&1";
-    return std::system(line.c_str());
-  }
-  std::string start() {
-    char tmpl[] = "/tmp/zentiq_pgcopy_XXXXXX";
-    if (!mkdtemp(tmpl)) return "no temporary folder";
-    dir = tmpl;
-    if (as_postgres) {
-      struct passwd *pw = getpwnam("postgres");
-      if (!pw || chown(dir.c_str(), pw->pw_uid, pw->pw_gid) != 0) return "no postgres user";
-    }
-    std::string bin = kPgBin;
-    if (run(bin + "/initdb -D " + dir + "/data -A trust -U postgres -E UTF8 --no-sync") != 0)
-      return "initdb failed, see " + dir + "/setup.log";
-    if (run(bin + "/pg_ctl -D " + dir + "/data -l " + dir + "/pg.log -w -t 60 -o \"-k " + dir +
-            " -c listen_addresses='' -c fsync=off\" start") != 0)
-      return "pg_ctl start failed, see " + dir + "/pg.log";
-    return "";
-  }
-  void stop() {
-    if (dir.empty()) return;
-    if (fs::exists(dir + "/data/postmaster.pid"))
-      run(std::string(kPgBin) + "/pg_ctl -D " + dir + "/data -m fast -w -t 60 stop");
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-  }
-};
 
 sqlite3 *open_file(const std::string &path) {
   sqlite3 *db = nullptr;
@@ -143,36 +103,25 @@ std::vector<std::string> dump(const std::string &path) {
 
 class PgCopy : public ::testing::Test {
 protected:
-  static Cluster cluster;
-  static std::string skip_reason;
   PGconn *conn = nullptr;
   std::string folder;
 
-  static void SetUpTestSuite() {
-    if (!fs::exists(std::string(kPgBin) + "/initdb"))
-      skip_reason = std::string("PostgreSQL 15 is not installed (no ") + kPgBin + "/initdb)";
-    else
-      skip_reason = cluster.start();
-  }
-  static void TearDownTestSuite() { cluster.stop(); }
-
+  // A new database of the test process's cluster for each test.
   void SetUp() override {
-    if (!skip_reason.empty()) GTEST_SKIP() << skip_reason;
-    conn = PQconnectdb(("host=" + cluster.dir +
-                        " dbname=postgres user=postgres "
-                        "options='-c client_min_messages=warning'")
-                           .c_str());
+    std::string why;
+    if (!pgcluster::installed(why)) GTEST_SKIP() << why;
+    pgcluster::Cluster *cluster = pgcluster::shared(why);
+    ASSERT_TRUE(cluster) << why;
+    std::string conninfo = cluster->new_database(why);
+    ASSERT_FALSE(conninfo.empty()) << why;
+    conn = PQconnectdb((conninfo + " options='-c client_min_messages=warning'").c_str());
     ASSERT_EQ(PQstatus(conn), CONNECTION_OK) << PQerrorMessage(conn);
     char tmpl[] = "/tmp/zentiq_pgcopy_data_XXXXXX";
     ASSERT_TRUE(mkdtemp(tmpl));
     folder = tmpl;
   }
   void TearDown() override {
-    if (conn) {
-      PQclear(PQexec(conn, "DROP SCHEMA IF EXISTS \"TDSYS\", \"DEMO\", \"HOSTILE\", \"AAA\", "
-                           "\"BAD\" CASCADE"));
-      PQfinish(conn);
-    }
+    if (conn) PQfinish(conn);
     std::error_code ec;
     if (!folder.empty()) fs::remove_all(folder, ec);
   }
@@ -188,9 +137,6 @@ protected:
     return v;
   }
 };
-
-Cluster PgCopy::cluster;
-std::string PgCopy::skip_reason;
 
 // The hostile values: quotes, backslashes, umlauts (UTF-8 as stored), tabs and
 // newlines, empty text beside the null markers and real NULLs, the extremes
