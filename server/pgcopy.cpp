@@ -37,8 +37,10 @@ namespace tavrind {
 
 namespace {
 
-// Name of the marker table that makes a schema a TAVRIN database.
+// Name of the marker table that makes a schema a TAVRIN database. Tables
+// whose names start with "TAVRIN$" belong to the store, not to the database.
 const char *const MARKER_TABLE = "TAVRIN$DB";
+const char *const STORE_PREFIX = "TAVRIN$";
 // Triggers that make a table static in a SQLite file: _static_<TABLE>_i, _u,
 // _d, each raising "TAVRIN_STATIC <table>".
 const char *const STATIC_PREFIX = "_static_";
@@ -233,9 +235,8 @@ private:
 // columns take integers in the type's range, FLOAT takes numbers (integers
 // only where the double holds them exactly); texts and BINARY take the value's
 // bytes as SQLite renders them, which is what the SQLite store reads. Throws
-// CopyError naming where for a value the target type cannot hold, rather than
-// change it.
-Cell sqlite_cell(sqlite3_stmt *s, int col, ColType t, const std::string &where) {
+// CopyError for a value the target type cannot hold, rather than change it.
+Cell sqlite_cell(sqlite3_stmt *s, int col, ColType t) {
   Cell c;
   int kind = sqlite3_column_type(s, col);
   if (kind == SQLITE_NULL) return c;
@@ -243,7 +244,7 @@ Cell sqlite_cell(sqlite3_stmt *s, int col, ColType t, const std::string &where) 
     const unsigned char *txt = sqlite3_column_text(s, col);
     std::string shown = txt ? std::string(reinterpret_cast<const char *>(txt)) : std::string();
     if (shown.size() > 40) shown = shown.substr(0, 40) + "...";
-    throw CopyError{where + ": the value '" + shown + "' " + why};
+    throw CopyError{"the value '" + shown + "' " + why};
   };
   if (is_integer_type(t)) {
     if (kind != SQLITE_INTEGER) refuse("is not an integer");
@@ -396,6 +397,15 @@ Stmt sqlite_prepare(sqlite3 *db, const std::string &sql) {
   return Stmt(s);
 }
 
+// Steps s to its next row: true on a row, false when done; throws
+// CopyError on a failure, so that a damaged file never reads as a shorter one.
+bool sqlite_next(sqlite3 *db, sqlite3_stmt *s) {
+  int rc = sqlite3_step(s);
+  if (rc == SQLITE_ROW) return true;
+  if (rc != SQLITE_DONE) throw CopyError{std::string("SQLite: ") + sqlite3_errmsg(db)};
+  return false;
+}
+
 std::string column_text(sqlite3_stmt *s, int col) {
   const unsigned char *t = sqlite3_column_text(s, col);
   return t ? reinterpret_cast<const char *>(t) : "";
@@ -412,7 +422,7 @@ std::vector<Table> sqlite_layout(sqlite3 *db) {
   Stmt objects =
       sqlite_prepare(db, "SELECT type, name FROM sqlite_schema WHERE type IN ('table', 'trigger') "
                          "AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\' ORDER BY name");
-  while (sqlite3_step(objects.get()) == SQLITE_ROW) {
+  while (sqlite_next(db, objects.get())) {
     std::string type = column_text(objects.get(), 0), name = column_text(objects.get(), 1);
     if (type == "trigger") {
       triggers.push_back(name);
@@ -422,7 +432,7 @@ std::vector<Table> sqlite_layout(sqlite3 *db) {
     t.name = name;
     Stmt cols = sqlite_prepare(db, "SELECT name, type, \"notnull\" FROM pragma_table_info(?)");
     sqlite3_bind_text(cols.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
-    while (sqlite3_step(cols.get()) == SQLITE_ROW)
+    while (sqlite_next(db, cols.get()))
       t.cols.push_back({column_text(cols.get(), 0),
                         type_from_declaration(column_text(cols.get(), 1)),
                         sqlite3_column_int(cols.get(), 2) != 0});
@@ -432,7 +442,7 @@ std::vector<Table> sqlite_layout(sqlite3 *db) {
     sqlite3_bind_text(ixs.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
     std::string last;
     int constraints = 0;
-    while (sqlite3_step(ixs.get()) == SQLITE_ROW) {
+    while (sqlite_next(db, ixs.get())) {
       std::string iname = column_text(ixs.get(), 0), origin = column_text(ixs.get(), 2);
       if (sqlite3_column_type(ixs.get(), 3) == SQLITE_NULL || sqlite3_column_int(ixs.get(), 4))
         throw CopyError{name + ": the index " + iname +
@@ -478,10 +488,14 @@ void sqlite_read_table(sqlite3 *db, const std::string &dbname, const Table &t, T
   int64_t row = 0;
   while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
     ++row;
-    for (size_t k = 0; k < t.cols.size(); ++k)
-      cells[k] = sqlite_cell(s.get(), static_cast<int>(k), t.cols[k].type,
-                             dbname + "." + t.name + " row " + std::to_string(row) + " column " +
-                                 t.cols[k].name);
+    for (size_t k = 0; k < t.cols.size(); ++k) {
+      try {
+        cells[k] = sqlite_cell(s.get(), static_cast<int>(k), t.cols[k].type);
+      } catch (const CopyError &e) {
+        throw CopyError{dbname + "." + t.name + " row " + std::to_string(row) + " column " +
+                        t.cols[k].name + ": " + e.text};
+      }
+    }
     if (each_row) each_row(cells);
     for (const Cell &c : cells) sum.cell(c);
     sum.end_row();
@@ -676,7 +690,8 @@ void import_database(PGconn *conn, const std::string &name, const std::string &p
     check_identifier(name, t.name);
     for (const Column &c : t.cols) check_identifier(name + "." + t.name, c.name);
     for (const Index &ix : t.indexes) check_identifier(name + "." + t.name, ix.name);
-    if (t.name == MARKER_TABLE) throw CopyError{name + ": a table is named " + t.name};
+    if (t.name.rfind(STORE_PREFIX, 0) == 0)
+      throw CopyError{name + ": the table name " + t.name + " is kept for the PostgreSQL store"};
   }
 
   PgTransaction tx(conn, "BEGIN");
@@ -725,8 +740,8 @@ std::vector<Table> pg_layout(PGconn *conn, const std::string &name) {
       pg_exec(conn,
               "SELECT c.oid, c.relname FROM pg_class c JOIN pg_namespace n "
               "ON n.oid = c.relnamespace WHERE n.nspname = $1 AND c.relkind IN ('r', 'p') "
-              "AND c.relname <> $2 ORDER BY c.relname",
-              {name, MARKER_TABLE});
+              "AND NOT starts_with(c.relname, $2) ORDER BY c.relname",
+              {name, STORE_PREFIX});
   for (int k = 0; k < PQntuples(rels.get()); ++k) {
     std::string oid = PQgetvalue(rels.get(), k, 0);
     Table t;
@@ -835,6 +850,16 @@ void save_tables(PGconn *conn, const std::string &name, const std::vector<Table>
   }
 }
 
+// Syncs the file or folder path to disk; false when that fails (errno set).
+bool sync_path(const std::string &path, int flags) {
+  int fd = open(path.c_str(), flags | O_CLOEXEC);
+  bool ok = fd >= 0 && fsync(fd) == 0;
+  int e = errno;
+  if (fd >= 0) close(fd);
+  errno = e;
+  return ok;
+}
+
 } // namespace
 
 int pgcopy_import_sqlite(PGconn *conn, const std::string &dir, std::vector<std::string> &report,
@@ -902,10 +927,20 @@ int pgcopy_save_to_sqlite(PGconn *conn, const std::string &name, const std::stri
     sqlite_run(db.get(), "COMMIT; PRAGMA journal_mode=WAL");
     db.reset();
     tx.commit();
-    // link() refuses an existing target, unlike rename(): a file that
-    // appeared at path meanwhile is not replaced.
+    // The rows were written without syncs; the finished file is synced
+    // once, and so is its folder after the move, so a saved copy survives a
+    // power loss. link() refuses an existing target, unlike rename(): a file
+    // that appeared at path meanwhile is not replaced.
+    if (!sync_path(tmp, O_RDONLY)) throw CopyError{tmp + ": " + strerror(errno)};
     if (link(tmp.c_str(), path.c_str()) != 0) throw CopyError{path + ": " + strerror(errno)};
     unlink(tmp.c_str());
+    // The copy is complete at path now; a folder that cannot be synced
+    // leaves it there rather than fail the save.
+    size_t slash = path.rfind('/');
+    sync_path(slash == std::string::npos ? "."
+              : slash == 0               ? "/"
+                                         : path.substr(0, slash),
+              O_RDONLY | O_DIRECTORY);
   } catch (const CopyError &e) {
     if (made)
       for (const char *suffix : {"", "-wal", "-shm", "-journal"}) unlink((tmp + suffix).c_str());
