@@ -11,10 +11,12 @@
 // need no escaping, bytea keeps its zero bytes).
 //
 // The PostgreSQL layout is the PostgreSQL store's: database NAME is the schema
-// "NAME" holding the marker table "TAVRIN$DB"; a column's declared TAVRIN type
-// (CHARACTER(n), DATE, ...) is the column's comment; CHARACTER, DATE, TIME and
-// TIMESTAMP are text, SMALLINT smallint, INTEGER integer, FLOAT double
-// precision, BINARY bytea; NOT NULL and the null-marker defaults as in SQLite.
+// "NAME" holding the marker table "TAVRIN$DB" (one row); a column's declared
+// TAVRIN type (CHARACTER(n), DATE, ...) is the column's comment; CHARACTER,
+// DATE, TIME and TIMESTAMP are text with collation "C", SMALLINT smallint,
+// INTEGER integer, FLOAT double precision, BINARY bytea; NOT NULL and the
+// null-marker defaults as in SQLite; a static table has the same three
+// triggers as in SQLite, calling "TAVRIN$".refuse_static().
 #include "server/pgcopy.h"
 
 #include "server/catalog.h"
@@ -45,8 +47,6 @@ const char *const STORE_PREFIX = "TAVRIN$";
 // _d, each raising "TAVRIN_STATIC <table>".
 const char *const STATIC_PREFIX = "_static_";
 const char *const STATIC_MESSAGE = "TAVRIN_STATIC ";
-// The trigger function of static tables in a schema.
-const char *const STATIC_FUNCTION = "TAVRIN$STATIC";
 // PostgreSQL truncates longer identifiers, which would change a name.
 const size_t PG_MAX_IDENTIFIER = 63;
 // Rows per FETCH from a binary cursor, and bytes per COPY message.
@@ -126,16 +126,16 @@ std::string pg_column_declaration(ColType t, bool not_null) {
     d = "bytea", def = "'\\x'::bytea";
     break;
   case DBTYPE_DATE:
-    d = "text", def = "'1800-01-01'";
+    d = "text COLLATE \"C\"", def = "'1800-01-01'";
     break;
   case DBTYPE_TIME:
-    d = "text", def = "'00:00:00'";
+    d = "text COLLATE \"C\"", def = "'00:00:00'";
     break;
   case DBTYPE_TIMESTAMP:
-    d = "text", def = "'1800-01-01-00.00.00.000000'";
+    d = "text COLLATE \"C\"", def = "'1800-01-01-00.00.00.000000'";
     break;
   default:
-    d = "text", def = "''";
+    d = "text COLLATE \"C\"", def = "''";
     break;
   }
   return d + (not_null ? " NOT NULL" : "") + " DEFAULT " + def;
@@ -592,10 +592,13 @@ void check_identifier(const std::string &where, const std::string &name) {
                     std::to_string(PG_MAX_IDENTIFIER) + " bytes"};
 }
 
-// Creates schema name and its marker table.
+// Creates schema name with its marker table, which holds one row (the
+// PostgreSQL store counts it up in every transaction that writes).
 void pg_create_schema(PGconn *conn, const std::string &name) {
+  std::string marker = quote_ident(name) + "." + quote_ident(MARKER_TABLE);
   pg_exec(conn, "CREATE SCHEMA " + quote_ident(name));
-  pg_exec(conn, "CREATE TABLE " + quote_ident(name) + "." + quote_ident(MARKER_TABLE) + " ()");
+  pg_exec(conn, "CREATE TABLE " + marker + " (n bigint NOT NULL DEFAULT 0)");
+  pg_exec(conn, "INSERT INTO " + marker + " (n) VALUES (0)");
 }
 
 void pg_create_table(PGconn *conn, const std::string &schema, const Table &t) {
@@ -611,18 +614,24 @@ void pg_create_table(PGconn *conn, const std::string &schema, const Table &t) {
 }
 
 // Makes table t of schema static as the SQLite store's triggers do: every
-// row inserted, changed or deleted raises "TAVRIN_STATIC <table>". The
-// trigger function lives in the schema, so dropping the schema takes it along.
+// row inserted, changed or deleted raises "TAVRIN_STATIC <table>", through
+// the PostgreSQL store's trigger function "TAVRIN$".refuse_static(). A cluster
+// that no tavrind has served yet lacks that function; it is made here then,
+// as the store makes it (left alone when it exists).
 void pg_make_static(PGconn *conn, const std::string &schema, const Table &t) {
-  std::string fn = quote_ident(schema) + "." + quote_ident(STATIC_FUNCTION);
-  pg_exec(conn, "CREATE OR REPLACE FUNCTION " + fn +
-                    "() RETURNS trigger LANGUAGE plpgsql AS $$BEGIN RAISE EXCEPTION '" +
-                    STATIC_MESSAGE + "%', TG_TABLE_NAME; END$$");
+  Result fn = pg_exec(conn, "SELECT 1 FROM pg_proc p JOIN pg_namespace n ON n.oid = p.pronamespace "
+                            "WHERE n.nspname = 'TAVRIN$' AND p.proname = 'refuse_static'");
+  if (PQntuples(fn.get()) == 0) {
+    pg_exec(conn, "CREATE SCHEMA IF NOT EXISTS \"TAVRIN$\"");
+    pg_exec(conn, "CREATE FUNCTION \"TAVRIN$\".refuse_static() RETURNS trigger LANGUAGE plpgsql "
+                  "AS $f$ BEGIN RAISE EXCEPTION USING ERRCODE = 'TV306', MESSAGE = '" +
+                      std::string(STATIC_MESSAGE) + "' || TG_TABLE_NAME; END $f$");
+  }
   std::string base = static_trigger_base(t);
   for (const char *ev : {"_i INSERT", "_u UPDATE", "_d DELETE"})
     pg_exec(conn, "CREATE TRIGGER " + quote_ident(base + std::string(ev, 2)) + " BEFORE " +
                       (ev + 3) + " ON " + quote_ident(schema) + "." + quote_ident(t.name) +
-                      " FOR EACH ROW EXECUTE FUNCTION " + fn + "()");
+                      " FOR EACH ROW EXECUTE FUNCTION \"TAVRIN$\".refuse_static()");
 }
 
 void pg_create_indexes(PGconn *conn, const std::string &schema, const Table &t) {

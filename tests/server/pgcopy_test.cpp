@@ -216,7 +216,9 @@ TEST_F(PgCopy, ImportsAFolderVerifiedAndRefusesExistingSchemas) {
   EXPECT_EQ(query("SELECT count(*) FROM pg_tables WHERE schemaname = 'TDSYS' AND "
                   "tablename = 'TAVRIN$DB'"),
             "1");
-  // The unique index holds in the cluster as it held in the file.
+  // The unique index and the static table hold in the cluster as in the file.
+  EXPECT_NE(query("DELETE FROM \"HOSTILE\".\"FEST\" RETURNING 1").find("TAVRIN_STATIC FEST"),
+            std::string::npos);
   EXPECT_NE(query("INSERT INTO \"DEMO\".\"KUNDE\" (\"KUNDE_ID\", \"NAME\") VALUES (1, 'x') "
                   "RETURNING 1")
                 .find("duplicate key"),
