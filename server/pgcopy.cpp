@@ -29,8 +29,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -49,8 +49,11 @@ const char *const STATIC_PREFIX = "_static_";
 const char *const STATIC_MESSAGE = "TAVRIN_STATIC ";
 // PostgreSQL truncates longer identifiers, which would change a name.
 const size_t PG_MAX_IDENTIFIER = 63;
-// Rows per FETCH from a binary cursor, and bytes per COPY message.
+// Rows per FETCH from a binary cursor: at most FETCH_ROWS, fewer for wide
+// rows, so that one batch stays near FETCH_BYTES by the declared sizes.
+// Bytes per COPY message.
 const int FETCH_ROWS = 10000;
+const int64_t FETCH_BYTES = 32 << 20;
 const size_t COPY_CHUNK = 1 << 20;
 
 // PostgreSQL type oids of the values read back (the SELECTs cast to them).
@@ -361,10 +364,15 @@ void pg_read_table(PGconn *conn, const std::string &schema, const Table &t, Tabl
   std::string cols;
   for (const Column &c : t.cols)
     cols += (cols.empty() ? "" : ", ") + quote_ident(c.name) + pg_read_cast(c.type);
+  int64_t width = 16;
+  for (const Column &c : t.cols)
+    width += 8 + (c.type.code == DBTYPE_CHARACTER ? 2 * int64_t{c.type.size} : c.type.size);
+  int batch =
+      static_cast<int>(std::max<int64_t>(1, std::min<int64_t>(FETCH_ROWS, FETCH_BYTES / width)));
   pg_exec(conn, "DECLARE pgcopy_rows BINARY NO SCROLL CURSOR FOR SELECT " + cols + " FROM " +
                     quote_ident(schema) + "." + quote_ident(t.name));
   for (;;) {
-    Result r = pg_exec(conn, "FETCH " + std::to_string(FETCH_ROWS) + " FROM pgcopy_rows", {}, 1);
+    Result r = pg_exec(conn, "FETCH " + std::to_string(batch) + " FROM pgcopy_rows", {}, 1);
     int rows = PQntuples(r.get());
     if (PQnfields(r.get()) != static_cast<int>(t.cols.size()))
       throw CopyError{schema + "." + t.name + ": PostgreSQL returned another number of columns"};
@@ -374,7 +382,7 @@ void pg_read_table(PGconn *conn, const std::string &schema, const Table &t, Tabl
       sum.end_row();
       if (each_row) each_row(r.get(), row);
     }
-    if (rows < FETCH_ROWS) break;
+    if (rows < batch) break;
   }
   pg_exec(conn, "CLOSE pgcopy_rows");
 }
@@ -893,7 +901,14 @@ int pgcopy_import_sqlite(PGconn *conn, const std::string &dir, std::vector<std::
       if (pg_schema_exists(conn, n))
         throw CopyError{"the schema " + n +
                         " exists already in the PostgreSQL database; nothing copied"};
-    for (const std::string &n : names) import_database(conn, n, catalog_path(cat, n), report);
+    for (const std::string &n : names) {
+      try {
+        import_database(conn, n, catalog_path(cat, n), report);
+      } catch (CopyError &e) {
+        if (e.text.rfind(n, 0) != 0) e.text = n + ": " + e.text;
+        throw;
+      }
+    }
   } catch (const CopyError &e) {
     err = e.text;
     return 0;
