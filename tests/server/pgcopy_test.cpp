@@ -140,8 +140,9 @@ protected:
 
 // The hostile values: quotes, backslashes, umlauts (UTF-8 as stored), tabs and
 // newlines, empty text beside the null markers and real NULLs, the extremes
-// of every number type, -0.0, a denormal, binary values with zero bytes, and
-// more rows than one batch of the cursor and one COPY message hold.
+// of every number type, -0.0, a denormal, binary values with zero bytes, an
+// empty table, and more rows than one batch of the cursor and one COPY
+// message hold.
 std::string hostile_sql() {
   auto col = [](const char *name, unsigned char code, int len, bool nn = false) {
     return std::string("\"") + name + "\" " + type_declaration(type_make(code, len), nn);
@@ -175,6 +176,7 @@ std::string hostile_sql() {
   for (const char *op : {"i INSERT", "u UPDATE", "d DELETE"})
     sql += std::string("CREATE TRIGGER \"_static_FEST_") + op[0] + "\" BEFORE " + (op + 2) +
            " ON \"FEST\" BEGIN SELECT RAISE(ABORT, 'TAVRIN_STATIC FEST'); END;";
+  sql += "CREATE TABLE \"LEER\" (" + col("X", DBTYPE_BINARY, 65533) + ");";
   sql += "CREATE TABLE \"VIELE\" (" + col("N", DBTYPE_INTEGER, 0, true) + ", " +
          col("X", DBTYPE_CHARACTER, 61) +
          ");"
@@ -197,6 +199,7 @@ TEST_F(PgCopy, ImportsAFolderVerifiedAndRefusesExistingSchemas) {
   EXPECT_TRUE(has("DEMO.KUNDE: 600 rows, checksum ok"));
   EXPECT_TRUE(has("HOSTILE.VIELE: 25000 rows, checksum ok"));
   EXPECT_TRUE(has("HOSTILE.WERTE: 7 rows, checksum ok"));
+  EXPECT_TRUE(has("HOSTILE.LEER: 0 rows, checksum ok"));
   EXPECT_EQ(PQtransactionStatus(conn), PQTRANS_IDLE);
 
   // Stored as the PostgreSQL store reads them: UTF-8 texts, empty text and
