@@ -687,7 +687,8 @@ void copy_table(PGconn *conn, sqlite3 *db, const std::string &name, const Table 
   // have failed in the file.
   pg_create_indexes(conn, name, t);
   if (t.is_static) pg_make_static(conn, name, t);
-  lines.push_back(where + ": " + std::to_string(source.rows()) + " rows, checksum ok");
+  lines.push_back(where + ": " + std::to_string(source.rows()) +
+                  (source.rows() == 1 ? " row" : " rows") + ", checksum ok");
 }
 
 // Copies the SQLite database name (file path) into a new schema in one
