@@ -312,8 +312,9 @@ Cell pg_cell(const PGresult *r, int row, int col) {
 
 // --- PostgreSQL helpers ------------------------------------------------------------
 
-// Runs sql with text parameters; returns the result, or throws CopyError with
-// PostgreSQL's message when the result is not ok (what names the step).
+// Runs one statement sql with text parameters, results in result_format (0
+// text, 1 binary); returns the result, or throws CopyError with PostgreSQL's
+// message and the start of sql when it failed.
 Result pg_exec(PGconn *conn, const std::string &sql, const std::vector<std::string> &params = {},
                int result_format = 0) {
   std::vector<const char *> values;
@@ -543,7 +544,7 @@ public:
       } else {
         if (c.n > 0x3FFFFFFF) throw CopyError{cols[k].name + ": a value longer than 1 GB"};
         put32(static_cast<uint32_t>(c.n));
-        buf_.append(c.p, c.n);
+        if (c.n > 0) buf_.append(c.p, c.n); // SQLite gives no pointer for an empty blob
       }
     }
     if (buf_.size() >= COPY_CHUNK) flush();
