@@ -45,8 +45,9 @@ void make_database(const std::string &path, const std::string &sql) {
   sqlite3_close_v2(db);
 }
 
-// Every row of every table of a file, in rowid order, each value with its
-// storage class: "T|KUNDE|1:42|3:Müller|5:<null>...".
+// Every row of every table of a file in rowid order, each value after its
+// storage class ("KUNDE|1:42|3:Müller|5:|..."; doubles in hexadecimal), then
+// the layout and the journal mode.
 std::vector<std::string> dump(const std::string &path) {
   std::vector<std::string> out;
   sqlite3 *db = open_file(path);
@@ -75,7 +76,7 @@ std::vector<std::string> dump(const std::string &path) {
     }
     sqlite3_finalize(s);
   }
-  // The layout too: declarations, indices with their columns, triggers.
+  // Declarations, indices with their columns, triggers.
   sqlite3_prepare_v2(db,
                      "SELECT m.type, m.name, m.tbl_name, coalesce(p.type, ''), "
                      "coalesce(p.\"notnull\", ''), coalesce(p.dflt_value, ''), "
