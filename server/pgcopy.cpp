@@ -11,10 +11,12 @@
 // need no escaping, bytea keeps its zero bytes).
 //
 // The PostgreSQL layout is the PostgreSQL store's: database NAME is the schema
-// "NAME" holding the marker table "TAVRIN$DB"; a column's declared TAVRIN type
-// (CHARACTER(n), DATE, ...) is the column's comment; CHARACTER, DATE, TIME and
-// TIMESTAMP are text, SMALLINT smallint, INTEGER integer, FLOAT double
-// precision, BINARY bytea; NOT NULL and the null-marker defaults as in SQLite.
+// "NAME" holding the marker table "TAVRIN$DB" (one row); a column's declared
+// TAVRIN type (CHARACTER(n), DATE, ...) is the column's comment; CHARACTER,
+// DATE, TIME and TIMESTAMP are text with collation "C", SMALLINT smallint,
+// INTEGER integer, FLOAT double precision, BINARY bytea; NOT NULL and the
+// null-marker defaults as in SQLite; a static table has the same three
+// triggers as in SQLite, calling "TAVRIN$".refuse_static().
 #include "server/pgcopy.h"
 
 #include "server/catalog.h"
@@ -27,8 +29,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -37,18 +39,21 @@ namespace tavrind {
 
 namespace {
 
-// Name of the marker table that makes a schema a TAVRIN database.
+// Name of the marker table that makes a schema a TAVRIN database. Tables
+// whose names start with "TAVRIN$" belong to the store, not to the database.
 const char *const MARKER_TABLE = "TAVRIN$DB";
+const char *const STORE_PREFIX = "TAVRIN$";
 // Triggers that make a table static in a SQLite file: _static_<TABLE>_i, _u,
 // _d, each raising "TAVRIN_STATIC <table>".
 const char *const STATIC_PREFIX = "_static_";
 const char *const STATIC_MESSAGE = "TAVRIN_STATIC ";
-// The trigger function of static tables in a schema.
-const char *const STATIC_FUNCTION = "TAVRIN$STATIC";
 // PostgreSQL truncates longer identifiers, which would change a name.
 const size_t PG_MAX_IDENTIFIER = 63;
-// Rows per FETCH from a binary cursor, and bytes per COPY message.
+// Rows per FETCH from a binary cursor: at most FETCH_ROWS, fewer for wide
+// rows, so that one batch stays near FETCH_BYTES by the declared sizes.
+// Bytes per COPY message.
 const int FETCH_ROWS = 10000;
+const int64_t FETCH_BYTES = 32 << 20;
 const size_t COPY_CHUNK = 1 << 20;
 
 // PostgreSQL type oids of the values read back (the SELECTs cast to them).
@@ -124,16 +129,16 @@ std::string pg_column_declaration(ColType t, bool not_null) {
     d = "bytea", def = "'\\x'::bytea";
     break;
   case DBTYPE_DATE:
-    d = "text", def = "'1800-01-01'";
+    d = "text COLLATE \"C\"", def = "'1800-01-01'";
     break;
   case DBTYPE_TIME:
-    d = "text", def = "'00:00:00'";
+    d = "text COLLATE \"C\"", def = "'00:00:00'";
     break;
   case DBTYPE_TIMESTAMP:
-    d = "text", def = "'1800-01-01-00.00.00.000000'";
+    d = "text COLLATE \"C\"", def = "'1800-01-01-00.00.00.000000'";
     break;
   default:
-    d = "text", def = "''";
+    d = "text COLLATE \"C\"", def = "''";
     break;
   }
   return d + (not_null ? " NOT NULL" : "") + " DEFAULT " + def;
@@ -233,9 +238,8 @@ private:
 // columns take integers in the type's range, FLOAT takes numbers (integers
 // only where the double holds them exactly); texts and BINARY take the value's
 // bytes as SQLite renders them, which is what the SQLite store reads. Throws
-// CopyError naming where for a value the target type cannot hold, rather than
-// change it.
-Cell sqlite_cell(sqlite3_stmt *s, int col, ColType t, const std::string &where) {
+// CopyError for a value the target type cannot hold, rather than change it.
+Cell sqlite_cell(sqlite3_stmt *s, int col, ColType t) {
   Cell c;
   int kind = sqlite3_column_type(s, col);
   if (kind == SQLITE_NULL) return c;
@@ -243,7 +247,7 @@ Cell sqlite_cell(sqlite3_stmt *s, int col, ColType t, const std::string &where) 
     const unsigned char *txt = sqlite3_column_text(s, col);
     std::string shown = txt ? std::string(reinterpret_cast<const char *>(txt)) : std::string();
     if (shown.size() > 40) shown = shown.substr(0, 40) + "...";
-    throw CopyError{where + ": the value '" + shown + "' " + why};
+    throw CopyError{"the value '" + shown + "' " + why};
   };
   if (is_integer_type(t)) {
     if (kind != SQLITE_INTEGER) refuse("is not an integer");
@@ -308,8 +312,9 @@ Cell pg_cell(const PGresult *r, int row, int col) {
 
 // --- PostgreSQL helpers ------------------------------------------------------------
 
-// Runs sql with text parameters; returns the result, or throws CopyError with
-// PostgreSQL's message when the result is not ok (what names the step).
+// Runs one statement sql with text parameters, results in result_format (0
+// text, 1 binary); returns the result, or throws CopyError with PostgreSQL's
+// message and the start of sql when it failed.
 Result pg_exec(PGconn *conn, const std::string &sql, const std::vector<std::string> &params = {},
                int result_format = 0) {
   std::vector<const char *> values;
@@ -360,10 +365,15 @@ void pg_read_table(PGconn *conn, const std::string &schema, const Table &t, Tabl
   std::string cols;
   for (const Column &c : t.cols)
     cols += (cols.empty() ? "" : ", ") + quote_ident(c.name) + pg_read_cast(c.type);
+  int64_t width = 16;
+  for (const Column &c : t.cols)
+    width += 8 + (c.type.code == DBTYPE_CHARACTER ? 2 * int64_t{c.type.size} : c.type.size);
+  int batch =
+      static_cast<int>(std::max<int64_t>(1, std::min<int64_t>(FETCH_ROWS, FETCH_BYTES / width)));
   pg_exec(conn, "DECLARE pgcopy_rows BINARY NO SCROLL CURSOR FOR SELECT " + cols + " FROM " +
                     quote_ident(schema) + "." + quote_ident(t.name));
   for (;;) {
-    Result r = pg_exec(conn, "FETCH " + std::to_string(FETCH_ROWS) + " FROM pgcopy_rows", {}, 1);
+    Result r = pg_exec(conn, "FETCH " + std::to_string(batch) + " FROM pgcopy_rows", {}, 1);
     int rows = PQntuples(r.get());
     if (PQnfields(r.get()) != static_cast<int>(t.cols.size()))
       throw CopyError{schema + "." + t.name + ": PostgreSQL returned another number of columns"};
@@ -373,7 +383,7 @@ void pg_read_table(PGconn *conn, const std::string &schema, const Table &t, Tabl
       sum.end_row();
       if (each_row) each_row(r.get(), row);
     }
-    if (rows < FETCH_ROWS) break;
+    if (rows < batch) break;
   }
   pg_exec(conn, "CLOSE pgcopy_rows");
 }
@@ -396,6 +406,15 @@ Stmt sqlite_prepare(sqlite3 *db, const std::string &sql) {
   return Stmt(s);
 }
 
+// Steps s to its next row: true on a row, false when done; throws
+// CopyError on a failure, so that a damaged file never reads as a shorter one.
+bool sqlite_next(sqlite3 *db, sqlite3_stmt *s) {
+  int rc = sqlite3_step(s);
+  if (rc == SQLITE_ROW) return true;
+  if (rc != SQLITE_DONE) throw CopyError{std::string("SQLite: ") + sqlite3_errmsg(db)};
+  return false;
+}
+
 std::string column_text(sqlite3_stmt *s, int col) {
   const unsigned char *t = sqlite3_column_text(s, col);
   return t ? reinterpret_cast<const char *>(t) : "";
@@ -412,7 +431,7 @@ std::vector<Table> sqlite_layout(sqlite3 *db) {
   Stmt objects =
       sqlite_prepare(db, "SELECT type, name FROM sqlite_schema WHERE type IN ('table', 'trigger') "
                          "AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\' ORDER BY name");
-  while (sqlite3_step(objects.get()) == SQLITE_ROW) {
+  while (sqlite_next(db, objects.get())) {
     std::string type = column_text(objects.get(), 0), name = column_text(objects.get(), 1);
     if (type == "trigger") {
       triggers.push_back(name);
@@ -422,7 +441,7 @@ std::vector<Table> sqlite_layout(sqlite3 *db) {
     t.name = name;
     Stmt cols = sqlite_prepare(db, "SELECT name, type, \"notnull\" FROM pragma_table_info(?)");
     sqlite3_bind_text(cols.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
-    while (sqlite3_step(cols.get()) == SQLITE_ROW)
+    while (sqlite_next(db, cols.get()))
       t.cols.push_back({column_text(cols.get(), 0),
                         type_from_declaration(column_text(cols.get(), 1)),
                         sqlite3_column_int(cols.get(), 2) != 0});
@@ -432,7 +451,7 @@ std::vector<Table> sqlite_layout(sqlite3 *db) {
     sqlite3_bind_text(ixs.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
     std::string last;
     int constraints = 0;
-    while (sqlite3_step(ixs.get()) == SQLITE_ROW) {
+    while (sqlite_next(db, ixs.get())) {
       std::string iname = column_text(ixs.get(), 0), origin = column_text(ixs.get(), 2);
       if (sqlite3_column_type(ixs.get(), 3) == SQLITE_NULL || sqlite3_column_int(ixs.get(), 4))
         throw CopyError{name + ": the index " + iname +
@@ -478,10 +497,14 @@ void sqlite_read_table(sqlite3 *db, const std::string &dbname, const Table &t, T
   int64_t row = 0;
   while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
     ++row;
-    for (size_t k = 0; k < t.cols.size(); ++k)
-      cells[k] = sqlite_cell(s.get(), static_cast<int>(k), t.cols[k].type,
-                             dbname + "." + t.name + " row " + std::to_string(row) + " column " +
-                                 t.cols[k].name);
+    for (size_t k = 0; k < t.cols.size(); ++k) {
+      try {
+        cells[k] = sqlite_cell(s.get(), static_cast<int>(k), t.cols[k].type);
+      } catch (const CopyError &e) {
+        throw CopyError{dbname + "." + t.name + " row " + std::to_string(row) + " column " +
+                        t.cols[k].name + ": " + e.text};
+      }
+    }
     if (each_row) each_row(cells);
     for (const Cell &c : cells) sum.cell(c);
     sum.end_row();
@@ -521,7 +544,7 @@ public:
       } else {
         if (c.n > 0x3FFFFFFF) throw CopyError{cols[k].name + ": a value longer than 1 GB"};
         put32(static_cast<uint32_t>(c.n));
-        buf_.append(c.p, c.n);
+        if (c.n > 0) buf_.append(c.p, c.n); // SQLite gives no pointer for an empty blob
       }
     }
     if (buf_.size() >= COPY_CHUNK) flush();
@@ -578,10 +601,13 @@ void check_identifier(const std::string &where, const std::string &name) {
                     std::to_string(PG_MAX_IDENTIFIER) + " bytes"};
 }
 
-// Creates schema name and its marker table.
+// Creates schema name with its marker table, which holds one row (the
+// PostgreSQL store counts it up in every transaction that writes).
 void pg_create_schema(PGconn *conn, const std::string &name) {
+  std::string marker = quote_ident(name) + "." + quote_ident(MARKER_TABLE);
   pg_exec(conn, "CREATE SCHEMA " + quote_ident(name));
-  pg_exec(conn, "CREATE TABLE " + quote_ident(name) + "." + quote_ident(MARKER_TABLE) + " ()");
+  pg_exec(conn, "CREATE TABLE " + marker + " (n bigint NOT NULL DEFAULT 0)");
+  pg_exec(conn, "INSERT INTO " + marker + " (n) VALUES (0)");
 }
 
 void pg_create_table(PGconn *conn, const std::string &schema, const Table &t) {
@@ -597,18 +623,24 @@ void pg_create_table(PGconn *conn, const std::string &schema, const Table &t) {
 }
 
 // Makes table t of schema static as the SQLite store's triggers do: every
-// row inserted, changed or deleted raises "TAVRIN_STATIC <table>". The
-// trigger function lives in the schema, so dropping the schema takes it along.
+// row inserted, changed or deleted raises "TAVRIN_STATIC <table>", through
+// the PostgreSQL store's trigger function "TAVRIN$".refuse_static(). A cluster
+// that no tavrind has served yet lacks that function; it is made here then,
+// as the store makes it (left alone when it exists).
 void pg_make_static(PGconn *conn, const std::string &schema, const Table &t) {
-  std::string fn = quote_ident(schema) + "." + quote_ident(STATIC_FUNCTION);
-  pg_exec(conn, "CREATE OR REPLACE FUNCTION " + fn +
-                    "() RETURNS trigger LANGUAGE plpgsql AS $$BEGIN RAISE EXCEPTION '" +
-                    STATIC_MESSAGE + "%', TG_TABLE_NAME; END$$");
+  Result fn = pg_exec(conn, "SELECT 1 FROM pg_proc p JOIN pg_namespace n ON n.oid = p.pronamespace "
+                            "WHERE n.nspname = 'TAVRIN$' AND p.proname = 'refuse_static'");
+  if (PQntuples(fn.get()) == 0) {
+    pg_exec(conn, "CREATE SCHEMA IF NOT EXISTS \"TAVRIN$\"");
+    pg_exec(conn, "CREATE FUNCTION \"TAVRIN$\".refuse_static() RETURNS trigger LANGUAGE plpgsql "
+                  "AS $f$ BEGIN RAISE EXCEPTION USING ERRCODE = 'TV306', MESSAGE = '" +
+                      std::string(STATIC_MESSAGE) + "' || TG_TABLE_NAME; END $f$");
+  }
   std::string base = static_trigger_base(t);
   for (const char *ev : {"_i INSERT", "_u UPDATE", "_d DELETE"})
     pg_exec(conn, "CREATE TRIGGER " + quote_ident(base + std::string(ev, 2)) + " BEFORE " +
                       (ev + 3) + " ON " + quote_ident(schema) + "." + quote_ident(t.name) +
-                      " FOR EACH ROW EXECUTE FUNCTION " + fn + "()");
+                      " FOR EACH ROW EXECUTE FUNCTION \"TAVRIN$\".refuse_static()");
 }
 
 void pg_create_indexes(PGconn *conn, const std::string &schema, const Table &t) {
@@ -656,7 +688,8 @@ void copy_table(PGconn *conn, sqlite3 *db, const std::string &name, const Table 
   // have failed in the file.
   pg_create_indexes(conn, name, t);
   if (t.is_static) pg_make_static(conn, name, t);
-  lines.push_back(where + ": " + std::to_string(source.rows()) + " rows, checksum ok");
+  lines.push_back(where + ": " + std::to_string(source.rows()) +
+                  (source.rows() == 1 ? " row" : " rows") + ", checksum ok");
 }
 
 // Copies the SQLite database name (file path) into a new schema in one
@@ -676,7 +709,8 @@ void import_database(PGconn *conn, const std::string &name, const std::string &p
     check_identifier(name, t.name);
     for (const Column &c : t.cols) check_identifier(name + "." + t.name, c.name);
     for (const Index &ix : t.indexes) check_identifier(name + "." + t.name, ix.name);
-    if (t.name == MARKER_TABLE) throw CopyError{name + ": a table is named " + t.name};
+    if (t.name.rfind(STORE_PREFIX, 0) == 0)
+      throw CopyError{name + ": the table name " + t.name + " is kept for the PostgreSQL store"};
   }
 
   PgTransaction tx(conn, "BEGIN");
@@ -725,8 +759,8 @@ std::vector<Table> pg_layout(PGconn *conn, const std::string &name) {
       pg_exec(conn,
               "SELECT c.oid, c.relname FROM pg_class c JOIN pg_namespace n "
               "ON n.oid = c.relnamespace WHERE n.nspname = $1 AND c.relkind IN ('r', 'p') "
-              "AND c.relname <> $2 ORDER BY c.relname",
-              {name, MARKER_TABLE});
+              "AND NOT starts_with(c.relname, $2) ORDER BY c.relname",
+              {name, STORE_PREFIX});
   for (int k = 0; k < PQntuples(rels.get()); ++k) {
     std::string oid = PQgetvalue(rels.get(), k, 0);
     Table t;
@@ -835,6 +869,16 @@ void save_tables(PGconn *conn, const std::string &name, const std::vector<Table>
   }
 }
 
+// Syncs the file or folder path to disk; false when that fails (errno set).
+bool sync_path(const std::string &path, int flags) {
+  int fd = open(path.c_str(), flags | O_CLOEXEC);
+  bool ok = fd >= 0 && fsync(fd) == 0;
+  int e = errno;
+  if (fd >= 0) close(fd);
+  errno = e;
+  return ok;
+}
+
 } // namespace
 
 int pgcopy_import_sqlite(PGconn *conn, const std::string &dir, std::vector<std::string> &report,
@@ -859,7 +903,14 @@ int pgcopy_import_sqlite(PGconn *conn, const std::string &dir, std::vector<std::
       if (pg_schema_exists(conn, n))
         throw CopyError{"the schema " + n +
                         " exists already in the PostgreSQL database; nothing copied"};
-    for (const std::string &n : names) import_database(conn, n, catalog_path(cat, n), report);
+    for (const std::string &n : names) {
+      try {
+        import_database(conn, n, catalog_path(cat, n), report);
+      } catch (CopyError &e) {
+        if (e.text.rfind(n, 0) != 0) e.text = n + ": " + e.text;
+        throw;
+      }
+    }
   } catch (const CopyError &e) {
     err = e.text;
     return 0;
@@ -902,10 +953,20 @@ int pgcopy_save_to_sqlite(PGconn *conn, const std::string &name, const std::stri
     sqlite_run(db.get(), "COMMIT; PRAGMA journal_mode=WAL");
     db.reset();
     tx.commit();
-    // link() refuses an existing target, unlike rename(): a file that
-    // appeared at path meanwhile is not replaced.
+    // The rows were written without syncs; the finished file is synced
+    // once, and so is its folder after the move, so a saved copy survives a
+    // power loss. link() refuses an existing target, unlike rename(): a file
+    // that appeared at path meanwhile is not replaced.
+    if (!sync_path(tmp, O_RDONLY)) throw CopyError{tmp + ": " + strerror(errno)};
     if (link(tmp.c_str(), path.c_str()) != 0) throw CopyError{path + ": " + strerror(errno)};
     unlink(tmp.c_str());
+    // The copy is complete at path now; a folder that cannot be synced
+    // leaves it there rather than fail the save.
+    size_t slash = path.rfind('/');
+    sync_path(slash == std::string::npos ? "."
+              : slash == 0               ? "/"
+                                         : path.substr(0, slash),
+              O_RDONLY | O_DIRECTORY);
   } catch (const CopyError &e) {
     if (made)
       for (const char *suffix : {"", "-wal", "-shm", "-journal"}) unlink((tmp + suffix).c_str());

@@ -3,9 +3,9 @@
 // back into a SQLite file of the SQLite store's layout (SAVE DATABASE on the
 // PostgreSQL store).
 //
-// Both directions use the PostgreSQL store's layout: a database NAME is the
-// schema "NAME" with the marker table "TAVRIN$DB" and a comment on every column
-// that keeps its declared type. Connecting, reconnecting and deciding where a
+// Both directions use the PostgreSQL store's layout (store_pg.cpp): a database
+// NAME is the schema "NAME" with the marker table "TAVRIN$DB" and a comment on
+// every column that keeps its declared type. Connecting, reconnecting and deciding where a
 // saved file goes are the caller's business; these functions take a connection
 // that is idle (no transaction open) and leave it idle.
 #pragma once

@@ -8,59 +8,19 @@
 #include "server/catalog.h"
 #include "server/pgcopy.h"
 #include "server/types.h"
+#include "tests/pgcluster.h"
 
 #include <libpq-fe.h>
-#include <pwd.h>
 #include <sqlite3.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace tavrind;
-
-const char *const kPgBin = "/usr/lib/postgresql/15/bin";
-
-// A temporary cluster on a Unix socket in its own folder, no TCP; run as the
-// postgres user when the tests run as root (initdb refuses root).
-struct Cluster {
-  std::string dir;
-  bool as_postgres = geteuid() == 0;
-
-  int run(const std::string &cmd) const {
-    std::string line =
-        (as_postgres ? "runuser -u postgres -- " : "") + cmd + " >>" + dir + "/setup.log 2>&1";
-    return std::system(line.c_str());
-  }
-  std::string start() {
-    char tmpl[] = "/tmp/zentiq_pgcopy_XXXXXX";
-    if (!mkdtemp(tmpl)) return "no temporary folder";
-    dir = tmpl;
-    if (as_postgres) {
-      struct passwd *pw = getpwnam("postgres");
-      if (!pw || chown(dir.c_str(), pw->pw_uid, pw->pw_gid) != 0) return "no postgres user";
-    }
-    std::string bin = kPgBin;
-    if (run(bin + "/initdb -D " + dir + "/data -A trust -U postgres -E UTF8 --no-sync") != 0)
-      return "initdb failed, see " + dir + "/setup.log";
-    if (run(bin + "/pg_ctl -D " + dir + "/data -l " + dir + "/pg.log -w -t 60 -o \"-k " + dir +
-            " -c listen_addresses='' -c fsync=off\" start") != 0)
-      return "pg_ctl start failed, see " + dir + "/pg.log";
-    return "";
-  }
-  void stop() {
-    if (dir.empty()) return;
-    if (fs::exists(dir + "/data/postmaster.pid"))
-      run(std::string(kPgBin) + "/pg_ctl -D " + dir + "/data -m fast -w -t 60 stop");
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-  }
-};
 
 sqlite3 *open_file(const std::string &path) {
   sqlite3 *db = nullptr;
@@ -85,8 +45,9 @@ void make_database(const std::string &path, const std::string &sql) {
   sqlite3_close_v2(db);
 }
 
-// Every row of every table of a file, in rowid order, each value with its
-// storage class: "T|KUNDE|1:42|3:Müller|5:<null>...".
+// Every row of every table of a file in rowid order, each value after its
+// storage class ("KUNDE|1:42|3:Müller|5:|..."; doubles in hexadecimal), then
+// the layout and the journal mode.
 std::vector<std::string> dump(const std::string &path) {
   std::vector<std::string> out;
   sqlite3 *db = open_file(path);
@@ -115,7 +76,7 @@ std::vector<std::string> dump(const std::string &path) {
     }
     sqlite3_finalize(s);
   }
-  // The layout too: declarations, indices with their columns, triggers.
+  // Declarations, indices with their columns, triggers.
   sqlite3_prepare_v2(db,
                      "SELECT m.type, m.name, m.tbl_name, coalesce(p.type, ''), "
                      "coalesce(p.\"notnull\", ''), coalesce(p.dflt_value, ''), "
@@ -143,36 +104,25 @@ std::vector<std::string> dump(const std::string &path) {
 
 class PgCopy : public ::testing::Test {
 protected:
-  static Cluster cluster;
-  static std::string skip_reason;
   PGconn *conn = nullptr;
   std::string folder;
 
-  static void SetUpTestSuite() {
-    if (!fs::exists(std::string(kPgBin) + "/initdb"))
-      skip_reason = std::string("PostgreSQL 15 is not installed (no ") + kPgBin + "/initdb)";
-    else
-      skip_reason = cluster.start();
-  }
-  static void TearDownTestSuite() { cluster.stop(); }
-
+  // A new database of the test process's cluster for each test.
   void SetUp() override {
-    if (!skip_reason.empty()) GTEST_SKIP() << skip_reason;
-    conn = PQconnectdb(("host=" + cluster.dir +
-                        " dbname=postgres user=postgres "
-                        "options='-c client_min_messages=warning'")
-                           .c_str());
+    std::string why;
+    if (!pgcluster::installed(why)) GTEST_SKIP() << why;
+    pgcluster::Cluster *cluster = pgcluster::shared(why);
+    ASSERT_TRUE(cluster) << why;
+    std::string conninfo = cluster->new_database(why);
+    ASSERT_FALSE(conninfo.empty()) << why;
+    conn = PQconnectdb((conninfo + " options='-c client_min_messages=warning'").c_str());
     ASSERT_EQ(PQstatus(conn), CONNECTION_OK) << PQerrorMessage(conn);
     char tmpl[] = "/tmp/zentiq_pgcopy_data_XXXXXX";
     ASSERT_TRUE(mkdtemp(tmpl));
     folder = tmpl;
   }
   void TearDown() override {
-    if (conn) {
-      PQclear(PQexec(conn, "DROP SCHEMA IF EXISTS \"TDSYS\", \"DEMO\", \"HOSTILE\", \"AAA\", "
-                           "\"BAD\" CASCADE"));
-      PQfinish(conn);
-    }
+    if (conn) PQfinish(conn);
     std::error_code ec;
     if (!folder.empty()) fs::remove_all(folder, ec);
   }
@@ -189,13 +139,11 @@ protected:
   }
 };
 
-Cluster PgCopy::cluster;
-std::string PgCopy::skip_reason;
-
 // The hostile values: quotes, backslashes, umlauts (UTF-8 as stored), tabs and
 // newlines, empty text beside the null markers and real NULLs, the extremes
-// of every number type, -0.0, a denormal, binary values with zero bytes, and
-// more rows than one batch of the cursor and one COPY message hold.
+// of every number type, -0.0, a denormal, binary values with zero bytes, an
+// empty table, and more rows than one batch of the cursor and one COPY
+// message hold.
 std::string hostile_sql() {
   auto col = [](const char *name, unsigned char code, int len, bool nn = false) {
     return std::string("\"") + name + "\" " + type_declaration(type_make(code, len), nn);
@@ -229,6 +177,7 @@ std::string hostile_sql() {
   for (const char *op : {"i INSERT", "u UPDATE", "d DELETE"})
     sql += std::string("CREATE TRIGGER \"_static_FEST_") + op[0] + "\" BEFORE " + (op + 2) +
            " ON \"FEST\" BEGIN SELECT RAISE(ABORT, 'TAVRIN_STATIC FEST'); END;";
+  sql += "CREATE TABLE \"LEER\" (" + col("X", DBTYPE_BINARY, 65533) + ");";
   sql += "CREATE TABLE \"VIELE\" (" + col("N", DBTYPE_INTEGER, 0, true) + ", " +
          col("X", DBTYPE_CHARACTER, 61) +
          ");"
@@ -251,6 +200,7 @@ TEST_F(PgCopy, ImportsAFolderVerifiedAndRefusesExistingSchemas) {
   EXPECT_TRUE(has("DEMO.KUNDE: 600 rows, checksum ok"));
   EXPECT_TRUE(has("HOSTILE.VIELE: 25000 rows, checksum ok"));
   EXPECT_TRUE(has("HOSTILE.WERTE: 7 rows, checksum ok"));
+  EXPECT_TRUE(has("HOSTILE.LEER: 0 rows, checksum ok"));
   EXPECT_EQ(PQtransactionStatus(conn), PQTRANS_IDLE);
 
   // Stored as the PostgreSQL store reads them: UTF-8 texts, empty text and
@@ -270,7 +220,9 @@ TEST_F(PgCopy, ImportsAFolderVerifiedAndRefusesExistingSchemas) {
   EXPECT_EQ(query("SELECT count(*) FROM pg_tables WHERE schemaname = 'TDSYS' AND "
                   "tablename = 'TAVRIN$DB'"),
             "1");
-  // The unique index holds in the cluster as it held in the file.
+  // The unique index and the static table hold in the cluster as in the file.
+  EXPECT_NE(query("DELETE FROM \"HOSTILE\".\"FEST\" RETURNING 1").find("TAVRIN_STATIC FEST"),
+            std::string::npos);
   EXPECT_NE(query("INSERT INTO \"DEMO\".\"KUNDE\" (\"KUNDE_ID\", \"NAME\") VALUES (1, 'x') "
                   "RETURNING 1")
                 .find("duplicate key"),
