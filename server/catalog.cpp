@@ -2,6 +2,7 @@
 #include "server/catalog.h"
 
 #include "server/answer.h"
+#include "server/sqliteptr.h"
 #include "server/types.h"
 
 #include <sqlite3.h>
@@ -24,16 +25,6 @@ const char *const CATALOG_SYSTEM_DB = "TDSYS";
 const char *const CATALOG_DEMO_DB = "DEMO";
 
 namespace {
-
-struct DbCloser {
-  void operator()(sqlite3 *db) const { sqlite3_close_v2(db); }
-};
-using Db = std::unique_ptr<sqlite3, DbCloser>;
-
-struct StmtCloser {
-  void operator()(sqlite3_stmt *s) const { sqlite3_finalize(s); }
-};
-using Stmt = std::unique_ptr<sqlite3_stmt, StmtCloser>;
 
 // Thrown while filling a database; the text of SQLite's error.
 struct FillError {
@@ -126,7 +117,7 @@ public:
 
 private:
   sqlite3 *db_;
-  Stmt s_;
+  SqliteStmt s_;
 };
 
 std::string key8(int n) {
@@ -578,7 +569,7 @@ int build_database(const Catalog &cat, const std::string &name, void (*fill)(sql
     sqlite3 *raw = nullptr;
     int rc =
         sqlite3_open_v2(tmp.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
-    Db db(raw);
+    SqliteDb db(raw);
     if (rc != SQLITE_OK) {
       err = raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc);
       return 0;
@@ -688,7 +679,7 @@ sqlite3 *catalog_open(const Catalog &cat, const std::string &name, bool create, 
   // time (on whichever thread): SQLite need not lock around every call.
   int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
   int rc = sqlite3_open_v2(path.c_str(), &raw, flags, nullptr);
-  Db db(raw);
+  SqliteDb db(raw);
   if (rc != SQLITE_OK) err = raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc);
   if (rc == SQLITE_OK && !catalog_configure(db.get(), err)) rc = SQLITE_ERROR;
   // With --sync full every commit syncs the WAL (catalog_configure leaves
@@ -748,13 +739,13 @@ int catalog_save_to(const Catalog &cat, const std::string &name, const std::stri
   // that asks has pending.
   sqlite3 *rsrc = nullptr, *rdst = nullptr;
   int rc = sqlite3_open_v2(catalog_path(cat, name).c_str(), &rsrc, SQLITE_OPEN_READONLY, nullptr);
-  Db src(rsrc);
+  SqliteDb src(rsrc);
   if (rc != SQLITE_OK) {
     err = rsrc ? sqlite3_errmsg(rsrc) : sqlite3_errstr(rc);
     return 0;
   }
   rc = sqlite3_open_v2(path.c_str(), &rdst, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
-  Db dst(rdst);
+  SqliteDb dst(rdst);
   if (rc != SQLITE_OK) {
     err = rdst ? sqlite3_errmsg(rdst) : sqlite3_errstr(rc);
     return 0;

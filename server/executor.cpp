@@ -8,6 +8,7 @@
 
 #include "server/answer.h"
 #include "server/request.h"
+#include "server/sqltext.h"
 #include "server/store.h"
 #include "server/types.h"
 
@@ -28,21 +29,6 @@
 namespace tavrind {
 
 namespace {
-
-std::string upper(std::string s) {
-  for (char &c : s)
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  return s;
-}
-
-std::string quote(const std::string &name) {
-  std::string r = "\"";
-  for (char c : name) {
-    if (c == '"') r += '"';
-    r += c;
-  }
-  return r + "\"";
-}
 
 // Most parameters one statement may bind (SQLite allows 32766).
 constexpr size_t MAX_PARAMS = 30000;
@@ -151,8 +137,8 @@ std::string store_unique_index_name(const StoreSchema *schema, const std::string
   if (schema)
     for (const auto &[k, ix] : schema->indexes) {
       std::vector<std::string> ic;
-      for (const auto &c : ix.cols) ic.push_back(upper(c));
-      if (ix.unique && upper(ix.table) == table && ic == cols) return ix.name;
+      for (const auto &c : ix.cols) ic.push_back(sql_upper(c));
+      if (ix.unique && sql_upper(ix.table) == table && ic == cols) return ix.name;
     }
   return fallback;
 }
@@ -182,15 +168,15 @@ void refresh_schema(SessionState &st) {
 }
 
 const TableInfo &find_table(SessionState &st, const std::string &name) {
-  auto it = st.schema.tables.find(upper(name));
+  auto it = st.schema.tables.find(sql_upper(name));
   if (it == st.schema.tables.end()) throw ExecError{answer_errtext(Err::TABELLE_UNBEKANNT, {name})};
   return it->second;
 }
 
 const ColumnInfo *find_column(const TableInfo &t, const std::string &name) {
-  std::string u = upper(name);
+  std::string u = sql_upper(name);
   for (const auto &c : t.cols)
-    if (upper(c.name) == u) return &c;
+    if (sql_upper(c.name) == u) return &c;
   return nullptr;
 }
 
@@ -316,9 +302,9 @@ public:
       for (const auto &e : scope.entries)
         if (e.user == user) throw ExecError{answer_errtext(Err::ALIAS_DOPPELT, {user})};
       std::string alias = "t" + std::to_string(next_alias_++);
-      scope.entries.push_back({user, upper(t.name), &t, alias});
+      scope.entries.push_back({user, sql_upper(t.name), &t, alias});
       if (!from.empty()) from += ", ";
-      from += quote(t.name) + " AS " + alias;
+      from += sql_quote(t.name) + " AS " + alias;
     }
     Generated g;
     std::string list;
@@ -331,14 +317,14 @@ public:
       switch (it.kind) {
       case SelectItem::All:
         for (const auto &e : scope.entries)
-          for (const auto &c : e.t->cols) add(e.sql_alias + "." + quote(c.name), c.name, c.type);
+          for (const auto &c : e.t->cols) add(e.sql_alias + "." + sql_quote(c.name), c.name, c.type);
         break;
       case SelectItem::TableAll: {
         const Scope::Entry *e = nullptr;
         for (const auto &x : scope.entries)
           if (x.user == it.attr.qualifier || (x.table_name == it.attr.qualifier && !e)) e = &x;
         if (!e) throw ExecError{answer_errtext(Err::TABELLE_NICHT_IN_ABFRAGE, {it.attr.qualifier})};
-        for (const auto &c : e->t->cols) add(e->sql_alias + "." + quote(c.name), c.name, c.type);
+        for (const auto &c : e->t->cols) add(e->sql_alias + "." + sql_quote(c.name), c.name, c.type);
         break;
       }
       case SelectItem::Column: {
@@ -356,7 +342,7 @@ public:
         std::string sql = r.col->type.code == DBTYPE_CHARACTER
                               ? conn().text_min_max(it.kind == SelectItem::Max, r.sql)
                               : f + "(" + r.sql + ")";
-        add(sql, upper(f) + "(" + r.col->name + ")", r.col->type);
+        add(sql, sql_upper(f) + "(" + r.col->name + ")", r.col->type);
         break;
       }
       }
@@ -390,7 +376,7 @@ public:
   // The condition of an UPDATE or DELETE on table t (alias t0).
   std::string condition(const Expr &e, const TableInfo &t) {
     Scope scope;
-    scope.entries.push_back({upper(t.name), upper(t.name), &t, "t0"});
+    scope.entries.push_back({sql_upper(t.name), sql_upper(t.name), &t, "t0"});
     std::string sql = expr(e, scope);
     check_params();
     return sql;
@@ -424,7 +410,7 @@ private:
         if (!by_alias.empty()) hits = by_alias;
       }
       if (hits.size() == 1)
-        return {hits[0].first->sql_alias + "." + quote(hits[0].second->name), hits[0].second};
+        return {hits[0].first->sql_alias + "." + sql_quote(hits[0].second->name), hits[0].second};
       if (hits.size() > 1) {
         std::string tables;
         for (const auto &h : hits) tables += (tables.empty() ? "" : ", ") + h.first->user;
@@ -678,10 +664,10 @@ void do_insert(Ctx &c, const Request &q) {
   std::string names, marks;
   for (size_t i = 0; i < cols.size(); ++i) {
     params.push_back(checked_value(*cols[i], q.values[i]));
-    names += (i ? ", " : "") + quote(cols[i]->name);
+    names += (i ? ", " : "") + sql_quote(cols[i]->name);
     marks += i ? ", ?" : "?";
   }
-  std::string sql = "INSERT INTO " + quote(t.name) +
+  std::string sql = "INSERT INTO " + sql_quote(t.name) +
                     (cols.empty() ? " DEFAULT VALUES" : " (" + names + ") VALUES (" + marks + ")");
   if (c.ch.ex.verbose) log_line(c.ch, sql);
   int n = 0;
@@ -701,9 +687,9 @@ void do_update(Ctx &c, const Request &q) {
       throw ExecError{answer_errtext(Err::ATTRIBUT_DOPPELT, {a.attr})};
     seen.push_back(col);
     tr.params.push_back(checked_value(*col, a.value));
-    sets += (sets.empty() ? "" : ", ") + quote(col->name) + " = ?";
+    sets += (sets.empty() ? "" : ", ") + sql_quote(col->name) + " = ?";
   }
-  std::string sql = "UPDATE " + quote(t.name) + " AS t0 SET " + sets;
+  std::string sql = "UPDATE " + sql_quote(t.name) + " AS t0 SET " + sets;
   if (q.where) sql += " WHERE " + tr.condition(*q.where, t);
   if (c.ch.ex.verbose) log_line(c.ch, sql);
   int n = 0;
@@ -714,7 +700,7 @@ void do_update(Ctx &c, const Request &q) {
 void do_delete(Ctx &c, const Request &q) {
   const TableInfo &t = changeable_table(c, q.name);
   Translator tr(c.st);
-  std::string sql = "DELETE FROM " + quote(t.name) + " AS t0";
+  std::string sql = "DELETE FROM " + sql_quote(t.name) + " AS t0";
   if (q.where) sql += " WHERE " + tr.condition(*q.where, t);
   if (c.ch.ex.verbose) log_line(c.ch, sql);
   int n = 0;
@@ -845,7 +831,7 @@ void do_create_table(Ctx &c, const Request &q) {
 
 void do_drop_table(Ctx &c, const Request &q) {
   const TableInfo &t = changeable_table(c, q.name);
-  std::string sql = "DROP TABLE " + quote(t.name);
+  std::string sql = "DROP TABLE " + sql_quote(t.name);
   if (c.ch.ex.verbose) log_line(c.ch, sql);
   as_change(c, [&] { c.st.conn->exec(sql); });
   answer_done(c.out);
@@ -865,10 +851,10 @@ void do_create_index(Ctx &c, const Request &q) {
     if (std::find(seen.begin(), seen.end(), col) != seen.end())
       throw ExecError{answer_errtext(Err::ATTRIBUT_DOPPELT, {a})};
     seen.push_back(col);
-    cols += (cols.empty() ? "" : ", ") + quote(col->name);
+    cols += (cols.empty() ? "" : ", ") + sql_quote(col->name);
   }
   std::string sql = std::string("CREATE ") + (q.unique ? "UNIQUE " : "") + "INDEX " +
-                    quote(q.name) + " ON " + quote(t.name) + " (" + cols + ")";
+                    sql_quote(q.name) + " ON " + sql_quote(t.name) + " (" + cols + ")";
   if (c.ch.ex.verbose) log_line(c.ch, sql);
   std::string table = t.name;
   as_change(c, [&] {
@@ -881,7 +867,7 @@ void do_drop_index(Ctx &c, const Request &q) {
   auto it = c.st.schema.indexes.find(q.name);
   if (it == c.st.schema.indexes.end())
     throw ExecError{answer_errtext(Err::INDEX_UNBEKANNT, {q.name})};
-  std::string sql = "DROP INDEX " + quote(it->second.name);
+  std::string sql = "DROP INDEX " + sql_quote(it->second.name);
   if (c.ch.ex.verbose) log_line(c.ch, sql);
   as_change(c, [&] { c.st.conn->exec(sql); });
   answer_done(c.out);
@@ -943,14 +929,14 @@ void do_show(Ctx &c, const Request &q) {
   case Request::Indices:
   case Request::IndicesOnTable: {
     std::string table;
-    if (q.show == Request::IndicesOnTable) table = upper(find_table(c.st, q.table).name);
+    if (q.show == Request::IndicesOnTable) table = sql_upper(find_table(c.st, q.table).name);
     answer_tuples_begin(c.out, DBANS_TUPLES,
                         {{"INDEX_NAME", text(32)},
                          {"TABLE_NAME", text(32)},
                          {"UNIQUE_INDEX", text(5)},
                          {"ATTRIBUTES", text(1024)}});
     for (const auto &[k, ix] : c.st.schema.indexes) {
-      if (!table.empty() && upper(ix.table) != table) continue;
+      if (!table.empty() && sql_upper(ix.table) != table) continue;
       std::string cols;
       for (const auto &col : ix.cols) cols += (cols.empty() ? "" : ",") + col;
       answer_value_text(c.out, ix.name);

@@ -20,6 +20,9 @@
 #include "server/pgcopy.h"
 
 #include "server/catalog.h"
+#include "server/pgptr.h"
+#include "server/sqliteptr.h"
+#include "server/sqltext.h"
 #include "server/types.h"
 
 #include <libpq-fe.h>
@@ -63,21 +66,6 @@ const Oid OID_INT8 = 20, OID_FLOAT8 = 701;
 struct CopyError {
   std::string text;
 };
-
-struct ResultFree {
-  void operator()(PGresult *r) const { PQclear(r); }
-};
-using Result = std::unique_ptr<PGresult, ResultFree>;
-
-struct DbCloser {
-  void operator()(sqlite3 *db) const { sqlite3_close_v2(db); }
-};
-using Db = std::unique_ptr<sqlite3, DbCloser>;
-
-struct StmtCloser {
-  void operator()(sqlite3_stmt *s) const { sqlite3_finalize(s); }
-};
-using Stmt = std::unique_ptr<sqlite3_stmt, StmtCloser>;
 
 // --- Layout ------------------------------------------------------------------
 
@@ -151,18 +139,6 @@ const char *pg_read_cast(ColType t) {
   if (t.code == DBTYPE_FLOAT) return "::float8";
   if (t.code == DBTYPE_BINARY) return "::bytea";
   return "::text";
-}
-
-std::string quote_ident(const std::string &s) {
-  std::string q = "\"";
-  for (char c : s) q += c == '"' ? std::string("\"\"") : std::string(1, c);
-  return q + "\"";
-}
-
-std::string quote_literal(const std::string &s) {
-  std::string q = "'";
-  for (char c : s) q += c == '\'' ? std::string("''") : std::string(1, c);
-  return q + "'";
 }
 
 // The name of the triggers that make table t static: _static_<TABLE> with
@@ -315,11 +291,11 @@ Cell pg_cell(const PGresult *r, int row, int col) {
 // Runs one statement sql with text parameters, results in result_format (0
 // text, 1 binary); returns the result, or throws CopyError with PostgreSQL's
 // message and the start of sql when it failed.
-Result pg_exec(PGconn *conn, const std::string &sql, const std::vector<std::string> &params = {},
+PgResult pg_exec(PGconn *conn, const std::string &sql, const std::vector<std::string> &params = {},
                int result_format = 0) {
   std::vector<const char *> values;
   for (const std::string &p : params) values.push_back(p.c_str());
-  Result r(PQexecParams(conn, sql.c_str(), static_cast<int>(values.size()), nullptr, values.data(),
+  PgResult r(PQexecParams(conn, sql.c_str(), static_cast<int>(values.size()), nullptr, values.data(),
                         nullptr, nullptr, result_format));
   ExecStatusType st = r ? PQresultStatus(r.get()) : PGRES_FATAL_ERROR;
   if (st != PGRES_COMMAND_OK && st != PGRES_TUPLES_OK) {
@@ -364,16 +340,16 @@ void pg_read_table(PGconn *conn, const std::string &schema, const Table &t, Tabl
                    const std::function<void(const PGresult *, int)> &each_row = nullptr) {
   std::string cols;
   for (const Column &c : t.cols)
-    cols += (cols.empty() ? "" : ", ") + quote_ident(c.name) + pg_read_cast(c.type);
+    cols += (cols.empty() ? "" : ", ") + sql_quote(c.name) + pg_read_cast(c.type);
   int64_t width = 16;
   for (const Column &c : t.cols)
     width += 8 + (c.type.code == DBTYPE_CHARACTER ? 2 * int64_t{c.type.size} : c.type.size);
   int batch =
       static_cast<int>(std::max<int64_t>(1, std::min<int64_t>(FETCH_ROWS, FETCH_BYTES / width)));
   pg_exec(conn, "DECLARE pgcopy_rows BINARY NO SCROLL CURSOR FOR SELECT " + cols + " FROM " +
-                    quote_ident(schema) + "." + quote_ident(t.name));
+                    sql_quote(schema) + "." + sql_quote(t.name));
   for (;;) {
-    Result r = pg_exec(conn, "FETCH " + std::to_string(batch) + " FROM pgcopy_rows", {}, 1);
+    PgResult r = pg_exec(conn, "FETCH " + std::to_string(batch) + " FROM pgcopy_rows", {}, 1);
     int rows = PQntuples(r.get());
     if (PQnfields(r.get()) != static_cast<int>(t.cols.size()))
       throw CopyError{schema + "." + t.name + ": PostgreSQL returned another number of columns"};
@@ -399,11 +375,11 @@ void sqlite_run(sqlite3 *db, const std::string &sql) {
   }
 }
 
-Stmt sqlite_prepare(sqlite3 *db, const std::string &sql) {
+SqliteStmt sqlite_prepare(sqlite3 *db, const std::string &sql) {
   sqlite3_stmt *s = nullptr;
   if (sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr) != SQLITE_OK)
     throw CopyError{std::string("SQLite: ") + sqlite3_errmsg(db) + " (" + sql.substr(0, 80) + ")"};
-  return Stmt(s);
+  return SqliteStmt(s);
 }
 
 // Steps s to its next row: true on a row, false when done; throws
@@ -428,7 +404,7 @@ std::string column_text(sqlite3_stmt *s, int col) {
 std::vector<Table> sqlite_layout(sqlite3 *db) {
   std::vector<Table> tables;
   std::vector<std::string> triggers;
-  Stmt objects =
+  SqliteStmt objects =
       sqlite_prepare(db, "SELECT type, name FROM sqlite_schema WHERE type IN ('table', 'trigger') "
                          "AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\' ORDER BY name");
   while (sqlite_next(db, objects.get())) {
@@ -439,13 +415,13 @@ std::vector<Table> sqlite_layout(sqlite3 *db) {
     }
     Table t;
     t.name = name;
-    Stmt cols = sqlite_prepare(db, "SELECT name, type, \"notnull\" FROM pragma_table_info(?)");
+    SqliteStmt cols = sqlite_prepare(db, "SELECT name, type, \"notnull\" FROM pragma_table_info(?)");
     sqlite3_bind_text(cols.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
     while (sqlite_next(db, cols.get()))
       t.cols.push_back({column_text(cols.get(), 0),
                         type_from_declaration(column_text(cols.get(), 1)),
                         sqlite3_column_int(cols.get(), 2) != 0});
-    Stmt ixs = sqlite_prepare(db, "SELECT il.name, il.\"unique\", il.origin, ii.name, il.partial "
+    SqliteStmt ixs = sqlite_prepare(db, "SELECT il.name, il.\"unique\", il.origin, ii.name, il.partial "
                                   "FROM pragma_index_list(?1) il, pragma_index_info(il.name) ii "
                                   "ORDER BY il.seq DESC, ii.seqno");
     sqlite3_bind_text(ixs.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
@@ -479,10 +455,10 @@ std::string sqlite_static_sql(const Table &t) {
   std::string base = static_trigger_base(t);
   std::string raise =
       "BEGIN SELECT RAISE(ABORT, '" + std::string(STATIC_MESSAGE) + t.name + "'); END;";
-  return "CREATE TRIGGER " + quote_ident(base + "_i") + " BEFORE INSERT ON " + quote_ident(t.name) +
-         " " + raise + "CREATE TRIGGER " + quote_ident(base + "_u") + " BEFORE UPDATE ON " +
-         quote_ident(t.name) + " " + raise + "CREATE TRIGGER " + quote_ident(base + "_d") +
-         " BEFORE DELETE ON " + quote_ident(t.name) + " " + raise;
+  return "CREATE TRIGGER " + sql_quote(base + "_i") + " BEFORE INSERT ON " + sql_quote(t.name) +
+         " " + raise + "CREATE TRIGGER " + sql_quote(base + "_u") + " BEFORE UPDATE ON " +
+         sql_quote(t.name) + " " + raise + "CREATE TRIGGER " + sql_quote(base + "_d") +
+         " BEFORE DELETE ON " + sql_quote(t.name) + " " + raise;
 }
 
 // Counts and hashes every row of table t of a SQLite file into sum; each_row
@@ -490,8 +466,8 @@ std::string sqlite_static_sql(const Table &t) {
 void sqlite_read_table(sqlite3 *db, const std::string &dbname, const Table &t, TableSum &sum,
                        const std::function<void(const std::vector<Cell> &)> &each_row = nullptr) {
   std::string cols;
-  for (const Column &c : t.cols) cols += (cols.empty() ? "" : ", ") + quote_ident(c.name);
-  Stmt s = sqlite_prepare(db, "SELECT " + cols + " FROM " + quote_ident(t.name));
+  for (const Column &c : t.cols) cols += (cols.empty() ? "" : ", ") + sql_quote(c.name);
+  SqliteStmt s = sqlite_prepare(db, "SELECT " + cols + " FROM " + sql_quote(t.name));
   std::vector<Cell> cells(t.cols.size());
   int rc;
   int64_t row = 0;
@@ -555,7 +531,7 @@ public:
     flush();
     if (PQputCopyEnd(conn_, nullptr) != 1) throw CopyError{PQerrorMessage(conn_)};
     done_ = true;
-    Result r(PQgetResult(conn_));
+    PgResult r(PQgetResult(conn_));
     std::string msg = r && PQresultStatus(r.get()) == PGRES_COMMAND_OK
                           ? ""
                           : (r ? PQresultErrorMessage(r.get()) : PQerrorMessage(conn_));
@@ -604,22 +580,22 @@ void check_identifier(const std::string &where, const std::string &name) {
 // Creates schema name with its marker table, which holds one row (the
 // PostgreSQL store counts it up in every transaction that writes).
 void pg_create_schema(PGconn *conn, const std::string &name) {
-  std::string marker = quote_ident(name) + "." + quote_ident(MARKER_TABLE);
-  pg_exec(conn, "CREATE SCHEMA " + quote_ident(name));
+  std::string marker = sql_quote(name) + "." + sql_quote(MARKER_TABLE);
+  pg_exec(conn, "CREATE SCHEMA " + sql_quote(name));
   pg_exec(conn, "CREATE TABLE " + marker + " (n bigint NOT NULL DEFAULT 0)");
   pg_exec(conn, "INSERT INTO " + marker + " (n) VALUES (0)");
 }
 
 void pg_create_table(PGconn *conn, const std::string &schema, const Table &t) {
-  std::string qt = quote_ident(schema) + "." + quote_ident(t.name);
+  std::string qt = sql_quote(schema) + "." + sql_quote(t.name);
   std::string sql = "CREATE TABLE " + qt + " (";
   for (size_t k = 0; k < t.cols.size(); ++k)
-    sql += (k ? ", " : "") + quote_ident(t.cols[k].name) + " " +
+    sql += (k ? ", " : "") + sql_quote(t.cols[k].name) + " " +
            pg_column_declaration(t.cols[k].type, t.cols[k].not_null);
   pg_exec(conn, sql + ")");
   for (const Column &c : t.cols)
-    pg_exec(conn, "COMMENT ON COLUMN " + qt + "." + quote_ident(c.name) + " IS " +
-                      quote_literal(declared_type(c.type)));
+    pg_exec(conn, "COMMENT ON COLUMN " + qt + "." + sql_quote(c.name) + " IS " +
+                      sql_literal(declared_type(c.type)));
 }
 
 // Makes table t of schema static as the SQLite store's triggers do: every
@@ -628,7 +604,7 @@ void pg_create_table(PGconn *conn, const std::string &schema, const Table &t) {
 // that no tavrind has served yet lacks that function; it is made here then,
 // as the store makes it (left alone when it exists).
 void pg_make_static(PGconn *conn, const std::string &schema, const Table &t) {
-  Result fn = pg_exec(conn, "SELECT 1 FROM pg_proc p JOIN pg_namespace n ON n.oid = p.pronamespace "
+  PgResult fn = pg_exec(conn, "SELECT 1 FROM pg_proc p JOIN pg_namespace n ON n.oid = p.pronamespace "
                             "WHERE n.nspname = 'TAVRIN$' AND p.proname = 'refuse_static'");
   if (PQntuples(fn.get()) == 0) {
     pg_exec(conn, "CREATE SCHEMA IF NOT EXISTS \"TAVRIN$\"");
@@ -638,18 +614,18 @@ void pg_make_static(PGconn *conn, const std::string &schema, const Table &t) {
   }
   std::string base = static_trigger_base(t);
   for (const char *ev : {"_i INSERT", "_u UPDATE", "_d DELETE"})
-    pg_exec(conn, "CREATE TRIGGER " + quote_ident(base + std::string(ev, 2)) + " BEFORE " +
-                      (ev + 3) + " ON " + quote_ident(schema) + "." + quote_ident(t.name) +
+    pg_exec(conn, "CREATE TRIGGER " + sql_quote(base + std::string(ev, 2)) + " BEFORE " +
+                      (ev + 3) + " ON " + sql_quote(schema) + "." + sql_quote(t.name) +
                       " FOR EACH ROW EXECUTE FUNCTION \"TAVRIN$\".refuse_static()");
 }
 
 void pg_create_indexes(PGconn *conn, const std::string &schema, const Table &t) {
   for (const Index &ix : t.indexes) {
     std::string cols;
-    for (const std::string &c : ix.cols) cols += (cols.empty() ? "" : ", ") + quote_ident(c);
+    for (const std::string &c : ix.cols) cols += (cols.empty() ? "" : ", ") + sql_quote(c);
     pg_exec(conn, std::string("CREATE ") + (ix.unique ? "UNIQUE " : "") + "INDEX " +
-                      quote_ident(ix.name) + " ON " + quote_ident(schema) + "." +
-                      quote_ident(t.name) + " (" + cols + ")");
+                      sql_quote(ix.name) + " ON " + sql_quote(schema) + "." +
+                      sql_quote(t.name) + " (" + cols + ")");
   }
 }
 
@@ -662,8 +638,8 @@ void copy_table(PGconn *conn, sqlite3 *db, const std::string &name, const Table 
   TableSum source, copied;
   {
     std::string cols;
-    for (const Column &c : t.cols) cols += (cols.empty() ? "" : ", ") + quote_ident(c.name);
-    Result r(PQexec(conn, ("COPY " + quote_ident(name) + "." + quote_ident(t.name) + " (" + cols +
+    for (const Column &c : t.cols) cols += (cols.empty() ? "" : ", ") + sql_quote(c.name);
+    PgResult r(PQexec(conn, ("COPY " + sql_quote(name) + "." + sql_quote(t.name) + " (" + cols +
                            ") FROM STDIN (FORMAT binary)")
                               .c_str()));
     if (!r || PQresultStatus(r.get()) != PGRES_COPY_IN)
@@ -698,7 +674,7 @@ void import_database(PGconn *conn, const std::string &name, const std::string &p
                      std::vector<std::string> &report) {
   sqlite3 *raw = nullptr;
   int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
-  Db db(raw);
+  SqliteDb db(raw);
   if (rc != SQLITE_OK)
     throw CopyError{path + ": " + (raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc))};
   type_register_collation(db.get());
@@ -731,7 +707,7 @@ void import_database(PGconn *conn, const std::string &name, const std::string &p
 }
 
 bool pg_schema_exists(PGconn *conn, const std::string &name) {
-  Result r = pg_exec(conn, "SELECT 1 FROM pg_namespace WHERE nspname = $1", {name});
+  PgResult r = pg_exec(conn, "SELECT 1 FROM pg_namespace WHERE nspname = $1", {name});
   return PQntuples(r.get()) > 0;
 }
 
@@ -755,7 +731,7 @@ ColType pg_column_type(const std::string &comment, const std::string &pg_type) {
 // The layout of schema name as of the transaction's snapshot.
 std::vector<Table> pg_layout(PGconn *conn, const std::string &name) {
   std::vector<Table> tables;
-  Result rels =
+  PgResult rels =
       pg_exec(conn,
               "SELECT c.oid, c.relname FROM pg_class c JOIN pg_namespace n "
               "ON n.oid = c.relnamespace WHERE n.nspname = $1 AND c.relkind IN ('r', 'p') "
@@ -765,7 +741,7 @@ std::vector<Table> pg_layout(PGconn *conn, const std::string &name) {
     std::string oid = PQgetvalue(rels.get(), k, 0);
     Table t;
     t.name = PQgetvalue(rels.get(), k, 1);
-    Result cols = pg_exec(conn,
+    PgResult cols = pg_exec(conn,
                           "SELECT attname, format_type(atttypid, atttypmod), attnotnull, "
                           "coalesce(col_description(attrelid, attnum), '') FROM pg_attribute "
                           "WHERE attrelid = $1 AND attnum > 0 AND NOT attisdropped ORDER BY attnum",
@@ -774,13 +750,13 @@ std::vector<Table> pg_layout(PGconn *conn, const std::string &name) {
       t.cols.push_back({PQgetvalue(cols.get(), c, 0),
                         pg_column_type(PQgetvalue(cols.get(), c, 3), PQgetvalue(cols.get(), c, 1)),
                         std::string(PQgetvalue(cols.get(), c, 2)) == "t"});
-    Result trig = pg_exec(conn, "SELECT 1 FROM pg_trigger WHERE tgrelid = $1 AND tgname = $2",
+    PgResult trig = pg_exec(conn, "SELECT 1 FROM pg_trigger WHERE tgrelid = $1 AND tgname = $2",
                           {oid, static_trigger_base(t) + "_i"});
     t.is_static = PQntuples(trig.get()) > 0;
     // Each key column of each index, as its definition names it: a plain
     // column, or an expression over one column (an index that compares by
     // the string rule), which the file indexes by the column itself.
-    Result ixs =
+    PgResult ixs =
         pg_exec(conn,
                 "SELECT i.relname, x.indisunique, pg_get_indexdef(x.indexrelid, k.ord::int, "
                 "true) FROM pg_index x JOIN pg_class i ON i.oid = x.indexrelid, "
@@ -797,9 +773,9 @@ std::vector<Table> pg_layout(PGconn *conn, const std::string &name) {
       }
       const Column *found = nullptr;
       for (const Column &c : t.cols)
-        if (def == c.name || def == quote_ident(c.name)) found = &c;
+        if (def == c.name || def == sql_quote(c.name)) found = &c;
       for (const Column &c : t.cols)
-        if (!found && def.find(quote_ident(c.name)) != std::string::npos) found = &c;
+        if (!found && def.find(sql_quote(c.name)) != std::string::npos) found = &c;
       if (!found)
         throw CopyError{name + "." + t.name + ": the index " + iname + " has the key " + def +
                         ", which names no column"};
@@ -817,16 +793,16 @@ void save_tables(PGconn *conn, const std::string &name, const std::vector<Table>
                  sqlite3 *db) {
   for (const Table &t : tables) {
     std::string where = name + "." + t.name;
-    std::string sql = "CREATE TABLE " + quote_ident(t.name) + " (";
+    std::string sql = "CREATE TABLE " + sql_quote(t.name) + " (";
     std::string params;
     for (size_t k = 0; k < t.cols.size(); ++k) {
-      sql += (k ? ", " : "") + quote_ident(t.cols[k].name) + " " +
+      sql += (k ? ", " : "") + sql_quote(t.cols[k].name) + " " +
              type_declaration(t.cols[k].type, t.cols[k].not_null);
       params += k ? ", ?" : "?";
     }
     sqlite_run(db, sql + ")");
-    Stmt ins =
-        sqlite_prepare(db, "INSERT INTO " + quote_ident(t.name) + " VALUES (" + params + ")");
+    SqliteStmt ins =
+        sqlite_prepare(db, "INSERT INTO " + sql_quote(t.name) + " VALUES (" + params + ")");
     TableSum source, written;
     pg_read_table(conn, name, t, source, [&](const PGresult *r, int row) {
       for (int col = 0; col < static_cast<int>(t.cols.size()); ++col) {
@@ -861,9 +837,9 @@ void save_tables(PGconn *conn, const std::string &name, const std::vector<Table>
       throw CopyError{where + ": the rows written to the file differ from PostgreSQL's"};
     for (const Index &ix : t.indexes) {
       std::string cols;
-      for (const std::string &c : ix.cols) cols += (cols.empty() ? "" : ", ") + quote_ident(c);
+      for (const std::string &c : ix.cols) cols += (cols.empty() ? "" : ", ") + sql_quote(c);
       sqlite_run(db, std::string("CREATE ") + (ix.unique ? "UNIQUE " : "") + "INDEX " +
-                         quote_ident(ix.name) + " ON " + quote_ident(t.name) + " (" + cols + ")");
+                         sql_quote(ix.name) + " ON " + sql_quote(t.name) + " (" + cols + ")");
     }
     if (t.is_static) sqlite_run(db, sqlite_static_sql(t));
   }
@@ -893,7 +869,7 @@ int pgcopy_import_sqlite(PGconn *conn, const std::string &dir, std::vector<std::
     std::vector<std::string> names = catalog_list(cat);
     if (names.empty()) throw CopyError{cat.dir + ": no databases (NAME.db files) in the folder"};
     {
-      Result enc = pg_exec(conn, "SHOW server_encoding");
+      PgResult enc = pg_exec(conn, "SHOW server_encoding");
       if (std::string(PQgetvalue(enc.get(), 0, 0)) != "UTF8")
         throw CopyError{std::string("the PostgreSQL database has the encoding ") +
                         PQgetvalue(enc.get(), 0, 0) + ", not UTF8"};
@@ -926,7 +902,7 @@ int pgcopy_save_to_sqlite(PGconn *conn, const std::string &name, const std::stri
     struct stat sb;
     if (stat(path.c_str(), &sb) == 0) throw CopyError{path + " exists already"};
     PgTransaction tx(conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
-    Result marker =
+    PgResult marker =
         pg_exec(conn,
                 "SELECT 1 FROM pg_class c JOIN pg_namespace n ON n.oid = c.relnamespace "
                 "WHERE n.nspname = $1 AND c.relname = $2",
@@ -943,7 +919,7 @@ int pgcopy_save_to_sqlite(PGconn *conn, const std::string &name, const std::stri
     made = true;
     sqlite3 *raw = nullptr;
     int rc = sqlite3_open_v2(tmp.c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
-    Db db(raw);
+    SqliteDb db(raw);
     if (rc != SQLITE_OK)
       throw CopyError{tmp + ": " + (raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc))};
     if (type_register_collation(db.get()) != SQLITE_OK)

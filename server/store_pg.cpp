@@ -45,6 +45,8 @@
 
 #include "server/catalog.h"
 #include "server/pgcopy.h"
+#include "server/pgptr.h"
+#include "server/sqltext.h"
 
 #include <libpq-fe.h>
 
@@ -66,20 +68,6 @@ namespace tavrind {
 
 namespace {
 
-struct ResultFree {
-  void operator()(PGresult *r) const { PQclear(r); }
-};
-using Result = std::unique_ptr<PGresult, ResultFree>;
-
-struct ConnFree {
-  void operator()(PGconn *c) const { PQfinish(c); }
-};
-using ConnPtr = std::unique_ptr<PGconn, ConnFree>;
-
-struct CancelFree {
-  void operator()(PGcancel *c) const { PQfreeCancel(c); }
-};
-
 const char *const MARKER = "TAVRIN$DB";
 const char *const STATIC_PREFIX = "_static_";
 const char *const BEGIN_SQL = "BEGIN ISOLATION LEVEL REPEATABLE READ";
@@ -90,30 +78,6 @@ constexpr int POLL_MS = 2;
 // A connection that has read nothing for this long is asked for
 // notifications and for a closed socket before its next statement.
 constexpr std::chrono::milliseconds IDLE_READ{5};
-
-std::string upper(std::string s) {
-  for (char &c : s)
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  return s;
-}
-
-std::string quote(const std::string &name) {
-  std::string r = "\"";
-  for (char c : name) {
-    if (c == '"') r += '"';
-    r += c;
-  }
-  return r + "\"";
-}
-
-std::string literal(const std::string &s) {
-  std::string r = "'";
-  for (char c : s) {
-    if (c == '\'') r += '\'';
-    r += c;
-  }
-  return r + "'";
-}
 
 // The advisory lock key of database name: FNV-1a over a fixed prefix and
 // the name, the same in every tavrind process.
@@ -210,7 +174,7 @@ std::string setup_sql() {
          "CREATE OR REPLACE FUNCTION \"TAVRIN$\".k(s text) RETURNS text LANGUAGE sql "
          "IMMUTABLE STRICT PARALLEL SAFE AS $f$ SELECT translate(regexp_replace(rtrim(s, ' '), "
          "'[^\\u0001-\\u00ff]', '?', 'g'), " +
-         literal(from) + ", " + literal(to) +
+         sql_literal(from) + ", " + sql_literal(to) +
          ") $f$;"
          "CREATE OR REPLACE FUNCTION \"TAVRIN$\".up(s text) RETURNS text LANGUAGE sql "
          "IMMUTABLE STRICT PARALLEL SAFE AS $f$ SELECT translate(s, "
@@ -222,12 +186,12 @@ std::string setup_sql() {
 
 // Opens a connection: conninfo with the application name (which others see
 // in pg_stat_activity) and a connect timeout unless conninfo has its own.
-ConnPtr connect(const std::string &conninfo, const std::string &application, std::string &err) {
+PgConnPtr connect(const std::string &conninfo, const std::string &application, std::string &err) {
   const char *keys[] = {"connect_timeout", "dbname", "application_name", "client_encoding",
                         nullptr};
   std::string app = application.substr(0, 63);
   const char *vals[] = {"10", conninfo.c_str(), app.c_str(), "UTF8", nullptr};
-  ConnPtr c(PQconnectdbParams(keys, vals, 1));
+  PgConnPtr c(PQconnectdbParams(keys, vals, 1));
   if (!c || PQstatus(c.get()) != CONNECTION_OK) {
     err = c ? PQerrorMessage(c.get()) : "out of memory";
     while (!err.empty() && (err.back() == '\n' || err.back() == ' ')) err.pop_back();
@@ -252,7 +216,7 @@ bool connection_gone(PGconn *c, const PGresult *r) {
 // results; the first failure's text into err. For the store's own work on
 // the administrative connection.
 int admin_exec(PGconn *c, const std::string &sql, std::string &err,
-               std::vector<Result> *results = nullptr, bool *gone = nullptr) {
+               std::vector<PgResult> *results = nullptr, bool *gone = nullptr) {
   if (!PQsendQuery(c, sql.c_str())) {
     err = PQerrorMessage(c);
     if (gone) *gone = true;
@@ -260,7 +224,7 @@ int admin_exec(PGconn *c, const std::string &sql, std::string &err,
   }
   int ok = 1;
   while (PGresult *r = PQgetResult(c)) {
-    Result res(r);
+    PgResult res(r);
     ExecStatusType st = PQresultStatus(r);
     if (st != PGRES_COMMAND_OK && st != PGRES_TUPLES_OK && ok) {
       err = PQresultErrorMessage(r);
@@ -279,10 +243,10 @@ class PgStore;
 
 class PgConn final : public StoreConn {
 public:
-  PgConn(PgStore &store, std::string name, ConnPtr c, StoreCheck check, void *arg)
+  PgConn(PgStore &store, std::string name, PgConnPtr c, StoreCheck check, void *arg)
       : store_(store), name_(std::move(name)), c_(std::move(c)), cancel_(PQgetCancel(c_.get())),
         check_(check), arg_(arg), key_(lock_key(name_)),
-        lock_sql_("UPDATE " + quote(name_) + "." + quote(MARKER) +
+        lock_sql_("UPDATE " + sql_quote(name_) + "." + sql_quote(MARKER) +
                   " SET n = n + 1 / pg_try_advisory_xact_lock(" + std::to_string(key_) +
                   ")::int RETURNING n") {}
 
@@ -290,7 +254,7 @@ public:
 
   // Sets the connection up for database name: search path, LISTEN.
   void start() {
-    run_simple("SET search_path = " + quote(name_) + "; LISTEN tavrin_schema");
+    run_simple("SET search_path = " + sql_quote(name_) + "; LISTEN tavrin_schema");
   }
 
   // --- dialect
@@ -403,7 +367,7 @@ public:
   void exec(const std::string &sql, const std::string &unique_error = "") override {
     unique_error_ = unique_error;
     try {
-      std::string all = sql + "; NOTIFY tavrin_schema, " + literal(name_);
+      std::string all = sql + "; NOTIFY tavrin_schema, " + sql_literal(name_);
       if (in_txn_ && !single_) {
         // A savepoint of its own, as run() gives every other statement.
         in_statement_ = true;
@@ -412,7 +376,7 @@ public:
         } catch (...) {
           in_statement_ = false;
           if (!lost_ && in_aborted_txn()) {
-            Result undo(PQexec(c_.get(), "ROLLBACK TO tavrin_q; RELEASE tavrin_q"));
+            PgResult undo(PQexec(c_.get(), "ROLLBACK TO tavrin_q; RELEASE tavrin_q"));
             if (PQresultStatus(undo.get()) != PGRES_COMMAND_OK) end_txn("ROLLBACK");
           }
           throw;
@@ -429,32 +393,32 @@ public:
     ++version_;
   }
   void create_table(const std::string &name, const std::vector<ColumnInfo> &cols) override {
-    std::string sql = "CREATE TABLE " + quote(name) + " (";
+    std::string sql = "CREATE TABLE " + sql_quote(name) + " (";
     for (size_t i = 0; i < cols.size(); ++i)
-      sql += (i ? ", " : "") + quote(cols[i].name) + " " +
+      sql += (i ? ", " : "") + sql_quote(cols[i].name) + " " +
              pg_declaration(cols[i].type, cols[i].not_null);
     sql += ")";
     for (const auto &c : cols)
-      sql += "; COMMENT ON COLUMN " + quote(name) + "." + quote(c.name) + " IS " +
-             literal(declared(c.type));
+      sql += "; COMMENT ON COLUMN " + sql_quote(name) + "." + sql_quote(c.name) + " IS " +
+             sql_literal(declared(c.type));
     exec(sql);
   }
   int change(const std::string &sql, const std::vector<SqlValue> &params) override {
-    Result r = run_prepared(sql, params);
+    PgResult r = run_prepared(sql, params);
     return atoi(PQcmdTuples(r.get()));
   }
   std::unique_ptr<StoreRows> query(const std::string &sql, const std::vector<SqlValue> &params,
                                    bool cursor) override;
   void set_static(const std::string &table, bool make_static) override {
-    std::string base = std::string(STATIC_PREFIX) + upper(table);
+    std::string base = std::string(STATIC_PREFIX) + sql_upper(table);
     std::string sql;
     for (const char *suffix : {"_i", "_u", "_d"}) {
       const char *event = suffix[1] == 'i' ? "INSERT" : suffix[1] == 'u' ? "UPDATE" : "DELETE";
       if (!sql.empty()) sql += "; ";
-      sql += make_static ? "CREATE TRIGGER " + quote(base + suffix) + " BEFORE " + event +
-                               " ON " + quote(table) +
+      sql += make_static ? "CREATE TRIGGER " + sql_quote(base + suffix) + " BEFORE " + event +
+                               " ON " + sql_quote(table) +
                                " FOR EACH ROW EXECUTE FUNCTION \"TAVRIN$\".refuse_static()"
-                         : "DROP TRIGGER IF EXISTS " + quote(base + suffix) + " ON " + quote(table);
+                         : "DROP TRIGGER IF EXISTS " + sql_quote(base + suffix) + " ON " + sql_quote(table);
     }
     exec(sql);
   }
@@ -464,23 +428,23 @@ public:
 
   // Runs sql without parameters (one or more statements) and waits for it.
   // Returns the last result. Throws.
-  Result run_simple(const std::string &sql) {
+  PgResult run_simple(const std::string &sql) {
     if (opening_) open_now();
     revive();
     if (!PQsendQuery(c_.get(), sql.c_str())) failed_send();
     return wait();
   }
   // Runs sql with parameters, prepared once per text and parameter types.
-  Result run_prepared(const std::string &sql, const std::vector<SqlValue> &params);
+  PgResult run_prepared(const std::string &sql, const std::vector<SqlValue> &params);
   // Streams the rows of a query (prepared as run_prepared does), one
   // result per row: stream_start sends it, stream_next gives the next row
   // or null when they are over (having read what is left; throws as wait()
   // does), stream_abandon cancels a stream not read to its end.
   void stream_start(const std::string &sql, const std::vector<SqlValue> &params);
-  Result stream_next();
+  PgResult stream_next();
   void stream_abandon();
   // Runs sql with parameters unprepared (a cursor's DECLARE).
-  Result run_params(const std::string &sql, const std::vector<SqlValue> &params);
+  PgResult run_params(const std::string &sql, const std::vector<SqlValue> &params);
 
   // Reads what the server sent meanwhile (notifications, a closed socket).
   int consume() {
@@ -501,7 +465,7 @@ private:
   // whose snapshot is older than the last commit of a writer fails on the
   // marker row (505), inside a savepoint so that it can still read and end.
   bool take_lock(const std::string &prefix = "") {
-    std::string marker = quote(name_) + "." + quote(MARKER);
+    std::string marker = sql_quote(name_) + "." + sql_quote(MARKER);
     rows_of_ = prefix.empty() ? 1 : 2;
     last_rows_ = 0;
     if (!prefix.empty()) in_txn_ = true;
@@ -517,7 +481,7 @@ private:
       in_statement_ = was_in_statement;
       rows_of_ = -1;
       if (!lost_ && in_aborted_txn()) {
-        Result undo(PQexec(c_.get(), "ROLLBACK TO tavrin_lock; RELEASE tavrin_lock"));
+        PgResult undo(PQexec(c_.get(), "ROLLBACK TO tavrin_lock; RELEASE tavrin_lock"));
         if (PQstatus(c_.get()) == CONNECTION_BAD) lost_ = true;
       }
       throw;
@@ -562,7 +526,7 @@ private:
     cancel_.reset(PQgetCancel(c_.get()));
     prepared_.clear();
     ++version_; // the schema may have changed meanwhile
-    run_simple("SET search_path = " + quote(name_) + "; LISTEN tavrin_schema");
+    run_simple("SET search_path = " + sql_quote(name_) + "; LISTEN tavrin_schema");
   }
 
   [[noreturn]] void failed_send() {
@@ -582,18 +546,18 @@ private:
   // Waits for the results of what was sent, asking the check function
   // between short polls; a stop is sent as a cancel request. Returns the
   // last result; throws the first failure.
-  Result wait(bool pipeline = false, int want = -1);
+  PgResult wait(bool pipeline = false, int want = -1);
   // Waits until a result can be read, asking the check function between
   // short polls and sending a cancel when it asks to stop.
   void pump(bool &cancelled);
   // Reads what is left of a stream; throws what failed.
-  void stream_finish(Result failed);
+  void stream_finish(PgResult failed);
   // The name of the prepared statement of sql for these parameter types,
   // prepared now when it is new.
   const std::string &prepared(const std::string &sql, const struct Params &p);
   // Sends a statement with send and waits for it; inside a transaction
   // guarded by a savepoint (see there). Throws.
-  Result run(const std::function<int(PGconn *)> &send);
+  PgResult run(const std::function<int(PGconn *)> &send);
   // Throws what a failed result means.
   [[noreturn]] void raise(PGresult *r);
   // Opens the pending writing transaction on its own round trip (for
@@ -610,8 +574,8 @@ private:
 
   PgStore &store_;
   std::string name_;
-  ConnPtr c_;
-  std::unique_ptr<PGcancel, CancelFree> cancel_;
+  PgConnPtr c_;
+  PgCancelPtr cancel_;
   StoreCheck check_;
   void *arg_;
   int64_t key_;
@@ -646,7 +610,7 @@ private:
 
 class PgStore final : public Store {
 public:
-  PgStore(Catalog &cat, std::string conninfo, ConnPtr admin)
+  PgStore(Catalog &cat, std::string conninfo, PgConnPtr admin)
       : cat_(cat), conninfo_(std::move(conninfo)), admin_(std::move(admin)) {}
 
   int init(bool demo, std::string &err) override;
@@ -660,11 +624,11 @@ public:
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<std::string> names;
     std::string err;
-    std::vector<Result> rs;
+    std::vector<PgResult> rs;
     admin_or_throw();
     if (!admin_run("SELECT n.nspname FROM pg_namespace n JOIN pg_class c ON c.relnamespace = "
                     "n.oid WHERE c.relname = " +
-                        literal(MARKER) + " AND c.relkind = 'r' ORDER BY 1",
+                        sql_literal(MARKER) + " AND c.relkind = 'r' ORDER BY 1",
                     err, &rs))
       return names;
     for (int i = 0; i < PQntuples(rs.back().get()); ++i) {
@@ -682,8 +646,8 @@ public:
       err = "keine TAVRIN-Datenbank";
       return 0;
     }
-    return admin_run("DROP SCHEMA " + quote(name) + " CASCADE; NOTIFY tavrin_schema, " +
-                         literal(name),
+    return admin_run("DROP SCHEMA " + sql_quote(name) + " CASCADE; NOTIFY tavrin_schema, " +
+                         sql_literal(name),
                      err);
   }
   // A commit waits in the poll loop, which asks the check function.
@@ -725,11 +689,11 @@ public:
       std::lock_guard<std::mutex> lock(mutex_);
       if (markers_ready_.count(name)) return 1;
     }
-    std::string marker = quote(name) + "." + quote(MARKER);
-    std::vector<Result> rs;
+    std::string marker = sql_quote(name) + "." + sql_quote(MARKER);
+    std::vector<PgResult> rs;
     if (!admin_exec(c,
                     "SELECT count(*) FROM pg_attribute WHERE attrelid = " +
-                        literal(marker) + "::regclass AND attname = 'n' AND NOT attisdropped",
+                        sql_literal(marker) + "::regclass AND attname = 'n' AND NOT attisdropped",
                     err, &rs))
       return 0;
     if (std::string(PQgetvalue(rs.back().get(), 0, 0)) == "0" &&
@@ -770,7 +734,7 @@ private:
   // to be gone (PostgreSQL restarted) is made anew and sql tried once more.
   // Returns 1, or 0 with err set for a failing statement; throws error 516
   // when the cluster cannot be reached. Called with mutex_ held.
-  int admin_run(const std::string &sql, std::string &err, std::vector<Result> *rs = nullptr) {
+  int admin_run(const std::string &sql, std::string &err, std::vector<PgResult> *rs = nullptr) {
     for (int attempt = 0;; ++attempt) {
       if (rs) rs->clear();
       bool gone = false;
@@ -783,11 +747,11 @@ private:
   }
   bool marker_exists(const std::string &name) {
     if (!catalog_valid_name(name)) return false;
-    std::vector<Result> rs;
+    std::vector<PgResult> rs;
     std::string err;
     return admin_run("SELECT 1 FROM pg_namespace n JOIN pg_class c ON c.relnamespace = n.oid "
                       "WHERE n.nspname = " +
-                         literal(name) + " AND c.relname = " + literal(MARKER) +
+                         sql_literal(name) + " AND c.relname = " + sql_literal(MARKER) +
                          " AND c.relkind = 'r'",
                      err, &rs) &&
            PQntuples(rs.back().get()) > 0;
@@ -796,7 +760,7 @@ private:
   Catalog &cat_;
   std::string conninfo_;
   mutable std::mutex mutex_; // guards admin_ and markers_ready_
-  ConnPtr admin_;
+  PgConnPtr admin_;
   std::set<std::string> markers_ready_;
   std::mutex holders_mutex_;
   std::map<int64_t, const void *> holders_;
@@ -804,10 +768,10 @@ private:
 
 // --- running statements ------------------------------------------------------
 
-Result PgConn::wait(bool pipeline, int want) {
+PgResult PgConn::wait(bool pipeline, int want) {
   PGconn *c = c_.get();
   bool cancelled = false;
-  Result last, failed;
+  PgResult last, failed;
   int index = 0, command = 0;
   for (;;) {
     while (PQisBusy(c) && PQstatus(c) != CONNECTION_BAD) {
@@ -829,7 +793,7 @@ Result PgConn::wait(bool pipeline, int want) {
       ++command;
       continue;
     }
-    Result res(r);
+    PgResult res(r);
     ExecStatusType st = PQresultStatus(r);
     if (st == PGRES_PIPELINE_SYNC) break;
     if (st == PGRES_FATAL_ERROR || st == PGRES_NONFATAL_ERROR || st == PGRES_BAD_RESPONSE) {
@@ -852,7 +816,7 @@ Result PgConn::wait(bool pipeline, int want) {
   return last;
 }
 
-Result PgConn::run(const std::function<int(PGconn *)> &send) {
+PgResult PgConn::run(const std::function<int(PGconn *)> &send) {
   revive();
   PGconn *c = c_.get();
   bool open = opening_;
@@ -885,7 +849,7 @@ Result PgConn::run(const std::function<int(PGconn *)> &send) {
     read_opening(cancelled);
   }
   try {
-    Result r = wait(true, guard ? 1 : 0);
+    PgResult r = wait(true, guard ? 1 : 0);
     in_statement_ = false;
     PQexitPipelineMode(c);
     return r;
@@ -894,7 +858,7 @@ Result PgConn::run(const std::function<int(PGconn *)> &send) {
     PQexitPipelineMode(c);
     // Unguarded (a change's own transaction): its caller rolls back.
     if (guard && !lost_ && in_aborted_txn()) {
-      Result undo(PQexec(c, "ROLLBACK TO tavrin_q; RELEASE tavrin_q"));
+      PgResult undo(PQexec(c, "ROLLBACK TO tavrin_q; RELEASE tavrin_q"));
       if (PQresultStatus(undo.get()) != PGRES_COMMAND_OK) end_txn("ROLLBACK");
     }
     throw;
@@ -922,11 +886,11 @@ bool PgConn::send_opening(PGconn *c) {
 
 void PgConn::read_opening(bool &cancelled) {
   PGconn *c = c_.get();
-  Result failed;
+  PgResult failed;
   int rows = 0, command = 0;
   while (command < 2 && PQstatus(c) != CONNECTION_BAD) {
     pump(cancelled);
-    Result r(PQgetResult(c));
+    PgResult r(PQgetResult(c));
     if (!r) {
       ++command;
       continue;
@@ -947,7 +911,7 @@ void PgConn::read_opening(bool &cancelled) {
   // The rest of the pipeline was skipped by PostgreSQL: read up to its end.
   while (PQstatus(c) != CONNECTION_BAD) {
     pump(cancelled);
-    Result r(PQgetResult(c));
+    PgResult r(PQgetResult(c));
     if (r && PQresultStatus(r.get()) == PGRES_PIPELINE_SYNC) break;
   }
   PQexitPipelineMode(c);
@@ -1070,7 +1034,7 @@ std::string numbered(const std::string &sql) {
   return out;
 }
 
-Result PgConn::run_prepared(const std::string &sql, const std::vector<SqlValue> &params) {
+PgResult PgConn::run_prepared(const std::string &sql, const std::vector<SqlValue> &params) {
   revive();
   Params p(params);
   const std::string &name = prepared(sql, p);
@@ -1161,7 +1125,7 @@ void PgConn::stream_start(const std::string &sql, const std::vector<SqlValue> &p
     // The savepoint's result and the end of its results.
     for (int k = 0; k < 2; ++k) {
       pump(stream_cancelled_);
-      Result r(PQgetResult(c));
+      PgResult r(PQgetResult(c));
       if (r && PQresultStatus(r.get()) != PGRES_COMMAND_OK) {
         stream_finish(std::move(r));
         return;
@@ -1174,10 +1138,10 @@ void PgConn::stream_start(const std::string &sql, const std::vector<SqlValue> &p
   PQsetSingleRowMode(c);
 }
 
-Result PgConn::stream_next() {
+PgResult PgConn::stream_next() {
   PGconn *c = c_.get();
   pump(stream_cancelled_);
-  Result r(PQgetResult(c));
+  PgResult r(PQgetResult(c));
   // One row each; all rows in one result where single-row mode was not
   // taken.
   if (r && (PQresultStatus(r.get()) == PGRES_SINGLE_TUPLE ||
@@ -1189,13 +1153,13 @@ Result PgConn::stream_next() {
   return nullptr;
 }
 
-void PgConn::stream_finish(Result failed) {
+void PgConn::stream_finish(PgResult failed) {
   PGconn *c = c_.get();
   // What is left: the end of the query's results, and in a pipeline the
   // savepoint's release and the sync.
   for (;;) {
     pump(stream_cancelled_);
-    Result r(PQgetResult(c));
+    PgResult r(PQgetResult(c));
     if (!r) {
       if (!stream_pipeline_ || PQstatus(c) == CONNECTION_BAD) break;
       continue;
@@ -1214,7 +1178,7 @@ void PgConn::stream_finish(Result failed) {
     lost_error(failed ? PQresultErrorMessage(failed.get()) : PQerrorMessage(c));
   if (!failed) return;
   if (stream_pipeline_ && in_aborted_txn()) {
-    Result undo(PQexec(c, "ROLLBACK TO tavrin_q; RELEASE tavrin_q"));
+    PgResult undo(PQexec(c, "ROLLBACK TO tavrin_q; RELEASE tavrin_q"));
     if (PQresultStatus(undo.get()) != PGRES_COMMAND_OK) end_txn("ROLLBACK");
   }
   const char *state = PQresultErrorField(failed.get(), PG_DIAG_SQLSTATE);
@@ -1238,7 +1202,7 @@ void PgConn::stream_abandon() {
   }
 }
 
-Result PgConn::run_params(const std::string &sql, const std::vector<SqlValue> &params) {
+PgResult PgConn::run_params(const std::string &sql, const std::vector<SqlValue> &params) {
   revive();
   Params p(params);
   std::string text = numbered(sql);
@@ -1309,7 +1273,7 @@ private:
   PgConn &c_;
   std::string sql_;
   std::vector<SqlValue> params_;
-  Result pending_; // the result (one row, or all) being read
+  PgResult pending_; // the result (one row, or all) being read
   int at_ = 0;      // its next row
   bool started_ = false, done_ = false;
 };
@@ -1340,7 +1304,7 @@ public:
               int64_t limit, size_t max_bytes) override {
     if (!declared_) first();
     std::string count = limit == 0 ? "ALL" : std::to_string(limit);
-    Result r = c_.run_params("FETCH FORWARD " + count + " FROM " + name_, {});
+    PgResult r = c_.run_params("FETCH FORWARD " + count + " FROM " + name_, {});
     int n = PQntuples(r.get());
     append_result(r.get(), 0, n, out, cols, max_bytes);
     return limit != 0 && n >= limit;
@@ -1368,7 +1332,7 @@ void PgConn::load_schema(StoreSchema &schema) {
   schema.tables.clear();
   schema.indexes.clear();
   std::vector<SqlValue> args{name_, std::string(MARKER)};
-  Result cols = run_params(
+  PgResult cols = run_params(
       "SELECT c.relname, a.attname, format_type(a.atttypid, a.atttypmod), a.attnotnull::int, "
       "coalesce(col_description(c.oid, a.attnum), '') FROM pg_class c JOIN pg_namespace n ON "
       "n.oid = c.relnamespace JOIN pg_attribute a ON a.attrelid = c.oid WHERE n.nspname = ? AND "
@@ -1385,13 +1349,13 @@ void PgConn::load_schema(StoreSchema &schema) {
   };
   for (int i = 0; i < PQntuples(cols.get()); ++i) {
     std::string table = text(cols.get(), i, 0);
-    TableInfo &t = schema.tables[upper(table)];
+    TableInfo &t = schema.tables[sql_upper(table)];
     t.name = table;
     t.cols.push_back({text(cols.get(), i, 1),
                       column_type(text(cols.get(), i, 4), text(cols.get(), i, 2)),
                       is_one(cols.get(), i, 3)});
   }
-  Result ixs = run_params(
+  PgResult ixs = run_params(
       "SELECT i.relname, t.relname, x.indisunique::int, a.attname FROM pg_index x "
       "JOIN pg_class i ON i.oid = x.indexrelid JOIN pg_class t ON t.oid = x.indrelid "
       "JOIN pg_namespace n ON n.oid = t.relnamespace "
@@ -1401,13 +1365,13 @@ void PgConn::load_schema(StoreSchema &schema) {
       args);
   for (int i = 0; i < PQntuples(ixs.get()); ++i) {
     std::string iname = text(ixs.get(), i, 0);
-    IndexInfo &ix = schema.indexes[upper(iname)];
+    IndexInfo &ix = schema.indexes[sql_upper(iname)];
     ix.name = iname;
     ix.table = text(ixs.get(), i, 1);
     ix.unique = is_one(ixs.get(), i, 2);
     ix.cols.push_back(text(ixs.get(), i, 3));
   }
-  Result trg = run_params("SELECT g.tgname FROM pg_trigger g JOIN pg_class c ON c.oid = g.tgrelid "
+  PgResult trg = run_params("SELECT g.tgname FROM pg_trigger g JOIN pg_class c ON c.oid = g.tgrelid "
                           "JOIN pg_namespace n ON n.oid = c.relnamespace WHERE n.nspname = ? "
                           "AND NOT g.tgisinternal AND c.relname <> ?",
                           args);
@@ -1415,7 +1379,7 @@ void PgConn::load_schema(StoreSchema &schema) {
     std::string name = text(trg.get(), i, 0);
     if (name.rfind(STATIC_PREFIX, 0) == 0 && name.size() > 10 &&
         name.compare(name.size() - 2, 2, "_i") == 0) {
-      auto it = schema.tables.find(upper(name.substr(8, name.size() - 10)));
+      auto it = schema.tables.find(sql_upper(name.substr(8, name.size() - 10)));
       if (it != schema.tables.end()) it->second.is_static = true;
     }
   }
@@ -1424,7 +1388,7 @@ void PgConn::load_schema(StoreSchema &schema) {
 int PgConn::save(const std::string &path, std::string &err) {
   // A connection of its own reads the committed state, whatever this
   // channel has pending.
-  ConnPtr c = connect(store_.conninfo(), "tavrind save " + name_, err);
+  PgConnPtr c = connect(store_.conninfo(), "tavrind save " + name_, err);
   if (!c) return 0;
   return pgcopy_save_to_sqlite(c.get(), name_, path, err);
 }
@@ -1439,7 +1403,7 @@ std::string PgStore::lock_holder_text(int64_t key) {
   std::string err;
   if (!admin_ok(err)) return "";
   uint64_t k = static_cast<uint64_t>(key);
-  std::vector<Result> rs;
+  std::vector<PgResult> rs;
   if (!admin_exec(admin_.get(),
                   "SELECT coalesce(a.application_name, ''), coalesce(host(a.client_addr), ''), "
                   "l.pid, coalesce(to_char(a.xact_start, 'HH24:MI:SS'), '') FROM pg_locks l "
@@ -1465,12 +1429,12 @@ std::string PgStore::lock_holder_text(int64_t key) {
 std::unique_ptr<StoreConn> PgStore::open(const std::string &name, bool create, StoreCheck check,
                                          void *arg, const std::string &application,
                                          std::string &err) {
-  ConnPtr c = connect(conninfo_, application, err);
+  PgConnPtr c = connect(conninfo_, application, err);
   if (!c) return nullptr;
   if (create) {
-    std::string marker = quote(name) + "." + quote(MARKER);
+    std::string marker = sql_quote(name) + "." + sql_quote(MARKER);
     if (!admin_exec(c.get(),
-                    "BEGIN; CREATE SCHEMA " + quote(name) + "; CREATE TABLE " + marker +
+                    "BEGIN; CREATE SCHEMA " + sql_quote(name) + "; CREATE TABLE " + marker +
                         " (n bigint NOT NULL DEFAULT 0); INSERT INTO " + marker +
                         " (n) VALUES (0); COMMIT",
                     err)) {
@@ -1531,7 +1495,7 @@ int PgStore::init(bool demo, std::string &err) {
 } // namespace
 
 std::unique_ptr<Store> store_pg(Catalog &cat, const std::string &conninfo, std::string &err) {
-  ConnPtr admin = connect(conninfo, "tavrind", err);
+  PgConnPtr admin = connect(conninfo, "tavrind", err);
   if (!admin) return nullptr;
   const char *enc = PQparameterStatus(admin.get(), "server_encoding");
   if (!enc || strcmp(enc, "UTF8") != 0) {

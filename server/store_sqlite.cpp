@@ -10,6 +10,8 @@
 #include "server/store.h"
 
 #include "server/catalog.h"
+#include "server/sqliteptr.h"
+#include "server/sqltext.h"
 
 #include <sqlite3.h>
 
@@ -20,31 +22,6 @@
 namespace tavrind {
 
 namespace {
-
-struct StmtDeleter {
-  void operator()(sqlite3_stmt *s) const { sqlite3_finalize(s); }
-};
-using StmtPtr = std::unique_ptr<sqlite3_stmt, StmtDeleter>;
-
-struct DbDeleter {
-  void operator()(sqlite3 *db) const { sqlite3_close_v2(db); }
-};
-using DbPtr = std::unique_ptr<sqlite3, DbDeleter>;
-
-std::string upper(std::string s) {
-  for (char &c : s)
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  return s;
-}
-
-std::string quote(const std::string &name) {
-  std::string r = "\"";
-  for (char c : name) {
-    if (c == '"') r += '"';
-    r += c;
-  }
-  return r + "\"";
-}
 
 // Prefix of the triggers that make a table static, and the start of the
 // message they raise.
@@ -74,12 +51,12 @@ public:
 private:
   SqliteConn &c_;
   std::string sql_;
-  StmtPtr s_;
+  SqliteStmt s_;
 };
 
 class SqliteConn final : public StoreConn {
 public:
-  SqliteConn(Catalog &cat, std::string name, DbPtr db, StoreCheck check, void *arg)
+  SqliteConn(Catalog &cat, std::string name, SqliteDb db, StoreCheck check, void *arg)
       : cat_(cat), name_(std::move(name)), db_(std::move(db)), check_(check), arg_(arg) {
     sqlite3_progress_handler(db_.get(), PROGRESS_STEPS, &SqliteConn::progress, this);
   }
@@ -89,7 +66,7 @@ public:
   }
 
   sqlite3 *db() const { return db_.get(); }
-  std::unordered_map<std::string, StmtPtr> cache_;
+  std::unordered_map<std::string, SqliteStmt> cache_;
 
   // Throws the error that an SQLite failure means for the client.
   [[noreturn]] void raise(int rc);
@@ -165,9 +142,9 @@ public:
     raise(rc);
   }
   void create_table(const std::string &name, const std::vector<ColumnInfo> &cols) override {
-    std::string sql = "CREATE TABLE " + quote(name) + " (";
+    std::string sql = "CREATE TABLE " + sql_quote(name) + " (";
     for (size_t i = 0; i < cols.size(); ++i)
-      sql += (i ? ", " : "") + quote(cols[i].name) + " " +
+      sql += (i ? ", " : "") + sql_quote(cols[i].name) + " " +
              type_declaration(cols[i].type, cols[i].not_null);
     exec(sql + ")");
   }
@@ -204,7 +181,7 @@ private:
 
   Catalog &cat_;
   std::string name_;
-  DbPtr db_;
+  SqliteDb db_;
   StoreCheck check_;
   void *arg_;
   bool interrupted_ = false; // the check function stopped the running statement
@@ -268,8 +245,8 @@ void SqliteConn::raise(int rc) {
         std::string item =
             list.substr(p, comma == std::string::npos ? std::string::npos : comma - p);
         size_t dot = item.find('.');
-        table = upper(item.substr(0, dot));
-        cols.push_back(upper(dot == std::string::npos ? item : item.substr(dot + 1)));
+        table = sql_upper(item.substr(0, dot));
+        cols.push_back(sql_upper(dot == std::string::npos ? item : item.substr(dot + 1)));
         if (comma == std::string::npos) break;
         p = comma + 2;
       }
@@ -298,10 +275,10 @@ void SqliteConn::load_schema(StoreSchema &schema) {
     if (type == "trigger") {
       if (name.rfind(STATIC_PREFIX, 0) == 0 && name.size() > 10 &&
           name.compare(name.size() - 2, 2, "_i") == 0)
-        statics.push_back(upper(name.substr(8, name.size() - 10)));
+        statics.push_back(sql_upper(name.substr(8, name.size() - 10)));
       continue;
     }
-    if (name.empty() || name[0] == '_' || upper(name).rfind("SQLITE_", 0) == 0) continue;
+    if (name.empty() || name[0] == '_' || sql_upper(name).rfind("SQLITE_", 0) == 0) continue;
     TableInfo t;
     t.name = name;
     {
@@ -326,7 +303,7 @@ void SqliteConn::load_schema(StoreSchema &schema) {
       int rc;
       while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
         std::string iname = reinterpret_cast<const char *>(sqlite3_column_text(s.get(), 0));
-        IndexInfo &ix = schema.indexes[upper(iname)];
+        IndexInfo &ix = schema.indexes[sql_upper(iname)];
         ix.name = iname;
         ix.table = name;
         ix.unique = sqlite3_column_int(s.get(), 1) != 0;
@@ -335,7 +312,7 @@ void SqliteConn::load_schema(StoreSchema &schema) {
       }
       if (rc != SQLITE_DONE) raise(rc);
     }
-    schema.tables[upper(name)] = std::move(t);
+    schema.tables[sql_upper(name)] = std::move(t);
   }
   for (const auto &n : statics) {
     auto it = schema.tables.find(n);
@@ -344,18 +321,18 @@ void SqliteConn::load_schema(StoreSchema &schema) {
 }
 
 void SqliteConn::set_static(const std::string &table, bool make_static) {
-  std::string base = std::string(STATIC_PREFIX) + upper(table);
+  std::string base = std::string(STATIC_PREFIX) + sql_upper(table);
   std::string sql;
   if (make_static) {
     std::string raise =
         "BEGIN SELECT RAISE(ABORT, '" + std::string(STATIC_MESSAGE) + table + "'); END;";
-    sql = "CREATE TRIGGER " + quote(base + "_i") + " BEFORE INSERT ON " + quote(table) + " " +
-          raise + "CREATE TRIGGER " + quote(base + "_u") + " BEFORE UPDATE ON " + quote(table) +
-          " " + raise + "CREATE TRIGGER " + quote(base + "_d") + " BEFORE DELETE ON " +
-          quote(table) + " " + raise;
+    sql = "CREATE TRIGGER " + sql_quote(base + "_i") + " BEFORE INSERT ON " + sql_quote(table) + " " +
+          raise + "CREATE TRIGGER " + sql_quote(base + "_u") + " BEFORE UPDATE ON " + sql_quote(table) +
+          " " + raise + "CREATE TRIGGER " + sql_quote(base + "_d") + " BEFORE DELETE ON " +
+          sql_quote(table) + " " + raise;
   } else {
-    sql = "DROP TRIGGER IF EXISTS " + quote(base + "_i") + "; DROP TRIGGER IF EXISTS " +
-          quote(base + "_u") + "; DROP TRIGGER IF EXISTS " + quote(base + "_d") + ";";
+    sql = "DROP TRIGGER IF EXISTS " + sql_quote(base + "_i") + "; DROP TRIGGER IF EXISTS " +
+          sql_quote(base + "_u") + "; DROP TRIGGER IF EXISTS " + sql_quote(base + "_d") + ";";
   }
   exec(sql);
 }
@@ -407,7 +384,7 @@ public:
 private:
   SqliteConn &c_;
   std::optional<CachedStmt> cached_;
-  StmtPtr own_;
+  SqliteStmt own_;
   sqlite3_stmt *s_ = nullptr;
   int pending_ = 0; // the result of a step taken by first(), not yet used
 };
@@ -425,7 +402,7 @@ public:
   std::vector<std::string> list() override { return catalog_list(cat_); }
   std::unique_ptr<StoreConn> open(const std::string &name, bool create, StoreCheck check,
                                   void *arg, const std::string &, std::string &err) override {
-    DbPtr db(catalog_open(cat_, name, create, err));
+    SqliteDb db(catalog_open(cat_, name, create, err));
     if (!db) return nullptr;
     return std::make_unique<SqliteConn>(cat_, name, std::move(db), check, arg);
   }
