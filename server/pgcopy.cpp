@@ -40,6 +40,48 @@
 
 namespace tavrind {
 
+// The declared type as SQLite reports it for a column made by tavrind, and as
+// the PostgreSQL column's comment keeps it: "CHARACTER(10)", "SMALLINT", ...
+std::string declared_type(ColType t) {
+  std::string d = type_name(t.code);
+  if (t.code == DBTYPE_CHARACTER || t.code == DBTYPE_BINARY)
+    d += "(" + std::to_string(t.size) + ")";
+  return d;
+}
+
+// The PostgreSQL column of a declared type, with NOT NULL and the default
+// that stores the type's null marker, as the SQLite declaration has them.
+std::string pg_column_declaration(ColType t, bool not_null) {
+  std::string d, def;
+  switch (t.code) {
+  case DBTYPE_SMALLINT:
+    d = "smallint", def = "-32768";
+    break;
+  case DBTYPE_INTEGER:
+    d = "integer", def = "-2147483647";
+    break;
+  case DBTYPE_FLOAT:
+    d = "double precision", def = "-1e20";
+    break;
+  case DBTYPE_BINARY:
+    d = "bytea", def = "'\\x'::bytea";
+    break;
+  case DBTYPE_DATE:
+    d = "text COLLATE \"C\"", def = "'1800-01-01'";
+    break;
+  case DBTYPE_TIME:
+    d = "text COLLATE \"C\"", def = "'00:00:00'";
+    break;
+  case DBTYPE_TIMESTAMP:
+    d = "text COLLATE \"C\"", def = "'1800-01-01-00.00.00.000000'";
+    break;
+  default:
+    d = "text COLLATE \"C\"", def = "''";
+    break;
+  }
+  return d + (not_null ? " NOT NULL" : "") + " DEFAULT " + def;
+}
+
 namespace {
 
 // Name of the marker table that makes a schema a TAVRIN database. Tables
@@ -88,49 +130,7 @@ struct Table {
   bool is_static = false;
 };
 
-// The declared type as SQLite reports it for a column made by tavrind, and as
-// the PostgreSQL column's comment keeps it: "CHARACTER(10)", "SMALLINT", ...
-std::string declared_type(ColType t) {
-  std::string d = type_name(t.code);
-  if (t.code == DBTYPE_CHARACTER || t.code == DBTYPE_BINARY)
-    d += "(" + std::to_string(t.size) + ")";
-  return d;
-}
-
 bool is_integer_type(ColType t) { return t.code == DBTYPE_SMALLINT || t.code == DBTYPE_INTEGER; }
-
-// The PostgreSQL column of a declared type, with NOT NULL and the default
-// that stores the type's null marker, as the SQLite declaration has them.
-std::string pg_column_declaration(ColType t, bool not_null) {
-  std::string d, def;
-  switch (t.code) {
-  case DBTYPE_SMALLINT:
-    d = "smallint", def = "-32768";
-    break;
-  case DBTYPE_INTEGER:
-    d = "integer", def = "-2147483647";
-    break;
-  case DBTYPE_FLOAT:
-    d = "double precision", def = "-1e20";
-    break;
-  case DBTYPE_BINARY:
-    d = "bytea", def = "'\\x'::bytea";
-    break;
-  case DBTYPE_DATE:
-    d = "text COLLATE \"C\"", def = "'1800-01-01'";
-    break;
-  case DBTYPE_TIME:
-    d = "text COLLATE \"C\"", def = "'00:00:00'";
-    break;
-  case DBTYPE_TIMESTAMP:
-    d = "text COLLATE \"C\"", def = "'1800-01-01-00.00.00.000000'";
-    break;
-  default:
-    d = "text COLLATE \"C\"", def = "''";
-    break;
-  }
-  return d + (not_null ? " NOT NULL" : "") + " DEFAULT " + def;
-}
 
 // The cast that reads a column back in the form the checksum takes: integers
 // as int8, FLOAT as float8, BINARY as bytea, every other type as text.

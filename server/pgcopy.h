@@ -10,6 +10,8 @@
 // that is idle (no transaction open) and leave it idle.
 #pragma once
 
+#include "server/types.h"
+
 #include <string>
 #include <vector>
 
@@ -17,6 +19,15 @@ struct pg_conn;
 typedef struct pg_conn PGconn;
 
 namespace tavrind {
+
+// The declared type as SQLite reports it for a column made by tavrind, and as
+// the PostgreSQL column's comment keeps it: "CHARACTER(10)", "SMALLINT", ...
+std::string declared_type(ColType t);
+
+// The PostgreSQL column of a declared type, with NOT NULL and the default
+// that stores the type's null marker, as the SQLite declaration has them.
+// The PostgreSQL store creates its tables with it as the copies do.
+std::string pg_column_declaration(ColType t, bool not_null);
 
 // Copies every database of the SQLite data folder dir into the cluster, one
 // transaction per database, verifies row counts and a checksum per table;

@@ -90,46 +90,6 @@ int64_t lock_key(const std::string &name) {
   return static_cast<int64_t>(h);
 }
 
-// The declared type as the column comment keeps it.
-std::string declared(ColType t) {
-  std::string d = type_name(t.code);
-  if (t.code == DBTYPE_CHARACTER || t.code == DBTYPE_BINARY) d += "(" + std::to_string(t.size) + ")";
-  return d;
-}
-
-// The PostgreSQL column of a declared type with NOT NULL and the default
-// that stores the null marker.
-std::string pg_declaration(ColType t, bool not_null) {
-  std::string d, def;
-  switch (t.code) {
-  case DBTYPE_SMALLINT:
-    d = "smallint", def = "-32768";
-    break;
-  case DBTYPE_INTEGER:
-    d = "integer", def = "-2147483647";
-    break;
-  case DBTYPE_FLOAT:
-    d = "double precision", def = "-1e20";
-    break;
-  case DBTYPE_BINARY:
-    d = "bytea", def = "'\\x'::bytea";
-    break;
-  case DBTYPE_DATE:
-    d = "text COLLATE \"C\"", def = "'1800-01-01'";
-    break;
-  case DBTYPE_TIME:
-    d = "text COLLATE \"C\"", def = "'00:00:00'";
-    break;
-  case DBTYPE_TIMESTAMP:
-    d = "text COLLATE \"C\"", def = "'1800-01-01-00.00.00.000000'";
-    break;
-  default:
-    d = "text COLLATE \"C\"", def = "''";
-    break;
-  }
-  return d + (not_null ? " NOT NULL" : "") + " DEFAULT " + def;
-}
-
 // The declared type of a column: its comment when that is a declaration,
 // else the nearest type of its PostgreSQL type.
 ColType column_type(const std::string &comment, const std::string &pg_type) {
@@ -396,11 +356,11 @@ public:
     std::string sql = "CREATE TABLE " + sql_quote(name) + " (";
     for (size_t i = 0; i < cols.size(); ++i)
       sql += (i ? ", " : "") + sql_quote(cols[i].name) + " " +
-             pg_declaration(cols[i].type, cols[i].not_null);
+             pg_column_declaration(cols[i].type, cols[i].not_null);
     sql += ")";
     for (const auto &c : cols)
       sql += "; COMMENT ON COLUMN " + sql_quote(name) + "." + sql_quote(c.name) + " IS " +
-             sql_literal(declared(c.type));
+             sql_literal(declared_type(c.type));
     exec(sql);
   }
   int change(const std::string &sql, const std::vector<SqlValue> &params) override {
