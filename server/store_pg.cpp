@@ -734,17 +734,7 @@ PgResult PgConn::wait(bool pipeline, int want) {
   PgResult last, failed;
   int index = 0, command = 0;
   for (;;) {
-    while (PQisBusy(c) && PQstatus(c) != CONNECTION_BAD) {
-      pollfd p{PQsocket(c), POLLIN, 0};
-      int n = poll(&p, 1, POLL_MS);
-      if (n > 0 && !PQconsumeInput(c)) break;
-      if (n < 0 && errno != EINTR) break;
-      if (!cancelled && check_ && check_(arg_)) {
-        char buf[256];
-        PQcancel(cancel_.get(), buf, sizeof buf);
-        cancelled = true;
-      }
-    }
+    pump(cancelled);
     PGresult *r = PQgetResult(c);
     if (!r) {
       last_read_ = std::chrono::steady_clock::now();
