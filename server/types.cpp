@@ -625,6 +625,52 @@ inline void store32(unsigned char *p, uint32_t v) {
   for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(v >> (8 * i));
 }
 
+// The calendar parts of a stored DATE, TIME or TIMESTAMP text of n bytes at
+// s (null for no bytes): the server's own forms through fast_calendar, any
+// other through the general parsers, and zero parts for a text neither reads.
+// Shared by the SQLite and the PostgreSQL row readers; allocates only for
+// texts off the fast path.
+inline DateParts calendar_parts(int code, const unsigned char *s, size_t n) {
+  DateParts p;
+  if (s && fast_calendar(code, s, n, p)) return p;
+  p = DateParts();
+  std::string text = s ? std::string(reinterpret_cast<const char *>(s), n) : std::string();
+  bool ok = code == DBTYPE_DATE   ? parse_date(text.substr(0, 10), p)
+            : code == DBTYPE_TIME ? parse_time(text, p)
+                                  : parse_timestamp(text, p);
+  return ok ? p : DateParts();
+}
+
+// Appends the answer form of a calendar value: a 2-byte length, then the
+// parts (DATE y,m,d; TIME h,m,s; TIMESTAMP both with a zero byte and the
+// microseconds).
+inline void append_calendar(std::vector<unsigned char> &out, int code, const DateParts &p) {
+  if (code == DBTYPE_DATE) {
+    unsigned char *q = grow(out, 6);
+    store16(q, 4);
+    store16(q + 2, static_cast<uint16_t>(p.y));
+    q[4] = static_cast<unsigned char>(p.mo);
+    q[5] = static_cast<unsigned char>(p.d);
+  } else if (code == DBTYPE_TIME) {
+    unsigned char *q = grow(out, 5);
+    store16(q, 3);
+    q[2] = static_cast<unsigned char>(p.h);
+    q[3] = static_cast<unsigned char>(p.mi);
+    q[4] = static_cast<unsigned char>(p.s);
+  } else {
+    unsigned char *q = grow(out, 14);
+    store16(q, 12);
+    store16(q + 2, static_cast<uint16_t>(p.y));
+    q[4] = static_cast<unsigned char>(p.mo);
+    q[5] = static_cast<unsigned char>(p.d);
+    q[6] = static_cast<unsigned char>(p.h);
+    q[7] = static_cast<unsigned char>(p.mi);
+    q[8] = static_cast<unsigned char>(p.s);
+    q[9] = 0;
+    store32(q + 10, static_cast<uint32_t>(p.us));
+  }
+}
+
 } // namespace
 
 void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt *stmt, int col) {
@@ -673,41 +719,9 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
     DateParts p;
     if (!null) {
       const unsigned char *txt = sqlite3_value_text(val);
-      size_t n = static_cast<size_t>(sqlite3_value_bytes(val));
-      bool ok = txt && fast_calendar(t.code, txt, n, p);
-      if (!ok) {
-        p = DateParts();
-        std::string s = txt ? std::string(reinterpret_cast<const char *>(txt), n) : std::string();
-        ok = t.code == DBTYPE_DATE   ? parse_date(s.substr(0, 10), p)
-             : t.code == DBTYPE_TIME ? parse_time(s, p)
-                                     : parse_timestamp(s, p);
-        if (!ok) p = DateParts();
-      }
+      p = calendar_parts(t.code, txt, static_cast<size_t>(sqlite3_value_bytes(val)));
     }
-    if (t.code == DBTYPE_DATE) {
-      unsigned char *q = grow(out, 6);
-      store16(q, 4);
-      store16(q + 2, static_cast<uint16_t>(p.y));
-      q[4] = static_cast<unsigned char>(p.mo);
-      q[5] = static_cast<unsigned char>(p.d);
-    } else if (t.code == DBTYPE_TIME) {
-      unsigned char *q = grow(out, 5);
-      store16(q, 3);
-      q[2] = static_cast<unsigned char>(p.h);
-      q[3] = static_cast<unsigned char>(p.mi);
-      q[4] = static_cast<unsigned char>(p.s);
-    } else {
-      unsigned char *q = grow(out, 14);
-      store16(q, 12);
-      store16(q + 2, static_cast<uint16_t>(p.y));
-      q[4] = static_cast<unsigned char>(p.mo);
-      q[5] = static_cast<unsigned char>(p.d);
-      q[6] = static_cast<unsigned char>(p.h);
-      q[7] = static_cast<unsigned char>(p.mi);
-      q[8] = static_cast<unsigned char>(p.s);
-      q[9] = 0;
-      store32(q + 10, static_cast<uint32_t>(p.us));
-    }
+    append_calendar(out, t.code, p);
     return;
   }
   case DBTYPE_BINARY: {
@@ -853,38 +867,8 @@ void type_append_pg_value(std::vector<unsigned char> &out, ColType t, unsigned p
   case DBTYPE_TIME:
   case DBTYPE_TIMESTAMP: {
     DateParts p;
-    if (!null && !fast_calendar(t.code, u, n, p)) {
-      p = DateParts();
-      std::string s(v, n);
-      bool ok = t.code == DBTYPE_DATE   ? parse_date(s.substr(0, 10), p)
-                : t.code == DBTYPE_TIME ? parse_time(s, p)
-                                        : parse_timestamp(s, p);
-      if (!ok) p = DateParts();
-    }
-    if (t.code == DBTYPE_DATE) {
-      unsigned char *q = grow(out, 6);
-      store16(q, 4);
-      store16(q + 2, static_cast<uint16_t>(p.y));
-      q[4] = static_cast<unsigned char>(p.mo);
-      q[5] = static_cast<unsigned char>(p.d);
-    } else if (t.code == DBTYPE_TIME) {
-      unsigned char *q = grow(out, 5);
-      store16(q, 3);
-      q[2] = static_cast<unsigned char>(p.h);
-      q[3] = static_cast<unsigned char>(p.mi);
-      q[4] = static_cast<unsigned char>(p.s);
-    } else {
-      unsigned char *q = grow(out, 14);
-      store16(q, 12);
-      store16(q + 2, static_cast<uint16_t>(p.y));
-      q[4] = static_cast<unsigned char>(p.mo);
-      q[5] = static_cast<unsigned char>(p.d);
-      q[6] = static_cast<unsigned char>(p.h);
-      q[7] = static_cast<unsigned char>(p.mi);
-      q[8] = static_cast<unsigned char>(p.s);
-      q[9] = 0;
-      store32(q + 10, static_cast<uint32_t>(p.us));
-    }
+    if (!null) p = calendar_parts(t.code, u, n);
+    append_calendar(out, t.code, p);
     return;
   }
   case DBTYPE_BINARY: {
