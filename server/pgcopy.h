@@ -5,9 +5,11 @@
 //
 // Both directions use the PostgreSQL store's layout (store_pg.cpp): a database
 // NAME is the schema "NAME" with the marker table "TAVRIN$DB" and a comment on
-// every column that keeps its declared type. Connecting, reconnecting and deciding where a
-// saved file goes are the caller's business; these functions take a connection
-// that is idle (no transaction open) and leave it idle.
+// every column that keeps its declared type; the store creates its columns
+// with the declarations made here (declared_type, pg_column_declaration).
+// Connecting, reconnecting and deciding where a saved file goes are the
+// caller's business; these functions take a connection that is idle (no
+// transaction open) and leave it idle.
 #pragma once
 
 #include "server/types.h"
