@@ -88,20 +88,27 @@ double median(std::vector<double> v) {
   return v[v.size() / 2];
 }
 
+// Creates the bench table by create_table with its unique index and fills it
+// with kRows rows in one transaction, each statement run by ok (true when it
+// succeeded). The same rows go into every system that is compared.
+template <class Exec> bool fill_bench(Exec ok, const char *create_table) {
+  if (!ok(create_table) || !ok("CREATE UNIQUE INDEX BENCH_IX ON BENCH (BENCH_ID)") ||
+      !ok("BEGIN"))
+    return false;
+  for (int i = 1; i <= kRows; ++i)
+    if (!ok("INSERT INTO BENCH VALUES " + bench_servers::row_values(i))) return false;
+  return ok("COMMIT");
+}
+
 // --- tavrind ---------------------------------------------------------------
 
 // Makes the database BENCH with the bench table through `conn` (which is
 // left on BENCH). False with a line on stderr when a statement failed.
 bool fill_tavrind(DBCONN *conn) {
   auto ok = [conn](const std::string &sql) { return bench_servers::exec_done(conn, sql); };
-  if (!ok("CREATE DATABASE BENCH") ||
-      !ok("CREATE TABLE BENCH (BENCH_ID INTEGER NOT NULL, NAME CHARACTER(32), MENGE SMALLINT, "
-          "BETRAG FLOAT, DATUM DATE, ZEIT TIMESTAMP)") ||
-      !ok("CREATE UNIQUE INDEX BENCH_IX ON BENCH (BENCH_ID)") || !ok("BEGIN"))
-    return false;
-  for (int i = 1; i <= kRows; ++i)
-    if (!ok("INSERT INTO BENCH VALUES " + bench_servers::row_values(i))) return false;
-  return ok("COMMIT");
+  return ok("CREATE DATABASE BENCH") &&
+         fill_bench(ok, "CREATE TABLE BENCH (BENCH_ID INTEGER NOT NULL, NAME CHARACTER(32), "
+                        "MENGE SMALLINT, BETRAG FLOAT, DATUM DATE, ZEIT TIMESTAMP)");
 }
 
 // Starts tavrind on g_tmp/data in a namespace of its own and connects to a
@@ -203,14 +210,9 @@ bool start_sqlite() {
   auto ok = [](const std::string &sql) {
     return sqlite3_exec(g_lite, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
   };
-  if (!ok("PRAGMA journal_mode=WAL") ||
-      !ok("CREATE TABLE BENCH (BENCH_ID INTEGER NOT NULL, NAME TEXT, MENGE INTEGER, "
-          "BETRAG REAL, DATUM TEXT, ZEIT TEXT)") ||
-      !ok("CREATE UNIQUE INDEX BENCH_IX ON BENCH (BENCH_ID)") || !ok("BEGIN"))
-    return false;
-  for (int i = 1; i <= kRows; ++i)
-    if (!ok("INSERT INTO BENCH VALUES " + bench_servers::row_values(i))) return false;
-  return ok("COMMIT") &&
+  return ok("PRAGMA journal_mode=WAL") &&
+         fill_bench(ok, "CREATE TABLE BENCH (BENCH_ID INTEGER NOT NULL, NAME TEXT, "
+                        "MENGE INTEGER, BETRAG REAL, DATUM TEXT, ZEIT TEXT)") &&
          sqlite3_prepare_v2(g_lite, "SELECT * FROM BENCH WHERE BENCH_ID = ?", -1, &g_lite_lookup,
                             nullptr) == SQLITE_OK;
 }
