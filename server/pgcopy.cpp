@@ -82,6 +82,21 @@ std::string pg_column_declaration(ColType t, bool not_null) {
   return d + (not_null ? " NOT NULL" : "") + " DEFAULT " + def;
 }
 
+// Reads the declared type of a column: its comment when that is a TAVRIN
+// declaration, else the nearest type of the PostgreSQL column (a column made
+// by other tools).
+ColType pg_column_type(const std::string &comment, const std::string &pg_type) {
+  for (const char *name :
+       {"CHARACTER", "SMALLINT", "INTEGER", "FLOAT", "DATE", "TIME", "TIMESTAMP", "BINARY"})
+    if (comment.rfind(name, 0) == 0) return type_from_declaration(comment);
+  if (pg_type == "smallint") return type_make(DBTYPE_SMALLINT, 0);
+  if (pg_type == "integer" || pg_type == "bigint") return type_make(DBTYPE_INTEGER, 0);
+  if (pg_type == "double precision" || pg_type == "real" || pg_type.rfind("numeric", 0) == 0)
+    return type_make(DBTYPE_FLOAT, 0);
+  if (pg_type == "bytea") return type_make(DBTYPE_BINARY, TYPE_MAX_BINARY);
+  return type_make(DBTYPE_CHARACTER, 256);
+}
+
 namespace {
 
 // Name of the marker table that makes a schema a TAVRIN database. Tables
@@ -712,21 +727,6 @@ bool pg_schema_exists(PGconn *conn, const std::string &name) {
 }
 
 // --- Save ---------------------------------------------------------------------
-
-// Reads the declared type of a column: its comment when that is a TAVRIN
-// declaration, else the nearest type of the PostgreSQL column (a column made
-// by other tools).
-ColType pg_column_type(const std::string &comment, const std::string &pg_type) {
-  for (const char *name :
-       {"CHARACTER", "SMALLINT", "INTEGER", "FLOAT", "DATE", "TIME", "TIMESTAMP", "BINARY"})
-    if (comment.rfind(name, 0) == 0) return type_from_declaration(comment);
-  if (pg_type == "smallint") return type_make(DBTYPE_SMALLINT, 0);
-  if (pg_type == "integer" || pg_type == "bigint") return type_make(DBTYPE_INTEGER, 0);
-  if (pg_type == "double precision" || pg_type == "real" || pg_type.rfind("numeric", 0) == 0)
-    return type_make(DBTYPE_FLOAT, 0);
-  if (pg_type == "bytea") return type_make(DBTYPE_BINARY, TYPE_MAX_BINARY);
-  return type_make(DBTYPE_CHARACTER, 256);
-}
 
 // The layout of schema name as of the transaction's snapshot.
 std::vector<Table> pg_layout(PGconn *conn, const std::string &name) {

@@ -6,7 +6,8 @@
 // Both directions use the PostgreSQL store's layout (store_pg.cpp): a database
 // NAME is the schema "NAME" with the marker table "TAVRIN$DB" and a comment on
 // every column that keeps its declared type; the store creates its columns
-// with the declarations made here (declared_type, pg_column_declaration).
+// with the declarations made here and reads its column types back
+// (declared_type, pg_column_declaration, pg_column_type).
 // Connecting, reconnecting and deciding where a saved file goes are the
 // caller's business; these functions take a connection that is idle (no
 // transaction open) and leave it idle.
@@ -30,6 +31,11 @@ std::string declared_type(ColType t);
 // that stores the type's null marker, as the SQLite declaration has them.
 // The PostgreSQL store creates its tables with it as the copies do.
 std::string pg_column_declaration(ColType t, bool not_null);
+
+// The declared type of a PostgreSQL column: its comment when that is a TAVRIN
+// declaration, else the nearest type of its PostgreSQL type pg_type (a column
+// made by other tools).
+ColType pg_column_type(const std::string &comment, const std::string &pg_type);
 
 // Copies every database of the SQLite data folder dir into the cluster, one
 // transaction per database, verifies row counts and a checksum per table;

@@ -90,20 +90,6 @@ int64_t lock_key(const std::string &name) {
   return static_cast<int64_t>(h);
 }
 
-// The declared type of a column: its comment when that is a declaration,
-// else the nearest type of its PostgreSQL type.
-ColType column_type(const std::string &comment, const std::string &pg_type) {
-  for (const char *n :
-       {"CHARACTER", "SMALLINT", "INTEGER", "FLOAT", "DATE", "TIME", "TIMESTAMP", "BINARY"})
-    if (comment.rfind(n, 0) == 0) return type_from_declaration(comment);
-  if (pg_type == "smallint") return type_make(DBTYPE_SMALLINT, 0);
-  if (pg_type == "integer" || pg_type == "bigint") return type_make(DBTYPE_INTEGER, 0);
-  if (pg_type == "double precision" || pg_type == "real" || pg_type.rfind("numeric", 0) == 0)
-    return type_make(DBTYPE_FLOAT, 0);
-  if (pg_type == "bytea") return type_make(DBTYPE_BINARY, TYPE_MAX_BINARY);
-  return type_make(DBTYPE_CHARACTER, 256);
-}
-
 // The functions of the schema "TAVRIN$". k() maps every Latin-1 character
 // through the string rule (ASCII upper case, Ä/Ö/Ü as A/O/U, compared as
 // signed bytes: bytes above 127 before ASCII) onto a character of its own
@@ -1302,7 +1288,7 @@ void PgConn::load_schema(StoreSchema &schema) {
     TableInfo &t = schema.tables[sql_upper(table)];
     t.name = table;
     t.cols.push_back({text(cols.get(), i, 1),
-                      column_type(text(cols.get(), i, 4), text(cols.get(), i, 2)),
+                      pg_column_type(text(cols.get(), i, 4), text(cols.get(), i, 2)),
                       is_one(cols.get(), i, 3)});
   }
   PgResult ixs = run_params(
