@@ -625,6 +625,32 @@ inline void store32(unsigned char *p, uint32_t v) {
   for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(v >> (8 * i));
 }
 
+// Append the answer forms of the numeric types: a 2-byte length, then the
+// value little-endian. Values beyond a type's range are clamped to it.
+inline void append_smallint(std::vector<unsigned char> &out, int64_t v) {
+  v = std::clamp<int64_t>(v, -32768, 32767);
+  unsigned char *p = grow(out, 4);
+  store16(p, 2);
+  store16(p + 2, static_cast<uint16_t>(static_cast<int16_t>(v)));
+}
+
+inline void append_integer(std::vector<unsigned char> &out, int64_t v) {
+  v = std::clamp<int64_t>(v, std::numeric_limits<int32_t>::min(),
+                          std::numeric_limits<int32_t>::max());
+  unsigned char *p = grow(out, 6);
+  store16(p, 4);
+  store32(p + 2, static_cast<uint32_t>(static_cast<int32_t>(v)));
+}
+
+inline void append_float(std::vector<unsigned char> &out, double v) {
+  uint64_t bits;
+  memcpy(&bits, &v, 8);
+  unsigned char *p = grow(out, 10);
+  store16(p, 8);
+  store32(p + 2, static_cast<uint32_t>(bits));
+  store32(p + 6, static_cast<uint32_t>(bits >> 32));
+}
+
 // The calendar parts of a stored DATE, TIME or TIMESTAMP text of n bytes at
 // s (null for no bytes): the server's own forms through fast_calendar, any
 // other through the general parsers, and zero parts for a text neither reads.
@@ -686,31 +712,15 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
   bool null = numeric && sqlite3_value_type(val) == SQLITE_NULL;
   switch (t.code) {
   case DBTYPE_SMALLINT: {
-    int64_t v = null ? NULL_SMALLINT : sqlite3_value_int64(val);
-    if (v < -32768) v = -32768;
-    if (v > 32767) v = 32767;
-    unsigned char *p = grow(out, 4);
-    store16(p, 2);
-    store16(p + 2, static_cast<uint16_t>(static_cast<int16_t>(v)));
+    append_smallint(out, null ? NULL_SMALLINT : sqlite3_value_int64(val));
     return;
   }
   case DBTYPE_INTEGER: {
-    int64_t v = null ? NULL_INTEGER : sqlite3_value_int64(val);
-    if (v < std::numeric_limits<int32_t>::min()) v = std::numeric_limits<int32_t>::min();
-    if (v > std::numeric_limits<int32_t>::max()) v = std::numeric_limits<int32_t>::max();
-    unsigned char *p = grow(out, 6);
-    store16(p, 4);
-    store32(p + 2, static_cast<uint32_t>(static_cast<int32_t>(v)));
+    append_integer(out, null ? NULL_INTEGER : sqlite3_value_int64(val));
     return;
   }
   case DBTYPE_FLOAT: {
-    double v = null ? NULL_FLOAT : sqlite3_value_double(val);
-    uint64_t bits;
-    memcpy(&bits, &v, 8);
-    unsigned char *p = grow(out, 10);
-    store16(p, 8);
-    store32(p + 2, static_cast<uint32_t>(bits));
-    store32(p + 6, static_cast<uint32_t>(bits >> 32));
+    append_float(out, null ? NULL_FLOAT : sqlite3_value_double(val));
     return;
   }
   case DBTYPE_DATE:
@@ -836,31 +846,18 @@ void type_append_pg_value(std::vector<unsigned char> &out, ColType t, unsigned p
     int64_t x = null ? NULL_SMALLINT
                 : is_int ? as_int()
                          : static_cast<int64_t>(as_double());
-    x = std::clamp<int64_t>(x, -32768, 32767);
-    unsigned char *p = grow(out, 4);
-    store16(p, 2);
-    store16(p + 2, static_cast<uint16_t>(static_cast<int16_t>(x)));
+    append_smallint(out, x);
     return;
   }
   case DBTYPE_INTEGER: {
     int64_t x = null ? NULL_INTEGER
                 : is_int ? as_int()
                          : static_cast<int64_t>(as_double());
-    x = std::clamp<int64_t>(x, std::numeric_limits<int32_t>::min(),
-                            std::numeric_limits<int32_t>::max());
-    unsigned char *p = grow(out, 6);
-    store16(p, 4);
-    store32(p + 2, static_cast<uint32_t>(static_cast<int32_t>(x)));
+    append_integer(out, x);
     return;
   }
   case DBTYPE_FLOAT: {
-    double d = null ? NULL_FLOAT : as_double();
-    uint64_t bits;
-    memcpy(&bits, &d, 8);
-    unsigned char *p = grow(out, 10);
-    store16(p, 8);
-    store32(p + 2, static_cast<uint32_t>(bits));
-    store32(p + 6, static_cast<uint32_t>(bits >> 32));
+    append_float(out, null ? NULL_FLOAT : as_double());
     return;
   }
   case DBTYPE_DATE:
