@@ -145,11 +145,8 @@ TEST(DbinitDeathTest, WithoutAServerPrintsTheConnectionFailure) {
   setenv("TAVRIN_NAMESPACE", ns.c_str(), 1);
   Capture cap;
   DBSESSION *s = reinterpret_cast<DBSESSION *>(1);
-  EXPECT_EQ(dbinit(&s, "DBSQL/kunden"), 0);
-  EXPECT_EQ(s, nullptr);
-  EXPECT_NE(cap.take().find("Connection to TAVRIN-database 'kunden' failed:\n  "),
-            std::string::npos);
   EXPECT_EQ(dbinit(&s, "DBSQL/"), 0); // the default name, empty
+  EXPECT_EQ(s, nullptr);
   EXPECT_NE(cap.take().find("Connection to TAVRIN-database failed:\n  "), std::string::npos);
   setenv("DBSYS", "DBSQL", 1);
   EXPECT_EQ(DB_Init(&s, "artikel"), 0);

@@ -332,10 +332,6 @@ TEST_F(StatementsTest, DatabasesAreCreatedSavedSwitchedAndDropped) {
   EXPECT_EQ(good("SELECT * FROM T").cols.size(), 1u);
   EXPECT_EQ(run(command('4', "NEU")).kind, '1');
   EXPECT_FALSE(std::filesystem::exists(dir + "/NEU.db"));
-
-  EXPECT_FALSE(ex.stop_requested);
-  good("STOP");
-  EXPECT_TRUE(ex.stop_requested);
 }
 
 TEST_F(ExecutorTest, FirstStartMakesSystemAndDemoDatabasesAndLaterStartsKeepThem) {

@@ -203,6 +203,15 @@ bool echoes(DBCONN *c, size_t n, unsigned seed) {
   return roundtrip(c, echo_request(n, seed)) == echo_request(n, seed);
 }
 
+// Whether a new client process gets an echo of n bytes; waits up to 20 s.
+bool served_elsewhere(size_t n, unsigned seed) {
+  pid_t client = spawn([n, seed] {
+    DBCONN *k = connect_demo();
+    return k && echoes(k, n, seed) ? 0 : 1;
+  });
+  return join_within(client, 20000) == 0;
+}
+
 std::string text(const Bytes &b) { return std::string(b.begin(), b.end()); }
 
 // Sends a request that is never answered.
@@ -211,6 +220,36 @@ bool send_unanswered(DBCONN *c) {
   DBreq_byte('N');
   return DBsend(c) == 1;
 }
+
+// The exchange's objects as a hand-made client sees them, the mutex held
+// once open() succeeds: for packets no real client would write.
+struct RawClient {
+  ipc::Section area;
+  ipc::Event server, client, client_ack;
+  ipc::Mutex mutex;
+  unsigned char *a = nullptr;
+  bool open(size_t size = DBCOMM_AREA_SIZE) {
+    if (!area.open_existing(DBOBJ_AREA, size) || !server.open_existing(DBOBJ_SERVER) ||
+        !client.open_existing(DBOBJ_CLIENT) || !client_ack.open_existing(DBOBJ_CLIENT_ACK) ||
+        !mutex.open_existing(DBOBJ_MUTEX) || mutex.lock(5000) != ipc::WaitResult::Signalled)
+      return false;
+    a = static_cast<unsigned char *>(area.data());
+    return true;
+  }
+  // Writes a packet header (and payload, if any), wakes the server and
+  // waits for its acknowledgement on `ack`; false when none comes.
+  bool send(uint32_t channel, uint32_t length, const void *payload, size_t n, ipc::Event &ack) {
+    DBwire_put32(a + DBCOMM_CHANNEL_AT, channel);
+    DBwire_put32(a + DBCOMM_LENGTH_AT, length);
+    if (n) std::memcpy(a + DBCOMM_PAYLOAD_AT, payload, n);
+    server.set();
+    return ack.wait(5000) == ipc::WaitResult::Signalled;
+  }
+  uint32_t word(size_t at) const { return DBwire_get32(a + at); }
+};
+
+// A whole one-packet notice request ('W').
+const unsigned char kNotice[9] = {9, 0, 0, 0, 1, 0, 0, 0, DBREQ_NOTICE};
 
 // Collects the message output of this process.
 std::string g_out;
@@ -336,21 +375,12 @@ TEST_F(Protocol, OtherVersionsAndAFullServerAreRefused) {
   // A client of the previous layout writes its version where the instance
   // id is now, over what the handshake above left behind.
   pid_t old_layout = spawn([] {
-    ipc::Section area;
-    ipc::Event server, client;
-    ipc::Mutex mutex;
-    if (!area.open_existing(DBOBJ_AREA, DBCOMM_OLD_AREA_SIZE) ||
-        !server.open_existing(DBOBJ_SERVER) || !client.open_existing(DBOBJ_CLIENT) ||
-        !mutex.open_existing(DBOBJ_MUTEX) || mutex.lock(5000) != ipc::WaitResult::Signalled)
-      return 1;
-    auto *a = static_cast<unsigned char *>(area.data());
-    DBwire_put32(a + DBCOMM_CHANNEL_AT, DBHS_CHANNEL);
-    DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(getpid()));
-    std::strcpy(reinterpret_cast<char *>(a + 8), "2.1.0");
-    server.set();
-    if (client.wait(5000) != ipc::WaitResult::Signalled) return 2;
-    mutex.unlock();
-    return static_cast<int32_t>(DBwire_get32(a)) == DBHS_REFUSED_VERSION ? 0 : 3;
+    RawClient r;
+    if (!r.open(DBCOMM_OLD_AREA_SIZE)) return 1;
+    std::strcpy(reinterpret_cast<char *>(r.a + 8), "2.1.0");
+    if (!r.send(DBHS_CHANNEL, static_cast<uint32_t>(getpid()), nullptr, 0, r.client)) return 2;
+    r.mutex.unlock();
+    return static_cast<int32_t>(r.word(0)) == DBHS_REFUSED_VERSION ? 0 : 3;
   });
   EXPECT_EQ(join_within(old_layout, 10000), 0);
   // The only channel is taken: the next client is told so.
@@ -419,11 +449,7 @@ TEST_F(Protocol, DeadClientsAndADeadServerEndTheWaitsOfOthers) {
   DBconn_free(c);
   pid_t srv2 = start_server(c_);
   ASSERT_GT(srv2, 0);
-  pid_t client = spawn([] {
-    DBCONN *k = connect_demo();
-    return k && echoes(k, 20000, 3) ? 0 : 1;
-  });
-  EXPECT_EQ(join_within(client, 20000), 0);
+  EXPECT_TRUE(served_elsewhere(20000, 3));
   EXPECT_EQ(stop_server(srv2), 0);
 }
 
@@ -507,14 +533,7 @@ TEST_F(Protocol, NoClientCanWedgeTheExchange) {
   });
   EXPECT_EQ(join_within(quitter, 10000), 0);
   kill(srv, SIGCONT);
-  auto served = [] {
-    pid_t client = spawn([] {
-      DBCONN *k = connect_demo();
-      return k && echoes(k, 300, 1) ? 0 : 1;
-    });
-    return join_within(client, 10000);
-  };
-  EXPECT_EQ(served(), 0);
+  EXPECT_TRUE(served_elsewhere(300, 1));
 
   // The old fault: the mutex unmapped while held, so the kernel cannot mark
   // it abandoned; then the server is killed, its objects stay behind.
@@ -529,7 +548,7 @@ TEST_F(Protocol, NoClientCanWedgeTheExchange) {
   EXPECT_EQ(join_within(srv, 5000), 128 + SIGKILL);
   srv = start_server(c_);
   ASSERT_GT(srv, 0);
-  EXPECT_EQ(served(), 0);
+  EXPECT_TRUE(served_elsewhere(300, 1));
   EXPECT_EQ(stop_server(srv), 0);
 }
 
@@ -558,23 +577,13 @@ TEST_F(Protocol, AClientOfAKilledServerIsNotServedByItsSuccessor) {
   // refused, told so, and the exchange is free afterwards.
   pid_t stale = spawn([old_instance] {
     DBCONN *k = connect_demo();
-    ipc::Section area;
-    ipc::Event server, client_ack;
-    ipc::Mutex mutex;
-    if (!k || !area.open_existing(DBOBJ_AREA, DBCOMM_AREA_SIZE) ||
-        !server.open_existing(DBOBJ_SERVER) || !client_ack.open_existing(DBOBJ_CLIENT_ACK) ||
-        !mutex.open_existing(DBOBJ_MUTEX) || mutex.lock(5000) != ipc::WaitResult::Signalled)
-      return 1;
-    auto *a = static_cast<unsigned char *>(area.data());
-    const unsigned char notice[9] = {9, 0, 0, 0, 1, 0, 0, 0, DBREQ_NOTICE};
-    DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(k->channel));
-    DBwire_put32(a + DBCOMM_LENGTH_AT, sizeof notice);
-    DBwire_put64(a + DBCOMM_INSTANCE_AT, old_instance);
-    std::memcpy(a + DBCOMM_PAYLOAD_AT, notice, sizeof notice);
-    server.set();
-    if (client_ack.wait(5000) != ipc::WaitResult::Signalled) return 2;
-    if (DBwire_get32(a + DBCOMM_CHANNEL_AT) != DBCOMM_STALE) return 3;
-    mutex.unlock();
+    RawClient r;
+    if (!k || !r.open()) return 1;
+    DBwire_put64(r.a + DBCOMM_INSTANCE_AT, old_instance);
+    uint32_t ch = static_cast<uint32_t>(k->channel);
+    if (!r.send(ch, sizeof kNotice, kNotice, sizeof kNotice, r.client_ack)) return 2;
+    if (r.word(DBCOMM_CHANNEL_AT) != DBCOMM_STALE) return 3;
+    r.mutex.unlock();
     return echoes(k, 100, 7) ? 0 : 4;
   });
   EXPECT_EQ(join_within(stale, 10000), 0);
@@ -655,33 +664,21 @@ TEST_F(Protocol, AnIncompleteRequestIsDroppedAfterTheTimeLimit) {
   ASSERT_GT(srv, 0);
   pid_t client = spawn([] {
     DBCONN *k = connect_demo();
-    ipc::Section area;
-    ipc::Event server, client_ack;
-    if (!k || !area.open_existing(DBOBJ_AREA, DBCOMM_AREA_SIZE) ||
-        !server.open_existing(DBOBJ_SERVER) || !client_ack.open_existing(DBOBJ_CLIENT_ACK))
-      return 1;
-    ipc::Mutex mutex; // chunks count only from the holder of the exchange
-    if (!mutex.open_existing(DBOBJ_MUTEX) || mutex.lock(5000) != ipc::WaitResult::Signalled)
-      return 1;
-    auto *a = static_cast<unsigned char *>(area.data());
-    DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(k->channel));
-    DBwire_put32(a + DBCOMM_LENGTH_AT, DBCOMM_PACKET_MAX);
-    DBwire_put32(a + DBCOMM_PAYLOAD_AT, DBCOMM_PACKET_MAX);
-    DBwire_put32(a + DBCOMM_PAYLOAD_AT + 4, 1u << 30);
-    server.set();
-    if (client_ack.wait(5000) != ipc::WaitResult::Signalled) return 2;
-    mutex.unlock();
+    RawClient r; // chunks count only from the holder of the exchange
+    if (!k || !r.open()) return 1;
+    uint32_t ch = static_cast<uint32_t>(k->channel);
+    unsigned char head[8];
+    DBwire_put32(head, DBCOMM_PACKET_MAX);
+    DBwire_put32(head + 4, 1u << 30);
+    if (!r.send(ch, DBCOMM_PACKET_MAX, head, sizeof head, r.client_ack)) return 2;
+    r.mutex.unlock();
     usleep(800000);
     // The rest of the dropped request is refused with the reason.
-    if (mutex.lock(5000) != ipc::WaitResult::Signalled) return 1;
-    DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(k->channel));
-    DBwire_put32(a + DBCOMM_LENGTH_AT, 100);
-    server.set();
-    if (client_ack.wait(5000) != ipc::WaitResult::Signalled) return 2;
-    if (DBwire_get32(a + DBCOMM_CHANNEL_AT) != DBCOMM_DROPPED ||
-        DBwire_get32(a + DBCOMM_LENGTH_AT) != DBDROP_INCOMPLETE)
+    if (r.mutex.lock(5000) != ipc::WaitResult::Signalled) return 1;
+    if (!r.send(ch, 100, nullptr, 0, r.client_ack)) return 2;
+    if (r.word(DBCOMM_CHANNEL_AT) != DBCOMM_DROPPED || r.word(DBCOMM_LENGTH_AT) != DBDROP_INCOMPLETE)
       return 4;
-    mutex.unlock();
+    r.mutex.unlock();
     return echoes(k, 300, 4) ? 0 : 3;
   });
   EXPECT_EQ(join_within(client, 10000), 0);
@@ -703,11 +700,7 @@ TEST_F(Protocol, ADroppedRequestIsAnsweredAndFreesTheExchange) {
   EXPECT_NE(g_out.find("The server dropped the request (a request longer than the server takes)"),
             std::string::npos)
       << g_out;
-  pid_t other = spawn([] {
-    DBCONN *o = connect_demo();
-    return o && echoes(o, 20000, 2) ? 0 : 1;
-  });
-  EXPECT_EQ(join_within(other, 10000), 0);
+  EXPECT_TRUE(served_elsewhere(20000, 2));
   EXPECT_TRUE(echoes(k, 40000, 3));
   DBconn_free(k);
   EXPECT_EQ(stop_server(srv), 0);
@@ -724,32 +717,19 @@ TEST_F(Protocol, ForgedHandshakesAndChunksAreRefused) {
   int victim_channel = victim->channel;
   pid_t me = getpid();
   pid_t forger = spawn([me, victim_channel] {
-    ipc::Section area;
-    ipc::Event server, client, client_ack;
-    ipc::Mutex mutex;
-    if (!area.open_existing(DBOBJ_AREA, DBCOMM_AREA_SIZE) || !server.open_existing(DBOBJ_SERVER) ||
-        !client.open_existing(DBOBJ_CLIENT) || !client_ack.open_existing(DBOBJ_CLIENT_ACK) ||
-        !mutex.open_existing(DBOBJ_MUTEX) || mutex.lock(5000) != ipc::WaitResult::Signalled)
-      return 1;
-    auto *a = static_cast<unsigned char *>(area.data());
+    RawClient r;
+    if (!r.open()) return 1;
     // A handshake in the victim's name.
-    DBwire_put32(a + DBCOMM_CHANNEL_AT, DBHS_CHANNEL);
-    DBwire_put32(a + DBCOMM_LENGTH_AT, static_cast<uint32_t>(me));
-    DBwire_put64(a + DBCOMM_INSTANCE_AT, 0);
-    std::strcpy(reinterpret_cast<char *>(a + DBCOMM_PAYLOAD_AT), DBCOMM_VERSION);
-    server.set();
-    if (client.wait(5000) != ipc::WaitResult::Signalled) return 2;
-    if (static_cast<int32_t>(DBwire_get32(a + DBCOMM_CHANNEL_AT)) != DBHS_REFUSED_PROCESS) return 3;
-    // A notice ('W') on the victim's channel.
-    const unsigned char notice[9] = {9, 0, 0, 0, 1, 0, 0, 0, DBREQ_NOTICE};
-    DBwire_put32(a + DBCOMM_CHANNEL_AT, static_cast<uint32_t>(victim_channel));
-    DBwire_put32(a + DBCOMM_LENGTH_AT, sizeof notice);
-    std::memcpy(a + DBCOMM_PAYLOAD_AT, notice, sizeof notice);
-    server.set();
-    if (client_ack.wait(5000) != ipc::WaitResult::Signalled) return 4;
-    // Acknowledged as refused, so that the forger's wait ends.
-    return DBwire_get32(a + DBCOMM_CHANNEL_AT) == DBCOMM_DROPPED &&
-                   DBwire_get32(a + DBCOMM_LENGTH_AT) == DBDROP_PROCESS
+    DBwire_put64(r.a + DBCOMM_INSTANCE_AT, 0);
+    if (!r.send(DBHS_CHANNEL, static_cast<uint32_t>(me), DBCOMM_VERSION,
+                std::strlen(DBCOMM_VERSION) + 1, r.client))
+      return 2;
+    if (static_cast<int32_t>(r.word(DBCOMM_CHANNEL_AT)) != DBHS_REFUSED_PROCESS) return 3;
+    // A notice ('W') on the victim's channel, acknowledged as refused so
+    // that the forger's wait ends.
+    uint32_t ch = static_cast<uint32_t>(victim_channel);
+    if (!r.send(ch, sizeof kNotice, kNotice, sizeof kNotice, r.client_ack)) return 4;
+    return r.word(DBCOMM_CHANNEL_AT) == DBCOMM_DROPPED && r.word(DBCOMM_LENGTH_AT) == DBDROP_PROCESS
                ? 0
                : 5;
   });
