@@ -263,6 +263,9 @@ protected:
     alarm(200); // a hang ends the test binary instead of the ctest time-out
   }
   void TearDown() override {
+    if (srv > 0) {
+      EXPECT_EQ(stop_server(srv), 0) << "the server ends cleanly";
+    }
     DBcomm_close();
     msg_set_handler(nullptr);
     alarm(0);
@@ -273,12 +276,17 @@ protected:
     for (int i = 0; i < 600 && v.load() < n; ++i) usleep(5000);
     return v.load() >= n;
   }
+  // Starts the test server as srv; TearDown stops it.
+  bool serve() {
+    srv = start_server(c_);
+    return srv > 0;
+  }
   Counters *c_ = nullptr;
+  pid_t srv = -1;
 };
 
 TEST_F(Protocol, MessagesOfEveryPacketSizeArriveWholeBothWays) {
-  pid_t srv = start_server(c_);
-  ASSERT_GT(srv, 0);
+  ASSERT_TRUE(serve());
   char name[] = "demo";
   DBCONN *c = DBconnect(name);
   ASSERT_EQ(DBstatus(c), 0) << DBerrormessage(c);
@@ -317,12 +325,10 @@ TEST_F(Protocol, MessagesOfEveryPacketSizeArriveWholeBothWays) {
       << g_out;
   DBcomm_close();
   DBconn_free(c);
-  EXPECT_EQ(stop_server(srv), 0);
 }
 
 TEST_F(Protocol, ConnectionCommandsAndOneWayRequests) {
-  pid_t srv = start_server(c_);
-  ASSERT_GT(srv, 0);
+  ASSERT_TRUE(serve());
   // A second server in the same namespace is refused while the first lives.
   pid_t second = spawn([] {
     msg_set_handler([](const char *) {});
@@ -359,13 +365,11 @@ TEST_F(Protocol, ConnectionCommandsAndOneWayRequests) {
   int before = c_->closed;
   EXPECT_EQ(join_within(spawn([] { return connect_demo() ? 0 : 1; }), 10000), 0);
   EXPECT_TRUE(reaches(c_->closed, before + 1));
-  EXPECT_EQ(stop_server(srv), 0);
 }
 
 TEST_F(Protocol, OtherVersionsAndAFullServerAreRefused) {
   c_->max_channels = 1;
-  pid_t srv = start_server(c_);
-  ASSERT_GT(srv, 0);
+  ASSERT_TRUE(serve());
   msg_set_handler(collect);
   ASSERT_EQ(DBcomm_init(DBCOMM_AREA_SIZE), 1);
   EXPECT_EQ(DBhandshake_version_for_test(5000, "2.0.0"), DBHS_VERSION);
@@ -395,14 +399,12 @@ TEST_F(Protocol, OtherVersionsAndAFullServerAreRefused) {
   });
   EXPECT_EQ(join_within(other, 10000), 0);
   EXPECT_EQ(c_->opened, 1);
-  EXPECT_EQ(stop_server(srv), 0);
 }
 
 // A client killed while it holds the exchange, then the server killed while
 // a client waits for its answer: neither blocks anybody for long.
 TEST_F(Protocol, DeadClientsAndADeadServerEndTheWaitsOfOthers) {
-  pid_t srv = start_server(c_);
-  ASSERT_GT(srv, 0);
+  ASSERT_TRUE(serve());
   Gate holding;
   pid_t victim = spawn([&] {
     DBCONN *k = connect_demo();
@@ -427,9 +429,9 @@ TEST_F(Protocol, DeadClientsAndADeadServerEndTheWaitsOfOthers) {
   msg_set_handler(collect);
   g_out.clear();
   ASSERT_TRUE(send_unanswered(c));
-  pid_t killer = spawn([srv] {
+  pid_t killer = spawn([pid = srv] {
     usleep(100000);
-    return kill(srv, SIGKILL);
+    return kill(pid, SIGKILL);
   });
   auto t0 = std::chrono::steady_clock::now();
   unsigned char buf[10000];
@@ -447,18 +449,15 @@ TEST_F(Protocol, DeadClientsAndADeadServerEndTheWaitsOfOthers) {
   EXPECT_EQ(DBsend(c), 0);
   EXPECT_EQ(g_out, "client: The server has ended; the transaction is lost\n");
   DBconn_free(c);
-  pid_t srv2 = start_server(c_);
-  ASSERT_GT(srv2, 0);
+  ASSERT_TRUE(serve());
   EXPECT_TRUE(served_elsewhere(20000, 3));
-  EXPECT_EQ(stop_server(srv2), 0);
 }
 
 // Two parked clients: the activation meant for one may wake the other, which
 // must pass it on. The answer for a parked client that died may hand the
 // exchange to its channel; the server must take it back once it notices.
 TEST_F(Protocol, ParkedClientsGetTheirAnswersAndADeadOneKeepsNothing) {
-  pid_t srv = start_server(c_);
-  ASSERT_GT(srv, 0);
+  ASSERT_TRUE(serve());
   auto parked_client = [] {
     DBCONN *k = connect_demo();
     if (!k) return 1;
@@ -491,12 +490,10 @@ TEST_F(Protocol, ParkedClientsGetTheirAnswersAndADeadOneKeepsNothing) {
   EXPECT_TRUE(reaches(c_->closed, 3));
   DBfinish(c);
   DBconn_free(c);
-  EXPECT_EQ(stop_server(srv), 0);
 }
 
 TEST_F(Protocol, EightClientsThousandExchangesEachAllAnswersRight) {
-  pid_t srv = start_server(c_);
-  ASSERT_GT(srv, 0);
+  ASSERT_TRUE(serve());
   std::vector<pid_t> clients;
   for (int k = 0; k < 8; ++k) {
     clients.push_back(spawn([k] {
@@ -516,7 +513,6 @@ TEST_F(Protocol, EightClientsThousandExchangesEachAllAnswersRight) {
     }));
   }
   for (pid_t p : clients) EXPECT_EQ(join_within(p, 150000), 0);
-  EXPECT_EQ(stop_server(srv), 0);
 }
 
 // The exchange can never stay locked. A client whose handshake times out at
@@ -524,8 +520,7 @@ TEST_F(Protocol, EightClientsThousandExchangesEachAllAnswersRight) {
 // destructors unmap the transport): later clients are served. A mutex left
 // locked by a process that unmapped it is replaced by the next server start.
 TEST_F(Protocol, NoClientCanWedgeTheExchange) {
-  pid_t srv = start_server(c_);
-  ASSERT_GT(srv, 0);
+  ASSERT_TRUE(serve());
   kill(srv, SIGSTOP);
   pid_t quitter = spawn([] {
     if (DBcomm_init(DBCOMM_AREA_SIZE) != 1 || DBhandshake(300) != DBHS_TIMEOUT) return 1;
@@ -546,18 +541,15 @@ TEST_F(Protocol, NoClientCanWedgeTheExchange) {
   EXPECT_EQ(join_within(wedger, 5000), 0);
   kill(srv, SIGKILL);
   EXPECT_EQ(join_within(srv, 5000), 128 + SIGKILL);
-  srv = start_server(c_);
-  ASSERT_GT(srv, 0);
+  ASSERT_TRUE(serve());
   EXPECT_TRUE(served_elsewhere(300, 1));
-  EXPECT_EQ(stop_server(srv), 0);
 }
 
 // A client of a server that was killed and started again is never served
 // by the new one: its next request fails and says that the transaction is
 // lost; the new server's own client goes on undisturbed.
 TEST_F(Protocol, AClientOfAKilledServerIsNotServedByItsSuccessor) {
-  pid_t srv = start_server(c_);
-  ASSERT_GT(srv, 0);
+  ASSERT_TRUE(serve());
   DBCONN *old = connect_demo();
   ASSERT_NE(old, nullptr);
   ASSERT_TRUE(echoes(old, 100, 1));
@@ -570,8 +562,7 @@ TEST_F(Protocol, AClientOfAKilledServerIsNotServedByItsSuccessor) {
   }
   kill(srv, SIGKILL);
   EXPECT_EQ(join_within(srv, 5000), 128 + SIGKILL);
-  srv = start_server(c_);
-  ASSERT_GT(srv, 0);
+  ASSERT_TRUE(serve());
   // A client of the old server that reaches the new one (here: a request
   // with the old instance id on a channel the new server gave out) is
   // refused, told so, and the exchange is free afterwards.
@@ -605,7 +596,6 @@ TEST_F(Protocol, AClientOfAKilledServerIsNotServedByItsSuccessor) {
   done.open_gate();
   EXPECT_EQ(join_within(other, 10000), 0);
   DBconn_free(old);
-  EXPECT_EQ(stop_server(srv), 0);
 }
 
 // Objects of another user in the namespace: a server refuses to start,
@@ -660,8 +650,7 @@ TEST_F(Protocol, ObjectsOfAnotherUserAreRefusedByServerAndClient) {
 // after the time limit; the channel then serves its next request.
 TEST_F(Protocol, AnIncompleteRequestIsDroppedAfterTheTimeLimit) {
   c_->incomplete_ms = 300;
-  pid_t srv = start_server(c_);
-  ASSERT_GT(srv, 0);
+  ASSERT_TRUE(serve());
   pid_t client = spawn([] {
     DBCONN *k = connect_demo();
     RawClient r; // chunks count only from the holder of the exchange
@@ -682,7 +671,6 @@ TEST_F(Protocol, AnIncompleteRequestIsDroppedAfterTheTimeLimit) {
     return echoes(k, 300, 4) ? 0 : 3;
   });
   EXPECT_EQ(join_within(client, 10000), 0);
-  EXPECT_EQ(stop_server(srv), 0);
 }
 
 // A request the server drops (here: longer than it takes) ends its client's
@@ -690,8 +678,7 @@ TEST_F(Protocol, AnIncompleteRequestIsDroppedAfterTheTimeLimit) {
 // next request, and other clients are served.
 TEST_F(Protocol, ADroppedRequestIsAnsweredAndFreesTheExchange) {
   c_->max_request = 50000;
-  pid_t srv = start_server(c_);
-  ASSERT_GT(srv, 0);
+  ASSERT_TRUE(serve());
   DBCONN *k = connect_demo();
   ASSERT_NE(k, nullptr);
   msg_set_handler(collect);
@@ -703,15 +690,13 @@ TEST_F(Protocol, ADroppedRequestIsAnsweredAndFreesTheExchange) {
   EXPECT_TRUE(served_elsewhere(20000, 2));
   EXPECT_TRUE(echoes(k, 40000, 3));
   DBconn_free(k);
-  EXPECT_EQ(stop_server(srv), 0);
 }
 
 // A process can neither claim another's process id at the handshake nor
 // write chunks for another process's channel: the server checks both
 // against the holder of the exchange's mutex. The victim goes on undisturbed.
 TEST_F(Protocol, ForgedHandshakesAndChunksAreRefused) {
-  pid_t srv = start_server(c_);
-  ASSERT_GT(srv, 0);
+  ASSERT_TRUE(serve());
   DBCONN *victim = connect_demo();
   ASSERT_NE(victim, nullptr);
   int victim_channel = victim->channel;
@@ -738,7 +723,6 @@ TEST_F(Protocol, ForgedHandshakesAndChunksAreRefused) {
   EXPECT_EQ(c_->notices, 0);
   EXPECT_EQ(c_->closed, 0);
   DBconn_free(victim);
-  EXPECT_EQ(stop_server(srv), 0);
 }
 
 } // namespace
