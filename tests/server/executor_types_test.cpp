@@ -86,6 +86,14 @@ TEST_F(TypesTest, ValuesOutsideTheirTypeAreRefusedWithTheAttributeName) {
     EXPECT_NE(err.find("(TAVRIN 401) Ungültiger Wert für Attribut "), std::string::npos) << err;
     EXPECT_NE(err.find(c.expected), std::string::npos) << c.assignment << " -> " << err;
   }
+  // Every month's last day is a date, the day after it none.
+  const int last[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  for (int m = 1; m <= 12; ++m) {
+    std::string day = "UPDATE T SET D = '2003-" + std::to_string(100 + m).substr(1) + "-";
+    good(day + std::to_string(last[m - 1]) + "'");
+    EXPECT_NE(bad(day + std::to_string(last[m - 1] + 1) + "'").find("kein gültiges Datum"),
+              std::string::npos);
+  }
   // Nothing of the refused updates is stored.
   Answer a = good("SELECT C, S FROM T");
   EXPECT_EQ(a.text(0, 0), "");
