@@ -52,12 +52,6 @@ TEST(DisabledSession, BeginStackDepthsAndStatementsThatSendNothing) {
   EXPECT_EQ(dbrollback(&s), 1); // depth 1: a new transaction, the depth stays
   EXPECT_EQ(dbend(&s), 1);
   EXPECT_EQ(cap.take(), "");
-  // Underflow: reported, the depth stays negative, the next BEGIN brings it
-  // back to 0.
-  EXPECT_EQ(dbend(&s), 1);
-  EXPECT_EQ(cap.take(), "BEGIN-stack underflow (too many dbends).\n");
-  EXPECT_EQ(db_depth(), -1);
-  EXPECT_EQ(dbbegin(&s), 1);
   EXPECT_EQ(db_depth(), 0);
 
   dbcache_read();
@@ -145,11 +139,8 @@ TEST(DbinitDeathTest, WithoutAServerPrintsTheConnectionFailure) {
   setenv("TAVRIN_NAMESPACE", ns.c_str(), 1);
   Capture cap;
   DBSESSION *s = reinterpret_cast<DBSESSION *>(1);
-  EXPECT_EQ(dbinit(&s, "DBSQL/kunden"), 0);
-  EXPECT_EQ(s, nullptr);
-  EXPECT_NE(cap.take().find("Connection to TAVRIN-database 'kunden' failed:\n  "),
-            std::string::npos);
   EXPECT_EQ(dbinit(&s, "DBSQL/"), 0); // the default name, empty
+  EXPECT_EQ(s, nullptr);
   EXPECT_NE(cap.take().find("Connection to TAVRIN-database failed:\n  "), std::string::npos);
   setenv("DBSYS", "DBSQL", 1);
   EXPECT_EQ(DB_Init(&s, "artikel"), 0);
@@ -209,7 +200,7 @@ struct DyingServerProcess {
   }
 };
 
-TEST(TransportLossDeathTest, TheSessionLayerEndsTheProgramTheClientLibraryDoesNot) {
+TEST(TransportLossDeathTest, TheSessionLayerEndsTheProgram) {
   // A death test's child uses the connection its parent opened: the server
   // refuses its chunks as another process's, or it has ended by then.
   const char *lost = "client write: Data missing \\(expected|DBrecv: No data received|server has "
@@ -227,13 +218,6 @@ TEST(TransportLossDeathTest, TheSessionLayerEndsTheProgramTheClientLibraryDoesNo
     db_reset_depth_for_test();
     EXPECT_FATAL(dbbegin(s), lost);
     EXPECT_FATAL(dbexec1(s, "SELECT * FROM KUNDE", nullptr, nullptr), lost);
-    // A caller of the client library gets the failure with the printed
-    // text and goes on.
-    Capture cap;
-    DBRESULT *r = DBexec(s->connection, "SELECT * FROM KUNDE");
-    EXPECT_EQ(DBresult_status(r), DBRES_TRANSPORT);
-    EXPECT_EQ(cap.take(), DBresult_error(r));
-    DBclear(r);
     dbclose(s);
   }
   {
