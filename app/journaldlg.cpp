@@ -196,6 +196,10 @@ void create_form() {
   fl_set_object_resize(f.refresh, 100, 0, 0, 0);
   f.list = fl_add_tabbox(2, 20, 70, 720, 300, "");
   fl_set_object_resize(f.list, 0, 100, 0, 100);
+  // The details follow the selection (a click or the arrow keys), not only a
+  // double click, so that the statements an undo would run are seen before
+  // "Rückgängig" is pressed.
+  fl_set_object_callback(f.list, show_details, 0);
   f.details = fl_add_input(FL_MULTILINE_INPUT, 20, 380, 720, 150, "");
   fl_set_object_lstyle(f.details, FL_FIXED_STYLE);
   fl_set_object_resize(f.details, 0, 100, 100, 0);
