@@ -214,7 +214,7 @@ void create_form() {
 
   myfl_set_form_name(f.form, -1, "Zentiq-Journal");
   myfl_init_helpdialog(f.form, f.help, "JZTQ_HLP");
-  fl_set_object_shortcut(f.undo, "&r", 1);
+  fl_set_object_shortcut(f.undo, "#r#R", 1);
   myfl_init_data_cmb(f.form, f.status, f.status_button,
                      "alle,A|bestätigt,C|abgebrochen,X|unbekannt,U|rückgängig gemacht,R", 1);
   myfl_set_cmb_code(f.status, "A");
