@@ -55,8 +55,13 @@ protected:
     else
       QTest::qWait(wait_ms);
   }
+  // Activates the main window. Right after its start the window manager may
+  // still refuse (xdotool then reports that it does not support activating
+  // windows), so the request is repeated for up to 3 s.
   void activate() {
-    xdo("windowactivate --sync " + std::to_string(window()->winId()));
+    const std::string cmd =
+        "xdotool windowactivate --sync " + std::to_string(window()->winId()) + " 2>/dev/null";
+    for (int i = 0; i < 30 && std::system(cmd.c_str()) != 0; ++i) QTest::qWait(100);
     ASSERT_TRUE(QTest::qWaitForWindowActive(window(), 3000));
   }
   // The screen position (in the X server's pixels) of point p of widget w.
