@@ -364,6 +364,9 @@ public:
   bool append(std::vector<unsigned char> &out, const std::vector<AnswerColumn> &cols,
               int64_t limit, size_t max_bytes) override {
     int64_t n = 0;
+    std::vector<ColType> types;
+    types.reserve(cols.size());
+    for (const AnswerColumn &c : cols) types.push_back(c.type);
     while (limit == 0 || n < limit) {
       int rc = pending_ ? pending_ : sqlite3_step(s_);
       pending_ = 0;
@@ -372,8 +375,7 @@ public:
         if ((rc & 0xFF) == SQLITE_BUSY && n > 0) return true;
         c_.raise(rc);
       }
-      for (size_t i = 0; i < cols.size(); ++i)
-        type_append_value(out, cols[i].type, s_, static_cast<int>(i));
+      type_append_row(out, types.data(), types.size(), s_);
       answer_row(out);
       ++n;
       if (out.size() > max_bytes) store_answer_too_big(out, max_bytes);

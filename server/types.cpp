@@ -17,11 +17,6 @@ namespace {
 
 const unsigned char SECTION = 0xA7; // "§", the run marker of escaped binary values
 
-void put16(std::vector<unsigned char> &out, uint16_t v) {
-  out.push_back(static_cast<unsigned char>(v & 0xFF));
-  out.push_back(static_cast<unsigned char>(v >> 8));
-}
-
 std::string trim_blanks(const std::string &s) {
   size_t b = 0, e = s.size();
   while (b < e && (s[b] == ' ' || s[b] == '\t')) ++b;
@@ -625,41 +620,39 @@ inline void store32(unsigned char *p, uint32_t v) {
   for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(v >> (8 * i));
 }
 
-// Append the answer forms of the numeric types: a 2-byte length, then the
-// value little-endian. Values beyond a type's range are clamped to it.
-inline void append_smallint(std::vector<unsigned char> &out, int64_t v) {
+// The answer forms of the numeric types at p: a 2-byte length, then the
+// value little-endian. Values beyond a type's range are clamped to it. Each
+// returns the end of what it wrote (4, 6 and 10 bytes).
+inline unsigned char *put_smallint(unsigned char *p, int64_t v) {
   v = std::clamp<int64_t>(v, -32768, 32767);
-  unsigned char *p = grow(out, 4);
   store16(p, 2);
   store16(p + 2, static_cast<uint16_t>(static_cast<int16_t>(v)));
+  return p + 4;
 }
 
-inline void append_integer(std::vector<unsigned char> &out, int64_t v) {
+inline unsigned char *put_integer(unsigned char *p, int64_t v) {
   v = std::clamp<int64_t>(v, std::numeric_limits<int32_t>::min(),
                           std::numeric_limits<int32_t>::max());
-  unsigned char *p = grow(out, 6);
   store16(p, 4);
   store32(p + 2, static_cast<uint32_t>(static_cast<int32_t>(v)));
+  return p + 6;
 }
 
-inline void append_float(std::vector<unsigned char> &out, double v) {
+inline unsigned char *put_float(unsigned char *p, double v) {
   uint64_t bits;
   memcpy(&bits, &v, 8);
-  unsigned char *p = grow(out, 10);
   store16(p, 8);
   store32(p + 2, static_cast<uint32_t>(bits));
   store32(p + 6, static_cast<uint32_t>(bits >> 32));
+  return p + 10;
 }
 
 // The calendar parts of a stored DATE, TIME or TIMESTAMP text of n bytes at
-// s (null for no bytes): the server's own forms through fast_calendar, any
-// other through the general parsers, and zero parts for a text neither reads.
-// Shared by the SQLite and the PostgreSQL row readers; allocates only for
-// texts off the fast path.
-inline DateParts calendar_parts(int code, const unsigned char *s, size_t n) {
+// s (null for no bytes) that is not in the server's own forms: the general
+// parsers, and zero parts for a text they do not read. Allocates a copy of
+// the text; the answers' row readers call it only off the fast path.
+DateParts calendar_parts_slow(int code, const unsigned char *s, size_t n) {
   DateParts p;
-  if (s && fast_calendar(code, s, n, p)) return p;
-  p = DateParts();
   std::string text = s ? std::string(reinterpret_cast<const char *>(s), n) : std::string();
   bool ok = code == DBTYPE_DATE   ? parse_date(text.substr(0, 10), p)
             : code == DBTYPE_TIME ? parse_time(text, p)
@@ -667,118 +660,186 @@ inline DateParts calendar_parts(int code, const unsigned char *s, size_t n) {
   return ok ? p : DateParts();
 }
 
-// Appends the answer form of a calendar value: a 2-byte length, then the
-// parts (DATE y,m,d; TIME h,m,s; TIMESTAMP both with a zero byte and the
-// microseconds).
-inline void append_calendar(std::vector<unsigned char> &out, int code, const DateParts &p) {
+// The bytes of a calendar type's answer form: 6 for DATE, 5 for TIME, 14
+// for TIMESTAMP.
+inline size_t calendar_room(int code) {
+  return code == DBTYPE_DATE ? 6 : code == DBTYPE_TIME ? 5 : 14;
+}
+
+// The answer form of a calendar value at q: a 2-byte length, then the parts
+// (DATE y,m,d; TIME h,m,s; TIMESTAMP both with a zero byte and the
+// microseconds). Returns the end (calendar_room bytes on).
+inline unsigned char *put_calendar(unsigned char *q, int code, const DateParts &p) {
   if (code == DBTYPE_DATE) {
-    unsigned char *q = grow(out, 6);
     store16(q, 4);
     store16(q + 2, static_cast<uint16_t>(p.y));
     q[4] = static_cast<unsigned char>(p.mo);
     q[5] = static_cast<unsigned char>(p.d);
-  } else if (code == DBTYPE_TIME) {
-    unsigned char *q = grow(out, 5);
+    return q + 6;
+  }
+  if (code == DBTYPE_TIME) {
     store16(q, 3);
     q[2] = static_cast<unsigned char>(p.h);
     q[3] = static_cast<unsigned char>(p.mi);
     q[4] = static_cast<unsigned char>(p.s);
-  } else {
-    unsigned char *q = grow(out, 14);
-    store16(q, 12);
-    store16(q + 2, static_cast<uint16_t>(p.y));
-    q[4] = static_cast<unsigned char>(p.mo);
-    q[5] = static_cast<unsigned char>(p.d);
-    q[6] = static_cast<unsigned char>(p.h);
-    q[7] = static_cast<unsigned char>(p.mi);
-    q[8] = static_cast<unsigned char>(p.s);
-    q[9] = 0;
-    store32(q + 10, static_cast<uint32_t>(p.us));
+    return q + 5;
+  }
+  store16(q, 12);
+  store16(q + 2, static_cast<uint16_t>(p.y));
+  q[4] = static_cast<unsigned char>(p.mo);
+  q[5] = static_cast<unsigned char>(p.d);
+  q[6] = static_cast<unsigned char>(p.h);
+  q[7] = static_cast<unsigned char>(p.mi);
+  q[8] = static_cast<unsigned char>(p.s);
+  q[9] = 0;
+  store32(q + 10, static_cast<uint32_t>(p.us));
+  return q + 14;
+}
+
+// The answer form at q of a calendar value stored as the n bytes at s (null
+// for none, which reads as zero parts). The server's own forms are read by
+// fast_calendar into parts that stay in this frame, so big answers neither
+// allocate nor copy a parts record per value.
+inline unsigned char *put_calendar_text(unsigned char *q, int code, const unsigned char *s,
+                                        size_t n) {
+  DateParts p;
+  if (!s || fast_calendar(code, s, n, p)) return put_calendar(q, code, s ? p : DateParts());
+  return put_calendar(q, code, calendar_parts_slow(code, s, n));
+}
+
+// The most bytes put_latin1 writes for a text of n bytes.
+inline size_t latin1_room(size_t n) { return 2 + std::min<size_t>(n, 65534) + 1; }
+
+// The answer form of a CHARACTER value at dst from the n bytes of UTF-8 at
+// txt: a 2-byte length, the Latin-1 text (never longer than its UTF-8 form)
+// and a zero byte. The text ends at a zero byte and at 65534 bytes. Returns
+// the end of what it wrote (at most latin1_room(n) bytes).
+inline unsigned char *put_latin1(unsigned char *dst, const unsigned char *txt, size_t n) {
+  unsigned char *text = dst + 2;
+  size_t len = 0;
+  for (size_t i = 0; i < n && len < 65534;) {
+    // A run of ASCII bytes other than zero is copied as it is, eight bytes
+    // at a time while no byte has its high bit set or is zero.
+    size_t end = i, max = std::min(n, i + (65534 - len));
+    for (uint64_t w; end + 8 <= max; end += 8) {
+      memcpy(&w, txt + end, 8);
+      const uint64_t high = 0x8080808080808080ull, ones = 0x0101010101010101ull;
+      if ((w & high) || ((w - ones) & ~w & high)) break;
+    }
+    while (end < max && txt[end] != 0 && txt[end] < 0x80) ++end;
+    memcpy(text + len, txt + i, end - i);
+    len += end - i;
+    i = end;
+    if (i >= n || len >= 65534) break;
+    unsigned char c = txt[i] < 0x80 ? txt[i++] : next_latin1(txt, n, i);
+    if (c == 0) break;
+    text[len++] = c;
+  }
+  text[len] = 0;
+  store16(dst, static_cast<uint16_t>(len + 1));
+  return text + len + 1;
+}
+
+// The answer form of a BINARY value of n bytes at b (cut to the type's
+// longest): a 2-byte value length, the 2-byte byte count and the bytes.
+inline size_t binary_room(size_t n) { return 4 + std::min<size_t>(n, TYPE_MAX_BINARY); }
+
+inline unsigned char *put_binary(unsigned char *q, const unsigned char *b, size_t n) {
+  n = std::min<size_t>(n, TYPE_MAX_BINARY);
+  store16(q, static_cast<uint16_t>(n + 2));
+  store16(q + 2, static_cast<uint16_t>(n));
+  if (n) memcpy(q + 4, b, n);
+  return q + 4 + n;
+}
+
+// One value of an SQLite result row, read once for the room its answer form
+// needs and for the writing. The statement runs on this thread only, so the
+// unprotected value may be read; its text stays valid until the next step.
+struct SqliteCell {
+  sqlite3_value *val;
+  const unsigned char *bytes; // the text or blob; null for a NULL
+  size_t n;
+};
+
+// Reads column `col` of the current row for a column of type `code` into c;
+// returns the most bytes its answer form takes. The value is looked up once:
+// each column call would look it up again and check the connection's error
+// state, which for big answers costs as much as the writing.
+inline size_t read_cell(int code, sqlite3_stmt *stmt, int col, SqliteCell &c) {
+  c.val = sqlite3_column_value(stmt, col);
+  c.bytes = nullptr;
+  c.n = 0;
+  switch (code) {
+  case DBTYPE_SMALLINT:
+    return 4;
+  case DBTYPE_INTEGER:
+    return 6;
+  case DBTYPE_FLOAT:
+    return 10;
+  case DBTYPE_BINARY:
+    c.bytes = static_cast<const unsigned char *>(sqlite3_value_blob(c.val));
+    c.n = c.bytes ? static_cast<size_t>(sqlite3_value_bytes(c.val)) : 0;
+    return binary_room(c.n);
+  default: // CHARACTER and the calendar types, stored as text
+    // A NULL's text is no bytes: an empty CHARACTER, zero calendar parts.
+    c.bytes = sqlite3_value_text(c.val);
+    c.n = c.bytes ? static_cast<size_t>(sqlite3_value_bytes(c.val)) : 0;
+    return code == DBTYPE_CHARACTER ? latin1_room(c.n) : calendar_room(code);
+  }
+}
+
+// Writes the answer form of a cell that read_cell read at p, which has the
+// room read_cell named; returns the end of what it wrote. A NULL number goes
+// out as its type's null marker.
+inline unsigned char *put_cell(unsigned char *p, int code, const SqliteCell &c) {
+  switch (code) {
+  case DBTYPE_SMALLINT:
+    return put_smallint(p, sqlite3_value_type(c.val) == SQLITE_NULL ? NULL_SMALLINT
+                                                                      : sqlite3_value_int64(c.val));
+  case DBTYPE_INTEGER:
+    return put_integer(p, sqlite3_value_type(c.val) == SQLITE_NULL ? NULL_INTEGER
+                                                                     : sqlite3_value_int64(c.val));
+  case DBTYPE_FLOAT:
+    return put_float(p, sqlite3_value_type(c.val) == SQLITE_NULL ? NULL_FLOAT
+                                                                   : sqlite3_value_double(c.val));
+  case DBTYPE_DATE:
+  case DBTYPE_TIME:
+  case DBTYPE_TIMESTAMP:
+    return put_calendar_text(p, code, c.bytes, c.n);
+  case DBTYPE_BINARY:
+    return put_binary(p, c.bytes, c.n);
+  default:
+    return put_latin1(p, c.bytes, c.n);
   }
 }
 
 } // namespace
 
 void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt *stmt, int col) {
-  // The column's value is looked up once and read through the value calls:
-  // each column call would look it up again and check the connection's error
-  // state, which for big answers costs as much as the writing. The statement
-  // runs on this thread only, so the unprotected value may be read.
-  sqlite3_value *val = sqlite3_column_value(stmt, col);
-  // Numbers need the NULL test; a text or blob of a NULL reads as no bytes,
-  // which is what a NULL of those types gives, so they skip the call.
-  const bool numeric =
-      t.code == DBTYPE_SMALLINT || t.code == DBTYPE_INTEGER || t.code == DBTYPE_FLOAT;
-  bool null = numeric && sqlite3_value_type(val) == SQLITE_NULL;
-  switch (t.code) {
-  case DBTYPE_SMALLINT: {
-    append_smallint(out, null ? NULL_SMALLINT : sqlite3_value_int64(val));
-    return;
-  }
-  case DBTYPE_INTEGER: {
-    append_integer(out, null ? NULL_INTEGER : sqlite3_value_int64(val));
-    return;
-  }
-  case DBTYPE_FLOAT: {
-    append_float(out, null ? NULL_FLOAT : sqlite3_value_double(val));
-    return;
-  }
-  case DBTYPE_DATE:
-  case DBTYPE_TIME:
-  case DBTYPE_TIMESTAMP: {
-    DateParts p;
-    if (!null) {
-      const unsigned char *txt = sqlite3_value_text(val);
-      p = calendar_parts(t.code, txt, static_cast<size_t>(sqlite3_value_bytes(val)));
-    }
-    append_calendar(out, t.code, p);
-    return;
-  }
-  case DBTYPE_BINARY: {
-    size_t n = 0;
-    const unsigned char *b = nullptr;
-    if (!null) {
-      b = static_cast<const unsigned char *>(sqlite3_value_blob(val));
-      n = static_cast<size_t>(sqlite3_value_bytes(val));
-    }
-    if (n > TYPE_MAX_BINARY) n = TYPE_MAX_BINARY;
-    put16(out, static_cast<uint16_t>(n + 2));
-    put16(out, static_cast<uint16_t>(n));
-    if (n) out.insert(out.end(), b, b + n);
-    return;
-  }
-  default: { // CHARACTER
-    // Converted from UTF-8 straight into the answer: the Latin-1 text is never
-    // longer than its UTF-8 form. It ends at a zero byte and at 65534 bytes.
-    const unsigned char *txt = sqlite3_value_text(val);
-    size_t n = txt ? static_cast<size_t>(sqlite3_value_bytes(val)) : 0;
+  SqliteCell c;
+  size_t at = out.size();
+  out.resize(at + read_cell(t.code, stmt, col, c));
+  unsigned char *end = put_cell(out.data() + at, t.code, c);
+  out.resize(static_cast<size_t>(end - out.data()));
+}
+
+void type_append_row(std::vector<unsigned char> &out, const ColType *types, size_t ncols,
+                     sqlite3_stmt *stmt) {
+  // The answer grows once per group of columns by the most the group can
+  // take and is cut to what was written: one resize per row instead of one
+  // per value.
+  constexpr size_t kGroup = 32;
+  SqliteCell cells[kGroup];
+  for (size_t from = 0; from < ncols; from += kGroup) {
+    const size_t k = std::min(kGroup, ncols - from);
+    size_t room = 0;
+    for (size_t i = 0; i < k; ++i)
+      room += read_cell(types[from + i].code, stmt, static_cast<int>(from + i), cells[i]);
     size_t at = out.size();
-    // Short texts (most) take room of one known size, cut to the text below.
-    unsigned char *dst = (n <= 61 ? grow(out, 64) : grow(out, 2 + std::min<size_t>(n, 65534) + 1)) + 2;
-    size_t len = 0;
-    for (size_t i = 0; i < n && len < 65534;) {
-      // A run of ASCII bytes other than zero is copied as it is, eight bytes
-      // at a time while no byte has its high bit set or is zero.
-      size_t end = i, max = std::min(n, i + (65534 - len));
-      for (uint64_t w; end + 8 <= max; end += 8) {
-        memcpy(&w, txt + end, 8);
-        const uint64_t high = 0x8080808080808080ull, ones = 0x0101010101010101ull;
-        if ((w & high) || ((w - ones) & ~w & high)) break;
-      }
-      while (end < max && txt[end] != 0 && txt[end] < 0x80) ++end;
-      memcpy(dst + len, txt + i, end - i);
-      len += end - i;
-      i = end;
-      if (i >= n || len >= 65534) break;
-      unsigned char c = txt[i] < 0x80 ? txt[i++] : next_latin1(txt, n, i);
-      if (c == 0) break;
-      dst[len++] = c;
-    }
-    dst[len] = 0;
-    out.resize(at + 2 + len + 1);
-    store16(out.data() + at, static_cast<uint16_t>(len + 1));
-    return;
-  }
+    out.resize(at + room);
+    unsigned char *p = out.data() + at;
+    for (size_t i = 0; i < k; ++i) p = put_cell(p, types[from + i].code, cells[i]);
+    out.resize(static_cast<size_t>(p - out.data()));
   }
 }
 
@@ -846,34 +907,29 @@ void type_append_pg_value(std::vector<unsigned char> &out, ColType t, unsigned p
     int64_t x = null ? NULL_SMALLINT
                 : is_int ? as_int()
                          : static_cast<int64_t>(as_double());
-    append_smallint(out, x);
+    put_smallint(grow(out, 4), x);
     return;
   }
   case DBTYPE_INTEGER: {
     int64_t x = null ? NULL_INTEGER
                 : is_int ? as_int()
                          : static_cast<int64_t>(as_double());
-    append_integer(out, x);
+    put_integer(grow(out, 6), x);
     return;
   }
   case DBTYPE_FLOAT: {
-    append_float(out, null ? NULL_FLOAT : as_double());
+    put_float(grow(out, 10), null ? NULL_FLOAT : as_double());
     return;
   }
   case DBTYPE_DATE:
   case DBTYPE_TIME:
   case DBTYPE_TIMESTAMP: {
-    DateParts p;
-    if (!null) p = calendar_parts(t.code, u, n);
-    append_calendar(out, t.code, p);
+    put_calendar_text(grow(out, calendar_room(t.code)), t.code, null ? nullptr : u, n);
     return;
   }
   case DBTYPE_BINARY: {
-    size_t len = null ? 0 : std::min<size_t>(n, TYPE_MAX_BINARY);
-    unsigned char *q = grow(out, 4 + len);
-    store16(q, static_cast<uint16_t>(len + 2));
-    store16(q + 2, static_cast<uint16_t>(len));
-    if (len) memcpy(q + 4, u, len);
+    if (null) n = 0;
+    put_binary(grow(out, binary_room(n)), u, n);
     return;
   }
   default: { // CHARACTER: UTF-8 text to Latin-1, ending at 65534 bytes
@@ -891,16 +947,9 @@ void type_append_pg_value(std::vector<unsigned char> &out, ColType t, unsigned p
     }
     if (null) n = 0;
     size_t at = out.size();
-    unsigned char *dst = grow(out, 2 + std::min<size_t>(n, 65534) + 1) + 2;
-    size_t len = 0;
-    for (size_t i = 0; i < n && len < 65534;) {
-      unsigned char c = u[i] < 0x80 ? u[i++] : next_latin1(u, n, i);
-      if (c == 0) break;
-      dst[len++] = c;
-    }
-    dst[len] = 0;
-    out.resize(at + 2 + len + 1);
-    store16(out.data() + at, static_cast<uint16_t>(len + 1));
+    out.resize(at + latin1_room(n));
+    unsigned char *end = put_latin1(out.data() + at, u, n);
+    out.resize(static_cast<size_t>(end - out.data()));
     return;
   }
   }

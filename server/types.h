@@ -100,6 +100,12 @@ std::string type_literal_text(const Literal &lit);
 // read as the type, goes out as the type's null marker.
 void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt *stmt, int col);
 
+// Appends the values of the current row of stmt as type_append_value does,
+// column i read as types[i] for the first ncols columns; the answer grows
+// once per row rather than once per value.
+void type_append_row(std::vector<unsigned char> &out, const ColType *types, size_t ncols,
+                     sqlite3_stmt *stmt);
+
 // PostgreSQL type oids of the result columns the PostgreSQL store reads.
 constexpr unsigned PG_OID_BYTEA = 17, PG_OID_INT8 = 20, PG_OID_INT2 = 21, PG_OID_INT4 = 23,
                    PG_OID_TEXT = 25, PG_OID_FLOAT4 = 700, PG_OID_FLOAT8 = 701;
