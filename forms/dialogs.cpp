@@ -56,12 +56,13 @@ int default_answer(int buttons, int default_button) {
 }
 
 // The program speaks German: the buttons carry its words, whatever the
-// platform's language.
+// platform's language. Each word's first letter is its key: a question box
+// takes J, N or A alone (and with Alt) for its button.
 void name_buttons(QMessageBox *box) {
   const std::pair<QMessageBox::StandardButton, const char *> words[] = {
-      {QMessageBox::Yes, "Ja"},
-      {QMessageBox::No, "Nein"},
-      {QMessageBox::Cancel, "Abbrechen"},
+      {QMessageBox::Yes, "&Ja"},
+      {QMessageBox::No, "&Nein"},
+      {QMessageBox::Cancel, "&Abbrechen"},
       {QMessageBox::Ok, "OK"}};
   for (const auto &[which, word] : words)
     if (QAbstractButton *b = box->button(which)) b->setText(QString::fromLatin1(word));
