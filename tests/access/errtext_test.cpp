@@ -2,6 +2,7 @@
 // parameters as text, the record layouts of the ERROT and ERR modules.
 #include "db/access/errtext.h"
 
+#include <array>
 #include <cstring>
 
 #include "access_testutil.h"
@@ -99,19 +100,14 @@ TEST(TableRecords, InsertTextsQuoteAndWriteNullsAsEmpty) {
   TABLE_Record_Init(d, r.data());
   EXPECT_EQ(TABLE_Record_InsertText(d, r.data()),
             "(Name, Nr, Betrag, Tag, Ts, Bin, Kurz) VALUES ('', '', '', '', '', '', '')");
-  std::memcpy(r.data() + 4, "O'N\"\\", 6);
-  int32_t nr = -5;
-  std::memcpy(r.data() + 14, &nr, 4);
-  double b = 2.5;
-  std::memcpy(r.data() + 18, &b, 8);
-  DATE day{2003, 7, 12};
-  std::memcpy(r.data() + 26, &day, 4);
-  DATI ts{2003, 7, 12, 10, 30, 0, 5};
-  std::memcpy(r.data() + 30, &ts, 12);
-  unsigned char bin[] = {4, 0, 'A', 0, 1, '$'};
-  std::memcpy(r.data() + 42, bin, sizeof bin);
-  int16_t k = 3;
-  std::memcpy(r.data() + 50, &k, 2);
+  auto put = [&](int idx, auto v) { std::memcpy(r.data() + idx, &v, sizeof v); };
+  put(4, std::to_array("O'N\"\\"));
+  put(14, int32_t{-5});
+  put(18, 2.5);
+  put(26, DATE{2003, 7, 12});
+  put(30, DATI{2003, 7, 12, 10, 30, 0, 5});
+  put(42, std::to_array<unsigned char>({4, 0, 'A', 0, 1, '$'}));
+  put(50, int16_t{3});
   EXPECT_EQ(TABLE_Record_InsertText(d, r.data()),
             "(Name, Nr, Betrag, Tag, Ts, Bin, Kurz) VALUES ('O\\'N\\\"\\\\', -5, '2.5', "
             "'2003-07-12', '2003-07-12-10.30.00.000005', 'A\xA7"

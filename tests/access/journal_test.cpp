@@ -1,9 +1,5 @@
 // The repair journal: its line format with hostile values, the files it
 // writes, and recording and undoing changes against a real server.
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-
 #include <cstdlib>
 
 #include "access_testutil.h"
@@ -40,6 +36,7 @@ TEST(Journal, FormatKeepsEveryValueAndCutEntriesAreIgnored) {
   // Every record is one line: no value's LF, CR or TAB leaks into the file.
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 7);
   EXPECT_EQ(text.find('\r'), std::string::npos);
+  EXPECT_NE(text.find("\tKUNDE_ID\tupdate\t-\n"), std::string::npos); // the kind, no undone entry
 
   JrnEntry d = e;
   d.token = "t2";
@@ -52,11 +49,8 @@ TEST(Journal, FormatKeepsEveryValueAndCutEntriesAreIgnored) {
   EXPECT_EQ(skipped, 0);
   ASSERT_EQ(got.size(), 2u);
   EXPECT_EQ(got[0].number, 1);
-  EXPECT_EQ(got[0].token, e.token);
-  EXPECT_EQ(got[0].user, e.user);
-  EXPECT_EQ(got[0].columns, e.columns);
-  EXPECT_EQ(got[0].types, e.types);
-  EXPECT_EQ(got[0].before, e.before);
+  EXPECT_EQ(std::tie(got[0].token, got[0].user, got[0].columns, got[0].types, got[0].before),
+            std::tie(e.token, e.user, e.columns, e.types, e.before));
   EXPECT_EQ(got[0].after, e.after);
   EXPECT_EQ(got[0].status, JRN_COMMITTED);
   EXPECT_EQ(got[0].undone_by, 2); // the committed entry 2 takes it back
@@ -82,15 +76,14 @@ TEST(Journal, FilesArePrivateAndAppendsFollowACutLine) {
   setenv("XDG_DATA_HOME", home.c_str(), 1);
   std::string path = jrn_path("u1000_/x", "DEMO");
   EXPECT_EQ(path, home + "/zentiq/journal/DEMO@u1000_%2Fx.jrn");
-  JrnEntry e = hostile_entry();
+  JrnEntry e = hostile_entry(), f = hostile_entry();
   e.token.clear();
+  f.token.clear();
   std::string why;
   ASSERT_EQ(jrn_append(path, &e, &why), 1) << why;
   EXPECT_FALSE(e.token.empty());
   // A crash cut the next write short: the following entry still reads.
   write_file(path, read_file(path) + "E\tbroken");
-  JrnEntry f = hostile_entry();
-  f.token.clear();
   ASSERT_EQ(jrn_append(path, &f, &why), 1) << why;
   ASSERT_EQ(jrn_mark(path, f.token, JRN_ABORTED, &why), 1);
   std::vector<JrnEntry> got;
@@ -99,18 +92,17 @@ TEST(Journal, FilesArePrivateAndAppendsFollowACutLine) {
   EXPECT_EQ(got[1].token, f.token);
   EXPECT_EQ(got[1].status, JRN_ABORTED);
   EXPECT_EQ(got[1].after, f.after);
-  struct stat st {};
-  ASSERT_EQ(stat(path.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
-  ASSERT_EQ(stat(jrn_folder().c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
+  EXPECT_EQ(std::filesystem::status(jrn_folder()).permissions(), std::filesystem::perms(0700));
   unsetenv("XDG_DATA_HOME");
 }
 
 class JournalServed : public ServedSuite<JournalServed> {
 protected:
   std::unique_ptr<ScratchDir> scratch;
-  std::string path;
+  std::string path, why;
+  std::vector<JrnProblem> problems;
+  int number = 0; // of the last undo's entry
 
   void SetUp() override {
     ServedSuite::SetUp();
@@ -123,14 +115,6 @@ protected:
     // A float whose shown text ("0.3") is not its value.
     exec("INSERT INTO JT VALUES (2, 'zwei', 0.30000000000000004, '');");
   }
-  int exec(const std::string &sql) {
-    DBRESULT *r = nullptr;
-    int outcome = 0;
-    dbexec1(s, sql.c_str(), &r, &outcome);
-    int n = dbntuples(s, r);
-    dbclear(s, r);
-    return n;
-  }
   std::string row(int id) {
     DBRESULT *r = nullptr;
     int outcome = 0;
@@ -142,29 +126,36 @@ protected:
     dbclear(s, r);
     return out;
   }
-  // Runs a typed change as the viewer records it: rows read before, the
-  // statement, rows read again, the entry synced before the commit.
-  JrnEntry record(const std::string &where, const std::string &stmt, JrnKind kind) {
+  // Runs a typed change as the viewer records it: rows read before (two at
+  // most, the most any test changes), the statement, rows read again, the
+  // entry synced before the commit. With `commit` false the program "ends"
+  // between the sync and the commit: the entry stays written, the change is
+  // taken back.
+  JrnEntry record(const std::string &where, const std::string &stmt, JrnKind kind,
+                  bool commit = true) {
     JrnEntry e;
-    e.kind = kind;
     e.database = "DEMO";
-    std::vector<JrnRow> rows;
-    std::string why;
+    e.kind = kind;
     EXPECT_EQ(dbbegin(s), 1);
-    EXPECT_EQ(jrn_read_rows(s, "JT", where, 10000, &e, &rows, &why), JRN_READ_OK) << why;
-    e.before = rows;
+    EXPECT_EQ(jrn_read_rows(s, "JT", where, 2, &e, &e.before, &why), JRN_READ_OK) << why;
     EXPECT_GE(exec(stmt), 1);
+    std::vector<JrnValue> keys;
+    for (const JrnRow &r : e.before) keys.push_back(r[0]);
     if (kind == JRN_UPDATE) {
-      std::vector<JrnValue> keys;
-      for (const JrnRow &r : rows) keys.push_back(r[0]);
       EXPECT_EQ(jrn_read_keys(s, e, keys, &e.after, &why), JRN_READ_OK) << why;
     }
-    EXPECT_EQ(jrn_commit(s, path, &e, &why), JRN_COMMIT_OK) << why;
+    if (commit) {
+      EXPECT_EQ(jrn_commit(s, path, &e, &why), JRN_COMMIT_OK) << why;
+    } else {
+      EXPECT_EQ(jrn_append(path, &e, &why), 1) << why;
+      dbrollback(s);
+      dbend(s);
+    }
     return e;
   }
+  int undo(const JrnEntry &e) { return jrn_undo(s, path, e, &problems, &why, &number); }
   std::vector<JrnEntry> entries() {
     std::vector<JrnEntry> all;
-    std::string why;
     EXPECT_EQ(jrn_read(path, &all, &why), 1) << why;
     return all;
   }
@@ -186,10 +177,7 @@ TEST_F(JournalServed, UndoOfAnUpdateAndOfADeleteRestoresTheRowsAndIsRecorded) {
       stmts[0],
       "UPDATE JT SET NAME = 'O''Brien \\\\ \xC4', MENGE = 2.5, AM = '2003-07-12' WHERE JT_ID = 1;");
 
-  std::vector<JrnProblem> problems;
-  std::string why;
-  int number = 0;
-  ASSERT_EQ(jrn_undo(s, path, all[0], &problems, &why, &number), JRN_UNDO_DONE) << why;
+  ASSERT_EQ(undo(all[0]), JRN_UNDO_DONE) << why;
   EXPECT_EQ(row(1), one);
   EXPECT_EQ(row(2), two);
   EXPECT_EQ(exec("SELECT * FROM JT WHERE MENGE = 0.30000000000000004;"), 1); // every bit back
@@ -202,11 +190,11 @@ TEST_F(JournalServed, UndoOfAnUpdateAndOfADeleteRestoresTheRowsAndIsRecorded) {
   record("WHERE JT_ID = 2", "DELETE FROM JT WHERE JT_ID = 2;", JRN_DELETE);
   ASSERT_EQ(row(2), "<none>");
   all = entries();
-  ASSERT_EQ(jrn_undo(s, path, all[2], &problems, &why, &number), JRN_UNDO_DONE) << why;
+  ASSERT_EQ(undo(all[2]), JRN_UNDO_DONE) << why;
   EXPECT_EQ(row(2), two);
   EXPECT_EQ(entries()[3].kind, JRN_INSERT);
   // The undo of the undo takes the row away again.
-  ASSERT_EQ(jrn_undo(s, path, entries()[3], &problems, &why, &number), JRN_UNDO_DONE) << why;
+  ASSERT_EQ(undo(entries()[3]), JRN_UNDO_DONE) << why;
   EXPECT_EQ(row(2), "<none>");
   EXPECT_EQ(db_depth(), 0);
 }
@@ -214,45 +202,33 @@ TEST_F(JournalServed, UndoOfAnUpdateAndOfADeleteRestoresTheRowsAndIsRecorded) {
 TEST_F(JournalServed, UndoIsRefusedWhenARowChangedSince) {
   record("WHERE JT_ID = 1", "UPDATE JT SET MENGE = 7 WHERE JT_ID = 1;", JRN_UPDATE);
   record("WHERE JT_ID = 2", "DELETE FROM JT WHERE JT_ID = 2;", JRN_DELETE);
-  std::string why;
   EXPECT_EQ(jrn_check(s, entries()[0], &why), JRN_CHECK_AFTER);
   exec("UPDATE JT SET NAME = 'anders' WHERE JT_ID = 1;");
   exec("INSERT INTO JT VALUES (2, 'wieder da', 1, '');");
   std::vector<JrnEntry> all = entries();
   ASSERT_EQ(all.size(), 2u);
   EXPECT_EQ(jrn_check(s, all[0], &why), JRN_CHECK_NEITHER);
-  std::vector<JrnProblem> problems;
-  int number = 0;
-  ASSERT_EQ(jrn_undo(s, path, all[0], &problems, &why, &number), JRN_UNDO_CHANGED);
+  ASSERT_EQ(undo(all[0]), JRN_UNDO_CHANGED);
   ASSERT_EQ(problems.size(), 1u);
   EXPECT_EQ(problems[0].column, "NAME");
   EXPECT_EQ(problems[0].now, JrnValue("anders"));
   EXPECT_EQ(row(1), "1|anders|7|2003-07-12"); // nothing written
-  ASSERT_EQ(jrn_undo(s, path, all[1], &problems, &why, &number), JRN_UNDO_CHANGED);
+  ASSERT_EQ(undo(all[1]), JRN_UNDO_CHANGED);
   EXPECT_EQ(problems[0].what, JrnProblem::KEY_TAKEN);
   exec("DELETE FROM JT WHERE JT_ID = 1;");
-  ASSERT_EQ(jrn_undo(s, path, all[0], &problems, &why, &number), JRN_UNDO_CHANGED);
+  ASSERT_EQ(undo(all[0]), JRN_UNDO_CHANGED);
   EXPECT_EQ(problems[0].what, JrnProblem::GONE);
   // Two rows with the key: the undo cannot tell which one the change left.
   exec("INSERT INTO JT VALUES (1, 'eins', 1, '');");
   exec("INSERT INTO JT VALUES (1, 'zwei', 1, '');");
-  ASSERT_EQ(jrn_undo(s, path, all[0], &problems, &why, &number), JRN_UNDO_CHANGED);
+  ASSERT_EQ(undo(all[0]), JRN_UNDO_CHANGED);
   EXPECT_EQ(problems[0].what, JrnProblem::DOUBLED);
   EXPECT_EQ(problems[0].key, "1");
   EXPECT_EQ(entries().size(), 2u); // refused undos leave no entry
 
   // The program ended between the sync and the commit: the entry reads
   // "unknown", and the data says the change did not happen.
-  JrnEntry lost;
-  std::vector<JrnRow> rows;
-  ASSERT_EQ(dbbegin(s), 1);
-  ASSERT_EQ(jrn_read_rows(s, "JT", "WHERE JT_ID = 2", 1, &lost, &rows, &why), JRN_READ_OK);
-  lost.before = rows;
-  exec("UPDATE JT SET NAME = 'nie' WHERE JT_ID = 2;");
-  ASSERT_EQ(jrn_read_keys(s, lost, {rows[0][0]}, &lost.after, &why), JRN_READ_OK);
-  ASSERT_EQ(jrn_append(path, &lost, &why), 1);
-  dbrollback(s);
-  dbend(s);
+  record("WHERE JT_ID = 2", "UPDATE JT SET NAME = 'nie' WHERE JT_ID = 2;", JRN_UPDATE, false);
   EXPECT_EQ(entries().back().status, JRN_UNKNOWN);
   EXPECT_EQ(jrn_check(s, entries().back(), &why), JRN_CHECK_BEFORE);
   EXPECT_EQ(db_depth(), 0);

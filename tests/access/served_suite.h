@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <string>
 #include <utility>
 
 #include "db/access/session.h"
@@ -19,6 +20,9 @@ template <typename Derived> class ServedSuite : public ::testing::Test {
 protected:
   static inline tavrind_fixture::Server *server = nullptr;
   DBSESSION *s = nullptr;
+  // The system database, for the tests that open it (a process has one
+  // connection: opening it drops the one to "demo"); closed after each test.
+  DBSESSION *sys = nullptr;
 
   static void SetUpTestSuite() {
     server = new tavrind_fixture::Server;
@@ -34,7 +38,30 @@ protected:
     db_reset_depth_for_test();
     ASSERT_EQ(dbinit(&s, "DBSQL/demo"), 1);
   }
-  void TearDown() override { dbclose(s); }
+  void TearDown() override {
+    dbclose(sys);
+    dbclose(s);
+  }
+
+  // Runs sql on `on` (the session `s` when null); dbntuples of its result:
+  // the rows it found or changed.
+  int exec(const std::string &sql, DBSESSION *on = nullptr) {
+    DBRESULT *r = nullptr;
+    int outcome = 0;
+    dbexec1(on ? on : s, sql.c_str(), &r, &outcome);
+    int n = dbntuples(s, r);
+    dbclear(s, r);
+    return n;
+  }
+  // The first value of a query's only row, "" when there is none.
+  std::string value(const std::string &sql, DBSESSION *on = nullptr) {
+    DBRESULT *r = nullptr;
+    int outcome = 0;
+    dbexec1(on ? on : s, sql.c_str(), &r, &outcome);
+    std::string v = r && DBntuples(r) > 0 && DBgetvalue(r, 0, 0) ? DBgetvalue(r, 0, 0) : "";
+    dbclear(s, r);
+    return v;
+  }
 };
 
 } // namespace access_test

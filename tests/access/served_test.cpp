@@ -18,26 +18,7 @@ namespace {
 using namespace access_test;
 using ::testing::StartsWith;
 
-class Served : public ServedSuite<Served> {
-protected:
-  // The system database for the tests that open it (a process has one
-  // connection: opening it drops the one to "demo").
-  DBSESSION *sys = nullptr;
-
-  void TearDown() override {
-    dbclose(sys);
-    ServedSuite::TearDown();
-  }
-  // The first value of a query's only row, "" when there is none.
-  std::string value(const std::string &sql, DBSESSION *on = nullptr) {
-    DBRESULT *r = nullptr;
-    int outcome = 0;
-    dbexec1(on ? on : s, sql.c_str(), &r, &outcome);
-    std::string v = r && DBntuples(r) > 0 && DBgetvalue(r, 0, 0) ? DBgetvalue(r, 0, 0) : "";
-    dbclear(s, r);
-    return v;
-  }
-};
+class Served : public ServedSuite<Served> {};
 
 TEST_F(Served, OnlyTheOutermostBracketReachesTheServer) {
   size_t mark = server->log_size();
@@ -51,14 +32,10 @@ TEST_F(Served, OnlyTheOutermostBracketReachesTheServer) {
 
   // COMMIT and ABORT at depth 1 open the next transaction at once.
   ASSERT_EQ(dbbegin(s), 1);
-  ASSERT_EQ(dbexec1(s, "INSERT INTO ARTIKEL (ARTIKEL_ID, BEZEICHNUNG) VALUES (8001, 'fest')",
-                    nullptr, nullptr),
-            1);
+  ASSERT_EQ(exec("INSERT INTO ARTIKEL (ARTIKEL_ID, BEZEICHNUNG) VALUES (8001, 'fest')"), 1);
   EXPECT_EQ(dbcommit(s), 1);
   EXPECT_EQ(db_depth(), 1);
-  ASSERT_EQ(dbexec1(s, "INSERT INTO ARTIKEL (ARTIKEL_ID, BEZEICHNUNG) VALUES (8002, 'weg')",
-                    nullptr, nullptr),
-            1);
+  ASSERT_EQ(exec("INSERT INTO ARTIKEL (ARTIKEL_ID, BEZEICHNUNG) VALUES (8002, 'weg')"), 1);
   EXPECT_EQ(dbrollback(s), 1);
   EXPECT_EQ(db_depth(), 1);
   EXPECT_EQ(value("SELECT COUNT(*) FROM ARTIKEL WHERE ARTIKEL_ID > 8000"), "1");
@@ -74,7 +51,7 @@ TEST_F(Served, OnlyTheOutermostBracketReachesTheServer) {
   EXPECT_EQ(cap.take(), "BEGIN-stack underflow (too many dbends).\n");
   EXPECT_EQ(dbbegin(s), 1);
   EXPECT_EQ(server->count_log(": BEGIN", mark2) + server->count_log(": COMMIT", mark2), 0);
-  dbexec1(s, "DELETE FROM ARTIKEL WHERE ARTIKEL_ID > 8000", nullptr, nullptr);
+  exec("DELETE FROM ARTIKEL WHERE ARTIKEL_ID > 8000");
 }
 
 TEST_F(Served, StatementHelpersReportTheirOutcomes) {
@@ -103,8 +80,7 @@ TEST_F(Served, StatementHelpersReportTheirOutcomes) {
   EXPECT_THAT(cap.take(), StartsWith("BAD RESPONSE to 'SELECT' command.\nError: "));
   dbclear(s, r);
 
-  EXPECT_EQ(
-      dbexec1(s, "CREATE TABLE PROBE (PROBE_ID INTEGER, NAME CHARACTER(20))", nullptr, nullptr), 1);
+  exec("CREATE TABLE PROBE (PROBE_ID INTEGER, NAME CHARACTER(20))");
   EXPECT_EQ(dbinsert(s, "probe", "(PROBE_ID, NAME) VALUES (1, 'eins')", &r, &outcome), 1);
   EXPECT_EQ(outcome, DBOUT_DONE);
   EXPECT_EQ(dbntuples(s, r), 1); // the count of the change
@@ -144,7 +120,7 @@ TEST_F(Served, StatementHelpersReportTheirOutcomes) {
   EXPECT_EQ(dbdeleteall(s, "probe", &r, &outcome), 1);
   EXPECT_EQ(dbntuples(s, r), 1);
   dbclear(s, r);
-  EXPECT_EQ(dbexec1(s, "DROP TABLE PROBE", nullptr, nullptr), 1);
+  exec("DROP TABLE PROBE");
 }
 
 TEST_F(Served, ConnectionStringsAndALostConnection) {

@@ -40,15 +40,10 @@ TEST(DataAssign, IntegersNarrowFloatsTruncateAndTimesAreNotCopied) {
   EXPECT_TRUE(std::isinf(assigned<float>(DT_FLOAT, 1e300, DT_DOUBLE)));
   EXPECT_EQ((assigned<char>(DT_CHAR, char{1}, DT_LOGICAL)), 1);
 
-  // TIME and DATI pass the type check but are not copied.
-  TIME t1{1, 2, 3}, t2{4, 5, 6};
-  DATA_Assign(&t2, DT_TIME, &t1, DT_TIME);
-  EXPECT_EQ(t2.hour, 4);
-  DATI x{2003, 7, 12, 1, 2, 3, 4}, y{1800, 1, 1, 0, 0, 0, 0};
-  DATA_Assign(&y, DT_DATI, &x, DT_DATI);
-  EXPECT_EQ(y.year, 1800);
-  DATE a{2003, 7, 12}, b{1800, 1, 1};
-  DATA_Assign(&b, DT_DATE, &a, DT_DATE);
+  // TIME and DATI pass the type check but are not copied; DATE is.
+  EXPECT_EQ((assigned<TIME>(DT_TIME, TIME{1, 2, 3}, DT_TIME).hour), 0);
+  EXPECT_EQ((assigned<DATI>(DT_DATI, DATI{2003, 7, 12, 1, 2, 3, 4}, DT_DATI).year), 0);
+  DATE a{2003, 7, 12}, b = assigned<DATE>(DT_DATE, a, DT_DATE);
   EXPECT_EQ(DATE_Compare(&a, &b), 0);
 }
 

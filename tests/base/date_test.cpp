@@ -3,6 +3,7 @@
 #include "base/date.h"
 
 #include <cstdlib>
+#include <ctime>
 
 #include "base_testutil.h"
 
@@ -16,9 +17,9 @@ std::string iso(const DATE &d) {
   return buf;
 }
 
-DATE date(const char *text) {
+DATE date(const char *text, int dattyp = DA_DEFAULT) {
   DATE d{0, 0, 0};
-  EXPECT_EQ(DATE_FromString(&d, text, DA_DEFAULT), 1) << text;
+  EXPECT_EQ(DATE_FromString(&d, text, dattyp), 1) << text;
   return d;
 }
 
@@ -41,8 +42,7 @@ TEST(DateText, FormatsForEveryDattypAndTheTwoParsedForms) {
 
   EXPECT_EQ(iso(date("2003.07.12")), "2003-07-12");
   EXPECT_EQ(iso(date("1900-02-29")), "1900-02-29"); // no century rule
-  EXPECT_EQ(DATE_FromString(&d, "20030712", DA_YYYYMMDD), 1);
-  EXPECT_EQ(iso(d), "2003-07-12");
+  EXPECT_EQ(iso(date("20030712", DA_YYYYMMDD)), "2003-07-12");
   c.take();
 
   DATE keep{2000, 1, 1};
@@ -65,6 +65,10 @@ TEST(DateRules, ValidityAndLeapYears) {
   for (const DATE &d : bad) EXPECT_EQ(DATE_IsValid(&d), 0) << iso(d);
   EXPECT_EQ(DATE_IsNull(&ok[0]), 1);
   EXPECT_EQ(DATE_IsNull(&ok[1]), 0);
+  DATE today;
+  std::time_t now = std::time(nullptr);
+  ASSERT_EQ(DATE_Today(&today), 1);
+  EXPECT_EQ(today.year, std::localtime(&now)->tm_year + 1900);
 }
 
 // Tests years outside 1970..2036 between two markers on stderr, then exits.
@@ -93,17 +97,13 @@ TEST(DateArithmetic, DaysMonthsAndUltimo) {
     int n;
     const char *to;
   } cases[] = {
-      {"2003-12-31", Days, 1, "2004-01-01"},
-      {"2004-03-01", Days, -1, "2004-02-29"},
-      {"2003-07-12", Days, 1000, "2006-04-07"},
-      {"2003-01-31", Months, 1, "2003-02-28"},
-      {"2003-11-15", Months, 3, "2004-02-15"},
-      {"2004-02-15", Months, -14, "2002-12-15"},
-      {"2004-01-31", Ultimo, 1, "2004-02-29"},
-      {"2003-02-28", Ultimo, 1, "2003-03-31"},
-      {"2003-03-30", Ultimo, 1, "2003-04-30"},  // not the last day: stays the 30th
-      {"2003-04-30", Ultimo, -2, "2003-02-28"}, // 30 April is the ultimo
-  };
+      // From 30 March a month on is 30 April (not the ultimo: the day stays);
+      // 30 April is the ultimo of its month.
+      {"2003-12-31", Days, 1, "2004-01-01"},     {"2004-03-01", Days, -1, "2004-02-29"},
+      {"2003-07-12", Days, 1000, "2006-04-07"},  {"2003-01-31", Months, 1, "2003-02-28"},
+      {"2003-11-15", Months, 3, "2004-02-15"},   {"2004-02-15", Months, -14, "2002-12-15"},
+      {"2004-01-31", Ultimo, 1, "2004-02-29"},   {"2003-02-28", Ultimo, 1, "2003-03-31"},
+      {"2003-03-30", Ultimo, 1, "2003-04-30"},   {"2003-04-30", Ultimo, -2, "2003-02-28"}};
   for (const auto &k : cases) {
     DATE d = date(k.from);
     int rc = k.op == Days     ? DATE_AddDays(&d, k.n)
@@ -112,11 +112,10 @@ TEST(DateArithmetic, DaysMonthsAndUltimo) {
     EXPECT_EQ(rc, 1);
     EXPECT_EQ(iso(d), k.to) << k.from << " op " << k.op << " " << k.n;
   }
-  DATE d = date("2003-07-12"), e = date("2004-12-31");
+  DATE d = date("2003-07-12"), e = date("2004-12-31"), f = date("2003-02-10");
   EXPECT_EQ(DATE_DayOfYear(&d), 193);
   EXPECT_EQ(DATE_DayOfYear(&e), 366);
-  d = date("2003-02-10");
-  EXPECT_EQ(DATE_DaysInMonth(&d), 28);
+  EXPECT_EQ(DATE_DaysInMonth(&f), 28);
   d = date("2004-02-10");
   EXPECT_EQ(DATE_GetUltimo(&d, "MONA"), 1);
   EXPECT_EQ(iso(d), "2004-02-29");
@@ -128,10 +127,9 @@ TEST(DateArithmetic, DaysMonthsAndUltimo) {
   const struct {
     const char *a, *b;
     int leap_days;
-  } spans[] = {{"2003-01-01", "2009-01-01", 2},
-               {"2009-01-01", "2003-01-01", 0},
-               {"2004-02-29", "2008-02-29", 0}, // both ends excluded
-               {"2004-01-01", "2004-03-01", 1},
+  } spans[] = {// both ends are excluded
+               {"2003-01-01", "2009-01-01", 2}, {"2009-01-01", "2003-01-01", 0},
+               {"2004-02-29", "2008-02-29", 0}, {"2004-01-01", "2004-03-01", 1},
                {"2004-03-01", "2008-03-01", 1}};
   for (const auto &k : spans) {
     DATE a = date(k.a), b = date(k.b);
@@ -170,9 +168,7 @@ TEST(TimeAndDati, ParsingFormattingOrderAndMessages) {
   EXPECT_EQ(TIME_FromString(&t, "12:34:56"), 1);
   EXPECT_EQ(t.hour, 12);
   EXPECT_EQ(t.second, 56);
-  EXPECT_EQ(TIME_FromString(&t, "1:2:3"), 0);
-  EXPECT_EQ(TIME_FromString(&t, "24:00:00"), 0);
-  EXPECT_EQ(TIME_FromString(&t, "ab:cd:ef"), 0);
+  for (const char *bad : {"1:2:3", "24:00:00", "ab:cd:ef"}) EXPECT_EQ(TIME_FromString(&t, bad), 0);
   EXPECT_EQ(c.take(), "(TIME_FromString) Invalid time (1:2:3)\n"
                       "(TIME_FromString) Invalid timestamp (24:00:00)\n"
                       "(TIME_FromString) Invalid timestamp (ab:cd:ef)\n");
@@ -192,9 +188,10 @@ TEST(TimeAndDati, ParsingFormattingOrderAndMessages) {
   EXPECT_STREQ(buf, "2003-07-12-10.20.30.000450");
   EXPECT_EQ(c.take(), "(DATI_ToString) Invalid datityp (3) -> using default.\n");
 
-  EXPECT_EQ(DATI_FromString(&d, "2003-07-12-10.20.30.00045"), 0);   // 25 characters
-  EXPECT_EQ(DATI_FromString(&d, "2003-07-12-10.20.30.0004500"), 0); // 27 characters
-  EXPECT_EQ(DATI_FromString(&d, "2003-02-29-10.20.30.000450"), 0);
+  // 25 and 27 characters, and a day that does not exist.
+  for (const char *bad : {"2003-07-12-10.20.30.00045", "2003-07-12-10.20.30.0004500",
+                          "2003-02-29-10.20.30.000450"})
+    EXPECT_EQ(DATI_FromString(&d, bad), 0);
   EXPECT_EQ(c.take(), "(DATI_FromString) Invalid timestamp (2003-07-12-10.20.30.00045)\n"
                       "(DATI_FromString) Invalid timestamp (2003-07-12-10.20.30.0004500)\n"
                       "(DATI_FromString) Invalid timestamp (2003-02-29-10.20.30.000450)\n");

@@ -27,6 +27,7 @@ Bytes compress(const Bytes &data, int comp_min = 5, int comp_cache = 4096, size_
   size_t len = 0;
   unsigned char *p = Compress_Take(&len);
   EXPECT_NE(p, nullptr);
+  EXPECT_EQ(Compress_Take(&len), nullptr) << "a stream is handed out once";
   Bytes out(p, p + len);
   std::free(p);
   return out;
@@ -43,6 +44,13 @@ long uncompress(const Bytes &stream, Bytes &out, size_t chunk = 100000) {
     out.insert(out.end(), buf.begin(), buf.begin() + n);
     if (size_t(n) < chunk) return long(out.size());
   }
+}
+
+// The stream decodes, in reads of `chunk` bytes, to exactly `want`.
+void expect_decodes(const Bytes &stream, const Bytes &want, size_t chunk = 100000) {
+  Bytes back;
+  ASSERT_EQ(uncompress(stream, back, chunk), long(want.size()));
+  EXPECT_TRUE(back == want) << "decoded data differ, size " << want.size();
 }
 
 Bytes random_bytes(size_t n, uint32_t seed) {
@@ -66,10 +74,8 @@ Bytes text(size_t n) {
 void expect_round_trip(const Bytes &data, int comp_min = 5, int comp_cache = 4096,
                        size_t wchunk = 0, size_t rchunk = 100000) {
   for (bool thorough : {false, true}) {
-    Bytes stream = compress(data, comp_min, comp_cache, wchunk, thorough);
-    Bytes back;
-    ASSERT_EQ(uncompress(stream, back, rchunk), long(data.size())) << thorough;
-    ASSERT_TRUE(back == data) << "round trip differs, size " << data.size() << " " << thorough;
+    SCOPED_TRACE(thorough ? "thorough" : "fast");
+    expect_decodes(compress(data, comp_min, comp_cache, wchunk, thorough), data, rchunk);
   }
 }
 
@@ -204,17 +210,15 @@ TEST(Varne, LargeInputsAcrossBlocksAndFileStreams) {
   Bytes fast = compress(data, 5, 4096, 4093, false);
   Bytes best = compress(data, 5, 4096, 4093, true);
   EXPECT_LT(best.size(), fast.size() * 104 / 100);
+  EXPECT_FALSE(best == fast) << "the thorough parse was not used";
   EXPECT_LT(fast.size(), data.size() / 4);
   EXPECT_EQ(std::memcmp(best.data(), fast.data(), VARNE_HEADER), 0);
-  Bytes back;
-  ASSERT_EQ(uncompress(best, back), long(data.size()));
-  EXPECT_TRUE(back == data);
+  expect_decodes(best, data);
 
-  Bytes txt = text(3 * VARNE_BLOCK);
+  Bytes txt = text(3 * VARNE_BLOCK), back;
   Bytes ts = compress(txt, 5, 4096, 1000003);
   EXPECT_LT(ts.size(), txt.size() / 4);
-  ASSERT_EQ(uncompress(ts, back), long(txt.size()));
-  EXPECT_TRUE(back == txt);
+  expect_decodes(ts, txt);
 
   // FILE output equals memory output; FILE input decodes it piece by piece.
   FILE *f = std::tmpfile();
@@ -244,10 +248,7 @@ TEST(Varne, LargeInputsAcrossBlocksAndFileStreams) {
 TEST(Varne, FastParseRoundTripsAtItsSearchLimits) {
   // The fast parse only: the thorough one keeps its own search.
   auto fast_round_trip = [](const Bytes &data, int comp_cache = 4096) {
-    Bytes stream = compress(data, 5, comp_cache, 65521);
-    Bytes back;
-    ASSERT_EQ(uncompress(stream, back), long(data.size()));
-    ASSERT_TRUE(back == data) << "size " << data.size() << " cache " << comp_cache;
+    expect_decodes(compress(data, 5, comp_cache, 65521), data);
   };
   // Far more positions per bucket than it holds: one 6-byte prefix whose 7th
   // byte varies; with the smallest search buffers (32 buckets) nearly every
@@ -278,12 +279,10 @@ TEST(Varne, FastParseRoundTripsAtItsSearchLimits) {
 }
 
 TEST(Varne, HandBuiltTokensOfEveryClass) {
-  Bytes out;
   // Literals of each class; class 7 value 195 is entry 0.
   StreamBuilder lits;
   for (int r : {255, 254, 253, 252, 251, 244, 243, 228, 227, 196, 195, 100, 0}) lits.lit(r);
-  ASSERT_EQ(uncompress(lits.end(), out), 13);
-  EXPECT_EQ(out, (Bytes{255, 254, 253, 252, 251, 244, 243, 228, 227, 196, 195, 100, 0}));
+  expect_decodes(lits.end(), {255, 254, 253, 252, 251, 244, 243, 228, 227, 196, 195, 100, 0});
 
   // Runs with every count width; the run byte coded in several classes.
   StreamBuilder runs;
@@ -296,8 +295,7 @@ TEST(Varne, HandBuiltTokensOfEveryClass) {
   }
   runs.run(9, 0, 255);
   want.insert(want.end(), 3, 255);
-  ASSERT_EQ(uncompress(runs.end(), out, 4096), long(want.size()));
-  EXPECT_EQ(out, want);
+  expect_decodes(runs.end(), want, 4096);
 
   // Every repeat class at a distance of its full width and its largest length, checked against
   // a byte-by-byte copy. Runs of changing bytes build the history.
@@ -316,14 +314,12 @@ TEST(Varne, HandBuiltTokensOfEveryClass) {
     want.push_back(9);
     s.rep(k, dist, len);
     for (uint32_t i = 0; i < len + 7; ++i) want.push_back(want[want.size() - dist]);
-    ASSERT_EQ(uncompress(s.end(), out, VARNE_BLOCK), long(want.size())) << "escape " << k;
-    EXPECT_TRUE(out == want) << "escape " << k;
+    SCOPED_TRACE(k);
+    expect_decodes(s.end(), want, VARNE_BLOCK);
   }
   // Overlapping repeats repeat a short pattern.
-  out.clear();
-  ASSERT_EQ(uncompress(StreamBuilder().lit(1).lit(2).lit(3).rep(21, 3, 4).rep(21, 1, 0).end(), out),
-            17);
-  EXPECT_EQ(out, (Bytes{1, 2, 3, 1, 2, 3, 1, 2, 3, 1, 2, 3, 3, 3, 3, 3, 3}));
+  expect_decodes(StreamBuilder().lit(1).lit(2).lit(3).rep(21, 3, 4).rep(21, 1, 0).end(),
+                 {1, 2, 3, 1, 2, 3, 1, 2, 3, 1, 2, 3, 3, 3, 3, 3, 3});
 
   // End of data ends everything; what follows it is never read.
   Bytes stream = StreamBuilder().lit(255).esc(14).esc(11).end();
@@ -375,8 +371,7 @@ TEST(Varne, DamagedStreamsFailWithoutHarm) {
 
   // Every truncation of a real stream fails: the end-of-data token is in
   // its last word.
-  Bytes data = text(3000);
-  Bytes stream = compress(data);
+  Bytes stream = compress(text(3000));
   for (size_t cut = VARNE_HEADER; cut < stream.size(); ++cut)
     ASSERT_EQ(uncompress(Bytes(stream.begin(), stream.begin() + long(cut)), out), -1) << cut;
 }

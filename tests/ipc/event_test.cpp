@@ -5,16 +5,15 @@
 
 #include <chrono>
 #include <cstdint>
+#include <thread>
 #include <vector>
 
 using namespace ipctest;
 using ipc::WaitResult;
 
-namespace {
-double ms_since(std::chrono::steady_clock::time_point t) {
+static double ms_since(std::chrono::steady_clock::time_point t) {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t).count();
 }
-} // namespace
 
 TEST(IpcEvent, OneWaiterPassesPerSetAndSetsDoNotAccumulate) {
   fresh_namespace();
@@ -31,7 +30,27 @@ TEST(IpcEvent, OneWaiterPassesPerSetAndSetsDoNotAccumulate) {
   auto t = std::chrono::steady_clock::now();
   EXPECT_EQ(e.wait(60), WaitResult::Timeout);
   EXPECT_GE(ms_since(t), 55.0);
-  ipc::unlink_object("Ev");
+}
+
+// A nudge ends a wait early as a time-out and is taken by it, leaving the
+// event clear; a set after a nudge is not lost.
+TEST(IpcEvent, NudgeEndsAWaitWithoutSettingTheEvent) {
+  fresh_namespace();
+  ipc::Event e;
+  ASSERT_TRUE(e.create_or_open("Ev"));
+  std::thread nudger([&] {
+    usleep(50000); // the waiter is asleep by then
+    e.nudge();
+  });
+  auto t = std::chrono::steady_clock::now();
+  EXPECT_EQ(e.wait(10000), WaitResult::Timeout);
+  EXPECT_LT(ms_since(t), 5000.0);
+  nudger.join();
+  EXPECT_FALSE(e.is_set());
+  EXPECT_EQ(e.wait(0), WaitResult::Timeout);
+  e.nudge();
+  e.set();
+  EXPECT_EQ(e.wait(0), WaitResult::Signalled);
 }
 
 TEST(IpcEvent, PingPongBetweenProcessesWithAndWithoutSpinning) {
@@ -57,8 +76,6 @@ TEST(IpcEvent, PingPongBetweenProcessesWithAndWithoutSpinning) {
     }
     EXPECT_EQ(passed, 2000) << "spin " << spin;
     EXPECT_EQ(join(child), 0);
-    ipc::unlink_object("Ping");
-    ipc::unlink_object("Pong");
   }
   ipc::set_spin_limit_us(150);
 }
@@ -80,7 +97,6 @@ TEST(IpcEvent, WaitEndsWhenTheWatchedProcessEnds) {
   // A set event wins over an ended process: the data is there.
   e.set();
   EXPECT_EQ(e.wait(-1, &p), WaitResult::Signalled);
-  ipc::unlink_object("Ev");
 }
 
 // Many processes wait for one event, each for its own value of a shared
@@ -124,8 +140,6 @@ TEST(IpcEvent, AddressedWaitTakesOnlyTheEventMeantForIt) {
     EXPECT_FALSE(e.is_set());
   }
   for (size_t i = 0; i < kids.size(); ++i) EXPECT_EQ(join_within(kids[i], 5000), 0) << ids[i];
-  ipc::unlink_object("Ev");
-  ipc::unlink_object("Word");
 }
 
 TEST(IpcEvent, OpenLiveRefusesMissingObjectsAndLeftovers) {
@@ -146,6 +160,7 @@ TEST(IpcEvent, OpenLiveRefusesMissingObjectsAndLeftovers) {
   ASSERT_TRUE(ready.pass());
   ipc::Event second;
   EXPECT_FALSE(second.create_owned("Srv"));
+  EXPECT_FALSE(second.is_open()); // a refused owner keeps nothing open
   ASSERT_TRUE(e.open_live("Srv"));
   EXPECT_EQ(e.wait(2000), WaitResult::Signalled);
   kill(owner, SIGKILL);
@@ -153,5 +168,4 @@ TEST(IpcEvent, OpenLiveRefusesMissingObjectsAndLeftovers) {
   ipc::Event late;
   EXPECT_FALSE(late.open_live("Srv"));
   EXPECT_EQ(errno, ENOENT);
-  ipc::unlink_object("Srv");
 }

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <poll.h>
 #include <string>
@@ -19,38 +20,29 @@
 
 namespace ipctest {
 
-// The namespaces this test process made; their objects are removed when it
-// exits (servers that were killed and clients without a server leave some).
-inline std::vector<std::string> &made_namespaces() {
-  static auto *v = new std::vector<std::string>; // outlives the exit handler
-  return *v;
-}
-
-// The test process itself; forked children (death tests too) leave the
-// objects alone when they exit.
-inline pid_t &namespace_owner() {
-  static pid_t pid = 0;
-  return pid;
-}
-
-inline void remove_namespaces() {
-  if (getpid() != namespace_owner()) return;
-  for (const std::string &ns : made_namespaces())
-    for (const char *n : DBOBJ_ALL) shm_unlink(("/" + ns + n).c_str());
-}
+// The namespaces this test process made; every object in them is removed
+// when it exits (servers that were killed and clients without a server leave
+// some, and the tests leave theirs).
+// Forked children (death tests too) leave them alone when they exit.
+struct MadeNamespaces {
+  pid_t owner = getpid();
+  std::vector<std::string> names;
+  ~MadeNamespaces() {
+    std::error_code ec;
+    for (const auto &entry : std::filesystem::directory_iterator("/dev/shm", ec))
+      for (const std::string &ns : names)
+        if (getpid() == owner && entry.path().filename().string().starts_with(ns))
+          shm_unlink(("/" + entry.path().filename().string()).c_str());
+  }
+};
 
 // Sets TAVRIN_NAMESPACE to a name no other test (or test process) uses.
 inline std::string fresh_namespace() {
+  static MadeNamespaces made;
   static std::atomic<int> n{0};
   std::string ns = "zqipc" + std::to_string(getpid()) + "_" + std::to_string(n++) + "_";
   setenv("TAVRIN_NAMESPACE", ns.c_str(), 1);
-  if (namespace_owner() == 0) {
-    namespace_owner() = getpid();
-    std::atexit(remove_namespaces);
-  }
-  if (getpid() == namespace_owner()) {
-    made_namespaces().push_back(ns);
-  }
+  if (getpid() == made.owner) made.names.push_back(ns);
   return ns;
 }
 
