@@ -33,6 +33,7 @@ protected:
     }
     for (FL_OBJECT *in : {m().table, m().attributes, m().where, m().sql}) fl_set_input(in, "");
   }
+  void TearDown() override { EXPECT_EQ(db_depth(), 0) << "a level was left open"; }
   ZqMainForm &m() { return zentiq_app().main; }
 
   // The input with `text` typed up to its end, as the user leaves it.
@@ -83,7 +84,6 @@ TEST_F(ViewerTools, BrowserListsTablesAndAttributesAndFillsTheInputs) {
   EXPECT_EQ(zentiq_catalog_knows("kunde"), 0);
   ASSERT_EQ(myfl_set_cmb_code(m().database, "DEMO"), 1);
   myfl_hide_form(b.form);
-  EXPECT_EQ(db_depth(), 0);
   EXPECT_EQ(fl_seam_shown().size(), 0u);
 }
 
@@ -127,7 +127,6 @@ TEST_F(ViewerTools, NamesCompleteWithoutRegardToCaseFromTheRightTables) {
   zentiq_choose_completion(m().table, 0);
   fl_set_input(m().sql, "DROP TABLE ZZ_NEU");
   QTest::mouseClick(m().sql_run->widget, Qt::LeftButton);
-  EXPECT_EQ(db_depth(), 0);
 }
 
 TEST_F(ViewerTools, ALongQueryShowsAbbrechenWhichStopsIt) {
@@ -154,7 +153,6 @@ TEST_F(ViewerTools, ALongQueryShowsAbbrechenWhichStopsIt) {
   EXPECT_EQ(zentiq_status_text(), "");
   EXPECT_EQ(zentiq_store().sql_count, stored);
   EXPECT_EQ(zentiq_store().select_count, selects);
-  EXPECT_EQ(db_depth(), 0);
 }
 
 TEST_F(ViewerTools, StatusLineTellsRowsColumnsAndTimes) {

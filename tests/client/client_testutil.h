@@ -81,6 +81,26 @@ inline DBRESULT *column_of(unsigned char type, const std::vector<Bytes> &cells, 
   return decode(a.b);
 }
 
+// Every cell of a result as text: cells joined by ",", rows by "|", a
+// missing text as "<null>".
+inline std::string cells(DBRESULT *r) {
+  std::string out;
+  for (int row = 0; row < DBntuples(r); ++row)
+    for (int c = 0; c < DBnfields(r); ++c) {
+      const char *v = DBgetvalue(r, row, c);
+      out += std::string(c ? "," : row ? "|" : "") + (v ? v : "<null>");
+    }
+  return out;
+}
+
+// The cells of a one-column result of `type` decoded from `values`.
+inline std::string column_cells(unsigned char type, const std::vector<Bytes> &values) {
+  DBRESULT *r = column_of(type, values);
+  std::string out = cells(r);
+  DBclear(r);
+  return out;
+}
+
 // Request fields: a name (tag 'a') and a string value (tag 'f'), each with a
 // 16-bit length that counts the zero byte.
 inline Bytes tagged_text(char tag, const std::string &s) {

@@ -60,8 +60,19 @@ TEST(Tokenizer, StatementsSplitAtSemicolonsOutsideLiterals) {
   EXPECT_EQ(DBsplit_statements(""), (V{""}));
 }
 
-TEST(Tokenizer, TokenNamesOfUnnamedAndOutOfRangeCodes) {
-  EXPECT_STREQ(DBtoken_name('n'), "CREATE UNIQUE INDEX");
+// Messages name a keyword's token by the keyword; other codes are unknown.
+TEST(Tokenizer, TokenNames) {
+  char text[] = "ABORT BEGIN COMMIT DECLARE CLOSE CURSOR FOR FETCH ALL IN SHOW DATABASES TABLES "
+                "INDICES TABLE INDEX DATABASE SET STATIC SECURE SAVE MAX MIN CREATE DATABASE "
+                "CREATE TABLE CREATE INDEX CREATE UNIQUE INDEX DROP DATABASE DROP TABLE DROP INDEX "
+                "INSERT INTO UPDATE DELETE FROM SELECT EXISTS SELECT FROM WHERE ASC DESC DISTINCT "
+                "COUNT VALUES AND OR NOT NULL EXISTS LIKE BETWEEN CHARACTER SMALLINT INTEGER FLOAT "
+                "DATE TIME TIMESTAMP";
+  static char word[DB_TOKEN_MAX + 1];
+  DBtoken_start(text);
+  int code = 0, n = 0;
+  for (; DBnext_token(&code, word) > 0; ++n) EXPECT_STREQ(DBtoken_name(code), word);
+  EXPECT_EQ(n, 57);
   for (int unnamed : {int('j'), int('H'), 0xA6, int('-'), 0, 255, -1, 256})
     EXPECT_STREQ(DBtoken_name(unnamed), "<unknown token>") << unnamed;
 }

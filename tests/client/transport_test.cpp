@@ -124,9 +124,10 @@ struct Stand {
                  in.begin() + long(at + get32(&in[at])));
     return msg;
   }
-  // Receives a request and answers it with `msg` in one chunk.
+  // Sends `msg` to `channel` in one chunk; reply receives a request first.
+  bool answer(int32_t channel, const Bytes &msg) { return send(channel, framed(msg), 10012); }
   bool reply(int32_t channel, const Bytes &msg) {
-    return !receive().empty() && send(channel, framed(msg), 10012);
+    return !receive().empty() && answer(channel, msg);
   }
   // Sends raw packet bytes to `channel` in chunks of at most `chunk` bytes.
   bool send(int32_t channel, const Bytes &bytes, size_t chunk) {
@@ -176,27 +177,36 @@ protected:
     EXPECT_TRUE(ready.pass());
     return pid;
   }
+  // Connects to "demo" (or to no name), expects the refusal `why` and frees
+  // the connection without closing it.
+  static void refused(const char *why, bool named = true) {
+    char name[] = "demo";
+    DBCONN *c = DBconnect(named ? name : nullptr);
+    EXPECT_EQ(DBstatus(c), 1);
+    EXPECT_STREQ(DBerrormessage(c), why);
+    DBconn_free(c);
+  }
+  // Whether another process gets the exchange mutex within a second.
+  static bool mutex_free() {
+    pid_t other = spawn([] {
+      ipc::Mutex m;
+      return m.open_existing(DBOBJ_MUTEX) && m.lock(1000) == ipc::WaitResult::Signalled ? 0 : 1;
+    });
+    return join_within(other, 5000) == 0;
+  }
   Log *log_ = nullptr;
   testmsg::Capture messages_;
 };
 
 TEST_F(Transport, NoServerASilentOneAndALeftoverOfAKilledOne) {
-  DBCONN *none = DBconnect(nullptr);
-  EXPECT_EQ(DBstatus(none), 1);
-  EXPECT_STREQ(DBerrormessage(none), "(DBconnect) Database name missing\n");
+  refused("(DBconnect) Database name missing\n", false);
   EXPECT_EQ(DBcomm_ready(), 0);
   EXPECT_EQ(testmsg::g_printed, "");
-  DBfinish(none); // nothing to close, nothing sent
-  DBconn_free(none);
 
-  char name[] = "demo";
-  DBCONN *c = DBconnect(name);
-  EXPECT_EQ(DBstatus(c), 1);
-  EXPECT_STREQ(DBerrormessage(c), "(TAVRIN) Communication initialisation error\n");
+  refused("(TAVRIN) Communication initialisation error\n");
   EXPECT_EQ(testmsg::g_printed,
             std::string("Tavrin database not found!\n") + std::strerror(ENOENT) + "\n");
   EXPECT_EQ(DBcomm_ready(), 0);
-  DBconn_free(c);
 
   // A server that never answers: the handshake gives up after 5 s.
   pid_t srv = stand([](Stand &) {
@@ -204,25 +214,18 @@ TEST_F(Transport, NoServerASilentOneAndALeftoverOfAKilledOne) {
     return 0;
   });
   auto t0 = std::chrono::steady_clock::now();
-  c = DBconnect(name);
+  refused("(TAVRIN) Connect to database server failed (timeout)\n");
   double ms =
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
-  EXPECT_EQ(DBstatus(c), 1);
-  EXPECT_STREQ(DBerrormessage(c), "(TAVRIN) Connect to database server failed (timeout)\n");
   EXPECT_GE(ms, 4900.0);
   EXPECT_LT(ms, 9000.0);
-  DBfinish(c);
-  DBconn_free(c);
 
   // Once killed it leaves its objects behind, unlocked.
   kill(srv, SIGKILL);
   join(srv);
   testmsg::g_printed.clear();
-  c = DBconnect(name);
-  EXPECT_EQ(DBstatus(c), 1);
-  EXPECT_STREQ(DBerrormessage(c), "(TAVRIN) Communication initialisation error\n");
+  refused("(TAVRIN) Communication initialisation error\n");
   EXPECT_EQ(testmsg::g_printed.rfind("Tavrin database not found!\n", 0), 0u) << testmsg::g_printed;
-  DBconn_free(c);
   EXPECT_EQ(DBnotify_server(), 0);
 }
 
@@ -231,7 +234,7 @@ TEST_F(Transport, HandshakeAndRequestPacketsAreFramedExactly) {
   pid_t srv = stand([&](Stand &s) {
     if (!s.handshake(3)) return 1;
     for (size_t n : sizes)
-      if (s.receive() != filled(n, int(n)) || !s.send(3, framed(Bytes{'1'}), 10012)) return 2;
+      if (s.receive() != filled(n, int(n)) || !s.answer(3, Bytes{'1'})) return 2;
     return s.handshake(-1) ? 0 : 3; // refuses the next client's version
   });
   ASSERT_EQ(DBcomm_init(DBCOMM_AREA_SIZE), 1);
@@ -283,7 +286,7 @@ TEST_F(Transport, AnswersInOddChunksAndAfterParking) {
     s.activate.set();
     for (int i = 0; i < 5000 && s.owner_word() != -1; ++i) usleep(1000);
     if (s.owner_word() != -1) return 6;
-    return s.send(5, framed(Bytes{'-', '!'}), 10012) ? 0 : 7;
+    return s.answer(5, Bytes{'-', '!'}) ? 0 : 7;
   });
   ASSERT_EQ(DBcomm_init(DBCOMM_AREA_SIZE), 1);
   ASSERT_EQ(DBhandshake(5000), 5);
@@ -306,21 +309,15 @@ TEST_F(Transport, AnswersInOddChunksAndAfterParking) {
 
   ASSERT_EQ(DBclient_write(5, &q, 1), 1);
   ASSERT_EQ(DBclient_read(5, buf, sizeof buf, nullptr, nullptr), 2);
-  EXPECT_EQ(buf[0], '-');
-  EXPECT_EQ(buf[1], '!');
+  EXPECT_EQ(Bytes(buf, buf + 2), (Bytes{'-', '!'}));
   EXPECT_EQ(join_within(srv, 10000), 0);
   EXPECT_EQ(testmsg::g_printed, "");
-  // The exchange is over: the mutex is free for others.
-  pid_t other = spawn([] {
-    ipc::Mutex m;
-    return m.create_or_open(DBOBJ_MUTEX) && m.lock(1000) == ipc::WaitResult::Signalled ? 0 : 1;
-  });
-  EXPECT_EQ(join_within(other, 5000), 0);
+  EXPECT_TRUE(mutex_free()) << "the exchange is over";
 }
 
 // A chunk the server refuses ends the write with the reason and frees the
-// exchange; a server of the older, shorter area is an incompatible version
-// and is not asked.
+// exchange, a packet longer than allowed ends the read; a server of the
+// older, shorter area is an incompatible version and is not asked.
 TEST_F(Transport, RefusedChunksAndAnOlderServer) {
   pid_t srv = stand([](Stand &s) {
     if (!s.handshake(2)) return 1;
@@ -330,7 +327,8 @@ TEST_F(Transport, RefusedChunksAndAnOlderServer) {
       put32(s.a() + 4, DBDROP_SIZE);
       s.client_ack.set();
     }
-    return 0;
+    // Then a packet longer than any packet may be.
+    return !s.receive().empty() && s.send(2, ct::bin(1000000) + ct::bin(1000000), 8) ? 0 : 3;
   });
   ASSERT_EQ(DBcomm_init(DBCOMM_AREA_SIZE), 1);
   ASSERT_EQ(DBhandshake(5000), 2);
@@ -340,11 +338,11 @@ TEST_F(Transport, RefusedChunksAndAnOlderServer) {
                "client: The server dropped the request (a request longer than the server takes)\n");
   EXPECT_EQ(DBclient_write(2, req, sizeof req), 0);
   EXPECT_STREQ(DBclient_error(), "client: The server was restarted; the transaction is lost\n");
-  pid_t taker = spawn([] {
-    ipc::Mutex m;
-    return m.open_existing(DBOBJ_MUTEX) && m.lock(2000) == ipc::WaitResult::Signalled ? 0 : 1;
-  });
-  EXPECT_EQ(join_within(taker, 5000), 0);
+  EXPECT_TRUE(mutex_free());
+  ASSERT_EQ(DBclient_write(2, req, sizeof req), 1);
+  unsigned char buf[100];
+  EXPECT_EQ(DBclient_read(2, buf, sizeof buf, nullptr, nullptr), -1);
+  EXPECT_STREQ(DBclient_error(), "client read: Packet length 1000000 out of range\n");
   EXPECT_EQ(join_within(srv, 5000), 0);
   DBcomm_close();
 
@@ -358,31 +356,24 @@ TEST_F(Transport, RefusedChunksAndAnOlderServer) {
 
 TEST_F(Transport, ErrorAnswersOfConnectionCommands) {
   pid_t srv = stand([&](Stand &s) {
-    // connect refused with a text; connect refused with a text longer than
-    // the answer; connect; drop refused without text; reset: '2' then a
-    // refused '1'.
+    // connect refused with a text; refused with a text longer than the
+    // answer, and with a field that is not a text; connect; drop refused
+    // without text; reset: '2' then a refused '1'.
     if (!s.handshake(1) || !s.reply(1, ct::error_answer("(srv) Kaputt"))) return 1;
     if (!s.handshake(1) || !s.reply(1, Bytes{'0', 'b', 50, 0})) return 2;
+    if (!s.handshake(1) || !s.reply(1, Bytes{'0', 'a', 2, 0, 'x', 0})) return 2;
     if (!s.handshake(1) || !s.reply(1, Bytes{'1'})) return 3;
     Bytes drop = s.receive();
-    if (drop.size() < 2 || drop[0] != '4' || !s.send(1, framed(Bytes{'0'}), 10012)) return 4;
+    if (drop.size() < 2 || drop[0] != '4' || !s.answer(1, Bytes{'0'})) return 4;
     if (s.receive() != Bytes{'2'}) return 5;
     Bytes open = s.receive();
-    if (open.size() < 2 || open[0] != '1' ||
-        !s.send(1, framed(ct::error_answer("(srv) Weg")), 10012))
-      return 6;
-    return 0;
+    return open.size() < 2 || open[0] != '1' || !s.answer(1, ct::error_answer("(srv) Weg")) ? 6 : 0;
   });
+  refused("(srv) Kaputt\n"); // the line feed is added
+  refused("(DBconnect) Result error message missing\n");
+  refused("(DBconnect) Result error message missing\n");
   char name[] = "demo";
   DBCONN *c = DBconnect(name);
-  EXPECT_EQ(DBstatus(c), 1);
-  EXPECT_STREQ(DBerrormessage(c), "(srv) Kaputt\n"); // the line feed is added
-  DBconn_free(c);
-  c = DBconnect(name);
-  EXPECT_EQ(DBstatus(c), 1);
-  EXPECT_STREQ(DBerrormessage(c), "(DBconnect) Result error message missing\n");
-  DBconn_free(c);
-  c = DBconnect(name);
   ASSERT_EQ(DBstatus(c), 0);
   EXPECT_EQ(DBdropdb(c), 0);
   EXPECT_EQ(DBstatus(c), 1);
@@ -410,9 +401,9 @@ TEST_F(Transport, AFailedExchangeLeavesStatusSixAndTheTextAndNeverEndsTheProcess
   char name[] = "demo";
   DBCONN *c = DBconnect(name);
   EXPECT_EQ(DBstatus(c), DBCONN_IO);
-  EXPECT_THAT(DBerrormessage(c), AnyOf(StartsWith("client write: Data missing (expected "),
-                                       HasSubstr("server has ended"),
-                                       EndsWith("DBrecv: No data received\n")));
+  EXPECT_THAT(DBerrormessage(c),
+              AnyOf(StartsWith("client write: Data missing (expected "),
+                    HasSubstr("server has ended"), EndsWith("DBrecv: No data received\n")));
   EXPECT_THAT(testmsg::g_printed, HasSubstr(DBerrormessage(c)));
   DBconn_free(c);
   join_within(srv, 5000);
@@ -424,7 +415,7 @@ TEST_F(Transport, ASecondConnectRefusesTheFirstConnectionsRequests) {
     if (!s.handshake(2) || !s.reply(2, Bytes{'1'})) return 2;
     // Only the second connection's requests arrive: its drop and close.
     Bytes drop = s.receive();
-    if (drop.size() < 2 || drop[0] != '4' || !s.send(2, framed(Bytes{'1'}), 10012)) return 3;
+    if (drop.size() < 2 || drop[0] != '4' || !s.answer(2, Bytes{'1'})) return 3;
     if (s.receive() != Bytes{'2'}) return 4;
     return s.log->chunk_channel[s.log->chunks - 1] == 2 ? 0 : 5;
   });

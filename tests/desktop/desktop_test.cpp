@@ -8,7 +8,7 @@
 #include "app/viewer.h"
 #include "forms/console.h"
 #include "forms/mytabs_draw.h"
-#include "tests/framework/framework_testutil.h"
+#include "tests/app/app_testutil.h"
 #include "tests/forms/bars_testutil.h"
 
 #include <QLineEdit>
@@ -24,11 +24,7 @@ protected:
   // The viewer, started once per process on the test server's DEMO database.
   static bool started() {
     static const bool ok = [] {
-      if (!zqtest::test_server()) return false;
-      static char a0[] = "zentiq", a1[] = "-dbDEMO";
-      static char *argv[] = {a0, a1, nullptr};
-      msg_set_handler(zqtest::to_stderr);
-      if (zentiq_start(2, argv) != 1) return false;
+      if (!zqtest::viewer_started()) return false;
       // As the program shows it: the form in front, the console iconified.
       myfl_show_form(zentiq_app().main.form, "Zentiq");
       fl_iconify_console();

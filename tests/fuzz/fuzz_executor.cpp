@@ -76,39 +76,38 @@ bool answer_well_formed(const std::vector<unsigned char> &a) {
   }
 }
 
-// Runs statements given as request bytes built by hand on a channel.
-void must(Session &ch, std::vector<unsigned char> req) {
+// A request built by hand: bytes as they are, names (tag 'a') and strings
+// (tag 'f') with their 16-bit length counting the zero byte, integers (tag 'd').
+struct Req {
+  std::vector<unsigned char> b;
+  explicit Req(unsigned char cmd) : b{cmd} {}
+  Req &byte(unsigned char c) {
+    b.push_back(c);
+    return *this;
+  }
+  Req &field(unsigned char tag, const char *s) {
+    uint16_t n = static_cast<uint16_t>(strlen(s) + 1);
+    b.insert(b.end(), {tag, static_cast<unsigned char>(n), static_cast<unsigned char>(n >> 8)});
+    b.insert(b.end(), s, s + n);
+    return *this;
+  }
+  Req &name(const char *s) { return field('a', s); }
+  Req &text(const char *s) { return field('f', s); }
+  Req &i32(int32_t v) {
+    byte('d');
+    for (int i = 0; i < 4; ++i) byte(static_cast<unsigned char>(v >> (8 * i)));
+    return *this;
+  }
+};
+
+// Runs a request on a channel; it must be answered without an error.
+void must(Session &ch, const Req &req) {
   std::vector<unsigned char> out;
-  if (exec_request(ch, req.data(), req.size(), out) != EXEC_ANSWER || out.empty() ||
+  if (exec_request(ch, req.b.data(), req.b.size(), out) != EXEC_ANSWER || out.empty() ||
       out[0] == '0') {
     fprintf(stderr, "fuzz setup failed\n");
     abort();
   }
-}
-
-std::vector<unsigned char> name_req(unsigned char cmd, const char *name) {
-  std::vector<unsigned char> b{cmd, 'a'};
-  uint16_t n = static_cast<uint16_t>(strlen(name) + 1);
-  b.push_back(static_cast<unsigned char>(n));
-  b.push_back(static_cast<unsigned char>(n >> 8));
-  b.insert(b.end(), name, name + n);
-  return b;
-}
-
-void append_name(std::vector<unsigned char> &b, const char *name) {
-  std::vector<unsigned char> n = name_req(0, name);
-  b.insert(b.end(), n.begin() + 1, n.end());
-}
-
-void append_int(std::vector<unsigned char> &b, int32_t v) {
-  b.push_back('d');
-  for (int i = 0; i < 4; ++i) b.push_back(static_cast<unsigned char>(v >> (8 * i)));
-}
-
-void append_text(std::vector<unsigned char> &b, const char *s) {
-  std::vector<unsigned char> n = name_req(0, s);
-  n[1] = 'f';
-  b.insert(b.end(), n.begin() + 1, n.end());
 }
 
 void make_template() {
@@ -128,62 +127,22 @@ void make_template() {
   Executor ex;
   ex.catalog.dir = g_template;
   Session ch(ex, 0);
-  must(ch, name_req('3', "F"));
+  must(ch, Req('3').name("F"));
   // T (A INTEGER NOT NULL, B CHARACTER(8), C SMALLINT, D FLOAT, E DATE, G TIME,
   //    H TIMESTAMP, K BINARY(4)) with a unique index, and U (A INTEGER, B CHARACTER(8)).
-  std::vector<unsigned char> t{'5'};
-  append_name(t, "T");
-  const struct {
-    const char *n;
-    unsigned char code;
-    int32_t len;
-  } cols[] = {{"A", '2', 0}, {"B", '0', 8}, {"C", '1', 0}, {"D", '3', 0},
-              {"E", '4', 0}, {"G", '5', 0}, {"H", '6', 0}, {"K", 0xA6, 4}};
-  for (const auto &c : cols) {
-    append_name(t, c.n);
-    t.push_back(c.code);
-    if (c.len) append_int(t, c.len);
-    if (c.n[0] == 'A') t.push_back('F');
-  }
-  t.push_back('x');
-  must(ch, t);
-  std::vector<unsigned char> u{'5'};
-  append_name(u, "U");
-  append_name(u, "A");
-  u.push_back('2');
-  append_name(u, "B");
-  u.push_back('0');
-  append_int(u, 8);
-  u.push_back('x');
-  must(ch, u);
-  std::vector<unsigned char> ix{'8', '7'};
-  append_name(ix, "TA");
-  append_name(ix, "T");
-  append_name(ix, "A");
-  ix.push_back('x');
-  must(ch, ix);
+  Req t('5');
+  t.name("T").name("A").byte('2').byte('F').name("B").byte('0').i32(8).name("C").byte('1');
+  t.name("D").byte('3').name("E").byte('4').name("G").byte('5').name("H").byte('6');
+  must(ch, t.name("K").byte(0xA6).i32(4).byte('x'));
+  must(ch, Req('5').name("U").name("A").byte('2').name("B").byte('0').i32(8).byte('x'));
+  must(ch, Req('8').byte('7').name("TA").name("T").name("A").byte('x'));
   const char *texts[] = {"Äpfel", "abc  ", "", "Zahl"};
   for (int i = 1; i <= 4; ++i) {
-    std::vector<unsigned char> ins{'E'};
-    append_name(ins, "T");
-    ins.push_back('X');
-    append_int(ins, i);
-    append_text(ins, texts[i - 1]);
-    append_int(ins, i * 100);
-    append_int(ins, -i);
-    append_text(ins, i == 3 ? "" : "2003-07-12");
-    append_text(ins, "10:30:00");
-    append_text(ins, "2003-07-12-10.30.00.000000");
-    append_text(ins, i == 2 ? "A$00B" : "");
-    ins.push_back('x');
-    must(ch, ins);
-    std::vector<unsigned char> insu{'E'};
-    append_name(insu, "U");
-    insu.push_back('X');
-    append_int(insu, i % 3);
-    append_text(insu, texts[i % 4]);
-    insu.push_back('x');
-    must(ch, insu);
+    Req ins('E');
+    ins.name("T").byte('X').i32(i).text(texts[i - 1]).i32(i * 100).i32(-i);
+    ins.text(i == 3 ? "" : "2003-07-12").text("10:30:00").text("2003-07-12-10.30.00.000000");
+    must(ch, ins.text(i == 2 ? "A$00B" : "").byte('x'));
+    must(ch, Req('E').name("U").byte('X').i32(i % 3).text(texts[i % 4]).byte('x'));
   }
 }
 
@@ -198,7 +157,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   ex.catalog.dir = g_work;
   Session a(ex, 0), b(ex, 1);
   Session *chs[2] = {&a, &b};
-  for (Session *c : chs) must(*c, name_req('1', "F"));
+  for (Session *c : chs) must(*c, Req('1').name("F"));
   size_t p = 0;
   int steps = 0;
   while (p + 3 <= size && steps++ < 64) {
