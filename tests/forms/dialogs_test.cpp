@@ -137,8 +137,9 @@ TEST_F(DialogsTest, PopupDefinitionsAndChoices) {
     EXPECT_EQ(actions[2]->text(), "&Export");
     QTest::keyClick(menu, Qt::Key_P);
   });
-  // Never hang: whatever happened above, the menu goes away.
-  QTimer::singleShot(3000, [] { fl_close_popup(); });
+  // Never hang: whatever happened above, the menu goes away (the timer goes
+  // with the window, so that it closes no later test's menu).
+  QTimer::singleShot(3000, &window, [] { fl_close_popup(); });
   EXPECT_EQ(fl_do_popup(&window), 2);
   EXPECT_FALSE(fl_popup_is_open());
 }
