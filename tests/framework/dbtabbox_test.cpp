@@ -167,6 +167,9 @@ TEST_F(DbTabbox, AnEqualRecordIsNotAddedTwice) {
   Rec probe = *static_cast<Rec *>(myfl_get_tabbox_item_info(tb_, 3));
   EXPECT_EQ(myfl_test_tabbox_unique(tb_, myfl_get_tabbox_item_info(tb_, 3), &probe), 1);
   EXPECT_EQ(myfl_test_tabbox_unique(tb_, myfl_get_tabbox_item_info(tb_, 2), &probe), 0);
+  // The insert test skips the first line's record; no record is always new.
+  EXPECT_EQ(myfl_test_tabbox_insert(tb_, myfl_get_tabbox_item_info(tb_, 1)), 1);
+  EXPECT_EQ(myfl_test_tabbox_insert(tb_, nullptr), 1);
   // Replacing the selected line: the new record is a copy.
   fl_select_tabbox_line(tb_, 2);
   EXPECT_FATAL("\\(myfl_replace_tabbox_line\\) TABLE_New\\(\\) not defined",

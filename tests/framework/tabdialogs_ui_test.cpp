@@ -97,6 +97,10 @@ TEST_F(TabDialogs, ExportTextTurnsPlainNumbersToCommas) {
   fl_add_tabbox_line(bare, "2.5    | 3");
   ASSERT_EQ(myfl_export_tabbox_text(bare, 1, &text, &error), 1);
   EXPECT_EQ(text, "Betrag\tNr\n   1.5\t2\n2,5\t3\n");
+  // As CSV: the fields cut from the lines; "   1.5" is no plain number, so
+  // the column keeps its points.
+  ASSERT_EQ(myfl_export_tabbox_csv(bare, 1, ';', ',', &text, &error), 1);
+  EXPECT_EQ(text, "Betrag;Nr\r\n   1.5;2\r\n2.5;3\r\n");
   fl_free_form(f);
 }
 
