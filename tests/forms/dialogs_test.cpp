@@ -30,9 +30,9 @@ protected:
 
 TEST_F(DialogsTest, QuestionBoxAnswersAndRecordsWhatItShowed) {
   ASSERT_TRUE(fl_seam_enabled()); // offscreen: the seam answers
-  fl_seam_queue_answer(1);
   fl_seam_queue_answer(2);
-  fl_seam_queue_answer(3);
+  fl_seam_clear(); // also drops queued answers
+  for (int answer : {1, 2, 3}) fl_seam_queue_answer(answer);
   EXPECT_EQ(fl_show_question("Soll Zentiq beendet werden?", "", "", 2, "Ja", "Nein", "", 3), 1);
   EXPECT_EQ(fl_show_question("a", "b", "c", 3, "Ja", "Nein", "Abbruch", 1), 2);
   EXPECT_EQ(fl_show_question("a", "", "c", 3, "Ja", "Nein", "Abbruch", 1), 3);
@@ -138,8 +138,9 @@ TEST_F(DialogsTest, PopupDefinitionsAndChoices) {
     EXPECT_EQ(actions[2]->text(), "&Export");
     QTest::keyClick(menu, Qt::Key_P);
   });
-  // Never hang: whatever happened above, the menu goes away.
-  QTimer::singleShot(3000, [] { fl_close_popup(); });
+  // Never hang: whatever happened above, the menu goes away (the timer goes
+  // with the window, so that it closes no later test's menu).
+  QTimer::singleShot(3000, &window, [] { fl_close_popup(); });
   EXPECT_EQ(fl_do_popup(&window), 2);
   EXPECT_FALSE(fl_popup_is_open());
 }

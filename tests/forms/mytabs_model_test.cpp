@@ -38,26 +38,18 @@ const char *kTitle = "Name      | Ort    | Anzahl";
 
 TEST_F(TabboxModel, TitleDefinesColumns) {
   FL_OBJECT *tb = make(1);
-  int slots, *end;
-  auto columns = [&](const char *title) {
+  // The column ends (slot 0 is 0; the last is the length + 1) for a title.
+  auto ends = [&](const char *title) {
     fl_set_tabbox_title(tb, title);
     fl_get_tabbox_title(tb); // lays out
-    ASSERT_EQ(fl_get_tabbox_properties(tb, &slots, &end, nullptr, nullptr, nullptr, nullptr,
-                                       nullptr, nullptr, nullptr),
-              1);
+    forms_test::TabboxProps p = forms_test::tabbox_props(tb);
+    return std::vector<int>(p.end, p.end + p.nslots);
   };
-  columns(kTitle);
-  EXPECT_EQ(slots, 4);
-  EXPECT_EQ(std::vector<int>(end, end + 4), (std::vector<int>{0, 10, 19, 28})); // length + 1
+  EXPECT_EQ(ends(kTitle), (std::vector<int>{0, 10, 19, 28}));
   EXPECT_STREQ(fl_get_tabbox_title(tb), kTitle);
-
   // No bar: one column ending after the title; empty: no column end at all.
-  columns("Bezeichnung");
-  EXPECT_EQ(slots, 2);
-  EXPECT_EQ(end[1], 12);
-  columns("");
-  EXPECT_EQ(slots, 2);
-  EXPECT_EQ(end[1], -1);
+  EXPECT_EQ(ends("Bezeichnung"), (std::vector<int>{0, 12}));
+  EXPECT_EQ(ends(""), (std::vector<int>{0, -1}));
 }
 
 TEST_F(TabboxModel, DisplayTextsHideReorderAndCut) {
@@ -68,9 +60,8 @@ TEST_F(TabboxModel, DisplayTextsHideReorderAndCut) {
   EXPECT_STREQ(fl_get_tabbox_line(tb, 1), "Schmidt   | Köln   | 12");
 
   // The record's own arrays, as the framework's settings change them.
-  int *vis, *order, *colmax;
-  fl_get_tabbox_properties(tb, nullptr, nullptr, &order, &vis, nullptr, nullptr, nullptr, nullptr,
-                           &colmax);
+  forms_test::TabboxProps p = forms_test::tabbox_props(tb);
+  int *vis = p.visible, *order = p.order, *colmax = p.colmax;
   auto set_order = [&](std::vector<int> o) { std::copy(o.begin(), o.end(), order); };
   vis[2] = 0;
   fl_draw_tabbox(tb);
@@ -104,13 +95,9 @@ TEST_F(TabboxModel, DisplayTextsHideReorderAndCut) {
   hook_calls = 0;
   FL_TABBOX_HOOK old = fl_set_tabbox_settings_hook([](FL_OBJECT *obj) {
     ++hook_calls;
-    int *vis, *order, *colmax;
-    fl_get_tabbox_properties(obj, nullptr, nullptr, &order, &vis, nullptr, nullptr, nullptr,
-                             nullptr, &colmax);
-    EXPECT_EQ(vis[2], 1);
-    EXPECT_EQ(order[1], 1);
-    EXPECT_EQ(colmax[1], -1);
-    vis[2] = 0; // reapplied settings hide a column
+    forms_test::TabboxProps p = forms_test::tabbox_props(obj);
+    EXPECT_TRUE(p.visible[2] == 1 && p.order[1] == 1 && p.colmax[1] == -1) << "reset first";
+    p.visible[2] = 0; // reapplied settings hide a column
   });
   vis[2] = 0;
   order[1] = 2;
@@ -143,7 +130,6 @@ TEST_F(TabboxModel, LineOperationsKeepTheirIndexRules) {
 
   // Two past the end passes: the count drops and raw line i - 3 is selected.
   fl_deselectall_tabbox(tb);
-  printed.take();
   EXPECT_EQ(fl_delete_tabbox_line(tb, 7), 0);
   EXPECT_EQ(printed.take(), "fl_delete_tabbox_line: Index out of range\n");
   EXPECT_EQ(fl_delete_tabbox_line(tb, 6), 1);
@@ -155,7 +141,6 @@ TEST_F(TabboxModel, LineOperationsKeepTheirIndexRules) {
   fl_replace_tabbox_line(tb, 3, "neu");
   EXPECT_EQ(fl_isselected_tabbox_line(tb, 3), 0);
   EXPECT_STREQ(fl_get_tabbox_full_line(tb, 3), "neu");
-  printed.take();
   EXPECT_EQ(fl_replace_tabbox_line(tb, 4, "x"), 1);
   EXPECT_STREQ(fl_get_tabbox_line(tb, 4), "");
   EXPECT_EQ(fl_isselected_tabbox_line(tb, 4), 0);
@@ -167,8 +152,6 @@ TEST_F(TabboxModel, LineOperationsKeepTheirIndexRules) {
   EXPECT_EQ(
       printed.take(),
       "fl_get_tabbox_line: Index out of range\nfl_get_tabbox_full_line: Index out of range\n");
-
-  printed.take();
   fl_select_tabbox_line(tb, 0);
   EXPECT_EQ(printed.take(), "fl_select_tabbox_line: Index 0 is not valid\n");
 
@@ -247,19 +230,21 @@ TEST_F(TabboxModel, SelectionFollowsTheType) {
   EXPECT_EQ(fl_selectall_tabbox(none), 1); // any type
   EXPECT_EQ(fl_get_tabbox_selectcount(none), 3);
 
-  FL_OBJECT *single = make(2, 300, 100);
-  for (int i = 0; i < 30; ++i) fl_add_tabbox_line(single, std::to_string(i).c_str());
-  fl_select_tabbox_line(single, 2);
-  fl_select_tabbox_line(single, 25);
+  // Thirty lines of the type, lines 2 and 25 selected.
+  auto two_selected = [&](int type) {
+    FL_OBJECT *tb = make(type, 300, 100);
+    for (int i = 0; i < 30; ++i) fl_add_tabbox_line(tb, std::to_string(i).c_str());
+    fl_select_tabbox_line(tb, 2);
+    fl_select_tabbox_line(tb, 25);
+    return tb;
+  };
+  FL_OBJECT *single = two_selected(2);
   EXPECT_EQ(fl_get_tabbox_selectcount(single), 1);
   EXPECT_EQ(fl_get_tabbox(single), 25);
   // A selection outside the visible lines brings it to the top.
   EXPECT_EQ(fl_get_tabbox_topline(single), 25);
 
-  FL_OBJECT *multi = make(3, 300, 100);
-  for (int i = 0; i < 30; ++i) fl_add_tabbox_line(multi, std::to_string(i).c_str());
-  fl_select_tabbox_line(multi, 2);
-  fl_select_tabbox_line(multi, 25);
+  FL_OBJECT *multi = two_selected(3);
   EXPECT_EQ(fl_get_tabbox_selectcount(multi), 2);
   EXPECT_EQ(fl_get_tabbox_topline(multi), 1); // more than one selected: no scroll
   EXPECT_EQ(fl_get_tabbox(multi), 2);
@@ -273,9 +258,9 @@ TEST_F(TabboxModel, SortedLinesShowInDisplayOrder) {
   fl_add_tabbox_line(tb, "Oase    | 10");
   int cols[2] = {2, 1}, dirs[2] = {0, 1};
   fl_set_tabbox_sort(tb, 2, cols, dirs);
-  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 1), "Oase    | 10");
-  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 2), "Ost     | 10");
-  EXPECT_STREQ(fl_get_tabbox_full_line(tb, 3), "Ölten   | 9");
+  std::vector<std::string> shown;
+  for (int i = 1; i <= 3; ++i) shown.push_back(fl_get_tabbox_full_line(tb, i));
+  EXPECT_EQ(shown, (std::vector<std::string>{"Oase    | 10", "Ost     | 10", "Ölten   | 9"}));
   int one[1] = {1}, up[1] = {1};
   fl_set_tabbox_sort(tb, 1, one, up);
   EXPECT_STREQ(fl_get_tabbox_line(tb, 2), "Ölten   | 9");
@@ -316,16 +301,10 @@ TEST_F(TabboxModel, VerticalDisplayTurnsLinesIntoColumns) {
   // Selection works on the companion even though the type is 0.
   fl_select_tabbox_line(tb, 2);
   EXPECT_EQ(fl_isselected_tabbox_line(tb, 2), 1);
-  char *attr = fl_get_tabbox_vert_attr(tb);
-  char *value = fl_get_tabbox_vert_attr_value(tb);
-  char *third = fl_get_tabbox_vert_attr_line(tb, 3);
-  ASSERT_TRUE(attr && value && third);
-  EXPECT_STREQ(attr, "Ort");
-  EXPECT_STREQ(value, "Köln");
-  EXPECT_STREQ(third, "Anzahl");
-  std::free(attr);
-  std::free(value);
-  std::free(third);
+  using forms_test::taken;
+  EXPECT_EQ(taken(fl_get_tabbox_vert_attr(tb)), "Ort");
+  EXPECT_EQ(taken(fl_get_tabbox_vert_attr_value(tb)), "Köln");
+  EXPECT_EQ(taken(fl_get_tabbox_vert_attr_line(tb, 3)), "Anzahl");
 
   // The selection survives a rebuild.
   fl_replace_tabbox_line(tb, 1, "Meier     | Bonn   | 3");
@@ -341,10 +320,7 @@ TEST_F(TabboxModel, VerticalDisplayTurnsLinesIntoColumns) {
   // fields end where the title's last column ends.
   fl_add_tabbox_line(tb, "Aachenbach| Ulm    | 7");
   fl_add_tabbox_line(tb, "Bauer     | Hof    | 1234567890123");
-  int *vis;
-  fl_get_tabbox_properties(tb, nullptr, nullptr, nullptr, &vis, nullptr, nullptr, nullptr, nullptr,
-                           nullptr);
-  vis[2] = 0;
+  forms_test::tabbox_props(tb).visible[2] = 0;
   fl_set_tabbox_vert(tb);
   ASSERT_EQ(mytabs_get_shown_lines(tb), 2);
   EXPECT_EQ(shown(1), "Attribut  | Zeile 1    | Zeile 2    | Zeile 3    / "
@@ -384,7 +360,6 @@ TEST_F(TabboxModel, BadObjectsAndFixedTexts) {
 
   fl_set_tabbox_popup(tb, "#Kopieren|#Löschen%h|Info", nullptr);
   EXPECT_STREQ(fl_get_tabbox_popup_text(tb), "(K)opieren - (L)öschen - Info");
-
 }
 
 } // namespace

@@ -15,25 +15,22 @@
 namespace {
 
 TEST(TabboxCompare, NumbersAndTexts) {
-  EXPECT_EQ(tabbox_compare_fields("9", "10"), -1);
-  EXPECT_EQ(tabbox_compare_fields("-3", "2"), -1);
-  EXPECT_EQ(tabbox_compare_fields("2.5", "2.25"), 1);
-  // A comma ends the conversion: 1,5 is a number but counts as 1.
-  EXPECT_EQ(tabbox_compare_fields("1,5", "1"), 0);
+  struct {
+    const char *a, *b;
+    int result;
+  } cases[] = {
+      {"9", "10", -1}, {"-3", "2", -1}, {"2.5", "2.25", 1},
+      {"1,5", "1", 0}, // a comma ends the conversion: 1,5 is a number but counts as 1
+      {"", "0", 0},
+      // Not both numbers: compared as texts.
+      {"9", "1a", 1}, {"abc", "ABC", 0}, {"Oase", "Ölten", -1}, {"Über", "Uber", 0},
+      {"äpfel", "Apfel", -1}, // lower-case umlauts are negative bytes: before ASCII
+      {"ab", "abc", -1}, {"abcdefghij", "abcdefghik", -1},
+      {"ABCDEFGHIJ", "abcdefghij", 0}};
+  for (auto &c : cases) EXPECT_EQ(tabbox_compare_fields(c.a, c.b), c.result) << c.a << " " << c.b;
   EXPECT_EQ(tabbox_is_number(""), 1);
   EXPECT_EQ(tabbox_is_number("1.2.3"), 0);
   EXPECT_EQ(tabbox_is_number("1,2.3"), 0);
-  EXPECT_EQ(tabbox_compare_fields("", "0"), 0);
-  // Not both numbers: compared as texts.
-  EXPECT_EQ(tabbox_compare_fields("9", "1a"), 1);
-  EXPECT_EQ(tabbox_compare_fields("abc", "ABC"), 0);
-  EXPECT_EQ(tabbox_compare_fields("Oase", "Ölten"), -1);
-  EXPECT_EQ(tabbox_compare_fields("Über", "Uber"), 0);
-  // Lower-case umlauts are negative bytes and sort before ASCII.
-  EXPECT_EQ(tabbox_compare_fields("äpfel", "Apfel"), -1);
-  EXPECT_EQ(tabbox_compare_fields("ab", "abc"), -1);
-  EXPECT_EQ(tabbox_compare_fields("abcdefghij", "abcdefghik"), -1);
-  EXPECT_EQ(tabbox_compare_fields("ABCDEFGHIJ", "abcdefghij"), 0);
 }
 
 // The selection sort as defined, on raw line numbers.
@@ -49,22 +46,11 @@ template <class Cmp> std::vector<int> selection_sort(int n, Cmp cmp) {
   return order;
 }
 
-class TabboxSortLines : public ::testing::Test {
-protected:
-  void TearDown() override {
-    if (form_) fl_free_form(form_);
-  }
-  FL_OBJECT *make() {
-    if (form_) fl_free_form(form_); // the previous round's
-    form_ = fl_begin_form(0, 300, 200);
-    FL_OBJECT *tb = fl_add_tabbox(1, 0, 0, 300, 200, "");
-    fl_end_form();
-    return tb;
-  }
-  FL_FORM *form_ = nullptr;
-};
-
-TEST_F(TabboxSortLines, PermutationMatchesSelectionSort) {
+TEST(TabboxSortLines, PermutationMatchesSelectionSort) {
+  struct Form { // each round's tabbox on a form of its own, freed after it
+    FL_FORM *form = nullptr;
+    ~Form() { fl_free_form(form); }
+  };
   std::mt19937 rng(11);
   // The text column holds texts only, the number column numbers only (the
   // empty field is a number): those sort by ranks. The third column mixes
@@ -73,7 +59,9 @@ TEST_F(TabboxSortLines, PermutationMatchesSelectionSort) {
                          "äpfel", "ABCDEFGHIJ", "b",     "abcdefghiJ "};
   const char *numbers[] = {"9", "10", "-1", "1,5", "1", "", "0.5", "10"};
   for (int round = 0; round < 60; ++round) {
-    FL_OBJECT *tb = make();
+    Form f{fl_begin_form(0, 300, 200)};
+    FL_OBJECT *tb = fl_add_tabbox(1, 0, 0, 300, 200, "");
+    fl_end_form();
     fl_set_tabbox_title(tb, "Text         | Zahl  | Gemischt");
     int n = static_cast<int>(rng() % 400) + 2;
     std::vector<std::string> lines;

@@ -9,7 +9,7 @@
 #include "forms/fonts.h"
 #include "forms/forms.h"
 #include "tests/forms/bars_testutil.h"
-#include "tests/qt_env.h"
+#include "tests/forms/forms_testutil.h"
 
 #include <QApplication>
 #include <QFontMetricsF>
@@ -28,6 +28,8 @@
 #include <vector>
 
 namespace {
+
+using forms_test::tabbox_props;
 
 struct Calls {
   int callback = 0;
@@ -73,19 +75,25 @@ protected:
     fl_layout_tabbox(tb);
     return tb;
   }
-  static int char_w(FL_OBJECT *tb) {
+  static QSize char_size(FL_OBJECT *tb) {
     int w, h;
     tabbox_char_size(tb, &w, &h);
-    return w;
+    return {w, h};
   }
-  static int char_h(FL_OBJECT *tb) {
-    int w, h;
-    tabbox_char_size(tb, &w, &h);
-    return h;
-  }
+  static int char_w(FL_OBJECT *tb) { return char_size(tb).width(); }
+  static int char_h(FL_OBJECT *tb) { return char_size(tb).height(); }
   // The middle of the k-th visible line.
   QPoint line_point(FL_OBJECT *tb, int k) {
     return {30, tabbox_list_y(tb) + k * char_h(tb) + char_h(tb) / 2};
+  }
+  // The middle of character pos in the title line.
+  QPoint title_cell(FL_OBJECT *tb, int pos) {
+    return {tabbox_text_x(tb) + pos * char_w(tb) + char_w(tb) / 2, char_h(tb) / 2 + 2};
+  }
+  // A press at from and its release at to.
+  void drag(FL_OBJECT *tb, QPoint from, QPoint to, Qt::MouseButton b = Qt::LeftButton) {
+    QTest::mousePress(tb->widget, b, {}, from);
+    QTest::mouseRelease(tb->widget, b, {}, to);
   }
   // The scroll position: top line and first character shown (both 0-based).
   struct Scroll {
@@ -95,12 +103,7 @@ protected:
     return {fl_get_tabbox_topline(tb) - 1, mytabs_get_offset(tb)};
   }
   // The maximum width of column col.
-  static int maxwidth(FL_OBJECT *tb, int col) {
-    int *colmax = nullptr;
-    fl_get_tabbox_properties(tb, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                             nullptr, &colmax);
-    return colmax[col];
-  }
+  static int maxwidth(FL_OBJECT *tb, int col) { return tabbox_props(tb).colmax[col]; }
   void click(FL_OBJECT *tb, QPoint p, Qt::KeyboardModifiers mods = {},
              Qt::MouseButton b = Qt::LeftButton) {
     QTest::mouseClick(tb->widget, b, mods, p);
@@ -138,22 +141,21 @@ std::string title() {
 
 TEST_F(TabboxUi, ClicksSelectByTypeWithShiftAndControl) {
   FL_OBJECT *tb = make(3, 8);
-  click(tb, line_point(tb, 1));
-  EXPECT_EQ(fl_isselected_tabbox_line(tb, 2), 1);
-  click(tb, line_point(tb, 4), Qt::ShiftModifier);
-  EXPECT_EQ(selected(tb), V({2, 3, 4, 5}));
-  click(tb, line_point(tb, 2), Qt::ControlModifier);
-  EXPECT_EQ(selected(tb), V({2, 4, 5}));
-  // Shift and Control: up to the selected block, and clear the block below.
-  click(tb, line_point(tb, 0), Qt::ShiftModifier | Qt::ControlModifier);
-  EXPECT_EQ(selected(tb), V({1, 4, 5}));
-  click(tb, line_point(tb, 3), Qt::ShiftModifier | Qt::ControlModifier);
-  EXPECT_EQ(selected(tb), V({1, 4}));
-  // Shift: from the block above down to the line, nothing else.
-  click(tb, line_point(tb, 6), Qt::ShiftModifier);
-  EXPECT_EQ(selected(tb), V({4, 5, 6, 7}));
-  click(tb, line_point(tb, 5));
-  EXPECT_EQ(selected(tb), V({6}));
+  // A click on the k-th visible line with the modifiers, and the selection after it.
+  const Qt::KeyboardModifiers S = Qt::ShiftModifier, C = Qt::ControlModifier;
+  struct {
+    int k;
+    Qt::KeyboardModifiers mods;
+    V selected;
+  } clicks[] = {{1, {}, {2}}, {4, S, {2, 3, 4, 5}}, {2, C, {2, 4, 5}},
+                // Shift and Control: up to the selected block, and clear the block below.
+                {0, S | C, {1, 4, 5}}, {3, S | C, {1, 4}},
+                // Shift: from the block above down to the line, nothing else.
+                {6, S, {4, 5, 6, 7}}, {5, {}, {6}}};
+  for (auto &c : clicks) {
+    click(tb, line_point(tb, c.k), c.mods);
+    EXPECT_EQ(selected(tb), c.selected) << "line " << c.k;
+  }
   EXPECT_EQ(g.callback, 7);
   // Beside the lines: everything is cleared.
   click(tb, line_point(tb, 10));
@@ -258,17 +260,18 @@ TEST_F(TabboxUi, HeldButtonsRepeatAfterTheirDelays) {
       if (tabbox_mouse_repeat(tb)) steps.push_back(t);
     return steps;
   };
-  QTest::mousePress(tb->widget, Qt::LeftButton, {}, QPoint(W - 9, H - 27));
+  const QPoint down(W - 9, H - 27), right(W - 27, H - 9);
+  QTest::mousePress(tb->widget, Qt::LeftButton, {}, down);
   EXPECT_EQ(scroll(tb).topline, 1); // the press itself steps
   EXPECT_EQ(ticks_with_steps(17), V({9, 13, 17}));
   EXPECT_EQ(scroll(tb).topline, 4);
-  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, QPoint(W - 9, H - 27));
+  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, down);
   EXPECT_EQ(ticks_with_steps(8), V());
 
-  QTest::mousePress(tb->widget, Qt::LeftButton, {}, QPoint(W - 27, H - 9));
+  QTest::mousePress(tb->widget, Qt::LeftButton, {}, right);
   EXPECT_EQ(ticks_with_steps(8), V({4, 6, 8}));
   EXPECT_EQ(scroll(tb).offset, 4);
-  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, QPoint(W - 27, H - 9));
+  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, right);
   EXPECT_EQ(ticks_with_steps(8), V());
 
   // Dragging the vertical knob moves in proportion, within the range.
@@ -292,10 +295,7 @@ TEST_F(TabboxUi, DraggingABarInTheTitleCutsTheColumn) {
   fl_set_tabbox_colwidth_hook([](FL_OBJECT *, int col, int width) {
     g.widths.push_back({col, width});
   });
-  const int cw = char_w(tb);
-  auto cell = [&](int pos) {
-    return QPoint(tabbox_text_x(tb) + pos * cw + cw / 2, char_h(tb) / 2 + 2);
-  };
+  auto cell = [&](int pos) { return title_cell(tb, pos); };
   // Not on a bar: no resize.
   QTest::mousePress(tb->widget, Qt::LeftButton, {}, cell(4));
   EXPECT_NE(tb->widget->cursor().shape(), Qt::SizeAllCursor);
@@ -308,18 +308,14 @@ TEST_F(TabboxUi, DraggingABarInTheTitleCutsTheColumn) {
   EXPECT_EQ(maxwidth(tb, 1), -1);
   EXPECT_NE(tb->widget->cursor().shape(), Qt::SizeAllCursor);
   // Dragged three characters to the left.
-  QTest::mousePress(tb->widget, Qt::LeftButton, {}, cell(10));
-  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, cell(7));
+  drag(tb, cell(10), cell(7));
   EXPECT_EQ(maxwidth(tb, 1), 6);
   EXPECT_EQ(std::string(fl_get_tabbox_title(tb)), "Name   | " + title().substr(12));
   EXPECT_EQ(std::string(fl_get_tabbox_line(tb, 1)), "Zeile ~| " + std::string(150, 'b'));
-  // Never narrower than 1 nor wider than the column.
-  // Every button resizes.
-  QTest::mousePress(tb->widget, Qt::RightButton, {}, cell(7));
-  QTest::mouseRelease(tb->widget, Qt::RightButton, {}, cell(0));
+  // Never narrower than 1 nor wider than the column; every button resizes.
+  drag(tb, cell(7), cell(0), Qt::RightButton);
   EXPECT_EQ(maxwidth(tb, 1), 1);
-  QTest::mousePress(tb->widget, Qt::MiddleButton, {}, cell(2));
-  QTest::mouseRelease(tb->widget, Qt::MiddleButton, {}, cell(30));
+  drag(tb, cell(2), cell(30), Qt::MiddleButton);
   EXPECT_EQ(maxwidth(tb, 1), 10);
   EXPECT_EQ(g.widths, (std::vector<std::pair<int, int>>{{1, 6}, {1, 1}, {1, 10}}));
 
@@ -335,13 +331,10 @@ TEST_F(TabboxUi, DraggingABarInTheTitleCutsTheColumn) {
     fl_tabbox_leftmost(turned);
     return o;
   };
-  auto turned_cell = [&](int pos) {
-    return QPoint(tabbox_text_x(turned) + pos * cw + cw / 2, char_h(turned) / 2 + 2);
-  };
   const int before = last_offset();
-  QTest::mousePress(turned->widget, Qt::LeftButton, {}, turned_cell(13));
+  QTest::mousePress(turned->widget, Qt::LeftButton, {}, title_cell(turned, 13));
   EXPECT_EQ(turned->widget->cursor().shape(), Qt::SizeAllCursor);
-  QTest::mouseRelease(turned->widget, Qt::LeftButton, {}, turned_cell(8));
+  QTest::mouseRelease(turned->widget, Qt::LeftButton, {}, title_cell(turned, 8));
   EXPECT_EQ(last_offset(), before - 5);
   EXPECT_EQ(maxwidth(turned, 1), -1);
   EXPECT_EQ(g.widths.size(), 3u);
@@ -407,7 +400,6 @@ TEST_F(TabboxUi, BarsStayOnTheGridWithAFractionalAdvance) {
   QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, seen - QPoint(2 * cw, 0));
   EXPECT_EQ(maxwidth(tb, col), 6);
   EXPECT_EQ(maxwidth(tb, col - 1), -1);
-
 }
 
 TEST_F(TabboxUi, PopupsOfferTheirChoices) {
@@ -415,12 +407,10 @@ TEST_F(TabboxUi, PopupsOfferTheirChoices) {
   fl_set_tabbox_optimize_hook([](FL_OBJECT *) { ++g.optimize; });
   fl_set_tabbox_dialog_hook(FL_TABBOX_VIEWER, [](FL_OBJECT *) { ++g.viewer; });
   fl_set_tabbox_dialog_hook(FL_TABBOX_SORT_DIALOG, [](FL_OBJECT *) { ++g.sort; });
-  int *colmax;
-  fl_get_tabbox_properties(tb, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                           nullptr, &colmax);
-  colmax[1] = 4;
+  auto right_click = [&] { click(tb, line_point(tb, 1), {}, Qt::RightButton); };
+  tabbox_props(tb).colmax[1] = 4;
   fl_seam_queue_popup(2);
-  click(tb, line_point(tb, 1), {}, Qt::RightButton);
+  right_click();
   ASSERT_EQ(fl_seam_shown().size(), 1u);
   EXPECT_EQ(fl_seam_shown()[0].items,
             (std::vector<std::string>{"Sortierung", "Spalten optimieren", "Export"}));
@@ -429,15 +419,15 @@ TEST_F(TabboxUi, PopupsOfferTheirChoices) {
 
   fl_select_tabbox_line(tb, 2);
   fl_seam_queue_popup(4);
-  click(tb, line_point(tb, 1), {}, Qt::RightButton);
+  right_click();
   EXPECT_EQ(fl_seam_shown()[1].items.size(), 4u);
   EXPECT_EQ(fl_seam_shown()[1].items[3], "Viewer");
   EXPECT_EQ(g.viewer, 1);
   fl_seam_queue_popup(1);
-  click(tb, line_point(tb, 1), {}, Qt::RightButton);
+  right_click();
   EXPECT_EQ(g.sort, 1);
   fl_set_tabbox_viewer(tb, 0); // the viewer's item goes
-  click(tb, line_point(tb, 1), {}, Qt::RightButton);
+  right_click();
   EXPECT_EQ(fl_seam_shown()[3].items.size(), 3u);
 
   // The application's popup: "#" marks the shortcut letters.
@@ -525,9 +515,7 @@ TEST_F(TabboxUi, KeysMoveTheSelectionAndCallBack) {
 
   // Type 3: a multiple selection shrinks to its first line, then moves.
   FL_OBJECT *multi = make(3, 10);
-  fl_select_tabbox_line(multi, 3);
-  fl_select_tabbox_line(multi, 4);
-  fl_select_tabbox_line(multi, 7);
+  for (int line : {3, 4, 7}) fl_select_tabbox_line(multi, line);
   EXPECT_EQ(selected_after(multi, Qt::Key_Down), V({4}));
 }
 
@@ -541,10 +529,7 @@ TEST_F(TabboxUi, VerticalDisplayIsDrawnAndClickedAsTheCompanion) {
   click(tb, line_point(tb, 1));
   EXPECT_EQ(fl_isselected_tabbox_line(tb, 2), 1);
   EXPECT_EQ(g.callback, 1);
-  char *attr = fl_get_tabbox_vert_attr(tb);
-  ASSERT_NE(attr, nullptr);
-  EXPECT_STREQ(attr, "Beschreibung");
-  std::free(attr);
+  EXPECT_EQ(forms_test::taken(fl_get_tabbox_vert_attr(tb)), "Beschreibung");
   QTest::keyClick(tb->widget, Qt::Key_Up);
   EXPECT_EQ(fl_isselected_tabbox_line(tb, 1), 1);
   QTest::keyClick(tb->widget, Qt::Key_Return);

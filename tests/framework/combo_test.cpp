@@ -179,6 +179,10 @@ TEST_F(Combo, KeyDirectoryWithoutRowsWarnsAndStaysEmpty) {
   EXPECT_EQ(myfl_load_db_cmb(&session, input_, "SELECT a,b FROM t"), 0);
   EXPECT_EQ(messages(), "(myfl_load_db_cmb) Warning: Table is empty\n");
   EXPECT_EQ(db_depth(), 0) << "the BEGIN level is closed again";
+  messages().clear();
+  myfl_init_ass_svz_cmb(form_, other_, nullptr, &session, "Land", 1);
+  EXPECT_THAT(messages(), testing::StartsWith("(myfl_init_ass_svz_cmb) Warning: SVZ "));
+  EXPECT_TRUE(myfl_get_cmb(other_) && myfl_get_cmb(other_)->texts.empty());
 }
 
 TEST_F(Combo, MisuseEndsTheProgram) {

@@ -13,6 +13,7 @@
 namespace {
 
 using zqtest::messages;
+using V = std::vector<int>;
 
 struct Rec {
   int32_t size;
@@ -73,6 +74,11 @@ protected:
   std::string field(int line, int col) {
     fl_layout_tabbox(tb_);
     return mytabs_get_field(tb_, fl_get_tabbox_full_line(tb_, line), col);
+  }
+  // Registers tb_ as a database tabbox of Nr and Name records.
+  void init_db(const char *name = "Liste", MYFL_DB_HOOK load = nullptr, MYFL_DB_HOOK save = nullptr,
+               MYFL_FILTER_FUNC filter = nullptr, MYFL_TABLE_NEW table_new = new_rec) {
+    myfl_init_db_tabbox(form_, tb_, name, title_nr_name, table_new, load, save, filter, nullptr);
   }
   std::vector<int> ids() {
     std::vector<int> v;
@@ -161,6 +167,9 @@ TEST_F(DbTabbox, AnEqualRecordIsNotAddedTwice) {
   Rec probe = *static_cast<Rec *>(myfl_get_tabbox_item_info(tb_, 3));
   EXPECT_EQ(myfl_test_tabbox_unique(tb_, myfl_get_tabbox_item_info(tb_, 3), &probe), 1);
   EXPECT_EQ(myfl_test_tabbox_unique(tb_, myfl_get_tabbox_item_info(tb_, 2), &probe), 0);
+  // The insert test skips the first line's record; no record is always new.
+  EXPECT_EQ(myfl_test_tabbox_insert(tb_, myfl_get_tabbox_item_info(tb_, 1)), 1);
+  EXPECT_EQ(myfl_test_tabbox_insert(tb_, nullptr), 1);
   // Replacing the selected line: the new record is a copy.
   fl_select_tabbox_line(tb_, 2);
   EXPECT_FATAL("\\(myfl_replace_tabbox_line\\) TABLE_New\\(\\) not defined",
@@ -169,8 +178,7 @@ TEST_F(DbTabbox, AnEqualRecordIsNotAddedTwice) {
   myfl_draw_tabbox(tb_);
   myfl_free_tabbox(tb_);
   EXPECT_EQ(field(3, 1), "3");
-  myfl_init_db_tabbox(form_, tb_, "Liste", title_nr_name, new_rec, nullptr, nullptr, nullptr,
-                      nullptr);
+  init_db();
   myfl_addto_tabbox_line(tb_, "1,a", make(1, "a"));
   myfl_addto_tabbox_line(tb_, "2,b", make(2, "b"));
   fl_select_tabbox_line(tb_, 2);
@@ -180,15 +188,14 @@ TEST_F(DbTabbox, AnEqualRecordIsNotAddedTwice) {
   EXPECT_NE(myfl_get_tabbox(tb_), &repl);
   EXPECT_EQ(id_of(myfl_get_tabbox(tb_)), 7);
   EXPECT_EQ(myfl_delete_tabbox_line(tb_), 1);
-  EXPECT_EQ(ids(), (std::vector<int>{1}));
+  EXPECT_EQ(ids(), (V{1}));
 }
 
 // A replaced or deleted line leaves its old fields in the tabbox's store
 // until the store is copied afresh: every other line keeps its own fields
 // through that, and the store does not grow without end.
 TEST_F(DbTabbox, ReplacedAndDeletedLinesLeaveTheOtherLinesFieldsIntact) {
-  myfl_init_db_tabbox(form_, tb_, "Liste", title_nr_name, new_rec, nullptr, nullptr, nullptr,
-                      nullptr);
+  init_db();
   for (int i = 1; i <= 50; ++i)
     myfl_addto_tabbox_line(tb_, (std::to_string(i) + ",Name " + std::to_string(i)).c_str(),
                            nullptr);
@@ -218,7 +225,7 @@ TEST_F(DbTabbox, RecordSortKeepsItsRowLimit) {
     myfl_addto_tabbox_line(tb_, (std::to_string(id) + ",n").c_str(), make(id, "n"));
   EXPECT_EQ(myfl_set_tabbox_sort(tb_), 1);
   // The first entry is kept aside and ends up last.
-  EXPECT_EQ(ids(), (std::vector<int>{1, 2, 3, 9}));
+  EXPECT_EQ(ids(), (V{1, 2, 3, 9}));
   EXPECT_EQ(field(1, 1), "1") << "the lines follow their records";
 
   myfl_free_tabbox_data(tb_);
@@ -242,8 +249,7 @@ void *record_from(const std::vector<std::string_view> &f) {
 }
 
 TEST_F(DbTabbox, LinesWithoutRecordsGetThemFromTheirFieldsWhenAsked) {
-  myfl_init_db_tabbox(form_, tb_, "Liste", title_nr_name, new_rec, nullptr, nullptr, nullptr,
-                      nullptr);
+  init_db();
   myfl_set_tabbox_recordfunc(tb_, record_from);
   auto lines = [](std::vector<std::vector<std::string>> rows) {
     MYFL_TABBOX_LINES out;
@@ -265,7 +271,7 @@ TEST_F(DbTabbox, LinesWithoutRecordsGetThemFromTheirFieldsWhenAsked) {
   // old order until it is drawn again.
   myfl_set_tabbox_sortfunc(tb_, [](const void *a, const void *b) { return id_of(b) - id_of(a); });
   EXPECT_EQ(_Sort_tabbox(tb_), 1);
-  EXPECT_EQ(ids(), (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(ids(), (V{1, 2, 3}));
   EXPECT_EQ(g_made, 3);
   EXPECT_EQ(field(3, 2), "b");
   myfl_draw_tabbox(tb_);
@@ -282,9 +288,7 @@ TEST_F(DbTabbox, LinesWithoutRecordsGetThemFromTheirFieldsWhenAsked) {
 }
 
 TEST_F(DbTabbox, LoaderFillsFromTheTableInsideOneLevel) {
-  myfl_init_db_tabbox(
-      form_, tb_, "Kunden", title_nr_name, new_rec, nullptr, nullptr,
-      [](const void *r) { return id_of(r) != 13 ? 1 : 0; }, nullptr);
+  init_db("Kunden", nullptr, nullptr, [](const void *r) { return id_of(r) != 13 ? 1 : 0; });
   // No table: a warning, an empty tabbox that is drawn all the same.
   EXPECT_EQ(myfl_load_db_tabbox(&session_, tb_, rec_line, first_rec, next_rec, nullptr), 1);
   EXPECT_EQ(messages(), "(myfl_load_db_tabbox) Warning: pTABLE not initialized\n");
@@ -306,8 +310,8 @@ TEST_F(DbTabbox, LoaderFillsFromTheTableInsideOneLevel) {
   EXPECT_EQ(myfl_load_db_tabbox(&session_, tb_, rec_line, first_rec, next_rec, &t), 1);
   EXPECT_EQ(db_depth(), 0);
   EXPECT_EQ(Get_ValueDecimals(), -1);
-  EXPECT_EQ(g_decimals, (std::vector<int>{2, 2}));
-  EXPECT_EQ(ids(), (std::vector<int>{4, 5}));
+  EXPECT_EQ(g_decimals, (V{2, 2}));
+  EXPECT_EQ(ids(), (V{4, 5}));
   EXPECT_EQ(field(1, 2), "Vier, Anna");
   // The lines own copies of the loader's record.
   EXPECT_NE(myfl_get_tabbox_item_info(tb_, 1), myfl_get_tabbox_item_info(tb_, 2));
@@ -316,9 +320,9 @@ TEST_F(DbTabbox, LoaderFillsFromTheTableInsideOneLevel) {
   Rec a = {sizeof(Rec), 21, "a"}, b = {sizeof(Rec), 22, "b"};
   void *list[] = {&a, &b};
   EXPECT_EQ(myfl_load_multiple_tabbox_1(&session_, tb_, rec_line, list, 2), 1);
-  EXPECT_EQ(ids(), (std::vector<int>{4, 5, 21, 22}));
+  EXPECT_EQ(ids(), (V{4, 5, 21, 22}));
   EXPECT_EQ(myfl_load_single_tabbox(&session_, tb_, rec_line, &b), 1);
-  EXPECT_EQ(ids(), (std::vector<int>{22}));
+  EXPECT_EQ(ids(), (V{22}));
   // Whichever loader adds a line, a bad line is reported by the line adder.
   Rec odd = {sizeof(Rec), 23, "c\",\"d"};
   void *odd_list[] = {&odd};
@@ -354,8 +358,7 @@ int record_hook(DBSESSION *, void *record) {
 
 TEST_F(DbTabbox, DatabaseOperationsRunTheHooksInsideOneLevel) {
   g_hook_calls.clear();
-  myfl_init_db_tabbox(form_, tb_, "Kunden", title_nr_name, new_rec, record_hook, record_hook,
-                      nullptr, nullptr);
+  init_db("Kunden", record_hook, record_hook);
   myfl_set_tabbox_db_hooks(tb_, record_hook, record_hook);
   Rec a = {sizeof(Rec), 1, "a"}, b = {sizeof(Rec), 2, "b"};
   void *list[] = {&a, &b};
@@ -367,12 +370,12 @@ TEST_F(DbTabbox, DatabaseOperationsRunTheHooksInsideOneLevel) {
   Rec c = {sizeof(Rec), 3, "c"}, bad = {sizeof(Rec), 99, "x"};
   EXPECT_EQ(myfl_insert_db_tabbox(&session_, tb_, nullptr, &c), 1);
   EXPECT_EQ(myfl_insert_db_tabbox(&session_, tb_, nullptr, &bad), 0);
-  EXPECT_EQ(ids(), (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(ids(), (V{1, 2, 3}));
 
   // Delete: the selected record's hook, then the line goes.
   fl_select_tabbox_line(tb_, 2);
   EXPECT_EQ(myfl_delete_db_tabbox(&session_, tb_), 1);
-  EXPECT_EQ(ids(), (std::vector<int>{1, 3}));
+  EXPECT_EQ(ids(), (V{1, 3}));
   EXPECT_EQ(g_hook_calls.back(), (std::pair<int, int>{2, 1}));
 
   // Reloading one line: the load hook, then its text from the record.
@@ -412,8 +415,7 @@ TEST_F(DbTabbox, ProgrammingErrorsEndTheProgram) {
   myfl_free_tabbox(tb_);
   Table t;
   t.rows = {{sizeof(Rec), 1, "x"}};
-  myfl_init_db_tabbox(form_, tb_, "Kunden", title_nr_name, nullptr, nullptr, nullptr, nullptr,
-                      nullptr);
+  init_db("Kunden", nullptr, nullptr, nullptr, nullptr);
   EXPECT_FATAL("\\(myfl_load_db_tabbox\\) TABLE_New\\(\\) not defined",
                myfl_load_db_tabbox(&session_, tb_, rec_line, first_rec, next_rec, &t));
 }
@@ -457,8 +459,7 @@ TEST_F(DbTabbox, LoadsFromAServerAndSavesThroughTheHook) {
   setenv("TAVRIN_NAMESPACE", server->ns().c_str(), 1);
   DBSESSION *s = nullptr;
   ASSERT_EQ(dbinit(&s, "DBSQL/demo"), 1);
-  myfl_init_db_tabbox(form_, tb_, "Kunden", title_nr_name, new_rec, nullptr, save_city, nullptr,
-                      nullptr);
+  init_db("Kunden", nullptr, save_city);
   auto load = [&](const char *sql) {
     Query q{sql};
     int ok = myfl_load_db_tabbox(s, tb_, rec_line, first_row, next_row, &q);
@@ -468,7 +469,7 @@ TEST_F(DbTabbox, LoadsFromAServerAndSavesThroughTheHook) {
   };
   const char *first3 = "SELECT KUNDE_ID, ORT FROM KUNDE WHERE KUNDE_ID <= 3 ORDER BY KUNDE_ID";
   ASSERT_EQ(load(first3), 1);
-  EXPECT_EQ(ids(), (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(ids(), (V{1, 2, 3}));
   EXPECT_FALSE(field(2, 2).empty());
   EXPECT_NE(field(2, 2), "Neustadt");
 

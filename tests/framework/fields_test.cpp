@@ -101,6 +101,11 @@ TEST_F(FieldsForm, NumbersReadStrictlyWithNullMarkers) {
   EXPECT_EQ(DATE_Compare(&d, &back), 0);
   myfl_set_input_datum(a_, &DATE_MIN);
   EXPECT_STREQ(fl_get_input(a_), "") << "the null date shows empty";
+  DATI ts{};
+  EXPECT_EQ(myfl_get_input_timestamp(a_, &ts), 1);
+  EXPECT_EQ(ts.year, 1800) << "empty: the null timestamp";
+  fl_set_input(a_, "12.7.2003");
+  EXPECT_EQ(myfl_get_input_timestamp(a_, &ts), 0);
 }
 
 int g_app_calls = 0;

@@ -86,9 +86,7 @@ TEST_F(Focus, FirstObjectOnlyAndTheNextInputSearch) {
   // The search for the next input wraps round.
   EXPECT_EQ(myfl_focus_next_input(form_, multi_), 1);
   EXPECT_EQ(fl_get_focus_object(form_), a_);
-  fl_deactivate_object(a_);
-  fl_deactivate_object(b_);
-  fl_deactivate_object(multi_);
+  for (FL_OBJECT *input : {a_, b_, multi_}) fl_deactivate_object(input);
   EXPECT_EQ(myfl_focus_next_input(form_, a_), 0);
   myfl_hide_form(form_);
 }

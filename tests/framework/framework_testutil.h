@@ -14,6 +14,7 @@
 #include "framework/help.h"
 #include "framework/place.h"
 #include "tests/access/tavrind_fixture.h"
+#include "tests/forms/forms_testutil.h"
 #include "tests/qt_env.h"
 
 #include <gmock/gmock.h>
@@ -39,6 +40,8 @@
 #include <QWidget>
 
 namespace zqtest {
+
+using forms_test::tabbox_props;
 
 // What the program reported through its message handler.
 inline std::string &messages() {

@@ -23,6 +23,7 @@ TEST(Highlight, SpansOfKeywordsStringsNumbersAndNames) {
   EXPECT_EQ(spans("still' Or 12abc 7", &in), "2:still' 1:Or 3:7 ");
   EXPECT_FALSE(in);
   EXPECT_EQ(spans("''", &in), "2:'' ");
+  EXPECT_EQ(spans("1 2e 3", &in), "3:1 3:3 ");
   EXPECT_FALSE(in);
   EXPECT_EQ(myfl_sql_keyword("Between"), 1);
   EXPECT_EQ(myfl_sql_keyword("BETWEENX"), 0);

@@ -19,6 +19,7 @@ namespace {
 
 using zqtest::messages;
 using zqtest::slurp;
+using V = std::vector<int>;
 
 const char *title_fn(FL_OBJECT *) { return "Name,Wert,Ort"; }
 
@@ -34,15 +35,14 @@ protected:
     myfl_free_tabbox_dialogs();
     FormTest::TearDown();
   }
-  // A managed tabbox of the type with three lines, shown.
-  void make(int type) {
+  // A managed tabbox of the type with the lines (by default three), shown.
+  void make(int type, std::vector<const char *> lines = {"Anna,1.5,Köln", "\"B\tC\",1.2.3,a.b",
+                                                          "Dora,-7,Ulm"}) {
     form_ = fl_begin_form(0, 420, 260);
     tb_ = fl_add_tabbox(type, 10, 10, 400, 240, "");
     fl_end_form();
     myfl_init_tabbox(form_, tb_, "Liste", title_fn, nullptr);
-    myfl_addto_tabbox_line(tb_, "Anna,1.5,Köln", nullptr);
-    myfl_addto_tabbox_line(tb_, "\"B\tC\",1.2.3,a.b", nullptr);
-    myfl_addto_tabbox_line(tb_, "Dora,-7,Ulm", nullptr);
+    for (const char *line : lines) myfl_addto_tabbox_line(tb_, line, nullptr);
     show_and_activate(form_);
     fl_layout_tabbox(tb_);
   }
@@ -63,6 +63,7 @@ protected:
     return l ? l : "";
   }
   std::string last_box() { return fl_seam_shown().empty() ? "" : fl_seam_shown().back().text; }
+  MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
 };
 
 TEST_F(TabDialogs, ExportTextTurnsPlainNumbersToCommas) {
@@ -74,13 +75,9 @@ TEST_F(TabDialogs, ExportTextTurnsPlainNumbersToCommas) {
                   "B_C\t1.2.3\ta.b\n"
                   "Dora\t-7\tUlm\n");
   // Only the shown columns, in display order.
-  int n, *end, *order, *visible, nsort, *cols, *dirs, maxwidth, *colmax;
-  fl_get_tabbox_properties(tb_, &n, &end, &order, &visible, &nsort, &cols, &dirs, &maxwidth,
-                           &colmax);
-  order[1] = 3;
-  order[2] = 1;
-  order[3] = 2;
-  visible[2] = 0;
+  auto p = zqtest::tabbox_props(tb_);
+  std::copy_n(V{0, 3, 1, 2}.begin(), 4, p.order);
+  p.visible[2] = 0;
   ASSERT_EQ(myfl_export_tabbox_text(tb_, 0, &text, &error), 1);
   EXPECT_EQ(text, "Ort\tName\nKöln\tAnna\na.b\tB_C\nUlm\tDora\n");
 
@@ -100,12 +97,15 @@ TEST_F(TabDialogs, ExportTextTurnsPlainNumbersToCommas) {
   fl_add_tabbox_line(bare, "2.5    | 3");
   ASSERT_EQ(myfl_export_tabbox_text(bare, 1, &text, &error), 1);
   EXPECT_EQ(text, "Betrag\tNr\n   1.5\t2\n2,5\t3\n");
+  // As CSV: the fields cut from the lines; "   1.5" is no plain number, so
+  // the column keeps its points.
+  ASSERT_EQ(myfl_export_tabbox_csv(bare, 1, ';', ',', &text, &error), 1);
+  EXPECT_EQ(text, "Betrag;Nr\r\n   1.5;2\r\n2.5;3\r\n");
   fl_free_form(f);
 }
 
 TEST_F(TabDialogs, ExportDialogWritesAndAsksBeforeOverwriting) {
   make(2);
-  MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
   popup(3);
   ASSERT_TRUE(d.exp->visible);
   type_into(d.exp_name, "a*b");
@@ -160,17 +160,10 @@ std::vector<std::vector<std::string>> parse_csv(const std::string &t, char sep) 
 }
 
 TEST_F(TabDialogs, CsvExportReadsBackAndCtrlCCopiesTheSelection) {
-  form_ = fl_begin_form(0, 420, 260);
-  tb_ = fl_add_tabbox(3, 10, 10, 400, 240, "");
-  fl_end_form();
-  myfl_init_tabbox(form_, tb_, "Liste", title_fn, nullptr);
   // Quotes, both separators, a line feed, blanks around a value, umlauts
   // (Latin-1 in the tabbox), numbers.
-  myfl_addto_tabbox_line(tb_, "\"Anna \\\"A\\\"; Köln, Süd\",1.5,\"Zeile1\nZeile2\"", nullptr);
-  myfl_addto_tabbox_line(tb_, "\" Bea \",-7,\"\"", nullptr);
-  myfl_addto_tabbox_line(tb_, "Cem,12.25,Ulm", nullptr);
-  show_and_activate(form_);
-  fl_layout_tabbox(tb_);
+  make(3, {"\"Anna \\\"A\\\"; Köln, Süd\",1.5,\"Zeile1\nZeile2\"", "\" Bea \",-7,\"\"",
+           "Cem,12.25,Ulm"});
 
   std::string text, error;
   ASSERT_EQ(myfl_export_tabbox_csv(tb_, 1, ';', ',', &text, &error), 1) << error;
@@ -204,7 +197,6 @@ TEST_F(TabDialogs, CsvExportReadsBackAndCtrlCCopiesTheSelection) {
 
 TEST_F(TabDialogs, SettingsDialogWritesTheSettingsLine) {
   make(0);
-  MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
   // Reached from the sort dialog of the popup.
   popup(1);
   ASSERT_TRUE(d.sort->visible);
@@ -251,7 +243,6 @@ TEST_F(TabDialogs, SettingsDialogWritesTheSettingsLine) {
 
 TEST_F(TabDialogs, SortDialogSetsAndStoresTheKeys) {
   make(2);
-  MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
   popup(1);
   ASSERT_TRUE(d.sort->visible);
   fl_select_listbox_line(d.sort_columns, 3);
@@ -273,11 +264,9 @@ TEST_F(TabDialogs, ASortBelongsToItsColumnsAndFollowsTitleClicks) {
   make(2);
   const std::string title = fl_get_tabbox_full_title(tb_);
   auto sort_of = [&] {
-    int n, *end, *order, *visible, nsort, *cols, *dirs, maxwidth, *colmax;
-    fl_get_tabbox_properties(tb_, &n, &end, &order, &visible, &nsort, &cols, &dirs, &maxwidth,
-                             &colmax);
+    auto p = zqtest::tabbox_props(tb_);
     std::string keys;
-    for (int i = 0; i < nsort; ++i) keys += std::to_string(cols[i]) + (dirs[i] ? "u" : "d");
+    for (int i = 0; i < p.nsort; ++i) keys += std::to_string(p.cols[i]) + (p.dirs[i] ? "u" : "d");
     return keys;
   };
   // A click on the title of "Name" sorts by it, again descending, then off.
@@ -306,7 +295,6 @@ TEST_F(TabDialogs, ASortBelongsToItsColumnsAndFollowsTitleClicks) {
 
 TEST_F(TabDialogs, ViewerShowsTheSelectedLine) {
   make(2);
-  MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
   myfl_open_tabbox_viewer(tb_);
   EXPECT_EQ(last_box(), "Keine Daten darstellbar");
   EXPECT_FALSE(d.viewer->visible);
@@ -316,21 +304,16 @@ TEST_F(TabDialogs, ViewerShowsTheSelectedLine) {
   FL_OBJECT *v = d.viewer_tabbox;
   EXPECT_EQ(fl_get_tabbox_vert(v), 1);
   EXPECT_EQ(fl_get_tabbox(v), 1) << "the first attribute line is selected";
-  // The texts of an attribute line are the caller's to free.
-  auto take = [](char *text) {
-    std::string s = text ? text : "(none)";
-    std::free(text);
-    return s;
-  };
-  EXPECT_EQ(take(fl_get_tabbox_vert_attr_line(v, 2)), "Wert");
-  EXPECT_EQ(take(fl_get_tabbox_vert_attr_line_value(v, 2)), "-7");
+  using forms_test::taken;
+  EXPECT_EQ(taken(fl_get_tabbox_vert_attr_line(v, 2)), "Wert");
+  EXPECT_EQ(taken(fl_get_tabbox_vert_attr_line_value(v, 2)), "-7");
   click(d.viewer_close);
   EXPECT_FALSE(d.viewer->visible);
   // From the viewer's own vertical display: its selected attribute line.
   fl_select_tabbox_line(v, 3);
   myfl_open_tabbox_viewer(v);
   ASSERT_TRUE(d.viewer->visible);
-  EXPECT_EQ(take(fl_get_tabbox_vert_attr_line_value(v, 2)), "Ulm");
+  EXPECT_EQ(taken(fl_get_tabbox_vert_attr_line_value(v, 2)), "Ulm");
   click(d.viewer_close);
   myfl_close_tabbox_viewer();
   EXPECT_EQ(messages(), "Tabbox-Viewer-Dialog bereits geschlossen\n");
@@ -342,7 +325,6 @@ TEST_F(TabDialogs, ZoomEditorTakesTheTextBack) {
   fl_end_form();
   show_and_activate(form_);
   fl_set_input(input, "SELECT * FROM Kunden");
-  MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
   click(fl_get_editor(input)->zoom);
   ASSERT_TRUE(d.zoom->visible);
   EXPECT_EQ(std::string(fl_get_input(d.zoom_text)), "SELECT * FROM Kunden");

@@ -34,27 +34,15 @@ protected:
     myfl_addto_tabbox_line(tb_, "Anna,Köln,3", nullptr);
     myfl_addto_tabbox_line(tb_, "Bernhard Maximilian,Ulm,12", nullptr);
   }
-  struct Props {
-    int nslots, *end, *order, *visible, nsort, *cols, *dirs, maxwidth, *colmax;
-    // A per-column array over the slots 1..nslots-1.
-    V of(const int *values) const { return V(values + 1, values + nslots); }
-  };
-  Props props() {
-    Props p{};
-    fl_get_tabbox_properties(tb_, &p.nslots, &p.end, &p.order, &p.visible, &p.nsort, &p.cols,
-                             &p.dirs, &p.maxwidth, &p.colmax);
-    return p;
-  }
+  forms_test::TabboxProps props() { return zqtest::tabbox_props(tb_); }
 };
 
 TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
   reg("Kunden");
   myfl_set_tabbox_tablenr(tb_, 2);
-  Props p = props();
+  auto p = props();
   ASSERT_EQ(p.nslots, 4);
-  p.order[1] = 3;
-  p.order[2] = 1;
-  p.order[3] = -1;
+  std::copy_n(V{3, 1, -1}.begin(), 3, p.order + 1);
   p.visible[2] = 0;
   p.colmax[3] = 12;
   const int cols[] = {1}, dirs[] = {1};
@@ -91,7 +79,7 @@ TEST_F(TabSet, SavedLinesThatDoNotFitTheColumns) {
   put("Liste", "[Liste] 0 3 2 -1 \n");
   g_title = "Name,Ort,Anzahl,Datum";
   reg("Liste");
-  Props p = props();
+  auto p = props();
   EXPECT_EQ(p.of(p.order), (V{2, 3, 4, -1}));
   EXPECT_EQ(p.of(p.visible), (V{0, 1, 1, 1}));
   EXPECT_THAT(messages(), testing::Not(testing::HasSubstr("ini-file")));
@@ -119,7 +107,7 @@ TEST_F(TabSet, BadTokensAreReportedAndSkipped) {
   EXPECT_EQ(messages(), "ini-file: wrong max-width definition (Liste)!\n"
                         "ini-file: wrong max-width definition (Liste)!\n"
                         "ini-file: wrong sort definition (Liste)!\n");
-  Props p = props();
+  auto p = props();
   EXPECT_EQ(p.of(p.colmax), (V{-1, 3, -1}));
   ASSERT_EQ(p.nsort, 1);
   EXPECT_EQ(p.cols[0], 1);
@@ -160,12 +148,7 @@ TEST_F(TabSet, DragAndOptimiseOnTheWidgetUpdateTheEntry) {
   int cw, ch;
   tabbox_char_size(tb_, &cw, &ch);
   auto cell = [&](int pos) { return QPoint(tabbox_text_x(tb_) + pos * cw + cw / 2, ch / 2 + 2); };
-  auto maxwidth = [&](int col) {
-    int *colmax = nullptr;
-    fl_get_tabbox_properties(tb_, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                             nullptr, &colmax);
-    return colmax[col];
-  };
+  auto maxwidth = [&](int col) { return props().colmax[col]; };
   // The bar after "Name" (19 wide) dragged five characters to the left.
   int bar = static_cast<int>(std::string(fl_get_tabbox_title(tb_)).find('|'));
   QTest::mousePress(tb_->widget, Qt::LeftButton, {}, cell(bar));
