@@ -2,8 +2,9 @@
 // input; an event filter on it adds the key throttle and the position
 // display.
 //
-// Process-wide state: the table of editors (append-only, at most 100), the
-// buffer of fl_get_editor_text and the zoom hook.
+// Process-wide state: the table of editors (append-only, at most 100; the
+// record of a freed form's editor names no objects), the buffer of
+// fl_get_editor_text and the zoom hook.
 #include "forms/editor.h"
 
 #include "base/msg.h"
@@ -45,6 +46,14 @@ QPlainTextEdit *edit_of(const FL_EDITOR_REC *ed) {
 class EditorFilter : public QObject {
 public:
   explicit EditorFilter(FL_EDITOR_REC *ed) : ed_(ed) {}
+  // The filter goes with the input's widget, that is with the editor's form,
+  // before the form's objects are freed. The record stays in the table (it
+  // only grows) but names no object any more: an object made later at a
+  // freed one's address must never be taken for this editor's input.
+  ~EditorFilter() override {
+    ed_->form = nullptr;
+    ed_->input = ed_->zoom = ed_->wrap = ed_->position = nullptr;
+  }
 
 protected:
   bool eventFilter(QObject *, QEvent *event) override {
@@ -137,7 +146,7 @@ FL_OBJECT *fl_add_editor(int type, int x, int y, int w, int h, const char *label
 
 FL_EDITOR_REC *fl_get_editor(FL_OBJECT *obj) {
   for (auto &ed : g_editors)
-    if (ed->input == obj) return ed.get();
+    if (obj && ed->input == obj) return ed.get();
   return nullptr;
 }
 
