@@ -343,7 +343,7 @@ int myfl_init_ass_svz_cmb(FL_FORM *form, FL_OBJECT *input, FL_OBJECT *button, DB
       if (svz < 0) svz = std::atoi(value(session, res, r, column(session, res, "Tabelle")).c_str());
     });
     if (svz < 0)
-      msg_print("(%s) Warning: SVZ %s not found\n", fn, heading.c_str());
+      msg_print("(%s) Warning: %s not found\n", fn, heading.c_str()); // heading: "SVZ <name>"
     else
       fill_svz(c, session, svz, fn);
   }
