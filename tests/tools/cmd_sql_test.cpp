@@ -36,19 +36,23 @@ TEST_F(TavrinSql, PrintsRowsInEveryFormatAndCountsChanges) {
 }
 
 TEST_F(TavrinSql, StandardInputDrivesATransactionStepByStep) {
-  run("$T sql -dbdemo 'CREATE TABLE S2 (S2_ID INTEGER)'");
+  run("$T sql -dbdemo 'CREATE TABLE S2 (S2_ID INTEGER, D DATE)'");
   // The statements arrive one by one through a pipe that stays open: each
-  // is run as soon as its line is there.
-  Outcome r = run("mkfifo in.fifo && { $T sql -dbdemo <in.fifo >steps.txt 2>&1 & }"
-                  " && exec 3>in.fifo && printf 'BEGIN\\n\\nINSERT INTO S2 VALUES (7)\\n' >&3"
-                  " && sleep 1 && cp steps.txt mid.txt"
-                  " && $T sql -dbdemo --format csv 'SELECT COUNT(*) FROM S2' >other.txt"
-                  " && printf 'COMMIT\\n' >&3 && exec 3>&- && wait");
+  // is run as soon as its line is there. Meanwhile `tavrin locks` shows the
+  // lock held.
+  Outcome r =
+      run("mkfifo in.fifo && { $T sql -dbdemo <in.fifo >steps.txt 2>&1 & }"
+          " && exec 3>in.fifo && printf 'BEGIN\\n\\nINSERT INTO S2 (S2_ID) VALUES (7)\\n' >&3"
+          " && sleep 1 && cp steps.txt mid.txt"
+          " && $T sql -dbdemo --format csv 'SELECT COUNT(*) FROM S2' >other.txt"
+          " && $T locks >locks.txt"
+          " && printf 'COMMIT\\n' >&3 && exec 3>&- && wait");
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(tooltest::slurp(dir / "mid.txt"), "done\n1 row changed\n");
   EXPECT_EQ(tooltest::slurp(dir / "other.txt"), "COUNT(*)\n0\n"); // not committed yet
+  EXPECT_NE(tooltest::slurp(dir / "locks.txt").find("\nholds  DEMO "), std::string::npos);
   EXPECT_EQ(tooltest::slurp(dir / "steps.txt"), "done\n1 row changed\ndone\n");
-  EXPECT_EQ(csv("SELECT COUNT(*) FROM S2"), "COUNT(*)\n1\n");
+  EXPECT_EQ(csv("SELECT * FROM S2"), "S2_ID,D\n7,\n") << "a date left out is shown empty";
 }
 
 TEST_F(TavrinSql, SemicolonsSeparateStatementsThatRunInOrderUntilOneFails) {

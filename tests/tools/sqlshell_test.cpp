@@ -120,6 +120,8 @@ TEST_F(SqlShell, PromptStatementsOverLinesCommandsAndHistoryAcrossRuns) {
     EXPECT_TRUE(t.enter("\\q\r", "a transaction is open")) << t.seen;
     ASSERT_TRUE(t.enter("ABORT;\r", "done")) << t.seen;
     EXPECT_TRUE(t.enter("\\c tdsys\r", "tdsys> ")) << t.seen;
+    EXPECT_TRUE(t.enter("SET DATABASE demo;\r", "demo> ")) << t.seen;
+    EXPECT_TRUE(t.enter("\\timing off\r", "Timing is off.")) << t.seen;
     t.type("\\q\r");
     EXPECT_EQ(t.status(), 0) << t.seen;
   }

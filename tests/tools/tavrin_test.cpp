@@ -163,6 +163,7 @@ TEST(Term, Latin1AndUtf8AtTheTerminalEdge) {
   EXPECT_EQ(term_to_latin1(latin1, &exact), latin1);
   EXPECT_TRUE(exact);
   EXPECT_EQ(term_to_latin1("\xC3"), "\xC3");
+  EXPECT_EQ(term_to_latin1("\xC1\x81"), "\xC1\x81"); // an overlong 'A' is not UTF-8
   std::string all;
   for (int c = 1; c < 256; ++c) all += char(c);
   EXPECT_EQ(term_to_latin1(term_from_latin1(all)), all);
