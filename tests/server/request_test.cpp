@@ -73,6 +73,10 @@ TEST(Request, MalformedRequestsAreRefusedWithWhatIsWrong) {
   deep.insert(deep.end(), {'w', 'x'});
   EXPECT_EQ(refusal(deep),
             "(TAVRIN 106) Anfrage zu tief geschachtelt (Ausdruck, höchstens 100 Ebenen)");
+  // Eight levels of subqueries are taken, more are refused.
+  std::string eight = "select a from t";
+  for (int i = 0; i < 8; ++i) eight = "select a from t where a in (" + eight + ")";
+  decoded(encode(eight));
   Bytes nested{'C'};
   for (int i = 0; i < 12; ++i) nested.insert(nested.end(), {'W', 'v', 'a', 2, 0, 'T', 0, 'w', '='});
   nested.insert(nested.end(), {'W', 'v', 'a', 2, 0, 'T', 0});
