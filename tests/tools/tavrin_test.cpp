@@ -6,6 +6,7 @@
 #include "tools_testutil.h"
 
 #include <random>
+#include <tuple>
 
 namespace {
 
@@ -23,26 +24,22 @@ TEST_F(Tavrin, HelpUsageAndExitStatuses) {
     EXPECT_NE(r.out.find(std::string("\n  ") + cmd + " "), std::string::npos) << cmd;
   // The command line, its exit status and a text in its output (0) or in its
   // messages (otherwise).
-  struct Case {
-    const char *line;
-    int status;
-    const char *says;
-  };
-  const Case cases[] = {
+  const std::tuple<const char *, int, const char *> cases[] = {
       {"help uncompress", 0, "usage: tavrin uncompress [IN [OUT]]"},
       {"compress --help", 0, "-m MIN"},
       {"", 2, "tavrin help"},
       {"frobnicate", 2, "unknown command 'frobnicate'"},
       {"compress -m x a b", 2, "usage: tavrin compress"},
+      {"compress -m 2000000 a b", 2, "option -m needs a number, not '2000000'"},
       {"compress a b c", 2, ""},
       {"uncompress -m 5 a", 2, ""}, // uncompress has no options
       {"uncompress -x in.vz", 2, "unknown option '-x'"},
       {"help nothing", 2, ""},
   };
-  for (const Case &c : cases) {
-    r = run(std::string("$T ") + c.line);
-    EXPECT_EQ(r.status, c.status) << c.line;
-    EXPECT_NE((c.status ? r.err : r.out).find(c.says), std::string::npos) << c.line;
+  for (const auto &[line, status, says] : cases) {
+    r = run(std::string("$T ") + line);
+    EXPECT_EQ(r.status, status) << line;
+    EXPECT_NE((status ? r.err : r.out).find(says), std::string::npos) << line;
   }
 }
 
@@ -96,10 +93,7 @@ TEST_F(Tavrin, FailuresReportAndLeaveNoOutput) {
   // whole file. The input is never overwritten by its own output, and an
   // existing output file survives a failure as it was, also a write failure
   // (a file size limit stands in for a full disk).
-  struct Case {
-    const char *line, *says, *output;
-  };
-  const Case cases[] = {
+  const std::tuple<const char *, const char *, const char *> cases[] = {
       {"$T compress missing.bin x.vz", "cannot open 'missing.bin'", "x.vz"},
       {"$T uncompress plain.txt x.out", "(Uncompress_Init) Not in Varne-format!", "x.out"},
       {"$T uncompress cut.vz cut.out", "damaged or truncated", "cut.out"},
@@ -109,11 +103,9 @@ TEST_F(Tavrin, FailuresReportAndLeaveNoOutput) {
       {"$T uncompress cut.vz old.txt", "damaged or truncated", ""},
       {"trap '' XFSZ; ulimit -f 4; $T compress t.txt old.txt", "cannot write 'old.txt'", ""},
   };
-  for (const Case &c : cases) {
-    Outcome r = run(c.line);
-    EXPECT_EQ(r.status, 1) << c.line;
-    EXPECT_NE(r.err.find(c.says), std::string::npos) << c.line << ": " << r.err;
-    EXPECT_TRUE(!*c.output || !fs::exists(dir / c.output)) << c.line;
+  for (const auto &[line, says, output] : cases) {
+    EXPECT_TRUE(fails(line, 1, says));
+    EXPECT_TRUE(!*output || !fs::exists(dir / output)) << line;
   }
   EXPECT_EQ(slurp(dir / "t.txt"), text);
   EXPECT_EQ(slurp(dir / "old.txt"), "the user's file\n");
