@@ -32,17 +32,19 @@ namespace pgcluster {
 
 inline constexpr const char *kPgBin = "/usr/lib/postgresql/15/bin";
 
+// Sets why to text; false, for the failures of the functions below.
+inline bool fail(std::string &why, const std::string &text) {
+  why = text;
+  return false;
+}
+
 // True when PostgreSQL 15's programs are installed and, for root, the
 // postgres user exists to run them; otherwise false with `why` set.
 inline bool installed(std::string &why) {
-  if (!std::filesystem::exists(std::string(kPgBin) + "/initdb")) {
-    why = std::string("PostgreSQL 15 is not installed (no ") + kPgBin + "/initdb)";
-    return false;
-  }
-  if (geteuid() == 0 && !getpwnam("postgres")) {
-    why = "running as root and there is no postgres user to run PostgreSQL";
-    return false;
-  }
+  if (!std::filesystem::exists(std::string(kPgBin) + "/initdb"))
+    return fail(why, std::string("PostgreSQL 15 is not installed (no ") + kPgBin + "/initdb)");
+  if (geteuid() == 0 && !getpwnam("postgres"))
+    return fail(why, "running as root and there is no postgres user to run PostgreSQL");
   return true;
 }
 
@@ -52,16 +54,10 @@ inline bool installed(std::string &why) {
 inline bool query(const std::string &conninfo, const std::string &sql,
                   std::vector<std::vector<std::string>> *rows, std::string &why) {
   std::unique_ptr<PGconn, void (*)(PGconn *)> conn(PQconnectdb(conninfo.c_str()), PQfinish);
-  if (PQstatus(conn.get()) != CONNECTION_OK) {
-    why = PQerrorMessage(conn.get());
-    return false;
-  }
+  if (PQstatus(conn.get()) != CONNECTION_OK) return fail(why, PQerrorMessage(conn.get()));
   std::unique_ptr<PGresult, void (*)(PGresult *)> res(PQexec(conn.get(), sql.c_str()), PQclear);
   ExecStatusType st = PQresultStatus(res.get());
-  if (st != PGRES_TUPLES_OK && st != PGRES_COMMAND_OK) {
-    why = PQerrorMessage(conn.get());
-    return false;
-  }
+  if (st != PGRES_TUPLES_OK && st != PGRES_COMMAND_OK) return fail(why, PQerrorMessage(conn.get()));
   if (rows) {
     rows->clear();
     for (int i = 0; i < PQntuples(res.get()); ++i) {
@@ -90,10 +86,7 @@ public:
     std::string pattern = root + "/zentiq_" + tag + "_XXXXXX";
     std::vector<char> tmpl(pattern.begin(), pattern.end());
     tmpl.push_back('\0');
-    if (!mkdtemp(tmpl.data())) {
-      why = "no temporary folder under " + root;
-      return false;
-    }
+    if (!mkdtemp(tmpl.data())) return fail(why, "no temporary folder under " + root);
     dir_ = tmpl.data();
     owner_ = getpid();
     settings_ = settings;
@@ -101,23 +94,14 @@ public:
     std::ofstream(dir_ + "/owner") << owner_ << "\n";
     if (geteuid() == 0) {
       struct passwd *pw = getpwnam("postgres");
-      if (!pw || chown(dir_.c_str(), pw->pw_uid, pw->pw_gid) != 0) {
-        why = "cannot give " + dir_ + " to the postgres user";
-        return false;
-      }
+      if (!pw || chown(dir_.c_str(), pw->pw_uid, pw->pw_gid) != 0)
+        return fail(why, "cannot give " + dir_ + " to the postgres user");
     }
     // The C locale keeps the cluster independent of the locales installed;
     // the encoding is what tavrind requires.
-    if (run_tool("initdb -D " + dir_ + "/data -A trust -U postgres -E UTF8 --locale=C --no-sync") !=
-        0) {
-      why = "initdb failed (see " + dir_ + "/setup.log)";
-      return false;
-    }
-    if (!start_again()) {
-      why = "pg_ctl start failed (see " + dir_ + "/pg.log)";
-      return false;
-    }
-    return true;
+    if (run_tool("initdb -D " + dir_ + "/data -A trust -U postgres -E UTF8 --locale=C --no-sync"))
+      return fail(why, "initdb failed (see " + dir_ + "/setup.log)");
+    return start_again() || fail(why, "pg_ctl start failed (see " + dir_ + "/pg.log)");
   }
 
   // Starts the server of the cluster again after stop_immediate(); true when

@@ -1,6 +1,7 @@
 // tavrind's data folder as files on disk: private to the server's user from
 // the first start on and tightened when it was left open, and a CREATE
 // DATABASE that fails for lack of room leaves no file behind.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
@@ -12,6 +13,8 @@
 #include "faults_server.h"
 
 namespace {
+
+using ::testing::HasSubstr;
 
 namespace fs = std::filesystem;
 
@@ -66,12 +69,10 @@ TEST_F(DataFolder, IsPrivateFromTheStartAndTightenedWhenLeftOpen) {
   ASSERT_TRUE(server.restart()) << server.log_text();
   EXPECT_EQ(open_to_others(server.data_dir()), std::vector<std::string>{});
   std::string log = server.log_text();
-  EXPECT_NE(log.find("made the folder " + server.data_dir() + " private (was 0755, now 0700)"),
-            std::string::npos)
-      << log;
-  EXPECT_NE(log.find("files in " + server.data_dir() + " private"), std::string::npos) << log;
-  EXPECT_NE(log.find("made 1 file in " + server.data_dir() + "/backup private"), std::string::npos)
-      << log;
+  EXPECT_THAT(log,
+              HasSubstr("made the folder " + server.data_dir() + " private (was 0755, now 0700)"));
+  EXPECT_THAT(log, HasSubstr("files in " + server.data_dir() + " private"));
+  EXPECT_THAT(log, HasSubstr("made 1 file in " + server.data_dir() + "/backup private"));
 }
 
 TEST_F(DataFolder, CreateDatabaseWithoutRoomLeavesNoFile) {
@@ -84,7 +85,7 @@ TEST_F(DataFolder, CreateDatabaseWithoutRoomLeavesNoFile) {
   ASSERT_EQ(prlimit(server.pid(), RLIMIT_FSIZE, &none, nullptr), 0);
   std::string text;
   EXPECT_EQ(faults::run(c, "CREATE DATABASE VOLL", &text), DBRES_ERROR);
-  EXPECT_NE(text.find("(TAVRIN 206) Datenbank VOLL"), std::string::npos) << text;
+  EXPECT_THAT(text, HasSubstr("(TAVRIN 206) Datenbank VOLL"));
   EXPECT_FALSE(fs::exists(server.data_dir() + "/VOLL.db"));
   DBRESULT *r = DBexec(c, "SHOW DATABASES");
   ASSERT_EQ(DBntuples(r), 2) << "DEMO and TDSYS only";

@@ -48,30 +48,29 @@ TEST_F(StatementsTest, SelectListsJoinsAndConditions) {
   EXPECT_EQ(a.i32(0, 1), 10);
   EXPECT_EQ(good("SELECT * FROM KUNDE, AUFTRAG").cols.size(), 7u);
 
-  EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE WHERE ORT = 'Köln' AND NOT NAME LIKE 'W%'"), V{1});
-  EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE WHERE KUNDE_ID = 3 OR (ORT = 'Berlin' AND "
-                "KUNDE_ID > 1) ORDER BY KUNDE_ID DESC"),
-            (V{3, 2}));
-  EXPECT_EQ(ids("SELECT AUFTRAG_ID FROM AUFTRAG WHERE BETRAG BETWEEN 10 AND 100.5 ORDER BY "
-                "AUFTRAG_ID"),
-            (V{10, 11}));
-  EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE WHERE KUNDE_ID IN (3, 2, 9) ORDER BY KUNDE_ID"),
-            (V{2, 3}));
-  EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE WHERE KUNDE_ID IN (SELECT KUNDE_ID FROM AUFTRAG "
-                "WHERE BETRAG < 50) ORDER BY KUNDE_ID"),
-            (V{1, 2}));
-  EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE k WHERE NOT EXISTS (SELECT * FROM AUFTRAG a WHERE "
-                "a.KUNDE_ID = k.KUNDE_ID)"),
-            V{3});
-  EXPECT_EQ(ids("SELECT AUFTRAG_ID FROM AUFTRAG WHERE BETRAG = (SELECT MAX(BETRAG) FROM "
-                "AUFTRAG)"),
-            V{10});
-  // A subquery as a condition of its own: true when its value is not zero.
-  EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE k WHERE (SELECT COUNT(*) FROM AUFTRAG a WHERE "
-                "a.KUNDE_ID = k.KUNDE_ID)"),
-            (V{1, 2}));
-  EXPECT_EQ(ids("SELECT KUNDE_ID FROM KUNDE WHERE KUNDE.KUNDE_ID <= 2 ORDER BY KUNDE.NAME"),
-            (V{1, 2}));
+  // Conditions, with the keys they select in order. A subquery as a
+  // condition of its own is true when its value is not zero.
+  const std::pair<V, const char *> conditions[] = {
+      {{1}, "SELECT KUNDE_ID FROM KUNDE WHERE ORT = 'Köln' AND NOT NAME LIKE 'W%'"},
+      {{3, 2},
+       "SELECT KUNDE_ID FROM KUNDE WHERE KUNDE_ID = 3 OR (ORT = 'Berlin' AND KUNDE_ID > 1) "
+       "ORDER BY KUNDE_ID DESC"},
+      {{10, 11},
+       "SELECT AUFTRAG_ID FROM AUFTRAG WHERE BETRAG BETWEEN 10 AND 100.5 ORDER BY AUFTRAG_ID"},
+      {{2, 3}, "SELECT KUNDE_ID FROM KUNDE WHERE KUNDE_ID IN (3, 2, 9) ORDER BY KUNDE_ID"},
+      {{1, 2},
+       "SELECT KUNDE_ID FROM KUNDE WHERE KUNDE_ID IN (SELECT KUNDE_ID FROM AUFTRAG WHERE "
+       "BETRAG < 50) ORDER BY KUNDE_ID"},
+      {{3},
+       "SELECT KUNDE_ID FROM KUNDE k WHERE NOT EXISTS (SELECT * FROM AUFTRAG a WHERE "
+       "a.KUNDE_ID = k.KUNDE_ID)"},
+      {{10}, "SELECT AUFTRAG_ID FROM AUFTRAG WHERE BETRAG = (SELECT MAX(BETRAG) FROM AUFTRAG)"},
+      {{1, 2},
+       "SELECT KUNDE_ID FROM KUNDE k WHERE (SELECT COUNT(*) FROM AUFTRAG a WHERE "
+       "a.KUNDE_ID = k.KUNDE_ID)"},
+      {{1, 2}, "SELECT KUNDE_ID FROM KUNDE WHERE KUNDE.KUNDE_ID <= 2 ORDER BY KUNDE.NAME"},
+  };
+  for (const auto &[want, query] : conditions) EXPECT_EQ(ids(query), want) << query;
 
   // MAX n limits the rows of a SELECT; MAX alone lifts the limit.
   good("MAX 2");
@@ -284,7 +283,7 @@ TEST_F(StatementsTest, DatabasesAreCreatedSavedSwitchedAndDropped) {
   for (const auto &e : std::filesystem::directory_iterator(dir + "/backup"))
     saved.push_back(e.path().string());
   ASSERT_EQ(saved.size(), 1u);
-  EXPECT_NE(saved[0].find("/backup/SHOP_"), std::string::npos);
+  EXPECT_THAT(saved[0], HasSubstr("/backup/SHOP_"));
   sqlite3 *copy = nullptr;
   std::string name;
   ASSERT_EQ(sqlite3_open_v2(saved[0].c_str(), &copy, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
@@ -362,13 +361,11 @@ TEST_F(ExecutorTest, FirstStartMakesSystemAndDemoDatabasesAndLaterStartsKeepThem
 TEST_F(ExecutorTest, LogsErrorsAlwaysAndStatementsWhenVerbose) {
   open("DEMO");
   bad("SELECT * FROM NIX");
-  EXPECT_NE(log.find("channel 0 [DEMO]: error: (TAVRIN 301) Tabelle NIX existiert nicht"),
-            std::string::npos)
-      << log;
+  EXPECT_THAT(log, HasSubstr("channel 0 [DEMO]: error: (TAVRIN 301) Tabelle NIX existiert nicht"));
   EXPECT_EQ(log.find("SELECT"), std::string::npos);
   ex.verbose = true;
   good("SELECT NAME FROM KUNDE WHERE KUNDE_ID = 1");
-  EXPECT_NE(log.find("SELECT t0.\"NAME\" FROM \"KUNDE\" AS t0 WHERE"), std::string::npos) << log;
+  EXPECT_THAT(log, HasSubstr("SELECT t0.\"NAME\" FROM \"KUNDE\" AS t0 WHERE"));
 }
 
 } // namespace

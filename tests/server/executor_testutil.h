@@ -9,7 +9,7 @@
 #include "db/client/tokenizer.h"
 #include "server/executor.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <cstdint>
 #include <cstring>
@@ -21,6 +21,7 @@ namespace exectest {
 
 // The tests of the executor and its modules speak their names unqualified.
 using namespace tavrind;
+using ::testing::HasSubstr;
 
 using Bytes = std::vector<unsigned char>;
 using Texts = std::vector<std::string>;

@@ -83,26 +83,25 @@ TEST_F(TypesTest, ValuesOutsideTheirTypeAreRefusedWithTheAttributeName) {
   good("INSERT INTO T (T_ID) VALUES (1)");
   for (const Case &c : cases) {
     std::string err = bad(std::string("UPDATE T SET ") + c.assignment);
-    EXPECT_NE(err.find("(TAVRIN 401) Ungültiger Wert für Attribut "), std::string::npos) << err;
-    EXPECT_NE(err.find(c.expected), std::string::npos) << c.assignment << " -> " << err;
+    EXPECT_THAT(err, HasSubstr("(TAVRIN 401) Ungültiger Wert für Attribut "));
+    EXPECT_THAT(err, HasSubstr(c.expected)) << c.assignment << " -> " << err;
   }
   // Every month's last day is a date, the day after it none.
   const int last[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
   for (int m = 1; m <= 12; ++m) {
     std::string day = "UPDATE T SET D = '2003-" + std::to_string(100 + m).substr(1) + "-";
     good(day + std::to_string(last[m - 1]) + "'");
-    EXPECT_NE(bad(day + std::to_string(last[m - 1] + 1) + "'").find("kein gültiges Datum"),
-              std::string::npos);
+    EXPECT_THAT(bad(day + std::to_string(last[m - 1] + 1) + "'"), HasSubstr("kein gültiges Datum"));
   }
   // Nothing of the refused updates is stored.
   Answer a = good("SELECT C, S FROM T");
   EXPECT_EQ(a.text(0, 0), "");
   EXPECT_EQ(a.i16(0, 1), -32768);
   // NOT NULL: omitted, empty, or the null marker.
-  EXPECT_NE(bad("INSERT INTO T (C) VALUES ('x')").find("(TAVRIN 402) Attribut T_ID ist NOT NULL"),
-            std::string::npos);
-  EXPECT_NE(bad("UPDATE T SET T_ID = ''").find("402"), std::string::npos);
-  EXPECT_NE(bad("UPDATE T SET T_ID = -2147483647").find("402"), std::string::npos);
+  EXPECT_THAT(bad("INSERT INTO T (C) VALUES ('x')"),
+              HasSubstr("(TAVRIN 402) Attribut T_ID ist NOT NULL"));
+  EXPECT_THAT(bad("UPDATE T SET T_ID = ''"), HasSubstr("402"));
+  EXPECT_THAT(bad("UPDATE T SET T_ID = -2147483647"), HasSubstr("402"));
 }
 
 TEST_F(TypesTest, TextOrderAndEqualityFollowTheStringRule) {

@@ -12,6 +12,7 @@
 // statement per line, the client answers one line "<status>|<first value,
 // row count or error text>". Each server has its own namespace and temporary data folder
 // and is stopped by its pid.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <poll.h>
@@ -24,6 +25,8 @@
 #include "tests/server/faults_server.h"
 
 namespace {
+
+using ::testing::HasSubstr;
 
 using namespace std::chrono_literals;
 
@@ -156,7 +159,20 @@ std::string tavrin_locks(const std::string &ns) {
 }
 
 const std::string kDone = "1|";
+// The statements that change and read the amount of account `id`.
+std::string set(int id, int amount) {
+  return "UPDATE KONTO SET BETRAG = " + std::to_string(amount) +
+         " WHERE KONTO_ID = " + std::to_string(id);
+}
+std::string get(int id) {
+  return "SELECT BETRAG FROM KONTO WHERE KONTO_ID = " + std::to_string(id);
+}
 std::string tuples(const std::string &v) { return "2|" + v; }
+// Opens a transaction on c and changes account id in it (taking the write
+// lock); whether both were done.
+bool begin_update(Client &c, int id, int amount) {
+  return c.run("BEGIN") == kDone && c.run(set(id, amount)) == "1|1";
+}
 bool is_error(const std::string &a, const std::string &number) {
   return a.rfind("4|", 0) == 0 && a.find("(TAVRIN " + number + ")") != std::string::npos;
 }
@@ -178,7 +194,7 @@ protected:
   std::string amount(int id) {
     Client c(srv.ns());
     EXPECT_TRUE(c.ok()) << c.greeting();
-    return c.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = " + std::to_string(id));
+    return c.run(get(id));
   }
   // Fills KONTO to seven accounts through `c` and returns a statement that
   // runs for hours on them: a 12-way self-join.
@@ -203,9 +219,8 @@ TEST_F(Locking, ParkedWriterGoesOnWhenTheHolderCommitsAbortsOrDies) {
     auto a = std::make_unique<Client>(srv.ns());
     Client b(srv.ns());
     ASSERT_TRUE(a->ok() && b.ok());
-    ASSERT_EQ(a->run("BEGIN"), kDone);
-    ASSERT_EQ(a->run("UPDATE KONTO SET BETRAG = 110 WHERE KONTO_ID = 1"), "1|1");
-    b.send("UPDATE KONTO SET BETRAG = " + std::to_string(101 + b_changes) + " WHERE KONTO_ID = 2");
+    ASSERT_TRUE(begin_update(*a, 1, 110));
+    b.send(set(2, 101 + b_changes));
     EXPECT_EQ(b.answer(400ms), "") << "B must wait for A's lock";
     if (end == "COMMIT") {
       // `tavrin locks` lists A as holder, then B as waiter.
@@ -240,21 +255,20 @@ TEST_F(Locking, LockTimeoutRefusesTheWaitingStatementOnly) {
   start({"--lock-timeout", "0.5"});
   Client a(srv.ns()), b(srv.ns());
   ASSERT_TRUE(a.ok() && b.ok());
-  ASSERT_EQ(a.run("BEGIN"), kDone);
-  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 7 WHERE KONTO_ID = 1"), "1|1");
+  ASSERT_TRUE(begin_update(a, 1, 7));
   ASSERT_EQ(b.run("BEGIN"), kDone);
   auto t0 = std::chrono::steady_clock::now();
-  std::string r = b.run("UPDATE KONTO SET BETRAG = 8 WHERE KONTO_ID = 2");
+  std::string r = b.run(set(2, 8));
   auto waited = std::chrono::steady_clock::now() - t0;
   EXPECT_TRUE(is_error(r, "509")) << r;
-  EXPECT_NE(r.find("DEMO"), std::string::npos) << r;
+  EXPECT_THAT(r, HasSubstr("DEMO"));
   // The text names the holder: A's channel and process.
-  EXPECT_NE(r.find("Kanal "), std::string::npos) << r;
-  EXPECT_NE(r.find("Prozess " + std::to_string(a.pid())), std::string::npos) << r;
+  EXPECT_THAT(r, HasSubstr("Kanal "));
+  EXPECT_THAT(r, HasSubstr("Prozess " + std::to_string(a.pid())));
   EXPECT_GE(waited, 450ms);
   EXPECT_LT(waited, 5s);
   ASSERT_EQ(a.run("COMMIT"), kDone);
-  EXPECT_EQ(b.run("UPDATE KONTO SET BETRAG = 8 WHERE KONTO_ID = 2"), "1|1");
+  EXPECT_EQ(b.run(set(2, 8)), "1|1");
   EXPECT_EQ(b.run("COMMIT"), kDone);
   EXPECT_EQ(amount(1), tuples("7"));
   EXPECT_EQ(amount(2), tuples("8"));
@@ -266,15 +280,14 @@ TEST_F(Locking, CrossingUpdatesWaitAndNeverHang) {
   start();
   Client a(srv.ns()), b(srv.ns());
   ASSERT_TRUE(a.ok() && b.ok());
-  ASSERT_EQ(a.run("BEGIN"), kDone);
-  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 95 WHERE KONTO_ID = 1"), "1|1");
+  ASSERT_TRUE(begin_update(a, 1, 95));
   ASSERT_EQ(b.run("BEGIN"), kDone);
-  b.send("UPDATE KONTO SET BETRAG = 102 WHERE KONTO_ID = 2");
+  b.send(set(2, 102));
   EXPECT_EQ(b.answer(300ms), "");
-  EXPECT_EQ(a.run("UPDATE KONTO SET BETRAG = 105 WHERE KONTO_ID = 2"), "1|1");
+  EXPECT_EQ(a.run(set(2, 105)), "1|1");
   EXPECT_EQ(a.run("COMMIT"), kDone);
   EXPECT_EQ(b.answer(), "1|1");
-  EXPECT_EQ(b.run("UPDATE KONTO SET BETRAG = 98 WHERE KONTO_ID = 1"), "1|1");
+  EXPECT_EQ(b.run(set(1, 98)), "1|1");
   EXPECT_EQ(b.run("COMMIT"), kDone);
   EXPECT_EQ(amount(1), tuples("98"));
   EXPECT_EQ(amount(2), tuples("102"));
@@ -291,15 +304,15 @@ TEST_F(Locking, DeadlockEndsOneTransactionAtOnce) {
   ASSERT_TRUE(a.ok() && b.ok());
   ASSERT_EQ(a.run("BEGIN"), kDone);
   ASSERT_EQ(b.run("BEGIN"), kDone);
-  ASSERT_EQ(a.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 2"), tuples("100"));
-  ASSERT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("100"));
-  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 50 WHERE KONTO_ID = 1"), "1|1");
+  ASSERT_EQ(a.run(get(2)), tuples("100"));
+  ASSERT_EQ(b.run(get(1)), tuples("100"));
+  ASSERT_EQ(a.run(set(1, 50)), "1|1");
   auto t0 = std::chrono::steady_clock::now();
-  std::string r = b.run("UPDATE KONTO SET BETRAG = 150 WHERE KONTO_ID = 2");
+  std::string r = b.run(set(2, 150));
   EXPECT_TRUE(is_error(r, "510")) << r;
-  EXPECT_NE(r.find("DEMO"), std::string::npos) << r;
+  EXPECT_THAT(r, HasSubstr("DEMO"));
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 2s) << "refused at once, not after A";
-  EXPECT_EQ(a.run("UPDATE KONTO SET BETRAG = 150 WHERE KONTO_ID = 2"), "1|1");
+  EXPECT_EQ(a.run(set(2, 150)), "1|1");
   EXPECT_EQ(a.run("COMMIT"), kDone);
   EXPECT_EQ(b.run("ABORT"), kDone);
   EXPECT_EQ(amount(1), tuples("50"));
@@ -311,12 +324,12 @@ TEST_F(Locking, DeadlockEndsOneTransactionAtOnce) {
   Client c(srv.ns());
   ASSERT_TRUE(c.ok());
   ASSERT_EQ(a.run("BEGIN"), kDone);
-  ASSERT_EQ(a.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("50"));
+  ASSERT_EQ(a.run(get(1)), tuples("50"));
   ASSERT_EQ(c.run("BEGIN"), kDone);
-  ASSERT_EQ(c.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("50"));
-  c.send("UPDATE KONTO SET BETRAG = 0 WHERE KONTO_ID = 1");
+  ASSERT_EQ(c.run(get(1)), tuples("50"));
+  c.send(set(1, 0));
   EXPECT_EQ(c.answer(300ms), "") << "A has changed nothing: C waits";
-  EXPECT_EQ(a.run("UPDATE KONTO SET BETRAG = 60 WHERE KONTO_ID = 1"), "1|1");
+  EXPECT_EQ(a.run(set(1, 60)), "1|1");
   r = c.answer(2s);
   EXPECT_TRUE(is_error(r, "510")) << r;
   EXPECT_EQ(a.run("COMMIT"), kDone);
@@ -335,32 +348,29 @@ TEST_F(Locking, ReadThenWriteClientWaitsBeforeReading) {
   ASSERT_TRUE(a.ok() && b.ok());
   auto read_then_write = [&b](int value) {
     EXPECT_EQ(b.run("BEGIN"), kDone);
-    EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1").rfind("2|", 0), 0u);
-    EXPECT_EQ(b.run("UPDATE KONTO SET BETRAG = " + std::to_string(value) + " WHERE KONTO_ID = 1"),
-              "1|1");
+    EXPECT_EQ(b.run(get(1)).rfind("2|", 0), 0u);
+    EXPECT_EQ(b.run(set(1, value)), "1|1");
     EXPECT_EQ(b.run("COMMIT"), kDone);
   };
   read_then_write(100);
-  ASSERT_EQ(a.run("BEGIN"), kDone);
-  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 120 WHERE KONTO_ID = 1"), "1|1");
+  ASSERT_TRUE(begin_update(a, 1, 120));
   ASSERT_EQ(b.run("BEGIN"), kDone);
-  b.send("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1");
+  b.send(get(1));
   EXPECT_EQ(b.answer(300ms), "") << "B's block starts with the write lock";
   EXPECT_EQ(amount(1), tuples("100")) << "a reader outside a block goes on";
   ASSERT_EQ(a.run("COMMIT"), kDone);
   EXPECT_EQ(b.answer(), tuples("120"));
-  EXPECT_EQ(b.run("UPDATE KONTO SET BETRAG = 121 WHERE KONTO_ID = 1"), "1|1");
+  EXPECT_EQ(b.run(set(1, 121)), "1|1");
   EXPECT_EQ(b.run("COMMIT"), kDone);
   EXPECT_EQ(amount(1), tuples("121"));
 
   // One block that only reads ends it: B's next reading block does not wait.
   ASSERT_EQ(b.run("BEGIN"), kDone);
-  ASSERT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 2"), tuples("100"));
+  ASSERT_EQ(b.run(get(2)), tuples("100"));
   ASSERT_EQ(b.run("END"), kDone);
-  ASSERT_EQ(a.run("BEGIN"), kDone);
-  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 130 WHERE KONTO_ID = 1"), "1|1");
+  ASSERT_TRUE(begin_update(a, 1, 130));
   ASSERT_EQ(b.run("BEGIN"), kDone);
-  EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("121"));
+  EXPECT_EQ(b.run(get(1)), tuples("121"));
   EXPECT_EQ(b.run("END"), kDone);
   EXPECT_EQ(a.run("COMMIT"), kDone);
 }
@@ -387,7 +397,7 @@ TEST_F(Locking, MaxClientsRefusesTheClientTooMany) {
     Client c(srv.ns());
     EXPECT_EQ(c.greeting(), "C|(TAVRIN) Connect to database server failed (all channels in use "
                             "(2))");
-    EXPECT_EQ(a->run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("100"));
+    EXPECT_EQ(a->run(get(1)), tuples("100"));
   }
   a.reset();
   EXPECT_TRUE(connect());
@@ -402,20 +412,19 @@ TEST_F(Locking, RunawayStatementsAndOversizedAnswersAreStopped) {
   Client a(srv.ns()), b(srv.ns());
   ASSERT_TRUE(a.ok() && b.ok());
   std::string join = runaway_join(a);
-  ASSERT_EQ(a.run("BEGIN"), kDone);
-  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 5 WHERE KONTO_ID = 3"), "1|1");
+  ASSERT_TRUE(begin_update(a, 3, 5));
   auto t0 = std::chrono::steady_clock::now();
   std::string r = a.run(join);
   EXPECT_TRUE(is_error(r, "511")) << r;
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 8s);
   // A stopped read leaves the open transaction as it was.
   EXPECT_EQ(a.run("COMMIT"), kDone);
-  EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 3"), tuples("5"));
+  EXPECT_EQ(b.run(get(3)), tuples("5"));
 
   // 600 x 600 customers are far more than 1 MB.
   r = b.run("SELECT * FROM KUNDE A, KUNDE B");
   EXPECT_TRUE(is_error(r, "514")) << r;
-  EXPECT_NE(r.find("1 MB"), std::string::npos) << r;
+  EXPECT_THAT(r, HasSubstr("1 MB"));
   EXPECT_EQ(b.run("SELECT COUNT(*) FROM KUNDE"), tuples("600"));
   ASSERT_EQ(b.run("DECLARE C CURSOR FOR SELECT * FROM KUNDE A, KUNDE B"), kDone);
   EXPECT_EQ(b.run("FETCH C").rfind("3|", 0), 0u);
@@ -428,31 +437,28 @@ TEST_F(Locking, RunawayStatementsAndOversizedAnswersAreStopped) {
 // the server promptly and rolls back the open transaction.
 TEST_F(Locking, RunawayEndsWithItsClientAndWithTheServer) {
   start();
-  std::string join = "SELECT COUNT(*) FROM KONTO A";
-  for (char t = 'B'; t <= 'L'; ++t) join += std::string(", KONTO ") + t;
+  std::string join;
   {
     Client a(srv.ns());
     ASSERT_TRUE(a.ok());
-    for (int i = 3; i <= 7; ++i)
-      ASSERT_EQ(a.run("INSERT INTO KONTO VALUES (" + std::to_string(i) + ", 1)"), "1|1");
+    join = runaway_join(a);
     a.send(join);
     std::this_thread::sleep_for(300ms);
     a.kill_now();
     auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(amount(1), tuples("100"));
     EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
-    EXPECT_NE(srv.log_text().find("(TAVRIN 513)"), std::string::npos) << srv.log_text();
+    EXPECT_THAT(srv.log_text(), HasSubstr("(TAVRIN 513)"));
   }
   Client a(srv.ns());
   ASSERT_TRUE(a.ok());
-  ASSERT_EQ(a.run("BEGIN"), kDone);
-  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 1 WHERE KONTO_ID = 1"), "1|1");
+  ASSERT_TRUE(begin_update(a, 1, 1));
   a.send(join);
   std::this_thread::sleep_for(300ms);
   auto t0 = std::chrono::steady_clock::now();
   EXPECT_EQ(srv.terminate(5s), 0);
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
-  EXPECT_NE(srv.log_text().find("(TAVRIN 512)"), std::string::npos) << srv.log_text();
+  EXPECT_THAT(srv.log_text(), HasSubstr("(TAVRIN 512)"));
   ASSERT_TRUE(srv.restart());
   EXPECT_EQ(amount(1), tuples("100")) << "the open transaction was rolled back";
 }
@@ -467,13 +473,12 @@ TEST_F(Locking, RunawayLeavesOthersServedAndCancelStopsItOrALockWait) {
   Client a(srv.ns()), b(srv.ns());
   ASSERT_TRUE(a.ok() && b.ok());
   std::string join = runaway_join(a);
-  ASSERT_EQ(a.run("BEGIN"), kDone);
-  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 5 WHERE KONTO_ID = 1"), "1|1");
+  ASSERT_TRUE(begin_update(a, 1, 5));
   a.send(join);
   std::this_thread::sleep_for(300ms);
   for (int i = 0; i < 10; ++i) {
     auto t0 = std::chrono::steady_clock::now();
-    EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("100"));
+    EXPECT_EQ(b.run(get(1)), tuples("100"));
     EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
   }
   {
@@ -482,7 +487,7 @@ TEST_F(Locking, RunawayLeavesOthersServedAndCancelStopsItOrALockWait) {
   }
   EXPECT_EQ(a.answer(0ms), "") << "the runaway is still running";
 
-  b.send("UPDATE KONTO SET BETRAG = 7 WHERE KONTO_ID = 2");
+  b.send(set(2, 7));
   std::this_thread::sleep_for(300ms);
   EXPECT_EQ(b.answer(0ms), "") << "the update waits for the lock";
   b.interrupt();
@@ -492,8 +497,8 @@ TEST_F(Locking, RunawayLeavesOthersServedAndCancelStopsItOrALockWait) {
   r = a.answer(5s);
   EXPECT_TRUE(is_error(r, "515")) << r << srv.log_text();
   EXPECT_EQ(a.run("COMMIT"), kDone);
-  EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("5"));
-  EXPECT_EQ(b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 2"), tuples("100"));
+  EXPECT_EQ(b.run(get(1)), tuples("5"));
+  EXPECT_EQ(b.run(get(2)), tuples("100"));
 
   // The wait hook runs while the client waits and may cancel from there.
   ASSERT_EQ(b.run("HOOK"), "H|");
@@ -525,21 +530,19 @@ TEST_F(PgStoreLocking, TwoServersOnOneDatabaseExcludeEachOthersWriters) {
   ASSERT_TRUE(other.start({"--lock-timeout", "1"})) << other.log_text();
   Client a(srv.ns()), b(other.ns()), reader(other.ns());
   ASSERT_TRUE(a.ok() && b.ok() && reader.ok()) << b.greeting();
-  ASSERT_EQ(a.run("BEGIN"), kDone);
-  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 90 WHERE KONTO_ID = 1"), "1|1");
-  b.send("UPDATE KONTO SET BETRAG = 95 WHERE KONTO_ID = 1");
+  ASSERT_TRUE(begin_update(a, 1, 90));
+  b.send(set(1, 95));
   EXPECT_EQ(b.answer(400ms), "") << "B must wait for A's lock";
-  EXPECT_EQ(reader.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("100"));
+  EXPECT_EQ(reader.run(get(1)), tuples("100"));
   ASSERT_EQ(a.run("COMMIT"), kDone);
   EXPECT_EQ(b.answer(), "1|1");
-  EXPECT_EQ(reader.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("95"));
+  EXPECT_EQ(reader.run(get(1)), tuples("95"));
 
-  ASSERT_EQ(a.run("BEGIN"), kDone);
-  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 0 WHERE KONTO_ID = 2"), "1|1");
-  std::string refused = b.run("UPDATE KONTO SET BETRAG = 1 WHERE KONTO_ID = 2");
+  ASSERT_TRUE(begin_update(a, 2, 0));
+  std::string refused = b.run(set(2, 1));
   EXPECT_TRUE(is_error(refused, "509")) << refused;
   ASSERT_EQ(a.run("COMMIT"), kDone);
-  EXPECT_EQ(reader.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 2"), tuples("0"));
+  EXPECT_EQ(reader.run(get(2)), tuples("0"));
 }
 
 // The cluster ends as in a crash while A is inside a transaction: A's next
@@ -553,22 +556,21 @@ TEST_F(PgStoreLocking, LostClusterFailsTheTransactionAndNoClientHangs) {
   ASSERT_TRUE(cluster) << why;
   Client a(srv.ns());
   ASSERT_TRUE(a.ok()) << a.greeting();
-  ASSERT_EQ(a.run("BEGIN"), kDone);
-  ASSERT_EQ(a.run("UPDATE KONTO SET BETRAG = 50 WHERE KONTO_ID = 1"), "1|1");
+  ASSERT_TRUE(begin_update(a, 1, 50));
   ASSERT_TRUE(cluster->stop_immediate());
-  std::string lost = a.run("UPDATE KONTO SET BETRAG = 150 WHERE KONTO_ID = 2");
+  std::string lost = a.run(set(2, 150));
   EXPECT_EQ(lost.rfind("4|", 0), 0u) << "an error, not a hang or a change: " << lost;
   {
     Client b(srv.ns());
     ASSERT_NE(b.greeting(), "") << "a new client hangs";
     if (b.ok()) {
-      std::string down = b.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1");
+      std::string down = b.run(get(1));
       EXPECT_EQ(down.rfind("4|", 0), 0u) << down;
     }
   }
   ASSERT_TRUE(cluster->start_again());
-  EXPECT_EQ(a.run("SELECT BETRAG FROM KONTO WHERE KONTO_ID = 1"), tuples("100")) << srv.log_text();
-  EXPECT_EQ(a.run("UPDATE KONTO SET BETRAG = 60 WHERE KONTO_ID = 2"), "1|1");
+  EXPECT_EQ(a.run(get(1)), tuples("100")) << srv.log_text();
+  EXPECT_EQ(a.run(set(2, 60)), "1|1");
   EXPECT_EQ(amount(2), tuples("60"));
 }
 

@@ -2,8 +2,8 @@
 // temporary data folder, extra options, its log in a file, stopped by its pid.
 // It can be killed hard and started again on the same folder and namespace
 // (with the dead server's shared-memory objects left behind). Clients are
-// the tests' business; run() executes their statements and reap() ends any
-// child process.
+// the tests' business; run() and rows() execute their statements and reap()
+// ends any child process.
 //
 // With ZENTIQ_TEST_STORE=postgres the server stores in a PostgreSQL database
 // of the test process's cluster (tests/pgcluster.h): a new one per start(),
@@ -46,6 +46,44 @@ inline int run(DBCONN *c, const std::string &sql, std::string *value = nullptr) 
   DBclear(r);
   if (value) *value = v;
   return st;
+}
+
+// The answer of one statement as lines: a row's values joined by '|', the
+// count of a change, or the message of a refusal.
+inline std::vector<std::string> rows(DBCONN *c, const std::string &sql) {
+  DBRESULT *r = DBexec(c, sql.c_str());
+  std::vector<std::string> out;
+  int st = DBresult_status(r);
+  for (int i = 0; st == DBRES_TUPLES && i < DBntuples(r); ++i) {
+    std::string row;
+    for (int k = 0; k < DBnfields(r); ++k) row += (k ? "|" : "") + std::string(DBgetvalue(r, i, k));
+    out.push_back(row);
+  }
+  if (st == DBRES_DONE) out.push_back(std::to_string(DBntuples(r)));
+  if (st == DBRES_ERROR || st == DBRES_SYNTAX) out.push_back(DBresult_error(r));
+  DBclear(r);
+  return out;
+}
+
+inline std::string text_of(const std::string &path) {
+  std::ifstream in(path);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Starts the program args[0] with args, its standard output and error
+// appended to the file `log`; its pid, or -1.
+inline pid_t spawn_logged(std::vector<std::string> args, const std::string &log) {
+  std::vector<char *> argv;
+  for (auto &a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_addopen(&fa, 2, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+  posix_spawn_file_actions_adddup2(&fa, 2, 1);
+  pid_t pid = -1;
+  if (posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ) != 0) pid = -1;
+  posix_spawn_file_actions_destroy(&fa);
+  return pid;
 }
 
 // The built tavrind program, "" when there is none.
@@ -126,10 +164,7 @@ public:
 
   const std::string &ns() const { return ns_; }
   std::string data_dir() const { return dir_ + "/data"; }
-  std::string log_text() const {
-    std::ifstream in(dir_ + "/tavrind.log");
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
+  std::string log_text() const { return text_of(dir_ + "/tavrind.log"); }
   pid_t pid() const { return pid_; }
 
 private:
@@ -139,17 +174,8 @@ private:
     std::vector<std::string> args = {prog, "--data", dir_ + "/data", "--namespace", ns_};
     if (!store.empty()) args.insert(args.end(), {"--postgres", store});
     args.insert(args.end(), extra_.begin(), extra_.end());
-    std::vector<char *> argv;
-    for (auto &a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
     std::string log = dir_ + "/tavrind.log";
-    posix_spawn_file_actions_addopen(&fa, 2, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    posix_spawn_file_actions_adddup2(&fa, 2, 1);
-    int rc = posix_spawn(&pid_, prog.c_str(), &fa, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&fa);
-    if (rc != 0) return false;
+    if ((pid_ = spawn_logged(args, log)) < 0) return false;
     // Ready when the server has logged that it serves (after the first
     // start has written both databases); a server that ended will not.
     size_t seen = count_serving(log);

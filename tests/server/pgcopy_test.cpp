@@ -3,6 +3,7 @@
 // goes in and is verified, a second import is refused without copying, a
 // value the target type cannot hold stops its database, and a schema saved
 // back to SQLite equals the original file row for row.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "server/catalog.h"
@@ -18,6 +19,8 @@
 #include <filesystem>
 
 namespace {
+
+using ::testing::HasSubstr;
 
 namespace fs = std::filesystem;
 using namespace tavrind;
@@ -45,22 +48,28 @@ void make_database(const std::string &path, const std::string &sql) {
   sqlite3_close_v2(db);
 }
 
+// Calls f(statement) for every row of `sql` on db.
+template <class F> void each_row(sqlite3 *db, const std::string &sql, F f) {
+  sqlite3_stmt *s = nullptr;
+  sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr);
+  while (sqlite3_step(s) == SQLITE_ROW) f(s);
+  sqlite3_finalize(s);
+}
+
 // Every row of every table of a file in rowid order, each value after its
 // storage class ("KUNDE|1:42|3:Müller|5:|..."; doubles in hexadecimal), then
 // the layout and the journal mode.
 std::vector<std::string> dump(const std::string &path) {
   std::vector<std::string> out;
   sqlite3 *db = open_file(path);
+  auto text = [](sqlite3_stmt *s, int c) {
+    return std::string(reinterpret_cast<const char *>(sqlite3_column_text(s, c)));
+  };
   std::vector<std::string> tables;
-  sqlite3_stmt *s = nullptr;
-  sqlite3_prepare_v2(db, "SELECT name FROM sqlite_schema WHERE type = 'table' ORDER BY name", -1,
-                     &s, nullptr);
-  while (sqlite3_step(s) == SQLITE_ROW)
-    tables.push_back(reinterpret_cast<const char *>(sqlite3_column_text(s, 0)));
-  sqlite3_finalize(s);
-  for (const std::string &t : tables) {
-    sqlite3_prepare_v2(db, ("SELECT * FROM \"" + t + "\" ORDER BY rowid").c_str(), -1, &s, nullptr);
-    while (sqlite3_step(s) == SQLITE_ROW) {
+  each_row(db, "SELECT name FROM sqlite_schema WHERE type = 'table' ORDER BY name",
+           [&](sqlite3_stmt *s) { tables.push_back(text(s, 0)); });
+  for (const std::string &t : tables)
+    each_row(db, "SELECT * FROM \"" + t + "\" ORDER BY rowid", [&](sqlite3_stmt *s) {
       std::string row = t;
       for (int c = 0; c < sqlite3_column_count(s); ++c) {
         int kind = sqlite3_column_type(s, c);
@@ -73,31 +82,23 @@ std::vector<std::string> dump(const std::string &path) {
                     : std::string());
       }
       out.push_back(row);
-    }
-    sqlite3_finalize(s);
-  }
+    });
   // Declarations, indices with their columns, triggers.
-  sqlite3_prepare_v2(db,
-                     "SELECT m.type, m.name, m.tbl_name, coalesce(p.type, ''), "
-                     "coalesce(p.\"notnull\", ''), coalesce(p.dflt_value, ''), "
-                     "coalesce(ii.name, ''), coalesce(il.\"unique\", '') FROM sqlite_schema m "
-                     "LEFT JOIN pragma_table_info(m.name) p ON m.type = 'table' "
-                     "LEFT JOIN pragma_index_list(m.tbl_name) il ON il.name = m.name "
-                     "LEFT JOIN pragma_index_info(m.name) ii ON m.type = 'index' "
-                     "ORDER BY m.type, m.name, p.cid, ii.seqno",
-                     -1, &s, nullptr);
-  while (sqlite3_step(s) == SQLITE_ROW) {
-    std::string row = "schema";
-    for (int c = 0; c < 8; ++c)
-      row += std::string("|") + reinterpret_cast<const char *>(sqlite3_column_text(s, c));
-    out.push_back(row);
-  }
-  sqlite3_finalize(s);
-  sqlite3_prepare_v2(db, "PRAGMA journal_mode", -1, &s, nullptr);
-  sqlite3_step(s);
-  out.push_back(std::string("journal ") +
-                reinterpret_cast<const char *>(sqlite3_column_text(s, 0)));
-  sqlite3_finalize(s);
+  each_row(db,
+           "SELECT m.type, m.name, m.tbl_name, coalesce(p.type, ''), "
+           "coalesce(p.\"notnull\", ''), coalesce(p.dflt_value, ''), "
+           "coalesce(ii.name, ''), coalesce(il.\"unique\", '') FROM sqlite_schema m "
+           "LEFT JOIN pragma_table_info(m.name) p ON m.type = 'table' "
+           "LEFT JOIN pragma_index_list(m.tbl_name) il ON il.name = m.name "
+           "LEFT JOIN pragma_index_info(m.name) ii ON m.type = 'index' "
+           "ORDER BY m.type, m.name, p.cid, ii.seqno",
+           [&](sqlite3_stmt *s) {
+             std::string row = "schema";
+             for (int c = 0; c < 8; ++c) row += "|" + text(s, c);
+             out.push_back(row);
+           });
+  each_row(db, "PRAGMA journal_mode",
+           [&](sqlite3_stmt *s) { out.push_back("journal " + text(s, 0)); });
   sqlite3_close_v2(db);
   return out;
 }
@@ -221,19 +222,18 @@ TEST_F(PgCopy, ImportsAFolderVerifiedAndRefusesExistingSchemas) {
                   "tablename = 'TAVRIN$DB'"),
             "1");
   // The unique index and the static table hold in the cluster as in the file.
-  EXPECT_NE(query("DELETE FROM \"HOSTILE\".\"FEST\" RETURNING 1").find("TAVRIN_STATIC FEST"),
-            std::string::npos);
-  EXPECT_NE(query("INSERT INTO \"DEMO\".\"KUNDE\" (\"KUNDE_ID\", \"NAME\") VALUES (1, 'x') "
-                  "RETURNING 1")
-                .find("duplicate key"),
-            std::string::npos);
+  EXPECT_THAT(query("DELETE FROM \"HOSTILE\".\"FEST\" RETURNING 1"),
+              HasSubstr("TAVRIN_STATIC FEST"));
+  EXPECT_THAT(query("INSERT INTO \"DEMO\".\"KUNDE\" (\"KUNDE_ID\", \"NAME\") VALUES (1, 'x') "
+                    "RETURNING 1"),
+              HasSubstr("duplicate key"));
 
   // A second import is refused before anything is copied, even a database
   // that is not in the cluster yet (AAA comes before DEMO).
   make_database(folder + "/AAA.db", "CREATE TABLE T (\"X\" INTEGER)");
   report.clear();
   EXPECT_FALSE(pgcopy_import_sqlite(conn, folder, report, err));
-  EXPECT_NE(err.find("DEMO"), std::string::npos) << err;
+  EXPECT_THAT(err, HasSubstr("DEMO"));
   EXPECT_EQ(query("SELECT count(*) FROM pg_namespace WHERE nspname = 'AAA'"), "0");
   EXPECT_TRUE(report.empty());
 }
@@ -247,7 +247,7 @@ TEST_F(PgCopy, RefusesAValueItsTypeCannotHoldAndLeavesNothing) {
   std::vector<std::string> report;
   std::string err;
   EXPECT_FALSE(pgcopy_import_sqlite(conn, folder, report, err));
-  EXPECT_NE(err.find("BAD.T row 2 column S"), std::string::npos) << err;
+  EXPECT_THAT(err, HasSubstr("BAD.T row 2 column S"));
   EXPECT_EQ(query("SELECT count(*) FROM pg_namespace WHERE nspname = 'BAD'"), "0");
   EXPECT_EQ(PQtransactionStatus(conn), PQTRANS_IDLE);
 }
@@ -286,7 +286,7 @@ TEST_F(PgCopy, SavesASchemaBackToAnEqualSqliteFile) {
 
   // No overwriting, no schema of another program, the connection left idle.
   EXPECT_FALSE(pgcopy_save_to_sqlite(conn, "DEMO", folder + "/saved_DEMO.db", err));
-  EXPECT_NE(err.find("exists"), std::string::npos) << err;
+  EXPECT_THAT(err, HasSubstr("exists"));
   PQclear(PQexec(conn, "CREATE SCHEMA \"AAA\""));
   EXPECT_FALSE(pgcopy_save_to_sqlite(conn, "AAA", folder + "/aaa.db", err));
   EXPECT_FALSE(fs::exists(folder + "/aaa.db"));

@@ -3,13 +3,10 @@
 // on the PostgreSQL store (and is not imported twice), and a database saved
 // on the PostgreSQL store opens in the SQLite store with the same rows. They
 // run in the postgres pass only (ZENTIQ_TEST_STORE=postgres), on its cluster.
-#include <gtest/gtest.h>
-
-#include <spawn.h>
+#include <gmock/gmock.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 
 #include "base/msg.h"
 #include "db/client/connect.h"
@@ -21,22 +18,8 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Texts = std::vector<std::string>;
-
-// Rows of one statement on `c`, values joined by '|'; a refusal as its text,
-// nothing for a change.
-Texts rows(DBCONN *c, const std::string &sql) {
-  DBRESULT *r = DBexec(c, sql.c_str());
-  Texts out;
-  int st = DBresult_status(r);
-  for (int i = 0; st == DBRES_TUPLES && i < DBntuples(r); ++i) {
-    std::string row;
-    for (int k = 0; k < DBnfields(r); ++k) row += (k ? "|" : "") + std::string(DBgetvalue(r, i, k));
-    out.push_back(row);
-  }
-  if (st == DBRES_ERROR || st == DBRES_SYNTAX) out.push_back(sql + ": " + DBresult_error(r));
-  DBclear(r);
-  return out;
-}
+using ::testing::AllOf;
+using ::testing::HasSubstr;
 
 // Everything a client reads of database `db` on the server of namespace ns:
 // its tables with their columns, its indices and every table's rows (sorted:
@@ -49,16 +32,17 @@ Texts read_all(const std::string &ns, const std::string &db) {
   if (DBstatus(c) != DBCONN_OK) {
     all.push_back("no connection: " + std::string(DBerrormessage(c)));
   } else {
-    Texts tables = rows(c, "SHOW TABLES");
+    Texts tables = faults::rows(c, "SHOW TABLES");
     all = tables;
     for (const std::string &t : tables) {
       std::string table = t.substr(0, t.find('|'));
-      for (const std::string &line : rows(c, "SHOW TABLE " + table)) all.push_back(table + ": " + line);
-      Texts data = rows(c, "SELECT * FROM " + table);
+      for (const std::string &line : faults::rows(c, "SHOW TABLE " + table))
+        all.push_back(table + ": " + line);
+      Texts data = faults::rows(c, "SELECT * FROM " + table);
       std::sort(data.begin(), data.end());
       for (const std::string &line : data) all.push_back(table + "= " + line);
     }
-    for (const std::string &line : rows(c, "SHOW INDICES")) all.push_back(line);
+    for (const std::string &line : faults::rows(c, "SHOW INDICES")) all.push_back(line);
     DBfinish(c);
   }
   DBconn_free(c);
@@ -68,25 +52,10 @@ Texts read_all(const std::string &ns, const std::string &db) {
 
 // Runs tavrind once with `args` (after the program's name), its output in
 // `log`; its exit status, or -1 when it did not end within a minute.
-int run_tavrind(const std::vector<std::string> &args, const std::string &log) {
-  std::vector<std::string> all = {faults::tavrind_program()};
-  all.insert(all.end(), args.begin(), args.end());
-  std::vector<char *> argv;
-  for (auto &a : all) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_addopen(&fa, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-  posix_spawn_file_actions_adddup2(&fa, 1, 2);
-  pid_t pid = -1;
-  int rc = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&fa);
-  return rc == 0 ? faults::reap(pid, 60s) : -1;
-}
-
-std::string text_of(const std::string &path) {
-  std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in), {});
+int run_tavrind(std::vector<std::string> args, const std::string &log) {
+  args.insert(args.begin(), faults::tavrind_program());
+  pid_t pid = faults::spawn_logged(args, log);
+  return pid > 0 ? faults::reap(pid, 60s) : -1;
 }
 
 class PgStore : public ::testing::Test {
@@ -122,13 +91,12 @@ TEST_F(PgStore, ImportedDemoFolderReadsTheSameAndASecondImportIsRefused) {
   ASSERT_FALSE(db.empty()) << why;
   std::vector<std::string> import = {"--postgres", db, "--import-sqlite", lite.data_dir()};
   std::string log = dir + "/import.log";
-  ASSERT_EQ(run_tavrind(import, log), 0) << text_of(log);
+  ASSERT_EQ(run_tavrind(import, log), 0) << faults::text_of(log);
   // Every table of both databases was counted and checked.
-  EXPECT_NE(text_of(log).find("DEMO."), std::string::npos) << text_of(log);
-  EXPECT_NE(text_of(log).find("TDSYS."), std::string::npos) << text_of(log);
-  size_t before = text_of(log).size();
+  std::string said = faults::text_of(log);
+  EXPECT_THAT(said, AllOf(HasSubstr("DEMO."), HasSubstr("TDSYS.")));
   EXPECT_NE(run_tavrind(import, log), 0) << "a second import over the same schemas";
-  EXPECT_GT(text_of(log).size(), before) << "the refusal says why";
+  EXPECT_GT(faults::text_of(log).size(), said.size()) << "the refusal says why";
 
   faults::Server pg;
   pg.store = db;
@@ -157,7 +125,7 @@ TEST_F(PgStore, SavedDatabaseOpensInTheSqliteStoreWithTheSameRows) {
         "'1800-01-01-00.00.00.000001', '$$', '')",
         "INSERT INTO WERT (WERT_ID, S, I, F, D, Z, TS, B) VALUES (3, '', '', '', '', '', '', '')",
         "SAVE DATABASE"})
-    ASSERT_EQ(rows(c, sql), Texts{}) << sql;
+    ASSERT_EQ(faults::run(c, sql), DBRES_DONE) << sql;
   DBfinish(c);
   DBconn_free(c);
   DBcomm_close();

@@ -108,7 +108,7 @@ TEST_F(PgStoreUnit, LostConnectionFailsTheTransactionAndTheNextRequestReconnects
       encode("UPDATE A SET V = 12 WHERE K = (SELECT COUNT(*) FROM A X, A Y, A Z, A Q)"), 1);
   tavrind::session_cancel_clear(*pg_channel);
   EXPECT_EQ(stopped.kind, '0');
-  EXPECT_NE(stopped.error.find("515"), std::string::npos) << stopped.error;
+  EXPECT_THAT(stopped.error, HasSubstr("515"));
   Answer kept = both_raw(encode("SELECT V FROM A WHERE K = 1"), 1);
   ASSERT_EQ(kept.rows.size(), 1u);
   EXPECT_EQ(kept.i32(0, 0), 11);
@@ -121,7 +121,7 @@ TEST_F(PgStoreUnit, LostConnectionFailsTheTransactionAndTheNextRequestReconnects
       << why;
   Answer lost = both_raw(encode("SELECT V FROM A WHERE K = 1"), 1);
   EXPECT_EQ(lost.kind, '0');
-  EXPECT_NE(lost.error.find("(TAVRIN 516)"), std::string::npos) << lost.error;
+  EXPECT_THAT(lost.error, HasSubstr("(TAVRIN 516)"));
   // The next request runs on a new connection; the lost change is gone.
   Answer again = both_raw(encode("SELECT V FROM A WHERE K = 1"), 1);
   ASSERT_EQ(again.kind, '2') << again.error;

@@ -13,6 +13,8 @@
 #include "db/ipc/mutex.h"
 #include "tests/ipc/ipc_testutil.h"
 
+#include <gmock/gmock.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -23,6 +25,7 @@
 #include <vector>
 
 using namespace ipctest;
+using ::testing::HasSubstr;
 
 namespace {
 
@@ -160,13 +163,26 @@ int stop_server(pid_t pid) {
   return ipctest::join_within(pid, 10000);
 }
 
+// Sends req on the connection; whether it went out.
+bool send(DBCONN *c, const Bytes &req) {
+  DBreq_reset();
+  DBreq_bytes(req.data(), req.size());
+  return DBsend(c) == 1;
+}
+
+// Waits for an answer into a buffer of 10000 bytes without allocation:
+// whether one came.
+bool receive(DBCONN *c) {
+  unsigned char buf[10000];
+  int len = 0;
+  return DBrecv(c, buf, sizeof buf, &len, nullptr, nullptr) == 1;
+}
+
 // Sends req on the connection and returns the answer (empty on failure).
 // Answers longer than 10000 bytes must arrive in an allocation of exactly
 // their length; *allocated tells whether one was made.
 Bytes roundtrip(DBCONN *c, const Bytes &req, bool *allocated = nullptr) {
-  DBreq_reset();
-  DBreq_bytes(req.data(), req.size());
-  if (!DBsend(c)) return {};
+  if (!send(c, req)) return {};
   unsigned char buf[10000];
   int len = 0;
   unsigned char *big = reinterpret_cast<unsigned char *>(1);
@@ -180,8 +196,7 @@ Bytes roundtrip(DBCONN *c, const Bytes &req, bool *allocated = nullptr) {
 }
 
 Bytes length_request(uint32_t n) {
-  Bytes b(5);
-  b[0] = 'L';
+  Bytes b{'L', 0, 0, 0, 0};
   std::memcpy(&b[1], &n, 4);
   return b;
 }
@@ -210,13 +225,6 @@ bool served_elsewhere(size_t n, unsigned seed) {
 }
 
 std::string text(const Bytes &b) { return std::string(b.begin(), b.end()); }
-
-// Sends a request that is never answered.
-bool send_unanswered(DBCONN *c) {
-  DBreq_reset();
-  DBreq_byte('N');
-  return DBsend(c) == 1;
-}
 
 // The exchange's objects as a hand-made client sees them, the mutex held
 // once open() succeeds: for packets no real client would write.
@@ -268,6 +276,11 @@ protected:
     alarm(0);
     munmap(c_, sizeof(Counters));
   }
+  // From here on the messages of this process are collected in g_out.
+  static void capture() {
+    msg_set_handler(collect);
+    g_out.clear();
+  }
   // Waits up to 3 s for a counter to reach n.
   static bool reaches(std::atomic<int> &v, int n) {
     for (int i = 0; i < 600 && v.load() < n; ++i) usleep(5000);
@@ -306,20 +319,12 @@ TEST_F(Protocol, MessagesOfEveryPacketSizeArriveWholeBothWays) {
     EXPECT_EQ(allocated, n > 10000) << n;
   }
   // Without allocation outputs an answer too big for the buffer is refused.
-  msg_set_handler(collect);
-  g_out.clear();
-  DBreq_reset();
-  Bytes req = length_request(10001);
-  DBreq_bytes(req.data(), req.size());
-  ASSERT_EQ(DBsend(c), 1);
-  unsigned char buf[10000];
-  int len = 0;
-  EXPECT_EQ(DBrecv(c, buf, sizeof buf, &len, nullptr, nullptr), 0);
+  capture();
+  ASSERT_TRUE(send(c, length_request(10001)));
+  EXPECT_FALSE(receive(c));
   EXPECT_EQ(DBstatus(c), 6);
-  EXPECT_NE(g_out.find("client read: Message too big (len 10001 / buffersize = 10000)\n"
-                       "DBrecv: No data received\n"),
-            std::string::npos)
-      << g_out;
+  EXPECT_THAT(g_out, HasSubstr("client read: Message too big (len 10001 / buffersize = 10000)\n"
+                               "DBrecv: No data received\n"));
   DBcomm_close();
   DBconn_free(c);
 }
@@ -395,11 +400,9 @@ TEST_F(Protocol, DeadClientsAndADeadServerEndTheWaitsOfOthers) {
   Gate holding;
   pid_t victim = spawn([&] {
     DBCONN *k = connect_demo();
-    if (!k || !send_unanswered(k)) return 1;
+    if (!k || !send(k, {'N'})) return 1;
     holding.open_gate(); // the mutex is held until the answer is read
-    unsigned char buf[10000];
-    int len;
-    DBrecv(k, buf, sizeof buf, &len, nullptr, nullptr);
+    receive(k);
     return 2;
   });
   ASSERT_TRUE(holding.pass());
@@ -413,17 +416,14 @@ TEST_F(Protocol, DeadClientsAndADeadServerEndTheWaitsOfOthers) {
   EXPECT_TRUE(reaches(c_->closed, 1));
   EXPECT_EQ(c_->last_closed, victim_channel);
 
-  msg_set_handler(collect);
-  g_out.clear();
-  ASSERT_TRUE(send_unanswered(c));
+  capture();
+  ASSERT_TRUE(send(c, {'N'}));
   pid_t killer = spawn([pid = srv] {
     usleep(100000);
     return kill(pid, SIGKILL);
   });
   auto t0 = std::chrono::steady_clock::now();
-  unsigned char buf[10000];
-  int len = 0;
-  EXPECT_EQ(DBrecv(c, buf, sizeof buf, &len, nullptr, nullptr), 0);
+  EXPECT_FALSE(receive(c));
   EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(3));
   EXPECT_EQ(DBstatus(c), 6);
   EXPECT_EQ(g_out, "client: The server has ended; the transaction is lost\n"
@@ -552,11 +552,9 @@ TEST_F(Protocol, AClientOfAKilledServerIsNotServedByItsSuccessor) {
     return echoes(k, 200, 2) ? 0 : 2;
   });
   ASSERT_TRUE(connected.pass());
-  msg_set_handler(collect);
-  g_out.clear();
+  capture();
   EXPECT_TRUE(roundtrip(old, echo_request(100, 3)).empty());
-  EXPECT_NE(g_out.find("The server was restarted; the transaction is lost"), std::string::npos)
-      << g_out;
+  EXPECT_THAT(g_out, HasSubstr("The server was restarted; the transaction is lost"));
   done.open_gate();
   EXPECT_EQ(join_within(other, 10000), 0);
   DBconn_free(old);
@@ -583,13 +581,10 @@ TEST_F(Protocol, ObjectsOfAnotherUserAreRefusedByServerAndClient) {
     return 0;
   });
   ASSERT_TRUE(squatting.pass());
-  msg_set_handler(collect);
-  g_out.clear();
+  capture();
   EXPECT_EQ(DBcomm_init(DBCOMM_AREA_SIZE), 0);
-  EXPECT_NE(g_out.find("Refusing /" + ipc::namespace_name() +
-                       "TavrinDB_Server (owner uid 54321, group gid 54321, mode 0666)"),
-            std::string::npos)
-      << g_out;
+  EXPECT_THAT(g_out, HasSubstr("Refusing /" + ipc::namespace_name() +
+                               "TavrinDB_Server (owner uid 54321, group gid 54321, mode 0666)"));
   leave.open_gate();
   EXPECT_EQ(join_within(squatter, 5000), 0);
   // The squatter has gone, its objects stay (no other user may remove them).
@@ -597,14 +592,12 @@ TEST_F(Protocol, ObjectsOfAnotherUserAreRefusedByServerAndClient) {
   tavrind::ProtocolServer srv(h);
   g_out.clear();
   EXPECT_FALSE(srv.start());
-  EXPECT_NE(g_out.find("Refusing to start: /" + ipc::namespace_name() +
-                       "TavrinDB_Server (owner uid 54321, group gid 54321, mode 0666)"),
-            std::string::npos)
-      << g_out;
+  EXPECT_THAT(g_out, HasSubstr("Refusing to start: /" + ipc::namespace_name() +
+                               "TavrinDB_Server (owner uid 54321, group gid 54321, mode 0666)"));
   ipc::unlink_object(DBOBJ_SERVER);
   g_out.clear();
   EXPECT_FALSE(srv.start());
-  EXPECT_NE(g_out.find("TavrinDB_Shared_Memory (owner uid 54321"), std::string::npos) << g_out;
+  EXPECT_THAT(g_out, HasSubstr("TavrinDB_Shared_Memory (owner uid 54321"));
   ipc::unlink_object(DBOBJ_AREA);
   EXPECT_TRUE(srv.start());
   srv.shutdown();
@@ -645,12 +638,10 @@ TEST_F(Protocol, ADroppedRequestIsAnsweredAndFreesTheExchange) {
   ASSERT_TRUE(serve());
   DBCONN *k = connect_demo();
   ASSERT_NE(k, nullptr);
-  msg_set_handler(collect);
-  g_out.clear();
+  capture();
   EXPECT_TRUE(roundtrip(k, echo_request(60000, 1)).empty());
-  EXPECT_NE(g_out.find("The server dropped the request (a request longer than the server takes)"),
-            std::string::npos)
-      << g_out;
+  EXPECT_THAT(g_out, HasSubstr("The server dropped the request (a request longer than the "
+                               "server takes)"));
   EXPECT_TRUE(served_elsewhere(20000, 2));
   EXPECT_TRUE(echoes(k, 40000, 3));
   DBconn_free(k);

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
-#include <sys/stat.h>
 
 #include <chrono>
 
@@ -54,6 +53,11 @@ public:
     from_ = seen.find(want, from_) + want.size();
     return true;
   }
+  // Types `keys`, then waits for `want`.
+  bool enter(const std::string &keys, const std::string &want) {
+    type(keys);
+    return wait_for(want);
+  }
 
   // The exit status once the program ended (at most 20 s), else -1.
   int status() {
@@ -87,56 +91,41 @@ TEST_F(SqlShell, PromptStatementsOverLinesCommandsAndHistoryAcrossRuns) {
     Terminal t(exe, dir);
     ASSERT_TRUE(t.started());
     ASSERT_TRUE(t.wait_for("demo> ")) << t.seen;
-    t.type("CREATE TABLE SH1 (SH1_ID INTEGER, T CHARACTER(10));\r");
-    ASSERT_TRUE(t.wait_for("done")) << t.seen;
+    ASSERT_TRUE(t.enter("CREATE TABLE SH1 (SH1_ID INTEGER, T CHARACTER(10));\r", "done")) << t.seen;
     // A ';' inside a quoted text does not end the statement, also when the
     // text spans lines; the continuation prompts say what is open.
-    t.type("INSERT INTO SH1 VALUES (1, 'a;\r");
-    ASSERT_TRUE(t.wait_for("'> ")) << t.seen;
-    t.type("b');\r");
-    ASSERT_TRUE(t.wait_for("1 row changed")) << t.seen;
-    t.type("SELECT SH1_ID, T\r");
-    ASSERT_TRUE(t.wait_for("-> ")) << t.seen;
-    t.type("FROM SH1 WHERE T <> 'x\\';';\r");
-    EXPECT_TRUE(t.wait_for("(1 row)")) << t.seen;
-    t.type("\\dt\r");
-    ASSERT_TRUE(t.wait_for("TABLE_NAME | ATTRIBUTES | MODE")) << t.seen;
+    ASSERT_TRUE(t.enter("INSERT INTO SH1 VALUES (1, 'a;\r", "'> ")) << t.seen;
+    ASSERT_TRUE(t.enter("b');\r", "1 row changed")) << t.seen;
+    ASSERT_TRUE(t.enter("SELECT SH1_ID, T\r", "-> ")) << t.seen;
+    EXPECT_TRUE(t.enter("FROM SH1 WHERE T <> 'x\\';';\r", "(1 row)")) << t.seen;
+    ASSERT_TRUE(t.enter("\\dt\r", "TABLE_NAME | ATTRIBUTES | MODE")) << t.seen;
     EXPECT_TRUE(t.wait_for("SH1")) << t.seen;
     t.type("\\q\r");
     EXPECT_EQ(t.status(), 0) << t.seen;
   }
-  std::filesystem::path history = dir / ".local/state/zentiq/tavrin_history";
-  ASSERT_TRUE(std::filesystem::exists(history));
-  struct stat sb {};
-  ASSERT_EQ(stat(history.c_str(), &sb), 0);
-  EXPECT_EQ(sb.st_mode & 0777, 0600u);
+  EXPECT_EQ(std::filesystem::status(dir / ".local/state/zentiq/tavrin_history").permissions(),
+            std::filesystem::perms(0600));
 
   {
     // The second run recalls the multi-line SELECT from the history of the
     // first (three entries back: \q, \dt, the SELECT), as one line.
     Terminal t(exe, dir);
     ASSERT_TRUE(t.wait_for("demo> ")) << t.seen;
-    t.type("\x1b[A\x1b[A\x1b[A\r");
-    EXPECT_TRUE(t.wait_for("a;\r\nb")) << t.seen;
+    EXPECT_TRUE(t.enter("\x1b[A\x1b[A\x1b[A\r", "a;\r\nb")) << t.seen;
     EXPECT_TRUE(t.wait_for("(1 row)")) << t.seen;
     // An open transaction is not ended by the first \q, nor by \c.
-    t.type("BEGIN;\r");
-    ASSERT_TRUE(t.wait_for("done")) << t.seen;
-    t.type("DELETE FROM SH1;\r");
-    ASSERT_TRUE(t.wait_for("1 row changed")) << t.seen;
-    t.type("\\c tdsys\r");
-    EXPECT_TRUE(t.wait_for("COMMIT or ABORT it first")) << t.seen;
-    t.type("\\q\r");
-    EXPECT_TRUE(t.wait_for("a transaction is open")) << t.seen;
-    t.type("ABORT;\r");
-    ASSERT_TRUE(t.wait_for("done")) << t.seen;
-    t.type("\\c tdsys\r");
-    EXPECT_TRUE(t.wait_for("tdsys> ")) << t.seen;
+    ASSERT_TRUE(t.enter("BEGIN;\r", "done")) << t.seen;
+    ASSERT_TRUE(t.enter("DELETE FROM SH1;\r", "1 row changed")) << t.seen;
+    EXPECT_TRUE(t.enter("\\c tdsys\r", "COMMIT or ABORT it first")) << t.seen;
+    EXPECT_TRUE(t.enter("\\q\r", "a transaction is open")) << t.seen;
+    ASSERT_TRUE(t.enter("ABORT;\r", "done")) << t.seen;
+    EXPECT_TRUE(t.enter("\\c tdsys\r", "tdsys> ")) << t.seen;
+    EXPECT_TRUE(t.enter("SET DATABASE demo;\r", "demo> ")) << t.seen;
+    EXPECT_TRUE(t.enter("\\timing off\r", "Timing is off.")) << t.seen;
     t.type("\\q\r");
     EXPECT_EQ(t.status(), 0) << t.seen;
   }
-  tooltest::Outcome r = run("$T sql -dbdemo --format csv 'SELECT COUNT(*) FROM SH1'");
-  EXPECT_EQ(r.out, "COUNT(*)\n1\n") << "the aborted DELETE left the row";
+  EXPECT_EQ(csv("SELECT COUNT(*) FROM SH1"), "COUNT(*)\n1\n") << "the aborted DELETE left the row";
 }
 
 } // namespace

@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "tests/access/tavrind_fixture.h"
@@ -21,13 +20,15 @@ namespace tooltest {
 struct Outcome {
   int status;
   std::string out, err;
+  bool operator==(const Outcome &) const = default;
 };
+inline std::ostream &operator<<(std::ostream &o, const Outcome &r) {
+  return o << "status " << r.status << "\nout: " << r.out << "\nerr: " << r.err;
+}
 
 inline std::string slurp(const std::filesystem::path &p) {
   std::ifstream in(p, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 inline void spill(const std::filesystem::path &p, const std::string &data) {
@@ -62,6 +63,13 @@ protected:
     int rc = std::system(cmd.c_str());
     return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, slurp(out), slurp(err)};
   }
+  // Whether `line` ends with `status` and its standard error holds `says`.
+  ::testing::AssertionResult fails(const std::string &line, int status, const std::string &says) {
+    Outcome r = run(line);
+    if (r.status == status && r.err.find(says) != std::string::npos)
+      return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << line << " -> " << r;
+  }
 };
 
 // The scratch folder with a server for the whole suite.
@@ -86,6 +94,10 @@ protected:
     setenv("TAVRIN_NAMESPACE", server->ns().c_str(), 1);
     unsetenv("DBSYS");
     InScratch::SetUp();
+  }
+  // What `tavrin sql --format csv` prints for one statement on database db.
+  std::string csv(const std::string &sql, const std::string &db = "demo") {
+    return run("$T sql -db" + db + " --format csv '" + sql + "'").out;
   }
 };
 
