@@ -512,6 +512,11 @@ private:
   void open_now();
   // Queues BEGIN and the lock in the pipeline; false when libpq refused.
   bool send_opening(PGconn *c);
+  // Enters pipeline mode and queues the statement of send: behind BEGIN and
+  // the lock when the transaction opens with it (open), between a savepoint
+  // and its release with guard, then the sync. When libpq refuses, leaves
+  // pipeline mode, rolls an opening transaction back and throws.
+  void send_pipeline(PGconn *c, bool open, bool guard, const std::function<int(PGconn *)> &send);
   // Reads the results of BEGIN and the lock, then settles them: the lock is
   // held, or (lock busy, failure, lost connection) the rest of the pipeline
   // is read, the pipeline left, the transaction rolled back, and WouldBlock
@@ -766,19 +771,7 @@ PgResult PgConn::run(const std::function<int(PGconn *)> &send) {
   // with it in one pipeline (one round trip): a failed or stopped
   // statement is undone alone and the transaction goes on, as in SQLite.
   // A transaction's first statement carries its BEGIN and lock in front.
-  auto simple = [&](const char *sql) {
-    return PQsendQueryParams(c, sql, 0, nullptr, nullptr, nullptr, nullptr, 0);
-  };
-  if (!PQenterPipelineMode(c)) failed_send();
-  if (!((!open || send_opening(c)) && (!guard || simple("SAVEPOINT tavrin_q")) && send(c) &&
-        (!guard || simple("RELEASE tavrin_q")) && PQpipelineSync(c))) {
-    PQexitPipelineMode(c);
-    if (open) {
-      opening_ = false;
-      end_txn("ROLLBACK");
-    }
-    failed_send();
-  }
+  send_pipeline(c, open, guard, send);
   in_statement_ = true;
   if (open) {
     bool cancelled = false;
@@ -812,6 +805,23 @@ void PgConn::open_now() {
   } catch (const ExecError &) {
     end_txn("ROLLBACK");
     throw;
+  }
+}
+
+void PgConn::send_pipeline(PGconn *c, bool open, bool guard,
+                           const std::function<int(PGconn *)> &send) {
+  auto simple = [c](const char *sql) {
+    return PQsendQueryParams(c, sql, 0, nullptr, nullptr, nullptr, nullptr, 0);
+  };
+  if (!PQenterPipelineMode(c)) failed_send();
+  if (!((!open || send_opening(c)) && (!guard || simple("SAVEPOINT tavrin_q")) && send(c) &&
+        (!guard || simple("RELEASE tavrin_q")) && PQpipelineSync(c))) {
+    PQexitPipelineMode(c);
+    if (open) {
+      opening_ = false;
+      end_txn("ROLLBACK");
+    }
+    failed_send();
   }
 }
 
@@ -1042,19 +1052,7 @@ void PgConn::stream_start(const std::string &sql, const std::vector<SqlValue> &p
     if (!query()) failed_send();
   } else {
     // As run(): behind a savepoint, in one pipeline.
-    auto simple = [&](const char *text) {
-      return PQsendQueryParams(c, text, 0, nullptr, nullptr, nullptr, nullptr, 0);
-    };
-    if (!PQenterPipelineMode(c)) failed_send();
-    if (!((!open || send_opening(c)) && simple("SAVEPOINT tavrin_q") && query() &&
-          simple("RELEASE tavrin_q") && PQpipelineSync(c))) {
-      PQexitPipelineMode(c);
-      if (open) {
-        opening_ = false;
-        end_txn("ROLLBACK");
-      }
-      failed_send();
-    }
+    send_pipeline(c, open, true, [&](PGconn *) { return query(); });
     in_statement_ = true;
     streaming_ = true;
     if (open) read_opening(stream_cancelled_);
