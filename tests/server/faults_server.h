@@ -11,18 +11,11 @@
 #pragma once
 
 #include <fcntl.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "db/client/exec.h"
 #include "tests/pgcluster.h"
@@ -112,7 +105,10 @@ inline int reap(pid_t pid, std::chrono::milliseconds limit) {
 // A tavrind process with the given extra options.
 class Server {
 public:
-  ~Server() { stop(); }
+  ~Server() {
+    terminate(std::chrono::seconds(5));
+    if (!dir_.empty()) std::filesystem::remove_all(dir_);
+  }
 
   // The PostgreSQL database the server stores in ("" on the SQLite store).
   std::string store;
@@ -136,30 +132,18 @@ public:
 
   // Ends the server with SIGKILL: no rollback, its shared-memory objects
   // stay behind.
-  void kill_hard() {
-    if (pid_ > 0) reap(pid_, std::chrono::milliseconds(0));
-    pid_ = -1;
-  }
+  void kill_hard() { terminate(std::chrono::milliseconds(0), false); }
   // Starts the server again on the same folder and namespace.
   bool restart() { return launch(); }
-  // Sends SIGTERM and waits at most `limit` for the server to end: its exit
-  // status, or -1 when it had to be killed. The folder stays for restart().
-  int terminate(std::chrono::milliseconds limit) {
+  // Sends SIGTERM (unless `ask` is false: the server was told to stop by a
+  // client) and waits at most `limit` for the server to end: its exit status,
+  // or -1 when it had to be killed. The folder stays for restart().
+  int terminate(std::chrono::milliseconds limit, bool ask = true) {
     if (pid_ <= 0) return -1;
-    kill(pid_, SIGTERM);
+    if (ask) kill(pid_, SIGTERM);
     int st = reap(pid_, limit);
     pid_ = -1;
     return st;
-  }
-
-  void stop() {
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      reap(pid_, std::chrono::seconds(5));
-      pid_ = -1;
-    }
-    if (!dir_.empty()) std::filesystem::remove_all(dir_);
-    dir_.clear();
   }
 
   const std::string &ns() const { return ns_; }

@@ -12,12 +12,10 @@
 
 #include <sqlite3.h>
 
-#include <cstdio>
 #include <random>
 #include <set>
 
 #include "base/msg.h"
-#include "db/client/connect.h"
 #include "tests/server/faults_server.h"
 
 namespace {
@@ -141,9 +139,9 @@ std::vector<std::vector<long long>> read_store(const faults::Server &srv, std::s
     return out;
   }
   sqlite3 *db = nullptr;
-  EXPECT_EQ(sqlite3_open_v2((srv.data_dir() + "/DEMO.db").c_str(), &db, SQLITE_OPEN_READWRITE,
-                            nullptr),
-            SQLITE_OK);
+  EXPECT_EQ(
+      sqlite3_open_v2((srv.data_dir() + "/DEMO.db").c_str(), &db, SQLITE_OPEN_READWRITE, nullptr),
+      SQLITE_OK);
   sqlite3_busy_timeout(db, 5000);
   sqlite3_stmt *s = nullptr;
   EXPECT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr), SQLITE_OK) << sql;

@@ -6,10 +6,8 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <filesystem>
 
 #include "base/msg.h"
-#include "db/client/connect.h"
 #include "db/client/transport.h"
 #include "tests/server/faults_server.h"
 
