@@ -9,20 +9,13 @@
 #include "db/client/reqbuf.h"
 #include "db/client/transport.h"
 #include "server/protocol.h"
-#include "db/ipc/event.h"
-#include "db/ipc/mutex.h"
 #include "tests/ipc/ipc_testutil.h"
 
 #include <gmock/gmock.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
-#include <string>
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <vector>
 
 using namespace ipctest;
 using ::testing::HasSubstr;
@@ -36,10 +29,10 @@ struct Counters {
   std::atomic<int> opened;
   std::atomic<int> closed;
   std::atomic<int> last_closed;
-  std::atomic<int> notices;   // 'W'
-  std::atomic<int> closes;    // '2'
-  std::atomic<int> misuse_ok; // answer()/park() refused where they must be
-  std::atomic<int> incomplete_ms; // 0: the server's default
+  std::atomic<int> notices;          // 'W'
+  std::atomic<int> closes;           // '2'
+  std::atomic<int> misuse_ok;        // answer()/park() refused where they must be
+  std::atomic<int> incomplete_ms;    // 0: the server's default
   std::atomic<uint32_t> max_request; // 0: the server's default
 };
 
@@ -131,37 +124,6 @@ private:
 };
 
 tavrind::ProtocolServer *g_server = nullptr;
-
-// Starts a server process in the current namespace; returns its pid once it
-// serves, or -1.
-pid_t start_server(Counters *c) {
-  ipctest::Gate ready;
-  pid_t pid = ipctest::spawn([&] {
-    alarm(250);
-    TestHandler h(c);
-    tavrind::ProtocolServer srv(h);
-    if (c->incomplete_ms) srv.set_incomplete_limit_ms(c->incomplete_ms);
-    if (c->max_request) srv.set_max_request(c->max_request);
-    if (!srv.start()) return 3;
-    g_server = &srv;
-    signal(SIGTERM, [](int) { g_server->request_stop(); });
-    ready.open_gate();
-    srv.run();
-    srv.shutdown();
-    return 0;
-  });
-  if (!ready.pass()) {
-    ipctest::join_within(pid, 1000);
-    return -1;
-  }
-  return pid;
-}
-
-// Stops the server; returns its exit status.
-int stop_server(pid_t pid) {
-  kill(pid, SIGTERM);
-  return ipctest::join_within(pid, 10000);
-}
 
 // Sends req on the connection; whether it went out.
 bool send(DBCONN *c, const Bytes &req) {
@@ -269,7 +231,8 @@ protected:
   }
   void TearDown() override {
     if (srv > 0) {
-      EXPECT_EQ(stop_server(srv), 0) << "the server ends cleanly";
+      kill(srv, SIGTERM);
+      EXPECT_EQ(join_within(srv, 10000), 0) << "the server ends cleanly";
     }
     DBcomm_close();
     msg_set_handler(nullptr);
@@ -286,10 +249,28 @@ protected:
     for (int i = 0; i < 600 && v.load() < n; ++i) usleep(5000);
     return v.load() >= n;
   }
-  // Starts the test server as srv; TearDown stops it.
+  // Starts the test server process in the current namespace as srv, which
+  // TearDown stops: whether it serves.
   bool serve() {
-    srv = start_server(c_);
-    return srv > 0;
+    Gate ready;
+    srv = spawn([&] {
+      alarm(250);
+      TestHandler h(c_);
+      tavrind::ProtocolServer s(h);
+      if (c_->incomplete_ms) s.set_incomplete_limit_ms(c_->incomplete_ms);
+      if (c_->max_request) s.set_max_request(c_->max_request);
+      if (!s.start()) return 3;
+      g_server = &s;
+      signal(SIGTERM, [](int) { g_server->request_stop(); });
+      ready.open_gate();
+      s.run();
+      s.shutdown();
+      return 0;
+    });
+    if (ready.pass()) return true;
+    join_within(srv, 1000);
+    srv = -1;
+    return false;
   }
   Counters *c_ = nullptr;
   pid_t srv = -1;
@@ -305,19 +286,17 @@ TEST_F(Protocol, MessagesOfEveryPacketSizeArriveWholeBothWays) {
 
   // One packet up to 10000 message bytes (a packet of up to 10008 bytes),
   // then a full first packet of 9992 and further ones of 9996 bytes.
-  for (size_t n :
-       {1u, 9u, 9992u, 9993u, 10000u, 10001u, 19988u, 19989u, 29984u, 29985u, 100000u, 1000003u}) {
-    Bytes req = echo_request(n, unsigned(n));
-    bool allocated = false;
-    EXPECT_TRUE(roundtrip(c, req, &allocated) == req) << "echo of " << n << " bytes";
-    EXPECT_EQ(allocated, n > 10000) << n;
-  }
   // Answers longer than the 10000-byte buffer come in an exact allocation.
-  for (uint32_t n : {10000u, 10001u, 19988u, 65536u, 3000000u}) {
+  auto answered = [c](const Bytes &req, const Bytes &want) {
     bool allocated = false;
-    EXPECT_TRUE(roundtrip(c, length_request(n), &allocated) == pattern(n, n)) << n;
-    EXPECT_EQ(allocated, n > 10000) << n;
-  }
+    EXPECT_TRUE(roundtrip(c, req, &allocated) == want) << "answer of " << want.size() << " bytes";
+    EXPECT_EQ(allocated, want.size() > 10000) << want.size();
+  };
+  for (size_t n :
+       {1u, 9u, 9992u, 9993u, 10000u, 10001u, 19988u, 19989u, 29984u, 29985u, 100000u, 1000003u})
+    answered(echo_request(n, unsigned(n)), echo_request(n, unsigned(n)));
+  for (uint32_t n : {10000u, 10001u, 19988u, 65536u, 3000000u})
+    answered(length_request(n), pattern(n, n));
   // Without allocation outputs an answer too big for the buffer is refused.
   capture();
   ASSERT_TRUE(send(c, length_request(10001)));
@@ -573,7 +552,8 @@ TEST_F(Protocol, ObjectsOfAnotherUserAreRefusedByServerAndClient) {
     if (setgid(kOther) != 0 || setuid(kOther) != 0) return 1;
     ipc::Event server;
     ipc::Section area;
-    if (!server.create_owned(DBOBJ_SERVER) || !area.create_or_open(DBOBJ_AREA, DBCOMM_AREA_SIZE)) return 2;
+    if (!server.create_owned(DBOBJ_SERVER) || !area.create_or_open(DBOBJ_AREA, DBCOMM_AREA_SIZE))
+      return 2;
     for (const char *name : {DBOBJ_SERVER, DBOBJ_AREA})
       chmod(("/dev/shm" + ipc::object_name(name)).c_str(), 0666);
     squatting.open_gate();
@@ -622,7 +602,8 @@ TEST_F(Protocol, AnIncompleteRequestIsDroppedAfterTheTimeLimit) {
     // The rest of the dropped request is refused with the reason.
     if (r.mutex.lock(5000) != ipc::WaitResult::Signalled) return 1;
     if (!r.send(ch, 100, nullptr, 0, r.client_ack)) return 2;
-    if (r.word(DBCOMM_CHANNEL_AT) != DBCOMM_DROPPED || r.word(DBCOMM_LENGTH_AT) != DBDROP_INCOMPLETE)
+    if (r.word(DBCOMM_CHANNEL_AT) != DBCOMM_DROPPED ||
+        r.word(DBCOMM_LENGTH_AT) != DBDROP_INCOMPLETE)
       return 4;
     r.mutex.unlock();
     return echoes(k, 300, 4) ? 0 : 3;
