@@ -13,19 +13,16 @@
 // row count or error text>". Each server has its own namespace and temporary data folder
 // and is stopped by its pid.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <poll.h>
 
-#include <memory>
-
 #include "base/msg.h"
-#include "db/client/connect.h"
 #include "db/client/transport.h"
 #include "tests/server/faults_server.h"
 
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 
 using namespace std::chrono_literals;
@@ -69,13 +66,8 @@ public:
   // The next answer line, or "" when none came within `wait`.
   std::string answer(std::chrono::milliseconds wait = 10s) {
     auto end = std::chrono::steady_clock::now() + wait;
-    while (true) {
-      size_t nl = buf_.find('\n');
-      if (nl != std::string::npos) {
-        std::string line = buf_.substr(0, nl);
-        buf_.erase(0, nl + 1);
-        return line;
-      }
+    size_t nl;
+    while ((nl = buf_.find('\n')) == std::string::npos) {
       auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
           end - std::chrono::steady_clock::now());
       if (left.count() <= 0) return "";
@@ -86,6 +78,9 @@ public:
       if (n <= 0) return "";
       buf_.append(tmp, size_t(n));
     }
+    std::string line = buf_.substr(0, nl);
+    buf_.erase(0, nl + 1);
+    return line;
   }
   std::string run(const std::string &stmt) {
     send(stmt);
@@ -125,9 +120,11 @@ private:
         // From now on a wait hook cancels every statement that is still
         // waiting after its fifth call (about 250 ms).
         static int calls = 0;
-        DBset_wait_hook([](void *) {
-          if (++calls == 5) DBcancel();
-        }, nullptr);
+        DBset_wait_hook(
+            [](void *) {
+              if (++calls == 5) DBcancel();
+            },
+            nullptr);
         reply("H|");
         continue;
       }
@@ -147,14 +144,12 @@ private:
 // The output of `tavrin locks` against the server in namespace ns.
 std::string tavrin_locks(const std::string &ns) {
   const char *build = std::getenv("ZENTIQ_BUILD_DIR");
-  std::string cmd = "TAVRIN_NAMESPACE=" + ns + " " + (build ? build : ".") + "/tools/tavrin locks 2>&1";
+  std::string cmd =
+      "TAVRIN_NAMESPACE=" + ns + " " + (build ? build : ".") + "/tools/tavrin locks 2>&1";
   std::string out;
-  if (FILE *p = popen(cmd.c_str(), "r")) {
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    pclose(p);
-  }
+  FILE *p = popen(cmd.c_str(), "r");
+  for (int ch; p && (ch = fgetc(p)) != EOF;) out += char(ch);
+  if (p) pclose(p);
   return out;
 }
 
@@ -173,8 +168,11 @@ std::string tuples(const std::string &v) { return "2|" + v; }
 bool begin_update(Client &c, int id, int amount) {
   return c.run("BEGIN") == kDone && c.run(set(id, amount)) == "1|1";
 }
-bool is_error(const std::string &a, const std::string &number) {
-  return a.rfind("4|", 0) == 0 && a.find("(TAVRIN " + number + ")") != std::string::npos;
+// Whether answer a refuses with error `number`; a failure shows the answer.
+::testing::AssertionResult is_error(const std::string &a, const std::string &number) {
+  if (a.rfind("4|", 0) == 0 && a.find("(TAVRIN " + number + ")") != std::string::npos)
+    return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << a;
 }
 
 class Locking : public ::testing::Test {
@@ -229,7 +227,8 @@ TEST_F(Locking, ParkedWriterGoesOnWhenTheHolderCommitsAbortsOrDies) {
       ASSERT_NE(holds, std::string::npos) << locks;
       ASSERT_NE(waits, std::string::npos) << locks;
       EXPECT_LT(holds, waits) << locks;
-      EXPECT_NE(locks.find(" " + std::to_string(a->pid()) + " ", holds), std::string::npos) << locks;
+      EXPECT_NE(locks.find(" " + std::to_string(a->pid()) + " ", holds), std::string::npos)
+          << locks;
       EXPECT_NE(locks.find(" " + std::to_string(b.pid()) + " ", waits), std::string::npos) << locks;
     }
     // A reader is never parked behind the lock and sees only committed data.
@@ -260,11 +259,10 @@ TEST_F(Locking, LockTimeoutRefusesTheWaitingStatementOnly) {
   auto t0 = std::chrono::steady_clock::now();
   std::string r = b.run(set(2, 8));
   auto waited = std::chrono::steady_clock::now() - t0;
-  EXPECT_TRUE(is_error(r, "509")) << r;
-  EXPECT_THAT(r, HasSubstr("DEMO"));
-  // The text names the holder: A's channel and process.
-  EXPECT_THAT(r, HasSubstr("Kanal "));
-  EXPECT_THAT(r, HasSubstr("Prozess " + std::to_string(a.pid())));
+  EXPECT_TRUE(is_error(r, "509"));
+  // The text names the database and the holder: A's channel and process.
+  EXPECT_THAT(r, AllOf(HasSubstr("DEMO"), HasSubstr("Kanal "),
+                       HasSubstr("Prozess " + std::to_string(a.pid()))));
   EXPECT_GE(waited, 450ms);
   EXPECT_LT(waited, 5s);
   ASSERT_EQ(a.run("COMMIT"), kDone);
@@ -309,7 +307,7 @@ TEST_F(Locking, DeadlockEndsOneTransactionAtOnce) {
   ASSERT_EQ(a.run(set(1, 50)), "1|1");
   auto t0 = std::chrono::steady_clock::now();
   std::string r = b.run(set(2, 150));
-  EXPECT_TRUE(is_error(r, "510")) << r;
+  EXPECT_TRUE(is_error(r, "510"));
   EXPECT_THAT(r, HasSubstr("DEMO"));
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 2s) << "refused at once, not after A";
   EXPECT_EQ(a.run(set(2, 150)), "1|1");
@@ -330,8 +328,7 @@ TEST_F(Locking, DeadlockEndsOneTransactionAtOnce) {
   c.send(set(1, 0));
   EXPECT_EQ(c.answer(300ms), "") << "A has changed nothing: C waits";
   EXPECT_EQ(a.run(set(1, 60)), "1|1");
-  r = c.answer(2s);
-  EXPECT_TRUE(is_error(r, "510")) << r;
+  EXPECT_TRUE(is_error(c.answer(2s), "510"));
   EXPECT_EQ(a.run("COMMIT"), kDone);
   EXPECT_EQ(c.run("ABORT"), kDone);
   EXPECT_EQ(amount(1), tuples("60"));
@@ -414,16 +411,15 @@ TEST_F(Locking, RunawayStatementsAndOversizedAnswersAreStopped) {
   std::string join = runaway_join(a);
   ASSERT_TRUE(begin_update(a, 3, 5));
   auto t0 = std::chrono::steady_clock::now();
-  std::string r = a.run(join);
-  EXPECT_TRUE(is_error(r, "511")) << r;
+  EXPECT_TRUE(is_error(a.run(join), "511"));
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 8s);
   // A stopped read leaves the open transaction as it was.
   EXPECT_EQ(a.run("COMMIT"), kDone);
   EXPECT_EQ(b.run(get(3)), tuples("5"));
 
   // 600 x 600 customers are far more than 1 MB.
-  r = b.run("SELECT * FROM KUNDE A, KUNDE B");
-  EXPECT_TRUE(is_error(r, "514")) << r;
+  std::string r = b.run("SELECT * FROM KUNDE A, KUNDE B");
+  EXPECT_TRUE(is_error(r, "514"));
   EXPECT_THAT(r, HasSubstr("1 MB"));
   EXPECT_EQ(b.run("SELECT COUNT(*) FROM KUNDE"), tuples("600"));
   ASSERT_EQ(b.run("DECLARE C CURSOR FOR SELECT * FROM KUNDE A, KUNDE B"), kDone);
@@ -491,11 +487,9 @@ TEST_F(Locking, RunawayLeavesOthersServedAndCancelStopsItOrALockWait) {
   std::this_thread::sleep_for(300ms);
   EXPECT_EQ(b.answer(0ms), "") << "the update waits for the lock";
   b.interrupt();
-  std::string r = b.answer(5s);
-  EXPECT_TRUE(is_error(r, "515")) << r;
+  EXPECT_TRUE(is_error(b.answer(5s), "515"));
   a.interrupt();
-  r = a.answer(5s);
-  EXPECT_TRUE(is_error(r, "515")) << r << srv.log_text();
+  EXPECT_TRUE(is_error(a.answer(5s), "515")) << srv.log_text();
   EXPECT_EQ(a.run("COMMIT"), kDone);
   EXPECT_EQ(b.run(get(1)), tuples("5"));
   EXPECT_EQ(b.run(get(2)), tuples("100"));
@@ -503,8 +497,7 @@ TEST_F(Locking, RunawayLeavesOthersServedAndCancelStopsItOrALockWait) {
   // The wait hook runs while the client waits and may cancel from there.
   ASSERT_EQ(b.run("HOOK"), "H|");
   auto t0 = std::chrono::steady_clock::now();
-  r = b.run(join);
-  EXPECT_TRUE(is_error(r, "515")) << r;
+  EXPECT_TRUE(is_error(b.run(join), "515"));
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
 }
 
@@ -539,8 +532,7 @@ TEST_F(PgStoreLocking, TwoServersOnOneDatabaseExcludeEachOthersWriters) {
   EXPECT_EQ(reader.run(get(1)), tuples("95"));
 
   ASSERT_TRUE(begin_update(a, 2, 0));
-  std::string refused = b.run(set(2, 1));
-  EXPECT_TRUE(is_error(refused, "509")) << refused;
+  EXPECT_TRUE(is_error(b.run(set(2, 1)), "509"));
   ASSERT_EQ(a.run("COMMIT"), kDone);
   EXPECT_EQ(reader.run(get(2)), tuples("0"));
 }
