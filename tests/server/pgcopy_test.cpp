@@ -4,19 +4,14 @@
 // value the target type cannot hold stops its database, and a schema saved
 // back to SQLite equals the original file row for row.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "server/catalog.h"
 #include "server/pgcopy.h"
-#include "server/types.h"
 #include "tests/pgcluster.h"
 
-#include <libpq-fe.h>
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <filesystem>
 
 namespace {
 
@@ -25,26 +20,16 @@ using ::testing::HasSubstr;
 namespace fs = std::filesystem;
 using namespace tavrind;
 
-sqlite3 *open_file(const std::string &path) {
-  sqlite3 *db = nullptr;
-  EXPECT_EQ(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK) << path;
-  type_register_collation(db);
-  return db;
-}
-
-void exec(sqlite3 *db, const std::string &sql) {
-  char *msg = nullptr;
-  ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &msg), SQLITE_OK) << msg << ": " << sql;
-}
-
 // A database file as the SQLite store would make it: columns declared through
 // type_declaration, WAL mode.
 void make_database(const std::string &path, const std::string &sql) {
   sqlite3 *db = nullptr;
   ASSERT_EQ(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr),
             SQLITE_OK);
-  exec(db, "PRAGMA journal_mode=WAL");
-  exec(db, sql);
+  char *msg = nullptr;
+  EXPECT_EQ(sqlite3_exec(db, ("PRAGMA journal_mode=WAL;" + sql).c_str(), nullptr, nullptr, &msg),
+            SQLITE_OK)
+      << msg << ": " << sql;
   sqlite3_close_v2(db);
 }
 
@@ -61,7 +46,9 @@ template <class F> void each_row(sqlite3 *db, const std::string &sql, F f) {
 // the layout and the journal mode.
 std::vector<std::string> dump(const std::string &path) {
   std::vector<std::string> out;
-  sqlite3 *db = open_file(path);
+  sqlite3 *db = nullptr;
+  EXPECT_EQ(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK) << path;
+  type_register_collation(db);
   auto text = [](sqlite3_stmt *s, int c) {
     return std::string(reinterpret_cast<const char *>(sqlite3_column_text(s, c)));
   };
@@ -102,43 +89,6 @@ std::vector<std::string> dump(const std::string &path) {
   sqlite3_close_v2(db);
   return out;
 }
-
-class PgCopy : public ::testing::Test {
-protected:
-  PGconn *conn = nullptr;
-  std::string folder;
-
-  // A new database of the test process's cluster for each test.
-  void SetUp() override {
-    std::string why;
-    if (!pgcluster::installed(why)) GTEST_SKIP() << why;
-    pgcluster::Cluster *cluster = pgcluster::shared(why);
-    ASSERT_TRUE(cluster) << why;
-    std::string conninfo = cluster->new_database(why);
-    ASSERT_FALSE(conninfo.empty()) << why;
-    conn = PQconnectdb((conninfo + " options='-c client_min_messages=warning'").c_str());
-    ASSERT_EQ(PQstatus(conn), CONNECTION_OK) << PQerrorMessage(conn);
-    char tmpl[] = "/tmp/zentiq_pgcopy_data_XXXXXX";
-    ASSERT_TRUE(mkdtemp(tmpl));
-    folder = tmpl;
-  }
-  void TearDown() override {
-    if (conn) PQfinish(conn);
-    std::error_code ec;
-    if (!folder.empty()) fs::remove_all(folder, ec);
-  }
-
-  // The first value of a query's first row, "<null>" for NULL.
-  std::string query(const std::string &sql) {
-    PGresult *r = PQexec(conn, sql.c_str());
-    std::string v = PQresultStatus(r) != PGRES_TUPLES_OK
-                        ? std::string("error: ") + PQresultErrorMessage(r)
-                    : PQntuples(r) == 0 || PQgetisnull(r, 0, 0) ? "<null>"
-                                                                : PQgetvalue(r, 0, 0);
-    PQclear(r);
-    return v;
-  }
-};
 
 // The hostile values: quotes, backslashes, umlauts (UTF-8 as stored), tabs and
 // newlines, empty text beside the null markers and real NULLs, the extremes
@@ -187,14 +137,53 @@ std::string hostile_sql() {
   return sql;
 }
 
-TEST_F(PgCopy, ImportsAFolderVerifiedAndRefusesExistingSchemas) {
+class PgCopy : public ::testing::Test {
+protected:
+  PGconn *conn = nullptr;
+  std::string folder, err;
   Catalog cat;
-  std::string err;
-  ASSERT_TRUE(catalog_init(cat, folder, err)) << err;
-  make_database(folder + "/HOSTILE.db", hostile_sql());
-
   std::vector<std::string> report;
-  ASSERT_TRUE(pgcopy_import_sqlite(conn, folder, report, err)) << err;
+
+  // A new database of the test process's cluster for each test.
+  void SetUp() override {
+    std::string why;
+    if (!pgcluster::installed(why)) GTEST_SKIP() << why;
+    pgcluster::Cluster *cluster = pgcluster::shared(why);
+    ASSERT_TRUE(cluster) << why;
+    std::string conninfo = cluster->new_database(why);
+    ASSERT_FALSE(conninfo.empty()) << why;
+    conn = PQconnectdb((conninfo + " options='-c client_min_messages=warning'").c_str());
+    ASSERT_EQ(PQstatus(conn), CONNECTION_OK) << PQerrorMessage(conn);
+    char tmpl[] = "/tmp/zentiq_pgcopy_data_XXXXXX";
+    ASSERT_TRUE(mkdtemp(tmpl));
+    folder = tmpl;
+  }
+  void TearDown() override {
+    if (conn) PQfinish(conn);
+    std::error_code ec;
+    if (!folder.empty()) fs::remove_all(folder, ec);
+  }
+
+  // A first start's folder plus the hostile database, imported.
+  void import_hostile() {
+    ASSERT_TRUE(catalog_init(cat, folder, err)) << err;
+    make_database(folder + "/HOSTILE.db", hostile_sql());
+    ASSERT_TRUE(pgcopy_import_sqlite(conn, folder, report, err)) << err;
+  }
+  // The first value of a query's first row, "<null>" for NULL.
+  std::string query(const std::string &sql) {
+    PGresult *r = PQexec(conn, sql.c_str());
+    std::string v = PQresultStatus(r) != PGRES_TUPLES_OK
+                        ? std::string("error: ") + PQresultErrorMessage(r)
+                    : PQntuples(r) == 0 || PQgetisnull(r, 0, 0) ? "<null>"
+                                                                : PQgetvalue(r, 0, 0);
+    PQclear(r);
+    return v;
+  }
+};
+
+TEST_F(PgCopy, ImportsAFolderVerifiedAndRefusesExistingSchemas) {
+  ASSERT_NO_FATAL_FAILURE(import_hostile());
   auto has = [&](const std::string &line) {
     return std::find(report.begin(), report.end(), line) != report.end();
   };
@@ -244,8 +233,6 @@ TEST_F(PgCopy, RefusesAValueItsTypeCannotHoldAndLeavesNothing) {
   make_database(folder + "/BAD.db", "CREATE TABLE \"T\" (\"S\" " + decl +
                                         ");"
                                         "INSERT INTO T VALUES (1), (70000)");
-  std::vector<std::string> report;
-  std::string err;
   EXPECT_FALSE(pgcopy_import_sqlite(conn, folder, report, err));
   EXPECT_THAT(err, HasSubstr("BAD.T row 2 column S"));
   EXPECT_EQ(query("SELECT count(*) FROM pg_namespace WHERE nspname = 'BAD'"), "0");
@@ -253,12 +240,7 @@ TEST_F(PgCopy, RefusesAValueItsTypeCannotHoldAndLeavesNothing) {
 }
 
 TEST_F(PgCopy, SavesASchemaBackToAnEqualSqliteFile) {
-  Catalog cat;
-  std::string err;
-  ASSERT_TRUE(catalog_init(cat, folder, err)) << err;
-  make_database(folder + "/HOSTILE.db", hostile_sql());
-  std::vector<std::string> report;
-  ASSERT_TRUE(pgcopy_import_sqlite(conn, folder, report, err)) << err;
+  ASSERT_NO_FATAL_FAILURE(import_hostile());
 
   for (const char *name : {"DEMO", "HOSTILE", "TDSYS"}) {
     std::string saved = folder + "/saved_" + name + ".db";
