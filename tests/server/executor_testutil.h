@@ -11,11 +11,8 @@
 
 #include <gmock/gmock.h>
 
-#include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <string>
-#include <vector>
 
 namespace exectest {
 
