@@ -163,10 +163,18 @@ std::string get(int id) {
   return "SELECT BETRAG FROM KONTO WHERE KONTO_ID = " + std::to_string(id);
 }
 std::string tuples(const std::string &v) { return "2|" + v; }
+// Runs the statements of `steps` on c in turn, each with the answer it must
+// get; a failure names the first one that got another.
+::testing::AssertionResult runs(Client &c, std::vector<std::pair<std::string, std::string>> steps) {
+  for (const auto &[stmt, want] : steps)
+    if (std::string got = c.run(stmt); got != want)
+      return ::testing::AssertionFailure() << stmt << ": " << got << " instead of " << want;
+  return ::testing::AssertionSuccess();
+}
 // Opens a transaction on c and changes account id in it (taking the write
 // lock); whether both were done.
-bool begin_update(Client &c, int id, int amount) {
-  return c.run("BEGIN") == kDone && c.run(set(id, amount)) == "1|1";
+::testing::AssertionResult begin_update(Client &c, int id, int amount) {
+  return runs(c, {{"BEGIN", kDone}, {set(id, amount), "1|1"}});
 }
 // Whether answer a refuses with error `number`; a failure shows the answer.
 ::testing::AssertionResult is_error(const std::string &a, const std::string &number) {
@@ -185,9 +193,9 @@ protected:
     ASSERT_TRUE(srv.start(extra)) << srv.why() << srv.log_text();
     Client c(srv.ns());
     ASSERT_TRUE(c.ok()) << c.greeting();
-    ASSERT_EQ(c.run("CREATE TABLE KONTO (KONTO_ID INTEGER, BETRAG INTEGER)"), kDone);
-    ASSERT_EQ(c.run("INSERT INTO KONTO VALUES (1, 100)"), "1|1");
-    ASSERT_EQ(c.run("INSERT INTO KONTO VALUES (2, 100)"), "1|1");
+    ASSERT_TRUE(runs(c, {{"CREATE TABLE KONTO (KONTO_ID INTEGER, BETRAG INTEGER)", kDone},
+                         {"INSERT INTO KONTO VALUES (1, 100)", "1|1"},
+                         {"INSERT INTO KONTO VALUES (2, 100)", "1|1"}}));
   }
   std::string amount(int id) {
     Client c(srv.ns());
@@ -266,8 +274,7 @@ TEST_F(Locking, LockTimeoutRefusesTheWaitingStatementOnly) {
   EXPECT_GE(waited, 450ms);
   EXPECT_LT(waited, 5s);
   ASSERT_EQ(a.run("COMMIT"), kDone);
-  EXPECT_EQ(b.run(set(2, 8)), "1|1");
-  EXPECT_EQ(b.run("COMMIT"), kDone);
+  EXPECT_TRUE(runs(b, {{set(2, 8), "1|1"}, {"COMMIT", kDone}}));
   EXPECT_EQ(amount(1), tuples("7"));
   EXPECT_EQ(amount(2), tuples("8"));
 }
@@ -282,11 +289,9 @@ TEST_F(Locking, CrossingUpdatesWaitAndNeverHang) {
   ASSERT_EQ(b.run("BEGIN"), kDone);
   b.send(set(2, 102));
   EXPECT_EQ(b.answer(300ms), "");
-  EXPECT_EQ(a.run(set(2, 105)), "1|1");
-  EXPECT_EQ(a.run("COMMIT"), kDone);
+  EXPECT_TRUE(runs(a, {{set(2, 105), "1|1"}, {"COMMIT", kDone}}));
   EXPECT_EQ(b.answer(), "1|1");
-  EXPECT_EQ(b.run(set(1, 98)), "1|1");
-  EXPECT_EQ(b.run("COMMIT"), kDone);
+  EXPECT_TRUE(runs(b, {{set(1, 98), "1|1"}, {"COMMIT", kDone}}));
   EXPECT_EQ(amount(1), tuples("98"));
   EXPECT_EQ(amount(2), tuples("102"));
 }
@@ -310,8 +315,7 @@ TEST_F(Locking, DeadlockEndsOneTransactionAtOnce) {
   EXPECT_TRUE(is_error(r, "510"));
   EXPECT_THAT(r, HasSubstr("DEMO"));
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 2s) << "refused at once, not after A";
-  EXPECT_EQ(a.run(set(2, 150)), "1|1");
-  EXPECT_EQ(a.run("COMMIT"), kDone);
+  EXPECT_TRUE(runs(a, {{set(2, 150), "1|1"}, {"COMMIT", kDone}}));
   EXPECT_EQ(b.run("ABORT"), kDone);
   EXPECT_EQ(amount(1), tuples("50"));
   EXPECT_EQ(amount(2), tuples("150"));
@@ -321,10 +325,8 @@ TEST_F(Locking, DeadlockEndsOneTransactionAtOnce) {
   // has read, waits; A's change makes the wait vain and C is refused then.
   Client c(srv.ns());
   ASSERT_TRUE(c.ok());
-  ASSERT_EQ(a.run("BEGIN"), kDone);
-  ASSERT_EQ(a.run(get(1)), tuples("50"));
-  ASSERT_EQ(c.run("BEGIN"), kDone);
-  ASSERT_EQ(c.run(get(1)), tuples("50"));
+  ASSERT_TRUE(runs(a, {{"BEGIN", kDone}, {get(1), tuples("50")}}));
+  ASSERT_TRUE(runs(c, {{"BEGIN", kDone}, {get(1), tuples("50")}}));
   c.send(set(1, 0));
   EXPECT_EQ(c.answer(300ms), "") << "A has changed nothing: C waits";
   EXPECT_EQ(a.run(set(1, 60)), "1|1");
@@ -343,13 +345,8 @@ TEST_F(Locking, ReadThenWriteClientWaitsBeforeReading) {
   start();
   Client a(srv.ns()), b(srv.ns());
   ASSERT_TRUE(a.ok() && b.ok());
-  auto read_then_write = [&b](int value) {
-    EXPECT_EQ(b.run("BEGIN"), kDone);
-    EXPECT_EQ(b.run(get(1)).rfind("2|", 0), 0u);
-    EXPECT_EQ(b.run(set(1, value)), "1|1");
-    EXPECT_EQ(b.run("COMMIT"), kDone);
-  };
-  read_then_write(100);
+  EXPECT_TRUE(runs(
+      b, {{"BEGIN", kDone}, {get(1), tuples("100")}, {set(1, 100), "1|1"}, {"COMMIT", kDone}}));
   ASSERT_TRUE(begin_update(a, 1, 120));
   ASSERT_EQ(b.run("BEGIN"), kDone);
   b.send(get(1));
@@ -357,18 +354,14 @@ TEST_F(Locking, ReadThenWriteClientWaitsBeforeReading) {
   EXPECT_EQ(amount(1), tuples("100")) << "a reader outside a block goes on";
   ASSERT_EQ(a.run("COMMIT"), kDone);
   EXPECT_EQ(b.answer(), tuples("120"));
-  EXPECT_EQ(b.run(set(1, 121)), "1|1");
-  EXPECT_EQ(b.run("COMMIT"), kDone);
+  EXPECT_TRUE(runs(b, {{set(1, 121), "1|1"}, {"COMMIT", kDone}}));
   EXPECT_EQ(amount(1), tuples("121"));
 
   // One block that only reads ends it: B's next reading block does not wait.
-  ASSERT_EQ(b.run("BEGIN"), kDone);
-  ASSERT_EQ(b.run(get(2)), tuples("100"));
-  ASSERT_EQ(b.run("END"), kDone);
+  ASSERT_TRUE(runs(b, {{"BEGIN", kDone}, {get(2), tuples("100")}, {"END", kDone}}));
   ASSERT_TRUE(begin_update(a, 1, 130));
   ASSERT_EQ(b.run("BEGIN"), kDone);
-  EXPECT_EQ(b.run(get(1)), tuples("121"));
-  EXPECT_EQ(b.run("END"), kDone);
+  EXPECT_TRUE(runs(b, {{get(1), tuples("121")}, {"END", kDone}}));
   EXPECT_EQ(a.run("COMMIT"), kDone);
 }
 
@@ -491,8 +484,7 @@ TEST_F(Locking, RunawayLeavesOthersServedAndCancelStopsItOrALockWait) {
   a.interrupt();
   EXPECT_TRUE(is_error(a.answer(5s), "515")) << srv.log_text();
   EXPECT_EQ(a.run("COMMIT"), kDone);
-  EXPECT_EQ(b.run(get(1)), tuples("5"));
-  EXPECT_EQ(b.run(get(2)), tuples("100"));
+  EXPECT_TRUE(runs(b, {{get(1), tuples("5")}, {get(2), tuples("100")}}));
 
   // The wait hook runs while the client waits and may cancel from there.
   ASSERT_EQ(b.run("HOOK"), "H|");
