@@ -84,10 +84,8 @@ inline Answer decode(const Bytes &a) {
     return static_cast<uint16_t>(a[p - 2] | a[p - 1] << 8);
   };
   auto i32 = [&] {
-    int32_t v;
-    memcpy(&v, a.data() + p, 4);
     p += 4;
-    return v;
+    return static_cast<int32_t>(DBwire_get32(a.data() + p - 4));
   };
   // A text of a 16-bit length that counts its final zero byte.
   auto text = [&](std::string &out, size_t after) {

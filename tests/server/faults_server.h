@@ -162,9 +162,15 @@ private:
     if ((pid_ = spawn_logged(args, log)) < 0) return false;
     // Ready when the server has logged that it serves (after the first
     // start has written both databases); a server that ended will not.
-    size_t seen = count_serving(log);
+    auto serving = [&log] {
+      std::string text = text_of(log);
+      size_t n = 0;
+      for (size_t at = 0; (at = text.find("tavrind: serving", at)) != std::string::npos; ++at) ++n;
+      return n;
+    };
+    size_t seen = serving();
     for (int i = 0; i < 300; ++i) {
-      if (count_serving(log) > seen) return true;
+      if (serving() > seen) return true;
       if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
         pid_ = -1;
         return false;
@@ -172,15 +178,6 @@ private:
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     return false;
-  }
-
-  static size_t count_serving(const std::string &log) {
-    std::ifstream in(log);
-    std::string line;
-    size_t n = 0;
-    while (std::getline(in, line))
-      if (line.find("tavrind: serving") != std::string::npos) ++n;
-    return n;
   }
 
   pid_t pid_ = -1;

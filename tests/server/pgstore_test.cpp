@@ -44,10 +44,9 @@ protected:
   // Runs statement on both stores; the answers must be equal byte for byte.
   Answer same(const std::string &statement) {
     Answer a = both_raw(encode(statement), 0), b = both_raw(encode(statement), 1);
-    EXPECT_EQ(a.kind, b.kind) << statement << ": " << a.error << " / " << b.error;
-    EXPECT_EQ(a.error, b.error) << statement;
-    EXPECT_EQ(a.count, b.count) << statement;
-    EXPECT_EQ(a.rows, b.rows) << statement;
+    EXPECT_EQ(std::tie(a.kind, a.error, a.count, a.rows),
+              std::tie(b.kind, b.error, b.count, b.rows))
+        << statement;
     return b;
   }
 
