@@ -29,11 +29,9 @@ struct Counters {
   std::atomic<int> opened;
   std::atomic<int> closed;
   std::atomic<int> last_closed;
-  std::atomic<int> notices;          // 'W'
-  std::atomic<int> closes;           // '2'
-  std::atomic<int> misuse_ok;        // answer()/park() refused where they must be
-  std::atomic<int> incomplete_ms;    // 0: the server's default
-  std::atomic<uint32_t> max_request; // 0: the server's default
+  std::atomic<int> notices;   // 'W'
+  std::atomic<int> closes;    // '2'
+  std::atomic<int> misuse_ok; // answer()/park() refused where they must be
 };
 
 Counters *shared_counters() {
@@ -234,6 +232,7 @@ protected:
       kill(srv, SIGTERM);
       EXPECT_EQ(join_within(srv, 10000), 0) << "the server ends cleanly";
     }
+    for (DBCONN *c : conns) DBconn_free(c);
     DBcomm_close();
     msg_set_handler(nullptr);
     alarm(0);
@@ -250,15 +249,16 @@ protected:
     return v.load() >= n;
   }
   // Starts the test server process in the current namespace as srv, which
-  // TearDown stops: whether it serves.
-  bool serve() {
+  // TearDown stops, with the limits given (0: the server's default):
+  // whether it serves.
+  bool serve(int incomplete_ms = 0, uint32_t max_request = 0) {
     Gate ready;
     srv = spawn([&] {
       alarm(250);
       TestHandler h(c_);
       tavrind::ProtocolServer s(h);
-      if (c_->incomplete_ms) s.set_incomplete_limit_ms(c_->incomplete_ms);
-      if (c_->max_request) s.set_max_request(c_->max_request);
+      if (incomplete_ms) s.set_incomplete_limit_ms(incomplete_ms);
+      if (max_request) s.set_max_request(max_request);
       if (!s.start()) return 3;
       g_server = &s;
       signal(SIGTERM, [](int) { g_server->request_stop(); });
@@ -272,14 +272,17 @@ protected:
     srv = -1;
     return false;
   }
+  // Connects to "demo" from the test process; TearDown frees the connection.
+  DBCONN *demo() { return conns.emplace_back(connect_demo()); }
   Counters *c_ = nullptr;
   pid_t srv = -1;
+  std::vector<DBCONN *> conns;
 };
 
 TEST_F(Protocol, MessagesOfEveryPacketSizeArriveWholeBothWays) {
   ASSERT_TRUE(serve());
   char name[] = "demo";
-  DBCONN *c = DBconnect(name);
+  DBCONN *c = conns.emplace_back(DBconnect(name));
   ASSERT_EQ(DBstatus(c), 0) << DBerrormessage(c);
   EXPECT_STREQ(c->database, "DEMO");
   EXPECT_STREQ(name, "DEMO"); // upper-cased in place
@@ -305,7 +308,6 @@ TEST_F(Protocol, MessagesOfEveryPacketSizeArriveWholeBothWays) {
   EXPECT_THAT(g_out, HasSubstr("client read: Message too big (len 10001 / buffersize = 10000)\n"
                                "DBrecv: No data received\n"));
   DBcomm_close();
-  DBconn_free(c);
 }
 
 TEST_F(Protocol, ConnectionCommandsAndOneWayRequests) {
@@ -434,7 +436,7 @@ TEST_F(Protocol, ParkedClientsGetTheirAnswersAndADeadOneKeepsNothing) {
   pid_t a = spawn(parked_client);
   pid_t b = spawn(parked_client);
   ASSERT_TRUE(reaches(c_->misuse_ok, 2)); // both are parked now
-  DBCONN *c = connect_demo();
+  DBCONN *c = demo();
   ASSERT_NE(c, nullptr);
   for (int i = 0; i < 10; ++i) EXPECT_TRUE(echoes(c, 100 + i * 3000, i));
   EXPECT_EQ(text(roundtrip(c, Bytes{'R'})), "released");
@@ -455,7 +457,6 @@ TEST_F(Protocol, ParkedClientsGetTheirAnswersAndADeadOneKeepsNothing) {
   for (int i = 0; i < 5; ++i) EXPECT_TRUE(echoes(c, 50, i));
   EXPECT_TRUE(reaches(c_->closed, 3));
   DBfinish(c);
-  DBconn_free(c);
 }
 
 // The exchange can never stay locked. A client whose handshake times out at
@@ -493,7 +494,7 @@ TEST_F(Protocol, NoClientCanWedgeTheExchange) {
 // lost; the new server's own client goes on undisturbed.
 TEST_F(Protocol, AClientOfAKilledServerIsNotServedByItsSuccessor) {
   ASSERT_TRUE(serve());
-  DBCONN *old = connect_demo();
+  DBCONN *old = demo();
   ASSERT_NE(old, nullptr);
   ASSERT_TRUE(echoes(old, 100, 1));
   // The killed server's instance id, as its last answer left it in the area.
@@ -536,7 +537,6 @@ TEST_F(Protocol, AClientOfAKilledServerIsNotServedByItsSuccessor) {
   EXPECT_THAT(g_out, HasSubstr("The server was restarted; the transaction is lost"));
   done.open_gate();
   EXPECT_EQ(join_within(other, 10000), 0);
-  DBconn_free(old);
 }
 
 // Objects of another user in the namespace: a server refuses to start,
@@ -586,8 +586,7 @@ TEST_F(Protocol, ObjectsOfAnotherUserAreRefusedByServerAndClient) {
 // A request announced as 1 GiB whose first packet alone comes is dropped
 // after the time limit; the channel then serves its next request.
 TEST_F(Protocol, AnIncompleteRequestIsDroppedAfterTheTimeLimit) {
-  c_->incomplete_ms = 300;
-  ASSERT_TRUE(serve());
+  ASSERT_TRUE(serve(300));
   pid_t client = spawn([] {
     DBCONN *k = connect_demo();
     RawClient r; // chunks count only from the holder of the exchange
@@ -615,9 +614,8 @@ TEST_F(Protocol, AnIncompleteRequestIsDroppedAfterTheTimeLimit) {
 // wait with the reason; the exchange is free and the connection serves its
 // next request, and other clients are served.
 TEST_F(Protocol, ADroppedRequestIsAnsweredAndFreesTheExchange) {
-  c_->max_request = 50000;
-  ASSERT_TRUE(serve());
-  DBCONN *k = connect_demo();
+  ASSERT_TRUE(serve(0, 50000));
+  DBCONN *k = demo();
   ASSERT_NE(k, nullptr);
   capture();
   EXPECT_TRUE(roundtrip(k, echo_request(60000, 1)).empty());
@@ -625,7 +623,6 @@ TEST_F(Protocol, ADroppedRequestIsAnsweredAndFreesTheExchange) {
                                "server takes)"));
   EXPECT_TRUE(served_elsewhere(20000, 2));
   EXPECT_TRUE(echoes(k, 40000, 3));
-  DBconn_free(k);
 }
 
 // A process can neither claim another's process id at the handshake nor
@@ -633,7 +630,7 @@ TEST_F(Protocol, ADroppedRequestIsAnsweredAndFreesTheExchange) {
 // against the holder of the exchange's mutex. The victim goes on undisturbed.
 TEST_F(Protocol, ForgedHandshakesAndChunksAreRefused) {
   ASSERT_TRUE(serve());
-  DBCONN *victim = connect_demo();
+  DBCONN *victim = demo();
   ASSERT_NE(victim, nullptr);
   int victim_channel = victim->channel;
   pid_t me = getpid();
@@ -658,7 +655,6 @@ TEST_F(Protocol, ForgedHandshakesAndChunksAreRefused) {
   EXPECT_TRUE(echoes(victim, 500, 5));
   EXPECT_EQ(c_->notices, 0);
   EXPECT_EQ(c_->closed, 0);
-  DBconn_free(victim);
 }
 
 } // namespace
