@@ -117,16 +117,13 @@ pid_t start_worker(const std::string &ns, int worker, int n, const std::string &
   _exit(0);
 }
 
-// Rows of `sql` (integers only) read from DEMO's store directly, past the
-// server (which may run): its SQLite file, or its schema in PostgreSQL, where
-// every name is quoted. `T(name)` in sql stands for a table name.
-std::vector<std::vector<long long>> read_store(const faults::Server &srv, std::string sql) {
+// The rows of the integer `columns` (quoted names) of DEMO's `table`, read
+// from its store directly, past the server (which may run): its SQLite file,
+// or its schema in PostgreSQL.
+std::vector<std::vector<long long>>
+read_store(const faults::Server &srv, const std::string &columns, const std::string &table) {
   bool pg = !srv.store.empty();
-  for (size_t at; (at = sql.find("T(")) != std::string::npos;) {
-    size_t end = sql.find(')', at);
-    std::string name = sql.substr(at + 2, end - at - 2);
-    sql.replace(at, end - at + 1, pg ? "\"DEMO\".\"" + name + "\"" : name);
-  }
+  std::string sql = "SELECT " + columns + " FROM " + (pg ? "\"DEMO\".\"" + table + "\"" : table);
   std::vector<std::vector<long long>> out;
   if (pg) {
     std::vector<std::vector<std::string>> rows;
@@ -170,15 +167,14 @@ int check_data(const faults::Server &srv, const std::string &record) {
   std::vector<long long> expect(kAccounts + 1, kStart), have(kAccounts + 1, 0);
   expect[0] = 0; // there is no account 0
   std::set<long long> journal;
-  for (auto &r : read_store(srv, "SELECT \"BUCHUNG_ID\", \"VON\", \"NACH\", \"BETRAG\" FROM "
-                                 "T(BUCHUNG)")) {
+  for (auto &r : read_store(srv, "\"BUCHUNG_ID\", \"VON\", \"NACH\", \"BETRAG\"", "BUCHUNG")) {
     EXPECT_TRUE(journal.insert(r[0]).second) << "transfer twice";
     expect.at(size_t(r[1])) -= r[3];
     expect.at(size_t(r[2])) += r[3];
   }
   long long sum = 0;
   int accounts = 0;
-  for (auto &r : read_store(srv, "SELECT \"KONTO_ID\", \"BETRAG\" FROM T(KONTO)")) {
+  for (auto &r : read_store(srv, "\"KONTO_ID\", \"BETRAG\"", "KONTO")) {
     have.at(size_t(r[0])) = r[1];
     sum += r[1];
     ++accounts;
