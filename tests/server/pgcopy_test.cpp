@@ -49,15 +49,10 @@ std::vector<std::string> dump(const std::string &path) {
   sqlite3 *db = nullptr;
   EXPECT_EQ(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK) << path;
   type_register_collation(db);
-  auto text = [](sqlite3_stmt *s, int c) {
-    return std::string(reinterpret_cast<const char *>(sqlite3_column_text(s, c)));
-  };
-  std::vector<std::string> tables;
-  each_row(db, "SELECT name FROM sqlite_schema WHERE type = 'table' ORDER BY name",
-           [&](sqlite3_stmt *s) { tables.push_back(text(s, 0)); });
-  for (const std::string &t : tables)
-    each_row(db, "SELECT * FROM \"" + t + "\" ORDER BY rowid", [&](sqlite3_stmt *s) {
-      std::string row = t;
+  // Appends every row of `sql` as `name` and its values.
+  auto rows = [&](const std::string &name, const std::string &sql) {
+    each_row(db, sql, [&](sqlite3_stmt *s) {
+      std::string row = name;
       for (int c = 0; c < sqlite3_column_count(s); ++c) {
         int kind = sqlite3_column_type(s, c);
         const char *p = static_cast<const char *>(sqlite3_column_blob(s, c));
@@ -70,22 +65,22 @@ std::vector<std::string> dump(const std::string &path) {
       }
       out.push_back(row);
     });
-  // Declarations, indices with their columns, triggers.
-  each_row(db,
-           "SELECT m.type, m.name, m.tbl_name, coalesce(p.type, ''), "
-           "coalesce(p.\"notnull\", ''), coalesce(p.dflt_value, ''), "
-           "coalesce(ii.name, ''), coalesce(il.\"unique\", '') FROM sqlite_schema m "
-           "LEFT JOIN pragma_table_info(m.name) p ON m.type = 'table' "
-           "LEFT JOIN pragma_index_list(m.tbl_name) il ON il.name = m.name "
-           "LEFT JOIN pragma_index_info(m.name) ii ON m.type = 'index' "
-           "ORDER BY m.type, m.name, p.cid, ii.seqno",
+  };
+  std::vector<std::string> tables;
+  each_row(db, "SELECT name FROM sqlite_schema WHERE type = 'table' ORDER BY name",
            [&](sqlite3_stmt *s) {
-             std::string row = "schema";
-             for (int c = 0; c < 8; ++c) row += "|" + text(s, c);
-             out.push_back(row);
+             tables.emplace_back(reinterpret_cast<const char *>(sqlite3_column_text(s, 0)));
            });
-  each_row(db, "PRAGMA journal_mode",
-           [&](sqlite3_stmt *s) { out.push_back("journal " + text(s, 0)); });
+  for (const std::string &t : tables) rows(t, "SELECT * FROM \"" + t + "\" ORDER BY rowid");
+  // Declarations, indices with their columns, triggers.
+  rows("schema", "SELECT m.type, m.name, m.tbl_name, coalesce(p.type, ''), "
+                 "coalesce(p.\"notnull\", ''), coalesce(p.dflt_value, ''), "
+                 "coalesce(ii.name, ''), coalesce(il.\"unique\", '') FROM sqlite_schema m "
+                 "LEFT JOIN pragma_table_info(m.name) p ON m.type = 'table' "
+                 "LEFT JOIN pragma_index_list(m.tbl_name) il ON il.name = m.name "
+                 "LEFT JOIN pragma_index_info(m.name) ii ON m.type = 'index' "
+                 "ORDER BY m.type, m.name, p.cid, ii.seqno");
+  rows("journal", "PRAGMA journal_mode");
   sqlite3_close_v2(db);
   return out;
 }
