@@ -2,7 +2,6 @@
 // against a real server on its DEMO database.
 #include <QLineEdit>
 #include <QPlainTextEdit>
-#include <QTest>
 #include <QTimer>
 
 #include "app/browser.h"
