@@ -39,15 +39,18 @@ protected:
     return all;
   }
 
-  // The first value of a query on the session, "" when there is none.
-  static std::string value(const std::string &sql) {
+  // A query on the session: its number of rows (-1 without a result) and
+  // its first value ("" when there is none).
+  static std::pair<int, std::string> query(const std::string &sql) {
     DBRESULT *r = nullptr;
     int outcome = 0;
     dbexec1(app().session, sql.c_str(), &r, &outcome);
     std::string v = r && DBntuples(r) > 0 && DBgetvalue(r, 0, 0) ? DBgetvalue(r, 0, 0) : "";
+    std::pair<int, std::string> got{dbntuples(app().session, r), v};
     dbclear(app().session, r);
-    return v;
+    return got;
   }
+  static std::string value(const std::string &sql) { return query(sql).second; }
 
   // A second client: statements of `sql` (one per line) run by tavrin on
   // DEMO in a process of its own, given at most 5 s; its CSV output and
@@ -335,11 +338,7 @@ TEST_F(Viewer, BigResultsAreCutOrRefusedAndToldWithoutHoldingALock) {
   EXPECT_EQ(while_shown, (std::vector<std::pair<int, int>>(3, {0, 0})));
   EXPECT_EQ(zentiq_store().sql_count, 1);
   // No MAX is left on the channel.
-  DBRESULT *r = nullptr;
-  int outcome = 0;
-  dbexec1(app().session, "SELECT ID FROM BIGV;", &r, &outcome);
-  EXPECT_EQ(dbntuples(app().session, r), 300);
-  dbclear(app().session, r);
+  EXPECT_EQ(query("SELECT ID FROM BIGV;").first, 300);
 
   // Over the budget (1 MB, the table holds 1.2): told in a box while no
   // level is open; the rows shown before stay and the viewer goes on.
