@@ -11,7 +11,6 @@
 #include <QApplication>
 #include <cstdlib>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <unistd.h>
 

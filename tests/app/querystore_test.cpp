@@ -3,6 +3,7 @@
 
 #include "app/querystore.h"
 #include "tests/framework/framework_testutil.h"
+#include "tests/msg_capture.h"
 
 namespace {
 
@@ -134,12 +135,10 @@ TEST_F(QueryStore, FullListsDropTheOldestButSqlMarksStayInPlace) {
   EXPECT_EQ(s.select[0].table, "T1");
   EXPECT_EQ(s.select[99].table, "T100");
   // The SELECT mark moved with T1; the SQL mark stayed at slot 1, now C2.
-  EXPECT_TRUE(s.select_saved[0]);
-  EXPECT_FALSE(s.select_saved[1]);
-  EXPECT_EQ(s.sql[0], "C1");
-  EXPECT_FALSE(s.sql_saved[0]);
-  EXPECT_TRUE(s.sql_saved[1]);
-  EXPECT_EQ(s.sql[1], "C2");
+  auto first_two = [](const auto &a) { return std::vector(a.begin(), a.begin() + 2); };
+  EXPECT_EQ(first_two(s.select_saved), (std::vector{1, 0}));
+  EXPECT_EQ(first_two(s.sql_saved), (std::vector<unsigned char>{0, 1}));
+  EXPECT_EQ(first_two(s.sql), (std::vector<std::string>{"C1", "C2"}));
 }
 
 TEST_F(QueryStore, TextsWithLineFeedsAndDamagedOrUnwritableFiles) {
@@ -161,15 +160,13 @@ TEST_F(QueryStore, TextsWithLineFeedsAndDamagedOrUnwritableFiles) {
   // A damaged file is kept aside, never deleted; an unknown escape damages.
   for (const char *bad : {"T\nA\n", "ZENTIQ.QRY 2\n---\nx\\q\n"}) {
     write_file(bad);
-    msg_set_handler(zqtest::collect);
-    zqtest::messages().clear();
+    testmsg::Capture printed;
     zentiq_open_store();
-    msg_set_handler(nullptr);
     EXPECT_EQ(zentiq_store().sql_count, 0);
     EXPECT_FALSE(std::filesystem::exists(ZQ_QUERY_FILE));
     EXPECT_EQ(zqtest::slurp("zentiq.qry.bad"), bad);
-    EXPECT_EQ(zqtest::messages(), "Fehler beim Lesen der SQL-Abfragen aus Datei 'zentiq.qry' "
-                                  "(Datei wird als 'zentiq.qry.bad' aufbewahrt)!\n");
+    EXPECT_EQ(printed.take(), "Fehler beim Lesen der SQL-Abfragen aus Datei 'zentiq.qry' "
+                              "(Datei wird als 'zentiq.qry.bad' aufbewahrt)!\n");
   }
   std::filesystem::remove("zentiq.qry.bad");
 

@@ -16,23 +16,13 @@
 #include "app/journaldlg.h"
 #include "app/journalrec.h"
 #include "app/readonly.h"
-#include "app/mainform.h"
-#include "app/querystore.h"
 #include "app/resultlimit.h"
 #include "base/ini.h"
-#include "db/client/resdata.h"
-#include "app/viewer.h"
-#include "db/access/journal.h"
-#include "db/access/session.h"
 #include "forms/console.h"
 #include "forms/fonts.h"
 #include "forms/keyfilter.h"
-#include "framework/combo.h"
-#include "framework/dbtabbox.h"
-#include "framework/help.h"
 #include "framework/tabdialogs.h"
 #include "tests/app/app_testutil.h"
-#include "tests/framework/framework_testutil.h"
 
 namespace {
 
@@ -40,61 +30,27 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using zqtest::slurp;
 
-class Viewer : public ::testing::Test {
+class Viewer : public zqtest::ViewerTest {
 protected:
-  static bool started() { return zqtest::viewer_started(); }
-
-  void SetUp() override {
-    if (!started()) GTEST_SKIP() << "no TAVRIN server could be started";
-    fl_seam_clear();
-  }
-
-  ZqApp &app() { return zentiq_app(); }
-  ZqMainForm &m() { return zentiq_app().main; }
-
   // Texts of the boxes shown since the last fl_seam_clear.
-  std::string shown() {
+  static std::string shown() {
     std::string all;
     for (const auto &d : fl_seam_shown()) all += d.text + "|";
     return all;
   }
 
-  // How many boxes were shown since the last fl_seam_clear.
-  size_t boxes() { return fl_seam_shown().size(); }
-
-  // The first value of a query on the session, "" when there is none.
-  std::string value(const std::string &sql) {
+  // A query on the session: its number of rows (-1 without a result) and
+  // its first value ("" when there is none).
+  static std::pair<int, std::string> query(const std::string &sql) {
     DBRESULT *r = nullptr;
     int outcome = 0;
     dbexec1(app().session, sql.c_str(), &r, &outcome);
     std::string v = r && DBntuples(r) > 0 && DBgetvalue(r, 0, 0) ? DBgetvalue(r, 0, 0) : "";
+    std::pair<int, std::string> got{dbntuples(app().session, r), v};
     dbclear(app().session, r);
-    return v;
+    return got;
   }
-
-  // DEMO chosen; with `fresh`, an empty query store too.
-  void use_demo(bool fresh = true) {
-    if (std::string(myfl_get_cmb_code(m().database)) != "DEMO") {
-      ASSERT_EQ(myfl_set_cmb_code(m().database, "DEMO"), 1);
-    }
-    if (fresh) zentiq_store_reset();
-  }
-
-  static void click(FL_OBJECT *obj) { QTest::mouseClick(obj->widget, Qt::LeftButton); }
-
-  void select(const char *table, const char *attributes, const char *where) {
-    fl_set_input(m().table, table);
-    fl_set_input(m().attributes, attributes);
-    fl_set_input(m().where, where);
-    click(m().sel_run);
-  }
-
-  // Runs an SQL command from a clean record of boxes.
-  void run_sql(const char *sql) {
-    fl_seam_clear();
-    fl_set_input(m().sql, sql);
-    click(m().sql_run);
-  }
+  static std::string value(const std::string &sql) { return query(sql).second; }
 
   // A second client: statements of `sql` (one per line) run by tavrin on
   // DEMO in a process of its own, given at most 5 s; its CSV output and
@@ -114,7 +70,7 @@ protected:
 
   // Shows the detail dialog of result line `line` with attribute line
   // `attribute` selected (0: none).
-  void open_detail(int line, int attribute) {
+  static void open_detail(int line, int attribute) {
     fl_select_tabbox_line(m().result, line);
     zentiq_open_detail(m().result, 0);
     if (attribute) fl_select_tabbox_line(app().detail.tabbox, attribute);
@@ -129,10 +85,6 @@ protected:
       while_shown.emplace_back(db_depth(),
                                other_status("UPDATE KUNDE SET PLZ = '22222' WHERE KUNDE_ID = 2"));
     });
-  }
-  void TearDown() override {
-    fl_seam_set_observer(nullptr);
-    EXPECT_EQ(db_depth(), 0) << "a level was left open";
   }
 };
 
@@ -247,7 +199,7 @@ TEST_F(Viewer, SelectIsBuiltRunStoredAndShown) {
 TEST_F(Viewer, SqlCommandsAndFailingStatements) {
   // A failed statement says why in an error box: the server's text with its
   // number, or the client parser's.
-  auto failed = [this](const char *why) {
+  auto failed = [](const char *why) {
     EXPECT_EQ(shown(),
               std::string("Abfrage konnte nicht erfolgreich durchgef\xFChrt werden\n") + why + "|");
     ASSERT_EQ(fl_seam_shown().size(), 1u);
@@ -378,11 +330,7 @@ TEST_F(Viewer, BigResultsAreCutOrRefusedAndToldWithoutHoldingALock) {
   EXPECT_EQ(app().current_query_name, "ID (die ersten 100 Zeilen)");
   EXPECT_STREQ(static_cast<ZqRecord *>(myfl_get_tabbox_item_info(m().result, 1))->text, "\"1\"");
   // "Ja" twice: 200 rows, then all 300 (below 400), no further question.
-  fl_seam_clear();
-  fl_seam_queue_answer(1);
-  fl_seam_queue_answer(1);
-  fl_set_input(m().sql, "select ID from BIGV");
-  click(m().sql_run);
+  run_sql("select ID from BIGV", {1, 1});
   EXPECT_EQ(shown(), "Gezeigt werden die ersten 100 Zeilen.\nWeitere Zeilen laden?|"
                      "Gezeigt werden die ersten 200 Zeilen.\nWeitere Zeilen laden?|");
   EXPECT_EQ(fl_get_tabbox_maxline(m().result), 300);
@@ -390,11 +338,7 @@ TEST_F(Viewer, BigResultsAreCutOrRefusedAndToldWithoutHoldingALock) {
   EXPECT_EQ(while_shown, (std::vector<std::pair<int, int>>(3, {0, 0})));
   EXPECT_EQ(zentiq_store().sql_count, 1);
   // No MAX is left on the channel.
-  DBRESULT *r = nullptr;
-  int outcome = 0;
-  dbexec1(app().session, "SELECT ID FROM BIGV;", &r, &outcome);
-  EXPECT_EQ(dbntuples(app().session, r), 300);
-  dbclear(app().session, r);
+  EXPECT_EQ(query("SELECT ID FROM BIGV;").first, 300);
 
   // Over the budget (1 MB, the table holds 1.2): told in a box while no
   // level is open; the rows shown before stay and the viewer goes on.
@@ -431,7 +375,6 @@ TEST_F(Viewer, TypedChangesAreCountedAndConfirmed) {
   EXPECT_EQ(fl_seam_shown()[0].default_button, 2);
   EXPECT_EQ(zentiq_store().sql_count, 0);
   // Without WHERE always asked, even for one row; "Ja" runs it.
-  fl_seam_queue_answer(1);
   run_sql("delete from RC where RC_ID = 2");
   EXPECT_EQ(shown(), "Die Abfrage wurde erfolgreich durchgef\xFChrt|"); // one row: not asked
   fl_set_input(m().sql, "update RC set V = 5");
@@ -443,13 +386,10 @@ TEST_F(Viewer, TypedChangesAreCountedAndConfirmed) {
 
   // Another client adds a matching row while the user answers: the server
   // changes two rows instead of the one agreed to, and all is taken back.
-  fl_seam_clear();
   fl_seam_set_observer([](const FlShownDialog &d) {
     if (d.kind == FL_DIALOG_QUESTION) other("INSERT INTO RC VALUES (3, 5)");
   });
-  fl_seam_queue_answer(1);
-  fl_set_input(m().sql, "delete from RC");
-  click(m().sql_run);
+  run_sql("delete from RC", {1});
   EXPECT_EQ(shown(), "1 Zeile in RC wird gel\xF6scht.\nFortfahren?|\xC4nderung wurde "
                      "zur\xFC"
                      "ckgenommen!\n2 statt 1 Zeilen in RC betroffen|");
@@ -488,8 +428,7 @@ TEST_F(Viewer, ChangesAreJournaledAndUndoneAndReadOnlyRefusesThem) {
   // The dialog takes the update back after its question.
   zentiq_open_journal(nullptr, 0);
   ASSERT_EQ(zentiq_journal_select(all[before].number), 1);
-  fl_seam_clear();
-  fl_seam_queue_answer(1);
+  answer({1});
   zentiq_journal_undo(nullptr, 0);
   EXPECT_THAT(shown(), HasSubstr("ckg\xE4ngig gemacht"));
   EXPECT_EQ(other_out("SELECT V FROM RJ WHERE RJ_ID = 1"), "V\na\n");
@@ -514,7 +453,7 @@ TEST_F(Viewer, ChangesAreJournaledAndUndoneAndReadOnlyRefusesThem) {
   run_sql("delete from RJ");
   EXPECT_EQ(shown().rfind("Nur lesen: Dieser SQL-Befehl ist nicht erlaubt.", 0), 0u);
   run_sql("select * from RJ");
-  EXPECT_EQ(boxes(), 0u);
+  EXPECT_EQ(fl_seam_shown().size(), 0u);
   EXPECT_EQ(fl_get_tabbox_maxline(m().result), 2);
   open_detail(1, 2);
   fl_seam_clear();
@@ -562,12 +501,10 @@ TEST_F(Viewer, MainFormAndDetailDialogGrowWithTheirWindows) {
 
 TEST_F(Viewer, ASortStaysWithItsResult) {
   use_demo();
-  auto keys = [this] {
-    int n, *end, *order, *visible, nsort, *cols, *dirs, maxwidth, *colmax;
-    fl_get_tabbox_properties(m().result, &n, &end, &order, &visible, &nsort, &cols, &dirs,
-                             &maxwidth, &colmax);
+  auto keys = [] {
+    const auto p = zqtest::tabbox_props(m().result);
     std::string k;
-    for (int i = 0; i < nsort; ++i) k += std::to_string(cols[i]) + (dirs[i] ? "u" : "d");
+    for (int i = 0; i < p.nsort; ++i) k += std::to_string(p.cols[i]) + (p.dirs[i] ? "u" : "d");
     return k;
   };
   const char *ids = "SELECT KUNDE_ID, NAME FROM KUNDE WHERE KUNDE_ID < 4 ORDER BY KUNDE_ID;";
@@ -746,9 +683,7 @@ TEST_F(Viewer, WaysTheProgramEnds) {
 
   // A store that cannot be written: the user is told and may stay.
   std::filesystem::create_directory("zentiq.qry.tmp");
-  fl_seam_clear();
-  fl_seam_queue_answer(1);
-  fl_seam_queue_answer(2);
+  answer({1, 2});
   zentiq_store_add_sql("select 1 from KUNDE");
   zentiq_store_mark(0, 1);
   EXPECT_EQ(zentiq_main_atclose(m().form, nullptr), -1);
@@ -764,9 +699,7 @@ TEST_F(Viewer, WaysTheProgramEnds) {
     std::filesystem::remove_all(ZQ_QUERY_FILE);
     EXPECT_EXIT(
         {
-          fl_seam_set_observer([](const FlShownDialog &d) {
-            std::fprintf(stderr, "[%s] %s\n", d.title.c_str(), d.text.c_str());
-          });
+          forms_test::to_stderr();
           zentiq_store_add_sql("select 2 from KUNDE");
           zentiq_store_mark(0, 1);
           zentiq_fatal(status);
@@ -792,7 +725,7 @@ TEST_F(Viewer, ALostServerKeepsTheViewerAndItsHistory) {
   // One box only: the loss, not also the failed level.
   EXPECT_THAT(shown(), StartsWith("Die Verbindung zum TAVRIN-Server ist verloren; die Abfragen "
                                   "sind gesichert.\n"));
-  EXPECT_EQ(boxes(), 1u) << shown();
+  EXPECT_EQ(fl_seam_shown().size(), 1u) << shown();
   EXPECT_EQ(slurp(ZQ_QUERY_FILE), "---\nselect 3 from KUNDE\n");
   EXPECT_EQ(db_depth(), 0);
   EXPECT_EQ(dbstatus(app().session), 0);
@@ -801,7 +734,7 @@ TEST_F(Viewer, ALostServerKeepsTheViewerAndItsHistory) {
   fl_seam_clear();
   select("KUNDE", "NAME", "WHERE KUNDE_ID = 1");
   EXPECT_EQ(shown().find("Es l"), 0u) << shown();
-  EXPECT_EQ(boxes(), 1u) << shown();
+  EXPECT_EQ(fl_seam_shown().size(), 1u) << shown();
   EXPECT_EQ(db_depth(), 0);
 
   // A server on the same data and namespace: the next query reconnects, on
@@ -823,7 +756,7 @@ TEST_F(Viewer, ALostServerKeepsTheViewerAndItsHistory) {
   run_sql("SELECT COUNT(*) FROM KUNDE a, KUNDE b, KUNDE c, KUNDE d");
   stopper.join();
   EXPECT_THAT(shown(), StartsWith("Die Verbindung zum TAVRIN-Server ist verloren"));
-  EXPECT_EQ(boxes(), 1u) << shown();
+  EXPECT_EQ(fl_seam_shown().size(), 1u) << shown();
   EXPECT_EQ(db_depth(), 0);
   ASSERT_TRUE(zqtest::test_server()->restart(why)) << why;
 }

@@ -2,39 +2,27 @@
 // against a real server on its DEMO database.
 #include <QLineEdit>
 #include <QPlainTextEdit>
-#include <QTest>
 #include <QTimer>
 
 #include "app/browser.h"
 #include "app/catalog.h"
 #include "app/completion.h"
-#include "app/mainform.h"
-#include "app/querystore.h"
 #include "app/status.h"
-#include "app/viewer.h"
-#include "db/access/session.h"
-#include "forms/dialogs.h"
-#include "framework/combo.h"
 #include "tests/app/app_testutil.h"
-#include "tests/framework/framework_testutil.h"
 
 namespace {
 
 using Names = std::vector<std::string>;
 
-class ViewerTools : public ::testing::Test {
+// Each test on DEMO with empty inputs.
+class ViewerTools : public zqtest::ViewerTest {
 protected:
-  static bool started() { return zqtest::viewer_started(); }
   void SetUp() override {
-    if (!started()) GTEST_SKIP() << "no TAVRIN server could be started";
-    fl_seam_clear();
-    if (std::string(myfl_get_cmb_code(m().database)) != "DEMO") {
-      ASSERT_EQ(myfl_set_cmb_code(m().database, "DEMO"), 1);
-    }
+    ViewerTest::SetUp();
+    if (IsSkipped()) return;
+    use_demo(false);
     for (FL_OBJECT *in : {m().table, m().attributes, m().where, m().sql}) fl_set_input(in, "");
   }
-  void TearDown() override { EXPECT_EQ(db_depth(), 0) << "a level was left open"; }
-  ZqMainForm &m() { return zentiq_app().main; }
 
   // The input with `text` typed up to its end, as the user leaves it.
   void typed(FL_OBJECT *input, const char *text) {
@@ -118,15 +106,13 @@ TEST_F(ViewerTools, NamesCompleteWithoutRegardToCaseFromTheRightTables) {
   EXPECT_EQ(zentiq_open_completion(m().sql, false), 0);
 
   // A table created by a command is known at once.
-  fl_set_input(m().sql, "CREATE TABLE ZZ_NEU (WERT INTEGER)");
-  QTest::mouseClick(m().sql_run->widget, Qt::LeftButton);
+  run_sql("CREATE TABLE ZZ_NEU (WERT INTEGER)");
   typed(m().table, "zz");
   EXPECT_EQ(zentiq_completion_shown(m().table).size(), 0u);
   zentiq_open_completion(m().table, false);
   EXPECT_EQ(zentiq_completion_shown(m().table), (Names{"ZZ_NEU"}));
   zentiq_choose_completion(m().table, 0);
-  fl_set_input(m().sql, "DROP TABLE ZZ_NEU");
-  QTest::mouseClick(m().sql_run->widget, Qt::LeftButton);
+  run_sql("DROP TABLE ZZ_NEU");
 }
 
 TEST_F(ViewerTools, ALongQueryShowsAbbrechenWhichStopsIt) {
@@ -137,14 +123,12 @@ TEST_F(ViewerTools, ALongQueryShowsAbbrechenWhichStopsIt) {
   QTimer::singleShot(900, [&] {
     shown = zentiq_busy_shown() != 0;
     visible = zentiq_cancel_button()->visible != 0;
-    QTest::mouseClick(m().sel_run->widget, Qt::LeftButton); // held back
-    QTest::mouseClick(zentiq_cancel_button()->widget, Qt::LeftButton);
+    click(m().sel_run); // held back
+    click(zentiq_cancel_button());
   });
   QTimer::singleShot(10000, [] { zentiq_cancel_query(); }); // never left waiting
-  fl_seam_queue_answer(1);
   fl_set_input(m().table, "KUNDE"); // a SELECT that would run if the click came through
-  fl_set_input(m().sql, "SELECT COUNT(*) FROM POSITION A, POSITION B, POSITION C");
-  QTest::mouseClick(m().sql_run->widget, Qt::LeftButton);
+  run_sql("SELECT COUNT(*) FROM POSITION A, POSITION B, POSITION C", {1});
   EXPECT_TRUE(shown);
   EXPECT_TRUE(visible);
   ASSERT_EQ(fl_seam_shown().size(), 1u);
@@ -156,17 +140,13 @@ TEST_F(ViewerTools, ALongQueryShowsAbbrechenWhichStopsIt) {
 }
 
 TEST_F(ViewerTools, StatusLineTellsRowsColumnsAndTimes) {
-  fl_set_input(m().table, "KUNDE");
-  fl_set_input(m().attributes, "KUNDE_ID, NAME");
-  fl_set_input(m().where, "WHERE KUNDE_ID <= 1200");
-  QTest::mouseClick(m().sel_run->widget, Qt::LeftButton);
+  select("KUNDE", "KUNDE_ID, NAME", "WHERE KUNDE_ID <= 1200");
   std::string s = zentiq_status_text();
   EXPECT_EQ(s.rfind("600 Zeilen, 2 Spalten; Abfrage ", 0), 0u) << s;
   EXPECT_NE(s.find(" ms, Anzeige "), std::string::npos) << s;
   // A failed query leaves no figures of an earlier one.
-  fl_set_input(m().where, "WHERE NIX = 1");
   fl_seam_queue_answer(1);
-  QTest::mouseClick(m().sel_run->widget, Qt::LeftButton);
+  select("KUNDE", "KUNDE_ID, NAME", "WHERE NIX = 1");
   EXPECT_EQ(zentiq_status_text(), "");
   EXPECT_EQ(zentiq_duration_text(0.44), "0,4 ms");
   EXPECT_EQ(zentiq_duration_text(12345), "12,35 s");

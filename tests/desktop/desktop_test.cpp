@@ -4,8 +4,6 @@
 // tabbox's menu owning Escape, a window that grows, an error box with the
 // server's text, and the result's "|" columns standing under the title's in
 // a picture of the tabbox (run also with QT_SCALE_FACTOR=1.25).
-#include "app/mainform.h"
-#include "app/viewer.h"
 #include "forms/console.h"
 #include "forms/mytabs_draw.h"
 #include "tests/app/app_testutil.h"
@@ -101,11 +99,6 @@ protected:
         0, [&] { return window()->size() == size; });
     QTest::qWait(100); // the form's objects follow the window's new size
   }
-  static bool help_shown() {
-    for (QWidget *w : QApplication::topLevelWidgets())
-      if (w->isVisible() && w->windowTitle() == "Hilfedialog") return true;
-    return false;
-  }
 };
 
 TEST_F(Desktop, TabWalksTheFormAndTextInputsKeepTheirKeys) {
@@ -159,7 +152,8 @@ TEST_F(Desktop, EscapeClosesTheTabboxMenuWithoutHelp) {
   QTest::qWait(300);
   EXPECT_TRUE(open);
   EXPECT_TRUE(closed);
-  EXPECT_FALSE(help_shown());
+  for (QWidget *w : QApplication::topLevelWidgets())
+    EXPECT_FALSE(w->isVisible() && w->windowTitle() == "Hilfedialog") << "help shown";
 }
 
 TEST_F(Desktop, TheMainFormGrowsWithItsWindowAndErrorsSayWhy) {
@@ -212,18 +206,13 @@ TEST_F(Desktop, BarsOfTheResultStandUnderTheTitles) {
     ASSERT_GT(title.back() / dpr, tabbox_text_x(tb) + 25 * cw);
 
     // The last bar, pressed where it is seen and dragged one cell left.
-    int *colmax = nullptr;
-    fl_get_tabbox_properties(tb, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                             nullptr, &colmax);
-    const int before = colmax[6];
+    const int before = zqtest::tabbox_props(tb).colmax[6];
     const QPointF seen(title.back() / dpr, ch / 2.0 + 2);
     xdo("mousemove " + screen_at(tb->widget, seen) + " mousedown 1");
     EXPECT_EQ(tb->widget->cursor().shape(), Qt::SizeAllCursor);
     xdo("mousemove " + screen_at(tb->widget, seen - QPointF(cw, 0)) + " mouseup 1");
-    fl_get_tabbox_properties(tb, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                             nullptr, &colmax);
-    EXPECT_NE(colmax[6], before) << "window wider by " << grow;
-    EXPECT_EQ(colmax[5], -1);
+    EXPECT_NE(zqtest::tabbox_props(tb).colmax[6], before) << "window wider by " << grow;
+    EXPECT_EQ(zqtest::tabbox_props(tb).colmax[5], -1);
   }
   resize_to(form);
 }

@@ -112,10 +112,8 @@ void must(Session &ch, const Req &req) {
 
 void make_template() {
   const char *base = getenv("TMPDIR_FUZZ");
-  std::string root = base ? base : (std::filesystem::exists("/dev/shm") ? "/dev/shm" : "/tmp");
-  char tmpl[256];
-  snprintf(tmpl, sizeof tmpl, "%s/tavrind-fuzz-%d", root.c_str(), static_cast<int>(getpid()));
-  g_root = tmpl;
+  std::string root = base ? base : std::filesystem::exists("/dev/shm") ? "/dev/shm" : "/tmp";
+  g_root = root + "/tavrind-fuzz-" + std::to_string(getpid());
   g_template = g_root + "/template";
   g_work = g_root + "/work";
   std::filesystem::create_directories(g_template);

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 
 #include "tests/access/tavrind_fixture.h"
@@ -64,7 +65,8 @@ protected:
     return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, slurp(out), slurp(err)};
   }
   // Whether `line` ends with `status` and its standard error holds `says`.
-  ::testing::AssertionResult fails(const std::string &line, int status, const std::string &says) {
+  ::testing::AssertionResult exits(const std::string &line, int status,
+                                   const std::string &says = "") {
     Outcome r = run(line);
     if (r.status == status && r.err.find(says) != std::string::npos)
       return ::testing::AssertionSuccess();
@@ -75,20 +77,14 @@ protected:
 // The scratch folder with a server for the whole suite.
 class WithServer : public InScratch {
 protected:
-  static inline tavrind_fixture::Server *server = nullptr;
+  static inline std::unique_ptr<tavrind_fixture::Server> server;
   static inline std::string why;
 
   static void SetUpTestSuite() {
-    server = new tavrind_fixture::Server;
-    if (!server->start(why)) {
-      delete server;
-      server = nullptr;
-    }
+    server = std::make_unique<tavrind_fixture::Server>();
+    if (!server->start(why)) server.reset();
   }
-  static void TearDownTestSuite() {
-    delete server;
-    server = nullptr;
-  }
+  static void TearDownTestSuite() { server.reset(); }
   void SetUp() override {
     if (!server) GTEST_SKIP() << "no TAVRIN server: " << why;
     setenv("TAVRIN_NAMESPACE", server->ns().c_str(), 1);
