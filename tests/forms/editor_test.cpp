@@ -1,19 +1,12 @@
 // The editor object: line wrapping, its parts and layout, the position field,
 // the key throttle, the zoom hook, the limit of editors and reading files.
 #include "forms/editor.h"
-
-#include "forms/forms.h"
 #include "tests/forms/forms_testutil.h"
 
-#include <QApplication>
 #include <QElapsedTimer>
 #include <QPlainTextEdit>
-#include <QTest>
 #include <QTextBlock>
 
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 #include <unistd.h>
 
 namespace {
@@ -110,7 +103,6 @@ TEST_F(EditorObject, TabGoesToTheNextInputNotToTheButtons) {
   fl_set_focus_object(form_, editor);
   QTest::keyClick(editor->widget, Qt::Key_Tab);
   EXPECT_EQ(fl_get_focus_object(form_), before);
-  fl_hide_form(form_);
 }
 
 TEST_F(EditorObject, PositionFieldAndKeyThrottle) {

@@ -1,18 +1,11 @@
 // Forms, objects and the keyboard filter, driven with real widgets and keys.
-#include "tests/forms/forms_testutil.h"
-
 #include "forms/draw.h"
 #include "forms/entry.h"
-#include "forms/forms.h"
 #include "forms/keyfilter.h"
+#include "tests/forms/forms_testutil.h"
 
-#include <QApplication>
 #include <QLineEdit>
 #include <QPlainTextEdit>
-#include <QTest>
-
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -6,14 +6,14 @@
 
 namespace {
 
-using zqtest::messages;
+using namespace zqtest;
 
 int g_dblclicks = 0;
 void on_dblclick(FL_OBJECT *, long) { ++g_dblclicks; }
 int g_input_reports = 0;
 void on_input(FL_OBJECT *, long) { ++g_input_reports; }
 
-class Focus : public zqtest::FormTest {
+class Focus : public FormTest {
 protected:
   void SetUp() override {
     FormTest::SetUp();
@@ -66,7 +66,6 @@ TEST_F(Focus, TabVisitsEveryObjectInReadingOrder) {
     EXPECT_EQ(myfl_set_focus_next(form_), 1);
     EXPECT_EQ(fl_get_focus_object(form_), b_);
   }
-  fl_hide_form(form_);
 }
 
 TEST_F(Focus, FirstObjectOnlyAndTheNextInputSearch) {
@@ -88,7 +87,6 @@ TEST_F(Focus, FirstObjectOnlyAndTheNextInputSearch) {
   EXPECT_EQ(fl_get_focus_object(form_), a_);
   for (FL_OBJECT *input : {a_, b_, multi_}) fl_deactivate_object(input);
   EXPECT_EQ(myfl_focus_next_input(form_, a_), 0);
-  myfl_hide_form(form_);
 }
 
 TEST_F(Focus, NavigationKeysReachTheControlTabbox) {
@@ -141,7 +139,6 @@ TEST_F(Focus, NavigationKeysReachTheControlTabbox) {
   EXPECT_EQ(myfl_get_modifier(FL_KEY_SHIFT), 1);
   QTest::keyRelease(multi_->widget, Qt::Key_Shift);
   EXPECT_EQ(myfl_get_modifier(FL_KEY_SHIFT), 0);
-  fl_hide_form(form_);
 }
 
 TEST_F(Focus, MissingRecordsAndDefinitions) {

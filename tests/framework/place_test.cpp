@@ -1,15 +1,14 @@
 // Form information and placement: positions kept in the INI file across
 // show/hide cycles, pulled back onto the screen, names and numbers, and the
 // fatal misuses.
-#include "framework/place.h"
-
 #include "base/ini.h"
-#include "framework/help.h"
 #include "tests/framework/framework_testutil.h"
 
 namespace {
 
-class Place : public zqtest::FormTest {
+using namespace zqtest;
+
+class Place : public FormTest {
 protected:
   Place() : FormTest("placetest") {}
   void SetUp() override {
@@ -118,7 +117,6 @@ TEST_F(Place, NamesFallBackToTheHelpKeyAndModifiersClearOnShow) {
   myfl_set_modifier(FL_KEY_SHIFT, 1);
   myfl_show_form(form_, "Named");
   EXPECT_EQ(myfl_get_modifier(FL_KEY_SHIFT), 0);
-  fl_hide_form(form_);
 }
 
 int refuse(FL_FORM *, void *) { return -1; }

@@ -2,39 +2,33 @@
 // the settings hook when the title is set (more or fewer columns than saved,
 // bad tokens), the no-settings registration, and the width edits made by a
 // drag in the title line and by "Spalten optimieren" on the real widget.
-#include "framework/dbtabbox.h"
-#include "framework/tabset.h"
-
 #include "base/ini.h"
-#include "forms/mytabs_draw.h"
+#include "framework/tabset.h"
 #include "tests/framework/framework_testutil.h"
 
 namespace {
 
-using zqtest::messages;
-using V = std::vector<int>;
+using namespace zqtest;
 
 std::string g_title;
 const char *title_fn(FL_OBJECT *) { return g_title.c_str(); }
 
-class TabSet : public zqtest::FormTest {
+class TabSet : public FormTest {
 protected:
   void SetUp() override {
     FormTest::SetUp();
     g_title = "Name,Ort,Anzahl";
     myfl_install_tabbox_settings();
-    form_ = fl_begin_form(0, 420, 260);
-    tb_ = fl_add_tabbox(0, 10, 10, 400, 240, "");
-    fl_end_form();
+    tb_ = tabbox_form(form_, 0, 400, 240);
   }
-  std::string ini() { return zqtest::slurp("app.ini"); }
+  std::string ini() { return slurp("app.ini"); }
   void put(const char *key, const char *line) { INI_PutLine("app", key, line); }
   void reg(const char *name) {
     myfl_init_tabbox(form_, tb_, name, title_fn, nullptr);
     myfl_addto_tabbox_line(tb_, "Anna,Köln,3", nullptr);
     myfl_addto_tabbox_line(tb_, "Bernhard Maximilian,Ulm,12", nullptr);
   }
-  forms_test::TabboxProps props() { return zqtest::tabbox_props(tb_); }
+  TabboxProps props() { return tabbox_props(tb_); }
 };
 
 TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
@@ -100,8 +94,8 @@ TEST_F(TabSet, SavedLinesThatDoNotFitTheColumns) {
 
 TEST_F(TabSet, BadTokensAreReportedAndSkipped) {
   reg("Liste");
-  put("Liste", ("[Liste] 0 4 1 2 3 0|5 7|5 2|3 9u 1u x " + myfl_tabbox_columns_token(tb_) + " \n")
-                   .c_str());
+  put("Liste",
+      ("[Liste] 0 4 1 2 3 0|5 7|5 2|3 9u 1u x " + myfl_tabbox_columns_token(tb_) + " \n").c_str());
   messages().clear();
   myfl_draw_tabbox(tb_);
   EXPECT_EQ(messages(), "ini-file: wrong max-width definition (Liste)!\n"
@@ -145,22 +139,18 @@ TEST_F(TabSet, DragAndOptimiseOnTheWidgetUpdateTheEntry) {
   fl_layout_tabbox(tb_);
   myfl_save_tabbox_ini(tb_);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 \n");
-  int cw, ch;
-  tabbox_char_size(tb_, &cw, &ch);
-  auto cell = [&](int pos) { return QPoint(tabbox_text_x(tb_) + pos * cw + cw / 2, ch / 2 + 2); };
   auto maxwidth = [&](int col) { return props().colmax[col]; };
   // The bar after "Name" (19 wide) dragged five characters to the left.
   int bar = static_cast<int>(std::string(fl_get_tabbox_title(tb_)).find('|'));
-  QTest::mousePress(tb_->widget, Qt::LeftButton, {}, cell(bar));
-  QTest::mouseRelease(tb_->widget, Qt::LeftButton, {}, cell(bar - 5));
+  QTest::mousePress(tb_->widget, Qt::LeftButton, {}, title_cell(tb_, bar));
+  QTest::mouseRelease(tb_->widget, Qt::LeftButton, {}, title_cell(tb_, bar - 5));
   EXPECT_EQ(maxwidth(1), bar - 6);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 1|" + std::to_string(bar - 6) + " \n");
   // "Spalten optimieren" from the popup.
   fl_seam_queue_popup(2);
-  QTest::mouseClick(tb_->widget, Qt::RightButton, {}, QPoint(30, tabbox_list_y(tb_) + ch / 2));
+  QTest::mouseClick(tb_->widget, Qt::RightButton, {}, line_point(tb_, 0));
   EXPECT_EQ(maxwidth(1), -1);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 \n");
-  fl_hide_form(form_);
 }
 
 } // namespace
