@@ -43,8 +43,8 @@ TEST_F(TabboxModel, TitleDefinesColumns) {
 TEST_F(TabboxModel, DisplayTextsHideReorderAndCut) {
   FL_OBJECT *tb = make(1);
   fl_set_tabbox_title(tb, kTitle);
-  fl_add_tabbox_line(tb, "Schmidt   | Köln   | 12");
-  fl_add_tabbox_line(tb, "Abc       | Ulm    | 7");
+  for (const char *line : {"Schmidt   | Köln   | 12", "Abc       | Ulm    | 7"})
+    fl_add_tabbox_line(tb, line);
   EXPECT_STREQ(fl_get_tabbox_line(tb, 1), "Schmidt   | Köln   | 12");
 
   // The record's own arrays, as the framework's settings change them.
@@ -241,9 +241,8 @@ TEST_F(TabboxModel, SelectionFollowsTheType) {
 TEST_F(TabboxModel, SortedLinesShowInDisplayOrder) {
   FL_OBJECT *tb = make(1);
   fl_set_tabbox_title(tb, "Name    | Nr");
-  fl_add_tabbox_line(tb, "Ost     | 10");
-  fl_add_tabbox_line(tb, "Ölten   | 9");
-  fl_add_tabbox_line(tb, "Oase    | 10");
+  for (const char *line : {"Ost     | 10", "Ölten   | 9", "Oase    | 10"})
+    fl_add_tabbox_line(tb, line);
   int cols[2] = {2, 1}, dirs[2] = {0, 1};
   fl_set_tabbox_sort(tb, 2, cols, dirs);
   std::vector<std::string> shown;
@@ -305,8 +304,8 @@ TEST_F(TabboxModel, VerticalDisplayTurnsLinesIntoColumns) {
 
   // Several lines side by side; hidden columns are not shown vertically and
   // fields end where the title's last column ends.
-  fl_add_tabbox_line(tb, "Aachenbach| Ulm    | 7");
-  fl_add_tabbox_line(tb, "Bauer     | Hof    | 1234567890123");
+  for (const char *line : {"Aachenbach| Ulm    | 7", "Bauer     | Hof    | 1234567890123"})
+    fl_add_tabbox_line(tb, line);
   tabbox_props(tb).visible[2] = 0;
   fl_set_tabbox_vert(tb);
   ASSERT_EQ(mytabs_get_shown_lines(tb), 2);

@@ -189,8 +189,7 @@ TEST_F(TabboxUi, ScrollingStaysWithinItsLimits) {
 
   // Fewer lines than screen lines: the down button does nothing.
   fl_clear_tabbox(tb);
-  fl_add_tabbox_line(tb, "eins");
-  fl_add_tabbox_line(tb, "zwei");
+  for (const char *line : {"eins", "zwei"}) fl_add_tabbox_line(tb, line);
   fl_layout_tabbox(tb);
   EXPECT_EQ(after_click(tb, down).topline, 0);
 }
@@ -439,9 +438,8 @@ TEST_F(TabboxUi, KeysMoveTheSelectionAndCallBack) {
   EXPECT_EQ(g.callback, 1);
   fl_set_tabbox_dblclick_callback(
       tb, [](FL_OBJECT *, long a) { g.dblclick.push_back(a); }, 5);
-  QTest::keyClick(w, Qt::Key_Return);
-  QTest::keyClick(w, Qt::Key_Return, Qt::ShiftModifier);
-  QTest::keyClick(w, Qt::Key_Return, Qt::ControlModifier);
+  for (auto mods : {Qt::NoModifier, Qt::ShiftModifier, Qt::ControlModifier})
+    QTest::keyClick(w, Qt::Key_Return, mods);
   fl_call_tabbox_dblclick_callback(tb);
   EXPECT_EQ(g.dblclick, (std::vector<long>{0, 1, 0}));
   QTest::mouseDClick(w, Qt::LeftButton, {}, line_point(tb, 1));

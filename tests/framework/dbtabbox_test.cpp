@@ -112,9 +112,8 @@ TEST_F(DbTabbox, FieldsAreSplitAtCommasOutsideQuotes) {
 TEST_F(DbTabbox, LinesArePaddedToTheWidestField) {
   ASSERT_EQ(myfl_init_tabbox(form_, tb_, "Liste", title_nr_name, nullptr), 1);
   EXPECT_EQ(std::string(fl_get_tabbox_full_title(tb_)), "Nr | Name");
-  myfl_addto_tabbox_line(tb_, "1,Anna", nullptr);
-  myfl_addto_tabbox_line(tb_, "22,\"Bernhard, B.\"", nullptr);
-  myfl_addto_tabbox_line(tb_, "3", nullptr);
+  for (const char *line : {"1,Anna", "22,\"Bernhard, B.\"", "3"})
+    myfl_addto_tabbox_line(tb_, line, nullptr);
   EXPECT_THAT(messages(),
               testing::HasSubstr("(addto_tabbox_line) Line is invalid (only 1 of 2 cols)\n"));
   EXPECT_EQ(std::string(fl_get_tabbox_full_title(tb_)), "Nr | Name        ");
@@ -130,8 +129,7 @@ TEST_F(DbTabbox, LinesArePaddedToTheWidestField) {
   const int real[] = {9, 11};
   myfl_set_tabbox_data_def_types(tb_, 2, real);
   fl_set_tabbox_comma(tb_, 2);
-  myfl_addto_tabbox_line(tb_, "3.14159,Pi", nullptr);
-  myfl_addto_tabbox_line(tb_, "-,kein Wert", nullptr);
+  for (const char *line : {"3.14159,Pi", "-,kein Wert"}) myfl_addto_tabbox_line(tb_, line, nullptr);
   EXPECT_EQ(field(4, 1), "3.14");
   EXPECT_EQ(field(5, 1), "-");
   myfl_delete_tabbox_line(tb_); // nothing selected: nothing deleted

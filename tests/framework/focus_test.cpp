@@ -95,9 +95,7 @@ TEST_F(Focus, NavigationKeysReachTheControlTabbox) {
   show_and_activate(form_);
   fl_set_focus_object(form_, a_);
   QWidget *w = a_->widget;
-  QTest::keyClick(w, Qt::Key_Down);
-  QTest::keyClick(w, Qt::Key_Down);
-  QTest::keyClick(w, Qt::Key_Up);
+  for (Qt::Key k : {Qt::Key_Down, Qt::Key_Down, Qt::Key_Up}) QTest::keyClick(w, k);
   EXPECT_EQ(fl_get_tabbox(tabbox_), 1) << "Down and Up in an input move the tabbox selection";
 
   QTest::keyClicks(w, "abc");

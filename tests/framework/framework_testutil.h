@@ -4,6 +4,7 @@
 // and frees its form, and the one TAVRIN server of a test program.
 #pragma once
 
+#include "base/ini.h"
 #include "framework/combo.h"
 #include "framework/dbtabbox.h"
 #include "framework/fields.h"
@@ -106,6 +107,11 @@ protected:
     std::filesystem::current_path(old_cwd_);
     std::filesystem::remove_all(dir_);
     test_folder().clear();
+  }
+  // The line of the key in the application's INI file; "" when there is none.
+  std::string ini_line(const char *key) {
+    const char *l = INI_GetLine(appl_, key);
+    return l ? l : "";
   }
   std::filesystem::path dir_;
   FL_FORM *form_ = nullptr;

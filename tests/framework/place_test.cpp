@@ -1,7 +1,6 @@
 // Form information and placement: positions kept in the INI file across
 // show/hide cycles, pulled back onto the screen, names and numbers, and the
 // fatal misuses.
-#include "base/ini.h"
 #include "tests/framework/framework_testutil.h"
 
 namespace {
@@ -16,10 +15,6 @@ protected:
     form_ = fl_begin_form(0, 200, 100);
     input_ = fl_add_input(FL_NORMAL_INPUT, 60, 10, 100, 24, "In");
     fl_end_form();
-  }
-  std::string ini_line(const char *key) {
-    const char *l = INI_GetLine("placetest", key);
-    return l ? l : "";
   }
   // Shows the form under a stored position line and returns where it went.
   std::pair<int, int> shown_at(const char *line) {

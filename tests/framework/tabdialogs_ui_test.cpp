@@ -2,7 +2,6 @@
 // popup and keys, driven with clicks and typing, boxes answered through the
 // seam. Export text and file, the settings dialog written to the settings
 // line, the sort dialog, the viewer and the zoom editor.
-#include "base/ini.h"
 #include "forms/editor.h"
 #include "framework/tabdialogs.h"
 #include "framework/tabexport.h"
@@ -46,11 +45,6 @@ protected:
   void type_into(FL_OBJECT *input, const char *text) {
     fl_set_input(input, "");
     QTest::keyClicks(input->widget, QString::fromLatin1(text));
-  }
-  // The settings line of the tabbox (the file also holds dialog places).
-  std::string setting() {
-    const char *l = INI_GetLine("app", "Liste");
-    return l ? l : "";
   }
   std::string last_box() { return fl_seam_shown().empty() ? "" : fl_seam_shown().back().text; }
   MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
@@ -154,8 +148,7 @@ TEST_F(TabDialogs, CsvExportReadsBackAndCtrlCCopiesTheSelection) {
   // name, descending), TAB-separated, line feeds inside values as blanks.
   int col = 1, dir = 0;
   fl_set_tabbox_sort(tb_, 1, &col, &dir);
-  fl_select_tabbox_line(tb_, 1);
-  fl_select_tabbox_line(tb_, 3);
+  for (int line : {1, 3}) fl_select_tabbox_line(tb_, line);
   QGuiApplication::clipboard()->clear();
   QTest::keyClick(tb_->widget, Qt::Key_C, Qt::ControlModifier);
   EXPECT_EQ(QGuiApplication::clipboard()->text().toLatin1().toStdString(),
@@ -192,7 +185,8 @@ TEST_F(TabDialogs, SettingsDialogWritesTheSettingsLine) {
   click(d.set_ok);
   EXPECT_FALSE(d.settings->visible);
   EXPECT_EQ(last_box(), "Nachkommastellen werden erst nach Neubefüllung berücksichtigt!");
-  EXPECT_EQ(setting(), "[Liste] v 0 4 1 3 -1 1d 3m " + myfl_tabbox_columns_token(tb_) + " \n");
+  EXPECT_EQ(ini_line("Liste"),
+            "[Liste] v 0 4 1 3 -1 1d 3m " + myfl_tabbox_columns_token(tb_) + " \n");
   EXPECT_EQ(fl_get_tabbox_vert(tb_), 1);
   EXPECT_EQ(fl_get_tabbox_comma(tb_), 2);
   // The tabbox was refreshed with the stored settings.
@@ -222,7 +216,7 @@ TEST_F(TabDialogs, SortDialogSetsAndStoresTheKeys) {
   EXPECT_EQ(fl_get_listbox_maxline(d.sort_keys), 2);
   click(d.sort_ok);
   EXPECT_FALSE(d.sort->visible);
-  EXPECT_EQ(setting(), "[Liste] 0 4 1 2 3 3u 1u " + myfl_tabbox_columns_token(tb_) + " \n");
+  EXPECT_EQ(ini_line("Liste"), "[Liste] 0 4 1 2 3 3u 1u " + myfl_tabbox_columns_token(tb_) + " \n");
   fl_layout_tabbox(tb_);
   EXPECT_THAT(std::string(fl_get_tabbox_full_line(tb_, 1)), testing::StartsWith("B\tC "));
   myfl_close_tabbox_sort();

@@ -2,7 +2,6 @@
 // the settings hook when the title is set (more or fewer columns than saved,
 // bad tokens), the no-settings registration, and the width edits made by a
 // drag in the title line and by "Spalten optimieren" on the real widget.
-#include "base/ini.h"
 #include "framework/tabset.h"
 #include "tests/framework/framework_testutil.h"
 
@@ -28,13 +27,12 @@ protected:
     myfl_addto_tabbox_line(tb_, "Anna,Köln,3", nullptr);
     myfl_addto_tabbox_line(tb_, "Bernhard Maximilian,Ulm,12", nullptr);
   }
-  TabboxProps props() { return tabbox_props(tb_); }
 };
 
 TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
   reg("Kunden");
   myfl_set_tabbox_tablenr(tb_, 2);
-  auto p = props();
+  auto p = tabbox_props(tb_);
   ASSERT_EQ(p.nslots, 4);
   std::copy_n(V{3, 1, -1}.begin(), 3, p.order + 1);
   p.visible[2] = 0;
@@ -60,7 +58,7 @@ TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
   myfl_draw_tabbox(tb_);
   EXPECT_EQ(fl_get_tabbox_vert(tb_), 1);
   EXPECT_THAT(std::string(fl_get_tabbox_full_title(tb_)), testing::StartsWith("KD_NAME"));
-  EXPECT_EQ(props().nsort, 0);
+  EXPECT_EQ(tabbox_props(tb_).nsort, 0);
   const std::string token = myfl_tabbox_columns_token(tb_);
   put("Kunden_2", ("[Kunden_2] v 1 4 1 2 3 2d 7m " + token + " \n").c_str());
   myfl_draw_tabbox(tb_);
@@ -73,7 +71,7 @@ TEST_F(TabSet, SavedLinesThatDoNotFitTheColumns) {
   put("Liste", "[Liste] 0 3 2 -1 \n");
   g_title = "Name,Ort,Anzahl,Datum";
   reg("Liste");
-  auto p = props();
+  auto p = tabbox_props(tb_);
   EXPECT_EQ(p.of(p.order), (V{2, 3, 4, -1}));
   EXPECT_EQ(p.of(p.visible), (V{0, 1, 1, 1}));
   EXPECT_THAT(messages(), testing::Not(testing::HasSubstr("ini-file")));
@@ -87,7 +85,7 @@ TEST_F(TabSet, SavedLinesThatDoNotFitTheColumns) {
   reg("Liste");
   EXPECT_EQ(messages(), "ini-file: wrong tabbox definition (Liste)!\n");
   EXPECT_EQ(ini(), "[Andere] 0 2 1 \n");
-  p = props();
+  p = tabbox_props(tb_);
   EXPECT_EQ(p.of(p.order), (V{1, 2, 3}));
   EXPECT_EQ(p.of(p.visible), (V{1, 1, 1}));
 }
@@ -101,7 +99,7 @@ TEST_F(TabSet, BadTokensAreReportedAndSkipped) {
   EXPECT_EQ(messages(), "ini-file: wrong max-width definition (Liste)!\n"
                         "ini-file: wrong max-width definition (Liste)!\n"
                         "ini-file: wrong sort definition (Liste)!\n");
-  auto p = props();
+  auto p = tabbox_props(tb_);
   EXPECT_EQ(p.of(p.colmax), (V{-1, 3, -1}));
   ASSERT_EQ(p.nsort, 1);
   EXPECT_EQ(p.cols[0], 1);
@@ -112,11 +110,11 @@ TEST_F(TabSet, NoIniRegistrationDropsTheEntryOnce) {
   myfl_init_db_tabbox_no_ini(form_, tb_, "ZTQ", title_fn, nullptr, nullptr, nullptr, nullptr,
                              nullptr);
   EXPECT_EQ(ini(), "");
-  EXPECT_EQ(props().visible[1], 1);
+  EXPECT_EQ(tabbox_props(tb_).visible[1], 1);
   // Later settings of the same run apply again.
   put("ZTQ", "[ZTQ] 0 4 3 -1 \n");
   myfl_draw_tabbox(tb_);
-  EXPECT_EQ(props().visible[1], 0);
+  EXPECT_EQ(tabbox_props(tb_).visible[1], 0);
 }
 
 TEST_F(TabSet, WidthTokensAreEditedUnderThePlainName) {
@@ -139,7 +137,7 @@ TEST_F(TabSet, DragAndOptimiseOnTheWidgetUpdateTheEntry) {
   fl_layout_tabbox(tb_);
   myfl_save_tabbox_ini(tb_);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 \n");
-  auto maxwidth = [&](int col) { return props().colmax[col]; };
+  auto maxwidth = [&](int col) { return tabbox_props(tb_).colmax[col]; };
   // The bar after "Name" (19 wide) dragged five characters to the left.
   int bar = static_cast<int>(std::string(fl_get_tabbox_title(tb_)).find('|'));
   QTest::mousePress(tb_->widget, Qt::LeftButton, {}, title_cell(tb_, bar));
