@@ -7,6 +7,7 @@
 #include <QPlainTextEdit>
 #include <QTextBlock>
 
+#include <sstream>
 #include <unistd.h>
 
 namespace {
@@ -56,13 +57,10 @@ TEST_F(EditorObject, ButtonsWrapAndZoom) {
   std::string wrapped = fl_get_editor_text(input_);
   EXPECT_GT(std::count(wrapped.begin(), wrapped.end(), '\n'), 3);
   QFontMetrics fm(te_->font());
-  size_t from = 0;
-  while (from < wrapped.size()) {
-    size_t nl = wrapped.find('\n', from);
-    std::string line = wrapped.substr(from, nl - from);
+  std::istringstream lines(wrapped);
+  for (std::string line; std::getline(lines, line);) {
     if (!line.empty() && line.back() == ' ') line.pop_back();
     EXPECT_LT(fm.horizontalAdvance(QString::fromLatin1(line.c_str())), ed_->text_width - 3) << line;
-    from = nl + 1;
   }
   // A stored cursor position of 0 turns the button off.
   ed_->cursor_pos = 0;

@@ -89,4 +89,13 @@ inline QPoint title_cell(FL_OBJECT *tb, int pos) {
   return {tabbox_text_x(tb) + pos * c.width() + c.width() / 2, c.height() / 2 + 2};
 }
 
+// A press at from and its release at to on the tabbox; whether the resize
+// cursor showed while the button was down.
+inline bool drag(FL_OBJECT *tb, QPoint from, QPoint to, Qt::MouseButton b = Qt::LeftButton) {
+  QTest::mousePress(tb->widget, b, {}, from);
+  const bool resizing = tb->widget->cursor().shape() == Qt::SizeAllCursor;
+  QTest::mouseRelease(tb->widget, b, {}, to);
+  return resizing;
+}
+
 } // namespace forms_test

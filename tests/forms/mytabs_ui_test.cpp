@@ -63,11 +63,6 @@ protected:
     fl_layout_tabbox(tb);
     return tb;
   }
-  // A press at from and its release at to.
-  void drag(FL_OBJECT *tb, QPoint from, QPoint to, Qt::MouseButton b = Qt::LeftButton) {
-    QTest::mousePress(tb->widget, b, {}, from);
-    QTest::mouseRelease(tb->widget, b, {}, to);
-  }
   // The scroll position: top line and first character shown (both 0-based).
   struct Scroll {
     int topline, offset;
@@ -264,14 +259,10 @@ TEST_F(TabboxUi, DraggingABarInTheTitleCutsTheColumn) {
   });
   auto cell = [&](int pos) { return title_cell(tb, pos); };
   // Not on a bar: no resize.
-  QTest::mousePress(tb->widget, Qt::LeftButton, {}, cell(4));
-  EXPECT_NE(tb->widget->cursor().shape(), Qt::SizeAllCursor);
-  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, cell(2));
+  EXPECT_FALSE(drag(tb, cell(4), cell(2)));
   EXPECT_EQ(maxwidth(tb, 1), -1);
   // On the bar, released where it started: nothing changes.
-  QTest::mousePress(tb->widget, Qt::LeftButton, {}, cell(10));
-  EXPECT_EQ(tb->widget->cursor().shape(), Qt::SizeAllCursor);
-  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, cell(10));
+  EXPECT_TRUE(drag(tb, cell(10), cell(10)));
   EXPECT_EQ(maxwidth(tb, 1), -1);
   EXPECT_NE(tb->widget->cursor().shape(), Qt::SizeAllCursor);
   // Dragged three characters to the left.
@@ -299,9 +290,7 @@ TEST_F(TabboxUi, DraggingABarInTheTitleCutsTheColumn) {
     return o;
   };
   const int before = last_offset();
-  QTest::mousePress(turned->widget, Qt::LeftButton, {}, title_cell(turned, 13));
-  EXPECT_EQ(turned->widget->cursor().shape(), Qt::SizeAllCursor);
-  QTest::mouseRelease(turned->widget, Qt::LeftButton, {}, title_cell(turned, 8));
+  EXPECT_TRUE(drag(turned, title_cell(turned, 13), title_cell(turned, 8)));
   EXPECT_EQ(last_offset(), before - 5);
   EXPECT_EQ(maxwidth(turned, 1), -1);
   EXPECT_EQ(g.widths.size(), 3u);
@@ -359,9 +348,7 @@ TEST_F(TabboxUi, BarsStayOnTheGridWithAFractionalAdvance) {
   // The last bar, pressed where it is seen and dragged two cells left.
   const int col = static_cast<int>(at.size());
   const QPoint seen(static_cast<int>(in_title.back() / dpr), ch / 2 + 2);
-  QTest::mousePress(tb->widget, Qt::LeftButton, {}, seen);
-  EXPECT_EQ(tb->widget->cursor().shape(), Qt::SizeAllCursor);
-  QTest::mouseRelease(tb->widget, Qt::LeftButton, {}, seen - QPoint(2 * cw, 0));
+  EXPECT_TRUE(drag(tb, seen, seen - QPoint(2 * cw, 0)));
   EXPECT_EQ(maxwidth(tb, col), 6);
   EXPECT_EQ(maxwidth(tb, col - 1), -1);
 }

@@ -351,8 +351,7 @@ TEST_F(FormsTest, ReportingModesDecideWhenTheInputCallbackRuns) {
   FL_OBJECT *multi = fl_add_input(FL_MULTILINE_INPUT, 80, 70, 100, 60, "C ");
   FL_OBJECT *button = fl_add_button(FL_NORMAL_BUTTON, 200, 140, 60, 21, "OK");
   fl_end_form();
-  fl_set_object_callback(in, record_call, 0);
-  fl_set_object_callback(multi, record_call, 0);
+  for (FL_OBJECT *o : {in, multi}) fl_set_object_callback(o, record_call, 0);
   fl_set_input_maxchars(in, 5); // also sets mode 1
   EXPECT_EQ(in->how_return, FL_RETURN_CHANGED);
   show(in);

@@ -140,8 +140,7 @@ TEST_F(TabSet, DragAndOptimiseOnTheWidgetUpdateTheEntry) {
   auto maxwidth = [&](int col) { return tabbox_props(tb_).colmax[col]; };
   // The bar after "Name" (19 wide) dragged five characters to the left.
   int bar = static_cast<int>(std::string(fl_get_tabbox_title(tb_)).find('|'));
-  QTest::mousePress(tb_->widget, Qt::LeftButton, {}, title_cell(tb_, bar));
-  QTest::mouseRelease(tb_->widget, Qt::LeftButton, {}, title_cell(tb_, bar - 5));
+  drag(tb_, title_cell(tb_, bar), title_cell(tb_, bar - 5));
   EXPECT_EQ(maxwidth(1), bar - 6);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 1|" + std::to_string(bar - 6) + " \n");
   // "Spalten optimieren" from the popup.
