@@ -1,20 +1,12 @@
 // The console window, the command window and child processes.
-#include "tests/qt_env.h"
-
 #include "forms/console.h"
 #include "forms/process.h"
+#include "tests/forms/forms_testutil.h"
 
-#include <QCoreApplication>
 #include <QFile>
 #include <QImage>
 #include <QPlainTextEdit>
 #include <QProcess>
-#include <QTest>
-#include <QWidget>
-#include <gmock/gmock.h>
-
-#include <cstdlib>
-#include <string>
 
 namespace {
 
@@ -86,7 +78,8 @@ TEST(DemoTest, ScreenshotOfTheDemoForm) {
   QString program = build ? QString::fromLocal8Bit(build) + QStringLiteral("/forms/forms_demo")
                           : QStringLiteral(QT_TESTCASE_BUILDDIR "/../../forms/forms_demo");
   ASSERT_TRUE(QFile::exists(program)) << program.toStdString();
-  QString png = QString::fromLocal8Bit(::testing::TempDir().c_str()) + QStringLiteral("demo-%1.png").arg(QCoreApplication::applicationPid());
+  QString png = QString::fromLocal8Bit(::testing::TempDir().c_str()) +
+                QStringLiteral("demo-%1.png").arg(QCoreApplication::applicationPid());
   QFile::remove(png);
   struct Remove {
     QString path;

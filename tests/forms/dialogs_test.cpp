@@ -1,20 +1,12 @@
 // Question and message boxes, the test seam, pop-up menus.
-#include "tests/qt_env.h"
-
-#include "forms/dialogs.h"
-#include "forms/forms.h"
 #include "forms/popup.h"
+#include "tests/forms/forms_testutil.h"
 
 #include <QAbstractButton>
-#include <QApplication>
 #include <QMenu>
 #include <QMessageBox>
 #include <QPushButton>
-#include <QTest>
 #include <QTimer>
-
-#include <string>
-#include <vector>
 
 namespace {
 
@@ -40,15 +32,17 @@ TEST_F(DialogsTest, QuestionBoxAnswersAndRecordsWhatItShowed) {
   EXPECT_EQ(fl_show_question("x", "", "", 2, "Ja", "Nein", "", 3), 1);
   EXPECT_EQ(fl_show_question("x", "", "", 3, "Ja", "Nein", "", 3), 3);
 
-  const auto &shown = fl_seam_shown();
-  ASSERT_EQ(shown.size(), 5u);
-  EXPECT_EQ(shown[0].kind, FL_DIALOG_QUESTION);
-  EXPECT_EQ(shown[0].title, "Frage");
-  EXPECT_EQ(shown[0].text, "Soll Zentiq beendet werden?");
-  EXPECT_EQ(shown[0].buttons, 2);
-  EXPECT_EQ(shown[0].default_button, 3);
-  EXPECT_EQ(shown[1].text, "a\nb\nc");
-  EXPECT_EQ(shown[2].text, "a\nc"); // empty lines are left out
+  // Kind, title, text (empty lines left out), buttons and default of each box.
+  const int Q = FL_DIALOG_QUESTION;
+  std::vector<std::tuple<int, std::string, std::string, int, int>> shown,
+      want = {{Q, "Frage", "Soll Zentiq beendet werden?", 2, 3},
+              {Q, "Frage", "a\nb\nc", 3, 1},
+              {Q, "Frage", "a\nc", 3, 1},
+              {Q, "Frage", "x", 2, 3},
+              {Q, "Frage", "x", 3, 3}};
+  for (const FlShownDialog &d : fl_seam_shown())
+    shown.emplace_back(d.kind, d.title, d.text, d.buttons, d.default_button);
+  EXPECT_EQ(shown, want);
   EXPECT_TRUE(fl_box_key_pending());
 }
 
@@ -57,18 +51,16 @@ TEST_F(DialogsTest, MessageWarningAndErrorBoxesHaveGermanTitlesAndIcons) {
   fl_show_warning("w", "", "");
   fl_show_error("Abfrage fehlgeschlagen", "(TAVRIN 301) Tabelle X existiert nicht", "");
   fl_show_termination_warning();
-  const auto &shown = fl_seam_shown();
-  ASSERT_EQ(shown.size(), 4u);
-  EXPECT_EQ(shown[0].title, "Hinweis");
-  EXPECT_EQ(shown[0].text, "Update nicht möglich\nPrimary Key nicht gefunden");
-  EXPECT_EQ(shown[0].kind, FL_DIALOG_MESSAGE);
-  EXPECT_EQ(shown[0].icon, FL_ICON_INFORMATION);
-  EXPECT_EQ(shown[1].icon, FL_ICON_WARNING);
-  EXPECT_EQ(shown[2].title, "Fehler");
-  EXPECT_EQ(shown[2].icon, FL_ICON_ERROR);
-  EXPECT_EQ(shown[2].kind, FL_DIALOG_ALERT);
-  EXPECT_EQ(shown[3].title, "Warnung");
-  EXPECT_EQ(shown[3].text, "Application is about to terminate!");
+  std::vector<std::tuple<int, int, std::string, std::string>> shown,
+      want = {{FL_DIALOG_MESSAGE, FL_ICON_INFORMATION, "Hinweis",
+               "Update nicht möglich\nPrimary Key nicht gefunden"},
+              {FL_DIALOG_ALERT, FL_ICON_WARNING, "Warnung", "w"},
+              {FL_DIALOG_ALERT, FL_ICON_ERROR, "Fehler",
+               "Abfrage fehlgeschlagen\n(TAVRIN 301) Tabelle X existiert nicht"},
+              {FL_DIALOG_ALERT, FL_ICON_WARNING, "Warnung", "Application is about to terminate!"}};
+  for (const FlShownDialog &d : fl_seam_shown())
+    shown.emplace_back(d.kind, d.icon, d.title, d.text);
+  EXPECT_EQ(shown, want);
 }
 
 TEST_F(DialogsTest, RealQuestionBoxHasGermanButtonsAndDefaults) {

@@ -1,19 +1,13 @@
 // The editor object: line wrapping, its parts and layout, the position field,
 // the key throttle, the zoom hook, the limit of editors and reading files.
 #include "forms/editor.h"
-
-#include "forms/forms.h"
 #include "tests/forms/forms_testutil.h"
 
-#include <QApplication>
 #include <QElapsedTimer>
 #include <QPlainTextEdit>
-#include <QTest>
 #include <QTextBlock>
 
-#include <cstdio>
-#include <cstdlib>
-#include <string>
+#include <sstream>
 #include <unistd.h>
 
 namespace {
@@ -63,13 +57,10 @@ TEST_F(EditorObject, ButtonsWrapAndZoom) {
   std::string wrapped = fl_get_editor_text(input_);
   EXPECT_GT(std::count(wrapped.begin(), wrapped.end(), '\n'), 3);
   QFontMetrics fm(te_->font());
-  size_t from = 0;
-  while (from < wrapped.size()) {
-    size_t nl = wrapped.find('\n', from);
-    std::string line = wrapped.substr(from, nl - from);
+  std::istringstream lines(wrapped);
+  for (std::string line; std::getline(lines, line);) {
     if (!line.empty() && line.back() == ' ') line.pop_back();
     EXPECT_LT(fm.horizontalAdvance(QString::fromLatin1(line.c_str())), ed_->text_width - 3) << line;
-    from = nl + 1;
   }
   // A stored cursor position of 0 turns the button off.
   ed_->cursor_pos = 0;
@@ -110,7 +101,6 @@ TEST_F(EditorObject, TabGoesToTheNextInputNotToTheButtons) {
   fl_set_focus_object(form_, editor);
   QTest::keyClick(editor->widget, Qt::Key_Tab);
   EXPECT_EQ(fl_get_focus_object(form_), before);
-  fl_hide_form(form_);
 }
 
 TEST_F(EditorObject, PositionFieldAndKeyThrottle) {
@@ -131,8 +121,7 @@ TEST_F(EditorObject, PositionFieldAndKeyThrottle) {
   QTest::qWait(60);
   QElapsedTimer pair;
   pair.start();
-  QTest::keyClick(te_, Qt::Key_Down);
-  QTest::keyClick(te_, Qt::Key_Down);
+  for (int i = 0; i < 2; ++i) QTest::keyClick(te_, Qt::Key_Down);
   // (A machine too busy to send both keys within the 50 ms cannot show the drop.)
   if (pair.elapsed() < 50) {
     EXPECT_EQ(te_->textCursor().blockNumber(), 1);

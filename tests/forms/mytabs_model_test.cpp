@@ -1,19 +1,13 @@
 // The tabbox's data model: title and column syntax, display texts, the index
 // rules of the line operations, selection by type, vertical display and the
 // diagnostics.
-#include "forms/mytabs.h"
-
-#include "forms/forms.h"
-#include "forms/mytabs_draw.h"
 #include "tests/forms/forms_testutil.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-#include <vector>
 
 namespace {
+
+using namespace forms_test;
 
 class TabboxModel : public ::testing::Test {
 protected:
@@ -21,16 +15,10 @@ protected:
     if (form_) fl_free_form(form_);
     if (other_) fl_free_form(other_);
   }
-  FL_OBJECT *make(int type, int w = 500, int h = 200) {
-    if (form_) fl_free_form(form_); // the previous tabbox of the test
-    form_ = fl_begin_form(0, w + 20, h + 20);
-    FL_OBJECT *tb = fl_add_tabbox(type, 10, 10, w, h, "");
-    fl_end_form();
-    return tb;
-  }
+  FL_OBJECT *make(int type, int w = 500, int h = 200) { return tabbox_form(form_, type, w, h); }
   FL_FORM *form_ = nullptr;
   FL_FORM *other_ = nullptr; // a second form of a test
-  forms_test::Capture printed;
+  Capture printed;
 };
 
 // "Name", six blanks, bar, blank, "Ort", four blanks, bar, blank, "Anzahl".
@@ -42,7 +30,7 @@ TEST_F(TabboxModel, TitleDefinesColumns) {
   auto ends = [&](const char *title) {
     fl_set_tabbox_title(tb, title);
     fl_get_tabbox_title(tb); // lays out
-    forms_test::TabboxProps p = forms_test::tabbox_props(tb);
+    TabboxProps p = tabbox_props(tb);
     return std::vector<int>(p.end, p.end + p.nslots);
   };
   EXPECT_EQ(ends(kTitle), (std::vector<int>{0, 10, 19, 28}));
@@ -55,12 +43,12 @@ TEST_F(TabboxModel, TitleDefinesColumns) {
 TEST_F(TabboxModel, DisplayTextsHideReorderAndCut) {
   FL_OBJECT *tb = make(1);
   fl_set_tabbox_title(tb, kTitle);
-  fl_add_tabbox_line(tb, "Schmidt   | Köln   | 12");
-  fl_add_tabbox_line(tb, "Abc       | Ulm    | 7");
+  for (const char *line : {"Schmidt   | Köln   | 12", "Abc       | Ulm    | 7"})
+    fl_add_tabbox_line(tb, line);
   EXPECT_STREQ(fl_get_tabbox_line(tb, 1), "Schmidt   | Köln   | 12");
 
   // The record's own arrays, as the framework's settings change them.
-  forms_test::TabboxProps p = forms_test::tabbox_props(tb);
+  TabboxProps p = tabbox_props(tb);
   int *vis = p.visible, *order = p.order, *colmax = p.colmax;
   auto set_order = [&](std::vector<int> o) { std::copy(o.begin(), o.end(), order); };
   vis[2] = 0;
@@ -95,7 +83,7 @@ TEST_F(TabboxModel, DisplayTextsHideReorderAndCut) {
   hook_calls = 0;
   FL_TABBOX_HOOK old = fl_set_tabbox_settings_hook([](FL_OBJECT *obj) {
     ++hook_calls;
-    forms_test::TabboxProps p = forms_test::tabbox_props(obj);
+    TabboxProps p = tabbox_props(obj);
     EXPECT_TRUE(p.visible[2] == 1 && p.order[1] == 1 && p.colmax[1] == -1) << "reset first";
     p.visible[2] = 0; // reapplied settings hide a column
   });
@@ -253,9 +241,8 @@ TEST_F(TabboxModel, SelectionFollowsTheType) {
 TEST_F(TabboxModel, SortedLinesShowInDisplayOrder) {
   FL_OBJECT *tb = make(1);
   fl_set_tabbox_title(tb, "Name    | Nr");
-  fl_add_tabbox_line(tb, "Ost     | 10");
-  fl_add_tabbox_line(tb, "Ölten   | 9");
-  fl_add_tabbox_line(tb, "Oase    | 10");
+  for (const char *line : {"Ost     | 10", "Ölten   | 9", "Oase    | 10"})
+    fl_add_tabbox_line(tb, line);
   int cols[2] = {2, 1}, dirs[2] = {0, 1};
   fl_set_tabbox_sort(tb, 2, cols, dirs);
   std::vector<std::string> shown;
@@ -301,7 +288,6 @@ TEST_F(TabboxModel, VerticalDisplayTurnsLinesIntoColumns) {
   // Selection works on the companion even though the type is 0.
   fl_select_tabbox_line(tb, 2);
   EXPECT_EQ(fl_isselected_tabbox_line(tb, 2), 1);
-  using forms_test::taken;
   EXPECT_EQ(taken(fl_get_tabbox_vert_attr(tb)), "Ort");
   EXPECT_EQ(taken(fl_get_tabbox_vert_attr_value(tb)), "Köln");
   EXPECT_EQ(taken(fl_get_tabbox_vert_attr_line(tb, 3)), "Anzahl");
@@ -318,9 +304,9 @@ TEST_F(TabboxModel, VerticalDisplayTurnsLinesIntoColumns) {
 
   // Several lines side by side; hidden columns are not shown vertically and
   // fields end where the title's last column ends.
-  fl_add_tabbox_line(tb, "Aachenbach| Ulm    | 7");
-  fl_add_tabbox_line(tb, "Bauer     | Hof    | 1234567890123");
-  forms_test::tabbox_props(tb).visible[2] = 0;
+  for (const char *line : {"Aachenbach| Ulm    | 7", "Bauer     | Hof    | 1234567890123"})
+    fl_add_tabbox_line(tb, line);
+  tabbox_props(tb).visible[2] = 0;
   fl_set_tabbox_vert(tb);
   ASSERT_EQ(mytabs_get_shown_lines(tb), 2);
   EXPECT_EQ(shown(1), "Attribut  | Zeile 1    | Zeile 2    | Zeile 3    / "

@@ -1,16 +1,9 @@
 // The tabbox's field comparison and its sort permutation, checked against a
 // direct transcription of the selection sort with exchanges.
-#include "forms/mytabs.h"
 #include "forms/mytabs_sort.h"
-
-#include "forms/forms.h"
-#include "tests/qt_env.h"
-
-#include <gtest/gtest.h>
+#include "tests/forms/forms_testutil.h"
 
 #include <random>
-#include <string>
-#include <vector>
 
 namespace {
 
@@ -18,15 +11,20 @@ TEST(TabboxCompare, NumbersAndTexts) {
   struct {
     const char *a, *b;
     int result;
-  } cases[] = {
-      {"9", "10", -1}, {"-3", "2", -1}, {"2.5", "2.25", 1},
-      {"1,5", "1", 0}, // a comma ends the conversion: 1,5 is a number but counts as 1
-      {"", "0", 0},
-      // Not both numbers: compared as texts.
-      {"9", "1a", 1}, {"abc", "ABC", 0}, {"Oase", "Ölten", -1}, {"Über", "Uber", 0},
-      {"äpfel", "Apfel", -1}, // lower-case umlauts are negative bytes: before ASCII
-      {"ab", "abc", -1}, {"abcdefghij", "abcdefghik", -1},
-      {"ABCDEFGHIJ", "abcdefghij", 0}};
+  } cases[] = {{"9", "10", -1},
+               {"-3", "2", -1},
+               {"2.5", "2.25", 1},
+               {"1,5", "1", 0}, // a comma ends the conversion: 1,5 is a number but counts as 1
+               {"", "0", 0},
+               // Not both numbers: compared as texts.
+               {"9", "1a", 1},
+               {"abc", "ABC", 0},
+               {"Oase", "Ölten", -1},
+               {"Über", "Uber", 0},
+               {"äpfel", "Apfel", -1}, // lower-case umlauts are negative bytes: before ASCII
+               {"ab", "abc", -1},
+               {"abcdefghij", "abcdefghik", -1},
+               {"ABCDEFGHIJ", "abcdefghij", 0}};
   for (auto &c : cases) EXPECT_EQ(tabbox_compare_fields(c.a, c.b), c.result) << c.a << " " << c.b;
   EXPECT_EQ(tabbox_is_number(""), 1);
   EXPECT_EQ(tabbox_is_number("1.2.3"), 0);
@@ -47,11 +45,8 @@ template <class Cmp> std::vector<int> selection_sort(int n, Cmp cmp) {
 }
 
 TEST(TabboxSortLines, PermutationMatchesSelectionSort) {
-  struct Form { // each round's tabbox on a form of its own, freed after it
-    FL_FORM *form = nullptr;
-    ~Form() { fl_free_form(form); }
-  };
   std::mt19937 rng(11);
+  FL_FORM *form = nullptr; // each round's tabbox on a form of its own
   // The text column holds texts only, the number column numbers only (the
   // empty field is a number): those sort by ranks. The third column mixes
   // both.
@@ -59,9 +54,7 @@ TEST(TabboxSortLines, PermutationMatchesSelectionSort) {
                          "äpfel", "ABCDEFGHIJ", "b",     "abcdefghiJ "};
   const char *numbers[] = {"9", "10", "-1", "1,5", "1", "", "0.5", "10"};
   for (int round = 0; round < 60; ++round) {
-    Form f{fl_begin_form(0, 300, 200)};
-    FL_OBJECT *tb = fl_add_tabbox(1, 0, 0, 300, 200, "");
-    fl_end_form();
+    FL_OBJECT *tb = forms_test::tabbox_form(form, 1, 280, 180);
     fl_set_tabbox_title(tb, "Text         | Zahl  | Gemischt");
     int n = static_cast<int>(rng() % 400) + 2;
     std::vector<std::string> lines;
@@ -94,6 +87,7 @@ TEST(TabboxSortLines, PermutationMatchesSelectionSort) {
     for (int raw : selection_sort(n, cmp)) expected.push_back(lines[raw]);
     ASSERT_EQ(shown, expected) << "round " << round;
   }
+  fl_free_form(form);
 }
 
 } // namespace

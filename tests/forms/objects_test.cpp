@@ -1,27 +1,18 @@
 // Forms, objects and the keyboard filter, driven with real widgets and keys.
-#include "tests/forms/forms_testutil.h"
-
 #include "forms/draw.h"
 #include "forms/entry.h"
-#include "forms/forms.h"
 #include "forms/keyfilter.h"
+#include "tests/forms/forms_testutil.h"
 
-#include <QApplication>
 #include <QLineEdit>
 #include <QPlainTextEdit>
-#include <QTest>
-
-#include <string>
-#include <vector>
 
 namespace {
 
 std::vector<std::pair<FL_OBJECT *, long>> g_calls;
 void record_call(FL_OBJECT *obj, long arg) { g_calls.emplace_back(obj, arg); }
 int count_calls(FL_OBJECT *obj) {
-  int n = 0;
-  for (auto &c : g_calls) n += c.first == obj;
-  return n;
+  return std::count_if(g_calls.begin(), g_calls.end(), [&](auto &c) { return c.first == obj; });
 }
 
 class FormsTest : public ::testing::Test {
@@ -277,10 +268,7 @@ TEST_F(FormsTest, EscapeAsksTheCloseHandlerAndModifiersReachTheRawHandler) {
   g_close_calls = 0;
 
   // Shift and Control are heard once when pressed and once when released.
-  for (Qt::Key k : {Qt::Key_Shift, Qt::Key_Control}) {
-    QTest::keyPress(in->widget, k);
-    QTest::keyRelease(in->widget, k);
-  }
+  for (Qt::Key k : {Qt::Key_Shift, Qt::Key_Control}) QTest::keyClick(in->widget, k);
   EXPECT_EQ(seen, (std::vector<std::pair<int, int>>{{160, 0}, {160, 1}, {162, 0}, {162, 1}}));
 
   g_close_answer = -1;
@@ -363,8 +351,7 @@ TEST_F(FormsTest, ReportingModesDecideWhenTheInputCallbackRuns) {
   FL_OBJECT *multi = fl_add_input(FL_MULTILINE_INPUT, 80, 70, 100, 60, "C ");
   FL_OBJECT *button = fl_add_button(FL_NORMAL_BUTTON, 200, 140, 60, 21, "OK");
   fl_end_form();
-  fl_set_object_callback(in, record_call, 0);
-  fl_set_object_callback(multi, record_call, 0);
+  for (FL_OBJECT *o : {in, multi}) fl_set_object_callback(o, record_call, 0);
   fl_set_input_maxchars(in, 5); // also sets mode 1
   EXPECT_EQ(in->how_return, FL_RETURN_CHANGED);
   show(in);
@@ -386,8 +373,7 @@ TEST_F(FormsTest, ReportingModesDecideWhenTheInputCallbackRuns) {
   // Mode 0: every Return reports, changed or not; leaving does not.
   fl_set_input_return(in, FL_RETURN_ALWAYS);
   fl_set_focus_object(form, in);
-  QTest::keyClick(in->widget, Qt::Key_Return);
-  QTest::keyClick(in->widget, Qt::Key_Return);
+  for (int i = 0; i < 2; ++i) QTest::keyClick(in->widget, Qt::Key_Return);
   EXPECT_EQ(count_calls(in), 4);
   QTest::keyClicks(in->widget, "x");
   QTest::keyClick(in->widget, Qt::Key_Tab);

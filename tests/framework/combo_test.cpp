@@ -2,8 +2,6 @@
 // list and the field driven by real clicks and keys, and the fatal misuses.
 // Key-directory and database fills are tested only on their warning paths
 // (a disabled session): no server runs in this suite.
-#include "framework/combo.h"
-
 #include "db/access/session.h"
 #include "framework/focus.h"
 #include "tests/framework/framework_testutil.h"
@@ -12,7 +10,7 @@
 
 namespace {
 
-using zqtest::messages;
+using namespace zqtest;
 using Strings = std::vector<std::string>;
 
 int g_changes = 0;
@@ -22,7 +20,7 @@ void on_change(FL_OBJECT *obj, long) {
   g_changed_code = myfl_get_cmb_code(obj);
 }
 
-class Combo : public zqtest::FormTest {
+class Combo : public FormTest {
 protected:
   void SetUp() override {
     FormTest::SetUp();
@@ -116,7 +114,6 @@ TEST_F(Combo, ListButtonOpensEntriesAndAClickChooses) {
   QApplication::processEvents();
   EXPECT_EQ(myfl_cmb_list(), nullptr);
   EXPECT_EQ(g_changes, 2);
-  fl_hide_form(form_);
 }
 
 TEST_F(Combo, TypedTextAndArrowKeysChooseEntries) {
@@ -129,17 +126,14 @@ TEST_F(Combo, TypedTextAndArrowKeysChooseEntries) {
   QTest::keyClick(input_->widget, Qt::Key_Return);
   EXPECT_STREQ(fl_get_input(input_), "Berlin") << "a beginning is completed, letters case-blind";
   EXPECT_EQ(g_changed_code, "B");
-  QTest::keyClick(input_->widget, Qt::Key_Down);
-  QTest::keyClick(input_->widget, Qt::Key_Down);
+  for (int i = 0; i < 2; ++i) QTest::keyClick(input_->widget, Qt::Key_Down);
   EXPECT_EQ(g_changed_code, "C") << "the last entry stays";
-  QTest::keyClick(input_->widget, Qt::Key_Up);
-  QTest::keyClick(input_->widget, Qt::Key_Up);
+  for (int i = 0; i < 2; ++i) QTest::keyClick(input_->widget, Qt::Key_Up);
   EXPECT_STREQ(fl_get_input(input_), "Aachen");
   fl_set_input(input_, "");
   QTest::keyClicks(input_->widget, "Xanten");
   QTest::keyClick(input_->widget, Qt::Key_Return);
   EXPECT_STREQ(fl_get_input(input_), "Aachen") << "an unknown text shows the choice again";
-  fl_hide_form(form_);
 }
 
 TEST_F(Combo, DependentComboOffersOnlyEntriesOfTheSuperordinateCode) {

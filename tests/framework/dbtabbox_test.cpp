@@ -3,17 +3,14 @@
 // hooks (with a record-producing table that needs no server, and with a
 // SELECT and an UPDATE on a real TAVRIN server), and the fatal programming
 // errors.
-#include "framework/dbtabbox.h"
-#include "framework/tabset.h"
-
 #include "base/valstr.h"
 #include "db/access/session.h"
+#include "framework/tabset.h"
 #include "tests/framework/framework_testutil.h"
 
 namespace {
 
-using zqtest::messages;
-using V = std::vector<int>;
+using namespace zqtest;
 
 struct Rec {
   int32_t size;
@@ -33,14 +30,24 @@ int id_of(const void *r) { return static_cast<const Rec *>(r)->id; }
 
 const char *title_nr_name(FL_OBJECT *) { return "Nr,Name"; }
 
-// A table of records for the loader: first/next walk the array.
+// A table of records for the loader: first/next walk the array. With a
+// statement, first fills it from the answer (id and city) on the server.
 struct Table {
   std::vector<Rec> rows;
   size_t pos = 0;
+  std::string sql;
 };
-int first_rec(void *t, DBSESSION *) {
+int first_rec(void *t, DBSESSION *s) {
   Table *tab = static_cast<Table *>(t);
   tab->pos = 0;
+  DBRESULT *r = nullptr;
+  int outcome = 0;
+  if (!tab->sql.empty() && dbexec1(s, tab->sql.c_str(), &r, &outcome) && outcome == DBOUT_TUPLES)
+    for (int row = 0; row < dbntuples(s, r); ++row) {
+      tab->rows.push_back({sizeof(Rec), std::atoi(dbgetvalue(s, r, row, 0)), {}});
+      std::snprintf(tab->rows.back().name, sizeof(Rec::name), "%s", dbgetvalue(s, r, row, 1));
+    }
+  dbclear(s, r);
   return tab->rows.empty() ? 0 : 1;
 }
 int next_rec(void *t, DBSESSION *, void *record) {
@@ -59,15 +66,13 @@ const char *rec_line(DBSESSION *, void *record, int) {
   return text.c_str();
 }
 
-class DbTabbox : public zqtest::FormTest {
+class DbTabbox : public FormTest {
 protected:
   void SetUp() override {
     FormTest::SetUp();
     g_decimals.clear();
     myfl_install_tabbox_settings();
-    form_ = fl_begin_form(0, 420, 260);
-    tb_ = fl_add_tabbox(2, 10, 10, 400, 240, "");
-    fl_end_form();
+    tb_ = tabbox_form(form_, 2, 400, 240);
     db_reset_depth_for_test();
     session_.disabled = 1; // every statement succeeds without rows
   }
@@ -107,9 +112,8 @@ TEST_F(DbTabbox, FieldsAreSplitAtCommasOutsideQuotes) {
 TEST_F(DbTabbox, LinesArePaddedToTheWidestField) {
   ASSERT_EQ(myfl_init_tabbox(form_, tb_, "Liste", title_nr_name, nullptr), 1);
   EXPECT_EQ(std::string(fl_get_tabbox_full_title(tb_)), "Nr | Name");
-  myfl_addto_tabbox_line(tb_, "1,Anna", nullptr);
-  myfl_addto_tabbox_line(tb_, "22,\"Bernhard, B.\"", nullptr);
-  myfl_addto_tabbox_line(tb_, "3", nullptr);
+  for (const char *line : {"1,Anna", "22,\"Bernhard, B.\"", "3"})
+    myfl_addto_tabbox_line(tb_, line, nullptr);
   EXPECT_THAT(messages(),
               testing::HasSubstr("(addto_tabbox_line) Line is invalid (only 1 of 2 cols)\n"));
   EXPECT_EQ(std::string(fl_get_tabbox_full_title(tb_)), "Nr | Name        ");
@@ -125,8 +129,7 @@ TEST_F(DbTabbox, LinesArePaddedToTheWidestField) {
   const int real[] = {9, 11};
   myfl_set_tabbox_data_def_types(tb_, 2, real);
   fl_set_tabbox_comma(tb_, 2);
-  myfl_addto_tabbox_line(tb_, "3.14159,Pi", nullptr);
-  myfl_addto_tabbox_line(tb_, "-,kein Wert", nullptr);
+  for (const char *line : {"3.14159,Pi", "-,kein Wert"}) myfl_addto_tabbox_line(tb_, line, nullptr);
   EXPECT_EQ(field(4, 1), "3.14");
   EXPECT_EQ(field(5, 1), "-");
   myfl_delete_tabbox_line(tb_); // nothing selected: nothing deleted
@@ -420,29 +423,6 @@ TEST_F(DbTabbox, ProgrammingErrorsEndTheProgram) {
                myfl_load_db_tabbox(&session_, tb_, rec_line, first_rec, next_rec, &t));
 }
 
-// The loader's table on a real server: the answer of one SELECT of id and
-// city, walked row by row into the records.
-struct Query {
-  std::string sql;
-  DBRESULT *result = nullptr;
-  int row = 0;
-};
-int first_row(void *t, DBSESSION *s) {
-  Query *q = static_cast<Query *>(t);
-  int outcome = 0;
-  q->row = 0;
-  if (!dbexec1(s, q->sql.c_str(), &q->result, &outcome) || outcome != DBOUT_TUPLES) return 0;
-  return dbntuples(s, q->result) > 0;
-}
-int next_row(void *t, DBSESSION *s, void *record) {
-  Query *q = static_cast<Query *>(t);
-  if (!q->result || q->row >= dbntuples(s, q->result)) return 0;
-  Rec *r = static_cast<Rec *>(record);
-  r->id = std::atoi(dbgetvalue(s, q->result, q->row, 0));
-  std::snprintf(r->name, sizeof r->name, "%s", dbgetvalue(s, q->result, q->row, 1));
-  ++q->row;
-  return 1;
-}
 // The save hook: the city of the record written back.
 int save_city(DBSESSION *s, void *record) {
   std::string set = "ORT = 'Neustadt' WHERE KUNDE_ID = " + std::to_string(id_of(record));
@@ -454,16 +434,15 @@ int save_city(DBSESSION *s, void *record) {
 }
 
 TEST_F(DbTabbox, LoadsFromAServerAndSavesThroughTheHook) {
-  tavrind_fixture::Server *server = zqtest::test_server();
+  tavrind_fixture::Server *server = test_server();
   if (!server) GTEST_SKIP() << "no TAVRIN server could be started";
   setenv("TAVRIN_NAMESPACE", server->ns().c_str(), 1);
   DBSESSION *s = nullptr;
   ASSERT_EQ(dbinit(&s, "DBSQL/demo"), 1);
   init_db("Kunden", nullptr, save_city);
   auto load = [&](const char *sql) {
-    Query q{sql};
-    int ok = myfl_load_db_tabbox(s, tb_, rec_line, first_row, next_row, &q);
-    dbclear(s, q.result);
+    Table t{{}, 0, sql};
+    int ok = myfl_load_db_tabbox(s, tb_, rec_line, first_rec, next_rec, &t);
     EXPECT_EQ(db_depth(), 0) << sql;
     return ok;
   };

@@ -6,14 +6,14 @@
 
 namespace {
 
-using zqtest::messages;
+using namespace zqtest;
 
 int g_dblclicks = 0;
 void on_dblclick(FL_OBJECT *, long) { ++g_dblclicks; }
 int g_input_reports = 0;
 void on_input(FL_OBJECT *, long) { ++g_input_reports; }
 
-class Focus : public zqtest::FormTest {
+class Focus : public FormTest {
 protected:
   void SetUp() override {
     FormTest::SetUp();
@@ -66,7 +66,6 @@ TEST_F(Focus, TabVisitsEveryObjectInReadingOrder) {
     EXPECT_EQ(myfl_set_focus_next(form_), 1);
     EXPECT_EQ(fl_get_focus_object(form_), b_);
   }
-  fl_hide_form(form_);
 }
 
 TEST_F(Focus, FirstObjectOnlyAndTheNextInputSearch) {
@@ -88,7 +87,6 @@ TEST_F(Focus, FirstObjectOnlyAndTheNextInputSearch) {
   EXPECT_EQ(fl_get_focus_object(form_), a_);
   for (FL_OBJECT *input : {a_, b_, multi_}) fl_deactivate_object(input);
   EXPECT_EQ(myfl_focus_next_input(form_, a_), 0);
-  myfl_hide_form(form_);
 }
 
 TEST_F(Focus, NavigationKeysReachTheControlTabbox) {
@@ -97,9 +95,7 @@ TEST_F(Focus, NavigationKeysReachTheControlTabbox) {
   show_and_activate(form_);
   fl_set_focus_object(form_, a_);
   QWidget *w = a_->widget;
-  QTest::keyClick(w, Qt::Key_Down);
-  QTest::keyClick(w, Qt::Key_Down);
-  QTest::keyClick(w, Qt::Key_Up);
+  for (Qt::Key k : {Qt::Key_Down, Qt::Key_Down, Qt::Key_Up}) QTest::keyClick(w, k);
   EXPECT_EQ(fl_get_tabbox(tabbox_), 1) << "Down and Up in an input move the tabbox selection";
 
   QTest::keyClicks(w, "abc");
@@ -141,7 +137,6 @@ TEST_F(Focus, NavigationKeysReachTheControlTabbox) {
   EXPECT_EQ(myfl_get_modifier(FL_KEY_SHIFT), 1);
   QTest::keyRelease(multi_->widget, Qt::Key_Shift);
   EXPECT_EQ(myfl_get_modifier(FL_KEY_SHIFT), 0);
-  fl_hide_form(form_);
 }
 
 TEST_F(Focus, MissingRecordsAndDefinitions) {

@@ -4,44 +4,24 @@
 // and frees its form, and the one TAVRIN server of a test program.
 #pragma once
 
-#include "base/msg.h"
-#include "forms/dialogs.h"
-#include "forms/forms.h"
-#include "forms/mytabs.h"
+#include "base/ini.h"
 #include "framework/combo.h"
 #include "framework/dbtabbox.h"
 #include "framework/fields.h"
 #include "framework/help.h"
 #include "framework/place.h"
 #include "tests/access/tavrind_fixture.h"
-#include "tests/forms/forms_testutil.h"
-#include "tests/qt_env.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <unistd.h>
+#include "tests/forms/forms_testutil.h" // last: it includes Qt
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
-
-// Qt after every header of the toolkit: its "slots" keyword would clash with
-// the tabbox record's field. A test includes this header last.
-#include <QApplication>
-#include <QTest>
-#include <QWidget>
+#include <iterator>
 
 namespace zqtest {
 
-using forms_test::tabbox_props;
+using namespace forms_test;
 
 // What the program reported through its message handler.
 inline std::string &messages() {
@@ -53,9 +33,7 @@ inline void to_stderr(const char *text) { std::fputs(text, stderr); }
 
 inline std::string slurp(const std::filesystem::path &file) {
   std::ifstream in(file, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 inline void write_file(const std::filesystem::path &file, const std::string &text) {
   std::ofstream(file, std::ios::binary) << text;
@@ -129,6 +107,11 @@ protected:
     std::filesystem::current_path(old_cwd_);
     std::filesystem::remove_all(dir_);
     test_folder().clear();
+  }
+  // The line of the key in the application's INI file; "" when there is none.
+  std::string ini_line(const char *key) {
+    const char *l = INI_GetLine(appl_, key);
+    return l ? l : "";
   }
   std::filesystem::path dir_;
   FL_FORM *form_ = nullptr;

@@ -1,16 +1,13 @@
 // The help system: the help file's sections (reading, replacing, appending),
 // the tag check, the display texts, and the help dialog driven by F1 and its
 // buttons, with the external editor replaced by a shell command.
-#include "framework/help.h"
 #include "tests/framework/framework_testutil.h"
 
 namespace {
 
-using zqtest::messages;
-using zqtest::slurp;
-using zqtest::write_file;
+using namespace zqtest;
 
-class Help : public zqtest::FormTest {
+class Help : public FormTest {
 protected:
   Help() : FormTest("helptest") {}
 };
@@ -115,7 +112,8 @@ TEST_F(HelpDialog, MissingHelpFileIsNamedWithWhereItWasLookedFor) {
   EXPECT_EQ(fl_seam_shown().back().title, "Warnung");
   EXPECT_THAT(fl_seam_shown().back().text,
               testing::StartsWith("Hilfedatei 'helptest.hlp' nicht gefunden\nGesucht im "
-                                  "Arbeitsordner " + std::filesystem::current_path().string()));
+                                  "Arbeitsordner " +
+                                  std::filesystem::current_path().string()));
 }
 
 TEST_F(HelpDialog, F1ShowsTheTextAndEditingSavesIt) {
@@ -163,7 +161,6 @@ TEST_F(HelpDialog, F1ShowsTheTextAndEditingSavesIt) {
   EXPECT_FALSE(d_->form->window->isVisible());
   EXPECT_THAT(slurp("helptest.ini"), testing::HasSubstr("[Hilfedialog_XY]"))
       << "the dialog's position is kept";
-  fl_hide_form(form_);
 }
 
 TEST_F(HelpDialog, ExternalEditorWorksOnTheTemporaryFile) {

@@ -1,15 +1,13 @@
 // Form information and placement: positions kept in the INI file across
 // show/hide cycles, pulled back onto the screen, names and numbers, and the
 // fatal misuses.
-#include "framework/place.h"
-
-#include "base/ini.h"
-#include "framework/help.h"
 #include "tests/framework/framework_testutil.h"
 
 namespace {
 
-class Place : public zqtest::FormTest {
+using namespace zqtest;
+
+class Place : public FormTest {
 protected:
   Place() : FormTest("placetest") {}
   void SetUp() override {
@@ -17,10 +15,6 @@ protected:
     form_ = fl_begin_form(0, 200, 100);
     input_ = fl_add_input(FL_NORMAL_INPUT, 60, 10, 100, 24, "In");
     fl_end_form();
-  }
-  std::string ini_line(const char *key) {
-    const char *l = INI_GetLine("placetest", key);
-    return l ? l : "";
   }
   // Shows the form under a stored position line and returns where it went.
   std::pair<int, int> shown_at(const char *line) {
@@ -118,7 +112,6 @@ TEST_F(Place, NamesFallBackToTheHelpKeyAndModifiersClearOnShow) {
   myfl_set_modifier(FL_KEY_SHIFT, 1);
   myfl_show_form(form_, "Named");
   EXPECT_EQ(myfl_get_modifier(FL_KEY_SHIFT), 0);
-  fl_hide_form(form_);
 }
 
 int refuse(FL_FORM *, void *) { return -1; }

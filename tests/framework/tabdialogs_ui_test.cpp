@@ -2,28 +2,21 @@
 // popup and keys, driven with clicks and typing, boxes answered through the
 // seam. Export text and file, the settings dialog written to the settings
 // line, the sort dialog, the viewer and the zoom editor.
+#include "forms/editor.h"
 #include "framework/tabdialogs.h"
-#include "framework/dbtabbox.h"
 #include "framework/tabexport.h"
 #include "framework/tabset.h"
-
-#include "base/ini.h"
-#include "forms/editor.h"
-#include "forms/mytabs_draw.h"
 #include "tests/framework/framework_testutil.h"
 
 #include <QClipboard>
-#include <QGuiApplication>
 
 namespace {
 
-using zqtest::messages;
-using zqtest::slurp;
-using V = std::vector<int>;
+using namespace zqtest;
 
 const char *title_fn(FL_OBJECT *) { return "Name,Wert,Ort"; }
 
-class TabDialogs : public zqtest::FormTest {
+class TabDialogs : public FormTest {
 protected:
   void SetUp() override {
     FormTest::SetUp();
@@ -37,10 +30,8 @@ protected:
   }
   // A managed tabbox of the type with the lines (by default three), shown.
   void make(int type, std::vector<const char *> lines = {"Anna,1.5,Köln", "\"B\tC\",1.2.3,a.b",
-                                                          "Dora,-7,Ulm"}) {
-    form_ = fl_begin_form(0, 420, 260);
-    tb_ = fl_add_tabbox(type, 10, 10, 400, 240, "");
-    fl_end_form();
+                                                         "Dora,-7,Ulm"}) {
+    tb_ = tabbox_form(form_, type, 400, 240);
     myfl_init_tabbox(form_, tb_, "Liste", title_fn, nullptr);
     for (const char *line : lines) myfl_addto_tabbox_line(tb_, line, nullptr);
     show_and_activate(form_);
@@ -48,19 +39,12 @@ protected:
   }
   void popup(int item) {
     fl_seam_queue_popup(item);
-    int cw, ch;
-    tabbox_char_size(tb_, &cw, &ch);
-    QTest::mouseClick(tb_->widget, Qt::RightButton, {}, QPoint(30, tabbox_list_y(tb_) + ch / 2));
+    QTest::mouseClick(tb_->widget, Qt::RightButton, {}, line_point(tb_, 0));
   }
   void click(FL_OBJECT *button) { QTest::mouseClick(button->widget, Qt::LeftButton); }
   void type_into(FL_OBJECT *input, const char *text) {
     fl_set_input(input, "");
     QTest::keyClicks(input->widget, QString::fromLatin1(text));
-  }
-  // The settings line of the tabbox (the file also holds dialog places).
-  std::string setting() {
-    const char *l = INI_GetLine("app", "Liste");
-    return l ? l : "";
   }
   std::string last_box() { return fl_seam_shown().empty() ? "" : fl_seam_shown().back().text; }
   MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
@@ -75,7 +59,7 @@ TEST_F(TabDialogs, ExportTextTurnsPlainNumbersToCommas) {
                   "B_C\t1.2.3\ta.b\n"
                   "Dora\t-7\tUlm\n");
   // Only the shown columns, in display order.
-  auto p = zqtest::tabbox_props(tb_);
+  auto p = tabbox_props(tb_);
   std::copy_n(V{0, 3, 1, 2}.begin(), 4, p.order);
   p.visible[2] = 0;
   ASSERT_EQ(myfl_export_tabbox_text(tb_, 0, &text, &error), 1);
@@ -86,9 +70,8 @@ TEST_F(TabDialogs, ExportTextTurnsPlainNumbersToCommas) {
   EXPECT_EQ(myfl_export_filename("x.csv"), "x.csv");
 
   // A tabbox without a title has no consistent columns.
-  FL_FORM *f = fl_begin_form(0, 100, 100);
-  FL_OBJECT *bare = fl_add_tabbox(1, 0, 0, 100, 100, "");
-  fl_end_form();
+  FL_FORM *f = nullptr;
+  FL_OBJECT *bare = tabbox_form(f, 1, 80, 80);
   EXPECT_EQ(myfl_export_tabbox_text(bare, 1, &text, &error), 0);
   EXPECT_EQ(error, "Es ist ein Fehler aufgetreten (Tabellenanzahl inkonsistent)");
   // Only trailing blanks are cut: a right-aligned number stays as it is.
@@ -137,28 +120,6 @@ TEST_F(TabDialogs, ExportDialogWritesAndAsksBeforeOverwriting) {
   EXPECT_EQ(messages(), "Export-Tabbox-Dialog bereits geschlossen\n");
 }
 
-// Records of an RFC 4180 text: fields split at `sep` outside quotes, ""
-// inside quotes one quote, records ended by CR LF.
-std::vector<std::vector<std::string>> parse_csv(const std::string &t, char sep) {
-  std::vector<std::vector<std::string>> records(1, std::vector<std::string>(1));
-  bool quoted = false;
-  for (size_t i = 0; i < t.size(); ++i) {
-    char c = t[i];
-    if (quoted && c == '"' && i + 1 < t.size() && t[i + 1] == '"')
-      records.back().back() += t[++i];
-    else if (c == '"')
-      quoted = !quoted;
-    else if (!quoted && c == sep)
-      records.back().emplace_back();
-    else if (!quoted && c == '\r' && i + 1 < t.size() && t[i + 1] == '\n' && ++i)
-      records.emplace_back(1);
-    else
-      records.back().back() += c;
-  }
-  records.pop_back(); // after the last CR LF
-  return records;
-}
-
 TEST_F(TabDialogs, CsvExportReadsBackAndCtrlCCopiesTheSelection) {
   // Quotes, both separators, a line feed, blanks around a value, umlauts
   // (Latin-1 in the tabbox), numbers.
@@ -167,26 +128,27 @@ TEST_F(TabDialogs, CsvExportReadsBackAndCtrlCCopiesTheSelection) {
 
   std::string text, error;
   ASSERT_EQ(myfl_export_tabbox_csv(tb_, 1, ';', ',', &text, &error), 1) << error;
-  std::vector<std::vector<std::string>> want = {{"Name", "Wert", "Ort"},
-                                                {"Anna \"A\"; K\xC3\xB6ln, S\xC3\xBC"
-                                                 "d",
-                                                 "1,5", "Zeile1\nZeile2"},
-                                                {" Bea ", "-7", ""},
-                                                {"Cem", "12,25", "Ulm"}};
-  EXPECT_EQ(parse_csv(text, ';'), want) << text;
+  // RFC 4180 in UTF-8: quoted where a field holds the separator, a quote or a
+  // line feed, a quote inside doubled, records ended by CR LF.
+  EXPECT_EQ(text, "Name;Wert;Ort\r\n"
+                  "\"Anna \"\"A\"\"; K\xC3\xB6ln, S\xC3\xBC"
+                  "d\";1,5;\"Zeile1\nZeile2\"\r\n"
+                  " Bea ;-7;\r\n"
+                  "Cem;12,25;Ulm\r\n");
   // With "," between fields and "." as the decimal point the values stay.
   ASSERT_EQ(myfl_export_tabbox_csv(tb_, 1, ',', '.', &text, &error), 1);
-  want[1][1] = "1.5";
-  want[3][1] = "12.25";
-  EXPECT_EQ(parse_csv(text, ','), want) << text;
+  EXPECT_EQ(text, "Name,Wert,Ort\r\n"
+                  "\"Anna \"\"A\"\"; K\xC3\xB6ln, S\xC3\xBC"
+                  "d\",1.5,\"Zeile1\nZeile2\"\r\n"
+                  " Bea ,-7,\r\n"
+                  "Cem,12.25,Ulm\r\n");
   EXPECT_EQ(myfl_export_tabbox_csv(tb_, 1, '"', ',', &text, &error), 0);
 
   // Ctrl+C: the title and the selected lines in display order (sorted by
   // name, descending), TAB-separated, line feeds inside values as blanks.
   int col = 1, dir = 0;
   fl_set_tabbox_sort(tb_, 1, &col, &dir);
-  fl_select_tabbox_line(tb_, 1);
-  fl_select_tabbox_line(tb_, 3);
+  for (int line : {1, 3}) fl_select_tabbox_line(tb_, line);
   QGuiApplication::clipboard()->clear();
   QTest::keyClick(tb_->widget, Qt::Key_C, Qt::ControlModifier);
   EXPECT_EQ(QGuiApplication::clipboard()->text().toLatin1().toStdString(),
@@ -223,7 +185,8 @@ TEST_F(TabDialogs, SettingsDialogWritesTheSettingsLine) {
   click(d.set_ok);
   EXPECT_FALSE(d.settings->visible);
   EXPECT_EQ(last_box(), "Nachkommastellen werden erst nach Neubefüllung berücksichtigt!");
-  EXPECT_EQ(setting(), "[Liste] v 0 4 1 3 -1 1d 3m " + myfl_tabbox_columns_token(tb_) + " \n");
+  EXPECT_EQ(ini_line("Liste"),
+            "[Liste] v 0 4 1 3 -1 1d 3m " + myfl_tabbox_columns_token(tb_) + " \n");
   EXPECT_EQ(fl_get_tabbox_vert(tb_), 1);
   EXPECT_EQ(fl_get_tabbox_comma(tb_), 2);
   // The tabbox was refreshed with the stored settings.
@@ -253,7 +216,7 @@ TEST_F(TabDialogs, SortDialogSetsAndStoresTheKeys) {
   EXPECT_EQ(fl_get_listbox_maxline(d.sort_keys), 2);
   click(d.sort_ok);
   EXPECT_FALSE(d.sort->visible);
-  EXPECT_EQ(setting(), "[Liste] 0 4 1 2 3 3u 1u " + myfl_tabbox_columns_token(tb_) + " \n");
+  EXPECT_EQ(ini_line("Liste"), "[Liste] 0 4 1 2 3 3u 1u " + myfl_tabbox_columns_token(tb_) + " \n");
   fl_layout_tabbox(tb_);
   EXPECT_THAT(std::string(fl_get_tabbox_full_line(tb_, 1)), testing::StartsWith("B\tC "));
   myfl_close_tabbox_sort();
@@ -264,15 +227,13 @@ TEST_F(TabDialogs, ASortBelongsToItsColumnsAndFollowsTitleClicks) {
   make(2);
   const std::string title = fl_get_tabbox_full_title(tb_);
   auto sort_of = [&] {
-    auto p = zqtest::tabbox_props(tb_);
+    auto p = tabbox_props(tb_);
     std::string keys;
     for (int i = 0; i < p.nsort; ++i) keys += std::to_string(p.cols[i]) + (p.dirs[i] ? "u" : "d");
     return keys;
   };
   // A click on the title of "Name" sorts by it, again descending, then off.
-  int cw, ch;
-  tabbox_char_size(tb_, &cw, &ch);
-  QPoint on_name(tabbox_text_x(tb_) + cw / 2, ch / 2 + 2);
+  const QPoint on_name = title_cell(tb_, 0);
   QTest::mouseClick(tb_->widget, Qt::LeftButton, {}, on_name);
   EXPECT_EQ(sort_of(), "1u");
   QTest::mouseClick(tb_->widget, Qt::LeftButton, {}, on_name);
@@ -304,7 +265,6 @@ TEST_F(TabDialogs, ViewerShowsTheSelectedLine) {
   FL_OBJECT *v = d.viewer_tabbox;
   EXPECT_EQ(fl_get_tabbox_vert(v), 1);
   EXPECT_EQ(fl_get_tabbox(v), 1) << "the first attribute line is selected";
-  using forms_test::taken;
   EXPECT_EQ(taken(fl_get_tabbox_vert_attr_line(v, 2)), "Wert");
   EXPECT_EQ(taken(fl_get_tabbox_vert_attr_line_value(v, 2)), "-7");
   click(d.viewer_close);

@@ -2,45 +2,37 @@
 // the settings hook when the title is set (more or fewer columns than saved,
 // bad tokens), the no-settings registration, and the width edits made by a
 // drag in the title line and by "Spalten optimieren" on the real widget.
-#include "framework/dbtabbox.h"
 #include "framework/tabset.h"
-
-#include "base/ini.h"
-#include "forms/mytabs_draw.h"
 #include "tests/framework/framework_testutil.h"
 
 namespace {
 
-using zqtest::messages;
-using V = std::vector<int>;
+using namespace zqtest;
 
 std::string g_title;
 const char *title_fn(FL_OBJECT *) { return g_title.c_str(); }
 
-class TabSet : public zqtest::FormTest {
+class TabSet : public FormTest {
 protected:
   void SetUp() override {
     FormTest::SetUp();
     g_title = "Name,Ort,Anzahl";
     myfl_install_tabbox_settings();
-    form_ = fl_begin_form(0, 420, 260);
-    tb_ = fl_add_tabbox(0, 10, 10, 400, 240, "");
-    fl_end_form();
+    tb_ = tabbox_form(form_, 0, 400, 240);
   }
-  std::string ini() { return zqtest::slurp("app.ini"); }
+  std::string ini() { return slurp("app.ini"); }
   void put(const char *key, const char *line) { INI_PutLine("app", key, line); }
   void reg(const char *name) {
     myfl_init_tabbox(form_, tb_, name, title_fn, nullptr);
     myfl_addto_tabbox_line(tb_, "Anna,Köln,3", nullptr);
     myfl_addto_tabbox_line(tb_, "Bernhard Maximilian,Ulm,12", nullptr);
   }
-  forms_test::TabboxProps props() { return zqtest::tabbox_props(tb_); }
 };
 
 TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
   reg("Kunden");
   myfl_set_tabbox_tablenr(tb_, 2);
-  auto p = props();
+  auto p = tabbox_props(tb_);
   ASSERT_EQ(p.nslots, 4);
   std::copy_n(V{3, 1, -1}.begin(), 3, p.order + 1);
   p.visible[2] = 0;
@@ -66,7 +58,7 @@ TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
   myfl_draw_tabbox(tb_);
   EXPECT_EQ(fl_get_tabbox_vert(tb_), 1);
   EXPECT_THAT(std::string(fl_get_tabbox_full_title(tb_)), testing::StartsWith("KD_NAME"));
-  EXPECT_EQ(props().nsort, 0);
+  EXPECT_EQ(tabbox_props(tb_).nsort, 0);
   const std::string token = myfl_tabbox_columns_token(tb_);
   put("Kunden_2", ("[Kunden_2] v 1 4 1 2 3 2d 7m " + token + " \n").c_str());
   myfl_draw_tabbox(tb_);
@@ -79,7 +71,7 @@ TEST_F(TabSet, SavedLinesThatDoNotFitTheColumns) {
   put("Liste", "[Liste] 0 3 2 -1 \n");
   g_title = "Name,Ort,Anzahl,Datum";
   reg("Liste");
-  auto p = props();
+  auto p = tabbox_props(tb_);
   EXPECT_EQ(p.of(p.order), (V{2, 3, 4, -1}));
   EXPECT_EQ(p.of(p.visible), (V{0, 1, 1, 1}));
   EXPECT_THAT(messages(), testing::Not(testing::HasSubstr("ini-file")));
@@ -93,21 +85,21 @@ TEST_F(TabSet, SavedLinesThatDoNotFitTheColumns) {
   reg("Liste");
   EXPECT_EQ(messages(), "ini-file: wrong tabbox definition (Liste)!\n");
   EXPECT_EQ(ini(), "[Andere] 0 2 1 \n");
-  p = props();
+  p = tabbox_props(tb_);
   EXPECT_EQ(p.of(p.order), (V{1, 2, 3}));
   EXPECT_EQ(p.of(p.visible), (V{1, 1, 1}));
 }
 
 TEST_F(TabSet, BadTokensAreReportedAndSkipped) {
   reg("Liste");
-  put("Liste", ("[Liste] 0 4 1 2 3 0|5 7|5 2|3 9u 1u x " + myfl_tabbox_columns_token(tb_) + " \n")
-                   .c_str());
+  put("Liste",
+      ("[Liste] 0 4 1 2 3 0|5 7|5 2|3 9u 1u x " + myfl_tabbox_columns_token(tb_) + " \n").c_str());
   messages().clear();
   myfl_draw_tabbox(tb_);
   EXPECT_EQ(messages(), "ini-file: wrong max-width definition (Liste)!\n"
                         "ini-file: wrong max-width definition (Liste)!\n"
                         "ini-file: wrong sort definition (Liste)!\n");
-  auto p = props();
+  auto p = tabbox_props(tb_);
   EXPECT_EQ(p.of(p.colmax), (V{-1, 3, -1}));
   ASSERT_EQ(p.nsort, 1);
   EXPECT_EQ(p.cols[0], 1);
@@ -118,11 +110,11 @@ TEST_F(TabSet, NoIniRegistrationDropsTheEntryOnce) {
   myfl_init_db_tabbox_no_ini(form_, tb_, "ZTQ", title_fn, nullptr, nullptr, nullptr, nullptr,
                              nullptr);
   EXPECT_EQ(ini(), "");
-  EXPECT_EQ(props().visible[1], 1);
+  EXPECT_EQ(tabbox_props(tb_).visible[1], 1);
   // Later settings of the same run apply again.
   put("ZTQ", "[ZTQ] 0 4 3 -1 \n");
   myfl_draw_tabbox(tb_);
-  EXPECT_EQ(props().visible[1], 0);
+  EXPECT_EQ(tabbox_props(tb_).visible[1], 0);
 }
 
 TEST_F(TabSet, WidthTokensAreEditedUnderThePlainName) {
@@ -145,22 +137,17 @@ TEST_F(TabSet, DragAndOptimiseOnTheWidgetUpdateTheEntry) {
   fl_layout_tabbox(tb_);
   myfl_save_tabbox_ini(tb_);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 \n");
-  int cw, ch;
-  tabbox_char_size(tb_, &cw, &ch);
-  auto cell = [&](int pos) { return QPoint(tabbox_text_x(tb_) + pos * cw + cw / 2, ch / 2 + 2); };
-  auto maxwidth = [&](int col) { return props().colmax[col]; };
+  auto maxwidth = [&](int col) { return tabbox_props(tb_).colmax[col]; };
   // The bar after "Name" (19 wide) dragged five characters to the left.
   int bar = static_cast<int>(std::string(fl_get_tabbox_title(tb_)).find('|'));
-  QTest::mousePress(tb_->widget, Qt::LeftButton, {}, cell(bar));
-  QTest::mouseRelease(tb_->widget, Qt::LeftButton, {}, cell(bar - 5));
+  drag(tb_, title_cell(tb_, bar), title_cell(tb_, bar - 5));
   EXPECT_EQ(maxwidth(1), bar - 6);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 1|" + std::to_string(bar - 6) + " \n");
   // "Spalten optimieren" from the popup.
   fl_seam_queue_popup(2);
-  QTest::mouseClick(tb_->widget, Qt::RightButton, {}, QPoint(30, tabbox_list_y(tb_) + ch / 2));
+  QTest::mouseClick(tb_->widget, Qt::RightButton, {}, line_point(tb_, 0));
   EXPECT_EQ(maxwidth(1), -1);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 \n");
-  fl_hide_form(form_);
 }
 
 } // namespace
