@@ -4,9 +4,6 @@
 // directories that ask the database once.
 #include <gmock/gmock.h>
 
-#include <cstring>
-
-#include "access_testutil.h"
 #include "db/access/errtext.h"
 #include "base/valstr.h"
 #include "db/access/svz.h"

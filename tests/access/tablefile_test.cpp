@@ -3,7 +3,6 @@
 #include "db/access/tablefile.h"
 
 #include <cstring>
-#include <vector>
 
 #include "access_testutil.h"
 #include "base/data.h"

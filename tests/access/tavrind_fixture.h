@@ -14,25 +14,17 @@
 #pragma once
 
 #include <fcntl.h>
-#include <signal.h>
 #include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "base/msg.h"
 #include "db/client/connect.h"
 #include "db/client/transport.h"
+#include "tests/ipc/ipc_testutil.h"
 #include "tests/pgcluster.h"
 
 #ifdef TAVRIND_FIXTURE_LIBRARY
@@ -73,9 +65,7 @@ public:
 
   // Starts a server; returns false with `why` set when none can run.
   bool start(std::string &why) {
-    static std::atomic<int> n{0};
-    ns_ = "zqacc" + std::to_string(getpid()) + "_" + std::to_string(n++) + "_";
-    setenv("TAVRIN_NAMESPACE", ns_.c_str(), 1);
+    ns_ = ipctest::fresh_namespace(); // also set as TAVRIN_NAMESPACE
     char tmpl[] = "/tmp/zentiq_tavrind_XXXXXX";
     if (!mkdtemp(tmpl)) {
       why = "no temporary folder";
@@ -138,10 +128,7 @@ public:
     DBcomm_close();
     if (pid_ > 0) {
       kill(pid_, SIGTERM);
-      int st = 0;
-      for (int i = 0; i < 500 && waitpid(pid_, &st, WNOHANG) == 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      if (waitpid(pid_, &st, WNOHANG) == 0 && kill(pid_, SIGKILL) == 0) waitpid(pid_, &st, 0);
+      ipctest::join_within(pid_, 5000); // killed when it does not end by then
       pid_ = -1;
     }
     if (!dir_.empty()) std::filesystem::remove_all(dir_);
