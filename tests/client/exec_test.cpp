@@ -4,20 +4,8 @@
 #include "db/client/exec.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <csignal>
-#include <cstring>
-#include <string>
-#include <string.h>
-#include <sys/mman.h>
 
 #include "client_testutil.h"
-#include "base/msg.h"
-#include "tests/msg_capture.h"
-#include "db/client/reqbuf.h"
 #include "db/client/transport.h"
 #include "server/protocol.h"
 #include "tests/ipc/ipc_testutil.h"

@@ -2,14 +2,9 @@
 // DBfillbinary and the fill and delete operations with their messages.
 #include "db/client/resdata.h"
 
-#include <gtest/gtest.h>
-
 #include <clocale>
-#include <cstring>
-#include <string>
 
 #include "client_testutil.h"
-#include "base/msg.h"
 
 namespace {
 
