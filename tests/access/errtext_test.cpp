@@ -8,8 +8,6 @@
 #include "access_testutil.h"
 #include "tests/client/client_testutil.h"
 
-namespace {
-
 using namespace access_test;
 
 TEST(ErrorExpand, PlaceholdersTakeParametersInOrderWithBothWarnings) {
@@ -117,5 +115,3 @@ TEST(TableRecords, InsertTextsQuoteAndWriteNullsAsEmpty) {
   EXPECT_EQ(ct::Bytes(DBreq_data(), DBreq_data() + DBreq_length()), parsed);
   EXPECT_EQ(TABLE_Parse("5,10|Over,11,10,4", &d), 0); // outside the record
 }
-
-} // namespace

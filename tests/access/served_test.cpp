@@ -10,8 +10,6 @@
 #include "db/client/exec.h"
 #include "served_suite.h"
 
-namespace {
-
 using namespace access_test;
 using ::testing::StartsWith;
 
@@ -233,5 +231,3 @@ TEST_F(Served, KeyDirectoriesAskTheDatabaseOnce) {
   Release_ValueStrings();
   EXPECT_EQ(db_depth(), 0);
 }
-
-} // namespace

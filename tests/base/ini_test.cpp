@@ -4,8 +4,6 @@
 
 #include "base_testutil.h"
 
-namespace {
-
 using namespace base_test;
 
 class IniFile : public ::testing::Test {
@@ -77,5 +75,3 @@ TEST_F(IniFile, PutReplacesTheFirstLineOrAppendsAndDeleteRemovesIt) {
   INI_PutLine(nowhere.c_str(), "K", "[K] 1\n");
   EXPECT_EQ(c.take(), "Cannot open file '" + nowhere + ".ini'!");
 }
-
-} // namespace

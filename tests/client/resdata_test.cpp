@@ -6,8 +6,6 @@
 
 #include "client_testutil.h"
 
-namespace {
-
 using namespace ct;
 
 TEST(ResData, ValueToText) {
@@ -231,5 +229,3 @@ TEST(ResData, TextFillingDeletingAndMessages) {
   EXPECT_STREQ(DBgetvalue(r, 0, 0), "a");
   DBclear(r);
 }
-
-} // namespace
