@@ -44,11 +44,6 @@ struct Log {
   int32_t client_pid;
 };
 
-Log *shared_log() {
-  void *p = mmap(nullptr, sizeof(Log), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  return new (p) Log{};
-}
-
 // A message framed into packets the way the protocol wants them: one of
 // 8 + n bytes up to 10000, else 8 + 9992 and then 4 + at most 9996 each.
 Bytes framed(const Bytes &msg) {
@@ -147,7 +142,9 @@ class Transport : public ::testing::Test {
 protected:
   void SetUp() override {
     fresh_namespace();
-    log_ = shared_log();
+    log_ =
+        new (mmap(nullptr, sizeof(Log), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
+            Log{};
     alarm(200);
   }
   void TearDown() override {
