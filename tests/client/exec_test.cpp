@@ -102,8 +102,7 @@ TEST_F(Exec, StatementsTravelAndAnswersComeBackDecoded) {
     return 0;
   });
   ASSERT_TRUE(ready.pass());
-  char name[] = "demo";
-  c = DBconnect(name);
+  c = connect_to("demo");
   ASSERT_EQ(DBstatus(c), 0);
 
   // The statement is not touched; the server gets exactly the encoding.

@@ -171,8 +171,7 @@ protected:
   // Connects to "demo" (or to no name), expects the refusal `why` and frees
   // the connection without closing it.
   static void refused(const char *why, bool named = true) {
-    char name[] = "demo";
-    DBCONN *c = DBconnect(named ? name : nullptr);
+    DBCONN *c = named ? connect_to("demo") : DBconnect(nullptr);
     EXPECT_EQ(DBstatus(c), 1);
     EXPECT_STREQ(DBerrormessage(c), why);
     DBconn_free(c);
@@ -362,8 +361,7 @@ TEST_F(Transport, ErrorAnswersOfConnectionCommands) {
   refused("(srv) Kaputt\n"); // the line feed is added
   refused("(DBconnect) Result error message missing\n");
   refused("(DBconnect) Result error message missing\n");
-  char name[] = "demo";
-  DBCONN *c = DBconnect(name);
+  DBCONN *c = connect_to("demo");
   ASSERT_EQ(DBstatus(c), 0);
   EXPECT_EQ(DBdropdb(c), 0);
   EXPECT_EQ(DBstatus(c), 1);
@@ -388,8 +386,7 @@ TEST_F(Transport, AFailedExchangeLeavesStatusSixAndTheTextAndNeverEndsTheProcess
     s.server.wait(10000);
     return 0;
   });
-  char name[] = "demo";
-  DBCONN *c = DBconnect(name);
+  DBCONN *c = connect_to("demo");
   EXPECT_EQ(DBstatus(c), DBCONN_IO);
   EXPECT_THAT(DBerrormessage(c),
               AnyOf(StartsWith("client write: Data missing (expected "),
@@ -409,10 +406,9 @@ TEST_F(Transport, ASecondConnectRefusesTheFirstConnectionsRequests) {
     if (s.receive() != Bytes{'2'}) return 4;
     return s.log->chunk_channel[s.log->chunks - 1] == 2 ? 0 : 5;
   });
-  char name[] = "demo";
-  DBCONN *first = DBconnect(name);
+  DBCONN *first = connect_to("demo");
   ASSERT_EQ(DBstatus(first), DBCONN_OK);
-  DBCONN *second = DBconnect(name);
+  DBCONN *second = connect_to("demo");
   ASSERT_EQ(DBstatus(second), DBCONN_OK);
   testmsg::g_printed.clear();
   EXPECT_EQ(DBreset(first), 0);

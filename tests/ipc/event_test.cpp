@@ -4,9 +4,7 @@
 #include "tests/ipc/ipc_testutil.h"
 
 #include <chrono>
-#include <cstdint>
 #include <thread>
-#include <vector>
 
 using namespace ipctest;
 using ipc::WaitResult;
