@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 #include "base/msg.h"
@@ -48,9 +48,7 @@ inline void write_file(const std::string &name, const std::string &bytes) {
 }
 
 inline std::string read_file(const std::string &name) {
-  std::ostringstream s;
-  s << std::ifstream(name, std::ios::binary).rdbuf();
-  return s.str();
+  return {std::istreambuf_iterator<char>(std::ifstream(name, std::ios::binary).rdbuf()), {}};
 }
 
 } // namespace base_test
