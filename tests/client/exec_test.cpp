@@ -84,8 +84,7 @@ protected:
 };
 
 TEST_F(Exec, StatementsTravelAndAnswersComeBackDecoded) {
-  Seen *seen = this->seen;
-  auto last = [seen] { return Bytes(seen->last, seen->last + seen->last_length); };
+  auto last = [this] { return Bytes(seen->last, seen->last + seen->last_length); };
 
   // A connection that was never opened carries no statements.
   DBCONN never_opened;
