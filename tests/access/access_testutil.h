@@ -1,60 +1,11 @@
-// Helpers of the session-layer tests: capturing the message output, a
-// scratch directory as the current directory, whole-file reads and writes,
-// and death tests that see the messages of the dying child.
+// Helpers of the session-layer tests: those of the base tests (captured
+// messages, death tests, scratch directories, whole files), with the session
+// layer itself.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
-
-#include "base/msg.h"
-#include "tests/msg_capture.h"
 #include "db/access/session.h"
+#include "tests/base/base_testutil.h"
 
 namespace access_test {
-
-using testmsg::Capture;
-
-// Makes a fresh temporary directory the current directory while it lives.
-class ScratchDir {
-public:
-  ScratchDir() {
-    char tmpl[] = "/tmp/zentiq_access_XXXXXX";
-    dir_ = mkdtemp(tmpl);
-    old_ = std::filesystem::current_path();
-    std::filesystem::current_path(dir_);
-  }
-  ~ScratchDir() {
-    std::filesystem::current_path(old_);
-    std::filesystem::remove_all(dir_);
-  }
-
-private:
-  std::filesystem::path dir_, old_;
-};
-
-inline void write_file(const std::string &name, const std::string &bytes) {
-  std::ofstream(name, std::ios::binary) << bytes;
-}
-
-inline std::string read_file(const std::string &name) {
-  std::ostringstream s;
-  s << std::ifstream(name, std::ios::binary).rdbuf();
-  return s.str();
-}
-
-inline void to_stderr() {
-  msg_set_handler([](const char *t) { std::fputs(t, stderr); });
-}
-
+using namespace base_test;
 } // namespace access_test
-
-// The statement ends the program with status 1 and a message matching re.
-#define EXPECT_FATAL(statement, re)                                                                \
-  EXPECT_EXIT((access_test::to_stderr(), statement), ::testing::ExitedWithCode(1), re)

@@ -3,8 +3,6 @@
 
 #include "access_testutil.h"
 
-namespace {
-
 using namespace access_test;
 
 TEST(DbCache, KeepsUpperCasedNamesForOneBaselineAcrossRuns) {
@@ -77,5 +75,3 @@ TEST(DbCache, DamagedFilesAreReportedAndReadAsFarAsTheyGo) {
   std::filesystem::remove(DBCACHE_FILE);
   dbcache_setbaseline("");
 }
-
-} // namespace

@@ -1,8 +1,6 @@
 // ERR row ids against a real server: several processes started together
 // write their log entries at once; every entry gets a row, no insert meets a
 // taken id, and the ids use the whole alphabet of the column unchanged.
-#include <sys/wait.h>
-
 #include <cstring>
 #include <set>
 
@@ -10,6 +8,7 @@
 #include "db/access/errtext.h"
 #include "db/client/exec.h"
 #include "tavrind_fixture.h"
+#include "tests/ipc/ipc_testutil.h"
 
 namespace {
 
@@ -57,16 +56,9 @@ TEST(ErrRowIds, ManyProcessesAtOnceNeverCollide) {
   // The processes start within the same second, as a batch job's would;
   // this one holds no connection while it forks.
   std::vector<pid_t> pids;
-  for (int p = 0; p < kProcesses; ++p) {
-    pid_t pid = fork();
-    if (pid == 0) writer("ids" + std::to_string(p));
-    pids.push_back(pid);
-  }
-  for (pid_t pid : pids) {
-    int st = 0;
-    waitpid(pid, &st, 0);
-    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << "writer status " << st;
-  }
+  for (int p = 0; p < kProcesses; ++p)
+    pids.push_back(ipctest::spawn([p]() -> int { writer("ids" + std::to_string(p)); }));
+  for (pid_t pid : pids) EXPECT_EQ(ipctest::join(pid), 0) << "writer status";
 
   char tdsys[] = "tdsys";
   DBCONN *c = DBconnect(tdsys);

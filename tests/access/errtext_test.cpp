@@ -6,10 +6,7 @@
 #include <cstring>
 
 #include "access_testutil.h"
-#include "db/client/parser.h"
-#include "db/client/reqbuf.h"
-
-namespace {
+#include "tests/client/client_testutil.h"
 
 using namespace access_test;
 
@@ -113,14 +110,8 @@ TEST(TableRecords, InsertTextsQuoteAndWriteNullsAsEmpty) {
             "'2003-07-12', '2003-07-12-10.30.00.000005', 'A\xA7"
             "0001\xA7$$', 3)");
   // The binary request carries what the parser makes of the text.
-  std::string text = "INSERT INTO tab " + TABLE_Record_InsertText(d, r.data());
-  char message[DB_MSG_SIZE];
-  DBreq_reset(); // as DBexec does: the encoder appends to the buffer
-  ASSERT_EQ(DBexec_encode((text + ";").data(), message), 1) << message;
-  std::string parsed(reinterpret_cast<const char *>(DBreq_data()), DBreq_length());
+  ct::Bytes parsed = ct::encode("INSERT INTO tab " + TABLE_Record_InsertText(d, r.data()));
   TABLE_Record_InsertRequest(d, "tab", r.data());
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(DBreq_data()), DBreq_length()), parsed);
+  EXPECT_EQ(ct::Bytes(DBreq_data(), DBreq_data() + DBreq_length()), parsed);
   EXPECT_EQ(TABLE_Parse("5,10|Over,11,10,4", &d), 0); // outside the record
 }
-
-} // namespace

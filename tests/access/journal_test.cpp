@@ -1,8 +1,5 @@
 // The repair journal: its line format with hostile values, the files it
 // writes, and recording and undoing changes against a real server.
-#include <cstdlib>
-
-#include "access_testutil.h"
 #include "db/access/jrnundo.h"
 #include "db/access/journal.h"
 #include "served_suite.h"

@@ -4,13 +4,7 @@
 // run.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <string>
-#include <utility>
-
-#include "db/access/session.h"
+#include "access_testutil.h"
 #include "tavrind_fixture.h"
 
 namespace access_test {

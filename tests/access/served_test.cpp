@@ -4,16 +4,11 @@
 // directories that ask the database once.
 #include <gmock/gmock.h>
 
-#include <cstring>
-
-#include "access_testutil.h"
 #include "db/access/errtext.h"
 #include "base/valstr.h"
 #include "db/access/svz.h"
 #include "db/client/exec.h"
 #include "served_suite.h"
-
-namespace {
 
 using namespace access_test;
 using ::testing::StartsWith;
@@ -236,5 +231,3 @@ TEST_F(Served, KeyDirectoriesAskTheDatabaseOnce) {
   Release_ValueStrings();
   EXPECT_EQ(db_depth(), 0);
 }
-
-} // namespace

@@ -3,12 +3,10 @@
 // outcomes and one-value queries on results built by hand.
 #include "db/access/session.h"
 
-#include <csignal>
 #include <cstring>
 
 #include "access_testutil.h"
 #include "db/access/dbcache.h"
-#include "db/client/exec.h"
 #include "db/client/transport.h"
 #include "server/protocol.h"
 #include "tests/ipc/ipc_testutil.h"
@@ -162,30 +160,19 @@ TEST(DbinitDeathTest, WithoutAServerPrintsTheConnectionFailure) {
       ::testing::ExitedWithCode(1), "Program stopped by signal 15.\n\\[clean-up\\]");
 }
 
-// A server that opens every database and answers every request "done",
-// except that it ends without an answer at request number `die_at` (from 0).
-struct DyingServer : tavrind::RequestHandler {
+// A server in a child process that opens every database and answers every
+// request "done", except that it ends without an answer at request number
+// `die_at` (from 0). It is ended at the end of the scope, so that a failing
+// assertion leaves no server behind.
+struct DyingServerProcess : tavrind::RequestHandler {
   int left;
-  explicit DyingServer(int die_at) : left(die_at) {}
-  void request(tavrind::ProtocolServer &srv, int ch, tavrind::ChannelContext *,
-               const unsigned char *data, size_t n) override {
-    if (left-- == 0) _exit(0);
-    static const unsigned char done = '1';
-    if (n > 0 && data[0] != '2') srv.answer(ch, &done, 1); // '2' gets no answer
-  }
-};
-
-// The server in a child process; ended at the end of the scope, so that a
-// failing assertion leaves no server behind.
-struct DyingServerProcess {
   pid_t pid = -1;
-  explicit DyingServerProcess(int die_at) {
+  explicit DyingServerProcess(int die_at) : left(die_at) {
     ipctest::fresh_namespace();
     ipctest::Gate ready;
     pid = ipctest::spawn([&] {
       alarm(60);
-      DyingServer handler(die_at);
-      tavrind::ProtocolServer server(handler);
+      tavrind::ProtocolServer server(*this);
       if (!server.start()) return 3;
       ready.open_gate();
       server.run();
@@ -197,6 +184,12 @@ struct DyingServerProcess {
     if (pid > 0) kill(pid, SIGKILL);
     ipctest::join_within(pid, 10000);
     unsetenv("TAVRIN_NAMESPACE");
+  }
+  void request(tavrind::ProtocolServer &srv, int ch, tavrind::ChannelContext *,
+               const unsigned char *data, size_t n) override {
+    if (left-- == 0) _exit(0);
+    static const unsigned char done = '1';
+    if (n > 0 && data[0] != '2') srv.answer(ch, &done, 1); // '2' gets no answer
   }
 };
 

@@ -3,7 +3,6 @@
 #include "db/access/tablefile.h"
 
 #include <cstring>
-#include <vector>
 
 #include "access_testutil.h"
 #include "base/data.h"
@@ -28,9 +27,20 @@ std::string text_at(const unsigned char *r, int idx) {
   return reinterpret_cast<const char *>(r + idx);
 }
 
+// An open file, closed when it goes out of scope.
+struct File {
+  std::FILE *f;
+  explicit File(const char *name, const char *mode = "rb") : f(std::fopen(name, mode)) {}
+  File(const File &) = delete;
+  ~File() {
+    if (f) std::fclose(f);
+  }
+  operator std::FILE *() const { return f; }
+};
+
 // Saves `rows` with `definition` into file `name`, appending.
 int save(DBSESSION *s, const char *name, const char *definition, std::vector<Rec> rows) {
-  std::FILE *f = std::fopen(name, "ab");
+  File f(name, "ab");
   size_t next = 0;
   Rec buf = rows.empty() ? Rec(4096) : rows[0];
   int ok = TABLE_File_Save(
@@ -41,7 +51,6 @@ int save(DBSESSION *s, const char *name, const char *definition, std::vector<Rec
         ++next;
         return 1;
       });
-  std::fclose(f);
   return ok;
 }
 
@@ -95,9 +104,7 @@ TEST_F(TableFile, SavesRawSectionsAndLoadsThemBack) {
   EXPECT_EQ(read_file("e.tbl"), std::string("00000,") + def + '\0');
 
   for (const char *name : {"t.tbl", "e.tbl"}) {
-    std::FILE *f = std::fopen(name, "rb");
-    Loaded l = load(&session, f, def, 19);
-    std::fclose(f);
+    Loaded l = load(&session, File(name), def, 19);
     EXPECT_EQ(l.ok, 1);
     EXPECT_EQ(l.rows, (name[0] == 't' ? std::vector<Rec>{a, b} : std::vector<Rec>{}));
   }
@@ -126,9 +133,7 @@ TEST_F(TableFile, LoadsIntoAChangedLayoutWithEveryConversion) {
       "9,80|K_Id,11,9,4|Name,11,30,13|Ts,14,12,43|Zeit,13,3,55|Code,18,7,58|Zahl,3,4,65|"
       "Neu,11,10,69";
   Capture cap;
-  std::FILE *f = std::fopen("c.tbl", "rb");
-  Loaded l = load(&session, f, new_def, 80);
-  std::fclose(f);
+  Loaded l = load(&session, File("c.tbl"), new_def, 80);
   ASSERT_EQ(l.ok, 1);
   ASSERT_EQ(l.rows.size(), 2u);
   const unsigned char *n = l.rows[0].data();
@@ -168,7 +173,7 @@ TEST_F(TableFile, SectionsLoadInOrderOrArePassedOver) {
   ASSERT_EQ(save(&session, "two.tbl", d100, {nr, nr}), 1);
 
   Capture cap;
-  std::FILE *f = std::fopen("two.tbl", "rb");
+  File f("two.tbl");
   // An empty section of another table is passed over with the message.
   Loaded l = load(&session, f, d100, 12);
   EXPECT_EQ(l.ok, 1);
@@ -181,17 +186,15 @@ TEST_F(TableFile, SectionsLoadInOrderOrArePassedOver) {
   EXPECT_EQ(cap.take(), "");
   EXPECT_EQ(TABLE_File_Skip(f, d100), 0);
   EXPECT_EQ(cap.take(), "(TABLE_File_Skip) Unexpected end of file!\n");
-  std::fclose(f);
 
   // Loading 100 while 101 with records comes first reads into the records.
-  f = std::fopen("two.tbl", "rb");
-  ASSERT_EQ(TABLE_File_Skip(f, d101), 1);
+  File again("two.tbl");
+  ASSERT_EQ(TABLE_File_Skip(again, d101), 1);
   // The 100 section's header is passed over, then its records are taken for
   // the next header.
-  EXPECT_EQ(TABLE_File_Skip(f, d101), 0);
+  EXPECT_EQ(TABLE_File_Skip(again, d101), 0);
   EXPECT_EQ(cap.take(), "(TABLE_File_Skip) Table 101 not found (actual table 100)!\n"
                         "(TABLE_File_Skip) Syntax error in definition 'TBL,SIZE'!\n");
-  std::fclose(f);
 }
 
 TEST_F(TableFile, BadDefinitionsAndDamagedFilesFailWithTheirMessages) {
@@ -257,28 +260,22 @@ TEST_F(TableFile, BadDefinitionsAndDamagedFilesFailWithTheirMessages) {
   };
   for (const auto &k : damaged) {
     write_file("d.tbl", k.bytes);
-    std::FILE *f = std::fopen("d.tbl", "rb");
-    Loaded l = load(&session, f, k.def, 20);
-    std::fclose(f);
+    Loaded l = load(&session, File("d.tbl"), k.def, 20);
     EXPECT_EQ(l.ok, 0);
     EXPECT_TRUE(l.rows.empty()) << "nothing stored from a damaged file";
     EXPECT_EQ(cap.take(), std::string("(TABLE_File_Load) ") + k.message + "\n");
     if (!k.skip) continue;
-    f = std::fopen("d.tbl", "rb");
-    EXPECT_EQ(TABLE_File_Skip(f, k.def), 0);
-    std::fclose(f);
+    EXPECT_EQ(TABLE_File_Skip(File("d.tbl"), k.def), 0);
     EXPECT_EQ(cap.take(), std::string("(TABLE_File_Skip) ") + k.skip + "\n");
   }
 
   // A refused insert ends the load.
   write_file("d.tbl", good);
-  std::FILE *f = std::fopen("d.tbl", "rb");
   int calls = 0;
   EXPECT_EQ(TABLE_File_Load(
-                &session, f, def, [](void *) {},
+                &session, File("d.tbl"), def, [](void *) {},
                 [&](void *, DBSESSION *) { return ++calls < 1 ? 1 : 0; }),
             0);
-  std::fclose(f);
   EXPECT_EQ(calls, 1);
   EXPECT_EQ(cap.take(), "(TABLE_File_Load) Error in table-insert!\n");
 }

@@ -14,25 +14,17 @@
 #pragma once
 
 #include <fcntl.h>
-#include <signal.h>
 #include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "base/msg.h"
 #include "db/client/connect.h"
 #include "db/client/transport.h"
+#include "tests/ipc/ipc_testutil.h"
 #include "tests/pgcluster.h"
 
 #ifdef TAVRIND_FIXTURE_LIBRARY
@@ -58,10 +50,7 @@ inline std::string program() {
 }
 
 #ifdef TAVRIND_FIXTURE_LIBRARY
-inline tavrind::ProtocolServer *&library_server() {
-  static tavrind::ProtocolServer *srv = nullptr;
-  return srv;
-}
+inline tavrind::ProtocolServer *library_server = nullptr;
 #endif
 
 class Server {
@@ -73,9 +62,7 @@ public:
 
   // Starts a server; returns false with `why` set when none can run.
   bool start(std::string &why) {
-    static std::atomic<int> n{0};
-    ns_ = "zqacc" + std::to_string(getpid()) + "_" + std::to_string(n++) + "_";
-    setenv("TAVRIN_NAMESPACE", ns_.c_str(), 1);
+    ns_ = ipctest::fresh_namespace(); // also set as TAVRIN_NAMESPACE
     char tmpl[] = "/tmp/zentiq_tavrind_XXXXXX";
     if (!mkdtemp(tmpl)) {
       why = "no temporary folder";
@@ -103,6 +90,41 @@ public:
     setenv("TAVRIN_NAMESPACE", ns_.c_str(), 1);
     return run(why);
   }
+
+  // Ends the server and removes its folder.
+  void stop() {
+    DBcomm_close();
+    if (pid_ > 0) {
+      kill(pid_, SIGTERM);
+      ipctest::join_within(pid_, 5000); // killed when it does not end by then
+      pid_ = -1;
+    }
+    if (!dir_.empty()) std::filesystem::remove_all(dir_);
+    dir_.clear();
+  }
+
+  // The server's log so far.
+  std::string log() const {
+    return {std::istreambuf_iterator<char>(std::ifstream(log_).rdbuf()), {}};
+  }
+  size_t log_size() const { return log().size(); }
+
+  // Lines of the log from `from` on that end with `suffix`.
+  int count_log(const std::string &suffix, size_t from = 0) const {
+    std::string text = log();
+    std::istringstream in(text.substr(std::min(from, text.size())));
+    int n = 0;
+    for (std::string line; std::getline(in, line);)
+      n += line.size() >= suffix.size() &&
+           line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0;
+    return n;
+  }
+
+  const std::string &data_dir() const { return data_; }
+  const std::string &ns() const { return ns_; }
+  pid_t pid() const { return pid_; }
+  // The PostgreSQL database the server stores in; "" on the SQLite store.
+  const std::string &store() const { return store_; }
 
 private:
   bool run(std::string &why) {
@@ -132,48 +154,6 @@ private:
     return true;
   }
 
-public:
-  // Ends the server and removes its folder.
-  void stop() {
-    DBcomm_close();
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      int st = 0;
-      for (int i = 0; i < 500 && waitpid(pid_, &st, WNOHANG) == 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      if (waitpid(pid_, &st, WNOHANG) == 0 && kill(pid_, SIGKILL) == 0) waitpid(pid_, &st, 0);
-      pid_ = -1;
-    }
-    if (!dir_.empty()) std::filesystem::remove_all(dir_);
-    dir_.clear();
-  }
-
-  // The server's log so far.
-  std::string log() const {
-    std::stringstream s;
-    s << std::ifstream(log_).rdbuf();
-    return s.str();
-  }
-  size_t log_size() const { return log().size(); }
-
-  // Lines of the log from `from` on that end with `suffix`.
-  int count_log(const std::string &suffix, size_t from = 0) const {
-    std::string text = log();
-    std::istringstream in(text.substr(std::min(from, text.size())));
-    int n = 0;
-    for (std::string line; std::getline(in, line);)
-      n += line.size() >= suffix.size() &&
-           line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0;
-    return n;
-  }
-
-  const std::string &data_dir() const { return data_; }
-  const std::string &ns() const { return ns_; }
-  pid_t pid() const { return pid_; }
-  // The PostgreSQL database the server stores in; "" on the SQLite store.
-  const std::string &store() const { return store_; }
-
-private:
   pid_t spawn_program(const std::string &prog) {
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
@@ -204,8 +184,8 @@ private:
     tavrind::ExecHandler h(ex);
     tavrind::ProtocolServer srv(h);
     if (!srv.start()) _exit(4);
-    library_server() = &srv;
-    signal(SIGTERM, [](int) { library_server()->request_stop(); });
+    library_server = &srv;
+    signal(SIGTERM, [](int) { library_server->request_stop(); });
     srv.run();
     srv.shutdown();
     _exit(0);
@@ -217,8 +197,7 @@ private:
     MsgHandler old = msg_set_handler([](const char *) {});
     bool ok = false;
     for (int i = 0; i < 200 && !ok; ++i) {
-      int st = 0;
-      if (waitpid(pid_, &st, WNOHANG) == pid_) {
+      if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
         pid_ = -1;
         break;
       }

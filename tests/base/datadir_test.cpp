@@ -2,11 +2,7 @@
 // test program's own folder, and the bare name when neither has the file.
 #include "base/datadir.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
+#include "base_testutil.h"
 
 namespace fs = std::filesystem;
 
@@ -19,18 +15,15 @@ TEST(Datadir, WorkingFolderFirstThenBesideTheProgram) {
       fs::weakly_canonical(installed),
       fs::weakly_canonical(fs::read_symlink("/proc/self/exe").parent_path() / "../share/zentiq"));
   std::string name = "datadir_test_" + std::to_string(getpid()) + ".hlp";
-  fs::path work = fs::path(::testing::TempDir()) / ("datadir_work_" + std::to_string(getpid()));
-  fs::create_directories(work);
-  fs::path old = fs::current_path();
-  fs::current_path(work);
+  base_test::ScratchDir work;
   fs::path share = fs::path(installed).parent_path();
   bool made_share = !fs::exists(share), made_dir = !fs::exists(installed);
   fs::create_directories(installed);
 
   EXPECT_EQ(datadir_find(name.c_str()), name); // nowhere: the working folder's name
-  std::ofstream(installed + "/" + name) << "installed";
+  base_test::write_file(installed + "/" + name, "installed");
   EXPECT_EQ(datadir_find(name.c_str()), installed + "/" + name);
-  std::ofstream(name) << "local";
+  base_test::write_file(name, "local");
   EXPECT_EQ(datadir_find(name.c_str()), name);
 
   fs::remove(installed + "/" + name);
@@ -38,6 +31,4 @@ TEST(Datadir, WorkingFolderFirstThenBesideTheProgram) {
     fs::remove_all(share);
   else if (made_dir)
     fs::remove(installed);
-  fs::current_path(old);
-  fs::remove_all(work);
 }

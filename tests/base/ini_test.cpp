@@ -2,14 +2,7 @@
 // lines, and the clean-up of empty lines that every rewrite does.
 #include "base/ini.h"
 
-#include <unistd.h>
-
-#include <fstream>
-#include <sstream>
-
 #include "base_testutil.h"
-
-namespace {
 
 using namespace base_test;
 
@@ -24,12 +17,8 @@ protected:
     std::remove(file.c_str());
     EXPECT_EQ(c.take(), "");
   }
-  void write(const std::string &text) { std::ofstream(file, std::ios::binary) << text; }
-  std::string read() const {
-    std::ostringstream s;
-    s << std::ifstream(file, std::ios::binary).rdbuf();
-    return s.str();
-  }
+  void write(const std::string &text) { write_file(file, text); }
+  std::string read() const { return read_file(file); }
   std::string get(const std::string &key) {
     const char *line = INI_GetLine(base.c_str(), key.c_str());
     return line ? line : "<none>";
@@ -86,5 +75,3 @@ TEST_F(IniFile, PutReplacesTheFirstLineOrAppendsAndDeleteRemovesIt) {
   INI_PutLine(nowhere.c_str(), "K", "[K] 1\n");
   EXPECT_EQ(c.take(), "Cannot open file '" + nowhere + ".ini'!");
 }
-
-} // namespace

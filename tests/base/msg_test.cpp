@@ -3,8 +3,6 @@
 
 #include "base_testutil.h"
 
-namespace {
-
 using namespace base_test;
 
 TEST(Charset, NarrowLiteralsAreLatin1) {
@@ -38,5 +36,3 @@ TEST(MsgDeathTest, FatalPrintsThenRunsEachCleanupOnceInReverse) {
       },
       ::testing::ExitedWithCode(1), "^\\(f\\) Error 7\n\\[b\\]\\[a\\]$");
 }
-
-} // namespace

@@ -4,8 +4,6 @@
 
 #include "base_testutil.h"
 
-namespace {
-
 using namespace base_test;
 
 // Every test brackets its strings, as callers do.
@@ -137,5 +135,3 @@ TEST(ValueStringsDeathTest, BadLengthsLogicalsAndReleasesEndTheProgram) {
   EXPECT_FATAL(Release_ValueStrings(),
                "\\(Release_ValueStrings\\) Error: No corresponding Hold_ValueStrings!");
 }
-
-} // namespace

@@ -2,11 +2,9 @@
 // decoder, hand-built streams for every token class, and damaged streams.
 #include "base/varne.h"
 
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <random>
-#include <vector>
 
 #include "base_testutil.h"
 

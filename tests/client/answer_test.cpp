@@ -3,13 +3,7 @@
 // come through the DBexec test.
 #include "db/client/answer.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <string>
-
 #include "client_testutil.h"
-#include "base/msg.h"
 
 namespace {
 

@@ -2,23 +2,22 @@
 // sends them, and request bytes as the statement encoder must write them.
 #pragma once
 
-#include <cstdint>
 #include <cstring>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "base/date.h"
-#include "base/msg.h"
 #include "tests/msg_capture.h"
 #include "db/client/answer.h"
+#include "db/client/connect.h"
 #include "db/client/parser.h"
 #include "db/client/reqbuf.h"
-#include "db/client/resdata.h"
 
 namespace ct {
+
+// Connects to `database` (DBconnect upper-cases the name it is given in place).
+inline DBCONN *connect_to(std::string database) { return DBconnect(database.data()); }
 
 using Bytes = std::vector<unsigned char>;
 

@@ -4,20 +4,8 @@
 #include "db/client/exec.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <csignal>
-#include <cstring>
-#include <string>
-#include <string.h>
-#include <sys/mman.h>
 
 #include "client_testutil.h"
-#include "base/msg.h"
-#include "tests/msg_capture.h"
-#include "db/client/reqbuf.h"
 #include "db/client/transport.h"
 #include "server/protocol.h"
 #include "tests/ipc/ipc_testutil.h"
@@ -96,8 +84,7 @@ protected:
 };
 
 TEST_F(Exec, StatementsTravelAndAnswersComeBackDecoded) {
-  Seen *seen = this->seen;
-  auto last = [seen] { return Bytes(seen->last, seen->last + seen->last_length); };
+  auto last = [this] { return Bytes(seen->last, seen->last + seen->last_length); };
 
   // A connection that was never opened carries no statements.
   DBCONN never_opened;
@@ -114,8 +101,7 @@ TEST_F(Exec, StatementsTravelAndAnswersComeBackDecoded) {
     return 0;
   });
   ASSERT_TRUE(ready.pass());
-  char name[] = "demo";
-  c = DBconnect(name);
+  c = connect_to("demo");
   ASSERT_EQ(DBstatus(c), 0);
 
   // The statement is not touched; the server gets exactly the encoding.

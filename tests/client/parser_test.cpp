@@ -2,8 +2,6 @@
 // postfix form of expressions, case handling and the parser's messages.
 #include "db/client/parser.h"
 
-#include <gtest/gtest.h>
-
 #include "client_testutil.h"
 
 namespace {

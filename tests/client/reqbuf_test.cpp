@@ -3,9 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 namespace {
 
 std::vector<unsigned char> bytes() { return {DBreq_data(), DBreq_data() + DBreq_length()}; }

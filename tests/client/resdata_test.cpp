@@ -2,16 +2,9 @@
 // DBfillbinary and the fill and delete operations with their messages.
 #include "db/client/resdata.h"
 
-#include <gtest/gtest.h>
-
 #include <clocale>
-#include <cstring>
-#include <string>
 
 #include "client_testutil.h"
-#include "base/msg.h"
-
-namespace {
 
 using namespace ct;
 
@@ -236,5 +229,3 @@ TEST(ResData, TextFillingDeletingAndMessages) {
   EXPECT_STREQ(DBgetvalue(r, 0, 0), "a");
   DBclear(r);
 }
-
-} // namespace

@@ -4,10 +4,8 @@
 // notice and the re-activation, error answers of the connection commands,
 // and what the client does when the server is missing, silent or dies.
 #include "db/client/connect.h"
-#include "db/client/reqbuf.h"
 #include "db/client/transport.h"
 
-#include "base/msg.h"
 #include "db/ipc/event.h"
 #include "db/ipc/mutex.h"
 #include "db/ipc/named.h"
@@ -16,19 +14,15 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
-#include <cstring>
-#include <sys/mman.h>
-#include <vector>
 
 #include "client_testutil.h"
 
+using namespace ct;
 using namespace ipctest;
-using ct::Bytes;
 using ::testing::AnyOf;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
-using ct::operator+;
 
 namespace {
 
@@ -50,21 +44,16 @@ struct Log {
   int32_t client_pid;
 };
 
-Log *shared_log() {
-  void *p = mmap(nullptr, sizeof(Log), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  return new (p) Log{};
-}
-
 // A message framed into packets the way the protocol wants them: one of
 // 8 + n bytes up to 10000, else 8 + 9992 and then 4 + at most 9996 each.
 Bytes framed(const Bytes &msg) {
   uint32_t total = static_cast<uint32_t>(msg.size());
   uint32_t first = std::min<uint32_t>(total, 9992);
   if (total <= 10000) first = total;
-  Bytes out = ct::bin(first + 8) + ct::bin(total) + Bytes(msg.begin(), msg.begin() + first);
+  Bytes out = bin(first + 8) + bin(total) + Bytes(msg.begin(), msg.begin() + first);
   for (uint32_t done = first; done < total;) {
     uint32_t n = std::min<uint32_t>(total - done, 9996);
-    out = out + ct::bin(n + 4) + Bytes(msg.begin() + done, msg.begin() + done + n);
+    out = out + bin(n + 4) + Bytes(msg.begin() + done, msg.begin() + done + n);
     done += n;
   }
   return out;
@@ -153,7 +142,9 @@ class Transport : public ::testing::Test {
 protected:
   void SetUp() override {
     fresh_namespace();
-    log_ = shared_log();
+    log_ =
+        new (mmap(nullptr, sizeof(Log), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
+            Log{};
     alarm(200);
   }
   void TearDown() override {
@@ -180,8 +171,7 @@ protected:
   // Connects to "demo" (or to no name), expects the refusal `why` and frees
   // the connection without closing it.
   static void refused(const char *why, bool named = true) {
-    char name[] = "demo";
-    DBCONN *c = DBconnect(named ? name : nullptr);
+    DBCONN *c = named ? connect_to("demo") : DBconnect(nullptr);
     EXPECT_EQ(DBstatus(c), 1);
     EXPECT_STREQ(DBerrormessage(c), why);
     DBconn_free(c);
@@ -262,9 +252,8 @@ TEST_F(Transport, HandshakeAndRequestPacketsAreFramedExactly) {
   // full packets; one byte more: a third packet of 5.
   std::vector<uint32_t> lens(log_->chunk_len, log_->chunk_len + log_->chunks);
   EXPECT_EQ(lens, (std::vector<uint32_t>{10008, 10000, 13, 10000, 10000, 10000, 10000, 5}));
-  EXPECT_EQ(log_->total[0], 10000u);
-  EXPECT_EQ(log_->total[1], 10001u);
-  EXPECT_EQ(log_->total[3], 19988u);
+  EXPECT_EQ((std::vector<uint32_t>{log_->total[0], log_->total[1], log_->total[3]}),
+            (std::vector<uint32_t>{10000, 10001, 19988}));
   for (int i = 0; i < log_->chunks; ++i) EXPECT_EQ(log_->chunk_channel[i], 3);
 }
 
@@ -328,7 +317,7 @@ TEST_F(Transport, RefusedChunksAndAnOlderServer) {
       s.client_ack.set();
     }
     // Then a packet longer than any packet may be.
-    return !s.receive().empty() && s.send(2, ct::bin(1000000) + ct::bin(1000000), 8) ? 0 : 3;
+    return !s.receive().empty() && s.send(2, bin(1000000) + bin(1000000), 8) ? 0 : 3;
   });
   ASSERT_EQ(DBcomm_init(DBCOMM_AREA_SIZE), 1);
   ASSERT_EQ(DBhandshake(5000), 2);
@@ -359,7 +348,7 @@ TEST_F(Transport, ErrorAnswersOfConnectionCommands) {
     // connect refused with a text; refused with a text longer than the
     // answer, and with a field that is not a text; connect; drop refused
     // without text; reset: '2' then a refused '1'.
-    if (!s.handshake(1) || !s.reply(1, ct::error_answer("(srv) Kaputt"))) return 1;
+    if (!s.handshake(1) || !s.reply(1, error_answer("(srv) Kaputt"))) return 1;
     if (!s.handshake(1) || !s.reply(1, Bytes{'0', 'b', 50, 0})) return 2;
     if (!s.handshake(1) || !s.reply(1, Bytes{'0', 'a', 2, 0, 'x', 0})) return 2;
     if (!s.handshake(1) || !s.reply(1, Bytes{'1'})) return 3;
@@ -367,13 +356,12 @@ TEST_F(Transport, ErrorAnswersOfConnectionCommands) {
     if (drop.size() < 2 || drop[0] != '4' || !s.answer(1, Bytes{'0'})) return 4;
     if (s.receive() != Bytes{'2'}) return 5;
     Bytes open = s.receive();
-    return open.size() < 2 || open[0] != '1' || !s.answer(1, ct::error_answer("(srv) Weg")) ? 6 : 0;
+    return open.size() < 2 || open[0] != '1' || !s.answer(1, error_answer("(srv) Weg")) ? 6 : 0;
   });
   refused("(srv) Kaputt\n"); // the line feed is added
   refused("(DBconnect) Result error message missing\n");
   refused("(DBconnect) Result error message missing\n");
-  char name[] = "demo";
-  DBCONN *c = DBconnect(name);
+  DBCONN *c = connect_to("demo");
   ASSERT_EQ(DBstatus(c), 0);
   EXPECT_EQ(DBdropdb(c), 0);
   EXPECT_EQ(DBstatus(c), 1);
@@ -398,8 +386,7 @@ TEST_F(Transport, AFailedExchangeLeavesStatusSixAndTheTextAndNeverEndsTheProcess
     s.server.wait(10000);
     return 0;
   });
-  char name[] = "demo";
-  DBCONN *c = DBconnect(name);
+  DBCONN *c = connect_to("demo");
   EXPECT_EQ(DBstatus(c), DBCONN_IO);
   EXPECT_THAT(DBerrormessage(c),
               AnyOf(StartsWith("client write: Data missing (expected "),
@@ -419,10 +406,9 @@ TEST_F(Transport, ASecondConnectRefusesTheFirstConnectionsRequests) {
     if (s.receive() != Bytes{'2'}) return 4;
     return s.log->chunk_channel[s.log->chunks - 1] == 2 ? 0 : 5;
   });
-  char name[] = "demo";
-  DBCONN *first = DBconnect(name);
+  DBCONN *first = connect_to("demo");
   ASSERT_EQ(DBstatus(first), DBCONN_OK);
-  DBCONN *second = DBconnect(name);
+  DBCONN *second = connect_to("demo");
   ASSERT_EQ(DBstatus(second), DBCONN_OK);
   testmsg::g_printed.clear();
   EXPECT_EQ(DBreset(first), 0);

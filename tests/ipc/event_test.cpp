@@ -4,9 +4,7 @@
 #include "tests/ipc/ipc_testutil.h"
 
 #include <chrono>
-#include <cstdint>
 #include <thread>
-#include <vector>
 
 using namespace ipctest;
 using ipc::WaitResult;
@@ -15,10 +13,17 @@ static double ms_since(std::chrono::steady_clock::time_point t) {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t).count();
 }
 
-TEST(IpcEvent, OneWaiterPassesPerSetAndSetsDoNotAccumulate) {
-  fresh_namespace();
+// Every test in a namespace of its own, with the event "Ev" open in it.
+class IpcEvent : public ::testing::Test {
+protected:
+  void SetUp() override {
+    fresh_namespace();
+    ASSERT_TRUE(e.create_or_open("Ev"));
+  }
   ipc::Event e;
-  ASSERT_TRUE(e.create_or_open("Ev"));
+};
+
+TEST_F(IpcEvent, OneWaiterPassesPerSetAndSetsDoNotAccumulate) {
   EXPECT_EQ(e.wait(0), WaitResult::Timeout);
   e.set();
   e.set();
@@ -34,10 +39,7 @@ TEST(IpcEvent, OneWaiterPassesPerSetAndSetsDoNotAccumulate) {
 
 // A nudge ends a wait early as a time-out and is taken by it, leaving the
 // event clear; a set after a nudge is not lost.
-TEST(IpcEvent, NudgeEndsAWaitWithoutSettingTheEvent) {
-  fresh_namespace();
-  ipc::Event e;
-  ASSERT_TRUE(e.create_or_open("Ev"));
+TEST_F(IpcEvent, NudgeEndsAWaitWithoutSettingTheEvent) {
   std::thread nudger([&] {
     usleep(50000); // the waiter is asleep by then
     e.nudge();
@@ -53,7 +55,7 @@ TEST(IpcEvent, NudgeEndsAWaitWithoutSettingTheEvent) {
   EXPECT_EQ(e.wait(0), WaitResult::Signalled);
 }
 
-TEST(IpcEvent, PingPongBetweenProcessesWithAndWithoutSpinning) {
+TEST_F(IpcEvent, PingPongBetweenProcessesWithAndWithoutSpinning) {
   for (int spin : {0, 50}) {
     fresh_namespace();
     ipc::set_spin_limit_us(spin);
@@ -80,10 +82,7 @@ TEST(IpcEvent, PingPongBetweenProcessesWithAndWithoutSpinning) {
   ipc::set_spin_limit_us(150);
 }
 
-TEST(IpcEvent, WaitEndsWhenTheWatchedProcessEnds) {
-  fresh_namespace();
-  ipc::Event e;
-  ASSERT_TRUE(e.create_or_open("Ev"));
+TEST_F(IpcEvent, WaitEndsWhenTheWatchedProcessEnds) {
   pid_t child = spawn([] {
     usleep(100000);
     return 0;
@@ -104,11 +103,8 @@ TEST(IpcEvent, WaitEndsWhenTheWatchedProcessEnds) {
 // hand-over reaches the waiter the word names, in any order, also when two
 // waiters share a futex bit (1 and 33); the taker sets the word free. An
 // event set for nobody the word names stays set.
-TEST(IpcEvent, AddressedWaitTakesOnlyTheEventMeantForIt) {
-  fresh_namespace();
-  ipc::Event e;
+TEST_F(IpcEvent, AddressedWaitTakesOnlyTheEventMeantForIt) {
   ipc::Section word;
-  ASSERT_TRUE(e.create_or_open("Ev"));
   ASSERT_TRUE(word.create_or_open("Word", 4));
   auto *w = static_cast<uint32_t *>(word.data());
   __atomic_store_n(w, UINT32_MAX, __ATOMIC_SEQ_CST);
@@ -142,10 +138,9 @@ TEST(IpcEvent, AddressedWaitTakesOnlyTheEventMeantForIt) {
   for (size_t i = 0; i < kids.size(); ++i) EXPECT_EQ(join_within(kids[i], 5000), 0) << ids[i];
 }
 
-TEST(IpcEvent, OpenLiveRefusesMissingObjectsAndLeftovers) {
-  fresh_namespace();
-  ipc::Event e;
-  EXPECT_FALSE(e.open_live("Srv"));
+TEST_F(IpcEvent, OpenLiveRefusesMissingObjectsAndLeftovers) {
+  ipc::Event live;
+  EXPECT_FALSE(live.open_live("Srv"));
   Gate ready;
   pid_t owner = spawn([&] {
     ipc::Event s;
@@ -161,8 +156,8 @@ TEST(IpcEvent, OpenLiveRefusesMissingObjectsAndLeftovers) {
   ipc::Event second;
   EXPECT_FALSE(second.create_owned("Srv"));
   EXPECT_FALSE(second.is_open()); // a refused owner keeps nothing open
-  ASSERT_TRUE(e.open_live("Srv"));
-  EXPECT_EQ(e.wait(2000), WaitResult::Signalled);
+  ASSERT_TRUE(live.open_live("Srv"));
+  EXPECT_EQ(live.wait(2000), WaitResult::Signalled);
   kill(owner, SIGKILL);
   join(owner);
   ipc::Event late;

@@ -53,28 +53,22 @@ inline pid_t spawn(const std::function<int()> &fn) {
   return pid;
 }
 
-// Waits for the child; returns its exit status, or 128 + signal number.
-inline int join(pid_t pid) {
-  int st = 0;
-  if (waitpid(pid, &st, 0) != pid) return -1;
-  if (WIFEXITED(st)) return WEXITSTATUS(st);
-  return 128 + WTERMSIG(st);
-}
-
-// Waits at most timeout_ms for the child; kills it when it is still running
-// then. Returns like join(), or -2 when it had to be killed.
+// Waits at most timeout_ms for the child (without a limit when negative);
+// kills it when it is still running then. Returns its exit status, 128 +
+// signal number, -1 when it is no child of ours, -2 when it had to be killed.
 inline int join_within(pid_t pid, int timeout_ms) {
-  for (int waited = 0; waited < timeout_ms; waited += 5) {
+  for (int waited = 0; timeout_ms < 0 || waited < timeout_ms; waited += 5) {
     int st = 0;
-    pid_t r = waitpid(pid, &st, WNOHANG);
+    pid_t r = waitpid(pid, &st, timeout_ms < 0 ? 0 : WNOHANG);
     if (r == pid) return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
     if (r < 0) return -1;
     usleep(5000);
   }
   kill(pid, SIGKILL);
-  join(pid);
+  waitpid(pid, nullptr, 0);
   return -2;
 }
+inline int join(pid_t pid) { return join_within(pid, -1); }
 
 // A pipe used to let a child tell the parent it has reached a point.
 struct Gate {

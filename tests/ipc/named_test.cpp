@@ -4,7 +4,6 @@
 
 #include "tests/ipc/ipc_testutil.h"
 
-#include <cerrno>
 #include <cstring>
 
 using namespace ipctest;
