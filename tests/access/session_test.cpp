@@ -3,13 +3,12 @@
 // outcomes and one-value queries on results built by hand.
 #include "db/access/session.h"
 
+#include <csignal>
 #include <cstring>
 
 #include "access_testutil.h"
 #include "db/access/dbcache.h"
 #include "db/client/transport.h"
-#include "server/protocol.h"
-#include "tests/ipc/ipc_testutil.h"
 
 namespace {
 
@@ -158,70 +157,6 @@ TEST(DbinitDeathTest, WithoutAServerPrintsTheConnectionFailure) {
         std::raise(SIGTERM);
       },
       ::testing::ExitedWithCode(1), "Program stopped by signal 15.\n\\[clean-up\\]");
-}
-
-// A server in a child process that opens every database and answers every
-// request "done", except that it ends without an answer at request number
-// `die_at` (from 0). It is ended at the end of the scope, so that a failing
-// assertion leaves no server behind.
-struct DyingServerProcess : tavrind::RequestHandler {
-  int left;
-  pid_t pid = -1;
-  explicit DyingServerProcess(int die_at) : left(die_at) {
-    ipctest::fresh_namespace();
-    ipctest::Gate ready;
-    pid = ipctest::spawn([&] {
-      alarm(60);
-      tavrind::ProtocolServer server(*this);
-      if (!server.start()) return 3;
-      ready.open_gate();
-      server.run();
-      return 0;
-    });
-    EXPECT_TRUE(ready.pass());
-  }
-  ~DyingServerProcess() {
-    if (pid > 0) kill(pid, SIGKILL);
-    ipctest::join_within(pid, 10000);
-    unsetenv("TAVRIN_NAMESPACE");
-  }
-  void request(tavrind::ProtocolServer &srv, int ch, tavrind::ChannelContext *,
-               const unsigned char *data, size_t n) override {
-    if (left-- == 0) _exit(0);
-    static const unsigned char done = '1';
-    if (n > 0 && data[0] != '2') srv.answer(ch, &done, 1); // '2' gets no answer
-  }
-};
-
-TEST(TransportLossDeathTest, TheSessionLayerEndsTheProgram) {
-  // A death test's child uses the connection its parent opened: the server
-  // refuses its chunks as another process's, or it has ended by then.
-  const char *lost = "client write: Data missing \\(expected|DBrecv: No data received|server has "
-                     "ended|server dropped the request";
-  DBSESSION *s = nullptr;
-  {
-    // The server ends while the database is opened.
-    DyingServerProcess srv(0);
-    EXPECT_FATAL(dbinit(&s, "DBSQL/demo"), lost);
-  }
-  {
-    // It ends at the first statement: the session layer stops the program.
-    DyingServerProcess srv(1);
-    ASSERT_EQ(dbinit(&s, "DBSQL/demo"), 1);
-    db_reset_depth_for_test();
-    EXPECT_FATAL(dbbegin(s), lost);
-    EXPECT_FATAL(dbexec1(s, "SELECT * FROM KUNDE", nullptr, nullptr), lost);
-    dbclose(s);
-  }
-  {
-    // dbclose finishes the connection whatever the last status said (a
-    // refused command leaves status 1 on an open connection).
-    DyingServerProcess srv(-1);
-    ASSERT_EQ(dbinit(&s, "DBSQL/demo"), 1);
-    s->connection->status = DBCONN_FAILED;
-    dbclose(s);
-    EXPECT_EQ(DBcomm_ready(), 0);
-  }
 }
 
 } // namespace

@@ -89,27 +89,6 @@ protected:
   void TearDown() override { EXPECT_EQ(db_depth(), 0) << "every BEGIN level closed"; }
 };
 
-TEST_F(TableFile, SavesRawSectionsAndLoadsThemBack) {
-  const char *def = "7,19|K_Id,11,9,4|Menge,2,2,13|Wert,8,4,15";
-  Rec a = record(19), b = record(19);
-  put(a, 4, "K1");
-  put(a, 13, int16_t{12});
-  put(a, 15, 2.5f);
-  put(b, 4, "K2");
-  ASSERT_EQ(save(&session, "t.tbl", def, {a, b}), 1);
-  std::string head = std::string("00002,") + def + '\0';
-  EXPECT_EQ(read_file("t.tbl"),
-            head + std::string(a.begin(), a.end()) + std::string(b.begin(), b.end()));
-  ASSERT_EQ(save(&session, "e.tbl", def, {}), 1); // an empty table: an empty section
-  EXPECT_EQ(read_file("e.tbl"), std::string("00000,") + def + '\0');
-
-  for (const char *name : {"t.tbl", "e.tbl"}) {
-    Loaded l = load(&session, File(name), def, 19);
-    EXPECT_EQ(l.ok, 1);
-    EXPECT_EQ(l.rows, (name[0] == 't' ? std::vector<Rec>{a, b} : std::vector<Rec>{}));
-  }
-}
-
 TEST_F(TableFile, LoadsIntoAChangedLayoutWithEveryConversion) {
   // Then: key, name of 20 bytes, a timestamp and a time kept as text, a code
   // as string, a number that was SHORT, an attribute that is gone now.

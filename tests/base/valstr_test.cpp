@@ -1,5 +1,5 @@
 // Value strings: texts of typed values, null markers, the reducing helpers
-// and the temporary-string register.
+// and fixed-length copies.
 #include "base/valstr.h"
 
 #include "base_testutil.h"
@@ -97,41 +97,4 @@ TEST(FixedCopy, TrailingBlanksAndTooLongTexts) {
   EXPECT_EQ(my_strncpy(field, "abcdefgh  ", 5), 0);
   EXPECT_STREQ(field, "abcde");
   EXPECT_EQ(c.take(), "(my_strncpy): String too long (strlen = 8; size = 5)!\n");
-}
-
-TEST(TempRegister, NestedHoldsKeepStringsAndTheLimitWarnsOnce) {
-  Hold_ValueStrings();
-  Hold_ValueStrings();
-  char *s = Make_TempString("kept");
-  Release_ValueStrings(); // inner release: nothing freed (ASan would see it)
-  EXPECT_STREQ(s, "kept");
-
-  Capture c;
-  for (int i = 1; i < 9999; ++i) Make_TempString("x");
-  EXPECT_EQ(c.take(), "");
-  char *last = Make_TempString("over"); // the 10000th registration
-  EXPECT_STREQ(last, "over");
-  EXPECT_EQ(c.take(), "(Make_ValueString) Warning: Limit for temporary strings reached - memory is "
-                      "wasted (limit = 10000)\n");
-  Make_TempString("more");
-  EXPECT_EQ(c.take(), "");
-  Release_ValueStrings();
-  // After the outermost release the register is empty again, but the warning
-  // stays used up for the run.
-  Hold_ValueStrings();
-  for (int i = 0; i < 10001; ++i) Make_TempString("y");
-  EXPECT_EQ(c.take(), "");
-  Release_ValueStrings();
-}
-
-TEST(ValueStringsDeathTest, BadLengthsLogicalsAndReleasesEndTheProgram) {
-  EXPECT_FATAL(Make_ValueString("twelve chars", 10),
-               "\\(Make_ValueString\\) Error: Size of string 'twelve chars' is invalid \\(10 "
-               "characters expected\\)");
-  EXPECT_FATAL(Make_ValueString("x", -1),
-               "\\(Make_ValueString\\) Error: Stringsize '-1' of type is invalid \\('x'\\)");
-  EXPECT_FATAL(Make_LogicalString('x'),
-               "\\(Make_LogicalString\\) Error: Invalid logical value 'x'!");
-  EXPECT_FATAL(Release_ValueStrings(),
-               "\\(Release_ValueStrings\\) Error: No corresponding Hold_ValueStrings!");
 }

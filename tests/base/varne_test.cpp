@@ -243,39 +243,6 @@ TEST(Varne, LargeInputsAcrossBlocksAndFileStreams) {
   std::fclose(f);
 }
 
-TEST(Varne, FastParseRoundTripsAtItsSearchLimits) {
-  // The fast parse only: the thorough one keeps its own search.
-  auto fast_round_trip = [](const Bytes &data, int comp_cache = 4096) {
-    expect_decodes(compress(data, 5, comp_cache, 65521), data);
-  };
-  // Far more positions per bucket than it holds: one 6-byte prefix whose 7th
-  // byte varies; with the smallest search buffers (32 buckets) nearly every
-  // position collides.
-  Bytes near;
-  std::mt19937 rng(21);
-  while (near.size() < 300000) {
-    near.insert(near.end(), {'S', 'E', 'L', 'E', 'C', 'T', uint8_t(rng() % 64)});
-    for (int i = int(rng() % 12); i >= 0; --i) near.push_back(uint8_t('a' + rng() % 26));
-  }
-  fast_round_trip(near);
-  fast_round_trip(near, 5);
-  // Inputs of 1 MiB and one byte more or less whose repeats run up to the
-  // end of the block and on into the next one; long runs of one byte, also
-  // across the block's end.
-  Bytes records = text(VARNE_BLOCK + 1);
-  for (size_t i = 0; i < records.size(); i += 997) records[i] = uint8_t(rng());
-  for (size_t size : {VARNE_BLOCK - 1, VARNE_BLOCK, VARNE_BLOCK + 1})
-    fast_round_trip(Bytes(records.begin(), records.begin() + long(size)));
-  Bytes tail = random_bytes(4000, 22);
-  Bytes cross = random_bytes(VARNE_BLOCK - 3000, 23);
-  cross.insert(cross.end(), tail.begin(), tail.end());
-  cross.insert(cross.end(), tail.begin(), tail.end());
-  fast_round_trip(cross);
-  Bytes runs(2 * VARNE_BLOCK + 7, 'z');
-  std::fill(runs.begin() + 5000, runs.begin() + 5003, 'y');
-  fast_round_trip(runs);
-}
-
 TEST(Varne, HandBuiltTokensOfEveryClass) {
   // Literals of each class; class 7 value 195 is entry 0.
   StreamBuilder lits;

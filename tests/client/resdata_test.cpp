@@ -130,31 +130,6 @@ TEST(ResData, AccessorsCacheAndRawValues) {
   DBclear(r);
 }
 
-TEST(ResData, ManyRowsAcrossChunksAndBlocks) {
-  DBRESULT *r = DBresult_new();
-  RESDATA *d = &r->data;
-  RESDATA_Header_Data(d, "N", DBTYPE_INTEGER, 4);
-  RESDATA_Header_Data(d, "T", DBTYPE_CHARACTER, 100);
-  std::string filler(90, 'x');
-  const int rows = 12001; // three row-table chunks, several storage blocks
-  for (int32_t i = 0; i < rows; ++i) {
-    RESDATA_Fill_Binary(d, &i, 4);
-    std::string t = filler + std::to_string(i);
-    RESDATA_Fill_Binary(d, t.c_str(), t.size() + 1);
-  }
-  EXPECT_EQ(DBntuples(r), rows);
-  EXPECT_GT(RESDATA_Memory(d), size_t(rows) * (4 + 92));
-  const char *first = DBgetvalue(r, 0, 0);
-  for (int row : {0, 4999, 5000, 9999, 10000, 12000}) {
-    EXPECT_EQ(DBgetvalue(r, row, 0), std::to_string(row));
-    EXPECT_EQ(DBgetvalue(r, row, 1), filler + std::to_string(row));
-  }
-  // The text cache kept its first text while its first chunk grew.
-  EXPECT_EQ(DBgetvalue(r, 0, 0), first);
-  EXPECT_EQ(DBgetvalue(r, rows, 0), nullptr);
-  DBclear(r);
-}
-
 TEST(ResData, TextFillingDeletingAndMessages) {
   testmsg::Capture cap;
   DBRESULT *r = DBresult_new();

@@ -1,6 +1,6 @@
 // The client transport byte for byte, against a scripted stand-in server
 // built directly on the kernel objects: handshake bytes and version refusal,
-// packet framing of requests, answers split into odd chunks, the parking
+// answers split into odd chunks, the parking
 // notice and the re-activation, error answers of the connection commands,
 // and what the client does when the server is missing, silent or dies.
 #include "db/client/connect.h"
@@ -217,44 +217,6 @@ TEST_F(Transport, NoServerASilentOneAndALeftoverOfAKilledOne) {
   refused("(TAVRIN) Communication initialisation error\n");
   EXPECT_EQ(testmsg::g_printed.rfind("Tavrin database not found!\n", 0), 0u) << testmsg::g_printed;
   EXPECT_EQ(DBnotify_server(), 0);
-}
-
-TEST_F(Transport, HandshakeAndRequestPacketsAreFramedExactly) {
-  const size_t sizes[] = {10000, 10001, 19988, 19989};
-  pid_t srv = stand([&](Stand &s) {
-    if (!s.handshake(3)) return 1;
-    for (size_t n : sizes)
-      if (s.receive() != filled(n, int(n)) || !s.answer(3, Bytes{'1'})) return 2;
-    return s.handshake(-1) ? 0 : 3; // refuses the next client's version
-  });
-  ASSERT_EQ(DBcomm_init(DBCOMM_AREA_SIZE), 1);
-  ASSERT_EQ(DBhandshake(5000), 3);
-  EXPECT_STREQ(log_->version, DBCOMM_VERSION);
-  EXPECT_EQ(log_->client_pid, getpid());
-  for (size_t n : sizes) {
-    Bytes m = filled(n, int(n));
-    ASSERT_EQ(DBclient_write(3, m.data(), int(n)), 1);
-    unsigned char buf[100];
-    EXPECT_EQ(DBclient_read(3, buf, sizeof buf, nullptr, nullptr), 1);
-    EXPECT_EQ(buf[0], '1');
-  }
-  EXPECT_EQ(DBhandshake(5000), DBHS_VERSION);
-  EXPECT_EQ(join_within(srv, 5000), 0);
-  // The refusal left no connection: channel 3 fails at once, and the
-  // refused handshake gave the mutex back.
-  testmsg::g_printed.clear();
-  unsigned char q = '1';
-  EXPECT_EQ(DBclient_write(3, &q, 1), 0);
-  EXPECT_EQ(testmsg::g_printed,
-            "client write: Channel 3 is not the connection of this process (-1)\n");
-  EXPECT_EQ(DBhandshake(200), DBHS_TIMEOUT) << "the mutex is free, only nobody answers";
-  // 10000 bytes: one packet of 10008; 10001: 10000 + 13; 9992 + 9996: two
-  // full packets; one byte more: a third packet of 5.
-  std::vector<uint32_t> lens(log_->chunk_len, log_->chunk_len + log_->chunks);
-  EXPECT_EQ(lens, (std::vector<uint32_t>{10008, 10000, 13, 10000, 10000, 10000, 10000, 5}));
-  EXPECT_EQ((std::vector<uint32_t>{log_->total[0], log_->total[1], log_->total[3]}),
-            (std::vector<uint32_t>{10000, 10001, 19988}));
-  for (int i = 0; i < log_->chunks; ++i) EXPECT_EQ(log_->chunk_channel[i], 3);
 }
 
 TEST_F(Transport, AnswersInOddChunksAndAfterParking) {

@@ -24,22 +24,6 @@ protected:
 // "Name", six blanks, bar, blank, "Ort", four blanks, bar, blank, "Anzahl".
 const char *kTitle = "Name      | Ort    | Anzahl";
 
-TEST_F(TabboxModel, TitleDefinesColumns) {
-  FL_OBJECT *tb = make(1);
-  // The column ends (slot 0 is 0; the last is the length + 1) for a title.
-  auto ends = [&](const char *title) {
-    fl_set_tabbox_title(tb, title);
-    fl_get_tabbox_title(tb); // lays out
-    TabboxProps p = tabbox_props(tb);
-    return std::vector<int>(p.end, p.end + p.nslots);
-  };
-  EXPECT_EQ(ends(kTitle), (std::vector<int>{0, 10, 19, 28}));
-  EXPECT_STREQ(fl_get_tabbox_title(tb), kTitle);
-  // No bar: one column ending after the title; empty: no column end at all.
-  EXPECT_EQ(ends("Bezeichnung"), (std::vector<int>{0, 12}));
-  EXPECT_EQ(ends(""), (std::vector<int>{0, -1}));
-}
-
 TEST_F(TabboxModel, DisplayTextsHideReorderAndCut) {
   FL_OBJECT *tb = make(1);
   fl_set_tabbox_title(tb, kTitle);

@@ -1,7 +1,6 @@
 // The tabbox on the (offscreen) screen, driven with real mouse and key
 // events: selection with Shift and Control, scrolling by buttons, troughs,
-// knobs and keys with their limits, auto-repeat, column resize in the title
-// line, the popups and the key actions.
+// knobs and keys with their limits, auto-repeat, bars on the grid, the popups and the key actions.
 #include "forms/fonts.h"
 #include "tests/forms/bars_testutil.h"
 #include "tests/forms/forms_testutil.h"
@@ -189,30 +188,6 @@ TEST_F(TabboxUi, ScrollingStaysWithinItsLimits) {
   EXPECT_EQ(after_click(tb, down).topline, 0);
 }
 
-TEST_F(TabboxUi, WheelScrollsAndTheFocusShows) {
-  FL_OBJECT *tb = make(1, 100);
-  auto wheel = [&](QPoint delta, Qt::KeyboardModifiers mods = Qt::NoModifier) {
-    QPointF at(50, 50);
-    QWheelEvent e(at, tb->widget->mapToGlobal(at), QPoint(), delta, Qt::NoButton, mods,
-                  Qt::NoScrollPhase, false);
-    QApplication::sendEvent(tb->widget, &e);
-    return scroll(tb);
-  };
-  EXPECT_EQ(wheel(QPoint(0, -120)).topline, 3) << "a notch is three lines";
-  EXPECT_EQ(wheel(QPoint(0, -60)).topline, 4) << "a touchpad's half notch";
-  EXPECT_EQ(wheel(QPoint(0, -60)).topline, 6) << "the halves add up";
-  EXPECT_EQ(wheel(QPoint(0, 1200)).topline, 0);
-  EXPECT_EQ(wheel(QPoint(0, -120), Qt::ShiftModifier).offset, 3) << "Shift scrolls sideways";
-  EXPECT_EQ(fl_get_tabbox_selectcount(tb), 0);
-
-  tb->widget->setFocus();
-  ASSERT_TRUE(tb->widget->hasFocus());
-  QImage focused = tb->widget->grab().toImage();
-  tb->widget->clearFocus();
-  QImage plain = tb->widget->grab().toImage();
-  EXPECT_NE(focused.pixel(1, 40), plain.pixel(1, 40)) << "a frame shows the focus";
-}
-
 TEST_F(TabboxUi, HeldButtonsRepeatAfterTheirDelays) {
   FL_OBJECT *tb = make(1, 100);
   const int W = tb->w, H = tb->h;
@@ -250,52 +225,6 @@ TEST_F(TabboxUi, HeldButtonsRepeatAfterTheirDelays) {
   // Released: moving the mouse drags no more.
   QTest::mouseMove(tb->widget, QPoint(W - 9, ks));
   EXPECT_EQ(scroll(tb).topline, 100 - fl_get_tabbox_screenlines(tb));
-}
-
-TEST_F(TabboxUi, DraggingABarInTheTitleCutsTheColumn) {
-  FL_OBJECT *tb = make(1, 3);
-  fl_set_tabbox_colwidth_hook([](FL_OBJECT *, int col, int width) {
-    g.widths.push_back({col, width});
-  });
-  auto cell = [&](int pos) { return title_cell(tb, pos); };
-  // Not on a bar: no resize.
-  EXPECT_FALSE(drag(tb, cell(4), cell(2)));
-  EXPECT_EQ(maxwidth(tb, 1), -1);
-  // On the bar, released where it started: nothing changes.
-  EXPECT_TRUE(drag(tb, cell(10), cell(10)));
-  EXPECT_EQ(maxwidth(tb, 1), -1);
-  EXPECT_NE(tb->widget->cursor().shape(), Qt::SizeAllCursor);
-  // Dragged three characters to the left.
-  drag(tb, cell(10), cell(7));
-  EXPECT_EQ(maxwidth(tb, 1), 6);
-  EXPECT_EQ(std::string(fl_get_tabbox_title(tb)), "Name   | " + title().substr(12));
-  EXPECT_EQ(std::string(fl_get_tabbox_line(tb, 1)), "Zeile ~| " + std::string(150, 'b'));
-  // Never narrower than 1 nor wider than the column; every button resizes.
-  drag(tb, cell(7), cell(0), Qt::RightButton);
-  EXPECT_EQ(maxwidth(tb, 1), 1);
-  drag(tb, cell(2), cell(30), Qt::MiddleButton);
-  EXPECT_EQ(maxwidth(tb, 1), 10);
-  EXPECT_EQ(g.widths, (std::vector<std::pair<int, int>>{{1, 6}, {1, 1}, {1, 10}}));
-
-  // In vertical display the companion's columns are resized: "Attribut" is
-  // padded to "Beschreibung", its bar at 13. The width stays with the
-  // companion, away from the settings of the horizontal columns.
-  FL_OBJECT *turned = make(0, 1);
-  fl_set_tabbox_vert(turned);
-  fl_layout_tabbox(turned);
-  auto last_offset = [&] {
-    fl_tabbox_rightmost(turned);
-    int o = mytabs_get_offset(turned);
-    fl_tabbox_leftmost(turned);
-    return o;
-  };
-  const int before = last_offset();
-  EXPECT_TRUE(drag(turned, title_cell(turned, 13), title_cell(turned, 8)));
-  EXPECT_EQ(last_offset(), before - 5);
-  EXPECT_EQ(maxwidth(turned, 1), -1);
-  EXPECT_EQ(g.widths.size(), 3u);
-  fl_draw_tabbox(turned); // a rebuild keeps the dragged width
-  EXPECT_EQ(last_offset(), before - 5);
 }
 
 // With a font whose advance is not a whole number of pixels the bars of a

@@ -1,8 +1,7 @@
 // Managed and database tabboxes: field parsing and padding, the column limit,
 // uniqueness, the record sort with its row limit, the loaders and record
-// hooks (with a record-producing table that needs no server, and with a
-// SELECT and an UPDATE on a real TAVRIN server), and the fatal programming
-// errors.
+// hooks (with a record-producing table that needs no server), and the fatal
+// programming errors.
 #include "base/valstr.h"
 #include "db/access/session.h"
 #include "framework/tabset.h"
@@ -30,24 +29,14 @@ int id_of(const void *r) { return static_cast<const Rec *>(r)->id; }
 
 const char *title_nr_name(FL_OBJECT *) { return "Nr,Name"; }
 
-// A table of records for the loader: first/next walk the array. With a
-// statement, first fills it from the answer (id and city) on the server.
+// A table of records for the loader: first/next walk the array.
 struct Table {
   std::vector<Rec> rows;
   size_t pos = 0;
-  std::string sql;
 };
-int first_rec(void *t, DBSESSION *s) {
+int first_rec(void *t, DBSESSION *) {
   Table *tab = static_cast<Table *>(t);
   tab->pos = 0;
-  DBRESULT *r = nullptr;
-  int outcome = 0;
-  if (!tab->sql.empty() && dbexec1(s, tab->sql.c_str(), &r, &outcome) && outcome == DBOUT_TUPLES)
-    for (int row = 0; row < dbntuples(s, r); ++row) {
-      tab->rows.push_back({sizeof(Rec), std::atoi(dbgetvalue(s, r, row, 0)), {}});
-      std::snprintf(tab->rows.back().name, sizeof(Rec::name), "%s", dbgetvalue(s, r, row, 1));
-    }
-  dbclear(s, r);
   return tab->rows.empty() ? 0 : 1;
 }
 int next_rec(void *t, DBSESSION *, void *record) {
@@ -192,31 +181,6 @@ TEST_F(DbTabbox, AnEqualRecordIsNotAddedTwice) {
   EXPECT_EQ(id_of(myfl_get_tabbox(tb_)), 7);
   EXPECT_EQ(myfl_delete_tabbox_line(tb_), 1);
   EXPECT_EQ(ids(), (V{1}));
-}
-
-// A replaced or deleted line leaves its old fields in the tabbox's store
-// until the store is copied afresh: every other line keeps its own fields
-// through that, and the store does not grow without end.
-TEST_F(DbTabbox, ReplacedAndDeletedLinesLeaveTheOtherLinesFieldsIntact) {
-  init_db();
-  for (int i = 1; i <= 50; ++i)
-    myfl_addto_tabbox_line(tb_, (std::to_string(i) + ",Name " + std::to_string(i)).c_str(),
-                           nullptr);
-  fl_select_tabbox_line(tb_, 1);
-  for (int k = 0; k < 6000; ++k)
-    ASSERT_EQ(
-        myfl_replace_tabbox_line(tb_, ("1,\"Neu, " + std::to_string(k) + "\"").c_str(), nullptr),
-        1);
-  EXPECT_LE(myfl_find_tabbox(tb_)->fields.size(), 2u * 4096 + 100);
-  fl_deselectall_tabbox(tb_);
-  fl_select_tabbox_line(tb_, 2);
-  EXPECT_EQ(myfl_delete_tabbox_line(tb_), 1);
-  ASSERT_EQ(myfl_get_tabbox_items(tb_), 49);
-  EXPECT_STREQ(myfl_get_tabbox_attrib_info(tb_, 1, 2), "Neu, 5999");
-  for (int i = 2; i <= 49; ++i)
-    ASSERT_STREQ(myfl_get_tabbox_attrib_info(tb_, i, 2), ("Name " + std::to_string(i + 1)).c_str());
-  EXPECT_EQ(field(49, 2), "Name 50");
-  EXPECT_EQ(field(1, 2), "Neu, 5999");
 }
 
 TEST_F(DbTabbox, RecordSortKeepsItsRowLimit) {
@@ -421,50 +385,6 @@ TEST_F(DbTabbox, ProgrammingErrorsEndTheProgram) {
   init_db("Kunden", nullptr, nullptr, nullptr, nullptr);
   EXPECT_FATAL("\\(myfl_load_db_tabbox\\) TABLE_New\\(\\) not defined",
                myfl_load_db_tabbox(&session_, tb_, rec_line, first_rec, next_rec, &t));
-}
-
-// The save hook: the city of the record written back.
-int save_city(DBSESSION *s, void *record) {
-  std::string set = "ORT = 'Neustadt' WHERE KUNDE_ID = " + std::to_string(id_of(record));
-  DBRESULT *r = nullptr;
-  int outcome = 0;
-  int ok = dbupdate(s, "KUNDE", set.c_str(), &r, &outcome);
-  dbclear(s, r);
-  return ok;
-}
-
-TEST_F(DbTabbox, LoadsFromAServerAndSavesThroughTheHook) {
-  tavrind_fixture::Server *server = test_server();
-  if (!server) GTEST_SKIP() << "no TAVRIN server could be started";
-  setenv("TAVRIN_NAMESPACE", server->ns().c_str(), 1);
-  DBSESSION *s = nullptr;
-  ASSERT_EQ(dbinit(&s, "DBSQL/demo"), 1);
-  init_db("Kunden", nullptr, save_city);
-  auto load = [&](const char *sql) {
-    Table t{{}, 0, sql};
-    int ok = myfl_load_db_tabbox(s, tb_, rec_line, first_rec, next_rec, &t);
-    EXPECT_EQ(db_depth(), 0) << sql;
-    return ok;
-  };
-  const char *first3 = "SELECT KUNDE_ID, ORT FROM KUNDE WHERE KUNDE_ID <= 3 ORDER BY KUNDE_ID";
-  ASSERT_EQ(load(first3), 1);
-  EXPECT_EQ(ids(), (V{1, 2, 3}));
-  EXPECT_FALSE(field(2, 2).empty());
-  EXPECT_NE(field(2, 2), "Neustadt");
-
-  // No row: an empty tabbox.
-  EXPECT_EQ(load("SELECT KUNDE_ID, ORT FROM KUNDE WHERE KUNDE_ID < 0"), 0);
-  EXPECT_EQ(myfl_get_tabbox_items(tb_), 0);
-
-  // Saving runs the hook for every record; a new load shows the change.
-  load("SELECT KUNDE_ID, ORT FROM KUNDE WHERE KUNDE_ID <= 2 ORDER BY KUNDE_ID");
-  EXPECT_EQ(myfl_save_db_tabbox(s, tb_), 1);
-  EXPECT_EQ(db_depth(), 0);
-  load(first3);
-  EXPECT_EQ(field(1, 2), "Neustadt");
-  EXPECT_EQ(field(2, 2), "Neustadt");
-  EXPECT_NE(field(3, 2), "Neustadt");
-  dbclose(s);
 }
 
 } // namespace

@@ -1,17 +1,11 @@
 // Focus order and the keyboard hook: Tab through the form in reading order, the
-// next-input search, navigation keys forwarded to the control tabbox, and the
-// fatal and non-fatal misuses.
+// next-input search, and the fatal and non-fatal misuses.
 #include "framework/focus.h"
 #include "tests/framework/framework_testutil.h"
 
 namespace {
 
 using namespace zqtest;
-
-int g_dblclicks = 0;
-void on_dblclick(FL_OBJECT *, long) { ++g_dblclicks; }
-int g_input_reports = 0;
-void on_input(FL_OBJECT *, long) { ++g_input_reports; }
 
 class Focus : public FormTest {
 protected:
@@ -25,18 +19,6 @@ protected:
     multi_ = fl_add_input(FL_MULTILINE_INPUT, 60, 70, 100, 50, "M");
     tabbox_ = fl_add_tabbox(2, 10, 130, 380, 160, "");
     fl_end_form();
-    // Ten wide columns: far wider than the tabbox, so it can scroll sideways.
-    auto row = [](const std::string &cell, char fill) {
-      std::string text;
-      for (int c = 0; c < 10; ++c) text += (c ? "|" : "") + cell + std::string(20, fill);
-      return text;
-    };
-    fl_set_tabbox_title(tabbox_, row("Spalte", ' ').c_str());
-    for (int i = 0; i < 30; ++i)
-      fl_addto_tabbox(tabbox_, row("Wert " + std::to_string(i), '-').c_str());
-    fl_set_tabbox_dblclick_callback(tabbox_, on_dblclick, 0);
-    g_dblclicks = 0;
-    g_input_reports = 0;
   }
   FL_OBJECT *a_ = nullptr, *button_ = nullptr, *b_ = nullptr, *multi_ = nullptr, *tabbox_ = nullptr;
 };
@@ -87,56 +69,6 @@ TEST_F(Focus, FirstObjectOnlyAndTheNextInputSearch) {
   EXPECT_EQ(fl_get_focus_object(form_), a_);
   for (FL_OBJECT *input : {a_, b_, multi_}) fl_deactivate_object(input);
   EXPECT_EQ(myfl_focus_next_input(form_, a_), 0);
-}
-
-TEST_F(Focus, NavigationKeysReachTheControlTabbox) {
-  myfl_set_form_name(form_, -1, "FocusTest");
-  myfl_define_ctrl_tabbox(form_, tabbox_);
-  show_and_activate(form_);
-  fl_set_focus_object(form_, a_);
-  QWidget *w = a_->widget;
-  for (Qt::Key k : {Qt::Key_Down, Qt::Key_Down, Qt::Key_Up}) QTest::keyClick(w, k);
-  EXPECT_EQ(fl_get_tabbox(tabbox_), 1) << "Down and Up in an input move the tabbox selection";
-
-  QTest::keyClicks(w, "abc");
-  QTest::keyClick(w, Qt::Key_Left);
-  EXPECT_EQ(fl_get_input_cursorpos(a_), 2) << "Left edits in an input";
-  EXPECT_EQ(mytabs_get_offset(tabbox_), 0);
-  // Control with Home/End/Left/Right are the text's own keys in an input.
-  QTest::keyPress(w, Qt::Key_Control);
-  QTest::keyClick(w, Qt::Key_Home, Qt::ControlModifier);
-  EXPECT_EQ(fl_get_input_cursorpos(a_), 0);
-  QTest::keyClick(w, Qt::Key_Right, Qt::ControlModifier);
-  QTest::keyClick(w, Qt::Key_End, Qt::ControlModifier);
-  QTest::keyRelease(w, Qt::Key_Control);
-  EXPECT_EQ(fl_get_input_cursorpos(a_), 3);
-  EXPECT_EQ(mytabs_get_offset(tabbox_), 0) << "they do not scroll the tabbox";
-
-  fl_set_focus_object(form_, button_);
-  QTest::keyClick(button_->widget, Qt::Key_End);
-  EXPECT_GT(mytabs_get_offset(tabbox_), 0) << "outside inputs no Control is needed";
-  QTest::keyClick(button_->widget, Qt::Key_Return);
-  EXPECT_EQ(g_dblclicks, 1) << "Return opens the selected line";
-
-  fl_set_object_callback(b_, on_input, 0);
-  fl_set_focus_object(form_, b_);
-  QTest::keyClicks(b_->widget, "x");
-  QTest::keyClick(b_->widget, Qt::Key_Return);
-  EXPECT_EQ(g_dblclicks, 1) << "an input with a callback keeps Return";
-  EXPECT_EQ(g_input_reports, 1);
-
-  int sel = fl_get_tabbox(tabbox_);
-  fl_set_focus_object(form_, multi_);
-  QTest::keyClick(multi_->widget, Qt::Key_Down);
-  QTest::keyClick(multi_->widget, Qt::Key_Return);
-  EXPECT_EQ(fl_get_tabbox(tabbox_), sel) << "a multi-line input keeps its cursor keys";
-  EXPECT_EQ(g_dblclicks, 1);
-
-  // Shift is tracked for the tabbox.
-  QTest::keyPress(multi_->widget, Qt::Key_Shift);
-  EXPECT_EQ(myfl_get_modifier(FL_KEY_SHIFT), 1);
-  QTest::keyRelease(multi_->widget, Qt::Key_Shift);
-  EXPECT_EQ(myfl_get_modifier(FL_KEY_SHIFT), 0);
 }
 
 TEST_F(Focus, MissingRecordsAndDefinitions) {

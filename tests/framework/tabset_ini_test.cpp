@@ -1,7 +1,6 @@
 // The tabbox settings line: written from the tabbox's properties, applied by
-// the settings hook when the title is set (more or fewer columns than saved,
-// bad tokens), the no-settings registration, and the width edits made by a
-// drag in the title line and by "Spalten optimieren" on the real widget.
+// the settings hook when the title is set (bad tokens), the no-settings
+// registration, and the width tokens edited under the plain name.
 #include "framework/tabset.h"
 #include "tests/framework/framework_testutil.h"
 
@@ -66,30 +65,6 @@ TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
   EXPECT_EQ(ini(), "[Kunden_2] v 1 4 1 2 3 2d 7m " + token + " \n");
 }
 
-TEST_F(TabSet, SavedLinesThatDoNotFitTheColumns) {
-  // Saved: only column 2 shown; columns 3 and 4 are new and follow it.
-  put("Liste", "[Liste] 0 3 2 -1 \n");
-  g_title = "Name,Ort,Anzahl,Datum";
-  reg("Liste");
-  auto p = tabbox_props(tb_);
-  EXPECT_EQ(p.of(p.order), (V{2, 3, 4, -1}));
-  EXPECT_EQ(p.of(p.visible), (V{0, 1, 1, 1}));
-  EXPECT_THAT(messages(), testing::Not(testing::HasSubstr("ini-file")));
-
-  // Saved for more columns than there are: that entry alone is dropped.
-  myfl_free_tabbox(tb_);
-  g_title = "Name,Ort,Anzahl";
-  messages().clear();
-  put("Liste", "[Liste] 0 6 5 4 3 2 1 \n");
-  put("Andere", "[Andere] 0 2 1 \n");
-  reg("Liste");
-  EXPECT_EQ(messages(), "ini-file: wrong tabbox definition (Liste)!\n");
-  EXPECT_EQ(ini(), "[Andere] 0 2 1 \n");
-  p = tabbox_props(tb_);
-  EXPECT_EQ(p.of(p.order), (V{1, 2, 3}));
-  EXPECT_EQ(p.of(p.visible), (V{1, 1, 1}));
-}
-
 TEST_F(TabSet, BadTokensAreReportedAndSkipped) {
   reg("Liste");
   put("Liste",
@@ -128,25 +103,6 @@ TEST_F(TabSet, WidthTokensAreEditedUnderThePlainName) {
   myfl_clear_tabbox_colwidth_ini(tb_, 2);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 12|1 3|4 \n");
   myfl_clear_tabbox_colwidths_ini(tb_);
-  EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 \n");
-}
-
-TEST_F(TabSet, DragAndOptimiseOnTheWidgetUpdateTheEntry) {
-  reg("Liste");
-  show_and_activate(form_);
-  fl_layout_tabbox(tb_);
-  myfl_save_tabbox_ini(tb_);
-  EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 \n");
-  auto maxwidth = [&](int col) { return tabbox_props(tb_).colmax[col]; };
-  // The bar after "Name" (19 wide) dragged five characters to the left.
-  int bar = static_cast<int>(std::string(fl_get_tabbox_title(tb_)).find('|'));
-  drag(tb_, title_cell(tb_, bar), title_cell(tb_, bar - 5));
-  EXPECT_EQ(maxwidth(1), bar - 6);
-  EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 1|" + std::to_string(bar - 6) + " \n");
-  // "Spalten optimieren" from the popup.
-  fl_seam_queue_popup(2);
-  QTest::mouseClick(tb_->widget, Qt::RightButton, {}, line_point(tb_, 0));
-  EXPECT_EQ(maxwidth(1), -1);
   EXPECT_EQ(ini(), "[Liste] 0 4 1 2 3 \n");
 }
 
