@@ -257,7 +257,8 @@ public:
   // be read column by column: it orders its rows, or the program of the
   // wrapped text is not known to compute each row right before handing it
   // out. Judged once per text; a failure to prepare either text gives "".
-  std::string row_function_sql(const std::string &sql, size_t ncols);
+  // The text returned stays valid until the next call.
+  const std::string &row_function_sql(const std::string &sql, size_t ncols);
   // Reads the rows of `sql` column by column from now on.
   void row_function_unfit(const std::string &sql) { by_function_[sql].clear(); }
   int save(const std::string &path, std::string &err) override {
@@ -314,7 +315,8 @@ CachedStmt::~CachedStmt() {
   c_.cache_[sql_] = std::move(s_);
 }
 
-std::string SqliteConn::row_function_sql(const std::string &sql, size_t ncols) {
+const std::string &SqliteConn::row_function_sql(const std::string &sql, size_t ncols) {
+  static const std::string none;
   auto it = by_function_.find(sql);
   if (it != by_function_.end()) return it->second;
   // A text that does not prepare now (a table of a stale schema) or whose
@@ -322,7 +324,7 @@ std::string SqliteConn::row_function_sql(const std::string &sql, size_t ncols) {
   sqlite3_stmt *raw = nullptr;
   int rc = sqlite3_prepare_v2(db(), sql.c_str(), static_cast<int>(sql.size()), &raw, nullptr);
   SqliteStmt probe(raw);
-  if (rc != SQLITE_OK || !raw) return "";
+  if (rc != SQLITE_OK || !raw) return none;
   if (by_function_.size() >= 4 * STMT_CACHE) by_function_.clear();
   std::string &verdict = by_function_[sql];
   const int n = sqlite3_column_count(raw);
@@ -346,7 +348,7 @@ std::string SqliteConn::row_function_sql(const std::string &sql, size_t ncols) {
   }
   if (rc != SQLITE_DONE) {
     by_function_.erase(sql);
-    return "";
+    return none;
   }
   verdict = wrapped;
   return verdict;
@@ -504,7 +506,7 @@ public:
       c.bind(s_, params);
       return;
     }
-    std::string wrapped = c.row_function_sql(sql, cols.size());
+    const std::string &wrapped = c.row_function_sql(sql, cols.size());
     if (wrapped.empty()) {
       cached_.emplace(c, sql);
       s_ = cached_->get();
