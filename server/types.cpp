@@ -798,16 +798,21 @@ inline size_t read_cell(int code, sqlite3_stmt *stmt, int col, SqliteCell &c) {
 // room read_cell named; returns the end of what it wrote. A NULL number goes
 // out as its type's null marker.
 inline unsigned char *put_cell(unsigned char *p, int code, const SqliteCell &c) {
+  // A number's type is asked only when it reads as zero, the value a NULL
+  // reads as: most values are not, and each call into SQLite counts.
   switch (code) {
-  case DBTYPE_SMALLINT:
-    return put_smallint(p, sqlite3_value_type(c.val) == SQLITE_NULL ? NULL_SMALLINT
-                                                                      : sqlite3_value_int64(c.val));
-  case DBTYPE_INTEGER:
-    return put_integer(p, sqlite3_value_type(c.val) == SQLITE_NULL ? NULL_INTEGER
-                                                                     : sqlite3_value_int64(c.val));
-  case DBTYPE_FLOAT:
-    return put_float(p, sqlite3_value_type(c.val) == SQLITE_NULL ? NULL_FLOAT
-                                                                   : sqlite3_value_double(c.val));
+  case DBTYPE_SMALLINT: {
+    int64_t v = sqlite3_value_int64(c.val);
+    return put_smallint(p, v == 0 && sqlite3_value_type(c.val) == SQLITE_NULL ? NULL_SMALLINT : v);
+  }
+  case DBTYPE_INTEGER: {
+    int64_t v = sqlite3_value_int64(c.val);
+    return put_integer(p, v == 0 && sqlite3_value_type(c.val) == SQLITE_NULL ? NULL_INTEGER : v);
+  }
+  case DBTYPE_FLOAT: {
+    double v = sqlite3_value_double(c.val);
+    return put_float(p, v == 0 && sqlite3_value_type(c.val) == SQLITE_NULL ? NULL_FLOAT : v);
+  }
   case DBTYPE_DATE:
   case DBTYPE_TIME:
   case DBTYPE_TIMESTAMP:
