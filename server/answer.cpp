@@ -91,6 +91,12 @@ void answer_row(std::vector<unsigned char> &out) {
   for (int i = 0; i < 4; ++i) out[5 + i] = static_cast<unsigned char>(rows >> (8 * i));
 }
 
+void answer_rows_add(std::vector<unsigned char> &out, int32_t n) {
+  if (out.size() < 9 || n == 0) return;
+  uint32_t rows = static_cast<uint32_t>(answer_tuples_rows(out)) + static_cast<uint32_t>(n);
+  for (int i = 0; i < 4; ++i) out[5 + i] = static_cast<unsigned char>(rows >> (8 * i));
+}
+
 int32_t answer_tuples_rows(const std::vector<unsigned char> &out) {
   if (out.size() < 9) return 0;
   uint32_t v = 0;

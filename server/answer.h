@@ -145,6 +145,9 @@ struct AnswerColumn {
 void answer_tuples_begin(std::vector<unsigned char> &out, unsigned char kind,
                          const std::vector<AnswerColumn> &cols);
 void answer_row(std::vector<unsigned char> &out);
+// Counts n more finished rows at once, for row loops that count their rows
+// when they end; an answer without the tuples head is left as it is.
+void answer_rows_add(std::vector<unsigned char> &out, int32_t n);
 int32_t answer_tuples_rows(const std::vector<unsigned char> &out);
 
 // Appends values in their binary forms (16-bit length first), for answers

@@ -787,6 +787,11 @@ int catalog_fill_demo(sqlite3 *db, std::string &err) {
   return 1;
 }
 
+void catalog_sqlite_setup() {
+  // SQLITE_MISUSE once SQLite is initialized: the setting stays as it was.
+  sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+}
+
 int catalog_folder(Catalog &cat, const std::string &dir, std::string &err) {
   cat.dir = dir;
   while (cat.dir.size() > 1 && cat.dir.back() == '/') cat.dir.pop_back();

@@ -42,6 +42,11 @@ extern const char *const CATALOG_DEMO_DB;
 // DEMO. A later start leaves existing databases untouched. Returns 1, or 0
 // with err set.
 int catalog_init(Catalog &cat, const std::string &dir, std::string &err, bool with_demo = true);
+// Process-wide SQLite settings, once at server start before the first
+// connection opens: SQLite keeps no memory statistics, which would take a
+// process-wide mutex for every allocation and release of every
+// connection. Called later, it changes nothing.
+void catalog_sqlite_setup();
 // The two halves of catalog_init: makes dir the catalog's folder (created if
 // needed), and creates TDSYS (and DEMO) in it when TDSYS is missing.
 int catalog_folder(Catalog &cat, const std::string &dir, std::string &err);

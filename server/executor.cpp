@@ -763,7 +763,7 @@ void do_select(Ctx &c, const Request &q) {
     if (c.ch.ex.verbose) log_line(c.ch, shape->sql);
     std::unique_ptr<StoreRows> rows;
     try {
-      rows = c.st.conn->query(shape->sql, params, false);
+      rows = c.st.conn->query(shape->sql, params, false, shape->cols);
       rows->first();
     } catch (const ExecError &) {
       rows.reset();
@@ -783,7 +783,7 @@ void do_declare(Ctx &c, const Request &q) {
   Generated g = tr.select(*q.select, nullptr);
   if (c.ch.ex.verbose) log_line(c.ch, "DECLARE " + q.name + " CURSOR FOR " + g.sql);
   Cursor cur;
-  cur.rows = c.st.conn->query(g.sql, tr.params, true);
+  cur.rows = c.st.conn->query(g.sql, tr.params, true, g.cols);
   cur.cols = g.cols;
   c.st.cursors.emplace(q.name, std::move(cur));
   answer_done(c.out);

@@ -170,8 +170,11 @@ public:
   // A change with parameters; returns the number of rows changed.
   virtual int change(const std::string &sql, const std::vector<SqlValue> &params) = 0;
   // A query; cursor: its rows are read over several requests (DECLARE).
+  // cols: the answer's columns, the first cols.size() of the query's, which
+  // append() will be given.
   virtual std::unique_ptr<StoreRows> query(const std::string &sql,
-                                           const std::vector<SqlValue> &params, bool cursor) = 0;
+                                           const std::vector<SqlValue> &params, bool cursor,
+                                           const std::vector<AnswerColumn> &cols) = 0;
   // SET TABLE t STATIC / SECURE: refuses or allows changes of the table
   // (also to other tools working on the store).
   virtual void set_static(const std::string &table, bool make_static) = 0;

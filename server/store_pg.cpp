@@ -354,7 +354,7 @@ public:
     return atoi(PQcmdTuples(r.get()));
   }
   std::unique_ptr<StoreRows> query(const std::string &sql, const std::vector<SqlValue> &params,
-                                   bool cursor) override;
+                                   bool cursor, const std::vector<AnswerColumn> &cols) override;
   void set_static(const std::string &table, bool make_static) override {
     std::string base = std::string(STATIC_PREFIX) + sql_upper(table);
     std::string sql;
@@ -1253,7 +1253,8 @@ private:
 };
 
 std::unique_ptr<StoreRows> PgConn::query(const std::string &sql,
-                                         const std::vector<SqlValue> &params, bool cursor) {
+                                         const std::vector<SqlValue> &params, bool cursor,
+                                         const std::vector<AnswerColumn> &) {
   if (cursor) {
     auto rows = std::make_unique<PgCursor>(*this, sql, params);
     rows->first();

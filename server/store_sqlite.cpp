@@ -5,8 +5,9 @@
 // holds the database's RESERVED lock until it ends, and a connection that
 // finds it taken is told SQLITE_BUSY at once (no busy wait), which leaves
 // here as WouldBlock. Readers read WAL snapshots and never wait. Statements
-// are prepared once per text and kept per connection; the row loop reads
-// the prepared statement directly into the answer.
+// are prepared once per text and kept per connection; a query's rows are
+// written straight into the answer, by a function that SQLite calls with
+// each row's values where the query allows it, else by the row loop.
 #include "server/store.h"
 
 #include "server/catalog.h"
@@ -15,7 +16,9 @@
 
 #include <sqlite3.h>
 
+#include <cctype>
 #include <cstring>
+#include <strings.h>
 #include <optional>
 #include <unordered_map>
 
@@ -33,6 +36,92 @@ constexpr size_t STMT_CACHE = 64;
 // How many SQLite virtual machine steps pass between two calls of the
 // progress handler: a few microseconds of work.
 constexpr int PROGRESS_STEPS = 1000;
+
+// A query's rows may be written into the answer by an application function
+// that SQLite calls with the row's values as its arguments (see SqliteRows):
+// its name, the parameter that carries the row sink, the pointer type of
+// that binding, and the name the query is wrapped under.
+const char *const ROW_FUNCTION = "tavrin_answer_row";
+const char *const ROW_SINK_PARAM = ":tavrin_row_sink";
+const char *const ROW_SINK = "tavrin-row-sink";
+// No TAVRIN name has a blank; should a table of another tool be named so,
+// the wrapped text does not prepare and the rows are read column by column.
+const char *const ROW_QUERY = "\"tavrin rows\"";
+
+// Where the row function writes: the answer, where the rows taken so far end
+// (the next row goes there), the answer's column types; and what its last
+// call left.
+struct RowSink {
+  std::vector<unsigned char> *out = nullptr;
+  size_t end = 0;
+  size_t row_end = 0; // the end of the row the last call wrote
+  const ColType *types = nullptr;
+  size_t ncols = 0;
+  int calls = 0; // calls since the last row was taken
+};
+
+// The row function: writes its arguments after the first (the bound sink)
+// as a row of the answer at the sink's end. Its own value is NULL and never
+// read. Fails the statement without a sink or without memory (no C++
+// exception may pass through SQLite).
+void row_function(sqlite3_context *ctx, int argc, sqlite3_value **argv) {
+  auto *sink =
+      argc > 0 ? static_cast<RowSink *>(sqlite3_value_pointer(argv[0], ROW_SINK)) : nullptr;
+  if (!sink || !sink->out || static_cast<size_t>(argc - 1) < sink->ncols) {
+    sqlite3_result_error(ctx, "tavrin_answer_row: no answer to write to", -1);
+    return;
+  }
+  try {
+    sink->row_end = type_write_values(*sink->out, sink->end, sink->types, sink->ncols, argv + 1);
+    ++sink->calls;
+  } catch (...) {
+    sqlite3_result_error_nomem(ctx);
+  }
+}
+
+// Opcodes after which a program may compute result rows ahead of handing
+// them out, or compute one several times: sorting, temporary tables,
+// aggregates. A query whose program has none computes each result row once,
+// right before handing it out.
+bool buffering_opcode(const char *op) {
+  static const char *const kOps[] = {"SorterOpen", "SorterSort", "Sort",     "OpenEphemeral",
+                                     "OpenAutoindex", "OpenDup",  "AggStep",  "AggStep1",
+                                     "AggValue",   "AggInverse", "AggFinal"};
+  for (const char *k : kOps)
+    if (strcmp(op, k) == 0) return true;
+  return false;
+}
+
+// Whether the query text orders its rows anywhere: the words ORDER BY
+// outside quoted names and texts. Wrapped into another query, an ordered
+// query's order would rest on SQLite keeping the order of a subquery, which
+// it does not promise.
+bool orders_rows(const std::string &sql) {
+  auto word_char = [&](size_t k) {
+    return k < sql.size() && (isalnum(static_cast<unsigned char>(sql[k])) || sql[k] == '_');
+  };
+  for (size_t i = 0; i < sql.size(); ++i) {
+    const char c = sql[i];
+    if (c == '"' || c == '\'') {
+      // Up to the closing quote; a doubled quote stands for itself.
+      for (++i; i < sql.size(); ++i) {
+        if (sql[i] != c) continue;
+        if (i + 1 < sql.size() && sql[i + 1] == c)
+          ++i;
+        else
+          break;
+      }
+      continue;
+    }
+    if ((i > 0 && word_char(i - 1)) || strncasecmp(sql.c_str() + i, "ORDER", 5) != 0 ||
+        i + 5 >= sql.size() || !isspace(static_cast<unsigned char>(sql[i + 5])))
+      continue;
+    size_t j = i + 5;
+    while (j < sql.size() && isspace(static_cast<unsigned char>(sql[j]))) ++j;
+    if (strncasecmp(sql.c_str() + j, "BY", 2) == 0 && !word_char(j + 2)) return true;
+  }
+  return false;
+}
 
 class SqliteConn;
 
@@ -59,6 +148,10 @@ public:
   SqliteConn(Catalog &cat, std::string name, SqliteDb db, StoreCheck check, void *arg)
       : cat_(cat), name_(std::move(name)), db_(std::move(db)), check_(check), arg_(arg) {
     sqlite3_progress_handler(db_.get(), PROGRESS_STEPS, &SqliteConn::progress, this);
+    // Not usable from the file's own triggers and views. Without it, the
+    // wrapped queries fail to prepare and are read column by column.
+    sqlite3_create_function_v2(db_.get(), ROW_FUNCTION, -1, SQLITE_UTF8 | SQLITE_DIRECTONLY,
+                               nullptr, row_function, nullptr, nullptr, nullptr);
   }
   ~SqliteConn() override {
     cache_.clear();
@@ -156,8 +249,18 @@ public:
     return sqlite3_changes(db_.get());
   }
   std::unique_ptr<StoreRows> query(const std::string &sql, const std::vector<SqlValue> &params,
-                                   bool cursor) override;
+                                   bool cursor, const std::vector<AnswerColumn> &cols) override;
   void set_static(const std::string &table, bool make_static) override;
+
+  // The query `sql` wrapped so that the row function writes its first ncols
+  // columns (the sink bound to ROW_SINK_PARAM), or "" when its rows are to
+  // be read column by column: it orders its rows, or the program of the
+  // wrapped text is not known to compute each row right before handing it
+  // out. Judged once per text; a failure to prepare either text gives "".
+  // The text returned stays valid until the next call.
+  const std::string &row_function_sql(const std::string &sql, size_t ncols);
+  // Reads the rows of `sql` column by column from now on.
+  void row_function_unfit(const std::string &sql) { by_function_[sql].clear(); }
   int save(const std::string &path, std::string &err) override {
     return catalog_save_to(cat_, name_, path, err);
   }
@@ -185,6 +288,8 @@ private:
   StoreCheck check_;
   void *arg_;
   bool interrupted_ = false; // the check function stopped the running statement
+  // row_function_sql's verdicts by query text.
+  std::unordered_map<std::string, std::string> by_function_;
 
   friend class SqliteRows;
 };
@@ -208,6 +313,45 @@ CachedStmt::~CachedStmt() {
   sqlite3_clear_bindings(s_.get());
   if (c_.cache_.size() >= STMT_CACHE) c_.cache_.clear();
   c_.cache_[sql_] = std::move(s_);
+}
+
+const std::string &SqliteConn::row_function_sql(const std::string &sql, size_t ncols) {
+  static const std::string none;
+  auto it = by_function_.find(sql);
+  if (it != by_function_.end()) return it->second;
+  // A text that does not prepare now (a table of a stale schema) or whose
+  // program was not read to its end (interrupted) is judged again next time.
+  sqlite3_stmt *raw = nullptr;
+  int rc = sqlite3_prepare_v2(db(), sql.c_str(), static_cast<int>(sql.size()), &raw, nullptr);
+  SqliteStmt probe(raw);
+  if (rc != SQLITE_OK || !raw) return none;
+  if (by_function_.size() >= 4 * STMT_CACHE) by_function_.clear();
+  std::string &verdict = by_function_[sql];
+  const int n = sqlite3_column_count(raw);
+  if (ncols == 0 || static_cast<size_t>(n) < ncols || orders_rows(sql)) return verdict;
+  // The query's columns by position, whatever their names.
+  std::string names, args;
+  for (int i = 1; i <= n; ++i) {
+    names += (i > 1 ? ", c" : "c") + std::to_string(i);
+    if (static_cast<size_t>(i) <= ncols) args += ", c" + std::to_string(i);
+  }
+  std::string wrapped = std::string("WITH ") + ROW_QUERY + "(" + names + ") AS (" + sql +
+                        ") SELECT " + ROW_FUNCTION + "(" + ROW_SINK_PARAM + args + ") FROM " +
+                        ROW_QUERY;
+  std::string explain = "EXPLAIN " + wrapped;
+  rc = sqlite3_prepare_v2(db(), explain.c_str(), static_cast<int>(explain.size()), &raw, nullptr);
+  probe.reset(raw);
+  if (rc != SQLITE_OK || !raw) return verdict;
+  while ((rc = sqlite3_step(raw)) == SQLITE_ROW) {
+    auto op = reinterpret_cast<const char *>(sqlite3_column_text(raw, 1));
+    if (!op || buffering_opcode(op)) return verdict;
+  }
+  if (rc != SQLITE_DONE) {
+    by_function_.erase(sql);
+    return none;
+  }
+  verdict = wrapped;
+  return verdict;
 }
 
 void SqliteConn::raise(int rc) {
@@ -339,10 +483,19 @@ void SqliteConn::set_static(const std::string &table, bool make_static) {
 
 // A query's rows. A plain query's statement comes from the connection's
 // cache and goes back to it; a cursor's is its own for as long as it lives.
+//
+// A plain query whose program computes each row right before handing it out
+// runs wrapped (SqliteConn::row_function_sql): SQLite passes each row's
+// values to the row function, which writes them into the answer, instead of
+// the row loop asking for every column (each such call costs as much as the
+// writing; for large answers a sixth of the server's time). Every row handed
+// out must have been written by exactly one call since the one before; when
+// one is not (the text's plan changed since it was judged), the rows are
+// read again from the start, column by column.
 class SqliteRows final : public StoreRows {
 public:
   SqliteRows(SqliteConn &c, const std::string &sql, const std::vector<SqlValue> &params,
-             bool cursor)
+             bool cursor, const std::vector<AnswerColumn> &cols)
       : c_(c) {
     if (cursor) {
       sqlite3_stmt *s = nullptr;
@@ -350,19 +503,54 @@ public:
       own_.reset(s);
       if (rc != SQLITE_OK) c.raise(rc);
       s_ = s;
-    } else {
+      c.bind(s_, params);
+      return;
+    }
+    const std::string &wrapped = c.row_function_sql(sql, cols.size());
+    if (wrapped.empty()) {
       cached_.emplace(c, sql);
       s_ = cached_->get();
+      c.bind(s_, params);
+      return;
     }
+    sql_ = sql;
+    params_ = params;
+    for (const AnswerColumn &col : cols) types_.push_back(col.type);
+    sink_.types = types_.data();
+    sink_.ncols = types_.size();
+    cached_.emplace(c, wrapped);
+    s_ = cached_->get();
     c.bind(s_, params);
+    int at = sqlite3_bind_parameter_index(s_, ROW_SINK_PARAM);
+    int rc = sqlite3_bind_pointer(s_, at, &sink_, ROW_SINK, nullptr);
+    if (rc != SQLITE_OK) c.raise(rc);
+    by_function_ = true;
   }
   bool first() override {
+    if (by_function_) {
+      // The first row is written aside: the answer it belongs to comes
+      // with append().
+      first_row_.clear();
+      sink_.out = &first_row_;
+      sink_.end = 0;
+      sink_.calls = 0;
+    }
     pending_ = sqlite3_step(s_);
     if (pending_ != SQLITE_ROW && pending_ != SQLITE_DONE) c_.raise(pending_);
+    if (by_function_ && pending_ == SQLITE_ROW && sink_.calls != 1) read_by_columns();
     return pending_ == SQLITE_ROW;
   }
   bool append(std::vector<unsigned char> &out, const std::vector<AnswerColumn> &cols,
               int64_t limit, size_t max_bytes) override {
+    if (by_function_) {
+      size_t start = out.size();
+      bool more = false;
+      if (append_by_function(out, limit, max_bytes, more)) return more;
+      // A row that the function did not write: the rows so far are
+      // dropped and read again.
+      out.resize(start);
+      read_by_columns();
+    }
     int64_t n = 0;
     std::vector<ColType> types;
     types.reserve(cols.size());
@@ -384,7 +572,85 @@ public:
   }
 
 private:
+  // append() through the row function. Returns false, with out as it was
+  // given, when a row came that the function did not write; else true with
+  // `more` set as append() returns it.
+  bool append_by_function(std::vector<unsigned char> &out, int64_t limit, size_t max_bytes,
+                          bool &more) {
+    int64_t n = 0;
+    // The answer's bytes past the last row taken are room the function took
+    // ahead; on every way out, a throw included, the answer is cut to its
+    // rows and they are counted in its head.
+    struct Finish {
+      std::vector<unsigned char> &out;
+      size_t end;
+      int64_t &n;
+      ~Finish() {
+        if (out.size() > end) out.resize(end);
+        answer_rows_add(out, static_cast<int32_t>(n));
+      }
+    } fin{out, out.size(), n};
+    sink_.out = &out;
+    sink_.end = out.size();
+    more = true;
+    while (limit == 0 || n < limit) {
+      int rc = pending_;
+      pending_ = 0;
+      if (rc == SQLITE_ROW) {
+        // The row first() wrote aside.
+        out.insert(out.begin() + static_cast<std::ptrdiff_t>(fin.end), first_row_.begin(),
+                   first_row_.begin() + static_cast<std::ptrdiff_t>(sink_.row_end));
+        sink_.row_end = fin.end + sink_.row_end;
+      } else if (rc == 0) {
+        sink_.calls = 0;
+        rc = sqlite3_step(s_);
+        if (rc == SQLITE_ROW && sink_.calls != 1) {
+          n = 0;
+          return false;
+        }
+      }
+      if (rc == SQLITE_DONE) {
+        more = false;
+        return true;
+      }
+      if (rc != SQLITE_ROW) {
+        if ((rc & 0xFF) == SQLITE_BUSY && n > 0) return true;
+        c_.raise(rc);
+      }
+      fin.end = sink_.end = sink_.row_end;
+      ++n;
+      if (fin.end > max_bytes) {
+        n = 0;
+        store_answer_too_big(out, max_bytes);
+      }
+    }
+    return true;
+  }
+
+  // Goes over to reading the rows column by column: the wrapped statement
+  // goes back to the cache, the query is run again from its start and
+  // stepped to its first row (pending_).
+  void read_by_columns() {
+    c_.row_function_unfit(sql_);
+    by_function_ = false;
+    sink_.out = nullptr;
+    cached_.reset();
+    cached_.emplace(c_, sql_);
+    s_ = cached_->get();
+    c_.bind(s_, params_);
+    pending_ = sqlite3_step(s_);
+    if (pending_ != SQLITE_ROW && pending_ != SQLITE_DONE) c_.raise(pending_);
+  }
+
   SqliteConn &c_;
+  // The row function's state; bound to the wrapped statement, so declared
+  // before the statement that is given back (and unbound) first.
+  RowSink sink_;
+  std::vector<unsigned char> first_row_;
+  std::vector<ColType> types_;
+  std::string sql_; // the query and its parameters, for reading them again
+  std::vector<SqlValue> params_;
+  bool by_function_ = false;
   std::optional<CachedStmt> cached_;
   SqliteStmt own_;
   sqlite3_stmt *s_ = nullptr;
@@ -392,8 +658,9 @@ private:
 };
 
 std::unique_ptr<StoreRows> SqliteConn::query(const std::string &sql,
-                                             const std::vector<SqlValue> &params, bool cursor) {
-  return std::make_unique<SqliteRows>(*this, sql, params, cursor);
+                                             const std::vector<SqlValue> &params, bool cursor,
+                                             const std::vector<AnswerColumn> &cols) {
+  return std::make_unique<SqliteRows>(*this, sql, params, cursor, cols);
 }
 
 class SqliteStore final : public Store {

@@ -223,6 +223,7 @@ int main(int argc, char **argv) {
   // umask left open is closed now.
   umask(077);
   std::string err;
+  tavrind::catalog_sqlite_setup();
   if (!tavrind::catalog_folder(ex.catalog, data, err)) {
     log_line("cannot use the data folder " + data + ": " + err);
     srv.shutdown();

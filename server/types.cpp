@@ -761,12 +761,10 @@ struct SqliteCell {
   size_t n;
 };
 
-// Reads column `col` of the current row for a column of type `code` into c;
-// returns the most bytes its answer form takes. The value is looked up once:
-// each column call would look it up again and check the connection's error
-// state, which for big answers costs as much as the writing.
-inline size_t read_cell(int code, sqlite3_stmt *stmt, int col, SqliteCell &c) {
-  c.val = sqlite3_column_value(stmt, col);
+// Reads the value v for a column of type `code` into c; returns the most
+// bytes its answer form takes.
+inline size_t read_value(int code, sqlite3_value *v, SqliteCell &c) {
+  c.val = v;
   c.bytes = nullptr;
   c.n = 0;
   switch (code) {
@@ -788,20 +786,33 @@ inline size_t read_cell(int code, sqlite3_stmt *stmt, int col, SqliteCell &c) {
   }
 }
 
+// Reads column `col` of the current row as read_value does. The value is
+// looked up once: each column call would look it up again and check the
+// connection's error state, which for big answers costs as much as the
+// writing.
+inline size_t read_cell(int code, sqlite3_stmt *stmt, int col, SqliteCell &c) {
+  return read_value(code, sqlite3_column_value(stmt, col), c);
+}
+
 // Writes the answer form of a cell that read_cell read at p, which has the
 // room read_cell named; returns the end of what it wrote. A NULL number goes
 // out as its type's null marker.
 inline unsigned char *put_cell(unsigned char *p, int code, const SqliteCell &c) {
+  // A number's type is asked only when it reads as zero, the value a NULL
+  // reads as: most values are not, and each call into SQLite counts.
   switch (code) {
-  case DBTYPE_SMALLINT:
-    return put_smallint(p, sqlite3_value_type(c.val) == SQLITE_NULL ? NULL_SMALLINT
-                                                                      : sqlite3_value_int64(c.val));
-  case DBTYPE_INTEGER:
-    return put_integer(p, sqlite3_value_type(c.val) == SQLITE_NULL ? NULL_INTEGER
-                                                                     : sqlite3_value_int64(c.val));
-  case DBTYPE_FLOAT:
-    return put_float(p, sqlite3_value_type(c.val) == SQLITE_NULL ? NULL_FLOAT
-                                                                   : sqlite3_value_double(c.val));
+  case DBTYPE_SMALLINT: {
+    int64_t v = sqlite3_value_int64(c.val);
+    return put_smallint(p, v == 0 && sqlite3_value_type(c.val) == SQLITE_NULL ? NULL_SMALLINT : v);
+  }
+  case DBTYPE_INTEGER: {
+    int64_t v = sqlite3_value_int64(c.val);
+    return put_integer(p, v == 0 && sqlite3_value_type(c.val) == SQLITE_NULL ? NULL_INTEGER : v);
+  }
+  case DBTYPE_FLOAT: {
+    double v = sqlite3_value_double(c.val);
+    return put_float(p, v == 0 && sqlite3_value_type(c.val) == SQLITE_NULL ? NULL_FLOAT : v);
+  }
   case DBTYPE_DATE:
   case DBTYPE_TIME:
   case DBTYPE_TIMESTAMP:
@@ -841,6 +852,28 @@ void type_append_row(std::vector<unsigned char> &out, const ColType *types, size
     for (size_t i = 0; i < k; ++i) p = put_cell(p, types[from + i].code, cells[i]);
     out.resize(static_cast<size_t>(p - out.data()));
   }
+}
+
+size_t type_write_values(std::vector<unsigned char> &out, size_t at, const ColType *types,
+                         size_t n, sqlite3_value **vals) {
+  // Each group of values is read first for the most room it can take; the
+  // answer grows only when what lies past `at` is shorter than that, and
+  // then by as much again as it holds (up to 64 KiB), so that std::vector's
+  // zero-filling and size bookkeeping are paid once per many rows of a large
+  // answer, and a one-row answer takes no more than its row.
+  constexpr size_t kGroup = 32;
+  constexpr size_t kStep = 64 * 1024;
+  SqliteCell cells[kGroup];
+  for (size_t from = 0; from < n; from += kGroup) {
+    const size_t k = std::min(kGroup, n - from);
+    size_t room = 0;
+    for (size_t i = 0; i < k; ++i) room += read_value(types[from + i].code, vals[from + i], cells[i]);
+    if (out.size() - at < room) out.resize(at + std::max(room, std::min(kStep, at)));
+    unsigned char *p = out.data() + at;
+    for (size_t i = 0; i < k; ++i) p = put_cell(p, types[from + i].code, cells[i]);
+    at = static_cast<size_t>(p - out.data());
+  }
+  return at;
 }
 
 std::string latin1_to_utf8(const std::string &s) {

@@ -18,6 +18,7 @@
 
 struct sqlite3;
 struct sqlite3_stmt;
+struct sqlite3_value;
 
 namespace tavrind {
 
@@ -105,6 +106,14 @@ void type_append_value(std::vector<unsigned char> &out, ColType t, sqlite3_stmt 
 // once per row rather than once per value.
 void type_append_row(std::vector<unsigned char> &out, const ColType *types, size_t ncols,
                      sqlite3_stmt *stmt);
+
+// Writes the values vals[0..n) as type_append_value does, vals[i] read as
+// types[i], at out[at] (at most out.size()). The bytes of out past `at` are
+// room taken ahead: out grows by a large step when they are too few for the
+// values, never once per value. Returns the end of what was written; the
+// caller cuts out to the last end it keeps. Throws std::bad_alloc.
+size_t type_write_values(std::vector<unsigned char> &out, size_t at, const ColType *types,
+                         size_t n, sqlite3_value **vals);
 
 // PostgreSQL type oids of the result columns the PostgreSQL store reads.
 constexpr unsigned PG_OID_BYTEA = 17, PG_OID_INT8 = 20, PG_OID_INT2 = 21, PG_OID_INT4 = 23,

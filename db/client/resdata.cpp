@@ -695,12 +695,26 @@ int RESDATA_Fill_Fields(RESDATA *data, const unsigned char *fields, size_t lengt
   }
   const size_t cols = data->types.size();
   std::vector<unsigned char> fixed(cols); // bytes of each column's fixed-size values
-  for (size_t c = 0; c < cols; ++c) fixed[c] = static_cast<unsigned char>(fixed_size(data->types[c]));
-  // The slots of the row being filled; taken anew whenever a row starts,
-  // since making room may move them.
-  uint32_t *row = data->fill_col > 0 ? &data->cells.at(data->stored_rows, cols, 0) : nullptr;
+  std::vector<unsigned char> text(cols);  // whether the column is CHARACTER
+  for (size_t c = 0; c < cols; ++c) {
+    fixed[c] = static_cast<unsigned char>(fixed_size(data->types[c]));
+    text[c] = data->types[c] == DBTYPE_CHARACTER;
+  }
+  // The fill position, the slots of the row being filled (taken anew
+  // whenever a row starts, since making room may move them) and the open
+  // block's free room stay in locals: the slots are 32-bit like the
+  // result's counters, so stores through them would make the compiler read
+  // every field of the result again per cell. The result learns them when
+  // the loop ends and before any other code stores a cell.
+  size_t col = static_cast<size_t>(data->fill_col);
+  uint32_t *row = col > 0 ? &data->cells.at(static_cast<size_t>(data->stored_rows), cols, 0) : nullptr;
+  size_t left, taken = 0;
+  uint32_t room_ref;
+  unsigned char *room = data->store.free_room(&left, &room_ref);
   size_t pos = 0;
   int ok = 1;
+  // The data set is binary once a first cell has arrived whole.
+  if (cells > 0 && length >= 2 && length - 2 >= load16(fields)) data->kind = RESDATA::BINARY;
   for (uint64_t i = 0; i < cells; ++i) {
     if (length - pos < 2) {
       ok = 0;
@@ -712,8 +726,6 @@ int RESDATA_Fill_Fields(RESDATA *data, const unsigned char *fields, size_t lengt
       ok = 0;
       break;
     }
-    data->kind = RESDATA::BINARY;
-    size_t col = static_cast<size_t>(data->fill_col);
     if (col == 0) {
       if (!ensure_row(data)) {
         ok = 0;
@@ -721,12 +733,13 @@ int RESDATA_Fill_Fields(RESDATA *data, const unsigned char *fields, size_t lengt
       }
       row = &data->cells.at(static_cast<size_t>(data->stored_rows), cols, 0);
     }
-    uint32_t ref;
+    uint32_t ref = room_ref + static_cast<uint32_t>(taken);
     size_t f = fixed[col];
-    if (f != 0 && f == n && data->store.fits(f)) {
+    const void *zero;
+    if (f != 0 && f == n && left - taken >= f) {
       // A value just as long as its type, copied with a size the compiler
       // knows.
-      unsigned char *p = data->store.reserve(f, &ref);
+      unsigned char *p = room + taken;
       switch (f) {
       case 2:
         std::memcpy(p, value, 2);
@@ -747,18 +760,34 @@ int RESDATA_Fill_Fields(RESDATA *data, const unsigned char *fields, size_t lengt
         std::memcpy(p, value, f);
         break;
       }
-    } else if (!store_binary(data, static_cast<int>(col), value, n, true, &ref)) {
-      ok = 0;
-      break;
+      taken += f;
+    } else if (text[col] && n > 0 && (zero = std::memchr(value, 0, n)) != nullptr &&
+               left - taken > static_cast<size_t>(static_cast<const unsigned char *>(zero) - value)) {
+      // A text up to its zero byte, as store_binary keeps it.
+      size_t k = static_cast<size_t>(static_cast<const unsigned char *>(zero) - value) + 1;
+      std::memcpy(room + taken, value, k);
+      taken += k;
+    } else {
+      // Anything else (a new block, a refusal) through the general path.
+      data->store.take(taken);
+      bool stored = store_binary(data, static_cast<int>(col), value, n, true, &ref);
+      room = data->store.free_room(&left, &room_ref);
+      taken = 0;
+      if (!stored) {
+        ok = 0;
+        break;
+      }
     }
     row[col] = ref;
-    if (++data->fill_col == static_cast<int>(cols)) {
-      data->fill_col = 0;
+    if (++col == cols) {
+      col = 0;
       ++data->stored_rows;
       ++data->rows;
     }
     pos += 2 + n;
   }
+  data->store.take(taken);
+  data->fill_col = static_cast<int>(col);
   *used = pos;
   return ok;
 }

@@ -122,6 +122,22 @@ public:
   }
   // Gives back the unused tail of the last reserve (used <= reserved).
   void shrink_last(size_t unused) { used_ -= unused; }
+  // The open block's free bytes: *left of them at the returned pointer, the
+  // first one with reference *ref (null and 0 when no block is open). Bytes
+  // written there belong to cells once take() counts them; nothing else may
+  // reserve room meanwhile. For fill loops that keep the free room in
+  // registers instead of asking fits and reserve per cell.
+  unsigned char *free_room(size_t *left, uint32_t *ref) const {
+    if (blocks_.empty()) {
+      *left = 0;
+      *ref = 0;
+      return nullptr;
+    }
+    *left = capacity_ - used_;
+    *ref = static_cast<uint32_t>((blocks_.size() - 1) << 18 | used_);
+    return blocks_.back().get() + used_;
+  }
+  void take(size_t n) { used_ += n; }
   unsigned char *at(uint32_t ref) const {
     return blocks_[ref >> 18].get() + (ref & ((1u << 18) - 1));
   }

@@ -40,6 +40,36 @@ TEST(Answer, TupleAndUnknownKinds) {
   DBclear(r);
 }
 
+// Rows of mixed cells across many storage blocks: the decoder keeps the open
+// block's room to itself between blocks, so every cell must still be the
+// one sent, also where a block ends inside a row.
+TEST(Answer, ManyRowsAcrossStorageBlocks) {
+  Answer a('2');
+  const int rows = 20000;
+  a.i32(3).i32(rows).column("NR", DBTYPE_INTEGER, 4).column("T", DBTYPE_CHARACTER, 40);
+  a.column("ZEIT", DBTYPE_TIMESTAMP, 12);
+  for (int i = 0; i < rows; ++i) {
+    Bytes row = Answer('x').value(bin(int32_t(i))).value(text(std::string(i % 37, 'a') + "|" +
+                                                               std::to_string(i)))
+                    .value(stamp(2000 + i % 800, 1 + i % 12, 1 + i % 28, i % 24, i % 60, 7, i))
+                    .b;
+    a.b.insert(a.b.end(), row.begin() + 1, row.end());
+  }
+  int ok = 0;
+  DBRESULT *r = decode(a.b, &ok);
+  ASSERT_EQ(ok, 1);
+  ASSERT_EQ(DBntuples(r), rows);
+  for (int i = 0; i < rows; ++i) {
+    ASSERT_EQ(DBgetvalue(r, i, 0), std::to_string(i));
+    ASSERT_EQ(DBgetvalue(r, i, 1), std::string(i % 37, 'a') + "|" + std::to_string(i));
+    DATI t;
+    std::memcpy(&t, DBgetrawvalue(r, i, 2), sizeof t); // cells are unaligned
+    ASSERT_EQ(t.year, 2000 + i % 800);
+    ASSERT_EQ(t.usec, i);
+  }
+  DBclear(r);
+}
+
 // The message of a decoding that must fail; *rows gets the row count.
 std::string failure(const Bytes &answer, int *rows = nullptr) {
   int ok = 1;

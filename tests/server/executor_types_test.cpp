@@ -189,7 +189,7 @@ TEST(TypesUnit, NullValuesGoOutAsTheNullMarkers) {
   sqlite3 *db = nullptr;
   ASSERT_EQ(sqlite3_open(":memory:", &db), SQLITE_OK);
   sqlite3_stmt *st = nullptr;
-  ASSERT_EQ(sqlite3_prepare_v2(db, "SELECT NULL", -1, &st, nullptr), SQLITE_OK);
+  ASSERT_EQ(sqlite3_prepare_v2(db, "SELECT NULL, 0, 0.0", -1, &st, nullptr), SQLITE_OK);
   ASSERT_EQ(sqlite3_step(st), SQLITE_ROW);
   using B = std::vector<unsigned char>;
   const double null_float = NULL_FLOAT;
@@ -210,6 +210,14 @@ TEST(TypesUnit, NullValuesGoOutAsTheNullMarkers) {
     B out;
     type_append_value(out, type, st, 0);
     EXPECT_EQ(out, want) << type_name(type.code);
+  }
+  // A zero, which a NULL reads as, is still a zero.
+  for (int col : {1, 2}) {
+    B out;
+    type_append_value(out, {DBTYPE_SMALLINT, 2}, st, col);
+    type_append_value(out, {DBTYPE_INTEGER, 4}, st, col);
+    type_append_value(out, {DBTYPE_FLOAT, 8}, st, col);
+    EXPECT_EQ(out, (B{2, 0, 0, 0, 4, 0, 0, 0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 0, 0, 0})) << col;
   }
   sqlite3_finalize(st);
   sqlite3_close(db);
