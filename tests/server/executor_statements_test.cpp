@@ -240,33 +240,6 @@ TEST_F(StatementsTest, ShowListsDatabasesTablesAttributesAndIndices) {
   EXPECT_EQ(bad("SHOW TABLE NIX"), "(TAVRIN 301) Tabelle NIX existiert nicht");
 }
 
-TEST_F(StatementsTest, CursorsFetchInBlocksOfMax) {
-  good("DECLARE C1 CURSOR FOR SELECT KUNDE_ID FROM KUNDE ORDER BY KUNDE_ID");
-  EXPECT_EQ(bad("DECLARE C1 CURSOR FOR SELECT * FROM KUNDE"),
-            "(TAVRIN 503) Cursor C1 existiert bereits");
-  EXPECT_EQ(ids("FETCH C1"), V{1});
-  good("MAX 5");
-  EXPECT_EQ(ids("FETCH C1"), (V{2, 3}));
-  Answer a = good("FETCH ALL IN C1");
-  EXPECT_EQ(a.kind, '4');
-  EXPECT_TRUE(a.rows.empty());
-  EXPECT_EQ(a.cols.size(), 1u);
-  good("CLOSE C1");
-  EXPECT_EQ(bad("FETCH C1"), "(TAVRIN 502) Cursor C1 existiert nicht");
-  EXPECT_EQ(bad("CLOSE C1"), "(TAVRIN 502) Cursor C1 existiert nicht");
-  good("DECLARE C2 CURSOR FOR SELECT NAME FROM KUNDE WHERE ORT = 'Köln'");
-  EXPECT_EQ(good("FETCH ALL IN C2").rows.size(), 2u);
-  // A cursor in the middle of its rows keeps its table: it cannot be dropped
-  // under it, and the refusal does not make the client wait.
-  good("MAX 1");
-  good("DECLARE C3 CURSOR FOR SELECT NAME FROM KUNDE");
-  EXPECT_EQ(good("FETCH C3").rows.size(), 1u);
-  EXPECT_EQ(bad("DROP TABLE KUNDE"), "(TAVRIN 508) Ein offener Cursor dieser Verbindung liest die "
-                                     "Tabelle noch; bitte erst mit CLOSE schließen");
-  good("CLOSE C3");
-  good("DROP TABLE KUNDE");
-}
-
 TEST_F(StatementsTest, TransactionsAndLocksBetweenChannels) {
   open("SHOP", 1);
   good("BEGIN");
