@@ -46,9 +46,6 @@ private:
   std::optional<scratch::ScratchDir> folder_;
 };
 
-const bool registered = [] {
-  ::testing::AddGlobalTestEnvironment(new AppEnvironment);
-  return true;
-}();
+::testing::Environment *const registered = ::testing::AddGlobalTestEnvironment(new AppEnvironment);
 
 } // namespace
