@@ -650,7 +650,7 @@ TEST_F(Viewer, ALostServerKeepsTheViewerAndItsHistory) {
   zentiq_store_add_sql("select 3 from KUNDE");
   zentiq_store_mark(0, 1);
   std::filesystem::remove_all(ZQ_QUERY_FILE);
-  zqtest::test_server()->halt();
+  zqtest::test_server()->terminate();
 
   // The server is gone while the viewer is idle: the next query tells it,
   // the history is on disk and the viewer is still here.
@@ -672,8 +672,7 @@ TEST_F(Viewer, ALostServerKeepsTheViewerAndItsHistory) {
 
   // A server on the same data and namespace: the next query reconnects, on
   // the chosen database, and shows its rows.
-  std::string why;
-  ASSERT_TRUE(zqtest::test_server()->restart(why)) << why;
+  ASSERT_TRUE(zqtest::test_server()->restart()) << zqtest::test_server()->why();
   fl_seam_clear();
   select("KUNDE", "KUNDE_ID, NAME", "WHERE KUNDE_ID < 4");
   EXPECT_EQ(shown(), "");
@@ -684,14 +683,14 @@ TEST_F(Viewer, ALostServerKeepsTheViewerAndItsHistory) {
   // one box tells both, the loss's, and the statement's own is not added.
   std::thread stopper([] {
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    zqtest::test_server()->halt();
+    zqtest::test_server()->terminate();
   });
   run_sql("SELECT COUNT(*) FROM KUNDE a, KUNDE b, KUNDE c, KUNDE d");
   stopper.join();
   EXPECT_THAT(shown(), StartsWith("Die Verbindung zum TAVRIN-Server ist verloren"));
   EXPECT_EQ(fl_seam_shown().size(), 1u) << shown();
   EXPECT_EQ(db_depth(), 0);
-  ASSERT_TRUE(zqtest::test_server()->restart(why)) << why;
+  ASSERT_TRUE(zqtest::test_server()->restart()) << zqtest::test_server()->why();
 }
 
 TEST_F(Viewer, ManualOfTheDialogs) {

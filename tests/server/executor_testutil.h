@@ -1,4 +1,4 @@
-// Helpers of the executor tests: a temporary data folder with an executor,
+// Helpers of the executor tests: a scratch data folder with an executor,
 // statements encoded by the real client encoder, and a strict decoder of
 // answers that reads every field with a bounds check and insists that the
 // whole answer is used.
@@ -12,7 +12,8 @@
 #include <gmock/gmock.h>
 
 #include <cstring>
-#include <filesystem>
+
+#include "tests/scratch.h"
 
 namespace exectest {
 
@@ -158,18 +159,10 @@ inline Bytes command(unsigned char cmd, const char *name = nullptr) {
 class ExecutorTest : public ::testing::Test {
 protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/tavrind-exec-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
     std::string err;
     ASSERT_EQ(tavrind::catalog_init(ex.catalog, dir, err), 1) << err;
     ex.log = [this](const std::string &line) { log += line + "\n"; };
   }
-  void TearDown() override {
-    channels.clear();
-    std::filesystem::remove_all(dir);
-  }
-
   tavrind::Session &channel(size_t i = 0) {
     while (channels.size() <= i)
       channels.push_back(std::make_unique<tavrind::Session>(ex, static_cast<int>(channels.size())));
@@ -205,7 +198,9 @@ protected:
     ASSERT_EQ(a.kind, '1') << a.error;
   }
 
-  std::string dir;
+  // Declared first: the sessions and the executor end before their folder.
+  scratch::ScratchDir folder{"exec", false};
+  std::string dir = folder.path();
   std::string log;
   tavrind::Executor ex;
   std::vector<std::unique_ptr<tavrind::Session>> channels;
