@@ -31,6 +31,14 @@ namespace forms_test {
 using testmsg::Capture;
 using V = std::vector<int>;
 
+// Sends messages and the boxes' titles and texts to standard error.
+inline void to_stderr() {
+  msg_set_handler([](const char *t) { std::fputs(t, stderr); });
+  fl_seam_set_observer([](const FlShownDialog &d) {
+    std::fprintf(stderr, "[%s] %s\n", d.title.c_str(), d.text.c_str());
+  });
+}
+
 // A text the caller is to free (as the vertical display's attribute texts
 // are), freed; "(none)" for nullptr.
 inline std::string taken(char *text) {

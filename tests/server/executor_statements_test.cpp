@@ -325,44 +325,6 @@ TEST_F(StatementsTest, DatabasesAreCreatedSavedSwitchedAndDropped) {
   EXPECT_FALSE(std::filesystem::exists(dir + "/NEU.db"));
 }
 
-TEST_F(ExecutorTest, FirstStartMakesSystemAndDemoDatabasesAndLaterStartsKeepThem) {
-  open("TDSYS");
-  Answer a = good("SELECT * FROM ERROT WHERE FEHLERNUMMER = 301 AND SPRACHE = 'D   '");
-  ASSERT_EQ(a.rows.size(), 1u);
-  EXPECT_EQ(a.cols[0].size, 9);
-  EXPECT_EQ(a.text(0, 4), "Tabelle $1 existiert nicht");
-  a = good("SELECT BEZEICHNUNG FROM SVZK WHERE CODE = 'A' AND SPRACHE = 'D   ' AND TABELLE = 2");
-  EXPECT_EQ(a.texts(0), Texts{"\xD6sterreich"});
-
-  good("SET DATABASE DEMO");
-  EXPECT_EQ(good("SHOW TABLES").texts(0), (Texts{"ARTIKEL", "AUFTRAG", "KUNDE", "POSITION"}));
-  int total = 0;
-  for (const char *t : {"ARTIKEL", "AUFTRAG", "KUNDE", "POSITION"}) {
-    a = good(std::string("SELECT * FROM ") + t);
-    EXPECT_EQ(a.cols[0].name, std::string(t) + "_ID") << "the detail dialog's key";
-    total += static_cast<int>(a.rows.size());
-  }
-  EXPECT_GT(total, 3000);
-  EXPECT_GT(good("SELECT COUNT(*) FROM KUNDE WHERE NAME LIKE '%ü%'").i32(0, 0), 0);
-  EXPECT_EQ(good("SELECT COUNT(*) FROM POSITION p WHERE NOT EXISTS (SELECT * FROM ARTIKEL a "
-                 "WHERE a.ARTIKEL_ID = p.ARTIKEL_ID)")
-                .i32(0, 0),
-            0);
-
-  // A second start leaves both as they are, also a dropped DEMO.
-  good("DELETE FROM KUNDE WHERE KUNDE_ID = 1");
-  channels.clear();
-  Executor again;
-  std::string err;
-  ASSERT_EQ(catalog_init(again.catalog, dir, err), 1) << err;
-  open("DEMO");
-  EXPECT_EQ(good("SELECT COUNT(*) FROM KUNDE WHERE KUNDE_ID = 1").i32(0, 0), 0);
-  channels.clear();
-  ASSERT_TRUE(std::filesystem::remove(dir + "/DEMO.db"));
-  ASSERT_EQ(catalog_init(again.catalog, dir, err), 1) << err;
-  EXPECT_FALSE(std::filesystem::exists(dir + "/DEMO.db"));
-}
-
 TEST_F(ExecutorTest, LogsErrorsAlwaysAndStatementsWhenVerbose) {
   open("DEMO");
   bad("SELECT * FROM NIX");
