@@ -83,11 +83,9 @@ public:
   bool start(const std::string &root, const std::string &tag, const std::string &settings,
              std::string &why) {
     if (!installed(why)) return false;
-    std::string pattern = root + "/zentiq_" + tag + "_XXXXXX";
-    std::vector<char> tmpl(pattern.begin(), pattern.end());
-    tmpl.push_back('\0');
+    std::string tmpl = root + "/zentiq_" + tag + "_XXXXXX";
     if (!mkdtemp(tmpl.data())) return fail(why, "no temporary folder under " + root);
-    dir_ = tmpl.data();
+    dir_ = tmpl;
     owner_ = getpid();
     settings_ = settings;
     // Who made it, for sweep_orphans() should this process be killed.

@@ -37,10 +37,7 @@ private:
   QApplication *app_ = nullptr;
 };
 
-const bool registered = [] {
-  ::testing::AddGlobalTestEnvironment(new QtEnvironment);
-  return true;
-}();
+::testing::Environment *const registered = ::testing::AddGlobalTestEnvironment(new QtEnvironment);
 
 } // namespace
 

@@ -7,7 +7,7 @@
 #include "access_testutil.h"
 #include "db/access/errtext.h"
 #include "db/client/exec.h"
-#include "tavrind_fixture.h"
+#include "tests/tavrind_fixture.h"
 #include "tests/ipc/ipc_testutil.h"
 
 namespace {
@@ -50,8 +50,7 @@ constexpr int kRowsPerTransaction = 500;
 
 TEST(ErrRowIds, ManyProcessesAtOnceNeverCollide) {
   tavrind_fixture::Server server;
-  std::string why;
-  if (!server.start(why)) GTEST_SKIP() << why;
+  if (!server.start()) GTEST_SKIP() << server.why();
   access_test::ScratchDir scratch;
   // The processes start within the same second, as a batch job's would;
   // this one holds no connection while it forks.

@@ -5,7 +5,7 @@
 #pragma once
 
 #include "access_testutil.h"
-#include "tavrind_fixture.h"
+#include "tests/tavrind_fixture.h"
 
 namespace access_test {
 
@@ -20,8 +20,8 @@ protected:
 
   static void SetUpTestSuite() {
     server = new tavrind_fixture::Server;
-    if (std::string why; !server->start(why)) {
-      std::fprintf(stderr, "no server: %s\n", why.c_str());
+    if (!server->start()) {
+      std::fprintf(stderr, "no server: %s\n", server->why().c_str());
       delete std::exchange(server, nullptr);
     }
   }

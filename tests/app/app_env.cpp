@@ -7,10 +7,11 @@
 #include <gtest/gtest.h>
 
 #include "forms/forms.h"
+#include "tests/scratch.h"
 
 #include <QApplication>
 #include <cstdlib>
-#include <filesystem>
+#include <optional>
 #include <string>
 #include <unistd.h>
 
@@ -21,18 +22,13 @@ public:
   void SetUp() override {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const char *dir = std::getenv("ZENTIQ_APP_TEST_DIR");
-    if (dir && *dir) {
-      dir_ = dir;
-    } else {
-      char tmpl[] = "/tmp/zentiq_app_test_XXXXXX";
-      ASSERT_NE(mkdtemp(tmpl), nullptr);
-      dir_ = tmpl;
-      owner_ = true;
-      setenv("ZENTIQ_APP_TEST_DIR", tmpl, 1);
+    if (!dir || !*dir) {
+      dir = folder_.emplace("app_test").path().c_str();
+      setenv("ZENTIQ_APP_TEST_DIR", dir, 1);
     }
-    ASSERT_EQ(chdir(dir_.c_str()), 0);
+    ASSERT_EQ(chdir(dir), 0);
     // The repair journal goes into the test's folder, not the user's.
-    setenv("XDG_DATA_HOME", (dir_ + "/share").c_str(), 1);
+    setenv("XDG_DATA_HOME", (std::string(dir) + "/share").c_str(), 1);
     static int argc = 1;
     static char name[] = "app_tests";
     static char *argv[] = {name, nullptr};
@@ -43,20 +39,13 @@ public:
   }
   void TearDown() override {
     if (fl_toolkit_initialised()) fl_exit_toolkit();
-    if (owner_) {
-      (void)chdir("/");
-      std::filesystem::remove_all(dir_);
-    }
+    folder_.reset(); // when this process made it: back where it began, the folder gone
   }
 
 private:
-  std::string dir_;
-  bool owner_ = false;
+  std::optional<scratch::ScratchDir> folder_;
 };
 
-const bool registered = [] {
-  ::testing::AddGlobalTestEnvironment(new AppEnvironment);
-  return true;
-}();
+::testing::Environment *const registered = ::testing::AddGlobalTestEnvironment(new AppEnvironment);
 
 } // namespace

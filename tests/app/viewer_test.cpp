@@ -156,46 +156,6 @@ TEST_F(Viewer, StartUpWithoutDbOrWithoutServerGuides) {
       ".*Connection to TAVRIN-database 'TDSYS' failed");
 }
 
-TEST_F(Viewer, SelectIsBuiltRunStoredAndShown) {
-  use_demo();
-  select("KUNDE", "KUNDE_ID, NAME", "WHERE KUNDE_ID < 4\\n ORDER BY KUNDE_ID");
-  EXPECT_EQ(shown(), "");
-  EXPECT_EQ(fl_get_tabbox_maxline(m().result), 3);
-  EXPECT_EQ(app().current_query_name, "KUNDE_ID,NAME");
-  EXPECT_STREQ(zentiq_title(m().result), "KUNDE_ID,NAME");
-  ASSERT_EQ(zentiq_store().select_count, 1);
-  // Stored as typed, with the backslash-n that the statement lost.
-  EXPECT_EQ(zentiq_store().select[0].where, "WHERE KUNDE_ID < 4\\n ORDER BY KUNDE_ID");
-  auto *rec = static_cast<ZqRecord *>(myfl_get_tabbox_item_info(m().result, 1));
-  ASSERT_NE(rec, nullptr);
-  EXPECT_EQ(std::string(rec->text).rfind("\"1\",\"", 0), 0u) << rec->text;
-
-  // The same query again adds nothing; a blank attribute list selects *.
-  click(m().sel_run);
-  EXPECT_EQ(zentiq_store().select_count, 1);
-  select("KUNDE", "  ", "WHERE KUNDE_ID = 2");
-  EXPECT_EQ(zentiq_store().select_count, 2);
-  EXPECT_EQ(app().current_query_name.rfind("KUNDE_ID,ANREDE,VORNAME,NAME", 0), 0u);
-  EXPECT_EQ(fl_get_tabbox_maxline(m().result), 1);
-
-  // Paging: back shows the last query, forward past it clears the inputs.
-  click(m().sel_prev);
-  click(m().sel_prev);
-  EXPECT_STREQ(fl_get_input(m().attributes), "KUNDE_ID, NAME");
-  click(m().sel_add);
-  EXPECT_TRUE(fl_get_button(m().sel_saved));
-  EXPECT_TRUE(zentiq_store_saved(1, 0));
-  click(m().sel_next);
-  EXPECT_FALSE(fl_get_button(m().sel_saved));
-  click(m().sel_next);
-  EXPECT_STREQ(fl_get_input(m().table), "");
-  EXPECT_EQ(zentiq_store().select_current, -1);
-
-  // A blank table does nothing at all.
-  select(" ", "", "");
-  EXPECT_EQ(shown(), "");
-}
-
 TEST_F(Viewer, SqlCommandsAndFailingStatements) {
   // A failed statement says why in an error box: the server's text with its
   // number, or the client parser's.
@@ -499,33 +459,6 @@ TEST_F(Viewer, MainFormAndDetailDialogGrowWithTheirWindows) {
   fl_activate_form(f);
 }
 
-TEST_F(Viewer, ASortStaysWithItsResult) {
-  use_demo();
-  auto keys = [] {
-    const auto p = zqtest::tabbox_props(m().result);
-    std::string k;
-    for (int i = 0; i < p.nsort; ++i) k += std::to_string(p.cols[i]) + (p.dirs[i] ? "u" : "d");
-    return k;
-  };
-  const char *ids = "SELECT KUNDE_ID, NAME FROM KUNDE WHERE KUNDE_ID < 4 ORDER BY KUNDE_ID;";
-  run_sql(ids);
-  MYFL_TABBOX_DIALOGS &d = myfl_tabbox_dialogs();
-  myfl_open_tabbox_sort(m().result);
-  ASSERT_TRUE(d.sort->visible);
-  fl_select_listbox_line(d.sort_columns, 1);
-  click(d.sort_down);
-  click(d.sort_ok);
-  EXPECT_EQ(keys(), "1d");
-  EXPECT_THAT(std::string(fl_get_tabbox_full_line(m().result, 1)), StartsWith("3"));
-  // The same query again keeps the sort; an unrelated one keeps its ORDER BY.
-  run_sql(ids);
-  EXPECT_EQ(keys(), "1d");
-  EXPECT_THAT(std::string(fl_get_tabbox_full_line(m().result, 1)), StartsWith("3"));
-  run_sql("SELECT NAME, KUNDE_ID FROM KUNDE WHERE KUNDE_ID < 4 ORDER BY KUNDE_ID;");
-  EXPECT_EQ(keys(), "");
-  EXPECT_THAT(std::string(fl_get_tabbox_full_line(m().result, 1)), HasSubstr("| 1 "));
-}
-
 TEST_F(Viewer, DetailDialogChangesTheRowOnScreenOnlyWhileItIsUnchanged) {
   use_demo();
   ZqDetailForm &d = app().detail;
@@ -717,7 +650,7 @@ TEST_F(Viewer, ALostServerKeepsTheViewerAndItsHistory) {
   zentiq_store_add_sql("select 3 from KUNDE");
   zentiq_store_mark(0, 1);
   std::filesystem::remove_all(ZQ_QUERY_FILE);
-  zqtest::test_server()->halt();
+  zqtest::test_server()->terminate();
 
   // The server is gone while the viewer is idle: the next query tells it,
   // the history is on disk and the viewer is still here.
@@ -739,8 +672,7 @@ TEST_F(Viewer, ALostServerKeepsTheViewerAndItsHistory) {
 
   // A server on the same data and namespace: the next query reconnects, on
   // the chosen database, and shows its rows.
-  std::string why;
-  ASSERT_TRUE(zqtest::test_server()->restart(why)) << why;
+  ASSERT_TRUE(zqtest::test_server()->restart()) << zqtest::test_server()->why();
   fl_seam_clear();
   select("KUNDE", "KUNDE_ID, NAME", "WHERE KUNDE_ID < 4");
   EXPECT_EQ(shown(), "");
@@ -751,14 +683,14 @@ TEST_F(Viewer, ALostServerKeepsTheViewerAndItsHistory) {
   // one box tells both, the loss's, and the statement's own is not added.
   std::thread stopper([] {
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    zqtest::test_server()->halt();
+    zqtest::test_server()->terminate();
   });
   run_sql("SELECT COUNT(*) FROM KUNDE a, KUNDE b, KUNDE c, KUNDE d");
   stopper.join();
   EXPECT_THAT(shown(), StartsWith("Die Verbindung zum TAVRIN-Server ist verloren"));
   EXPECT_EQ(fl_seam_shown().size(), 1u) << shown();
   EXPECT_EQ(db_depth(), 0);
-  ASSERT_TRUE(zqtest::test_server()->restart(why)) << why;
+  ASSERT_TRUE(zqtest::test_server()->restart()) << zqtest::test_server()->why();
 }
 
 TEST_F(Viewer, ManualOfTheDialogs) {

@@ -1,7 +1,7 @@
 // Helpers of the base and session-layer tests: collecting the printed
 // messages, death tests that see the messages of the dying child (EXPECT_EXIT
-// matches stderr only), a scratch directory as the current directory, and
-// whole-file reads and writes.
+// matches stderr only), and the scratch directory and whole-file reads and
+// writes of tests/scratch.h.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,46 +9,20 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
 
 #include "base/msg.h"
 #include "tests/msg_capture.h"
+#include "tests/scratch.h"
 
 namespace base_test {
 
+using scratch::read_file;
+using scratch::ScratchDir;
+using scratch::write_file;
 using testmsg::Capture;
 
 inline void to_stderr() {
   msg_set_handler([](const char *t) { std::fputs(t, stderr); });
-}
-
-// Makes a fresh temporary directory the current directory while it lives.
-class ScratchDir {
-public:
-  ScratchDir() {
-    char tmpl[] = "/tmp/zentiq_test_XXXXXX";
-    dir_ = mkdtemp(tmpl);
-    old_ = std::filesystem::current_path();
-    std::filesystem::current_path(dir_);
-  }
-  ~ScratchDir() {
-    std::filesystem::current_path(old_);
-    std::filesystem::remove_all(dir_);
-  }
-
-private:
-  std::filesystem::path dir_, old_;
-};
-
-inline void write_file(const std::string &name, const std::string &bytes) {
-  std::ofstream(name, std::ios::binary) << bytes;
-}
-
-inline std::string read_file(const std::string &name) {
-  return {std::istreambuf_iterator<char>(std::ifstream(name, std::ios::binary).rdbuf()), {}};
 }
 
 } // namespace base_test

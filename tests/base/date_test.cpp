@@ -2,7 +2,6 @@
 // and the timestamp difference.
 #include "base/date.h"
 
-#include <cstdlib>
 #include <ctime>
 
 #include "base_testutil.h"
@@ -69,24 +68,6 @@ TEST(DateRules, ValidityAndLeapYears) {
   std::time_t now = std::time(nullptr);
   ASSERT_EQ(DATE_Today(&today), 1);
   EXPECT_EQ(today.year, std::localtime(&now)->tm_year + 1900);
-}
-
-// Tests years outside 1970..2036 between two markers on stderr, then exits.
-void leap_years_then_exit() {
-  to_stderr();
-  std::fputs("<", stderr);
-  int leaps = DATE_LeapYear(2000) + DATE_LeapYear(1900) + DATE_LeapYear(2100);
-  DATE d{1800, 1, 1};
-  DATE_IsValid(&d);
-  std::fprintf(stderr, ">%d", leaps + DATE_LeapYear(2003));
-  std::exit(1);
-}
-
-TEST(DateRulesDeathTest, LeapYearWarningOncePerRun) {
-  // A fresh process, so that no earlier test has used up the warning.
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(leap_years_then_exit(), ::testing::ExitedWithCode(1),
-              "<\\(DATE_LeapYear\\) Warning: Only 4 year regularity implemented!\n>3");
 }
 
 TEST(DateArithmetic, DaysMonthsAndUltimo) {

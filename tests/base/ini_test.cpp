@@ -1,4 +1,4 @@
-// INI files on temporary files: finding, replacing, adding and deleting keyed
+// INI files in a scratch folder: finding, replacing, adding and deleting keyed
 // lines, and the clean-up of empty lines that every rewrite does.
 #include "base/ini.h"
 
@@ -8,15 +8,12 @@ using namespace base_test;
 
 class IniFile : public ::testing::Test {
 protected:
-  std::string base = ::testing::TempDir() + "zentiq_ini_" + std::to_string(getpid()) + "_" +
-                     ::testing::UnitTest::GetInstance()->current_test_info()->name();
+  ScratchDir dir{"ini", false}; // goes with every file a test made
+  std::string base = dir.path() + "/app";
   std::string file = base + ".ini";
   Capture c;
 
-  void TearDown() override {
-    std::remove(file.c_str());
-    EXPECT_EQ(c.take(), "");
-  }
+  void TearDown() override { EXPECT_EQ(c.take(), ""); }
   void write(const std::string &text) { write_file(file, text); }
   std::string read() const { return read_file(file); }
   std::string get(const std::string &key) {

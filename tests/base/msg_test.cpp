@@ -1,17 +1,9 @@
-// The message printer, the fatal stop and the Latin-1 execution character set.
+// The message printer and the fatal stop.
 #include "base/msg.h"
 
 #include "base_testutil.h"
 
 using namespace base_test;
-
-TEST(Charset, NarrowLiteralsAreLatin1) {
-  // The sources are UTF-8; the program's texts are single bytes.
-  const char *s = "Ä";
-  ASSERT_EQ(std::char_traits<char>::length(s), 1u);
-  EXPECT_EQ(static_cast<unsigned char>(s[0]), 196);
-  EXPECT_EQ(static_cast<unsigned char>("ü"[0]), 252);
-}
 
 TEST(Msg, HandlerReceivesFormattedTextsOfAnyLength) {
   Capture c;

@@ -341,23 +341,6 @@ TEST_F(Transport, ErrorAnswersOfConnectionCommands) {
   EXPECT_NE(testmsg::g_printed.find("DBsend: No data to send\n"), std::string::npos);
 }
 
-TEST_F(Transport, AFailedExchangeLeavesStatusSixAndTheTextAndNeverEndsTheProcess) {
-  pid_t srv = stand([](Stand &s) {
-    if (!s.handshake(2)) return 1;
-    // Take the request, then die without answering.
-    s.server.wait(10000);
-    return 0;
-  });
-  DBCONN *c = connect_to("demo");
-  EXPECT_EQ(DBstatus(c), DBCONN_IO);
-  EXPECT_THAT(DBerrormessage(c),
-              AnyOf(StartsWith("client write: Data missing (expected "),
-                    HasSubstr("server has ended"), EndsWith("DBrecv: No data received\n")));
-  EXPECT_THAT(testmsg::g_printed, HasSubstr(DBerrormessage(c)));
-  DBconn_free(c);
-  join_within(srv, 5000);
-}
-
 TEST_F(Transport, ASecondConnectRefusesTheFirstConnectionsRequests) {
   pid_t srv = stand([](Stand &s) {
     if (!s.handshake(1) || !s.reply(1, Bytes{'1'})) return 1;

@@ -398,21 +398,4 @@ TEST_F(TabboxUi, KeysMoveTheSelectionAndCallBack) {
   EXPECT_EQ(selected_after(multi, Qt::Key_Down), V({4}));
 }
 
-TEST_F(TabboxUi, VerticalDisplayIsDrawnAndClickedAsTheCompanion) {
-  FL_OBJECT *tb = make(0, 1);
-  fl_set_tabbox_vert(tb);
-  fl_set_tabbox_dblclick_callback(
-      tb, [](FL_OBJECT *, long a) { g.dblclick.push_back(a); }, 0);
-  fl_layout_tabbox(tb);
-  ASSERT_EQ(mytabs_get_shown_lines(tb), 2);
-  click(tb, line_point(tb, 1));
-  EXPECT_EQ(fl_isselected_tabbox_line(tb, 2), 1);
-  EXPECT_EQ(g.callback, 1);
-  EXPECT_EQ(taken(fl_get_tabbox_vert_attr(tb)), "Beschreibung");
-  QTest::keyClick(tb->widget, Qt::Key_Up);
-  EXPECT_EQ(fl_isselected_tabbox_line(tb, 1), 1);
-  QTest::keyClick(tb->widget, Qt::Key_Return);
-  EXPECT_EQ(g.dblclick, (std::vector<long>{0}));
-}
-
 } // namespace

@@ -400,14 +400,4 @@ TEST_F(FormsTest, ReportingModesDecideWhenTheInputCallbackRuns) {
   EXPECT_EQ(count_calls(multi), 0);
 }
 
-TEST(FormsDeathTest, ObjectOutsideBeginEndsTheProgram) {
-  EXPECT_EXIT(
-      {
-        forms_test::to_stderr();
-        fl_end_form();
-        fl_add_button(FL_NORMAL_BUTTON, 0, 0, 10, 10, "x");
-      },
-      ::testing::ExitedWithCode(1), "Object added outside begin!");
-}
-
 } // namespace

@@ -1,7 +1,7 @@
-// Managed and database tabboxes: field parsing and padding, the column limit,
-// uniqueness, the record sort with its row limit, the loaders and record
-// hooks (with a record-producing table that needs no server), and the fatal
-// programming errors.
+// Managed and database tabboxes: field parsing and padding, uniqueness, the
+// record sort with its row limit, the loaders and record hooks (with a
+// record-producing table that needs no server), and the fatal programming
+// errors.
 #include "base/valstr.h"
 #include "db/access/session.h"
 #include "framework/tabset.h"
@@ -131,17 +131,6 @@ TEST_F(DbTabbox, LinesArePaddedToTheWidestField) {
   myfl_set_tabbox_kz_dbnames(tb_, 1, "KD_NR,KD_NAME");
   EXPECT_EQ(myfl_get_tabbox_attrib_idx(tb_, "KD_NAME"), 2);
   EXPECT_EQ(myfl_get_tabbox_attrib_idx(tb_, "Nr"), 1);
-}
-
-TEST_F(DbTabbox, FiveHundredColumnsAreTheLimit) {
-  myfl_init_tabbox(form_, tb_, "Breit", nullptr, nullptr);
-  std::string line;
-  for (int i = 0; i < 500; ++i) line += (i ? "," : "") + std::to_string(i);
-  EXPECT_EQ(myfl_addto_tabbox_line(tb_, line.c_str(), nullptr), 1);
-  EXPECT_EQ(field(1, 500), "499");
-  line += ",500";
-  EXPECT_FATAL("\\(addto_tabbox_line\\) Too many columns \\(max = 500\\)",
-               myfl_addto_tabbox_line(tb_, line.c_str(), nullptr));
 }
 
 TEST_F(DbTabbox, AnEqualRecordIsNotAddedTwice) {

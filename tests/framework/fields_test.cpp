@@ -144,10 +144,4 @@ TEST_F(FieldsForm, FieldCallbackRewritesOrRejectsTypedText) {
   EXPECT_EQ(g_app_calls, 2) << "an empty field is the null value";
 }
 
-TEST_F(FieldsForm, SecondRegistrationIsFatal) {
-  myfl_set_datum_callback(a_);
-  EXPECT_FATAL("\\(myfl_set_zeit_callback\\) Callback already defined\n",
-               myfl_set_zeit_callback(a_));
-}
-
 } // namespace

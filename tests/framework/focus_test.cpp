@@ -1,5 +1,5 @@
-// Focus order and the keyboard hook: Tab through the form in reading order, the
-// next-input search, and the fatal and non-fatal misuses.
+// Focus order and the keyboard hook: the first object, the next-input search,
+// and the fatal and non-fatal misuses.
 #include "framework/focus.h"
 #include "tests/framework/framework_testutil.h"
 
@@ -22,33 +22,6 @@ protected:
   }
   FL_OBJECT *a_ = nullptr, *button_ = nullptr, *b_ = nullptr, *multi_ = nullptr, *tabbox_ = nullptr;
 };
-
-TEST_F(Focus, TabVisitsEveryObjectInReadingOrder) {
-  myfl_set_form_name(form_, -1, "FocusTest");
-  myfl_define_focus_first(form_, a_);
-  myfl_define_focus_second(form_, b_);
-  show_and_activate(form_);
-  fl_set_focus_object(form_, a_);
-  auto walk = [&](Qt::Key key, Qt::KeyboardModifiers mods) {
-    std::vector<FL_OBJECT *> seen;
-    for (int i = 0; i < 5; ++i) {
-      QTest::keyClick(QApplication::focusWidget(), key, mods);
-      seen.push_back(fl_get_focus_object(form_));
-    }
-    return seen;
-  };
-  // The button beside A comes before B below it; the tabbox is reached too.
-  EXPECT_EQ(walk(Qt::Key_Tab, Qt::NoModifier),
-            (std::vector<FL_OBJECT *>{button_, b_, multi_, tabbox_, a_}));
-  EXPECT_EQ(walk(Qt::Key_Backtab, Qt::ShiftModifier),
-            (std::vector<FL_OBJECT *>{tabbox_, multi_, b_, button_, a_}));
-
-  myfl_define_focus_begin(form_, 2);
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(myfl_set_focus_next(form_), 1);
-    EXPECT_EQ(fl_get_focus_object(form_), b_);
-  }
-}
 
 TEST_F(Focus, FirstObjectOnlyAndTheNextInputSearch) {
   myfl_set_form_name(form_, -1, "FocusTest");

@@ -10,14 +10,13 @@
 #include "framework/fields.h"
 #include "framework/help.h"
 #include "framework/place.h"
-#include "tests/access/tavrind_fixture.h"
+#include "tests/tavrind_fixture.h"
 #include "tests/forms/forms_testutil.h" // last: it includes Qt
 
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <optional>
 
 namespace zqtest {
 
@@ -31,13 +30,8 @@ inline std::string &messages() {
 inline void collect(const char *text) { messages() += text; }
 inline void to_stderr(const char *text) { std::fputs(text, stderr); }
 
-inline std::string slurp(const std::filesystem::path &file) {
-  std::ifstream in(file, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-inline void write_file(const std::filesystem::path &file, const std::string &text) {
-  std::ofstream(file, std::ios::binary) << text;
-}
+inline constexpr auto &slurp = scratch::read_file;
+using scratch::write_file;
 
 // The server of this test program, started on first use and stopped at exit
 // (death-test children run as processes of their own and start their own);
@@ -45,25 +39,19 @@ inline void write_file(const std::filesystem::path &file, const std::string &tex
 inline tavrind_fixture::Server *test_server() {
   static tavrind_fixture::Server server;
   static const bool up = [] {
-    std::string why;
-    if (server.start(why)) return true;
-    std::fprintf(stderr, "no server: %s\n", why.c_str());
+    if (server.start()) return true;
+    std::fprintf(stderr, "no server: %s\n", server.why().c_str());
     return false;
   }();
   return up ? &server : nullptr;
 }
 
-// The folder of the running test. A death-test child runs the test from its
-// start and ends in exit() without tearing down: the folder goes at exit.
-inline std::filesystem::path &test_folder() {
-  static struct Folder {
-    std::filesystem::path path;
-    ~Folder() {
-      std::error_code ignored;
-      if (!path.empty()) std::filesystem::remove_all(path, ignored);
-    }
-  } folder;
-  return folder.path;
+// The folder of the running test, its current directory. A death-test child
+// runs the test from its start and ends in exit() without tearing down: the
+// folder goes at exit.
+inline std::optional<scratch::ScratchDir> &test_folder() {
+  static std::optional<scratch::ScratchDir> folder;
+  return folder;
 }
 
 // Each test in a fresh temporary folder that is the current directory, with
@@ -76,11 +64,7 @@ class FormTest : public ::testing::Test {
 protected:
   explicit FormTest(const char *appl = "app") : appl_(appl) {}
   void SetUp() override {
-    char tmpl[] = "/tmp/zentiq_fwtest_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    test_folder() = dir_ = tmpl;
-    old_cwd_ = std::filesystem::current_path();
-    std::filesystem::current_path(dir_);
+    dir_ = test_folder().emplace("fwtest").path();
     myfl_set_appl_name(appl_);
     messages().clear();
     msg_set_handler(collect);
@@ -104,9 +88,7 @@ protected:
     fl_set_tabbox_optimize_hook(nullptr);
     fl_set_tabbox_refresh_hook(nullptr);
     myfl_set_appl_name("zentiq");
-    std::filesystem::current_path(old_cwd_);
-    std::filesystem::remove_all(dir_);
-    test_folder().clear();
+    test_folder().reset();
   }
   // The line of the key in the application's INI file; "" when there is none.
   std::string ini_line(const char *key) {
@@ -119,7 +101,6 @@ protected:
 
 private:
   const char *appl_;
-  std::filesystem::path old_cwd_;
 };
 
 } // namespace zqtest

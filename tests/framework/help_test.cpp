@@ -104,18 +104,6 @@ protected:
   MYFL_HELPDIALOG *d_ = nullptr;
 };
 
-TEST_F(HelpDialog, MissingHelpFileIsNamedWithWhereItWasLookedFor) {
-  std::filesystem::remove("helptest.hlp");
-  myfl_open_help(help_);
-  EXPECT_EQ(d_->open, 0);
-  ASSERT_FALSE(fl_seam_shown().empty());
-  EXPECT_EQ(fl_seam_shown().back().title, "Warnung");
-  EXPECT_THAT(fl_seam_shown().back().text,
-              testing::StartsWith("Hilfedatei 'helptest.hlp' nicht gefunden\nGesucht im "
-                                  "Arbeitsordner " +
-                                  std::filesystem::current_path().string()));
-}
-
 TEST_F(HelpDialog, F1ShowsTheTextAndEditingSavesIt) {
   show_and_activate(form_);
   fl_set_focus_object(form_, input_);

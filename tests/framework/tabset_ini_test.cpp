@@ -1,6 +1,6 @@
-// The tabbox settings line: written from the tabbox's properties, applied by
-// the settings hook when the title is set (bad tokens), the no-settings
-// registration, and the width tokens edited under the plain name.
+// The tabbox settings line: applied by the settings hook when the title is set
+// (bad tokens), the no-settings registration, and the width tokens edited
+// under the plain name.
 #include "framework/tabset.h"
 #include "tests/framework/framework_testutil.h"
 
@@ -27,43 +27,6 @@ protected:
     myfl_addto_tabbox_line(tb_, "Bernhard Maximilian,Ulm,12", nullptr);
   }
 };
-
-TEST_F(TabSet, TheLineIsWrittenFromThePropertiesAndReadBack) {
-  reg("Kunden");
-  myfl_set_tabbox_tablenr(tb_, 2);
-  auto p = tabbox_props(tb_);
-  ASSERT_EQ(p.nslots, 4);
-  std::copy_n(V{3, 1, -1}.begin(), 3, p.order + 1);
-  p.visible[2] = 0;
-  p.colmax[3] = 12;
-  const int cols[] = {1}, dirs[] = {1};
-  fl_set_tabbox_sort(tb_, 1, cols, dirs);
-  ASSERT_EQ(myfl_save_tabbox_ini(tb_), 1);
-  EXPECT_EQ(ini(), "[Kunden_2] 0 4 3 1 -1 1u 3|12 " + myfl_tabbox_columns_token(tb_) + " \n");
-
-  // Setting the title again resets the columns; the hook restores them, so
-  // that saving writes the same line.
-  myfl_draw_tabbox(tb_);
-  fl_layout_tabbox(tb_);
-  EXPECT_EQ(std::string(fl_get_tabbox_title(tb_)), "Anzahl | Name" + std::string(15, ' '));
-  myfl_save_tabbox_ini(tb_);
-  EXPECT_EQ(ini(), "[Kunden_2] 0 4 3 1 -1 1u 3|12 " + myfl_tabbox_columns_token(tb_) + " \n");
-
-  // Vertical display, database names, a global width and a descending key.
-  myfl_set_tabbox_kz_dbnames(tb_, 0, "KD_NAME,KD_ORT,KD_ANZ");
-  // The sort key is kept for the columns named by the line's token only:
-  // the database names are other names.
-  put("Kunden_2", "[Kunden_2] v 1 4 1 2 3 2d 7m \n");
-  myfl_draw_tabbox(tb_);
-  EXPECT_EQ(fl_get_tabbox_vert(tb_), 1);
-  EXPECT_THAT(std::string(fl_get_tabbox_full_title(tb_)), testing::StartsWith("KD_NAME"));
-  EXPECT_EQ(tabbox_props(tb_).nsort, 0);
-  const std::string token = myfl_tabbox_columns_token(tb_);
-  put("Kunden_2", ("[Kunden_2] v 1 4 1 2 3 2d 7m " + token + " \n").c_str());
-  myfl_draw_tabbox(tb_);
-  myfl_save_tabbox_ini(tb_);
-  EXPECT_EQ(ini(), "[Kunden_2] v 1 4 1 2 3 2d 7m " + token + " \n");
-}
 
 TEST_F(TabSet, BadTokensAreReportedAndSkipped) {
   reg("Liste");

@@ -9,6 +9,7 @@
 // other channel holds a transaction.
 #include "server/answer.h"
 #include "server/executor.h"
+#include "tests/server/answer_decode.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -25,56 +26,6 @@ namespace {
 std::string g_root;     // the folder of this run
 std::string g_template; // folder with the template database
 std::string g_work;     // folder the executor works in
-
-// Checks that an answer is complete and exact in its announced form.
-bool answer_well_formed(const std::vector<unsigned char> &a) {
-  size_t p = 0;
-  auto need = [&](size_t n) { return p + n <= a.size(); };
-  auto u16 = [&] {
-    uint16_t v = static_cast<uint16_t>(a[p] | a[p + 1] << 8);
-    p += 2;
-    return v;
-  };
-  auto i32 = [&] {
-    int32_t v;
-    memcpy(&v, a.data() + p, 4);
-    p += 4;
-    return v;
-  };
-  if (!need(1)) return false;
-  switch (a[p++]) {
-  case '0': {
-    if (!need(3) || a[p++] != 'b') return false;
-    uint16_t n = u16();
-    return n >= 1 && p + n == a.size() && a[p + n - 1] == 0;
-  }
-  case '1':
-    return p == a.size();
-  case '3':
-    return a.size() == 5;
-  case '2':
-  case '4': {
-    if (!need(8)) return false;
-    int32_t nc = i32(), nr = i32();
-    if (nc < 0 || nr < 0) return false;
-    for (int32_t c = 0; c < nc; ++c) {
-      if (!need(2)) return false;
-      uint16_t n = u16();
-      if (n < 1 || !need(n + 5)) return false;
-      p += n + 5;
-    }
-    for (int64_t i = 0; i < int64_t(nr) * nc; ++i) {
-      if (!need(2)) return false;
-      uint16_t n = u16();
-      if (!need(n)) return false;
-      p += n;
-    }
-    return p == a.size();
-  }
-  default:
-    return false;
-  }
-}
 
 // A request built by hand: bytes as they are, names (tag 'a') and strings
 // (tag 'f') with their 16-bit length counting the zero byte, integers (tag 'd').
@@ -167,7 +118,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::vector<unsigned char> out;
     int r = exec_request(ch, data + p, n, out);
     p += n;
-    if (r == EXEC_ANSWER && !answer_well_formed(out)) abort();
+    if (r == EXEC_ANSWER && !exectest::decode_answer(out).ok) abort();
     if (r == EXEC_WOULD_BLOCK && !other.in_transaction()) abort();
     if (r == EXEC_NO_ANSWER && !out.empty()) abort();
     if (ex.stop_requested) break;

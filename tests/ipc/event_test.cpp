@@ -1,4 +1,4 @@
-// Auto-reset events between processes, their time-outs and process watches.
+// Auto-reset events between processes and their time-outs.
 #include "db/ipc/event.h"
 
 #include "tests/ipc/ipc_testutil.h"
@@ -80,22 +80,6 @@ TEST_F(IpcEvent, PingPongBetweenProcessesWithAndWithoutSpinning) {
     EXPECT_EQ(join(child), 0);
   }
   ipc::set_spin_limit_us(150);
-}
-
-TEST_F(IpcEvent, WaitEndsWhenTheWatchedProcessEnds) {
-  pid_t child = spawn([] {
-    usleep(100000);
-    return 0;
-  });
-  ipc::Process p;
-  ASSERT_TRUE(p.open(child));
-  auto t = std::chrono::steady_clock::now();
-  EXPECT_EQ(e.wait(-1, &p), WaitResult::ProcessEnded);
-  EXPECT_LT(ms_since(t), 2000.0);
-  join(child);
-  // A set event wins over an ended process: the data is there.
-  e.set();
-  EXPECT_EQ(e.wait(-1, &p), WaitResult::Signalled);
 }
 
 // Many processes wait for one event, each for its own value of a shared

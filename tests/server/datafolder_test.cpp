@@ -6,11 +6,12 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include "faults_server.h"
+#include "tests/tavrind_fixture.h"
 
 namespace {
 
 using ::testing::HasSubstr;
+using namespace tavrind_fixture;
 
 namespace fs = std::filesystem;
 
@@ -28,14 +29,13 @@ std::vector<std::string> open_to_others(const std::string &dir) {
 
 class DataFolder : public ::testing::Test {
 protected:
-  faults::Server server;
+  Server server;
   DBCONN *c = nullptr;
   void SetUp() override {
-    if (faults::tavrind_program().empty()) GTEST_SKIP() << "tavrind has not been built";
+    if (program().empty()) GTEST_SKIP() << "tavrind has not been built";
     if (pgcluster::postgres_store())
       GTEST_SKIP() << "the database files of the data folder belong to the SQLite store";
-    ASSERT_TRUE(server.start({})) << server.log_text();
-    setenv("TAVRIN_NAMESPACE", server.ns().c_str(), 1);
+    ASSERT_TRUE(server.start()) << server.why();
     char tdsys[] = "tdsys";
     c = DBconnect(tdsys);
     ASSERT_EQ(DBstatus(c), DBCONN_OK) << DBerrormessage(c);
@@ -49,7 +49,7 @@ TEST_F(DataFolder, IsPrivateFromTheStartAndTightenedWhenLeftOpen) {
   // The first start's databases, a new one with its WAL files, a backup.
   for (const char *sql : {"CREATE DATABASE EIGEN", "CREATE TABLE T (T_ID INTEGER)",
                           "INSERT INTO T VALUES (1)", "SAVE DATABASE"})
-    ASSERT_EQ(faults::run(c, sql), DBRES_DONE) << sql;
+    ASSERT_EQ(run(c, sql), DBRES_DONE) << sql;
   EXPECT_TRUE(fs::exists(server.data_dir() + "/EIGEN.db-wal"));
   EXPECT_EQ(open_to_others(server.data_dir()), std::vector<std::string>{});
   DBfinish(c), DBconn_free(c), c = nullptr;
@@ -61,9 +61,9 @@ TEST_F(DataFolder, IsPrivateFromTheStartAndTightenedWhenLeftOpen) {
   for (auto &e : fs::recursive_directory_iterator(server.data_dir()))
     fs::permissions(e.path(), e.is_directory() ? fs::perms(0755) : fs::perms(0644));
   fs::permissions(server.data_dir(), fs::perms(0755));
-  ASSERT_TRUE(server.restart()) << server.log_text();
+  ASSERT_TRUE(server.restart()) << server.why();
   EXPECT_EQ(open_to_others(server.data_dir()), std::vector<std::string>{});
-  std::string log = server.log_text();
+  std::string log = server.log();
   EXPECT_THAT(log,
               HasSubstr("made the folder " + server.data_dir() + " private (was 0755, now 0700)"));
   EXPECT_THAT(log, HasSubstr("files in " + server.data_dir() + " private"));
@@ -79,14 +79,14 @@ TEST_F(DataFolder, CreateDatabaseWithoutRoomLeavesNoFile) {
   none.rlim_cur = 0;
   ASSERT_EQ(prlimit(server.pid(), RLIMIT_FSIZE, &none, nullptr), 0);
   std::string text;
-  EXPECT_EQ(faults::run(c, "CREATE DATABASE VOLL", &text), DBRES_ERROR);
+  EXPECT_EQ(run(c, "CREATE DATABASE VOLL", &text), DBRES_ERROR);
   EXPECT_THAT(text, HasSubstr("(TAVRIN 206) Datenbank VOLL"));
   EXPECT_FALSE(fs::exists(server.data_dir() + "/VOLL.db"));
-  EXPECT_EQ(faults::rows(c, "SHOW DATABASES"), (std::vector<std::string>{"DEMO", "TDSYS"}));
+  EXPECT_EQ(rows(c, "SHOW DATABASES"), (std::vector<std::string>{"DEMO", "TDSYS"}));
 
   // With room again the same CREATE succeeds.
   ASSERT_EQ(prlimit(server.pid(), RLIMIT_FSIZE, &old, nullptr), 0);
-  EXPECT_EQ(faults::run(c, "CREATE DATABASE VOLL", &text), DBRES_DONE) << text;
+  EXPECT_EQ(run(c, "CREATE DATABASE VOLL", &text), DBRES_DONE) << text;
   EXPECT_TRUE(fs::exists(server.data_dir() + "/VOLL.db"));
 }
 

@@ -8,35 +8,34 @@
 
 #include "base/msg.h"
 #include "db/client/transport.h"
-#include "tests/server/faults_server.h"
+#include "tests/tavrind_fixture.h"
 
 namespace {
 
 using Texts = std::vector<std::string>;
-using faults::rows;
+using namespace tavrind_fixture;
 
 // Starts `server` with the options `extra` and connects to TDSYS on it.
-DBCONN *start_and_connect(faults::Server &server, const std::vector<std::string> &extra) {
+DBCONN *start_and_connect(Server &server, const std::vector<std::string> &extra) {
   if (!server.start(extra)) return nullptr;
-  setenv("TAVRIN_NAMESPACE", server.ns().c_str(), 1);
   char db[] = "tdsys";
   return DBconnect(db);
 }
 
 TEST(EndToEnd, EveryTypeTravelsAndStopEndsTheProgram) {
-  if (faults::tavrind_program().empty()) GTEST_SKIP() << "tavrind has not been built";
-  faults::Server server;
+  if (program().empty()) GTEST_SKIP() << "tavrind has not been built";
+  Server server;
   DBCONN *c = start_and_connect(server, {});
-  ASSERT_TRUE(c) << server.why() << server.log_text();
+  ASSERT_TRUE(c) << server.why();
   ASSERT_EQ(DBstatus(c), DBCONN_OK) << DBerrormessage(c);
   EXPECT_EQ(rows(c, "SHOW DATABASES"), (Texts{"DEMO", "TDSYS"}));
   EXPECT_EQ(rows(c, "SELECT * FROM GIBTESNICHT"),
             Texts{"(TAVRIN 301) Tabelle GIBTESNICHT existiert nicht\n"});
   // A statement the client's parser refuses never reaches the server.
-  EXPECT_EQ(faults::run(c, "SELEKT FROM"), DBRES_SYNTAX);
-  ASSERT_EQ(faults::run(c, "CREATE DATABASE E2EDB"), DBRES_DONE);
-  ASSERT_EQ(faults::run(c, "CREATE TABLE WERT (WERT_ID INTEGER NOT NULL, S SMALLINT, I INTEGER, "
-                           "F FLOAT, D DATE, Z TIME, TS TIMESTAMP, B BINARY(8), C CHARACTER(6))"),
+  EXPECT_EQ(run(c, "SELEKT FROM"), DBRES_SYNTAX);
+  ASSERT_EQ(run(c, "CREATE DATABASE E2EDB"), DBRES_DONE);
+  ASSERT_EQ(run(c, "CREATE TABLE WERT (WERT_ID INTEGER NOT NULL, S SMALLINT, I INTEGER, "
+                   "F FLOAT, D DATE, Z TIME, TS TIMESTAMP, B BINARY(8), C CHARACTER(6))"),
             DBRES_DONE);
   // Large values, small values, and null values given as empty texts and
   // left out.
@@ -59,12 +58,12 @@ TEST(EndToEnd, EveryTypeTravelsAndStopEndsTheProgram) {
                    "1800-01-01-00.00.00.000000||"}));
 
   // Dropped on either store, the database is gone.
-  EXPECT_EQ(faults::run(c, "DROP DATABASE"), DBRES_DONE);
+  EXPECT_EQ(run(c, "DROP DATABASE"), DBRES_DONE);
   EXPECT_FALSE(std::filesystem::exists(server.data_dir() + "/E2EDB.db"));
-  EXPECT_EQ(faults::run(c, "SET DATABASE E2EDB"), DBRES_ERROR);
+  EXPECT_EQ(run(c, "SET DATABASE E2EDB"), DBRES_ERROR);
 
   // STOP is answered, then the program ends by itself.
-  EXPECT_EQ(faults::run(c, "STOP"), DBRES_DONE);
+  EXPECT_EQ(run(c, "STOP"), DBRES_DONE);
   EXPECT_EQ(server.terminate(std::chrono::seconds(5), false), 0) << "tavrind ended after STOP";
   MsgHandler old = msg_set_handler([](const char *) {});
   DBfinish(c);
@@ -74,10 +73,10 @@ TEST(EndToEnd, EveryTypeTravelsAndStopEndsTheProgram) {
 }
 
 TEST(EndToEnd, NoDemoMakesTheSystemDatabaseOnly) {
-  if (faults::tavrind_program().empty()) GTEST_SKIP() << "tavrind has not been built";
-  faults::Server server;
+  if (program().empty()) GTEST_SKIP() << "tavrind has not been built";
+  Server server;
   DBCONN *c = start_and_connect(server, {"--no-demo"});
-  ASSERT_TRUE(c) << server.why() << server.log_text();
+  ASSERT_TRUE(c) << server.why();
   ASSERT_EQ(DBstatus(c), DBCONN_OK) << DBerrormessage(c);
   EXPECT_EQ(rows(c, "SHOW DATABASES"), Texts{"TDSYS"});
   EXPECT_GT(std::atoi(rows(c, "SELECT COUNT(*) FROM ERROT").at(0).c_str()), 0)

@@ -240,33 +240,6 @@ TEST_F(StatementsTest, ShowListsDatabasesTablesAttributesAndIndices) {
   EXPECT_EQ(bad("SHOW TABLE NIX"), "(TAVRIN 301) Tabelle NIX existiert nicht");
 }
 
-TEST_F(StatementsTest, CursorsFetchInBlocksOfMax) {
-  good("DECLARE C1 CURSOR FOR SELECT KUNDE_ID FROM KUNDE ORDER BY KUNDE_ID");
-  EXPECT_EQ(bad("DECLARE C1 CURSOR FOR SELECT * FROM KUNDE"),
-            "(TAVRIN 503) Cursor C1 existiert bereits");
-  EXPECT_EQ(ids("FETCH C1"), V{1});
-  good("MAX 5");
-  EXPECT_EQ(ids("FETCH C1"), (V{2, 3}));
-  Answer a = good("FETCH ALL IN C1");
-  EXPECT_EQ(a.kind, '4');
-  EXPECT_TRUE(a.rows.empty());
-  EXPECT_EQ(a.cols.size(), 1u);
-  good("CLOSE C1");
-  EXPECT_EQ(bad("FETCH C1"), "(TAVRIN 502) Cursor C1 existiert nicht");
-  EXPECT_EQ(bad("CLOSE C1"), "(TAVRIN 502) Cursor C1 existiert nicht");
-  good("DECLARE C2 CURSOR FOR SELECT NAME FROM KUNDE WHERE ORT = 'Köln'");
-  EXPECT_EQ(good("FETCH ALL IN C2").rows.size(), 2u);
-  // A cursor in the middle of its rows keeps its table: it cannot be dropped
-  // under it, and the refusal does not make the client wait.
-  good("MAX 1");
-  good("DECLARE C3 CURSOR FOR SELECT NAME FROM KUNDE");
-  EXPECT_EQ(good("FETCH C3").rows.size(), 1u);
-  EXPECT_EQ(bad("DROP TABLE KUNDE"), "(TAVRIN 508) Ein offener Cursor dieser Verbindung liest die "
-                                     "Tabelle noch; bitte erst mit CLOSE schließen");
-  good("CLOSE C3");
-  good("DROP TABLE KUNDE");
-}
-
 TEST_F(StatementsTest, TransactionsAndLocksBetweenChannels) {
   open("SHOP", 1);
   good("BEGIN");
@@ -350,44 +323,6 @@ TEST_F(StatementsTest, DatabasesAreCreatedSavedSwitchedAndDropped) {
   EXPECT_EQ(good("SELECT * FROM T").cols.size(), 1u);
   EXPECT_EQ(run(command('4', "NEU")).kind, '1');
   EXPECT_FALSE(std::filesystem::exists(dir + "/NEU.db"));
-}
-
-TEST_F(ExecutorTest, FirstStartMakesSystemAndDemoDatabasesAndLaterStartsKeepThem) {
-  open("TDSYS");
-  Answer a = good("SELECT * FROM ERROT WHERE FEHLERNUMMER = 301 AND SPRACHE = 'D   '");
-  ASSERT_EQ(a.rows.size(), 1u);
-  EXPECT_EQ(a.cols[0].size, 9);
-  EXPECT_EQ(a.text(0, 4), "Tabelle $1 existiert nicht");
-  a = good("SELECT BEZEICHNUNG FROM SVZK WHERE CODE = 'A' AND SPRACHE = 'D   ' AND TABELLE = 2");
-  EXPECT_EQ(a.texts(0), Texts{"\xD6sterreich"});
-
-  good("SET DATABASE DEMO");
-  EXPECT_EQ(good("SHOW TABLES").texts(0), (Texts{"ARTIKEL", "AUFTRAG", "KUNDE", "POSITION"}));
-  int total = 0;
-  for (const char *t : {"ARTIKEL", "AUFTRAG", "KUNDE", "POSITION"}) {
-    a = good(std::string("SELECT * FROM ") + t);
-    EXPECT_EQ(a.cols[0].name, std::string(t) + "_ID") << "the detail dialog's key";
-    total += static_cast<int>(a.rows.size());
-  }
-  EXPECT_GT(total, 3000);
-  EXPECT_GT(good("SELECT COUNT(*) FROM KUNDE WHERE NAME LIKE '%ü%'").i32(0, 0), 0);
-  EXPECT_EQ(good("SELECT COUNT(*) FROM POSITION p WHERE NOT EXISTS (SELECT * FROM ARTIKEL a "
-                 "WHERE a.ARTIKEL_ID = p.ARTIKEL_ID)")
-                .i32(0, 0),
-            0);
-
-  // A second start leaves both as they are, also a dropped DEMO.
-  good("DELETE FROM KUNDE WHERE KUNDE_ID = 1");
-  channels.clear();
-  Executor again;
-  std::string err;
-  ASSERT_EQ(catalog_init(again.catalog, dir, err), 1) << err;
-  open("DEMO");
-  EXPECT_EQ(good("SELECT COUNT(*) FROM KUNDE WHERE KUNDE_ID = 1").i32(0, 0), 0);
-  channels.clear();
-  ASSERT_TRUE(std::filesystem::remove(dir + "/DEMO.db"));
-  ASSERT_EQ(catalog_init(again.catalog, dir, err), 1) << err;
-  EXPECT_FALSE(std::filesystem::exists(dir + "/DEMO.db"));
 }
 
 TEST_F(ExecutorTest, LogsErrorsAlwaysAndStatementsWhenVerbose) {

@@ -1,7 +1,6 @@
-// Helpers of the executor tests: a temporary data folder with an executor,
-// statements encoded by the real client encoder, and a strict decoder of
-// answers that reads every field with a bounds check and insists that the
-// whole answer is used.
+// Helpers of the executor tests: a scratch data folder with an executor,
+// statements encoded by the real client encoder, and answers decoded by the
+// strict decoder (answer_decode.h) with their values read typed.
 #pragma once
 
 #include "db/client/parser.h"
@@ -12,7 +11,9 @@
 #include <gmock/gmock.h>
 
 #include <cstring>
-#include <filesystem>
+
+#include "tests/scratch.h"
+#include "tests/server/answer_decode.h"
 
 namespace exectest {
 
@@ -20,23 +21,11 @@ namespace exectest {
 using namespace tavrind;
 using ::testing::HasSubstr;
 
-using Bytes = std::vector<unsigned char>;
 using Texts = std::vector<std::string>;
 
-struct Column {
-  std::string name;
-  unsigned char type = 0;
-  int32_t size = 0;
-};
-
-// A decoded answer. kind is the first byte; values keep their binary form.
-struct Answer {
-  char kind = 0;
-  std::string error;
-  int32_t count = 0;
-  std::vector<Column> cols;
-  std::vector<std::vector<Bytes>> rows;
-  bool ok = false; // the answer decoded completely
+// A decoded answer with its values read typed.
+struct Answer : DecodedAnswer {
+  Answer(DecodedAnswer a = {}) : DecodedAnswer(std::move(a)) {}
 
   std::string text(size_t r, size_t c) const {
     const Bytes &v = rows.at(r).at(c);
@@ -75,60 +64,7 @@ private:
   }
 };
 
-inline Answer decode(const Bytes &a) {
-  Answer r;
-  size_t p = 0;
-  auto need = [&](size_t n) { return p + n <= a.size(); };
-  auto u16 = [&] {
-    p += 2;
-    return static_cast<uint16_t>(a[p - 2] | a[p - 1] << 8);
-  };
-  auto i32 = [&] {
-    p += 4;
-    return static_cast<int32_t>(DBwire_get32(a.data() + p - 4));
-  };
-  // A text of a 16-bit length that counts its final zero byte.
-  auto text = [&](std::string &out, size_t after) {
-    if (!need(2)) return false;
-    uint16_t n = u16();
-    if (n < 1 || !need(n + after) || a[p + n - 1] != 0) return false;
-    out.assign(reinterpret_cast<const char *>(a.data() + p), n - 1);
-    p += n;
-    return true;
-  };
-  if (!need(1)) return r;
-  r.kind = static_cast<char>(a[p++]);
-  if (r.kind == '0') {
-    if (!need(1) || a[p++] != 'b' || !text(r.error, 0)) return r;
-  } else if (r.kind == '3') {
-    if (!need(4)) return r;
-    r.count = i32();
-  } else if (r.kind == '2' || r.kind == '4') {
-    if (!need(8)) return r;
-    int32_t nc = i32(), nr = i32();
-    for (int32_t c = 0; c < nc; ++c) {
-      Column col;
-      if (!text(col.name, 5)) return r;
-      col.type = a[p++];
-      col.size = i32();
-      r.cols.push_back(col);
-    }
-    for (int32_t i = 0; i < nr; ++i) {
-      r.rows.emplace_back();
-      for (int32_t c = 0; c < nc; ++c) {
-        if (!need(2)) return r;
-        uint16_t n = u16();
-        if (!need(n)) return r;
-        r.rows.back().emplace_back(a.begin() + long(p), a.begin() + long(p + n));
-        p += n;
-      }
-    }
-  } else if (r.kind != '1') {
-    return r;
-  }
-  r.ok = p == a.size();
-  return r;
-}
+inline Answer decode(const Bytes &a) { return decode_answer(a); }
 
 // The request bytes of a statement as the client encodes it.
 inline Bytes encode(const std::string &statement) {
@@ -158,18 +94,10 @@ inline Bytes command(unsigned char cmd, const char *name = nullptr) {
 class ExecutorTest : public ::testing::Test {
 protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/tavrind-exec-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
     std::string err;
     ASSERT_EQ(tavrind::catalog_init(ex.catalog, dir, err), 1) << err;
     ex.log = [this](const std::string &line) { log += line + "\n"; };
   }
-  void TearDown() override {
-    channels.clear();
-    std::filesystem::remove_all(dir);
-  }
-
   tavrind::Session &channel(size_t i = 0) {
     while (channels.size() <= i)
       channels.push_back(std::make_unique<tavrind::Session>(ex, static_cast<int>(channels.size())));
@@ -205,7 +133,9 @@ protected:
     ASSERT_EQ(a.kind, '1') << a.error;
   }
 
-  std::string dir;
+  // Declared first: the sessions and the executor end before their folder.
+  scratch::ScratchDir folder{"exec", false};
+  std::string dir = folder.path();
   std::string log;
   tavrind::Executor ex;
   std::vector<std::unique_ptr<tavrind::Session>> channels;

@@ -18,13 +18,14 @@
 
 #include "base/msg.h"
 #include "db/client/transport.h"
-#include "tests/server/faults_server.h"
+#include "tests/tavrind_fixture.h"
 
 namespace {
 
 using ::testing::AllOf;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
+using namespace tavrind_fixture;
 
 using namespace std::chrono_literals;
 
@@ -56,7 +57,7 @@ public:
   ~Client() {
     close(out_);
     close(in_);
-    if (pid_ > 0) faults::reap(pid_, 3s);
+    if (pid_ > 0) reap(pid_, 3s);
   }
 
   // Sends a statement without waiting for its answer.
@@ -88,7 +89,7 @@ public:
     return answer();
   }
   void kill_now() {
-    faults::reap(pid_, 0ms);
+    reap(pid_, 0ms);
     pid_ = -1;
   }
   // Ctrl-C: the client cancels the statement it waits for.
@@ -129,7 +130,7 @@ private:
         reply("H|");
         continue;
       }
-      int st = faults::run(c, s, &v);
+      int st = tavrind_fixture::run(c, s, &v);
       reply(std::to_string(st) + "|" + v);
     }
     DBfinish(c);
@@ -187,11 +188,11 @@ std::string tuples(const std::string &v) { return "2|" + v; }
 class Locking : public ::testing::Test {
 protected:
   void SetUp() override {
-    if (faults::tavrind_program().empty()) GTEST_SKIP() << "tavrind has not been built";
+    if (program().empty()) GTEST_SKIP() << "tavrind has not been built";
   }
   // Starts the server and makes table KONTO with accounts 1 and 2.
   void start(const std::vector<std::string> &extra = {}) {
-    ASSERT_TRUE(srv.start(extra)) << srv.why() << srv.log_text();
+    ASSERT_TRUE(srv.start(extra)) << srv.why();
     Client c(srv.ns());
     ASSERT_TRUE(c.ok()) << c.greeting();
     ASSERT_TRUE(runs(c, {{"CREATE TABLE KONTO (KONTO_ID INTEGER, BETRAG INTEGER)", kDone},
@@ -212,7 +213,7 @@ protected:
     for (char t = 'B'; t <= 'L'; ++t) join += std::string(", KONTO ") + t;
     return join;
   }
-  faults::Server srv;
+  Server srv;
 };
 
 // A holds the write lock, B's UPDATE is parked (`tavrin locks` lists both);
@@ -433,7 +434,7 @@ TEST_F(Locking, RunawayEndsWithItsClientAndWithTheServer) {
     auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(amount(1), tuples("100"));
     EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
-    EXPECT_THAT(srv.log_text(), HasSubstr("(TAVRIN 513)"));
+    EXPECT_THAT(srv.log(), HasSubstr("(TAVRIN 513)"));
   }
   Client a(srv.ns());
   ASSERT_TRUE(a.ok());
@@ -443,7 +444,7 @@ TEST_F(Locking, RunawayEndsWithItsClientAndWithTheServer) {
   auto t0 = std::chrono::steady_clock::now();
   EXPECT_EQ(srv.terminate(5s), 0);
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
-  EXPECT_THAT(srv.log_text(), HasSubstr("(TAVRIN 512)"));
+  EXPECT_THAT(srv.log(), HasSubstr("(TAVRIN 512)"));
   ASSERT_TRUE(srv.restart());
   EXPECT_EQ(amount(1), tuples("100")) << "the open transaction was rolled back";
 }
@@ -478,7 +479,7 @@ TEST_F(Locking, RunawayLeavesOthersServedAndCancelStopsItOrALockWait) {
   b.interrupt();
   EXPECT_TRUE(is_error(b.answer(5s), "515"));
   a.interrupt();
-  EXPECT_TRUE(is_error(a.answer(5s), "515")) << srv.log_text();
+  EXPECT_TRUE(is_error(a.answer(5s), "515")) << srv.log();
   EXPECT_EQ(a.run("COMMIT"), kDone);
   EXPECT_TRUE(runs(b, {{get(1), tuples("5")}, {get(2), tuples("100")}}));
 
@@ -506,9 +507,9 @@ protected:
 // reader of the other server is never parked.
 TEST_F(PgStoreLocking, TwoServersOnOneDatabaseExcludeEachOthersWriters) {
   start();
-  faults::Server other;
+  Server other;
   other.store = srv.store;
-  ASSERT_TRUE(other.start({"--lock-timeout", "1"})) << other.log_text();
+  ASSERT_TRUE(other.start({"--lock-timeout", "1"})) << other.why();
   Client a(srv.ns()), b(other.ns()), reader(other.ns());
   ASSERT_TRUE(a.ok() && b.ok() && reader.ok()) << b.greeting();
   ASSERT_TRUE(begin_update(a, 1, 90));
@@ -549,7 +550,7 @@ TEST_F(PgStoreLocking, LostClusterFailsTheTransactionAndNoClientHangs) {
     }
   }
   ASSERT_TRUE(cluster->start_again());
-  EXPECT_EQ(a.run(get(1)), tuples("100")) << srv.log_text();
+  EXPECT_EQ(a.run(get(1)), tuples("100")) << srv.log();
   EXPECT_EQ(a.run(set(2, 60)), "1|1");
   EXPECT_EQ(amount(2), tuples("60"));
 }

@@ -16,7 +16,7 @@
 #include <set>
 
 #include "base/msg.h"
-#include "tests/server/faults_server.h"
+#include "tests/tavrind_fixture.h"
 
 namespace {
 
@@ -24,7 +24,7 @@ using namespace std::chrono_literals;
 
 constexpr int kAccounts = 100;
 constexpr int kStart = 1000;
-using faults::run;
+using namespace tavrind_fixture;
 
 // In a forked child: connects to DEMO (retrying for a few seconds) and
 // returns the connection; ends the child with status 2 when it cannot.
@@ -62,7 +62,7 @@ bool setup(const std::string &ns) {
     DBfinish(c);
     _exit(0);
   }
-  return faults::reap(pid, 60s) == 0;
+  return reap(pid, 60s) == 0;
 }
 
 // Starts a client process that runs n transfers: each one writes its journal
@@ -120,8 +120,8 @@ pid_t start_worker(const std::string &ns, int worker, int n, const std::string &
 // The rows of the integer `columns` (quoted names) of DEMO's `table`, read
 // from its store directly, past the server (which may run): its SQLite file,
 // or its schema in PostgreSQL.
-std::vector<std::vector<long long>>
-read_store(const faults::Server &srv, const std::string &columns, const std::string &table) {
+std::vector<std::vector<long long>> read_store(const Server &srv, const std::string &columns,
+                                               const std::string &table) {
   bool pg = !srv.store.empty();
   std::string sql = "SELECT " + columns + " FROM " + (pg ? "\"DEMO\".\"" + table + "\"" : table);
   std::vector<std::vector<long long>> out;
@@ -163,7 +163,7 @@ read_store(const faults::Server &srv, const std::string &columns, const std::str
 // journal, the recorded commits present and the recorded aborts absent
 // (and, on SQLite, the file's integrity). Returns the number of transfers in
 // the journal.
-int check_data(const faults::Server &srv, const std::string &record) {
+int check_data(const Server &srv, const std::string &record) {
   std::vector<long long> expect(kAccounts + 1, kStart), have(kAccounts + 1, 0);
   expect[0] = 0; // there is no account 0
   std::set<long long> journal;
@@ -201,8 +201,8 @@ int check_data(const faults::Server &srv, const std::string &record) {
 class Transfers : public ::testing::Test {
 protected:
   void SetUp() override {
-    if (faults::tavrind_program().empty()) GTEST_SKIP() << "tavrind has not been built";
-    ASSERT_TRUE(srv.start({})) << srv.why() << srv.log_text();
+    if (program().empty()) GTEST_SKIP() << "tavrind has not been built";
+    ASSERT_TRUE(srv.start()) << srv.why();
     ASSERT_TRUE(setup(srv.ns()));
     record = srv.data_dir() + "/../transfers.txt";
   }
@@ -216,9 +216,8 @@ protected:
     pid_t victim = start_worker(srv.ns(), 99, 1000000, record);
     std::this_thread::sleep_for(kill_after);
     kill(victim, SIGKILL);
-    EXPECT_EQ(faults::reap(victim, 5s), -1);
-    for (pid_t w : workers)
-      EXPECT_EQ(faults::reap(w, std::chrono::milliseconds(n * 400 + 20000)), 0);
+    EXPECT_EQ(reap(victim, 5s), -1);
+    for (pid_t w : workers) EXPECT_EQ(reap(w, std::chrono::milliseconds(n * 400 + 20000)), 0);
     check_data(srv, record);
   }
 
@@ -231,16 +230,16 @@ protected:
       workers.push_back(start_worker(srv.ns(), round * 20 + w + 1, 1000000, record));
     std::this_thread::sleep_for(after);
     srv.kill_hard();
-    for (pid_t w : workers) faults::reap(w, 10s);
+    for (pid_t w : workers) reap(w, 10s);
     ASSERT_TRUE(srv.restart());
     int before = check_data(srv, record);
     // The restarted server serves and changes the data again.
     pid_t w = start_worker(srv.ns(), round * 20 + 15, 20, record);
-    EXPECT_EQ(faults::reap(w, 20s), 0);
+    EXPECT_EQ(reap(w, 20s), 0);
     EXPECT_GT(check_data(srv, record), before);
   }
 
-  faults::Server srv;
+  Server srv;
   std::string record;
 };
 
@@ -275,13 +274,13 @@ protected:
 };
 
 TEST_F(PgStoreTransfers, TwoServersOnOneDatabaseKeepTheSum) {
-  faults::Server other;
+  Server other;
   other.store = srv.store;
-  ASSERT_TRUE(other.start({})) << other.log_text();
+  ASSERT_TRUE(other.start()) << other.why();
   std::vector<pid_t> workers;
   for (int w = 0; w < 8; ++w)
     workers.push_back(start_worker(w % 2 ? other.ns() : srv.ns(), w + 1, 40, record));
-  for (pid_t w : workers) EXPECT_EQ(faults::reap(w, 60s), 0);
+  for (pid_t w : workers) EXPECT_EQ(reap(w, 60s), 0);
   check_data(srv, record);
 }
 

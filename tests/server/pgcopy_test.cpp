@@ -8,6 +8,7 @@
 #include "server/catalog.h"
 #include "server/pgcopy.h"
 #include "tests/pgcluster.h"
+#include "tests/scratch.h"
 
 #include <sqlite3.h>
 
@@ -135,7 +136,8 @@ std::string hostile_sql() {
 class PgCopy : public ::testing::Test {
 protected:
   PGconn *conn = nullptr;
-  std::string folder, err;
+  scratch::ScratchDir scratch_dir{"pgcopy_data", false};
+  std::string folder = scratch_dir.path(), err;
   Catalog cat;
   std::vector<std::string> report;
 
@@ -149,14 +151,9 @@ protected:
     ASSERT_FALSE(conninfo.empty()) << why;
     conn = PQconnectdb((conninfo + " options='-c client_min_messages=warning'").c_str());
     ASSERT_EQ(PQstatus(conn), CONNECTION_OK) << PQerrorMessage(conn);
-    char tmpl[] = "/tmp/zentiq_pgcopy_data_XXXXXX";
-    ASSERT_TRUE(mkdtemp(tmpl));
-    folder = tmpl;
   }
   void TearDown() override {
     if (conn) PQfinish(conn);
-    std::error_code ec;
-    if (!folder.empty()) fs::remove_all(folder, ec);
   }
 
   // A first start's folder plus the hostile database, imported.

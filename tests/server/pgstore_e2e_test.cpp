@@ -9,7 +9,7 @@
 
 #include "base/msg.h"
 #include "db/client/transport.h"
-#include "tests/server/faults_server.h"
+#include "tests/tavrind_fixture.h"
 
 namespace {
 
@@ -18,6 +18,7 @@ using namespace std::chrono_literals;
 using Texts = std::vector<std::string>;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
+using namespace tavrind_fixture;
 
 // Everything a client reads of database `db` on the server of namespace ns:
 // its tables with their columns, its indices and every table's rows (sorted:
@@ -30,17 +31,17 @@ Texts read_all(const std::string &ns, const std::string &db) {
   if (DBstatus(c) != DBCONN_OK) {
     all.push_back("no connection: " + std::string(DBerrormessage(c)));
   } else {
-    Texts tables = faults::rows(c, "SHOW TABLES");
+    Texts tables = rows(c, "SHOW TABLES");
     all = tables;
     for (const std::string &t : tables) {
       std::string table = t.substr(0, t.find('|'));
-      for (const std::string &line : faults::rows(c, "SHOW TABLE " + table))
+      for (const std::string &line : rows(c, "SHOW TABLE " + table))
         all.push_back(table + ": " + line);
-      Texts data = faults::rows(c, "SELECT * FROM " + table);
+      Texts data = rows(c, "SELECT * FROM " + table);
       std::sort(data.begin(), data.end());
       for (const std::string &line : data) all.push_back(table + "= " + line);
     }
-    for (const std::string &line : faults::rows(c, "SHOW INDICES")) all.push_back(line);
+    for (const std::string &line : rows(c, "SHOW INDICES")) all.push_back(line);
     DBfinish(c);
   }
   DBconn_free(c);
@@ -51,9 +52,9 @@ Texts read_all(const std::string &ns, const std::string &db) {
 // Runs tavrind once with `args` (after the program's name), its output in
 // `log`; its exit status, or -1 when it did not end within a minute.
 int run_tavrind(std::vector<std::string> args, const std::string &log) {
-  args.insert(args.begin(), faults::tavrind_program());
-  pid_t pid = faults::spawn_logged(args, log);
-  return pid > 0 ? faults::reap(pid, 60s) : -1;
+  args.insert(args.begin(), program());
+  pid_t pid = spawn_logged(args, log);
+  return pid > 0 ? reap(pid, 60s) : -1;
 }
 
 class PgStore : public ::testing::Test {
@@ -61,26 +62,21 @@ protected:
   void SetUp() override {
     if (!pgcluster::postgres_store())
       GTEST_SKIP() << "PostgreSQL store tests run in the postgres pass (ctest -L postgres)";
-    if (faults::tavrind_program().empty()) GTEST_SKIP() << "tavrind has not been built";
+    if (program().empty()) GTEST_SKIP() << "tavrind has not been built";
     msg_set_handler([](const char *) {});
     std::string why;
     cluster = pgcluster::shared(why);
     ASSERT_TRUE(cluster) << why;
-    char tmpl[] = "/tmp/zentiq_pgstore_XXXXXX";
-    ASSERT_TRUE(mkdtemp(tmpl));
-    dir = tmpl;
-  }
-  void TearDown() override {
-    if (!dir.empty()) fs::remove_all(dir);
   }
   pgcluster::Cluster *cluster = nullptr;
-  std::string dir;
+  scratch::ScratchDir folder{"pgstore", false};
+  const std::string dir = folder.path();
 };
 
 TEST_F(PgStore, ImportedDemoFolderReadsTheSameAndASecondImportIsRefused) {
-  faults::Server lite;
+  Server lite;
   lite.sqlite = true;
-  ASSERT_TRUE(lite.start({})) << lite.log_text();
+  ASSERT_TRUE(lite.start()) << lite.why();
   Texts demo = read_all(lite.ns(), "DEMO"), tdsys = read_all(lite.ns(), "TDSYS");
   ASSERT_GT(demo.size(), 10u) << demo[0];
   ASSERT_EQ(lite.terminate(10s), 0);
@@ -89,24 +85,23 @@ TEST_F(PgStore, ImportedDemoFolderReadsTheSameAndASecondImportIsRefused) {
   ASSERT_FALSE(db.empty()) << why;
   std::vector<std::string> import = {"--postgres", db, "--import-sqlite", lite.data_dir()};
   std::string log = dir + "/import.log";
-  ASSERT_EQ(run_tavrind(import, log), 0) << faults::text_of(log);
+  ASSERT_EQ(run_tavrind(import, log), 0) << scratch::read_file(log);
   // Every table of both databases was counted and checked.
-  std::string said = faults::text_of(log);
+  std::string said = scratch::read_file(log);
   EXPECT_THAT(said, AllOf(HasSubstr("DEMO."), HasSubstr("TDSYS.")));
   EXPECT_NE(run_tavrind(import, log), 0) << "a second import over the same schemas";
-  EXPECT_GT(faults::text_of(log).size(), said.size()) << "the refusal says why";
+  EXPECT_GT(scratch::read_file(log).size(), said.size()) << "the refusal says why";
 
-  faults::Server pg;
+  Server pg;
   pg.store = db;
-  ASSERT_TRUE(pg.start({})) << pg.log_text();
+  ASSERT_TRUE(pg.start()) << pg.why();
   EXPECT_EQ(read_all(pg.ns(), "DEMO"), demo);
   EXPECT_EQ(read_all(pg.ns(), "TDSYS"), tdsys);
 }
 
 TEST_F(PgStore, SavedDatabaseOpensInTheSqliteStoreWithTheSameRows) {
-  faults::Server pg;
-  ASSERT_TRUE(pg.start({})) << pg.why() << pg.log_text();
-  setenv("TAVRIN_NAMESPACE", pg.ns().c_str(), 1);
+  Server pg;
+  ASSERT_TRUE(pg.start()) << pg.why();
   char name[] = "DEMO";
   DBCONN *c = DBconnect(name);
   ASSERT_EQ(DBstatus(c), DBCONN_OK) << DBerrormessage(c);
@@ -123,7 +118,7 @@ TEST_F(PgStore, SavedDatabaseOpensInTheSqliteStoreWithTheSameRows) {
         "'1800-01-01-00.00.00.000001', '$$', '')",
         "INSERT INTO WERT (WERT_ID, S, I, F, D, Z, TS, B) VALUES (3, '', '', '', '', '', '', '')",
         "SAVE DATABASE"})
-    ASSERT_EQ(faults::run(c, sql), DBRES_DONE) << sql;
+    ASSERT_EQ(run(c, sql), DBRES_DONE) << sql;
   DBfinish(c);
   DBconn_free(c);
   DBcomm_close();
@@ -135,13 +130,13 @@ TEST_F(PgStore, SavedDatabaseOpensInTheSqliteStoreWithTheSameRows) {
   ASSERT_FALSE(copy.empty()) << "no DEMO_*.db in the backup folder";
 
   // The saved file in place of a SQLite data folder's DEMO.
-  faults::Server lite;
+  Server lite;
   lite.sqlite = true;
-  ASSERT_TRUE(lite.start({})) << lite.log_text();
+  ASSERT_TRUE(lite.start()) << lite.why();
   ASSERT_EQ(lite.terminate(10s), 0);
   for (const char *ext : {"", "-wal", "-shm"}) fs::remove(lite.data_dir() + "/DEMO.db" + ext);
   fs::copy_file(copy, lite.data_dir() + "/DEMO.db");
-  ASSERT_TRUE(lite.restart()) << lite.log_text();
+  ASSERT_TRUE(lite.restart()) << lite.why();
   EXPECT_EQ(read_all(lite.ns(), "DEMO"), saved);
 }
 

@@ -1,7 +1,6 @@
-// Decoding of requests: the bare requests no statement test makes, and
-// requests that do not decode (short, wrong tags, unknown command bytes,
-// nonsense lengths, trailing bytes, hostile nesting), which are answered with
-// a text while the executor goes on serving.
+// Decoding of requests: requests that do not decode (short, wrong tags,
+// unknown command bytes, nonsense lengths, trailing bytes, hostile nesting),
+// which are answered with a text while the executor goes on serving.
 #include "tests/server/executor_testutil.h"
 
 #include "server/request.h"
@@ -21,18 +20,6 @@ std::string refusal(const Bytes &b) {
   std::string err;
   EXPECT_EQ(request_decode(b.data(), b.size(), q, err), 0);
   return err;
-}
-
-// The statements themselves are decoded in every executor test; these are
-// the requests no statement of those tests makes.
-TEST(Request, BareRequestsDecode) {
-  EXPECT_EQ(decoded(encode(";")).kind, ReqKind::Commit);
-  EXPECT_FALSE(decoded(command('4')).has_name);
-  EXPECT_EQ(decoded(command('4', "X")).name, "X");
-  Request q = decoded(encode("update t set a = 'x', b = -7 where exists (select * from u)"));
-  ASSERT_EQ(q.assigns.size(), 2u);
-  EXPECT_EQ(q.assigns[1].value.i, -7);
-  EXPECT_EQ(q.where->kind, Expr::Exists);
 }
 
 TEST(Request, MalformedRequestsAreRefusedWithWhatIsWrong) {

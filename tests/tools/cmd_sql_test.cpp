@@ -1,7 +1,6 @@
 // tavrin sql as a user runs it: statements from arguments and from a pipe,
 // the three output formats, counts of changes, transactions, failures and
-// their exit statuses, the -db rules; and tavrin ping with and without a
-// server.
+// their exit statuses, the -db rules.
 #include "tools_testutil.h"
 
 #include <algorithm>
@@ -183,17 +182,5 @@ TEST_F(TavrinSql, SelectsStreamTheirRowsInEveryFormat) {
 }
 
 class TavrinPing : public tooltest::WithServer {};
-
-TEST_F(TavrinPing, AnswersWithTimeAndDatabasesOrTheConnectionMessage) {
-  Outcome r = run("$T ping");
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out.rfind("TAVRIN server on database TDSYS answered in ", 0), 0u) << r.out;
-  EXPECT_NE(r.out.find(" ms\nDatabases: DEMO TDSYS\n"), std::string::npos) << r.out;
-  EXPECT_EQ(run("$T ping -dbdemo").status, 0);
-
-  EXPECT_TRUE(exits("TAVRIN_NAMESPACE=zqnoserver_ $T ping", 1,
-                    "Connection to TAVRIN-database 'tdsys' failed:\n  "));
-  EXPECT_EQ(run("$T ping extra").status, 2);
-}
 
 } // namespace

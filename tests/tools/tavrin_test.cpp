@@ -1,7 +1,6 @@
 // tavrin as its users run it, without a server: the built program as a
 // subprocess on files and pipes, its exit statuses and messages, compressing,
-// and the request bytes that encode prints (or the parser's message); and the
-// terminal text conversion.
+// and the terminal text conversion.
 #include "tools/term.h"
 #include "tools_testutil.h"
 
@@ -117,26 +116,6 @@ TEST_F(Tavrin, FailuresReportAndLeaveNoOutput) {
   ASSERT_EQ(run("$T uncompress t.vz old.txt").status, 0);
   EXPECT_EQ(slurp(dir / "old.txt"), text);
   EXPECT_EQ(fs::status(dir / "old.txt").permissions(), fs::perms(0640));
-}
-
-TEST_F(Tavrin, EncodePrintsRequestBytesOrParserMessage) {
-  // 'C' '*' 'v' name "T" 'x'. Arguments are joined with blanks; a given ";"
-  // is not doubled. Terminal text is UTF-8; the request carries Latin-1
-  // ("ä" is e4).
-  const std::pair<const char *, Outcome> cases[] = {
-      {"'select * from t'", {0, "435776610200540078\n", ""}},
-      {"DELETE FROM t';'", {0, "47610200540078\n", ""}},
-      {"BEGIN", {0, "4a\n", ""}},
-      {"''", {0, "4b\n", ""}},
-      {"\"INSERT INTO t VALUES ('\xc3\xa4')\"", {0, "45610200540058660200e40078\n", ""}},
-      {"DROP DATABASE x",
-       {1, "", "Syntax error: end of SQL-command expected (found '<identifier value>')\n"}},
-      {"'INSERT INTO t (a, b) VALUES (1, 2, 3)'",
-       {1, "", "(INSERT) attributes (2) do not match values (3)\n"}},
-  };
-  for (const auto &[args, want] : cases)
-    EXPECT_EQ(run(std::string("$T encode ") + args), want) << args;
-  EXPECT_TRUE(exits("$T encode", 2, "usage: tavrin encode STATEMENT..."));
 }
 
 TEST(Term, Latin1AndUtf8AtTheTerminalEdge) {

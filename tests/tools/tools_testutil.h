@@ -10,11 +10,10 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 
-#include "tests/access/tavrind_fixture.h"
+#include "tests/tavrind_fixture.h"
 
 namespace tooltest {
 
@@ -27,19 +26,14 @@ inline std::ostream &operator<<(std::ostream &o, const Outcome &r) {
   return o << "status " << r.status << "\nout: " << r.out << "\nerr: " << r.err;
 }
 
-inline std::string slurp(const std::filesystem::path &p) {
-  std::ifstream in(p, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-inline void spill(const std::filesystem::path &p, const std::string &data) {
-  std::ofstream(p, std::ios::binary) << data;
-}
+inline constexpr auto &slurp = scratch::read_file;
+inline constexpr auto &spill = scratch::write_file;
 
 // A scratch folder per test and the built tavrin.
 class InScratch : public ::testing::Test {
 protected:
-  std::filesystem::path dir;
+  scratch::ScratchDir scratch_dir{"tavrin_test", false};
+  std::filesystem::path dir = scratch_dir.path();
   std::string exe;
 
   void SetUp() override {
@@ -47,12 +41,6 @@ protected:
     ASSERT_NE(build, nullptr) << "ZENTIQ_BUILD_DIR is set by the test environment";
     exe = std::string(build) + "/tools/tavrin";
     ASSERT_TRUE(std::filesystem::exists(exe)) << exe;
-    char tmpl[] = "/tmp/tavrin_test_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
-  }
-  void TearDown() override {
-    if (!dir.empty()) std::filesystem::remove_all(dir);
   }
 
   // Runs a shell command line in the scratch folder in which "T" stands for
@@ -78,15 +66,15 @@ protected:
 class WithServer : public InScratch {
 protected:
   static inline std::unique_ptr<tavrind_fixture::Server> server;
-  static inline std::string why;
+  static inline bool up = false;
 
   static void SetUpTestSuite() {
     server = std::make_unique<tavrind_fixture::Server>();
-    if (!server->start(why)) server.reset();
+    up = server->start();
   }
   static void TearDownTestSuite() { server.reset(); }
   void SetUp() override {
-    if (!server) GTEST_SKIP() << "no TAVRIN server: " << why;
+    if (!up) GTEST_SKIP() << "no TAVRIN server: " << server->why();
     setenv("TAVRIN_NAMESPACE", server->ns().c_str(), 1);
     unsetenv("DBSYS");
     InScratch::SetUp();
